@@ -1,0 +1,83 @@
+# How a room's targets are declared, so that every room is built, exported and tested the same way.
+
+set(PRICE_CONNECTOR_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
+                             -Wold-style-cast -Wcast-align -Wimplicit-fallthrough)
+
+# Settings for code of ours that is compiled here; nothing of them reaches what links it.
+function(price_connector_compile_settings target)
+  target_compile_features(${target} PRIVATE cxx_std_20)
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(
+    ${target}
+    PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${PRICE_CONNECTOR_WARNINGS}>
+            $<$<BOOL:${PRICE_CONNECTOR_WARNINGS_AS_ERRORS}>:-Werror>
+            # Log statements carry their file's path relative to the source tree.
+            -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  if(PRICE_CONNECTOR_SANITIZE STREQUAL "address")
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=all
+                                             -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  elseif(PRICE_CONNECTOR_SANITIZE STREQUAL "thread")
+    target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=thread)
+  endif()
+endfunction()
+
+# Exports targets as price_connector::<name>.
+function(price_connector_install)
+  install(
+    TARGETS ${ARGV}
+    EXPORT price_connectorTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endfunction()
+
+# price_connector_library(<room> [SHARED|STATIC|INTERFACE] [SOURCES <file>...] [PUBLIC <lib>...] [PRIVATE <lib>...])
+#
+# The target price_connector::<room>, with the folder include/ for others and source/ for itself. What stands behind a
+# link-time seam is SHARED, so that another implementation can take its place; everything else is STATIC.
+function(price_connector_library room)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "SHARED;STATIC;INTERFACE" "" "SOURCES;PUBLIC;PRIVATE")
+  set(target price_connector_${room})
+  if(arg_INTERFACE)
+    add_library(${target} INTERFACE)
+    set(scope INTERFACE)
+  else()
+    set(kind STATIC)
+    if(arg_SHARED)
+      set(kind SHARED)
+    endif()
+    add_library(${target} ${kind} ${arg_SOURCES})
+    set(scope PUBLIC)
+    price_connector_compile_settings(${target})
+    target_include_directories(${target} PRIVATE source)
+    target_link_libraries(${target} PRIVATE ${arg_PRIVATE})
+  endif()
+  add_library(price_connector::${room} ALIAS ${target})
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${room})
+  if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/include)
+    target_include_directories(
+      ${target} ${scope} $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+                         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/price_connector>)
+    install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/price_connector)
+  endif()
+  target_compile_features(${target} INTERFACE cxx_std_17)
+  target_link_libraries(${target} ${scope} ${arg_PUBLIC})
+  price_connector_install(${target})
+endfunction()
+
+# price_connector_test(<name> SOURCES <file>... [LIBRARIES <lib>...] [LABELS <label>...])
+#
+# A GoogleTest program whose cases are tests of their own. It may include its room's private headers.
+function(price_connector_test name)
+  if(NOT PRICE_CONNECTOR_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES;LABELS")
+  add_executable(${name} ${arg_SOURCES})
+  price_connector_compile_settings(${name})
+  target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/source ${CMAKE_CURRENT_SOURCE_DIR}/../source)
+  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS "${arg_LABELS}")
+endfunction()

@@ -1,0 +1,26 @@
+// The transport between the contexts of one machine and one user.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "transport/transport.h"
+
+namespace engine::transport::host {
+
+struct HostSettings {
+  std::string runtimeDirectory;  // empty: from the environment, see runtimeDirectory()
+  std::string domain;            // a file name: the sub-directory in which the domain's contexts meet
+  std::string contextName;       // told to peers; may be empty
+  std::size_t linkBufferBytes = 1 << 20;  // room for what a peer has not yet taken, per link
+  std::function<void(int level, const std::string& text)> notice;  // faults of peers, for operators; any thread
+};
+
+// The directory that holds the domains: LBM_RUNTIME_DIR, else $XDG_RUNTIME_DIR/lbm, else /tmp/lbm-<uid>.
+std::string runtimeDirectory();
+
+// Joins the domain and returns when every context that was there is connected.
+std::unique_ptr<Transport> joinHostDomain(const HostSettings& settings);
+
+}  // namespace engine::transport::host
