@@ -1,0 +1,133 @@
+# Fails when a file includes a header of a room that its own room may not know, or another room's private header.
+#
+#   cmake -D ROOT=<source tree> -P check.cmake
+cmake_minimum_required(VERSION 3.25)
+
+# Every room, and the rooms that it may know directly. What those may know it may know too.
+set(arrows
+    "tools -> price_server/ps_common/connector"
+    "bench -> price_server/ps_common/connector platform/lbm/scripted"
+    "price_server/ps_common/connector -> lbm price_server/ps_common/config misc/logger platform/onload"
+    "price_server/ps_common/config ->"
+    "lbm -> platform/lbm messaging misc/logger"
+    "messaging ->"
+    "misc/logger ->"
+    "platform/onload ->"
+    "platform/lbm/embedded -> platform/lbm"
+    "platform/lbm/scripted -> platform/lbm"
+    "platform/lbm ->")
+
+# A room's tests may use the test kit too.
+set(test_kit platform/lbm/scripted)
+
+# Headers that are not in the source tree because they are generated: a pattern, and the room that has them.
+set(generated_pattern "\\.pb\\.h$")
+set(generated_room messaging)
+
+set(rooms)
+foreach(arrow IN LISTS arrows)
+  string(REGEX MATCH "^([^ ]+) ->(.*)$" _ "${arrow}")
+  set(room ${CMAKE_MATCH_1})
+  list(APPEND rooms ${room})
+  separate_arguments(direct_${room} UNIX_COMMAND "${CMAKE_MATCH_2}")
+endforeach()
+
+# Sets known_<room> to the room itself and everything reachable from it.
+foreach(room IN LISTS rooms)
+  set(known ${room})
+  set(open ${room})
+  while(open)
+    list(POP_FRONT open next)
+    foreach(direct IN LISTS direct_${next})
+      if(NOT direct IN_LIST rooms)
+        message(FATAL_ERROR "The table of arrows names an unknown room: ${direct}")
+      endif()
+      if(NOT direct IN_LIST known)
+        list(APPEND known ${direct})
+        list(APPEND open ${direct})
+      endif()
+    endforeach()
+  endwhile()
+  set(known_${room} ${known})
+endforeach()
+
+# The innermost room that has the file; empty when none has.
+function(room_of file result)
+  set(best "")
+  string(LENGTH "${best}" best_length)
+  foreach(room IN LISTS rooms)
+    string(FIND "${file}" "${room}/" at)
+    string(LENGTH "${room}" length)
+    if(at EQUAL 0 AND length GREATER best_length)
+      set(best ${room})
+      set(best_length ${length})
+    endif()
+  endforeach()
+  set(${result} "${best}" PARENT_SCOPE)
+endfunction()
+
+# The file of the tree, relative to it, that an include in one of the room's files means; empty when it is none of ours.
+function(resolve name file room result)
+  get_filename_component(folder ${file} DIRECTORY)
+  set(candidates ${folder} ${room}/source ${room}/include ${room}/tests)
+  foreach(other IN LISTS rooms)
+    list(APPEND candidates ${other}/include)
+  endforeach()
+  foreach(other IN LISTS rooms)
+    list(APPEND candidates ${other}/source)
+  endforeach()
+  set(found "")
+  foreach(candidate IN LISTS candidates)
+    if(EXISTS ${ROOT}/${candidate}/${name})
+      cmake_path(SET found NORMALIZE ${candidate}/${name})
+      break()
+    endif()
+  endforeach()
+  set(${result} "${found}" PARENT_SCOPE)
+endfunction()
+
+set(checked 0)
+set(violations)
+foreach(room IN LISTS rooms)
+  file(GLOB_RECURSE files RELATIVE ${ROOT} ${ROOT}/${room}/*.h ${ROOT}/${room}/*.hpp ${ROOT}/${room}/*.c
+       ${ROOT}/${room}/*.cc ${ROOT}/${room}/*.cpp ${ROOT}/${room}/include/*)
+  list(REMOVE_DUPLICATES files)
+  foreach(file IN LISTS files)
+    room_of(${file} owner)
+    if(NOT owner STREQUAL room)
+      continue()
+    endif()
+    set(may_know ${known_${room}})
+    if(file MATCHES "^${room}/(.*/)?tests/")
+      list(APPEND may_know ${test_kit})
+    endif()
+    file(STRINGS ${ROOT}/${file} includes REGEX "^[ \t]*#[ \t]*include[ \t]*[<\"]")
+    foreach(include IN LISTS includes)
+      string(REGEX MATCH "[<\"]([^>\"]+)[>\"]" _ "${include}")
+      set(name ${CMAKE_MATCH_1})
+      math(EXPR checked "${checked} + 1")
+      resolve(${name} ${file} ${room} target)
+      if(target)
+        room_of(${target} target_room)
+      elseif(name MATCHES "${generated_pattern}")
+        set(target_room ${generated_room})
+      else()
+        continue()
+      endif()
+      if(NOT target_room IN_LIST may_know)
+        list(APPEND violations "${file}: includes ${name}, but ${room} may not know ${target_room}")
+      elseif(NOT target_room STREQUAL room AND target AND NOT target MATCHES "^${target_room}/include/")
+        list(APPEND violations "${file}: includes ${name}, which is private to ${target_room}")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+if(checked EQUAL 0)
+  message(FATAL_ERROR "No include line found under ${ROOT}")
+endif()
+if(violations)
+  list(JOIN violations "\n  " text)
+  message(FATAL_ERROR "Includes against the allowed arrows:\n  ${text}")
+endif()
+message(STATUS "${checked} include lines follow the allowed arrows")

@@ -1,0 +1,1 @@
+#include "ps/manager.h"

@@ -1,0 +1,2 @@
+#include "hidden.h"
+#include "ps/manager.h"
