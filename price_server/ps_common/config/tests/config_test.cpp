@@ -1,0 +1,223 @@
+#include "ps_common/config/config.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+namespace ps_ns {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+namespace pt = boost::property_tree;
+
+constexpr const char* kText = R"(<?xml version="1.0"?>
+<!-- <ignored> -->
+<PSConfig site="Chicago">
+  <Logging lbmNotifications="Yes" empty="" blank=" 1" two="2"/>
+  <General OnloadStackName=" stack ">
+    <PSConfig/>
+    <Limit>12</Limit>
+    <Limit>13</Limit>
+  </General>
+</PSConfig>
+)";
+
+std::string ErrorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+std::string ParseError(const std::string& xml, const std::string& root = {}) {
+  return ErrorOf([&] { Config::Parse(xml, "client.xml", root); });
+}
+
+std::string Nested(std::size_t depth) {
+  std::string xml;
+  for (std::size_t i = 0; i < depth; ++i) {
+    xml += "<a>";
+  }
+  for (std::size_t i = 0; i < depth; ++i) {
+    xml += "</a>";
+  }
+  return xml;
+}
+
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string name = std::filesystem::temp_directory_path() / "config_test.XXXXXX";
+    if (::mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed for " + name);
+    }
+    m_path = name;
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  ~TemporaryDirectory() { std::filesystem::remove_all(m_path); }
+
+  const std::filesystem::path& Path() const { return m_path; }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+TEST(ConfigTest, LookupsTakeNamesBelowTheRootAndFullPaths) {
+  const auto config = Config::Parse(kText);
+  EXPECT_EQ(config->GetRoot(), "PSConfig");
+  EXPECT_EQ(config->GetCompositeNode("General")->GetAttrValue<std::string>("OnloadStackName", ""), " stack ");
+  EXPECT_EQ(config->GetCompositeNode("PSConfig.General")->GetNodeName(), "PSConfig.General");
+  EXPECT_EQ(config->GetCompositeNode("PSConfig")->GetAttrValue<std::string>("site", ""), "Chicago");
+  EXPECT_EQ(config->GetValue("General.Limit"), "12");
+  EXPECT_EQ(config->GetValue("Logging.<xmlattr>.two"), "2");
+  EXPECT_THAT(config->GetChildNames(), ElementsAre("Logging", "General"));
+  EXPECT_THAT(config->GetChildNames("General"), ElementsAre("PSConfig", "Limit", "Limit"));
+  EXPECT_THAT(config->GetChildNames("Logging"), IsEmpty());
+  EXPECT_THROW(config->GetCompositeNode("Missing"), pt::ptree_bad_path);
+  EXPECT_THROW(config->GetChildNames("Missing"), pt::ptree_bad_path);
+}
+
+TEST(ConfigTest, OnlyTheFirstEightCharactersDecideWhetherAPathIsFull) {
+  EXPECT_EQ(ConfigHelper::GetQualifiedName("PSConfig", "PSConfigOther"), "PSConfigOther");
+  EXPECT_EQ(ConfigHelper::GetQualifiedName("Config", "Config"), "Config");
+  EXPECT_EQ(ConfigHelper::GetQualifiedName("Config", "Config.Logging"), "Config.Config.Logging");
+  EXPECT_EQ(ConfigHelper::GetQualifiedName("LongConfig", "LongConfig"), "LongConfig.LongConfig");
+  EXPECT_EQ(ConfigHelper::GetQualifiedName("PSConfig", "PSConf"), "PSConfig.PSConf");
+}
+
+TEST(ConfigTest, FoundTellsWhetherTheValueIsInTheFile) {
+  const auto config = Config::Parse(kText);
+  const auto node = config->GetCompositeNode("Logging");
+  bool found = false;
+  EXPECT_EQ(node->GetAttrValue<std::string>("empty", "default", &found), "");
+  EXPECT_TRUE(found);
+  EXPECT_TRUE(node->GetAttrValue<bool>("missing", true, &found));
+  EXPECT_FALSE(found);
+  EXPECT_TRUE(node->GetAttrValue<bool>("lbmNotifications", false, &found));
+  EXPECT_TRUE(found);
+  EXPECT_EQ(config->GetValue("Missing", "default", &found), "default");
+  EXPECT_FALSE(found);
+  EXPECT_FALSE(node->GetAttrValue<bool>("missing", false));
+}
+
+TEST(ConfigTest, BooleansAreWordsInAnyCaseAndNothingElse) {
+  const auto read = [](const std::string& text) {
+    pt::ptree tree;
+    tree.put("<xmlattr>.flag", text);
+    return CompositeNode("node", tree).GetAttrValue<bool>("flag", false);
+  };
+  for (const char* text : {"1", "true", "TRUE", "Yes", "t"}) {
+    EXPECT_TRUE(read(text)) << text;
+  }
+  for (const char* text : {"0", "False", "no", "NO", "f"}) {
+    EXPECT_FALSE(read(text)) << text;
+  }
+  EXPECT_EQ(ErrorOf([&] { read("2"); }), "Invalid Value 2 for Attribute flag");
+  EXPECT_EQ(ErrorOf([&] { read(" yes"); }), "Invalid Value  YES for Attribute flag");
+  EXPECT_EQ(ErrorOf([&] { read("true "); }), "Invalid Value TRUE  for Attribute flag");
+  EXPECT_EQ(ErrorOf([&] { read(""); }), "Invalid Value  for Attribute flag");
+  EXPECT_EQ(ErrorOf([&] { read("y"); }), "Invalid Value Y for Attribute flag");
+}
+
+TEST(ConfigTest, CopiesAreIndependentOfTheOriginal) {
+  auto original = Config::Parse(kText, "one.xml");
+  const Config copy = *original;
+  const auto node = original->GetCompositeNode("General");
+  const std::string& path = original->GetPath();
+  *original = *Config::Parse("<Other><X/></Other>", "a much longer path than the one before it.xml");
+  EXPECT_EQ(path, "a much longer path than the one before it.xml");
+  EXPECT_EQ(original->GetRoot(), "Other");
+  EXPECT_THAT(original->GetChildNames(), ElementsAre("X"));
+  EXPECT_EQ(copy.GetPath(), "one.xml");
+  EXPECT_EQ(copy.GetValue("General.Limit"), "12");
+  EXPECT_EQ(node->GetPTree().get<std::string>("Limit"), "12");
+  const Config& self = *original;
+  *original = self;
+  EXPECT_EQ(original->GetRoot(), "Other");
+}
+
+TEST(ConfigTest, FaultsInTheTextNameFileAndLine) {
+  const struct {
+    const char* xml;
+    const char* where;
+    const char* what;
+  } faults[] = {
+      {"", "client.xml:1: ", "is empty"},
+      {"\n<!-- nothing -->\n", "client.xml:2: ", "is empty"},
+      {"setting=1\n", "client.xml:1: ", "not XML"},
+      {"<A>\n</A>\n<B/>", "client.xml:3: ", "second root element <B>"},
+      {"<A/>\ntail", "client.xml:2: ", "text after the root"},
+      {"<A>\n<B>\n</A>", "client.xml:3: ", "<B> is open"},
+      {"<A>\n<B>\n</B>", "client.xml:1: ", "<A> is never closed"},
+      {"</A>", "client.xml:1: ", "without a start tag"},
+      {"<A>\n<B x=1/></A>", "client.xml:2: ", "name=\"value\""},
+      {"<A\n x='1' x='2'/>", "client.xml:1: ", "x twice"},
+      {"<A>\n<B x=\"1/></A>", "client.xml:2: ", "never closed"},
+      {"<A x='1'y='2'/>", "client.xml:1: ", "not well-formed"},
+      {"<A>\n<!-- </A>", "client.xml:2: ", "comment is never closed"},
+      {"<A>\n<![CDATA[ </A>", "client.xml:2: ", "CDATA section is never closed"},
+      {"<?xml version='1.0'", "client.xml:1: ", "never closed"},
+      {"<A", "client.xml:1: ", "not well-formed"},
+      {"<A>\n< B/></A>", "client.xml:2: ", "&lt;"},
+      {"<!DOCTYPE A [<!ENTITY e 'x'>]>\n<A>&e;</A>", "client.xml:1: ", "DOCTYPE"},
+  };
+  for (const auto& fault : faults) {
+    EXPECT_THAT(ParseError(fault.xml), AllOf(StartsWith(fault.where), HasSubstr(fault.what))) << fault.xml;
+  }
+  EXPECT_THAT(ParseError(std::string("<A>\n\0</A>", 9)), AllOf(StartsWith("client.xml:2: "), HasSubstr("zero byte")));
+  EXPECT_THAT(ParseError("\n<A/>", "PSConfig"), AllOf(StartsWith("client.xml:2: "), HasSubstr("must be <PSConfig>")));
+}
+
+TEST(ConfigTest, MarkupInsideValuesIsNotStructure) {
+  const auto config = Config::Parse(
+      "\xEF\xBB\xBF<A x='</A>' y = \"it's > that\"><?pi <B> ?><!-- </A> --><C><![CDATA[<D></A>]]></C>&lt;</A\n>\n");
+  const auto root = config->GetCompositeNode("A");
+  EXPECT_EQ(root->GetAttrValue<std::string>("x", ""), "</A>");
+  EXPECT_EQ(root->GetAttrValue<std::string>("y", ""), "it's > that");
+  EXPECT_EQ(config->GetValue("C"), "<D></A>");
+  EXPECT_THAT(config->GetChildNames(), ElementsAre("C"));
+}
+
+TEST(ConfigTest, NestingHasALimitThatIsAnErrorAndNotACrash) {
+  EXPECT_EQ(Config::Parse(Nested(Config::kMaxNesting))->GetRoot(), "a");
+  EXPECT_THAT(ParseError(Nested(Config::kMaxNesting + 1)), HasSubstr("more than 64 deep"));
+  EXPECT_THAT(ParseError(Nested(100'000)), HasSubstr("more than 64 deep"));
+}
+
+TEST(ConfigTest, LoadReadsTheFile) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Path() / "client.xml";
+  std::ofstream(path) << kText;
+  const auto config = Config::Load(path, "PSConfig");
+  EXPECT_EQ(config->GetPath(), path);
+  EXPECT_EQ(config->GetValue("General.Limit"), "12");
+}
+
+TEST(ConfigTest, FilesThatCanNotBeReadSayWhy) {
+  const TemporaryDirectory directory;
+  const std::string missing = directory.Path() / "missing.xml";
+  EXPECT_THAT(ErrorOf([&] { Config::Load(missing); }), AllOf(StartsWith(missing), HasSubstr("No such file")));
+  EXPECT_THAT(ErrorOf([&] { Config::Load(directory.Path()); }), HasSubstr("is a directory"));
+
+  const std::string large = directory.Path() / "large.xml";
+  std::ofstream(large) << "<A>" << std::string(Config::kMaxFileSize - 7, ' ') << "</A>";
+  EXPECT_EQ(Config::Load(large)->GetRoot(), "A");
+  std::ofstream(large, std::ios::app) << '\n';
+  EXPECT_THAT(ErrorOf([&] { Config::Load(large); }), AllOf(StartsWith(large), HasSubstr("larger than")));
+}
+
+}  // namespace
+}  // namespace ps_ns
