@@ -1,0 +1,281 @@
+#include "ps_common/connector/topic_names.h"
+
+#include <lbm/lbm.h>
+
+#include <charconv>
+#include <cstdint>
+#include <stdexcept>
+#include <system_error>
+#include <tuple>
+#include <utility>
+
+namespace ps_ns {
+namespace {
+
+constexpr std::string_view kServerPrefix = "price_server";
+constexpr std::string_view kClientCommandPrefix = "client_command";
+
+constexpr std::string_view kSeparator = ".";
+constexpr char kEscape = '%';
+
+// A name is prefix, word and fields, separated by dots. The types of the fields decide how they are written and read.
+template <typename... Fields>
+struct Kind {
+  std::string_view m_prefix;
+  std::string_view m_word;
+  std::string_view m_identities = {};  // what the fields of type std::string are, for error texts
+};
+
+constexpr Kind<ServerInstance> kClientRequest{kServerPrefix, "request"};
+constexpr Kind<ServerInstance> kServerResponse{kServerPrefix, "response"};
+constexpr Kind<ServerInstance, unsigned short> kSegment{kServerPrefix, "segment"};
+constexpr Kind<ServerInstance> kProductResponse{kServerPrefix, "product"};
+constexpr Kind<ServerInstance> kRFQ_Broadcast{kServerPrefix, "rfq"};
+constexpr Kind<ServerInstance> kNewsBroadcast{kServerPrefix, "news"};
+constexpr Kind<ServerInstance> kServerStatus{kServerPrefix, "status"};
+constexpr Kind<ServerInstance> kCommand{kServerPrefix, "command"};
+constexpr Kind<ServerInstance> kCommandResponse{kServerPrefix, "command_response"};
+constexpr Kind<std::string> kClientHostCommand{kClientCommandPrefix, "host", "the host name"};
+constexpr Kind<std::string> kClientIDCommand{kClientCommandPrefix, "id", "the client id"};
+constexpr Kind<std::string, std::string> kClientCommandResponse{kClientCommandPrefix, "response",
+                                                                "the host name or the client id"};
+
+// ---- Writing ----
+
+constexpr bool IsPlain(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+}
+
+void AppendText(std::string& name, const ServerInstance& serverInstance) { name += serverInstance.ToIdentifier(); }
+
+void AppendText(std::string& name, unsigned short number) { name += std::to_string(number); }
+
+void AppendText(std::string& name, const std::string& identity) {
+  constexpr std::string_view digits = "0123456789ABCDEF";
+  for (const char c : identity) {
+    if (IsPlain(c)) {
+      name += c;
+    } else {
+      const auto byte = static_cast<unsigned char>(c);
+      name += kEscape;
+      name += digits[byte >> 4];
+      name += digits[byte & 0xF];
+    }
+  }
+}
+
+bool IsMissing(const std::string& identity) { return identity.empty(); }
+template <typename Number>
+bool IsMissing(const Number&) {
+  return false;
+}
+
+template <typename... Fields>
+std::string Write(const Kind<Fields...>& kind, const Fields&... fields) {
+  std::string name(kind.m_prefix);
+  name += kSeparator;
+  name += kind.m_word;
+  ((name += kSeparator, AppendText(name, fields)), ...);
+  return name;
+}
+
+template <typename... Fields>
+std::string Create(const Kind<Fields...>& kind, const Fields&... fields) {
+  std::string name = Write(kind, fields...);
+  if ((IsMissing(fields) || ...)) {
+    throw std::invalid_argument("Failed to create topic name " + name + ": " + std::string(kind.m_identities) +
+                                " is empty");
+  }
+  if (name.size() > LBM_TOPIC_NAME_MAX) {
+    throw std::length_error("Failed to create topic name " + name + ": it has " + std::to_string(name.size()) +
+                            " bytes of at most " + std::to_string(LBM_TOPIC_NAME_MAX) + "; shorten " +
+                            std::string(kind.m_identities));
+  }
+  return name;
+}
+
+// ---- Reading ----
+
+// Takes a name apart from its start. Reads leniently: what is not spelled as Write spells it falls at the comparison in
+// Parse.
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : m_rest(text) {}
+
+  bool AtEnd() const { return m_rest.empty(); }
+
+  bool Skip(std::string_view text) {
+    if (m_rest.substr(0, text.size()) != text) return false;
+    m_rest.remove_prefix(text.size());
+    return true;
+  }
+
+  template <typename Number>
+  bool ReadField(Number& number) {
+    std::string_view text;
+    if (!ReadFieldText(text)) return false;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end;
+  }
+
+  bool ReadField(ServerInstance& instance) {
+    return ReadField(instance.m_marketID) && ReadField(instance.m_submarketID) && ReadField(instance.m_nodeID) &&
+           ReadField(instance.m_dummy1);
+  }
+
+  bool ReadField(std::string& identity) {
+    std::string_view text;
+    if (!ReadFieldText(text) || text.empty()) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      if (text[i] != kEscape) {
+        identity += text[i];
+        continue;
+      }
+      std::uint8_t byte = 0;
+      const std::string_view digits = text.substr(i + 1, 2);
+      const char* const end = digits.data() + digits.size();
+      if (std::from_chars(digits.data(), end, byte, 16).ptr != end || digits.size() != 2) return false;
+      identity += static_cast<char>(byte);
+      i += digits.size();
+    }
+    return true;
+  }
+
+ private:
+  bool ReadFieldText(std::string_view& text) {
+    if (!Skip(kSeparator)) return false;
+    text = m_rest.substr(0, m_rest.find(kSeparator));
+    m_rest.remove_prefix(text.size());
+    return true;
+  }
+
+  std::string_view m_rest;
+};
+
+template <typename... Fields>
+std::optional<std::tuple<Fields...>> Parse(const Kind<Fields...>& kind, std::string_view topicName) {
+  if (topicName.size() > LBM_TOPIC_NAME_MAX) return std::nullopt;
+  Reader reader(topicName);
+  if (!reader.Skip(kind.m_prefix) || !reader.Skip(kSeparator) || !reader.Skip(kind.m_word)) return std::nullopt;
+
+  std::optional<std::tuple<Fields...>> values(std::in_place);
+  const auto readAll = [&reader](auto&... fields) { return (reader.ReadField(fields) && ...); };
+  if (!std::apply(readAll, *values) || !reader.AtEnd()) return std::nullopt;
+
+  const auto writeAgain = [&kind](const auto&... fields) { return Write(kind, fields...); };
+  if (std::apply(writeAgain, *values) != topicName) return std::nullopt;
+  return values;
+}
+
+// Parse for the kinds with a single field.
+template <typename Field>
+std::optional<Field> ParseSingle(const Kind<Field>& kind, std::string_view topicName) {
+  auto values = Parse(kind, topicName);
+  if (!values) return std::nullopt;
+  return std::get<0>(std::move(*values));
+}
+
+}  // namespace
+
+std::string TopicNames::CreateClientRequestTopic(const ServerInstance& serverInstance) {
+  return Create(kClientRequest, serverInstance);
+}
+
+std::string TopicNames::CreateServerResponseTopic(const ServerInstance& serverInstance) {
+  return Create(kServerResponse, serverInstance);
+}
+
+std::string TopicNames::CreateSegmentTopic(const ServerInstance& serverInstance, unsigned short segment) {
+  return Create(kSegment, serverInstance, segment);
+}
+
+std::string TopicNames::CreateProductResponseTopic(const ServerInstance& serverInstance) {
+  return Create(kProductResponse, serverInstance);
+}
+
+std::string TopicNames::CreateRFQ_BroadcastTopic(const ServerInstance& serverInstance) {
+  return Create(kRFQ_Broadcast, serverInstance);
+}
+
+std::string TopicNames::CreateNewsBroadcastTopic(const ServerInstance& serverInstance) {
+  return Create(kNewsBroadcast, serverInstance);
+}
+
+std::string TopicNames::CreateServerStatusTopic(const ServerInstance& serverInstance) {
+  return Create(kServerStatus, serverInstance);
+}
+
+std::string TopicNames::CreateCommandTopic(const ServerInstance& serverInstance) {
+  return Create(kCommand, serverInstance);
+}
+
+std::string TopicNames::CreateCommandResponseTopic(const ServerInstance& serverInstance) {
+  return Create(kCommandResponse, serverInstance);
+}
+
+std::string TopicNames::CreateClientHostCommandTopic(const std::string& hostname) {
+  return Create(kClientHostCommand, hostname);
+}
+
+std::string TopicNames::CreateClientIDCommandTopic(const std::string& clientID) {
+  return Create(kClientIDCommand, clientID);
+}
+
+std::string TopicNames::CreateClientCommandResponseTopic(const std::string& hostname, const std::string& clientID) {
+  return Create(kClientCommandResponse, hostname, clientID);
+}
+
+std::optional<ServerInstance> TopicNames::ParseClientRequestTopic(std::string_view topicName) {
+  return ParseSingle(kClientRequest, topicName);
+}
+
+std::optional<ServerInstance> TopicNames::ParseServerResponseTopic(std::string_view topicName) {
+  return ParseSingle(kServerResponse, topicName);
+}
+
+std::optional<SegmentTopic> TopicNames::ParseSegmentTopic(std::string_view topicName) {
+  auto values = Parse(kSegment, topicName);
+  if (!values) return std::nullopt;
+  return std::make_from_tuple<SegmentTopic>(std::move(*values));
+}
+
+std::optional<ServerInstance> TopicNames::ParseProductResponseTopic(std::string_view topicName) {
+  return ParseSingle(kProductResponse, topicName);
+}
+
+std::optional<ServerInstance> TopicNames::ParseRFQ_BroadcastTopic(std::string_view topicName) {
+  return ParseSingle(kRFQ_Broadcast, topicName);
+}
+
+std::optional<ServerInstance> TopicNames::ParseNewsBroadcastTopic(std::string_view topicName) {
+  return ParseSingle(kNewsBroadcast, topicName);
+}
+
+std::optional<ServerInstance> TopicNames::ParseServerStatusTopic(std::string_view topicName) {
+  return ParseSingle(kServerStatus, topicName);
+}
+
+std::optional<ServerInstance> TopicNames::ParseCommandTopic(std::string_view topicName) {
+  return ParseSingle(kCommand, topicName);
+}
+
+std::optional<ServerInstance> TopicNames::ParseCommandResponseTopic(std::string_view topicName) {
+  return ParseSingle(kCommandResponse, topicName);
+}
+
+std::optional<std::string> TopicNames::ParseClientHostCommandTopic(std::string_view topicName) {
+  return ParseSingle(kClientHostCommand, topicName);
+}
+
+std::optional<std::string> TopicNames::ParseClientIDCommandTopic(std::string_view topicName) {
+  return ParseSingle(kClientIDCommand, topicName);
+}
+
+std::optional<ClientCommandResponseTopic> TopicNames::ParseClientCommandResponseTopic(std::string_view topicName) {
+  auto values = Parse(kClientCommandResponse, topicName);
+  if (!values) return std::nullopt;
+  return std::make_from_tuple<ClientCommandResponseTopic>(std::move(*values));
+}
+
+}  // namespace ps_ns
