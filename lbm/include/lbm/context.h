@@ -1,0 +1,46 @@
+// The messaging context.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <string>
+
+#include "lbm/attributes.h"
+
+namespace lbm {
+
+// Owns one messaging context, from which every topic, source and receiver is made; it must outlive them all.
+//
+// Threads: built and destroyed on one thread; Poll on one thread at a time; Unblock, GetStrOpt and the NAK operations
+// on any.
+class Context {
+ public:
+  // Reads the name back from the library; a name that cannot be read is logged and stays empty.
+  explicit Context(const ContextAttributes& attrs);
+  virtual ~Context();
+
+  Context(const Context&) = delete;
+  Context& operator=(const Context&) = delete;
+
+  // Processes the context's events for at most timeoutMs milliseconds; for contexts without a thread of their own.
+  int Poll(lbm_ulong_t timeoutMs);
+
+  // Makes a Poll in progress return, or the next one when there is none.
+  void Unblock();
+
+  // The text of one of the context's options, of at most 1023 characters.
+  std::string GetStrOpt(const char* name) const;
+
+  // The messaging library's version 6.13.1 cannot switch NAKs: both log an error and return -1.
+  int EnableNAKs();
+  int DisableNAKs();
+
+  operator lbm_context_t*() noexcept { return m_ctx; }
+  operator const lbm_context_t*() const noexcept { return m_ctx; }
+
+ private:
+  lbm_context_t* m_ctx = nullptr;
+  std::string m_contextName;
+};
+
+}  // namespace lbm

@@ -1,0 +1,47 @@
+// A queue of callbacks for a thread of the application's own.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include "lbm/attributes.h"
+
+namespace lbm {
+
+// Owns one event queue. Receivers and sources made with it have their callbacks run by the thread that is inside Run or
+// Poll. Queues are always made with cancellation callbacks enabled, whatever the attributes say.
+//
+// Threads: Run and Poll on one thread at a time, Unblock on any. That thread must have left them before the queue is
+// destroyed.
+class EventQueue {
+ public:
+  explicit EventQueue(const EventQueueAttributes& attrs);
+  virtual ~EventQueue();
+
+  EventQueue(const EventQueue&) = delete;
+  EventQueue& operator=(const EventQueue&) = delete;
+
+  // Runs callbacks until Unblock is called. Like Poll, returns the library's count and throws LbmError.
+  int Run();
+
+  // Runs the callbacks that are waiting.
+  int Poll();
+
+  // Makes Run return.
+  void Unblock();
+
+  operator lbm_event_queue_t*() noexcept { return m_eq; }
+  operator const lbm_event_queue_t*() const noexcept { return m_eq; }
+
+ private:
+  lbm_event_queue_t* m_eq = nullptr;
+};
+
+namespace details {
+
+// The handle of an optional queue.
+inline lbm_event_queue_t* HandleOf(EventQueue* eq) noexcept {
+  return eq != nullptr ? static_cast<lbm_event_queue_t*>(*eq) : nullptr;
+}
+
+}  // namespace details
+}  // namespace lbm

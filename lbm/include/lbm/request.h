@@ -1,0 +1,34 @@
+// An open request.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include "lbm/message.h"
+
+namespace lbm {
+
+// Owns one request that was sent with Source::SendRequest: every response to it is passed to the callback, until the
+// object is destroyed. It stays where it was made, since the library knows its address.
+//
+// Threads: the callback runs on the thread that processes the context's events, or dispatches the event queue when one
+// was given; the first may come before SendRequest has returned.
+class Request {
+ public:
+  ~Request();
+
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
+
+  operator lbm_request_t*() noexcept { return m_req; }
+  operator const lbm_request_t*() const noexcept { return m_req; }
+
+ private:
+  friend class Source;
+
+  Request(lbm_src_t* src, const char* data, size_t length, int flags, MessageCallback cb, lbm_event_queue_t* evq);
+
+  lbm_request_t* m_req = nullptr;
+  MessageCallback m_cbk;
+};
+
+}  // namespace lbm

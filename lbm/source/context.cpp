@@ -1,0 +1,57 @@
+#include "lbm/context.h"
+
+#include <exception>
+#include <iostream>
+#include <type_traits>
+
+#include "lbm/errors.h"
+#include "log_statements.h"
+#include "text_option.h"
+
+namespace lbm {
+
+static_assert(!std::is_copy_constructible_v<Context> && !std::is_move_constructible_v<Context>);
+
+Context::Context(const ContextAttributes& attrs) {
+  details::ThrowIfFailed(lbm_context_create(&m_ctx, attrs, nullptr, nullptr), "Failed to create LBM context");
+  try {
+    m_contextName = GetStrOpt("context_name");
+  } catch (const std::exception& error) {
+    LBM_LOG(ZQLOG_WARNING, kContextNameUnreadable, "Failed to get context name from context " << error.what());
+  }
+  LBM_LOG(ZQLOG_INFO_SEARCH, kContextCreated,
+          "Created LBM context=" << m_ctx << " with attributes context_name=" << m_contextName);
+}
+
+Context::~Context() {
+  std::cout << "Destroying LBM context=" << m_ctx << " context_name=" << m_contextName << std::endl;
+  if (m_ctx != nullptr) {
+    lbm_context_delete(m_ctx);
+  }
+}
+
+int Context::Poll(lbm_ulong_t timeoutMs) {
+  return details::ThrowIfFailed(lbm_context_process_events(m_ctx, timeoutMs), "Failed to process LBM context events");
+}
+
+void Context::Unblock() { details::ThrowIfFailed(lbm_context_unblock(m_ctx), "Failed to unblock LBM context"); }
+
+std::string Context::GetStrOpt(const char* name) const {
+  return details::ReadTextOption(
+      [&](char* text, std::size_t* length) { return lbm_context_str_getopt(m_ctx, name, text, length); },
+      "Failed to get context string option");
+}
+
+int Context::EnableNAKs() {
+  LBM_LOG(ZQLOG_ERROR, kNaksNotEnabled,
+          "Failed to enable NAKs. This feature is available in LBM versions 6.16.1 and above");
+  return -1;
+}
+
+int Context::DisableNAKs() {
+  LBM_LOG(ZQLOG_ERROR, kNaksNotDisabled,
+          "Failed to disable NAKs. This feature is available in LBM versions 6.16.1 and above");
+  return -1;
+}
+
+}  // namespace lbm
