@@ -23,8 +23,10 @@ function(price_connector_compile_settings target)
   endif()
 endfunction()
 
-# Exports targets as price_connector::<name>.
+# Installs targets and exports them as price_connector::<name>. Installed, they find our shared libraries beside them.
 function(price_connector_install)
+  file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(${ARGV} PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${to_libraries}")
   install(
     TARGETS ${ARGV}
     EXPORT price_connectorTargets
@@ -49,6 +51,9 @@ function(price_connector_library room)
       set(kind SHARED)
     endif()
     add_library(${target} ${kind} ${arg_SOURCES})
+    # Before 1.0 every minor version may change the interface.
+    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION}
+                                               SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
     set(scope PUBLIC)
     price_connector_compile_settings(${target})
     target_include_directories(${target} PRIVATE source)
