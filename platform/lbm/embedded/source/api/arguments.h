@@ -1,0 +1,23 @@
+// Checks that every call of the C interface makes of its arguments.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <string>
+
+#include "core/error.h"
+
+namespace engine::api {
+
+inline void requireNotNull(const void* argument, const char* name) {
+  if (argument == nullptr) throw Error(LBM_EINVAL, std::string("the argument ") + name + " is null");
+}
+
+// What the argument points to.
+template <class T>
+T& required(T* argument, const char* name) {
+  requireNotNull(argument, name);
+  return *argument;
+}
+
+}  // namespace engine::api
