@@ -1,0 +1,40 @@
+// The options of a living object: what it was created with, the values that only a living object has, and the few
+// changes that are possible.
+#pragma once
+
+#include <mutex>
+
+#include "options/option_set.h"
+
+namespace engine {
+
+// As OptionSet, with these differences: an option that can only be set at creation is refused with LBM_EOP, and every
+// operation may be called on any thread at any time.
+class LiveOptions {
+ public:
+  explicit LiveOptions(OptionSet options) : m_options(std::move(options)) {}
+
+  void setText(std::string_view name, std::string_view value);
+  void setBinary(std::string_view name, const void* value, std::size_t size);
+  void getText(std::string_view name, char* buffer, std::size_t& size) const;
+  void getBinary(std::string_view name, void* buffer, std::size_t& size) const;
+  std::vector<std::pair<std::string_view, std::string>> texts() const;
+
+  template <class T>
+  T get(const OptionKey<T>& key) const {
+    const std::lock_guard lock(m_mutex);
+    return m_options.get(key);
+  }
+
+  template <class T>
+  void provide(const OptionKey<T>& key, T value) {
+    const std::lock_guard lock(m_mutex);
+    m_options.provide(key, std::move(value));
+  }
+
+ private:
+  mutable std::mutex m_mutex;
+  OptionSet m_options;  // guarded by m_mutex
+};
+
+}  // namespace engine

@@ -1,0 +1,85 @@
+// The values of one scope's options.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "options/option_keys.h"
+
+namespace engine {
+
+// An option's value. Nothing stands for an option that only a live object has a value for.
+struct Word {
+  std::uint8_t place = 0;  // in the option's words
+  friend bool operator==(Word, Word) = default;
+};
+using OptionValue = std::variant<std::monostate, std::string, Word, bool, std::uint32_t, std::chrono::milliseconds,
+                                 std::size_t, lbm_src_notify_func_t, lbm_rcv_src_notification_func_t>;
+
+// Threads: one at a time, or any number that only read. Failures are Errors whose text names scope, option, the value
+// and what is allowed; they change nothing.
+class OptionSet {
+ public:
+  // With the process's defaults. Fails when the configuration file named by the environment is wrong.
+  explicit OptionSet(Scope scope);
+
+  // With the defaults of the table.
+  static OptionSet builtIn(Scope scope);
+
+  Scope scope() const noexcept { return m_scope; }
+
+  void setText(std::string_view name, std::string_view value);
+  std::string getText(std::string_view name) const;
+
+  // Binary forms: see OptionType. size is that of the value, exactly.
+  void setBinary(std::string_view name, const void* value, std::size_t size);
+
+  // Forms of getText and its binary twin for a caller's buffer. size is the room on entry and the used length on
+  // return. A text gets its terminating zero, for which there must be room beyond the length.
+  void getText(std::string_view name, char* buffer, std::size_t& size) const;
+  void getBinary(std::string_view name, void* buffer, std::size_t& size) const;
+
+  // All options that have a value and a text form, in the order of their names.
+  std::vector<std::pair<std::string_view, std::string>> texts() const;
+
+  // Typed reading: a reference for texts, else a copy. For options that only live objects have: after provide() only.
+  template <class T>
+  decltype(auto) get(const OptionKey<T>& key) const {
+    const OptionValue& value = valueOf(key.scope(), key.place());
+    if constexpr (std::is_same_v<T, std::string>) {
+      return static_cast<const std::string&>(std::get<std::string>(value));
+    } else if constexpr (std::is_enum_v<T>) {
+      return static_cast<T>(std::get<Word>(value).place);
+    } else {
+      return T(std::get<T>(value));
+    }
+  }
+
+  // Gives the value of an option that nobody else may change (Change::never).
+  template <class T>
+  void provide(const OptionKey<T>& key, T value) {
+    provideValue(key.scope(), key.place(), OptionValue(std::in_place_type<T>, std::move(value)));
+  }
+
+  friend bool operator==(const OptionSet& left, const OptionSet& right) noexcept;
+
+ private:
+  struct BuiltIn {};
+  OptionSet(Scope scope, BuiltIn);
+
+  const OptionValue& valueOf(Scope scope, std::size_t place) const;
+  const OptionValue& presentValue(const OptionDefinition& option) const;
+  void provideValue(Scope scope, std::size_t place, OptionValue value);
+  std::size_t place(const OptionDefinition& option) const noexcept;
+
+  Scope m_scope;
+  std::vector<OptionValue> m_values;  // in the order of optionsOf(m_scope)
+};
+
+}  // namespace engine
