@@ -1,12 +1,56 @@
 #include "zq/logging/logger.h"
 
-namespace zq::logging {
+#include <pthread.h>
 
-std::string Source::Reverse() const { return m_parent ? m_name + '.' + m_parent->Reverse() : m_name; }
+#include <cerrno>
+
+namespace zq::logging {
+namespace {
+
+// A plain pointer, freed by a key's destructor instead of a thread_local object's own: key destructors run after those
+// of all thread_local objects, and on the main thread not at all, so statements in destructors of thread_local and
+// static objects find their stream alive.
+thread_local std::ostringstream* t_stream = nullptr;
+
+void DeleteStream(void* stream) {
+  t_stream = nullptr;
+  delete static_cast<std::ostringstream*>(stream);
+}
+
+bool MakeStreamKey(pthread_key_t& key) { return pthread_key_create(&key, &DeleteStream) == 0; }
+
+std::ostringstream& MakeStream() {
+  static pthread_key_t key;
+  static const bool haveKey = MakeStreamKey(key);
+  auto stream = std::make_unique<std::ostringstream>();
+  if (haveKey) {
+    // Without a key, or a value in it, the stream outlives its thread: better than no statement.
+    pthread_setspecific(key, stream.get());
+  }
+  t_stream = stream.release();
+  return *t_stream;
+}
+
+// Statements leave errno alone: code that has just seen a call fail may log before it looks.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() = default;
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+  ~ErrnoKeeper() { errno = m_errno; }
+
+ private:
+  const int m_errno = errno;
+};
+
+}  // namespace
 
 std::ostringstream& GetThreadLocalStream() {
-  thread_local std::ostringstream stream;
-  return stream;
+  if (t_stream != nullptr) {
+    return *t_stream;
+  }
+  const ErrnoKeeper keeper;
+  return MakeStream();
 }
 
 Logger::Logger(LogLevel level, unsigned int id, DecodeType decodeType, const std::shared_ptr<const Source>& source,
@@ -22,8 +66,13 @@ Logger::Logger(LogLevel level, unsigned int id, DecodeType decodeType, const std
       m_handlerName(handlerName) {}
 
 Logger::~Logger() {
-  ForceLockHandlers();
-  LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, m_stream.str(), m_handlerName);
+  const ErrnoKeeper keeper;
+  try {
+    ForceLockHandlers();
+    LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, m_stream.str(), m_handlerName);
+  } catch (...) {
+    // A statement that can not be emitted is lost; it must not take the process with it.
+  }
   m_stream.str({});
 }
 

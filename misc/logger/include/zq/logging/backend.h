@@ -10,12 +10,12 @@
 
 namespace zq::logging {
 
-// Takes one finished statement. handlerName chooses a handler of the back end; empty means the default.
-// Threads: any, at the same time.
+// Takes one finished statement. handlerName chooses a handler of the back end; empty means the default. filename is
+// valid during the call. Threads: any, at the same time, also while static and thread_local objects are destroyed.
 void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType, const std::shared_ptr<const Source>& source,
                 const char* filename, int line, std::string text, const std::string& handlerName);
 
-// Formats and takes one printf-style statement. Threads: any, at the same time.
+// Formats and takes one printf-style statement; a null string prints as "(null)". Threads: as LogMessage.
 void FormatAndLogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
                          const std::shared_ptr<const Source>& source, const char* filename, int line,
                          const char* format, ...) __attribute__((format(printf, 7, 8)));

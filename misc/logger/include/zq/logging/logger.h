@@ -17,10 +17,12 @@
 namespace zq::logging {
 
 // The calling thread's string stream, shared by all statements of the thread. Made on the thread's first statement and
-// destroyed when the thread ends.
+// destroyed when the thread ends, after its thread_local objects; the main thread's lives as long as the process.
 std::ostringstream& GetThreadLocalStream();
 
-// One statement. The text written to Stream() goes to the back end when the object is destroyed.
+// One statement. The text written to Stream() goes to the back end when the object is destroyed; an exception of the
+// back end ends there, with the statement lost. Whatever the statement does to the stream, its formatting or its error
+// state, is undone, and errno is left as it was.
 //
 // Threads: lives and dies on one thread. Statements must not be nested in another statement's text on the same thread:
 // they share the stream.
@@ -51,12 +53,13 @@ class Logger {
 }  // namespace zq::logging
 
 // A stream-style statement with every field given. text is what follows Stream() <<.
-#define ZQLOG_AT(level, id, source, file, line, text)                                                             \
-  do {                                                                                                            \
-    if (::zq::logging::IsEnabled(level)) {                                                                        \
-      ::zq::logging::Logger((level), (id), ::zq::logging::ZQLOG_DECODE_AS_KV, (source), (file), (line), {}).Stream() \
-          << text;                                                                                                \
-    }                                                                                                             \
+#define ZQLOG_AT(level, id, source, file, line, text)                                                          \
+  do {                                                                                                         \
+    if (const ::zq::logging::LogLevel zqlogLevel = (level); ::zq::logging::IsEnabled(zqlogLevel)) {            \
+      ::zq::logging::Logger(zqlogLevel, (id), ::zq::logging::ZQLOG_DECODE_AS_KV, (source), (file), (line), {}) \
+              .Stream()                                                                                        \
+          << text;                                                                                             \
+    }                                                                                                          \
   } while (false)
 
 // A stream-style statement without a source, at the place where it stands.
@@ -64,10 +67,10 @@ class Logger {
   ZQLOG_AT(::zq::logging::level, id, ::zq::logging::ConstSourcePtr(), __FILE__, __LINE__, text)
 
 // A printf-style statement without a source, at the place where it stands.
-#define ZQLOG_FORMAT(level, id, ...)                                                                             \
-  do {                                                                                                           \
-    if (::zq::logging::IsEnabled(::zq::logging::level)) {                                                        \
-      ::zq::logging::FormatAndLogMessage(::zq::logging::level, (id), ::zq::logging::ZQLOG_DECODE_AS_KV,          \
-                                         ::zq::logging::ConstSourcePtr(), __FILE__, __LINE__, __VA_ARGS__);      \
-    }                                                                                                            \
+#define ZQLOG_FORMAT(level, id, ...)                                                                        \
+  do {                                                                                                      \
+    if (::zq::logging::IsEnabled(::zq::logging::level)) {                                                   \
+      ::zq::logging::FormatAndLogMessage(::zq::logging::level, (id), ::zq::logging::ZQLOG_DECODE_AS_KV,     \
+                                         ::zq::logging::ConstSourcePtr(), __FILE__, __LINE__, __VA_ARGS__); \
+    }                                                                                                       \
   } while (false)

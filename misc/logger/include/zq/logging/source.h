@@ -22,7 +22,7 @@ class Source {
   const ConstSourcePtr& Parent() const noexcept { return m_parent; }
 
   // The path from this source up to its outermost parent, names separated by dots: "leaf.middle.root".
-  std::string Reverse() const;
+  std::string Reverse() const { return m_parent ? m_name + '.' + m_parent->Reverse() : m_name; }
 
  private:
   std::string m_name;
