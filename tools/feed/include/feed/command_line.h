@@ -1,0 +1,53 @@
+// What the command lines of the tools have in common.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "feed/exit_code.h"
+#include "feed/output.h"
+#include "ps_common/connector/server_instance.h"
+
+namespace feed {
+
+// Segments that a server instance may have.
+constexpr unsigned kMaxSegments = 1024;
+
+// Adds --version and --log-level. The log goes to standard error, from warnings on unless the user asks for more.
+void AddCommonOptions(CLI::App& app);
+
+// Adds an option that takes a number of seconds, such as 2.5.
+void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help);
+
+// Returns false when the user asked for help or the version, which then has been written. Throws UsageError.
+bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output);
+
+// 1 to 32 visible ASCII characters without blanks.
+bool IsMarketName(std::string_view text);
+
+// Reads "market:submarket:node" or "market:submarket:node:name". Throws UsageError.
+ps_ns::ServerInstance ParseServerInstance(const std::string& text);
+
+// Runs a tool's body and returns what main is to return. What the body throws is written to standard error.
+int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept;
+
+// While it lives, what libraries print on std::cout is kept away from standard output, which belongs to the tool's
+// results: it goes to standard error when the log shows informational statements, and nowhere otherwise.
+//
+// Threads: construct and destroy while no other thread writes to std::cout.
+class LibraryOutputDiversion {
+ public:
+  LibraryOutputDiversion();
+  ~LibraryOutputDiversion();
+  LibraryOutputDiversion(const LibraryOutputDiversion&) = delete;
+  LibraryOutputDiversion& operator=(const LibraryOutputDiversion&) = delete;
+
+ private:
+  std::streambuf* m_original;
+};
+
+}  // namespace feed

@@ -1,0 +1,124 @@
+#include "feed/command_line.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iostream>
+#include <limits>
+#include <map>
+#include <sstream>
+#include <vector>
+
+#include "zq/logging/log_level.h"
+
+namespace feed {
+namespace {
+
+void SetMinLogLevel(int level) { __atomic_store_n(&zq::logging::g_minLogLevel, level, __ATOMIC_RELAXED); }
+
+// "1:2:3:name" has no more than four pieces: further colons belong to the name.
+std::vector<std::string_view> SplitAtColons(std::string_view text) {
+  std::vector<std::string_view> pieces;
+  while (pieces.size() < 3) {
+    const auto colon = text.find(':');
+    pieces.push_back(text.substr(0, colon));
+    if (colon == std::string_view::npos) return pieces;
+    text.remove_prefix(colon + 1);
+  }
+  pieces.push_back(text);
+  return pieces;
+}
+
+std::optional<std::int16_t> ParseNumber(std::string_view text) {
+  std::int16_t number = 0;
+  const auto* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && stop == end && number >= 0 ? std::optional(number) : std::nullopt;
+}
+
+}  // namespace
+
+void AddCommonOptions(CLI::App& app) {
+  SetMinLogLevel(zq::logging::ZQLOG_WARNING);
+  app.set_version_flag("--version", app.get_name() + ' ' + PRICE_CONNECTOR_VERSION, "Print the version and exit");
+  app.add_option_function<int>("--log-level", SetMinLogLevel, "Least level of the log lines on standard error")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, int>{{"debug", zq::logging::ZQLOG_DEBUG},
+                                                                     {"info", zq::logging::ZQLOG_INFO},
+                                                                     {"warning", zq::logging::ZQLOG_WARNING},
+                                                                     {"error", zq::logging::ZQLOG_ERROR},
+                                                                     {"off", std::numeric_limits<int>::max()}})
+                      .description("{debug,info,warning,error,off}"))
+      ->type_name("LEVEL")
+      ->default_str("warning");
+}
+
+void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help) {
+  // The bound keeps deadlines within what clocks can represent.
+  constexpr double kMaxSeconds = 1e8;
+  app.add_option_function<double>(
+         "--seconds", [&seconds](const double& value) { seconds = std::chrono::duration<double>(value); }, help)
+      ->check(CLI::Range(0.0, kMaxSeconds).description("0 or more"))
+      ->type_name("S");
+}
+
+bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output) {
+  try {
+    app.parse(argc, argv);
+    return true;
+  } catch (const CLI::Success& helpOrVersion) {
+    std::ostringstream text;
+    app.exit(helpOrVersion, text, text);
+    output.Write(text.str());
+    return false;
+  } catch (const CLI::ParseError& error) {
+    throw UsageError(std::string(error.what()) + "\nRun '" + app.get_name() + " --help' for the options.");
+  }
+}
+
+bool IsMarketName(std::string_view text) {
+  constexpr std::size_t kMaxLength = 32;
+  return !text.empty() && text.size() <= kMaxLength &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7f; });
+}
+
+ps_ns::ServerInstance ParseServerInstance(const std::string& text) {
+  const auto pieces = SplitAtColons(text);
+  if (pieces.size() >= 3) {
+    const auto market = ParseNumber(pieces[0]);
+    const auto submarket = ParseNumber(pieces[1]);
+    const auto node = ParseNumber(pieces[2]);
+    const auto name = pieces.size() == 4 ? pieces[3] : std::string_view();
+    const bool nameIsGood = pieces.size() == 3 || IsMarketName(name);
+    if (market && submarket && node && nameIsGood) {
+      ps_ns::ServerInstance instance;
+      instance.m_marketID = *market;
+      instance.m_submarketID = *submarket;
+      instance.m_nodeID = *node;
+      instance.m_marketName = name;
+      return instance;
+    }
+  }
+  throw UsageError("bad server instance \"" + text +
+                   "\"; expected market:submarket:node or market:submarket:node:name, numbers from 0 to 32767, such as "
+                   "1:1:1:STOCKS");
+}
+
+int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept {
+  const auto end = [toolName](ExitCode code, const char* what) {
+    std::cerr << toolName << ": " << what << std::endl;
+    return static_cast<int>(code);
+  };
+  try {
+    return static_cast<int>(body());
+  } catch (const UsageError& error) {
+    return end(ExitCode::kUsage, error.what());
+  } catch (const std::exception& error) {
+    return end(ExitCode::kFailure, error.what());
+  }
+}
+
+LibraryOutputDiversion::LibraryOutputDiversion()
+    : m_original(std::cout.rdbuf(zq::logging::IsEnabled(zq::logging::ZQLOG_INFO) ? std::cerr.rdbuf() : nullptr)) {}
+
+LibraryOutputDiversion::~LibraryOutputDiversion() { std::cout.rdbuf(m_original); }
+
+}  // namespace feed
