@@ -30,7 +30,8 @@ OptionSet optionsOrDefaults(const Attributes* attr) {
 template <class Attributes>
 int create(const char* function, Attributes** attr) noexcept {
   return guarded(function, [&] {
-    required(attr, "attr") = new Attributes;
+    Attributes*& created = required(attr, "attr");
+    created = new Attributes;
     return 0;
   });
 }
@@ -38,7 +39,8 @@ int create(const char* function, Attributes** attr) noexcept {
 template <class Attributes>
 int duplicate(const char* function, Attributes** attr, const Attributes* original) noexcept {
   return guarded(function, [&] {
-    required(attr, "attr") = new Attributes(required(original, "original"));
+    Attributes*& created = required(attr, "attr");
+    created = new Attributes(required(original, "original"));
     return 0;
   });
 }

@@ -1,0 +1,161 @@
+#include "options/process_defaults.h"
+
+#include <gmock/gmock.h>
+#include <lbm/lbm.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "failures.h"
+
+namespace engine {
+namespace {
+
+using test::errorOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class ConfigFile : public testing::Test {
+ protected:
+  ConfigFile() {
+    std::string pattern = testing::TempDir() + "engine-options-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
+    m_directory = pattern;
+  }
+  ~ConfigFile() override { std::filesystem::remove_all(m_directory); }
+
+  std::string path() const { return m_directory / "lbm.cfg"; }
+
+  void write(const std::string& content) const { std::ofstream(path(), std::ios::binary) << content; }
+
+  std::filesystem::path m_directory;
+};
+
+TEST_F(ConfigFile, SetsWhatEveryLaterSetBeginsWith) {
+  ProcessDefaults defaults("");
+  write(
+      "# a comment\r\n"
+      "\r\n"
+      "  context\tcontext_name   two words#1 # the name\r\n"
+      "source transport_pacing source\n"
+      "source transport_pacing receiver\n"
+      "receiver no_source_notification_delay 0\n"
+      "event_queue queue_cancellation_callbacks_enabled 1");
+  const auto before = defaults.options(Scope::context);
+  defaults.load(path());
+  EXPECT_EQ(before, OptionSet::builtIn(Scope::context));
+  EXPECT_EQ(defaults.options(Scope::context).get(option::contextName), "two words#1");
+  EXPECT_EQ(defaults.options(Scope::source).get(option::transportPacing), TransportPacing::receiver);
+  EXPECT_EQ(defaults.options(Scope::receiver).get(option::noSourceNotificationDelay).count(), 0);
+  EXPECT_TRUE(defaults.options(Scope::eventQueue).get(option::queueCancellationCallbacksEnabled));
+}
+
+TEST_F(ConfigFile, AWrongLineIsNamedAndNothingChanges) {
+  struct Case {
+    const char* line;
+    const char* complaint;
+  };
+  for (const auto& [line, complaint] :
+       {Case{"contxt context_name x", "unknown scope \"contxt\"; known: context, event_queue, receiver or source"},
+        Case{"context context_nam x", "there is no context option \"context_nam\"; did you mean \"context_name\"?"},
+        Case{"context operational_mode # sequential", "a line has a scope, an option and a value"},
+        Case{"context", "a line has a scope, an option and a value"},
+        Case{"source transport_pacing Receiver",
+             "source option \"transport_pacing\": \"Receiver\" is not acceptable; allowed: source or receiver"},
+        Case{"source transport_id 1", "source option \"transport_id\" is read-only"},
+        Case{"context resolver_source_notification_function f",
+             "context option \"resolver_source_notification_function\" has no text form; its value is a "
+             "lbm_src_notify_func_t"}}) {
+    ProcessDefaults defaults("");
+    write(std::string("context domain other\n\n") + line + "\ncontext domain third\n");
+    EXPECT_EQ(errorOf([&] { defaults.load(path()); }), "1 " + path() + ":3: " + complaint);
+    EXPECT_EQ(defaults.options(Scope::context), OptionSet::builtIn(Scope::context));
+  }
+}
+
+TEST_F(ConfigFile, OneThatCannotBeReadOrIsTooLargeIsRefused) {
+  ProcessDefaults defaults("");
+  EXPECT_THROW(defaults.load(path()), std::system_error);
+  EXPECT_THROW(defaults.load(m_directory), std::system_error);
+  write(std::string(configFileBytesMax, '#'));
+  defaults.load(path());
+  write(std::string(configFileBytesMax + 1, '#'));
+  EXPECT_THAT(errorOf([&] { defaults.load(path()); }), HasSubstr("has more than 1048576 bytes"));
+}
+
+TEST_F(ConfigFile, TheInitialOneFailsEveryUseUntilItIsRightAndIsThenReadNoMore) {
+  ProcessDefaults defaults(path());
+  EXPECT_THROW(defaults.options(Scope::source), std::system_error);
+  write("context domain a/b");
+  for (int use = 0; use < 2; ++use) {
+    EXPECT_THAT(errorOf([&] { defaults.options(Scope::source); }), StartsWith("1 " + path() + ":1: "));
+  }
+  write("context domain first\ncontext close_linger_time 5");
+  EXPECT_EQ(defaults.options(Scope::context).get(option::domain), "first");
+  write("context domain second");
+  EXPECT_EQ(defaults.options(Scope::context).get(option::domain), "first");
+
+  defaults.load(path());
+  EXPECT_EQ(defaults.options(Scope::context).get(option::domain), "second");
+  EXPECT_EQ(defaults.options(Scope::context).get(option::closeLingerTime).count(), 5);
+}
+
+// In processes of their own, which have not used their defaults yet.
+class ProcessConfig : public ConfigFile {
+ protected:
+  ProcessConfig() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  static std::string domainOfNewAttributes() {
+    lbm_context_attr_t* attr = nullptr;
+    if (lbm_context_attr_create(&attr) != 0) return lbm_errmsg();
+    char text[LBM_OPTION_VALUE_MAX];
+    std::size_t size = sizeof text;
+    const int result = lbm_context_attr_str_getopt(attr, "domain", text, &size);
+    lbm_context_attr_delete(attr);
+    return result == 0 ? text : lbm_errmsg();
+  }
+
+  [[noreturn]] void printAndExit(const std::string& text) {
+    std::fputs(text.c_str(), stderr);
+    std::filesystem::remove_all(m_directory);
+    std::_Exit(0);
+  }
+};
+
+TEST_F(ProcessConfig, IsReadFromTheFileThatTheEnvironmentNames) {
+  EXPECT_EXIT(
+      {
+        write("context domain from-environment");
+        setenv(configFileVariable, path().c_str(), 1);
+        printAndExit(domainOfNewAttributes());
+      },
+      testing::ExitedWithCode(0), "^from-environment$");
+  EXPECT_EXIT(
+      {
+        write("\ncontext domain /");
+        setenv(configFileVariable, path().c_str(), 1);
+        printAndExit(domainOfNewAttributes());
+      },
+      testing::ExitedWithCode(0), "^lbm_context_attr_create: .*lbm.cfg:2: context option \"domain\"");
+}
+
+TEST_F(ProcessConfig, IsChangedByTheConfigCall) {
+  EXPECT_EXIT(
+      {
+        unsetenv(configFileVariable);
+        write("context domain from-file");
+        if (lbm_config(path().c_str()) != 0) printAndExit(lbm_errmsg());
+        printAndExit(domainOfNewAttributes());
+      },
+      testing::ExitedWithCode(0), "^from-file$");
+  EXPECT_FAILS(lbm_config(nullptr), LBM_EINVAL, "lbm_config: the argument file_name is null");
+  EXPECT_FAILS(lbm_config(path().c_str()), LBM_EOS,
+               "lbm_config: cannot read the configuration file \"" + path() + "\": No such file or directory");
+}
+
+}  // namespace
+}  // namespace engine
