@@ -1,0 +1,150 @@
+#include "backend/output.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <spdlog/async_logger.h>
+#include <spdlog/details/thread_pool.h>
+#include <spdlog/logger.h>
+#include <unistd.h>
+
+#include <array>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+namespace zq::logging {
+namespace {
+
+constexpr const char* kLoggerName = "zq";
+constexpr const char* kThreadName = "zq_log";
+
+// Threads that start during its life take no signals that are meant for the process: those are for the application's
+// threads, and a closed standard error must not end the process from here.
+class SignalBlocker {
+ public:
+  SignalBlocker() {
+    sigset_t blocked;
+    ::sigfillset(&blocked);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) {
+      ::sigdelset(&blocked, fault);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &blocked, &m_before);
+  }
+  SignalBlocker(const SignalBlocker&) = delete;
+  SignalBlocker& operator=(const SignalBlocker&) = delete;
+  ~SignalBlocker() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+ private:
+  sigset_t m_before{};
+};
+
+std::shared_ptr<spdlog::details::thread_pool> StartThread(std::size_t queueSize) {
+  const SignalBlocker blocker;
+  return std::make_shared<spdlog::details::thread_pool>(queueSize, 1,
+                                                        [] { ::pthread_setname_np(::pthread_self(), kThreadName); });
+}
+
+}  // namespace
+
+// Counts the flush requests that have come out of the queue.
+class Output::FlushCounter final : public spdlog::sinks::sink {
+ public:
+  std::uint64_t Request() { return ++m_requested; }
+
+  // A request is counted only after all lines queued before it. When ticket requests are through, one of them has a
+  // ticket no smaller than this one, and so was queued after everything that its caller had queued before.
+  void Wait(std::uint64_t ticket) const {
+    for (auto done = m_done.load(); done < ticket; done = m_done.load()) {
+      m_done.wait(done);
+    }
+  }
+
+  void log(const spdlog::details::log_msg&) override {}
+  void flush() override {
+    ++m_done;
+    m_done.notify_all();
+  }
+  void set_pattern(const std::string&) override {}
+  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
+
+ private:
+  std::atomic<std::uint64_t> m_requested{0};
+  std::atomic<std::uint64_t> m_done{0};
+};
+
+Output::Output(std::size_t queueSize)
+    : m_console(std::make_shared<ConsoleSink>()),
+      m_file(std::make_shared<FileSink>()),
+      m_flushes(std::make_shared<FlushCounter>()),
+      m_process(::getpid()) {
+  const std::array<spdlog::sink_ptr, 3> sinks{m_console, m_file, m_flushes};
+  m_direct = std::make_unique<spdlog::logger>(kLoggerName, sinks.begin(), sinks.end());
+  try {
+    m_pool = StartThread(queueSize);
+    m_queueing = std::make_shared<spdlog::async_logger>(kLoggerName, sinks.begin(), sinks.end(), m_pool,
+                                                        spdlog::async_overflow_policy::block);
+  } catch (const std::exception& error) {
+    ReportTrouble(std::string("can not start the writing thread: ") + error.what() +
+                  ". Every statement waits for its line to be written");
+    m_pool.reset();
+    m_drained = true;
+  }
+}
+
+Output::~Output() { Stop(); }
+
+template <typename Action>
+bool Output::WhileQueueing(Action&& action) {
+  if (m_stopping) {
+    return false;
+  }
+  const std::shared_lock gate(m_gate);
+  if (m_queueing == nullptr) {
+    return false;
+  }
+  action(*m_queueing);
+  return true;
+}
+
+void Output::Write(std::string_view line) {
+  const auto log = [line](spdlog::logger& logger) {
+    logger.log(spdlog::level::info, spdlog::string_view_t(line.data(), line.size()));
+  };
+  if (!WhileQueueing(log)) {
+    m_drained.wait(false);
+    log(*m_direct);
+  }
+}
+
+void Output::Flush() {
+  std::uint64_t ticket = 0;
+  const bool requested = WhileQueueing([&](spdlog::logger& logger) {
+    ticket = m_flushes->Request();
+    logger.flush();
+  });
+  if (requested) {
+    m_flushes->Wait(ticket);
+  } else {
+    m_drained.wait(false);
+  }
+}
+
+void Output::Stop() {
+  m_stopping = true;
+  if (::getpid() == m_process) {
+    std::unique_lock gate(m_gate);
+    auto pool = std::exchange(m_pool, nullptr);
+    const auto queueing = std::exchange(m_queueing, nullptr);
+    gate.unlock();
+    if (pool == nullptr) {
+      m_drained.wait(false);
+      return;
+    }
+    pool.reset();
+  }
+  // A forked child has a copy of the queue but no thread to wait for; the parent writes what is queued.
+  m_drained = true;
+  m_drained.notify_all();
+}
+
+}  // namespace zq::logging

@@ -1,0 +1,266 @@
+// The default back end: its parts in this process, the whole of it in child processes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend/line_format.h"
+#include "backend/output.h"
+#include "zq/logging/default_backend.h"
+
+namespace zq::logging {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::SizeIs;
+
+std::vector<std::string> LinesOf(const std::string& path) {
+  std::ifstream file(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+class BackendTest : public ::testing::Test {
+ protected:
+  BackendTest() {
+    std::string name = std::filesystem::temp_directory_path() / "backend_test.XXXXXX";
+    if (::mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed for " + name);
+    }
+    m_directory = name;
+  }
+  ~BackendTest() override { std::filesystem::remove_all(m_directory); }
+
+  std::string File(const char* name) const { return m_directory / name; }
+
+  // Runs the child program with these environment settings; its standard error is then in Console().
+  int Run(const std::string& environment, const std::string& what) const {
+    const std::string command =
+        "env -u ZQLOG_LEVEL -u ZQLOG_FILE -u ZQLOG_CONSOLE " + environment + " '" BACKEND_CHILD "' " + what;
+    const int status = std::system((command + " 2>'" + File("console") + '\'').c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::vector<std::string> Console() const { return LinesOf(File("console")); }
+
+  std::filesystem::path m_directory;
+};
+
+std::string Line(const Statement& statement) {
+  LineBuffer buffer;
+  FormatLine(buffer, statement);
+  return {buffer.data(), buffer.size()};
+}
+
+TEST_F(BackendTest, AStatementIsOneLineWhateverItsFieldsContain) {
+  ::setenv("TZ", "XST+05:30", 1);
+  ::tzset();
+  const auto time = std::chrono::system_clock::from_time_t(1'000'000'000) + std::chrono::microseconds(1234);
+  const Source source("leaf name", std::make_shared<const Source>("root"));
+  EXPECT_EQ(
+      Line({time, ZQLOG_WARNING, 13, &source, "lbm/lbm_cpp", 57, "Created x=1", 4711, "lbm_ctx_thread"}),
+      "2001-09-08T20:16:40.001234-05:30 WARNING 4711/lbm_ctx_thread leaf_name.root 13 lbm/lbm_cpp:57 Created x=1\n");
+  EXPECT_THAT(
+      Line({time, static_cast<LogLevel>(25), 0, nullptr, nullptr, 0, "a\nb\r\t\x1b[31m \xC2\x9B \xC3\xA9", 1, ""}),
+      EndsWith(" 25 1/- - 0 -:0 a\\nb\\r\\t\\x1b[31m \\xc2\\x9b \xC3\xA9\n"));
+  ::unsetenv("TZ");
+  ::tzset();
+}
+
+TEST_F(BackendTest, LevelsHaveNamesAndNumbers) {
+  EXPECT_EQ(ParseLevel("WARNING"), ZQLOG_WARNING);
+  EXPECT_EQ(ParseLevel("zqlog_info_search"), ZQLOG_INFO_SEARCH);
+  EXPECT_EQ(ParseLevel("25"), static_cast<LogLevel>(25));
+  for (const char* text : {"", "loud", "10x", " 10", "ZQLOG_", "99999999999"}) {
+    EXPECT_EQ(ParseLevel(text), std::nullopt) << text;
+  }
+}
+
+// Every line that threads write before, during and after the stop is in the file, each thread's in order.
+TEST_F(BackendTest, NoLineIsLostOrMovedAroundTheStop) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 2000;
+  Output output(2);
+  output.SetFile(File("log"));
+  std::vector<std::thread> threads;
+  std::atomic<int> halfDone{0};
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kLines; ++i) {
+        output.Write(std::to_string(thread) + ' ' + std::to_string(i) + '\n');
+        if (i == kLines / 2) {
+          ++halfDone;
+          halfDone.notify_one();
+        }
+      }
+    });
+  }
+  for (int done = halfDone; done < kThreads / 2; done = halfDone) {
+    halfDone.wait(done);
+  }
+  output.Stop();
+  output.Stop();
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  output.Write("4 0\n");
+
+  std::map<int, int> next;
+  for (const auto& line : LinesOf(File("log"))) {
+    std::istringstream fields(line);
+    int thread = -1;
+    int i = -1;
+    ASSERT_TRUE(fields >> thread >> i) << line;
+    ASSERT_EQ(i, next[thread]++) << "thread " << thread;
+  }
+  EXPECT_EQ(next, (std::map<int, int>{{0, kLines}, {1, kLines}, {2, kLines}, {3, kLines}, {4, 1}}));
+}
+
+TEST_F(BackendTest, FlushReturnsWhenTheCallersLinesAreWritten) {
+  Output output(64);
+  output.SetFile(File("log"));
+  const auto writeAndCheck = [&](const std::string& name) {
+    for (int i = 0; i < 200; ++i) {
+      const std::string line = name + std::to_string(i);
+      output.Write(line + '\n');
+      output.Flush();
+      ASSERT_THAT(LinesOf(File("log")), Contains(line));
+    }
+  };
+  std::thread other([&] { writeAndCheck("other"); });
+  writeAndCheck("mine");
+  other.join();
+}
+
+// Sends standard error to a file for a while.
+class StandardErrorTo {
+ public:
+  explicit StandardErrorTo(const std::string& path) : m_before(::dup(STDERR_FILENO)) {
+    EXPECT_NE(std::freopen(path.c_str(), "w", stderr), nullptr);
+  }
+  StandardErrorTo(const StandardErrorTo&) = delete;
+  StandardErrorTo& operator=(const StandardErrorTo&) = delete;
+  ~StandardErrorTo() {
+    ::dup2(m_before, STDERR_FILENO);
+    ::close(m_before);
+  }
+
+ private:
+  int m_before;
+};
+
+TEST_F(BackendTest, AFullFileIsReportedOnceAndWrittenAgainWhenThereIsRoom) {
+  const std::string line = std::string(999, 'x');
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  {
+    const StandardErrorTo console(File("console"));
+    Output output(64);
+    output.SetFile(File("log"));
+    const rlimit small{2500, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    for (int i = 0; i < 5; ++i) {
+      output.Write(line + '\n');
+    }
+    output.Flush();
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    output.Write("there is room\n");
+  }
+  EXPECT_THAT(LinesOf(File("log")), ElementsAre(line, line, line.substr(0, 500), "there is room"));
+  EXPECT_THAT(LinesOf(File("console")), ElementsAre(AllOf(HasSubstr("can not write log file"), HasSubstr(File("log"))),
+                                                    AllOf(HasSubstr("is written again"), EndsWith(": 3"))));
+}
+
+TEST_F(BackendTest, AFileThatCanNotBeOpenedIsTriedAgain) {
+  const std::string path = m_directory / "later" / "log";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  {
+    const StandardErrorTo console(File("console"));
+    Output output(64);
+    output.SetFile(path);
+    output.Write("lost\n");
+    output.Flush();
+    std::filesystem::create_directory(m_directory / "later");
+    while (LinesOf(path).empty() && std::chrono::steady_clock::now() < deadline) {
+      output.Write("kept\n");
+      output.Flush();
+    }
+  }
+  EXPECT_THAT(LinesOf(path), ElementsAre("kept"));
+  EXPECT_THAT(LinesOf(File("console")),
+              ElementsAre(HasSubstr("No such file or directory"), HasSubstr("written again")));
+}
+
+TEST_F(BackendTest, TheEnvironmentChoosesLevelFileAndConsole) {
+  EXPECT_EQ(Run("", "levels"), 0);
+  EXPECT_THAT(Console(),
+              ElementsAre(EndsWith("an info line"), EndsWith("a warning line"), EndsWith("static object is gone")));
+  EXPECT_TRUE(std::regex_match(
+      Console().front(),
+      std::regex(
+          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}[+-]\d\d:\d\d INFO \d+/\S+ - 0 misc/logger/tests/backend_child.cpp:\d+ an info line)")))
+      << Console().front();
+
+  EXPECT_EQ(Run("ZQLOG_LEVEL=warning", "levels"), 0);
+  EXPECT_THAT(Console(), ElementsAre(EndsWith("a warning line")));
+
+  EXPECT_EQ(Run("ZQLOG_LEVEL=0 ZQLOG_CONSOLE=off ZQLOG_FILE='" + File("log") + '\'', "levels"), 0);
+  EXPECT_THAT(Console(), SizeIs(0));
+  EXPECT_THAT(LinesOf(File("log")), SizeIs(4));
+
+  EXPECT_EQ(Run("ZQLOG_LEVEL=loud ZQLOG_CONSOLE=maybe", "levels"), 0);
+  EXPECT_THAT(Console(), AllOf(SizeIs(5), Contains(HasSubstr("ZQLOG_LEVEL is \"loud\"; using INFO")),
+                               Contains(HasSubstr("ZQLOG_CONSOLE is \"maybe\"; using on"))));
+}
+
+TEST_F(BackendTest, EveryLineIsWrittenBeforeTheProcessEnds) {
+  EXPECT_EQ(Run("ZQLOG_CONSOLE=off ZQLOG_FILE='" + File("log") + '\'', "threads"), 0);
+  EXPECT_THAT(LinesOf(File("log")), SizeIs(8 * 3000 + 1));
+
+  EXPECT_EQ(Run("", "critical"), 3);
+  EXPECT_THAT(Console(), ElementsAre(EndsWith("before it"), EndsWith("the end")));
+}
+
+TEST_F(BackendTest, AForkedChildDoesNotHangWhenItExits) {
+  EXPECT_EQ(Run("", "fork"), 0);
+  EXPECT_THAT(Console(), Contains(EndsWith("parent")));
+}
+
+TEST_F(BackendTest, AFullDiskDoesNotStopTheConsole) {
+  EXPECT_EQ(Run("ZQLOG_FILE=/dev/full", "threads"), 0);
+  EXPECT_THAT(Console(), AllOf(SizeIs(8 * 3000 + 2), Contains(HasSubstr("can not write log file /dev/full")).Times(1)));
+}
+
+TEST_F(BackendTest, PrintfStatementsSurviveNullAndLongAndHostileStrings) {
+  EXPECT_EQ(Run("", "printf"), 0);
+  EXPECT_THAT(Console(), ElementsAre(EndsWith(" name=(null)"), EndsWith("long=" + std::string(100'000, 'x')),
+                                     EndsWith("forged\\n2026-01-01 ERROR line"), EndsWith("static object is gone")));
+}
+
+}  // namespace
+}  // namespace zq::logging
