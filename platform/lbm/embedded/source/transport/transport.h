@@ -8,8 +8,8 @@
 // the transport held, and may call every operation of the transport but drain(). All other operations may be called on
 // any thread at any time.
 //
-// Errors: a fault of the operating system is thrown as std::system_error, anything else as std::runtime_error, both with
-// a text that says what to do. A fault of a peer ends the link to that peer and is nobody else's.
+// Errors: a fault of the operating system is thrown as std::system_error, anything else as std::runtime_error, both
+// with a text that says what to do. A fault of a peer ends the link to that peer and is nobody else's.
 #pragma once
 
 #include <sys/uio.h>
@@ -24,8 +24,8 @@
 
 namespace engine::transport {
 
-// Who gives way when a subscriber cannot keep up: the source (the message is dropped for that subscriber, who is told of
-// the loss) or nobody (the publisher has to wait).
+// Who gives way when a subscriber cannot keep up: the source (the message is dropped for that subscriber, who is told
+// of the loss) or nobody (the publisher has to wait).
 enum class Pacing : std::uint8_t { source, receiver };
 
 struct PublicationInfo {
@@ -86,8 +86,8 @@ class Listener {
  public:
   virtual ~Listener() = default;
 
-  // Once for each appearance and disappearance, for every source of the domain, subscribed or not. Messages that a source
-  // had published before it went come before sourceDown. sourceDown does not end the RemoteSource's life.
+  // Once for each appearance and disappearance, for every source of the domain, subscribed or not. Messages that a
+  // source had published before it went come before sourceDown. sourceDown does not end the RemoteSource's life.
   virtual void sourceUp(const std::shared_ptr<RemoteSource>& source) = 0;
   virtual void sourceDown(const std::shared_ptr<RemoteSource>& source) = 0;
 
@@ -111,8 +111,8 @@ class Transport {
  public:
   virtual ~Transport() = default;
 
-  // Announces a source. The listener hears nothing of the publication once withdraw() has returned, except on the thread
-  // that is inside drain() at that moment.
+  // Announces a source. The listener hears nothing of the publication once withdraw() has returned, except on the
+  // thread that is inside drain() at that moment.
   virtual std::shared_ptr<Publication> advertise(const PublicationInfo& info) = 0;
   virtual void withdraw(Publication& publication) = 0;
 
@@ -122,7 +122,8 @@ class Transport {
 
   // Sends to every present subscriber; sent when there is none. The publication's messages are numbered in the order of
   // the calls, the first one 0. With Pacing::receiver, a subscriber without room makes it give wouldBlock, sending
-  // nothing to anybody, or wait when block is set; with Pacing::source it never waits.
+  // nothing to anybody, or wait when block is set; with Pacing::source it never waits. Inside drain() block counts for
+  // nothing: the room may depend on that very drain().
   virtual SendResult publish(Publication& publication, const OutboundMessage& message, bool block) = 0;
 
   // Answers a request. peerGone when the requester is no longer there.
