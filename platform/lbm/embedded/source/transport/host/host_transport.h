@@ -1,6 +1,8 @@
 // The transport between the contexts of one machine and one user.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -9,11 +11,15 @@
 
 namespace engine::transport::host {
 
+// Level of all notices: something an operator should know of, while the context itself goes on. As in the C interface.
+inline constexpr int kNoticeWarning = 2;
+
 struct HostSettings {
-  std::string runtimeDirectory;  // empty: from the environment, see runtimeDirectory()
-  std::string domain;            // a file name: the sub-directory in which the domain's contexts meet
-  std::string contextName;       // told to peers; may be empty
-  std::size_t linkBufferBytes = 1 << 20;  // room for what a peer has not yet taken, per link
+  std::string runtimeDirectory;           // empty: from the environment, see runtimeDirectory()
+  std::string domain;                     // a file name: the sub-directory in which the domain's contexts meet
+  std::string contextName;                // told to peers; may be empty
+  std::size_t linkBufferBytes = 1 << 20;  // room for messages that the peer's socket does not take yet, per link
+  std::uint32_t firstSequence = 0;        // of every publication
   std::function<void(int level, const std::string& text)> notice;  // faults of peers, for operators; any thread
 };
 

@@ -1,0 +1,361 @@
+#include "transport/host/host_transport.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+
+#include <array>
+#include <cerrno>
+#include <random>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "transport/host/descriptor.h"
+#include "transport/host/link.h"
+#include "transport/host/peer.h"
+#include "transport/host/publications.h"
+#include "transport/host/rendezvous.h"
+#include "transport/host/wire.h"
+
+namespace engine::transport::host {
+
+namespace {
+
+// What the poller reports: these two, or a link by its id.
+constexpr std::uint64_t kListenerId = 0;
+constexpr std::uint64_t kTimerId = 1;
+constexpr std::uint64_t kFirstLinkId = 2;
+
+// Bounds of the work in one drain().
+constexpr std::size_t kEventsMax = 64;
+constexpr int kFramesPerLinkMax = 64;
+constexpr int kAcceptedMax = 64;
+
+// Until what the system refused for the moment is tried again.
+constexpr timespec kRetryDelay{0, 50'000'000};
+
+[[noreturn]] void throwErrno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
+
+Descriptor checked(int descriptor, const char* what) {
+  if (descriptor < 0) {
+    throwErrno(what);
+  }
+  return Descriptor(descriptor);
+}
+
+std::uint64_t randomSession() {
+  std::random_device device;
+  return (std::uint64_t{device()} << 32) | device();
+}
+
+class HostTransport final : public Transport {
+ public:
+  explicit HostTransport(const HostSettings& settings);
+  ~HostTransport() override { close(std::chrono::milliseconds(0)); }
+
+  std::shared_ptr<Publication> advertise(const PublicationInfo& info) override {
+    return m_publications.advertise(info);
+  }
+  void withdraw(Publication& publication) override {
+    m_publications.withdraw(static_cast<HostPublication&>(publication));
+  }
+  void subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).subscribe(); }
+  void unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).unsubscribe(); }
+  SendResult publish(Publication& publication, const OutboundMessage& message, bool block) override {
+    return static_cast<HostPublication&>(publication).publish(message, block && !draining(), m_closed);
+  }
+  SendResult respond(ReplyPath& path, std::span<const iovec> pieces, bool block) override {
+    return static_cast<HostReplyPath&>(path).respond(pieces, block && !draining(), m_closed);
+  }
+  int descriptor() const noexcept override { return m_poller.get(); }
+  std::size_t drain(Listener& listener) override;
+  void close(std::chrono::milliseconds linger) noexcept override;
+
+ private:
+  using Peers = std::unordered_map<std::uint64_t, Peer>;
+
+  // Whether the calling thread is inside drain(), where waiting for room would keep the room from coming.
+  bool draining() const noexcept { return m_drainingThread == std::this_thread::get_id(); }
+
+  void watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
+  void link(Descriptor socket, LinkKind kind);
+  void connectSelf();
+  std::size_t acceptPeers();
+  void pauseAccepting();
+  void retry();
+  void retryLater();
+  std::size_t serve(Peer& peer, std::uint32_t events, Listener& listener);
+  void endPeer(Peer& peer, const std::string& fault, Listener& listener);
+  void tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
+  void flushPeers(std::chrono::milliseconds linger);
+  void notice(const std::string& text) const;
+
+  const HostSettings m_settings;
+  const std::uint64_t m_session = randomSession();
+  const std::vector<std::byte> m_greeting;
+  const Descriptor m_poller;
+  const Descriptor m_timer;
+  PublicationRegistry m_publications;
+  Rendezvous m_rendezvous;
+  std::atomic<bool> m_closed{false};
+  std::atomic<std::thread::id> m_drainingThread{};
+
+  // For the thread inside drain():
+  std::uint64_t m_nextLinkId = kFirstLinkId;
+  Peers m_peers;  // by the link's id
+  std::vector<Rendezvous::Neighbour> m_busyNeighbours;
+  std::vector<std::byte> m_packet;
+};
+
+HostTransport::HostTransport(const HostSettings& settings)
+    : m_settings(settings),
+      m_greeting(wire::encodeHello({m_session, static_cast<std::uint32_t>(::getpid()), settings.contextName})),
+      m_poller(checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create a poller for the links")),
+      m_timer(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "cannot create a timer")),
+      m_publications(settings.firstSequence),
+      m_rendezvous(settings.runtimeDirectory.empty() ? runtimeDirectory() : settings.runtimeDirectory, settings.domain,
+                   m_session),
+      m_packet(wire::kPacketMax) {
+  watch(m_timer.get(), kTimerId, EPOLL_CTL_ADD, EPOLLIN);
+  connectSelf();
+  for (Rendezvous::Neighbour& neighbour : m_rendezvous.join()) {
+    if (neighbour.socket) {
+      link(std::move(neighbour.socket), LinkKind::peer);
+    } else {
+      m_busyNeighbours.push_back(std::move(neighbour));
+    }
+  }
+  watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_ADD, EPOLLIN);
+  if (!m_busyNeighbours.empty()) {
+    retryLater();
+  }
+}
+
+std::size_t HostTransport::drain(Listener& listener) {
+  struct Scope {
+    explicit Scope(std::atomic<std::thread::id>& thread) : m_thread(thread) { m_thread = std::this_thread::get_id(); }
+    ~Scope() { m_thread = std::thread::id(); }
+    std::atomic<std::thread::id>& m_thread;
+  } scope(m_drainingThread);
+
+  std::array<epoll_event, kEventsMax> events;
+  int count = 0;
+  while ((count = ::epoll_wait(m_poller.get(), events.data(), kEventsMax, 0)) < 0) {
+    if (errno != EINTR) {
+      throwErrno("cannot poll the links");
+    }
+  }
+  std::size_t done = 0;
+  for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(count))) {
+    if (m_closed) {
+      break;
+    }
+    if (event.data.u64 == kListenerId) {
+      done += acceptPeers();
+    } else if (event.data.u64 == kTimerId) {
+      retry();
+      ++done;
+    } else if (const auto found = m_peers.find(event.data.u64); found != m_peers.end()) {
+      done += serve(found->second, event.events, listener);
+    }
+  }
+  return done;
+}
+
+void HostTransport::close(std::chrono::milliseconds linger) noexcept {
+  if (m_closed.exchange(true)) {
+    return;
+  }
+  m_rendezvous.leave();
+  try {
+    m_publications.withdrawAll();
+    flushPeers(linger);
+  } catch (const std::exception& error) {
+    notice(std::string("left the domain without sending everything: ") + error.what());
+  }
+  for (const auto& link : m_publications.links()) {
+    link->end();
+  }
+}
+
+void HostTransport::watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = id;
+  if (::epoll_ctl(m_poller.get(), operation, descriptor, &event) != 0) {
+    throwErrno("cannot watch a descriptor");
+  }
+}
+
+void HostTransport::link(Descriptor socket, LinkKind kind) {
+  if (!sameUser(socket.get())) {
+    notice("refused a context that runs as another user");
+    return;
+  }
+  const auto made =
+      std::make_shared<Link>(m_nextLinkId++, kind, std::move(socket), m_poller.get(), m_settings.linkBufferBytes);
+  m_peers.try_emplace(made->id(), made, m_publications);
+  m_publications.attach(made, m_greeting);
+}
+
+void HostTransport::connectSelf() {
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
+    throwErrno("cannot connect a context to itself");
+  }
+  Descriptor announcing(ends[0]);
+  Descriptor finding(ends[1]);
+  link(std::move(announcing), LinkKind::selfAnnouncing);
+  link(std::move(finding), LinkKind::selfFinding);
+}
+
+std::size_t HostTransport::acceptPeers() {
+  std::size_t accepted = 0;
+  for (int attempt = 0; attempt < kAcceptedMax; ++attempt) {
+    Descriptor socket(::accept4(m_rendezvous.listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (socket) {
+      link(std::move(socket), LinkKind::peer);
+      ++accepted;
+    } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+      notice(std::string("cannot take in another context: ") + std::generic_category().message(errno) +
+             "; raise the limit of open files (ulimit -n)");
+      pauseAccepting();
+      break;
+    } else if (errno != EINTR && errno != ECONNABORTED) {
+      break;
+    }
+  }
+  return accepted;
+}
+
+// The listener stays readable while the system refuses; looking at it all the time would not help.
+void HostTransport::pauseAccepting() {
+  watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_MOD, 0);
+  retryLater();
+}
+
+void HostTransport::retry() {
+  std::uint64_t expirations = 0;
+  if (::read(m_timer.get(), &expirations, sizeof(expirations)) < 0) {
+    return;
+  }
+  watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_MOD, EPOLLIN);
+  for (Rendezvous::Neighbour& neighbour : std::exchange(m_busyNeighbours, {})) {
+    auto outcome = Rendezvous::Outcome::busy;
+    try {
+      outcome = m_rendezvous.connect(neighbour);
+    } catch (const std::system_error& error) {
+      notice(error.what());
+    }
+    if (outcome == Rendezvous::Outcome::connected) {
+      link(std::move(neighbour.socket), LinkKind::peer);
+    } else if (outcome == Rendezvous::Outcome::busy) {
+      m_busyNeighbours.push_back(std::move(neighbour));
+    }
+  }
+  if (!m_busyNeighbours.empty()) {
+    retryLater();
+  }
+}
+
+void HostTransport::retryLater() {
+  const itimerspec delay{{}, kRetryDelay};
+  if (::timerfd_settime(m_timer.get(), 0, &delay, nullptr) != 0) {
+    throwErrno("cannot set a timer");
+  }
+}
+
+std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& listener) {
+  std::size_t done = 0;
+  if ((events & EPOLLOUT) != 0) {
+    ++done;
+    if (peer.link()->flush()) {
+      tellWritable(peer.link()->takeIdle(), listener);
+    }
+  }
+  try {
+    for (int frames = 0; frames < kFramesPerLinkMax && !m_closed; ++frames) {
+      const Link::Arrival arrival = peer.link()->receive(m_packet);
+      if (arrival.what == Link::Received::nothing) {
+        break;
+      }
+      ++done;
+      if (arrival.what == Link::Received::hangUp) {
+        endPeer(peer, peer.link()->fault(), listener);
+        break;
+      }
+      peer.handle(arrival.frame, listener);
+    }
+  } catch (const wire::Fault& fault) {
+    endPeer(peer, fault.what(), listener);
+  }
+  return done;
+}
+
+void HostTransport::endPeer(Peer& peer, const std::string& fault, Listener& listener) {
+  if (!fault.empty()) {
+    notice("cut off " + peer.description() + ": " + fault);
+  }
+  const auto node = m_peers.extract(peer.link()->id());
+  const HostPublications publications = m_publications.detach(*peer.link());
+  const std::vector<std::uint32_t> waiting = peer.link()->end();
+  peer.end(listener);
+  for (const auto& publication : publications) {
+    if (!publication->withdrawn()) {
+      listener.subscriberLeft(*publication, peer.name());
+    }
+  }
+  tellWritable(waiting, listener);
+}
+
+void HostTransport::tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
+  for (const std::uint32_t id : publications) {
+    const auto publication = m_publications.find(id);
+    if (publication && publication->takeWaiting()) {
+      listener.writable(*publication);
+    }
+  }
+}
+
+void HostTransport::flushPeers(std::chrono::milliseconds linger) {
+  const auto deadline = std::chrono::steady_clock::now() + linger;
+  std::vector<pollfd> unsent;
+  for (;;) {
+    unsent.clear();
+    for (const auto& link : m_publications.links()) {
+      // Nobody is left at the other end of the links to this context itself.
+      if (link->kind() == LinkKind::peer && !link->flush()) {
+        unsent.push_back({link->descriptor(), POLLOUT, 0});
+      }
+    }
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (unsent.empty() || left <= left.zero()) {
+      return;
+    }
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left);
+    ::poll(unsent.data(), unsent.size(), static_cast<int>(wait.count()));
+  }
+}
+
+void HostTransport::notice(const std::string& text) const {
+  if (m_settings.notice) {
+    m_settings.notice(kNoticeWarning, text);
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<Transport> joinHostDomain(const HostSettings& settings) {
+  if (settings.contextName.size() > wire::kNameMax) {
+    throw std::runtime_error("the context name has " + std::to_string(settings.contextName.size()) +
+                             " bytes; at most " + std::to_string(wire::kNameMax) + " are possible");
+  }
+  return std::make_unique<HostTransport>(settings);
+}
+
+}  // namespace engine::transport::host

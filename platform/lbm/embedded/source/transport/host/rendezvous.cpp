@@ -1,0 +1,234 @@
+#include "transport/host/rendezvous.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+#include "transport/host/host_transport.h"
+
+namespace engine::transport::host {
+
+namespace {
+
+constexpr std::string_view kSocketSuffix = ".socket";
+constexpr const char* kLockName = "lock";
+constexpr int kBacklog = 4096;
+
+const std::string kRemedy = "or set LBM_RUNTIME_DIR to another directory";
+
+[[noreturn]] void refuse(const std::string& path, const std::string& fault) {
+  throw std::runtime_error("cannot meet other contexts in \"" + path + "\": " + fault);
+}
+
+[[noreturn]] void refuseErrno(const std::string& path, const std::string& action) {
+  const int error = errno;
+  const char* advice = "correct this ";
+  if (error == ENOSPC || error == EDQUOT) {
+    advice = "free space on its file system ";
+  } else if (error == EACCES || error == EPERM || error == EROFS) {
+    advice = "make it writable for this user ";
+  } else if (error == ENOENT || error == ENOTDIR) {
+    advice = "create the directories above it ";
+  } else if (error == ENAMETOOLONG) {
+    advice = "shorten it ";
+  } else if (error == EMFILE || error == ENFILE) {
+    advice = "raise the limit of open files (ulimit -n) ";
+  }
+  throw std::system_error(error, std::generic_category(),
+                          "cannot meet other contexts in \"" + path + "\": " + action + " failed; " + advice + kRemedy);
+}
+
+Descriptor openOwnDirectory(int parent, const std::string& name, const std::string& path) {
+  if (::mkdirat(parent, name.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+    refuseErrno(path, "creating the directory");
+  }
+  // A link is never followed: somebody else may have put it there.
+  Descriptor directory(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) {
+    if (errno == ENOTDIR || errno == ELOOP) {
+      refuse(path, "it is a symbolic link or not a directory; remove it " + kRemedy);
+    }
+    refuseErrno(path, "opening the directory");
+  }
+  struct stat status {};
+  if (::fstat(directory.get(), &status) != 0) {
+    refuseErrno(path, "examining the directory");
+  }
+  if (status.st_uid != ::geteuid()) {
+    refuse(path, "it belongs to user " + std::to_string(status.st_uid) + " and this process runs as user " +
+                     std::to_string(::geteuid()) + "; remove it " + kRemedy);
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    refuse(path, "other users may write to it; take that right away (chmod go-w) " + kRemedy);
+  }
+  return directory;
+}
+
+void checkDomain(const std::string& domain) {
+  if (domain.empty() || domain == "." || domain == ".." || domain.size() > NAME_MAX ||
+      domain.find('/') != std::string::npos || domain.find('\0') != std::string::npos) {
+    throw std::runtime_error("\"" + domain + "\" cannot be a domain: give it the form of a file name, 1 to " +
+                             std::to_string(NAME_MAX) + " bytes without a slash");
+  }
+}
+
+// The address of a socket in a directory. The way through the descriptor is short however long the directory's path is.
+sockaddr_un addressOf(int directory, const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/" + name;
+  if (path.size() >= sizeof(address.sun_path)) {
+    throw std::runtime_error("the socket name \"" + name + "\" is too long");
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size());
+  return address;
+}
+
+const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
+
+Descriptor openSocket() { return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
+
+std::string socketName(std::uint64_t session) {
+  char text[64];
+  std::snprintf(text, sizeof(text), "%ld-%016llx", static_cast<long>(::getpid()),
+                static_cast<unsigned long long>(session));
+  return std::string(text).append(kSocketSuffix);
+}
+
+// Held until destroyed.
+Descriptor lockDomain(int directory, const std::string& path) {
+  Descriptor file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  if (!file) {
+    refuseErrno(path, "creating the lock file");
+  }
+  while (::flock(file.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      refuseErrno(path, "locking the lock file");
+    }
+  }
+  return file;
+}
+
+}  // namespace
+
+std::string runtimeDirectory() {
+  const auto set = [](const char* value) { return value != nullptr && *value != '\0'; };
+  if (const char* own = std::getenv("LBM_RUNTIME_DIR"); set(own)) {
+    return own;
+  }
+  if (const char* session = std::getenv("XDG_RUNTIME_DIR"); set(session)) {
+    return std::string(session) + "/lbm";
+  }
+  return "/tmp/lbm-" + std::to_string(::geteuid());
+}
+
+Descriptor openDomain(const std::string& runtimeDirectory, const std::string& domain) {
+  checkDomain(domain);
+  std::string path = runtimeDirectory;
+  // With a slash at its end, a link would be followed.
+  while (path.size() > 1 && path.back() == '/') {
+    path.pop_back();
+  }
+  const Descriptor runtime = openOwnDirectory(AT_FDCWD, path, path);
+  return openOwnDirectory(runtime.get(), domain, path + "/" + domain);
+}
+
+Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session)
+    : m_path(runtimeDirectory + "/" + domain),
+      m_name(socketName(session)),
+      m_directory(openDomain(runtimeDirectory, domain)),
+      m_listener(openSocket()) {
+  if (!m_listener) {
+    refuseErrno(m_path, "opening a socket");
+  }
+}
+
+std::vector<Rendezvous::Neighbour> Rendezvous::join() {
+  const Descriptor lock = lockDomain(m_directory.get(), m_path);
+  const sockaddr_un address = addressOf(m_directory.get(), m_name);
+  if (::bind(m_listener.get(), generic(address), sizeof(address)) != 0) {
+    refuseErrno(m_path, "creating a socket");
+  }
+  m_bound = true;
+  if (::listen(m_listener.get(), kBacklog) != 0) {
+    refuseErrno(m_path, "listening");
+  }
+  std::vector<Neighbour> neighbours;
+  for (std::string& name : otherSockets()) {
+    Neighbour neighbour{std::move(name), {}};
+    if (connect(neighbour) != Outcome::gone) {
+      neighbours.push_back(std::move(neighbour));
+    }
+  }
+  return neighbours;
+}
+
+Rendezvous::Outcome Rendezvous::connect(Neighbour& neighbour) const {
+  Descriptor socket = openSocket();
+  if (!socket) {
+    refuseErrno(m_path, "opening a socket");
+  }
+  const sockaddr_un address = addressOf(m_directory.get(), neighbour.name);
+  while (::connect(socket.get(), generic(address), sizeof(address)) != 0) {
+    if (errno == EAGAIN) {
+      return Outcome::busy;
+    }
+    if (errno == ECONNREFUSED) {
+      // Names are never used twice, so this cannot hit a living context.
+      ::unlinkat(m_directory.get(), neighbour.name.c_str(), 0);
+    }
+    if (errno != EINTR) {
+      return Outcome::gone;
+    }
+  }
+  neighbour.socket = std::move(socket);
+  return Outcome::connected;
+}
+
+void Rendezvous::leave() noexcept {
+  if (m_bound) {
+    ::unlinkat(m_directory.get(), m_name.c_str(), 0);
+    ::shutdown(m_listener.get(), SHUT_RDWR);
+    m_bound = false;
+  }
+}
+
+std::vector<std::string> Rendezvous::otherSockets() const {
+  Descriptor descriptor(::openat(m_directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  DIR* opened = descriptor ? ::fdopendir(descriptor.get()) : nullptr;
+  if (opened == nullptr) {
+    refuseErrno(m_path, "listing the directory");
+  }
+  descriptor.release();
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opened, &::closedir);
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(directory.get())) {
+    const std::string_view name = entry->d_name;
+    const bool maybeSocket = entry->d_type == DT_SOCK || entry->d_type == DT_UNKNOWN;
+    if (maybeSocket && name.ends_with(kSocketSuffix) && name != m_name) {
+      names.emplace_back(name);
+    }
+  }
+  return names;
+}
+
+bool sameUser(int socket) noexcept {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
+}
+
+}  // namespace engine::transport::host

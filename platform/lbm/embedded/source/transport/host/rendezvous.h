@@ -1,0 +1,59 @@
+// Where the contexts of a domain meet: a directory that holds a socket for each of them.
+//
+// Joining is serialised by a lock on a file there. Whoever holds it puts its own socket in place before it looks for
+// those of others, so of two contexts the later one always finds the earlier. A socket that refuses connections was
+// left by a process that died and is removed.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "transport/host/descriptor.h"
+
+namespace engine::transport::host {
+
+// Opens the domain's directory, creating it and the runtime directory when missing. Refuses what others might tamper
+// with, with a text that names the path and the remedy.
+Descriptor openDomain(const std::string& runtimeDirectory, const std::string& domain);
+
+class Rendezvous {
+ public:
+  // A connection to a context of the domain, or none while that context has too many waiting for it.
+  struct Neighbour {
+    std::string name;
+    Descriptor socket;
+  };
+
+  Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session);
+  ~Rendezvous() { leave(); }
+  Rendezvous(const Rendezvous&) = delete;
+  Rendezvous& operator=(const Rendezvous&) = delete;
+
+  // Takes a place in the domain and connects to every other context.
+  std::vector<Neighbour> join();
+
+  enum class Outcome : std::uint8_t { connected, busy, gone };
+  // Tries once, without waiting.
+  Outcome connect(Neighbour& neighbour) const;
+
+  // The socket on which other contexts connect.
+  int listener() const noexcept { return m_listener.get(); }
+
+  // Gives the place up: nobody can connect any more. Idempotent.
+  void leave() noexcept;
+
+ private:
+  std::vector<std::string> otherSockets() const;
+
+  const std::string m_path;  // of the domain's directory, for error texts
+  const std::string m_name;  // of the own socket in it
+  const Descriptor m_directory;
+  const Descriptor m_listener;
+  bool m_bound = false;
+};
+
+// Whether the process at the other end of a connection runs as the same user.
+bool sameUser(int socket) noexcept;
+
+}  // namespace engine::transport::host

@@ -1,0 +1,165 @@
+// Contexts for the tests of the transport: each writes down what its listener hears.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "transport/host/host_transport.h"
+
+namespace engine::transport::host {
+
+// A runtime directory of the test's own.
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    std::string path = testing::TempDir() + "transport-XXXXXX";
+    m_path = ::mkdtemp(path.data());
+  }
+  ~ScratchDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  ScratchDirectory(const ScratchDirectory&) = delete;
+  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+  const std::string& path() const { return m_path; }
+
+  std::vector<std::string> sockets() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(m_path + "/test")) {
+      if (entry.is_socket()) {
+        found.push_back(entry.path());
+      }
+    }
+    return found;
+  }
+
+ private:
+  std::string m_path;
+};
+
+inline HostSettings settingsIn(const ScratchDirectory& directory, const std::string& name = "") {
+  HostSettings settings;
+  settings.runtimeDirectory = directory.path();
+  settings.domain = "test";
+  settings.contextName = name;
+  return settings;
+}
+
+inline std::string textOf(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+inline SendResult publish(Transport& transport, Publication& publication, std::string text, bool block = false,
+                          std::uint64_t request = 0) {
+  const iovec piece{text.data(), text.size()};
+  OutboundMessage message;
+  message.pieces = {&piece, 1};
+  message.requestId = request;
+  return transport.publish(publication, message, block);
+}
+
+class Member : public Listener {
+ public:
+  explicit Member(HostSettings settings, bool subscribes = true) : m_subscribes(subscribes) {
+    settings.notice = [this](int, const std::string& text) { notices.push_back(text); };
+    transport = joinHostDomain(settings);
+  }
+
+  void sourceUp(const std::shared_ptr<RemoteSource>& source) override {
+    hear("up " + source->topic());
+    sources[source->topic()] = source;
+    if (m_subscribes) {
+      transport->subscribe(*source);
+    }
+  }
+  void sourceDown(const std::shared_ptr<RemoteSource>& source) override { hear("down " + source->topic()); }
+  void message(RemoteSource& source, InboundMessage& message) override {
+    ++messages;
+    sequences.push_back(message.sequence);
+    bytes += message.payload.size();
+    if (message.payload.size() < 100) {
+      hear(source.topic() + ": " + textOf(message.payload));
+    }
+    if (onMessage) {
+      onMessage(source, message);
+    }
+  }
+  void loss(RemoteSource& source, std::uint32_t first, std::uint32_t count) override {
+    lost += count;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      sequences.push_back(first + i);
+    }
+    hear("loss " + source.topic());
+  }
+  void response(std::uint64_t requestId, std::span<const std::byte> payload) override {
+    hear("response " + std::to_string(requestId) + ": " + textOf(payload));
+  }
+  void subscriberJoined(Publication&, const std::string& name) override { hear("joined " + name); }
+  void subscriberLeft(Publication&, const std::string& name) override { hear("left " + name); }
+  void writable(Publication&) override { hear("writable"); }
+
+  std::size_t drain() { return transport->drain(*this); }
+  bool heard(const std::string& event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
+
+  std::unique_ptr<Transport> transport;
+  std::vector<std::string> events;
+  std::vector<std::string> notices;
+  std::map<std::string, std::shared_ptr<RemoteSource>> sources;  // by topic
+  std::vector<std::uint32_t> sequences;                          // of what arrived or was lost
+  std::size_t messages = 0;
+  std::size_t bytes = 0;
+  std::size_t lost = 0;
+  std::function<void(RemoteSource&, InboundMessage&)> onMessage;
+
+ private:
+  void hear(const std::string& event) { events.push_back(event); }
+
+  const bool m_subscribes;
+};
+
+// Drains the members until the condition holds; a failure of the test if it does not within a time.
+inline void drainUntil(const std::vector<Member*>& members, const std::string& what,
+                       const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    std::size_t done = 0;
+    for (Member* member : members) {
+      done += member->drain();
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      FAIL() << "waited in vain for: " << what;
+    }
+    if (done == 0 && !condition()) {
+      std::vector<pollfd> descriptors;
+      for (const Member* member : members) {
+        descriptors.push_back({member->transport->descriptor(), POLLIN, 0});
+      }
+      ::poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
+    }
+  }
+}
+
+// Drains the members until none has anything to do.
+inline void settle(const std::vector<Member*>& members) {
+  std::size_t done = 1;
+  while (done != 0) {
+    done = 0;
+    for (Member* member : members) {
+      done += member->drain();
+    }
+  }
+}
+
+}  // namespace engine::transport::host
