@@ -198,7 +198,7 @@ int State::Dispatch(Running& running, Dispatcher& dispatcher, lbm_ulong_t msec, 
     calls.pop_back();
     ++calls.back()->times;
   }
-  return done;
+  return returnAfterWork ? 0 : done;  // processing events counts nothing
 }
 
 void State::Register(const void* key, std::shared_ptr<Object> object) {
