@@ -1,0 +1,169 @@
+// The client's connection to price servers.
+#pragma once
+
+#include <lbm/lbm_cpp>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "ps_common/config/config.h"
+#include "ps_common/connector/lbm_resource_mgr.h"
+#include "ps_common/connector/server_instance.h"
+#include "ps_common/connector/symbol_prefixes.h"
+
+namespace ps_ns {
+
+using ClientID_t = std::string;
+
+// Owns the client's LBM context and the dispatch thread that drives it, and makes the client's endpoints on it.
+//
+//   ps_ns::LbmClientResourceMgr manager(config, "my_client", false, -1, 100, {}, 0);
+//   std::string topicName;
+//   auto prices = manager.CreateClientDataReceiver(instance, 0, onMessage, topicName);
+//   ...
+//   manager.Shutdown();
+//
+// Lifecycle: running from construction to Shutdown, which is for good and must come before the destruction: destroying
+// a running manager ends the process. Endpoints belong to whoever created them, are silent after Shutdown, and should
+// go before the manager.
+//
+// Threads: the callbacks of receivers and registered sockets, and the background task, run on the dispatch thread, one
+// at a time; they delay each other and must not throw. Endpoints may be created and sockets registered on any thread.
+class LbmClientResourceMgr final : public LbmResourceMgr {
+ public:
+  using RequestSourcesByServerInstance = std::unordered_map<ServerInstance, SourcePtr, ServerInstance::Hasher>;
+  using ResponseReceiversByServerInstance = std::unordered_map<ServerInstance, ReceiverPtr, ServerInstance::Hasher>;
+  using Receivers_t = std::vector<ReceiverPtr>;
+  using DataReceiversByServerInstance = std::unordered_map<ServerInstance, Receivers_t, ServerInstance::Hasher>;
+
+  // Creates the context and starts the dispatch thread.
+  //
+  // config: must not be null. Read here: "Logging"/"lbmNotifications" (bool, default false: whether the sources that
+  // the
+  //   context finds are logged) and "General"/"OnloadStackName" (default "lbm_pc_ctx"). The node "General" must be
+  //   there.
+  // contextName: empty leaves the name to LBM.
+  // shouldOnload: whether the dispatch thread spins on its own Onload stack, where Onload is present.
+  // lbmThreadCPUAffinity: the CPU that the dispatch thread is pinned to; -1 for none.
+  // lbmProcessEventTimeout_ms: how long the dispatch thread waits for an event before it turns to the background task,
+  //   in milliseconds.
+  // backgroundTaskExecutor: run by the dispatch thread between events until it returns false, at most maxTasksToExecute
+  //   times in a row; may be empty.
+  //
+  // Throws lbm::LbmError, boost::property_tree::ptree_bad_path when there is no node "General", and
+  // std::invalid_argument for a null config. Nothing is left behind then.
+  LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>& config, const std::string& contextName, bool shouldOnload,
+                       int lbmThreadCPUAffinity, unsigned int lbmProcessEventTimeout_ms,
+                       std::function<bool()> backgroundTaskExecutor, unsigned int maxTasksToExecute);
+
+  LbmClientResourceMgr(const LbmClientResourceMgr&) = delete;
+  LbmClientResourceMgr(LbmClientResourceMgr&&) = delete;
+  LbmClientResourceMgr& operator=(const LbmClientResourceMgr&) = delete;
+  LbmClientResourceMgr& operator=(LbmClientResourceMgr&&) = delete;
+
+  ~LbmClientResourceMgr();
+
+  // Stops the dispatch thread and waits for it. No callback of the context runs afterwards. Endpoints and context stay
+  // alive. A repeated call does nothing.
+  // Threads: the owner's; never the dispatch thread.
+  void Shutdown() override;
+
+  // The identity of this client for the command channel; empty until it is set.
+  // Threads: set it before other threads use the manager.
+  void SetClientID(const ClientID_t& clientID) { m_clientID = clientID; }
+  const ClientID_t& GetClientID() const noexcept { return m_clientID; }
+
+  // Never null; owned by the manager.
+  lbm::Context* GetContext() const noexcept { return m_ctx; }
+
+  // The network interface of the context's multicast resolver, as LBM prints it. Throws lbm::LbmError.
+  std::string GetPriceMulticastInterface() const;
+
+  // ---- Sockets ----
+  // A registered callback runs on the dispatch thread whenever the socket is readable. A socket must be unregistered
+  // before it is closed. All return whether LBM did it; a failure is logged.
+
+  bool RegisterSocketForReadEvents(int socket, lbm_fd_cb_proc callback, void* callbackData);
+
+  // No callback of the socket runs after it has returned, unless it was called from that callback.
+  bool UnregisterSocketForReadEvents(int socket);
+
+  // Does not wait: callback is called with the socket and callbackData once no callback of the socket will come any
+  // more, by whoever runs the queue, or on the dispatch thread when queue is null.
+  bool UnregisterSocketForReadEventsEx(int socket, lbm_event_queue_t* queue, lbm_event_queue_cancel_cb_proc callback,
+                                       void* callbackData);
+
+  // ---- Endpoints of one server instance ----
+  // Each call creates a new endpoint, which belongs to the caller; the manager records none of them. topicName receives
+  // the name of the topic, also when the creation fails after the topic was named. Callbacks run on the dispatch
+  // thread; an empty one takes the messages and drops them. All throw lbm::LbmError.
+
+  SourcePtr CreateClientSource(const ServerInstance& serverInstance);
+  ReceiverPtr CreateClientReceiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback,
+                                   std::string& topicName);
+  ReceiverPtr CreateClientDataReceiver(const ServerInstance& serverInstance, unsigned short segment,
+                                       lbm::Receiver::Callback callback, std::string& topicName);
+  ReceiverPtr CreateClientProductInfoReceiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback,
+                                              std::string& topicName);
+  ReceiverPtr CreateClientRFQ_Receiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback,
+                                       std::string& topicName);
+  ReceiverPtr CreateClientNewsReceiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback,
+                                       std::string& topicName);
+
+  // ---- Look-up of recorded endpoints ----
+  // Empty when nothing is recorded for the instance, or not for that segment. The creating operations above record
+  // nothing.
+
+  SourcePtr GetRequestSource(const ServerInstance& serverInstance) const;
+  ReceiverPtr GetResponseReceiver(const ServerInstance& serverInstance) const;
+  ReceiverPtr GetDataReceiver(const ServerInstance& serverInstance, unsigned short segment) const;
+
+ private:
+  // Sets the members and nothing else. Because the public constructor delegates to it, the destructor runs when a later
+  // step of the construction throws.
+  LbmClientResourceMgr(const ConfigPtr& config, bool shouldOnload, int lbmThreadCPUAffinity,
+                       unsigned int lbmProcessEventTimeout_ms, BackgroundTaskExecutor backgroundTaskExecutor,
+                       unsigned int maxTasksToExecute);
+
+  void RegisterSourceNotification();
+
+  // The dispatch thread.
+  void ContextThreadFunc();
+  void PinThread() const;
+  void UseOnload() const;
+  void RunBackgroundTask() const;
+
+  // The order matters: what stands below m_ctx is destroyed first, but m_ctx and m_contextAttr themselves go before all
+  // of them, in the destructor's body.
+  const ConfigPtr m_config;
+  ClientID_t m_clientID;
+  RequestSourcesByServerInstance m_sourcesByServerInstance;
+  ResponseReceiversByServerInstance m_receiversByServerInstance;
+  DataReceiversByServerInstance m_dataReceiversByServerInstance;
+  ReceiverPtr m_responseReceiver;
+  ReceiverPtr m_hostCommandReceiver;
+  ReceiverPtr m_idCommandReceiver;
+  SourcePtr m_commandResponseSource;
+  Receivers_t m_receivers;
+  lbm::ContextAttributes* m_contextAttr = nullptr;  // owned
+  lbm::Context* m_ctx = nullptr;                    // owned
+  bool m_running = false;                           // shared with the dispatch thread, through std::atomic_ref only
+  std::thread m_thread;
+  bool m_shouldOnload;
+  int m_lbmThreadCPUAffinity;
+  bool m_logNotifications = false;
+  std::string m_onloadStackName;
+  std::unordered_map<std::string, lbm::ReceiverTopic> m_statusTopics;  // guarded by m_mtx
+  std::mutex m_mtx;
+};
+
+// The context's callback for sources that it finds: logs topic and source, ignores clientd and returns 0.
+// Threads: the dispatch thread.
+int context_src_notify(const char* topicName, const char* sourceName, void* clientd);
+
+}  // namespace ps_ns

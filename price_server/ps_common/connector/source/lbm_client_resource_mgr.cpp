@@ -1,0 +1,258 @@
+#include "ps_common/connector/lbm_client_resource_mgr.h"
+
+#include <onload/extensions.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <ios>
+#include <stdexcept>
+#include <utility>
+
+#include "zq/logging/logger.h"
+
+namespace ps_ns {
+namespace {
+
+// Statement ids.
+constexpr unsigned int kThreadStatement = 0;
+constexpr unsigned int kManagerStatement = 13;
+constexpr unsigned int kNotificationStatement = 9999;
+
+constexpr int kNoAffinity = -1;
+constexpr const char* kThreadName = "lbm_ctx_thread";  // at most 15 characters
+
+// Makes a receiver on the topic that nameTopic returns; what differs between the kinds of receivers is in the
+// arguments. topicName is set as soon as the topic has its name.
+template <typename NameTopic>
+ReceiverPtr CreateReceiver(lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
+                           lbm::Receiver::Callback callback, std::string& topicName) {
+  const lbm::ReceiverTopicAttributes attributes;
+  topicName = nameTopic();
+  const lbm::ReceiverTopic topic(context, topicName, attributes);
+  auto receiver = std::make_shared<lbm::Receiver>(context, topic, std::move(callback));
+  ZQLOG(ZQLOG_INFO, kManagerStatement, logPrefix << '"' << topicName << '"');
+  return receiver;
+}
+
+}  // namespace
+
+int context_src_notify(const char* topicName, const char* sourceName, void* /*clientd*/) {
+  ZQLOG_FORMAT(ZQLOG_INFO, kNotificationStatement, "context_src_notify topic=%s src=%s", topicName, sourceName);
+  return 0;
+}
+
+// ---- Construction and teardown ----
+
+LbmClientResourceMgr::LbmClientResourceMgr(const ConfigPtr& config, bool shouldOnload, int lbmThreadCPUAffinity,
+                                           unsigned int lbmProcessEventTimeout_ms,
+                                           BackgroundTaskExecutor backgroundTaskExecutor,
+                                           unsigned int maxTasksToExecute)
+    : LbmResourceMgr(false, lbmProcessEventTimeout_ms, std::move(backgroundTaskExecutor), maxTasksToExecute),
+      m_config(config),
+      m_shouldOnload(shouldOnload),
+      m_lbmThreadCPUAffinity(lbmThreadCPUAffinity) {}
+
+LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>& config, const std::string& contextName,
+                                           bool shouldOnload, int lbmThreadCPUAffinity,
+                                           unsigned int lbmProcessEventTimeout_ms,
+                                           std::function<bool()> backgroundTaskExecutor, unsigned int maxTasksToExecute)
+    : LbmClientResourceMgr(config, shouldOnload, lbmThreadCPUAffinity, lbmProcessEventTimeout_ms,
+                           std::move(backgroundTaskExecutor), maxTasksToExecute) {
+  if (!config) throw std::invalid_argument("LbmClientResourceMgr needs a configuration; it was given none");
+  ZQLOG(ZQLOG_INFO, kManagerStatement,
+        "Creating LbmClientResourceMgr. shouldOnload="
+            << std::boolalpha << shouldOnload << " lbmThreadCPUAffinity=" << lbmThreadCPUAffinity
+            << " context_name=" << (contextName.empty() ? "<default>" : contextName.c_str())
+            << " lbmProcessEventTimeout_ms=" << lbmProcessEventTimeout_ms);
+
+  m_contextAttr = new lbm::ContextAttributes;
+  m_contextAttr->SetString("operational_mode", "sequential");
+  RegisterSourceNotification();
+  if (!contextName.empty()) m_contextAttr->SetString("context_name", contextName.c_str());
+  m_onloadStackName = m_config->GetCompositeNode("General")->GetAttrValue<std::string>("OnloadStackName", "lbm_pc_ctx");
+  m_ctx = new lbm::Context(*m_contextAttr);
+
+  m_running = true;
+  ZQLOG(ZQLOG_INFO, kThreadStatement, "About to start LBM Context thread. Creator thread_id=" << gettid());
+  m_thread = std::thread(&LbmClientResourceMgr::ContextThreadFunc, this);
+}
+
+// A convenience for operators: whatever is wrong with it must not keep the client from starting.
+void LbmClientResourceMgr::RegisterSourceNotification() {
+  try {
+    m_logNotifications = m_config->GetCompositeNode("Logging")->GetAttrValue<bool>("lbmNotifications", false);
+    if (m_logNotifications) {
+      m_contextAttr->Set("resolver_source_notification_function", lbm_src_notify_func_t{context_src_notify, nullptr});
+    }
+  } catch (...) {
+    ZQLOG(ZQLOG_WARNING, kNotificationStatement, "register resolver_source_notification_function failed");
+  }
+}
+
+void LbmClientResourceMgr::Shutdown() {
+  ZQLOG(ZQLOG_INFO, kManagerStatement, "Shutting down LbmClientResourceMgr");
+  const std::atomic_ref running(m_running);
+  if (!running) return;
+  running = false;
+  if (m_ctx != nullptr) lbm_context_unblock(*m_ctx);
+  if (m_thread.joinable()) m_thread.join();
+}
+
+LbmClientResourceMgr::~LbmClientResourceMgr() {
+  m_commandResponseSource.reset();
+  m_hostCommandReceiver.reset();
+  m_idCommandReceiver.reset();
+  delete m_contextAttr;
+  delete m_ctx;
+}
+
+std::string LbmClientResourceMgr::GetPriceMulticastInterface() const {
+  return GetContextAttribute(*m_ctx, "resolver_multicast_interface");
+}
+
+// ---- The dispatch thread ----
+
+void LbmClientResourceMgr::ContextThreadFunc() {
+  ZQLOG(ZQLOG_INFO, kThreadStatement, "Started LBM Context dispatch loop thread. thread_id=" << gettid());
+  if (m_lbmThreadCPUAffinity != kNoAffinity) PinThread();
+  if (prctl(PR_SET_NAME, kThreadName) != 0) {
+    const int error = errno;
+    ZQLOG(ZQLOG_ERROR, kThreadStatement,
+          "Error occured while setting LBM Context thread name to " << kThreadName << ". errno=" << error);
+  }
+  if (m_shouldOnload && onload_is_present() == 1) UseOnload();
+
+  const std::atomic_ref running(m_running);
+  while (running) {
+    if (lbm_context_process_events(*m_ctx, m_lbmProcessEventTimeout_ms) != 0) {
+      ZQLOG(ZQLOG_ERROR, kManagerStatement,
+            "Error calling lbm_context_process_events. error=" << lbm_errnum() << ' ' << lbm_errmsg());
+      break;
+    }
+    RunBackgroundTask();
+  }
+  ZQLOG(ZQLOG_INFO, kThreadStatement, "Exiting LBM ClientResourceMgr dispatch loop thread.");
+}
+
+void LbmClientResourceMgr::PinThread() const {
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  // A CPU that the set has no room for leaves it empty, and the call below says so.
+  if (m_lbmThreadCPUAffinity >= 0 && m_lbmThreadCPUAffinity < CPU_SETSIZE) CPU_SET(m_lbmThreadCPUAffinity, &cpus);
+  // Not through m_thread: the constructor may still be assigning it.
+  const int error = pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
+  if (error != 0) {
+    ZQLOG(ZQLOG_ERROR, kThreadStatement, "Error settign CPU affinity for LBM context thread. error=" << error);
+  }
+}
+
+void LbmClientResourceMgr::UseOnload() const {
+  ZQLOG(ZQLOG_INFO, kThreadStatement,
+        "Onload is present. Setting LBM thread to spin. Using Onload stack Name=" << m_onloadStackName);
+  onload_thread_set_spin(ONLOAD_SPIN_ALL, 1);
+  onload_set_stackname(ONLOAD_THIS_THREAD, ONLOAD_SCOPE_PROCESS, m_onloadStackName.c_str());
+}
+
+void LbmClientResourceMgr::RunBackgroundTask() const {
+  if (!m_backgroundTaskExecutor) return;
+  for (std::uint32_t calls = 0; calls < m_maxTasksToExecute; ++calls) {
+    if (!m_backgroundTaskExecutor()) break;
+  }
+}
+
+// ---- Sockets ----
+
+bool LbmClientResourceMgr::RegisterSocketForReadEvents(int socket, lbm_fd_cb_proc callback, void* callbackData) {
+  const int ret = lbm_register_fd(*m_ctx, socket, callback, callbackData, nullptr, LBM_FD_EVENT_READ);
+  if (ret == 0) return true;
+  ZQLOG(ZQLOG_ERROR, kManagerStatement,
+        "Error occured while registering socket with context for read events.ret=" << ret);
+  return false;
+}
+
+bool LbmClientResourceMgr::UnregisterSocketForReadEvents(int socket) {
+  if (lbm_cancel_fd(*m_ctx, socket, LBM_FD_EVENT_READ) == 0) return true;
+  ZQLOG(ZQLOG_ERROR, kManagerStatement, "Error occured while unregistering socket with context for read events");
+  return false;
+}
+
+bool LbmClientResourceMgr::UnregisterSocketForReadEventsEx(int socket, lbm_event_queue_t* queue,
+                                                           lbm_event_queue_cancel_cb_proc callback,
+                                                           void* callbackData) {
+  const lbm_event_queue_cancel_cb_info_t info{queue, callback, callbackData};
+  if (lbm_cancel_fd_ex(*m_ctx, socket, LBM_FD_EVENT_READ, &info) == 0) return true;
+  ZQLOG(ZQLOG_ERROR, kManagerStatement, "Error occured while unregistering socket (ex) with context for read events");
+  return false;
+}
+
+// ---- Endpoints of one server instance ----
+
+SourcePtr LbmClientResourceMgr::CreateClientSource(const ServerInstance& serverInstance) {
+  const lbm::SourceTopicAttributes attributes;
+  const std::string topicName = CreateClientRequestTopic(serverInstance);
+  const lbm::SourceTopic topic(*m_ctx, topicName, attributes);
+  auto source = std::make_shared<lbm::Source>(*m_ctx, topic, lbm::Source::Callback());
+  ZQLOG(ZQLOG_INFO, kManagerStatement, "Created RequestSource on topic=" << '"' << topicName << '"');
+  return source;
+}
+
+ReceiverPtr LbmClientResourceMgr::CreateClientReceiver(const ServerInstance& serverInstance,
+                                                       lbm::Receiver::Callback callback, std::string& topicName) {
+  return CreateReceiver(
+      *m_ctx, "Created ResponseReceiver on topic=", [&] { return CreateServerResponseTopic(serverInstance); },
+      std::move(callback), topicName);
+}
+
+ReceiverPtr LbmClientResourceMgr::CreateClientDataReceiver(const ServerInstance& serverInstance, unsigned short segment,
+                                                           lbm::Receiver::Callback callback, std::string& topicName) {
+  return CreateReceiver(
+      *m_ctx, "Created SegmentReceiver on topic=", [&] { return CreateSegmentTopic(serverInstance, segment); },
+      std::move(callback), topicName);
+}
+
+ReceiverPtr LbmClientResourceMgr::CreateClientProductInfoReceiver(const ServerInstance& serverInstance,
+                                                                  lbm::Receiver::Callback callback,
+                                                                  std::string& topicName) {
+  return CreateReceiver(
+      *m_ctx, "Created ProductReceiver on topic=", [&] { return CreateProductResponseTopic(serverInstance); },
+      std::move(callback), topicName);
+}
+
+ReceiverPtr LbmClientResourceMgr::CreateClientRFQ_Receiver(const ServerInstance& serverInstance,
+                                                           lbm::Receiver::Callback callback, std::string& topicName) {
+  return CreateReceiver(
+      *m_ctx, "Created RFQ_Receiver on topic=", [&] { return CreateRFQ_BroadcastTopic(serverInstance); },
+      std::move(callback), topicName);
+}
+
+ReceiverPtr LbmClientResourceMgr::CreateClientNewsReceiver(const ServerInstance& serverInstance,
+                                                           lbm::Receiver::Callback callback, std::string& topicName) {
+  return CreateReceiver(
+      *m_ctx, "Created NewsReceiver on topic=", [&] { return CreateNewsBroadcastTopic(serverInstance); },
+      std::move(callback), topicName);
+}
+
+// ---- Look-up of recorded endpoints ----
+
+SourcePtr LbmClientResourceMgr::GetRequestSource(const ServerInstance& serverInstance) const {
+  const auto found = m_sourcesByServerInstance.find(serverInstance);
+  return found == m_sourcesByServerInstance.end() ? nullptr : found->second;
+}
+
+ReceiverPtr LbmClientResourceMgr::GetResponseReceiver(const ServerInstance& serverInstance) const {
+  const auto found = m_receiversByServerInstance.find(serverInstance);
+  return found == m_receiversByServerInstance.end() ? nullptr : found->second;
+}
+
+ReceiverPtr LbmClientResourceMgr::GetDataReceiver(const ServerInstance& serverInstance, unsigned short segment) const {
+  const auto found = m_dataReceiversByServerInstance.find(serverInstance);
+  if (found == m_dataReceiversByServerInstance.end() || segment >= found->second.size()) return nullptr;
+  return found->second[segment];
+}
+
+}  // namespace ps_ns
