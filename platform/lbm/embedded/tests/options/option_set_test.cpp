@@ -177,12 +177,32 @@ TEST(OptionSet, SetsAreEqualWhenEveryValueIs) {
   other.setText("no_source_notification_delay", "10000");
   EXPECT_EQ(other, set);
 
-  int data = 0;
-  lbm_rcv_src_notification_func_t notification{};
-  notification.clientd = &data;
-  other.setBinary("source_notification_function", &notification, sizeof notification);
-  EXPECT_NE(other, set);
   EXPECT_NE(OptionSet::builtIn(Scope::source), set);
+}
+
+TEST(OptionSet, RecordsOfFunctionsAreEqualWhenEveryMemberIs) {
+  const auto receiverWith = [](const lbm_rcv_src_notification_func_t& value) {
+    auto set = OptionSet::builtIn(Scope::receiver);
+    set.setBinary("source_notification_function", &value, sizeof value);
+    return set;
+  };
+  const auto contextWith = [](const lbm_src_notify_func_t& value) {
+    auto set = OptionSet::builtIn(Scope::context);
+    set.setBinary("resolver_source_notification_function", &value, sizeof value);
+    return set;
+  };
+  const auto create = [](const char*, void*) -> void* { return nullptr; };
+  const auto destroy = [](const char*, void*, void*) { return 0; };
+  int data = 0;
+  const auto receiver = receiverWith({create, destroy, &data});
+  EXPECT_EQ(receiverWith({create, destroy, &data}), receiver);
+  EXPECT_NE(receiverWith({nullptr, destroy, &data}), receiver);
+  EXPECT_NE(receiverWith({create, nullptr, &data}), receiver);
+  EXPECT_NE(receiverWith({create, destroy, nullptr}), receiver);
+  const auto context = contextWith({&notify, &data});
+  EXPECT_EQ(contextWith({&notify, &data}), context);
+  EXPECT_NE(contextWith({nullptr, &data}), context);
+  EXPECT_NE(contextWith({&notify, nullptr}), context);
 }
 
 TEST(LiveOptions, OnlyWhatMayChangeChanges) {
