@@ -1,0 +1,110 @@
+#include "transport/host/rendezvous.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "member.h"
+
+namespace engine::transport::host {
+namespace {
+
+using testing::HasSubstr;
+
+class RuntimeDirectory : public testing::Test {
+ protected:
+  // The text with which the directory is refused.
+  std::string refusal(const std::string& path, const std::string& domain = "test") const {
+    try {
+      openDomain(path, domain);
+    } catch (const std::exception& error) {
+      EXPECT_THAT(error.what(), HasSubstr("\"" + path.substr(0, path.find_last_not_of('/') + 1)));
+      return error.what();
+    }
+    return "not refused";
+  }
+
+  ScratchDirectory m_scratch;
+};
+
+TEST_F(RuntimeDirectory, IsCreatedForThisUserAlone) {
+  const std::string path = m_scratch.path() + "/run/";
+  openDomain(path, "test");
+  for (const char* each : {"run", "run/test"}) {
+    struct stat status {};
+    ASSERT_EQ(::stat((m_scratch.path() + "/" + each).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U) << each;
+  }
+  openDomain(path, "test");
+}
+
+TEST_F(RuntimeDirectory, IsRefusedWhereOthersMightTamperWithIt) {
+  const std::string open = m_scratch.path() + "/open";
+  ASSERT_EQ(::mkdir(open.c_str(), 0700), 0);
+  ASSERT_EQ(::chmod(open.c_str(), 0770), 0);
+  EXPECT_THAT(refusal(open), HasSubstr("chmod go-w"));
+  ASSERT_EQ(::chmod(open.c_str(), 0702), 0);
+  EXPECT_THAT(refusal(open), HasSubstr("chmod go-w"));
+
+  const std::string own = m_scratch.path() + "/own";
+  const std::string link = m_scratch.path() + "/link";
+  openDomain(own, "test");
+  std::filesystem::create_directory_symlink(own, link);
+  EXPECT_THAT(refusal(link), HasSubstr("symbolic link"));
+  EXPECT_THAT(refusal(link + "/"), HasSubstr("symbolic link"));
+  std::filesystem::create_directory_symlink(own + "/test", own + "/linked");
+  EXPECT_THAT(refusal(own, "linked"), HasSubstr("symbolic link"));
+
+  std::string foreign = "/";
+  if (::geteuid() == 0) {
+    foreign = m_scratch.path() + "/foreign";
+    ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
+    ASSERT_EQ(::chown(foreign.c_str(), 12345, 12345), 0);
+  }
+  EXPECT_THAT(refusal(foreign), HasSubstr("belongs to user"));
+}
+
+TEST_F(RuntimeDirectory, FaultsOfThePathSayWhatToDo) {
+  const std::string file = m_scratch.path() + "/file";
+  ASSERT_TRUE(Descriptor(::open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));
+  EXPECT_THAT(refusal(file), HasSubstr("not a directory"));
+  EXPECT_THAT(refusal(m_scratch.path() + "/no/such"), HasSubstr("create the directories above it"));
+  EXPECT_THAT(refusal(m_scratch.path() + "/" + std::string(300, 'x')), HasSubstr("shorten it"));
+  for (const std::string domain : {"", ".", "..", "a/b", "/"}) {
+    EXPECT_THROW(openDomain(m_scratch.path(), domain), std::runtime_error) << domain;
+  }
+  EXPECT_THROW(openDomain(m_scratch.path(), std::string(256, 'x')), std::runtime_error);
+}
+
+TEST_F(RuntimeDirectory, HasToBeWritable) {
+  if (::geteuid() == 0) {
+    GTEST_SKIP() << "every directory is writable for root";
+  }
+  ASSERT_EQ(::chmod(m_scratch.path().c_str(), 0500), 0);
+  EXPECT_THAT(refusal(m_scratch.path()), HasSubstr("make it writable"));
+  ASSERT_EQ(::chmod(m_scratch.path().c_str(), 0700), 0);
+}
+
+TEST_F(RuntimeDirectory, MayBeLongerThanASocketAddress) {
+  HostSettings settings = settingsIn(m_scratch);
+  settings.runtimeDirectory += "/" + std::string(250, 'x');
+  settings.domain = std::string(250, 'y');
+  Member a(settings);
+  Member b(settings);
+  const auto publication = a.transport->advertise({"T", "s", Pacing::source});
+  settle({&a, &b});
+  EXPECT_TRUE(b.heard("up T"));
+}
+
+TEST_F(RuntimeDirectory, FollowsTheEnvironment) {
+  const auto with = [](const char* own, const char* session) {
+    ::setenv("LBM_RUNTIME_DIR", own, 1);
+    ::setenv("XDG_RUNTIME_DIR", session, 1);
+    return runtimeDirectory();
+  };
+  EXPECT_EQ(with("/own", "/session"), "/own");
+  EXPECT_EQ(with("", "/session"), "/session/lbm");
+  EXPECT_EQ(with("", ""), "/tmp/lbm-" + std::to_string(::geteuid()));
+}
+
+}  // namespace
+}  // namespace engine::transport::host
