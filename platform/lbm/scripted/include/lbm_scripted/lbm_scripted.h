@@ -147,7 +147,7 @@ struct Message {
   int flags = 0;
   std::uint32_t sequenceNumber = 0;
   std::string source = "scripted";
-  std::optional<std::uint32_t> channel;
+  std::optional<std::uint32_t> channel = std::nullopt;
   void* sourceClientd = nullptr;
   timespec timestamp{};
 };
