@@ -41,9 +41,8 @@ std::string Examine(const State& state, Input& input) {
   return object->alive ? std::string() : input.argument.name + " was deleted: " + object->Describe();
 }
 
-bool SameIdleCall(const Call& one, const Call& other) {
-  return one.function == other.function && one.thread == other.thread && one.result == other.result &&
-         one.ToString() == other.ToString();
+bool SameCall(const Call& one, const Call& other) {
+  return one.thread == other.thread && one.ToString() == other.ToString();
 }
 
 }  // namespace
@@ -193,10 +192,13 @@ int State::Dispatch(Running& running, Dispatcher& dispatcher, lbm_ulong_t msec, 
       return result->value == -1 ? running.Fail(result->errnum, result->errmsg) : result->value;
     }
   }
-  if (done == 0 && calls.size() > 1 && calls.back().get() == &running.call &&
-      SameIdleCall(*calls[calls.size() - 2], running.call)) {
-    calls.pop_back();
-    ++calls.back()->times;
+  if (done == 0 && !calls.empty() && calls.back().get() == &running.call) {
+    if (calls.size() > 1 && calls[calls.size() - 2] == lastIdle && SameCall(*lastIdle, running.call)) {
+      calls.pop_back();
+      ++lastIdle->times;
+    } else {
+      lastIdle = calls.back();
+    }
   }
   return returnAfterWork ? 0 : done;  // processing events counts nothing
 }

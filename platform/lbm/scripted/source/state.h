@@ -156,7 +156,7 @@ class State {
   // One call of the interface, from record to result. body is what the function does by itself.
   int Run(const char* function, std::vector<Input> inputs, const Body& body = {});
 
-  // Waits for something to do as the calls that process events do.
+  // Waits for something to do as the calls that process events do, and returns their result.
   int Dispatch(Running& running, Dispatcher& dispatcher, lbm_ulong_t msec, bool returnAfterWork);
 
   // Calls one of object's callbacks without the lock; deleting the object waits for it.
@@ -191,6 +191,7 @@ class State {
 
   // Guarded by mutex.
   std::vector<std::shared_ptr<Call>> calls;
+  std::shared_ptr<Call> lastIdle;  // the call that processed events last and found nothing to do
   std::map<std::string, std::deque<std::pair<Result, int>>, std::less<>> scripts;
   std::map<std::string, std::function<void(const Call&)>, std::less<>> hooks;
   std::map<std::string, Options> defaults;  // by scope

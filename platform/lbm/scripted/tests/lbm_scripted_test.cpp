@@ -1,0 +1,343 @@
+#include "lbm_scripted/lbm_scripted.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <future>
+#include <stdexcept>
+
+namespace lbm_scripted {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+
+class ScriptedTest : public ::testing::Test {
+ protected:
+  ScriptedTest() {
+    Reset();
+    m_context = MakeContext();
+  }
+
+  static lbm_context_t* MakeContext(const lbm_context_attr_t* attributes = nullptr) {
+    lbm_context_t* context = nullptr;
+    EXPECT_EQ(lbm_context_create(&context, attributes, nullptr, nullptr), 0);
+    return context;
+  }
+
+  lbm_rcv_t* MakeReceiver(lbm_rcv_cb_proc proc, void* clientd = nullptr) {
+    lbm_topic_t* topic = nullptr;
+    lbm_rcv_t* receiver = nullptr;
+    EXPECT_EQ(lbm_rcv_topic_lookup(&topic, m_context, "PRICES", nullptr), 0);
+    EXPECT_EQ(lbm_rcv_create(&receiver, m_context, topic, proc, clientd, nullptr), 0);
+    return receiver;
+  }
+
+  lbm_src_t* MakeSource() {
+    lbm_topic_t* topic = nullptr;
+    lbm_src_t* source = nullptr;
+    EXPECT_EQ(lbm_src_topic_alloc(&topic, m_context, "PRICES", nullptr), 0);
+    EXPECT_EQ(lbm_src_create(&source, m_context, topic, nullptr, nullptr, nullptr), 0);
+    return source;
+  }
+
+  lbm_context_t* m_context = nullptr;
+};
+
+TEST_F(ScriptedTest, KeepsCallsWithTheirArgumentsInOrder) {
+  lbm_src_t* const source = MakeSource();
+  lbm_src_send(source, "a\0b", 3, LBM_SRC_FLUSH);
+  std::thread other([&] { lbm_src_send(source, "abc", 3, LBM_SRC_FLUSH); });
+  const auto otherId = other.get_id();
+  other.join();
+
+  const auto calls = Calls();
+  ASSERT_THAT(calls, SizeIs(5));
+  EXPECT_THAT(calls[2].ToString(), MatchesRegex("lbm_src_create\\(ctx=context#[0-9]+, topic=topic#[0-9]+ \"PRICES\", "
+                                                "proc=null, clientd=null, evq=null, src=src#[0-9]+ \"PRICES\"\\) = 0"));
+  EXPECT_EQ(calls[2].Pointer("src"), source);
+  EXPECT_EQ(calls[3].Text("data"), std::string("a\0b", 3));
+  EXPECT_EQ(calls[3].thread, std::this_thread::get_id());
+  EXPECT_THAT(calls[4].ToString(), HasSubstr("data=\"abc\", len=3, flags=4"));
+  EXPECT_EQ(calls[4].thread, otherId);
+  EXPECT_THAT(CallsTo("lbm_src_send"), SizeIs(2));
+
+  EXPECT_THROW(calls[3].Number("length"), std::out_of_range);
+  EXPECT_THROW(calls[3].Number("data"), std::bad_variant_access);
+  EXPECT_THROW(CallsTo("lbm_source_send"), std::invalid_argument);
+  EXPECT_THROW(Script("printf", {}), std::invalid_argument);
+}
+
+TEST_F(ScriptedTest, GivesResultsInTheOrderOfTheScript) {
+  lbm_src_t* const source = MakeSource();
+  Script("lbm_src_send", Failure(LBM_EWOULDBLOCK, "full"), 2);
+  Script("lbm_src_send", {7, 0, {}});
+  const auto send = [&] { return lbm_src_send(source, "x", 1, 0); };
+  EXPECT_EQ(send(), -1);
+  EXPECT_EQ(lbm_errnum(), LBM_EWOULDBLOCK);
+  EXPECT_STREQ(lbm_errmsg(), "full");
+  std::thread([] { EXPECT_EQ(lbm_errnum(), 0) << "errors belong to their thread"; }).join();
+  EXPECT_EQ(send(), -1);
+  EXPECT_EQ(send(), 7);
+  EXPECT_EQ(send(), 0);
+
+  Script("lbm_context_create", Failure(LBM_EOS, "no"), kAlways);
+  lbm_context_t* none = nullptr;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(lbm_context_create(&none, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(none, nullptr);
+  }
+
+  int calls = 0;
+  OnCall("lbm_src_send", [&](const Call& call) {
+    ++calls;
+    EXPECT_EQ(call.Text("data"), "x");
+    EXPECT_THAT(CallsTo("lbm_errmsg"), SizeIs(1)) << "the kit may be used inside";
+  });
+  send();
+  OnCall("lbm_src_send", {});
+  send();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(ScriptedTest, OptionsReachWhatIsCreatedWithThem) {
+  lbm_context_attr_t* attributes = nullptr;
+  lbm_context_attr_create(&attributes);
+  lbm_context_attr_str_setopt(attributes, "context_name", "NAME");
+  const int number = 5;
+  lbm_context_attr_setopt(attributes, "number", &number, sizeof number);
+  lbm_context_t* const context = MakeContext(attributes);
+  lbm_context_attr_str_setopt(attributes, "context_name", "LATER");
+
+  std::array<char, 5> text{'-', '-', '-', '-', '-'};
+  std::size_t length = 4;
+  EXPECT_EQ(lbm_context_str_getopt(context, "context_name", text.data(), &length), 0);
+  EXPECT_EQ(std::string(text.data(), text.size()), "NAME-") << "no zero where there is no room for it";
+  length = 3;
+  EXPECT_EQ(lbm_context_str_getopt(context, "context_name", text.data(), &length), -1);
+  EXPECT_EQ(lbm_context_str_getopt(m_context, "context_name", text.data(), &length), 0);
+  EXPECT_STREQ(text.data(), "");
+
+  int read = 0;
+  length = sizeof read;
+  EXPECT_EQ(lbm_context_getopt(context, "number", &read, &length), 0);
+  EXPECT_EQ(read, 5);
+  EXPECT_EQ(lbm_context_getopt(context, "context_name", &read, &length), -1) << "has no binary form";
+  EXPECT_EQ(lbm_context_getopt(m_context, "number", &read, &length), -1) << "was never set";
+  EXPECT_THAT(lbm_errmsg(), HasSubstr("number"));
+
+  SetOption("context", "resolver", "host");
+  std::array<lbm_option_text_t, 2> all{};
+  std::size_t count = 1;
+  EXPECT_EQ(lbm_context_str_getopt_all(context, all.data(), &count), -1);
+  EXPECT_EQ(count, 2U);
+  EXPECT_EQ(lbm_context_str_getopt_all(context, all.data(), &count), 0);
+  EXPECT_STREQ(all[0].value, "NAME");
+  EXPECT_STREQ(all[1].value, "host");
+}
+
+TEST_F(ScriptedTest, DeliversIntoEveryKindOfCallback) {
+  std::vector<std::string> seen;
+  const auto add = [](void* clientd, const std::string& text) {
+    static_cast<std::vector<std::string>*>(clientd)->push_back(text);
+  };
+  static const auto note = add;
+
+  const lbm_src_notify_func_t onContext{[](const char* topic, const char* source, void* clientd) {
+                                          note(clientd, std::string(topic) + " of " + source);
+                                          return 0;
+                                        },
+                                        &seen};
+  lbm_context_setopt(m_context, "resolver_source_notification_function", &onContext, sizeof onContext);
+  NotifyContext(m_context, "PRICES", "host:1");
+
+  const lbm_rcv_src_notification_func_t onReceiver{[](const char* source, void* clientd) -> void* {
+                                                     note(clientd, std::string("new ") + source);
+                                                     return clientd;
+                                                   },
+                                                   [](const char* source, void* clientd, void* sourceClientd) {
+                                                     EXPECT_EQ(sourceClientd, clientd);
+                                                     note(clientd, std::string("gone ") + source);
+                                                     return 0;
+                                                   },
+                                                   &seen};
+  lbm_rcv_t* const receiver = MakeReceiver(
+      [](lbm_rcv_t*, lbm_msg_t* msg, void* clientd) {
+        note(clientd, std::string(msg->topic_name) + ' ' + std::string(msg->data, msg->len));
+        return 3;
+      },
+      &seen);
+  EXPECT_THROW(NotifySourceCreated(receiver, "host:1"), std::logic_error);
+  lbm_rcv_setopt(receiver, "source_notification_function", &onReceiver, sizeof onReceiver);
+  NotifySourceDeleted(receiver, "host:1", NotifySourceCreated(receiver, "host:1"));
+  EXPECT_EQ(FindReceiver("PRICES"), receiver);
+  EXPECT_EQ(FindReceiver("NEWS"), nullptr);
+  EXPECT_EQ(Deliver(receiver, {"1.5"}), 3);
+
+  const auto onFd = [](lbm_context_t*, int fd, lbm_ulong_t event, void* clientd) {
+    note(clientd, std::to_string(fd) + " is ready for " + std::to_string(event));
+    return 0;
+  };
+  EXPECT_EQ(lbm_register_fd(m_context, 5, onFd, &seen, nullptr, LBM_FD_EVENT_READ | LBM_FD_EVENT_WRITE), 0);
+  EXPECT_EQ(lbm_register_fd(m_context, 5, onFd, &seen, nullptr, LBM_FD_EVENT_READ), -1);
+  EXPECT_EQ(lbm_cancel_fd(m_context, 5, LBM_FD_EVENT_READ), 0);
+  EXPECT_THROW(DeliverFdEvent(m_context, 5, LBM_FD_EVENT_READ), std::logic_error);
+  EXPECT_EQ(DeliverFdEvent(m_context, 5, LBM_FD_EVENT_WRITE), 0);
+  EXPECT_EQ(lbm_cancel_fd(m_context, 5, LBM_FD_EVENT_READ), -1);
+
+  const lbm_event_queue_cancel_cb_info_t cancelled{
+      nullptr, [](int fd, void* clientd) { note(clientd, std::to_string(fd) + " is cancelled"); }, &seen};
+  EXPECT_EQ(lbm_cancel_fd_ex(m_context, 5, LBM_FD_EVENT_WRITE, &cancelled), 0);
+  EXPECT_EQ(lbm_context_process_events(m_context, 0), 0);
+
+  EXPECT_THAT(seen, ElementsAre("PRICES of host:1", "new host:1", "gone host:1", "PRICES 1.5", "5 is ready for 2",
+                                "5 is cancelled"));
+  lbm_rcv_delete(receiver);
+  EXPECT_THROW(Deliver(receiver, {"late"}), std::logic_error);
+}
+
+TEST_F(ScriptedTest, ProcessingEventsWaitsAsARealLibraryDoes) {
+  EXPECT_EQ(lbm_context_process_events(m_context, 0), 0);
+  lbm_context_unblock(m_context);
+  EXPECT_EQ(lbm_context_process_events(m_context, 600'000), 0) << "an unblock is not lost";
+
+  std::atomic<bool> running = true;
+  int result = 0;
+  std::thread dispatcher([&] {
+    while (running && result == 0) {
+      result = lbm_context_process_events(m_context, 600'000);
+    }
+  });
+  EXPECT_TRUE(WaitForCalls("lbm_context_process_events", 3));
+  std::promise<std::thread::id> ranOn;
+  const auto id = dispatcher.get_id();
+  Post(m_context, [&] { ranOn.set_value(std::this_thread::get_id()); });
+  EXPECT_EQ(ranOn.get_future().get(), id);
+  EXPECT_TRUE(WaitForCalls("lbm_context_process_events", 4));
+  Reset();
+  Script("lbm_context_process_events", Failure(LBM_EOP, "scripted while it waits"));
+  dispatcher.join();
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(lbm_context_process_events(m_context, 0), 0) << "Reset left the context alive";
+
+  for (int i = 0; i < 1000; ++i) {
+    lbm_context_process_events(m_context, 0);
+  }
+  const auto idle = CallsTo("lbm_context_process_events");
+  EXPECT_EQ(idle.back().times, 1001U) << "polls that find nothing do not fill the memory";
+  EXPECT_TRUE(WaitForCalls("lbm_context_process_events", 1001));
+}
+
+TEST_F(ScriptedTest, AnEventQueueCountsWhatItDispatched) {
+  lbm_event_queue_t* queue = nullptr;
+  lbm_event_queue_create(&queue, nullptr, nullptr, nullptr);
+  int ran = 0;
+  Post(queue, [&] { ++ran; });
+  Post(queue, [&] { ++ran; });
+  EXPECT_EQ(lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL), 2);
+  Post(queue, [&] { ++ran; });
+  lbm_event_queue_shutdown(queue);
+  EXPECT_EQ(lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL), 0);
+  EXPECT_EQ(ran, 2);
+
+  Post(queue, [&] { lbm_event_queue_delete(queue); });
+  lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL);
+  EXPECT_THAT(Problems(), ElementsAre(HasSubstr("lbm_event_queue_delete: a thread is inside event_queue#")));
+}
+
+TEST_F(ScriptedTest, LeaksAndMisuseAreTold) {
+  lbm_src_t* const source = MakeSource();
+  lbm_rcv_topic_attr_t* attributes = nullptr;
+  lbm_rcv_topic_attr_create(&attributes);
+  EXPECT_THAT(LiveHandles(), ElementsAre(MatchesRegex("context#[0-9]+"), MatchesRegex("src#[0-9]+ \"PRICES\""),
+                                         MatchesRegex("rcv_topic_attr#[0-9]+")));
+  EXPECT_THAT(LiveHandles("src"), SizeIs(1));
+
+  EXPECT_EQ(lbm_src_delete(source), 0);
+  EXPECT_EQ(lbm_src_delete(source), -1);
+  EXPECT_EQ(lbm_src_send(source, "x", 1, 0), -1);
+  EXPECT_EQ(lbm_src_delete(nullptr), -1);
+  lbm_topic_t* topic = nullptr;
+  lbm_src_topic_alloc(&topic, m_context, "NEWS", nullptr);
+  lbm_context_delete(m_context);
+  lbm_src_t* late = nullptr;
+  EXPECT_EQ(lbm_src_create(&late, MakeContext(), topic, nullptr, nullptr, nullptr), -1);
+  EXPECT_THAT(Problems(),
+              ElementsAre(MatchesRegex("lbm_src_delete: src was deleted: src#[0-9]+ \"PRICES\""),
+                          MatchesRegex("lbm_src_send: src was deleted: src#[0-9]+ \"PRICES\""),
+                          "lbm_src_delete: src is null", HasSubstr("lbm_src_create: topic was deleted: topic#")));
+
+  Reset();
+  EXPECT_THAT(LiveHandles(), IsEmpty()) << "what was made before counts no more";
+  EXPECT_EQ(lbm_rcv_topic_attr_delete(attributes), 0) << "and can still be given back";
+  EXPECT_EQ(lbm_src_delete(source), -1);
+  EXPECT_THAT(Problems(), ElementsAre(HasSubstr("lbm_src_delete: src is not a handle")));
+}
+
+TEST_F(ScriptedTest, MessagesLiveByTheirReferences) {
+  lbm_msg_t* kept = nullptr;
+  lbm_rcv_t* const receiver = MakeReceiver(
+      [](lbm_rcv_t*, lbm_msg_t* msg, void* clientd) {
+        *static_cast<lbm_msg_t**>(clientd) = msg;
+        return lbm_msg_retain(msg);
+      },
+      &kept);
+  Message request{"ask", LBM_MSG_REQUEST};
+  Deliver(receiver, request);
+  EXPECT_EQ(References(kept), 1U);
+  lbm_response_t* const response = kept->response;
+  EXPECT_EQ(lbm_send_response(response, "answer", 6, 0), 0);
+  lbm_msg_delete(kept);
+  EXPECT_STREQ(kept->topic_name, "deleted");
+  EXPECT_EQ(kept->data, nullptr);
+  EXPECT_EQ(lbm_send_response(response, "late", 4, 0), -1) << "the response went with its message";
+  EXPECT_EQ(lbm_msg_delete(kept), -1);
+  EXPECT_THAT(Problems(), SizeIs(2));
+
+  Deliver(receiver, request);
+  lbm_response_t* const taken = std::exchange(kept->response, nullptr);
+  lbm_msg_delete(kept);
+  EXPECT_EQ(lbm_send_response(taken, "later", 5, 0), 0) << "taken over";
+  EXPECT_EQ(lbm_response_delete(taken), 0);
+  EXPECT_EQ(lbm_msg_send_explicit_ack(kept), -1);
+}
+
+TEST_F(ScriptedTest, DeletingWaitsForCallbacksOfOtherThreads) {
+  struct Shared {
+    std::promise<void> inCallback;
+    std::promise<void> deleting;
+    std::promise<void> deleted;
+    std::atomic<bool> left = false;
+  } shared;
+  lbm_rcv_t* const receiver = MakeReceiver(
+      [](lbm_rcv_t*, lbm_msg_t*, void* clientd) {
+        auto& test = *static_cast<Shared*>(clientd);
+        test.inCallback.set_value();
+        test.deleting.get_future().wait();
+        // A delete that does not wait comes back within this time.
+        test.deleted.get_future().wait_for(std::chrono::milliseconds(50));
+        test.left = true;
+        return 0;
+      },
+      &shared);
+  OnCall("lbm_rcv_delete", [&](const Call&) { shared.deleting.set_value(); });
+  std::thread deliverer([&] { Deliver(receiver, {"data"}); });
+  shared.inCallback.get_future().wait();
+  EXPECT_EQ(lbm_rcv_delete(receiver), 0);
+  EXPECT_TRUE(shared.left);
+  shared.deleted.set_value();
+  deliverer.join();
+
+  OnCall("lbm_rcv_delete", {});
+  // From inside its own callback it returns at once.
+  Deliver(MakeReceiver([](lbm_rcv_t* self, lbm_msg_t*, void*) { return lbm_rcv_delete(self); }), {"data"});
+  EXPECT_THAT(LiveHandles("rcv"), SizeIs(0));
+}
+
+}  // namespace
+}  // namespace lbm_scripted
