@@ -146,8 +146,9 @@ typedef struct lbm_src_notify_func_t_stct {
 
 /* Value of the receiver option "source_notification_function": the create function is called when a source of the topic
  * appears and returns the client data for that source, which its messages carry (source_clientd); the delete function
- * is called with it when the source goes or when the topic's last receiver is deleted, in the latter case on the
- * deleting thread. */
+ * is called with it when the source goes. They are called on the thread that processes the context's events, from the
+ * topic's first receiver on and for as long as the context lives; deleting the context calls the delete function for
+ * the sources that are left. delete_func may be null. */
 typedef void* (*lbm_rcv_src_notification_create_function_cb)(const char* source_name, void* clientd);
 typedef int (*lbm_rcv_src_notification_delete_function_cb)(const char* source_name, void* clientd,
                                                            void* source_clientd);
@@ -162,9 +163,9 @@ typedef struct lbm_rcv_src_notification_func_t_stct {
 /* Daemon-event callback of a context; reserved, never called by an engine without a daemon. */
 typedef int (*lbm_daemon_event_cb_proc)(lbm_context_t* ctx, int event, const char* info, void* clientd);
 
-/* Creates a context and joins it to its domain. attr may be null for defaults. With the option "operational_mode" set to
- * "sequential" nothing happens on the context unless lbm_context_process_events is called; with "embedded" (the default)
- * the library runs a thread that does it. */
+/* Creates a context and joins it to its domain. attr may be null for defaults. With the option "operational_mode" set
+ * to "sequential" nothing happens on the context unless lbm_context_process_events is called; with "embedded" (the
+ * default) the library runs a thread that does it. */
 LBM_API int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_daemon_event_cb_proc proc,
                                void* clientd);
 LBM_API int lbm_context_delete(lbm_context_t* ctx);
@@ -187,9 +188,9 @@ typedef struct lbm_option_text_t_stct {
  * number of options on return; too little room fails and sets *count to what is needed. */
 LBM_API int lbm_context_str_getopt_all(lbm_context_t* ctx, lbm_option_text_t* opts, size_t* count);
 
-/* Processes the context's events on the calling thread: returns 0 as soon as some were processed, when msec milliseconds
- * have passed, or when lbm_context_unblock was called. 0 never waits. One thread at a time; fails for a context whose
- * mode is not "sequential". */
+/* Processes the context's events on the calling thread: returns 0 as soon as some were processed, when msec
+ * milliseconds have passed, or when lbm_context_unblock was called. 0 never waits. One thread at a time; fails for a
+ * context whose mode is not "sequential". */
 LBM_API int lbm_context_process_events(lbm_context_t* ctx, lbm_ulong_t msec);
 
 /* Makes the lbm_context_process_events call in progress return early; when there is none, the next one. */
@@ -197,8 +198,8 @@ LBM_API int lbm_context_unblock(lbm_context_t* ctx);
 
 /* ---- Topics ----------------------------------------------------------------------------------------------------- */
 
-/* Topics belong to their context and live as long as it. A repeated look-up of the same name with equal attributes gives
- * the same topic. Names have 1 to LBM_TOPIC_NAME_MAX bytes. */
+/* Topics belong to their context and live as long as it. A repeated look-up of the same name with equal attributes
+ * gives the same topic. Names have 1 to LBM_TOPIC_NAME_MAX bytes. */
 #define LBM_TOPIC_NAME_MAX 255
 LBM_API int lbm_rcv_topic_lookup(lbm_topic_t** topic, lbm_context_t* ctx, const char* name,
                                  const lbm_rcv_topic_attr_t* attr);
@@ -230,17 +231,17 @@ typedef struct lbm_msg_channel_info_t_stct {
 /* A delivered message. Read-only for the receiver, with one exception: setting response to null takes the response over
  * (see lbm_response_delete). Valid during the callback, and longer as long as it is retained. */
 struct lbm_msg_t_stct {
-  const char* source;                        /* name of the sending source's session; never null */
-  const char* topic_name;                    /* never null */
-  int type;                                  /* LBM_MSG_... */
-  int flags;                                 /* LBM_MSG_FLAG_... */
-  const char* data;                          /* len bytes, 8-byte aligned; null when len is 0 */
-  size_t len;                                /* bytes; for LBM_MSG_UNRECOVERABLE_LOSS_BURST a count of messages */
-  uint32_t sequence_number;                  /* per source; wraps */
-  lbm_response_t* response;                  /* for LBM_MSG_REQUEST, else null */
-  void* source_clientd;                      /* what the create function of the source notification returned, or null */
+  const char* source;       /* name of the sending source's session; never null */
+  const char* topic_name;   /* never null */
+  int type;                 /* LBM_MSG_... */
+  int flags;                /* LBM_MSG_FLAG_... */
+  const char* data;         /* len bytes, 8-byte aligned; null when len is 0 */
+  size_t len;               /* bytes; for LBM_MSG_UNRECOVERABLE_LOSS_BURST a count of messages */
+  uint32_t sequence_number; /* per source; wraps */
+  lbm_response_t* response; /* for LBM_MSG_REQUEST, else null */
+  void* source_clientd;     /* what the create function of the source notification returned, or null */
   const lbm_msg_channel_info_t* channel_info; /* null when the message was not sent on a channel */
-  struct timespec timestamp;                 /* CLOCK_REALTIME when the receiving context took the message in */
+  struct timespec timestamp;                  /* CLOCK_REALTIME when the receiving context took the message in */
 };
 
 /* One more reference to the message, and one less. Both may be called on any thread. */
@@ -256,8 +257,8 @@ LBM_API int lbm_msg_send_explicit_ack(lbm_msg_t* msg);
  * queue. The result should be 0. */
 typedef int (*lbm_rcv_cb_proc)(lbm_rcv_t* rcv, lbm_msg_t* msg, void* clientd);
 
-LBM_API int lbm_rcv_create(lbm_rcv_t** rcv, lbm_context_t* ctx, lbm_topic_t* topic, lbm_rcv_cb_proc proc,
-                           void* clientd, lbm_event_queue_t* evq);
+LBM_API int lbm_rcv_create(lbm_rcv_t** rcv, lbm_context_t* ctx, lbm_topic_t* topic, lbm_rcv_cb_proc proc, void* clientd,
+                           lbm_event_queue_t* evq);
 LBM_API int lbm_rcv_delete(lbm_rcv_t* rcv);
 LBM_API int lbm_rcv_setopt(lbm_rcv_t* rcv, const char* optname, const void* optval, size_t optlen);
 LBM_API int lbm_rcv_getopt(lbm_rcv_t* rcv, const char* optname, void* optval, size_t* optlen);
@@ -274,8 +275,8 @@ LBM_API int lbm_rcv_str_getopt(lbm_rcv_t* rcv, const char* optname, char* optval
 typedef int (*lbm_src_cb_proc)(lbm_src_t* src, int event, void* event_data, void* clientd);
 
 /* proc may be null: then no events are delivered. */
-LBM_API int lbm_src_create(lbm_src_t** src, lbm_context_t* ctx, lbm_topic_t* topic, lbm_src_cb_proc proc,
-                           void* clientd, lbm_event_queue_t* evq);
+LBM_API int lbm_src_create(lbm_src_t** src, lbm_context_t* ctx, lbm_topic_t* topic, lbm_src_cb_proc proc, void* clientd,
+                           lbm_event_queue_t* evq);
 LBM_API int lbm_src_delete(lbm_src_t* src);
 LBM_API int lbm_src_setopt(lbm_src_t* src, const char* optname, const void* optval, size_t optlen);
 LBM_API int lbm_src_getopt(lbm_src_t* src, const char* optname, void* optval, size_t* optlen);
@@ -292,8 +293,8 @@ typedef struct lbm_src_send_ex_info_t_stct {
   uint32_t channel_number;
 } lbm_src_send_ex_info_t;
 
-/* Send one message to every subscribed context. They return 0; a message that no one subscribed to is sent to no one and
- * is not an error. Sends of one source from several threads are put in some order; receivers see that order. */
+/* Send one message to every subscribed context. They return 0; a message that no one subscribed to is sent to no one
+ * and is not an error. Sends of one source from several threads are put in some order; receivers see that order. */
 LBM_API int lbm_src_send(lbm_src_t* src, const char* data, size_t len, int flags);
 LBM_API int lbm_src_sendv(lbm_src_t* src, const struct iovec* iov, int num, int flags);
 LBM_API int lbm_src_send_ex(lbm_src_t* src, const char* data, size_t len, int flags,
@@ -330,8 +331,8 @@ typedef int (*lbm_event_queue_monitor_proc)(lbm_event_queue_t* evq, int event, s
 LBM_API int lbm_event_queue_create(lbm_event_queue_t** evq, lbm_event_queue_monitor_proc proc, void* clientd,
                                    const lbm_event_queue_attr_t* attr);
 
-/* Runs the queued callbacks on the calling thread for msec milliseconds, or until lbm_event_dispatch_unblock. Returns the
- * number of events dispatched. One thread at a time. */
+/* Runs the queued callbacks on the calling thread for msec milliseconds, or until lbm_event_dispatch_unblock. Returns
+ * the number of events dispatched. One thread at a time. */
 LBM_API int lbm_event_dispatch(lbm_event_queue_t* evq, lbm_ulong_t msec);
 LBM_API int lbm_event_dispatch_unblock(lbm_event_queue_t* evq);
 
@@ -350,14 +351,14 @@ LBM_API int lbm_event_queue_delete(lbm_event_queue_t* evq);
 /* Called while the descriptor is ready (level-triggered), with the one LBM_FD_EVENT_... that it is ready for. */
 typedef int (*lbm_fd_cb_proc)(lbm_context_t* ctx, int fd, lbm_ulong_t event, void* clientd);
 
-/* Registers a callback for each event of the mask ev. A descriptor has at most one registration for an event. The caller
- * must cancel before closing the descriptor. */
+/* Registers a callback for each event of the mask ev. A descriptor has at most one registration for an event. The
+ * caller must cancel before closing the descriptor. */
 LBM_API int lbm_register_fd(lbm_context_t* ctx, int fd, lbm_fd_cb_proc proc, void* clientd, lbm_event_queue_t* evq,
                             lbm_ulong_t ev);
 LBM_API int lbm_cancel_fd(lbm_context_t* ctx, int fd, lbm_ulong_t ev);
 
-/* As lbm_cancel_fd, without waiting for a callback that is running: the notification is called once no more callbacks of
- * the registration will come, through the given queue, or on the context's thread when it is null. */
+/* As lbm_cancel_fd, without waiting for a callback that is running: the notification is called once no more callbacks
+ * of the registration will come, through the given queue, or on the context's thread when it is null. */
 typedef void (*lbm_event_queue_cancel_cb_proc)(int fd, void* clientd);
 typedef struct lbm_event_queue_cancel_cb_info_t_stct {
   lbm_event_queue_t* event_queue;
