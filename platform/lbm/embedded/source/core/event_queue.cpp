@@ -1,0 +1,89 @@
+#include "core/event_queue.h"
+
+#include <chrono>
+#include <utility>
+
+#include "core/error.h"
+
+namespace engine::core {
+
+void EventQueue::post(std::shared_ptr<Target> target, Event event) {
+  {
+    const std::lock_guard lock(m_mutex);
+    if (m_shutDown) {
+      return;
+    }
+    m_posted.push_back({std::move(target), std::move(event)});
+  }
+  m_changed.notify_one();
+}
+
+int EventQueue::dispatch(lbm_ulong_t msec) {
+  using Clock = std::chrono::steady_clock;
+  const bool forEver = msec >= LBM_EVENT_QUEUE_BLOCK;
+  const Clock::time_point deadline =
+      forEver ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(msec);
+  int dispatched = 0;
+
+  std::unique_lock lock(m_mutex);
+  if (std::exchange(m_dispatching, true)) {
+    throw Error(LBM_EOP, "another thread is dispatching this event queue");
+  }
+  const CallbackGate::Scope scope(m_gate);
+  const auto wakeUp = [this] { return m_unblocked || m_shutDown || !m_posted.empty(); };
+  while (!m_unblocked && !m_shutDown) {
+    if (m_done == m_taken.size()) {
+      m_taken.clear();
+      m_done = 0;
+      if (m_posted.empty()) {
+        if (msec == LBM_EVENT_QUEUE_POLL) {
+          break;
+        }
+        if (forEver) {
+          m_changed.wait(lock, wakeUp);
+        } else if (!m_changed.wait_until(lock, deadline, wakeUp)) {
+          break;
+        }
+        continue;
+      }
+      m_taken.swap(m_posted);
+    }
+    lock.unlock();
+    Entry entry = std::move(m_taken[m_done++]);
+    m_gate.call(*entry.target, [&entry] { entry.target->run(entry.event); });
+    entry = {};
+    ++dispatched;
+    const bool late = !forEver && msec != LBM_EVENT_QUEUE_POLL && Clock::now() >= deadline;
+    lock.lock();
+    if (late) {
+      break;
+    }
+  }
+  m_unblocked = false;
+  m_dispatching = false;
+  return dispatched;
+}
+
+void EventQueue::unblock() {
+  {
+    const std::lock_guard lock(m_mutex);
+    m_unblocked = true;
+  }
+  m_changed.notify_all();
+}
+
+void EventQueue::shutdown() {
+  std::vector<Entry> dropped;
+  {
+    const std::lock_guard lock(m_mutex);
+    m_shutDown = true;
+    dropped.swap(m_posted);
+    if (!m_dispatching) {
+      m_taken.clear();
+      m_done = 0;
+    }
+  }
+  m_changed.notify_all();
+}
+
+}  // namespace engine::core

@@ -1,0 +1,63 @@
+// Queues that carry callbacks from a context's thread to a thread of the application's choosing.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "core/callback_gate.h"
+#include "core/target.h"
+
+namespace engine::core {
+
+class EventQueue {
+ public:
+  explicit EventQueue(bool cancellationCallbacks) noexcept : m_cancellationCallbacks(cancellationCallbacks) {}
+
+  // Appends an event; dropped after shutdown(). Threads: any.
+  void post(std::shared_ptr<Target> target, Event event);
+
+  // Runs events until msec milliseconds have passed (LBM_EVENT_QUEUE_BLOCK: for ever), none is left (when msec is 0),
+  // or unblock(). Returns how many ran. Throws Error when another thread is dispatching.
+  int dispatch(lbm_ulong_t msec);
+
+  // Ends the dispatch in progress after its present event; when there is none, the next one at once. Threads: any.
+  void unblock();
+
+  // Drops what is queued and takes nothing more. Threads: any.
+  void shutdown();
+
+  CallbackGate& gate() noexcept { return m_gate; }
+  bool cancellationCallbacks() const noexcept { return m_cancellationCallbacks; }
+
+ private:
+  struct Entry {
+    std::shared_ptr<Target> target;
+    Event event;
+  };
+
+  const bool m_cancellationCallbacks;
+  CallbackGate m_gate;
+
+  // The dispatching thread's own: the events taken over from m_posted, of which the first m_done have run.
+  std::vector<Entry> m_taken;
+  std::size_t m_done = 0;
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  // Guarded by m_mutex:
+  std::vector<Entry> m_posted;
+  bool m_dispatching = false;
+  bool m_unblocked = false;
+  bool m_shutDown = false;
+};
+
+}  // namespace engine::core
+
+struct lbm_event_queue_t_stct {
+  std::shared_ptr<engine::core::EventQueue> queue;
+};

@@ -1,0 +1,129 @@
+#include "core/message_pool.h"
+
+#include <bit>
+#include <cstring>
+
+namespace engine::core {
+
+void Message::release() noexcept {
+  if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    m_pool.putBack(*this);
+  }
+}
+
+void Message::setPayload(std::span<const std::byte> payload) {
+  if (payload.size() > m_capacity) {
+    const std::size_t capacity = std::bit_ceil(payload.size());
+    m_buffer = std::make_unique_for_overwrite<std::byte[]>(capacity);
+    m_capacity = capacity;
+  }
+  if (payload.empty()) {
+    data = nullptr;
+  } else {
+    std::memcpy(m_buffer.get(), payload.data(), payload.size());
+    data = reinterpret_cast<const char*>(m_buffer.get());
+  }
+  len = payload.size();
+}
+
+void Message::setChannel(std::uint32_t number) noexcept {
+  m_channel.channel_number = number;
+  channel_info = &m_channel;
+}
+
+void Message::setResponse(Response value) {
+  m_response = std::make_unique<lbm_response_t>(std::move(value));
+  response = m_response.get();
+}
+
+void Message::setSource(const std::shared_ptr<transport::RemoteSource>& value) noexcept {
+  if (m_source != value) {
+    m_source = value;
+  }
+  source = value->session().c_str();
+  topic_name = value->topic().c_str();
+}
+
+void Message::clear() noexcept {
+  if (m_response != nullptr) {
+    if (response == nullptr) {
+      static_cast<void>(m_response.release());  // the receiver took it over
+    } else {
+      m_response.reset();
+    }
+  }
+  if (m_capacity > MessagePool::kLargestKeptBuffer) {
+    m_buffer.reset();
+    m_capacity = 0;
+  }
+  static_cast<lbm_msg_t_stct&>(*this) = {};
+}
+
+MessageRef MessagePool::acquire() {
+  if (m_free == nullptr) {
+    const std::lock_guard lock(m_mutex);
+    m_free = std::exchange(m_returned, nullptr);
+  }
+  Message* message = m_free;
+  if (message == nullptr) {
+    message = new Message(*this);
+    ++m_made;
+  } else {
+    m_free = std::exchange(message->m_next, nullptr);
+  }
+  message->m_references.store(1, std::memory_order_relaxed);
+  return MessageRef(message);
+}
+
+void MessagePool::recycle(MessageRef reference) noexcept {
+  // With a count of one this reference is the last: nobody is left who could raise it.
+  if (reference->m_references.load(std::memory_order_acquire) != 1) {
+    return;
+  }
+  Message* message = reference.detach();
+  message->clear();
+  message->m_next = m_free;
+  m_free = message;
+}
+
+void MessagePool::putBack(Message& message) noexcept {
+  message.clear();
+  bool last = false;
+  {
+    const std::lock_guard lock(m_mutex);
+    if (m_abandoned) {
+      delete &message;
+      last = --m_out == 0;
+    } else {
+      message.m_next = m_returned;
+      m_returned = &message;
+    }
+  }
+  if (last) {
+    delete this;
+  }
+}
+
+void MessagePool::abandon() noexcept {
+  bool empty = false;
+  {
+    const std::lock_guard lock(m_mutex);
+    m_out = m_made - destroy(m_free) - destroy(m_returned);
+    m_abandoned = true;
+    empty = m_out == 0;
+  }
+  if (empty) {
+    delete this;
+  }
+}
+
+std::size_t MessagePool::destroy(Message* list) noexcept {
+  std::size_t count = 0;
+  while (list != nullptr) {
+    delete std::exchange(list, list->m_next);
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace engine::core

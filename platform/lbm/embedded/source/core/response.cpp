@@ -1,0 +1,21 @@
+#include "core/response.h"
+
+#include "core/context.h"
+#include "core/error.h"
+
+namespace engine::core {
+
+transport::SendResult Response::send(std::span<const std::byte> payload, int flags) const {
+  if (m_context->deleted()) {
+    throw Error(LBM_EOP, "the context that received the request is deleted");
+  }
+  const iovec piece{const_cast<std::byte*>(payload.data()), payload.size()};
+  const bool block = (flags & LBM_SRC_NONBLOCK) == 0 && !m_context->gate().dispatching();
+  const transport::SendResult result = m_context->transport().respond(*m_path, std::span(&piece, 1), block);
+  if (result == transport::SendResult::peerGone) {
+    throw Error(LBM_EOP, "the requester is gone");
+  }
+  return result;
+}
+
+}  // namespace engine::core
