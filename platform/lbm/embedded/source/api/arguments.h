@@ -9,7 +9,8 @@
 
 namespace engine::api {
 
-inline void requireNotNull(const void* argument, const char* name) {
+template <class T>
+void requireNotNull(T* argument, const char* name) {
   if (argument == nullptr) throw Error(LBM_EINVAL, std::string("the argument ") + name + " is null");
 }
 

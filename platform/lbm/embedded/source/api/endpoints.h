@@ -1,0 +1,32 @@
+// What the calls for sources and receivers share.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <memory>
+#include <string>
+
+#include "api/arguments.h"
+#include "core/context.h"
+
+namespace engine::api {
+
+inline std::shared_ptr<core::EventQueue> queueOf(const lbm_event_queue_t* evq) {
+  return evq != nullptr ? evq->queue : nullptr;
+}
+
+// The topic, when it was made on this context and for this kind of endpoint.
+inline const core::Topic& topicFor(const core::Context& context, const lbm_topic_t* topic, Scope scope) {
+  const core::Topic& known = required(topic, "topic");
+  if (&known.context != &context) {
+    throw Error(LBM_EINVAL, "the topic " + known.name + " belongs to another context");
+  }
+  if (known.options->scope() != scope) {
+    throw Error(LBM_EINVAL, "the topic " + known.name + " was made for a " +
+                                std::string(nameOf(known.options->scope())) + " and not for a " +
+                                std::string(nameOf(scope)));
+  }
+  return known;
+}
+
+}  // namespace engine::api

@@ -1,0 +1,199 @@
+#include "core/descriptors.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "core/error.h"
+
+namespace engine::core {
+
+namespace {
+
+struct EventName {
+  lbm_ulong_t event;
+  std::uint32_t epoll;
+};
+
+// Errors and hang-ups make a descriptor readable and writable, as they do for select: the next read or write tells.
+constexpr std::array<EventName, 3> kEvents{{{LBM_FD_EVENT_READ, EPOLLIN | EPOLLHUP | EPOLLERR | EPOLLRDHUP},
+                                            {LBM_FD_EVENT_WRITE, EPOLLOUT | EPOLLHUP | EPOLLERR},
+                                            {LBM_FD_EVENT_EXCEPT, EPOLLPRI}}};
+constexpr lbm_ulong_t kAllEvents = LBM_FD_EVENT_READ | LBM_FD_EVENT_WRITE | LBM_FD_EVENT_EXCEPT;
+
+std::uint32_t epollEventsOf(lbm_ulong_t event) {
+  for (const EventName& known : kEvents) {
+    if (known.event == event) {
+      return known.epoll;
+    }
+  }
+  return 0;
+}
+
+void checkEvents(lbm_ulong_t events) {
+  if (events == 0 || (events & ~kAllEvents) != 0) {
+    throw Error(LBM_EINVAL, "the event mask " + std::to_string(events) + " is not a combination of LBM_FD_EVENT_...");
+  }
+}
+
+}  // namespace
+
+class Descriptors::Registration : public Target {
+ public:
+  Registration(Descriptors& owner, int fd, lbm_ulong_t event, const DescriptorCallback& callback)
+      : Target(owner.m_gate, callback.queue), m_owner(owner), m_fd(fd), m_event(event), m_callback(callback) {}
+
+  void run(Event&) override {
+    m_callback.proc(m_callback.context, m_fd, m_event, m_callback.clientd);
+    if (queue() != nullptr) {
+      m_owner.rearm(*this);
+    }
+  }
+
+  int fd() const noexcept { return m_fd; }
+  lbm_ulong_t event() const noexcept { return m_event; }
+
+  // Guarded by the owner's mutex. Not armed: a callback is queued and the descriptor is left alone until it has run.
+  bool armed = true;
+
+ private:
+  Descriptors& m_owner;
+  const int m_fd;
+  const lbm_ulong_t m_event;
+  const DescriptorCallback m_callback;
+};
+
+void Descriptors::watch(int fd, const Registrations& registrations, bool known) {
+  epoll_event wanted{};
+  wanted.data.fd = fd;
+  for (const auto& registration : registrations) {
+    if (registration->armed) {
+      wanted.events |= epollEventsOf(registration->event());
+    }
+  }
+  const int operation = registrations.empty() ? EPOLL_CTL_DEL : known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  if (::epoll_ctl(m_epoll, operation, fd, &wanted) == -1 && operation != EPOLL_CTL_DEL) {
+    throw std::system_error(errno, std::system_category(), "cannot watch descriptor " + std::to_string(fd));
+  }
+}
+
+void Descriptors::add(int fd, lbm_ulong_t events, const DescriptorCallback& callback) {
+  checkEvents(events);
+  const std::lock_guard lock(m_mutex);
+  const auto found = m_watched.find(fd);
+  Registrations registrations = found != m_watched.end() ? found->second : Registrations{};
+  for (const auto& registration : registrations) {
+    if ((registration->event() & events) != 0) {
+      throw Error(LBM_EINVAL, "descriptor " + std::to_string(fd) + " is registered for event " +
+                                  std::to_string(registration->event()) + " already; cancel that first");
+    }
+  }
+  std::size_t added = 0;
+  for (const EventName& known : kEvents) {
+    if ((known.event & events) != 0) {
+      registrations.push_back(std::make_shared<Registration>(*this, fd, known.event, callback));
+      ++added;
+    }
+  }
+  watch(fd, registrations, found != m_watched.end());
+  m_watched[fd] = std::move(registrations);
+  m_count += added;
+}
+
+Descriptors::Registrations Descriptors::take(int fd, lbm_ulong_t events) {
+  checkEvents(events);
+  Registrations taken;
+  const std::lock_guard lock(m_mutex);
+  const auto found = m_watched.find(fd);
+  if (found != m_watched.end()) {
+    Registrations& registrations = found->second;
+    const auto kept = std::stable_partition(registrations.begin(), registrations.end(),
+                                            [&](const auto& one) { return (one->event() & events) == 0; });
+    taken.assign(kept, registrations.end());
+    registrations.erase(kept, registrations.end());
+    watch(fd, registrations, true);
+    if (registrations.empty()) {
+      m_watched.erase(found);
+    }
+  }
+  if (taken.empty()) {
+    throw Error(LBM_EINVAL,
+                "descriptor " + std::to_string(fd) + " is not registered for event mask " + std::to_string(events));
+  }
+  m_count -= taken.size();
+  return taken;
+}
+
+void Descriptors::cancel(int fd, lbm_ulong_t events) {
+  for (const auto& registration : take(fd, events)) {
+    registration->closeAndWait();
+  }
+}
+
+std::vector<std::shared_ptr<EventQueue>> Descriptors::cancelWithoutWaiting(int fd, lbm_ulong_t events) {
+  std::vector<std::shared_ptr<EventQueue>> queues;
+  for (const auto& registration : take(fd, events)) {
+    registration->close();
+    queues.push_back(registration->queue());
+  }
+  return queues;
+}
+
+std::size_t Descriptors::ready(int fd, std::uint32_t epollEvents) {
+  Registrations due;
+  {
+    bool disarmed = false;
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_watched.find(fd);
+    if (found == m_watched.end()) {
+      return 0;
+    }
+    for (const auto& registration : found->second) {
+      if (registration->armed && (epollEventsOf(registration->event()) & epollEvents) != 0) {
+        due.push_back(registration);
+        if (registration->queue() != nullptr) {
+          registration->armed = false;
+          disarmed = true;
+        }
+      }
+    }
+    if (disarmed) {
+      watch(fd, found->second, true);
+    }
+  }
+  for (const auto& registration : due) {
+    registration->dispatch({});
+  }
+  return due.size();
+}
+
+void Descriptors::rearm(Registration& registration) {
+  const std::lock_guard lock(m_mutex);
+  const auto found = m_watched.find(registration.fd());
+  if (found != m_watched.end() && !registration.closed()) {
+    registration.armed = true;
+    watch(registration.fd(), found->second, true);
+  }
+}
+
+void Descriptors::clear() {
+  std::map<int, Registrations> ended;
+  {
+    const std::lock_guard lock(m_mutex);
+    ended.swap(m_watched);
+    m_count = 0;
+  }
+  for (const auto& [fd, registrations] : ended) {
+    for (const auto& registration : registrations) {
+      registration->close();
+    }
+    static_cast<void>(::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr));
+  }
+}
+
+}  // namespace engine::core

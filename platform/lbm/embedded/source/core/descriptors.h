@@ -1,0 +1,69 @@
+// The application's descriptors that a context watches.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "core/callback_gate.h"
+#include "core/event_queue.h"
+
+namespace engine::core {
+
+// What lbm_register_fd was told.
+struct DescriptorCallback {
+  lbm_context_t* context = nullptr;
+  lbm_fd_cb_proc proc = nullptr;
+  void* clientd = nullptr;
+  std::shared_ptr<EventQueue> queue;  // null: on the context's dispatching thread
+  std::shared_ptr<void> keepAlive;    // what has to outlive the callbacks
+};
+
+// Threads: any, unless said otherwise.
+class Descriptors {
+ public:
+  // epoll is where the descriptors are watched, gate where callbacks without an event queue run.
+  Descriptors(int epoll, CallbackGate& gate) noexcept : m_epoll(epoll), m_gate(gate) {}
+
+  // events: a mask of LBM_FD_EVENT_... Throws Error when the descriptor is registered for one of them already.
+  void add(int fd, lbm_ulong_t events, const DescriptorCallback& callback);
+
+  // Ends the registrations for the events. No callback of them runs after it has returned, but the one that it is
+  // called from. Throws Error when there is none.
+  void cancel(int fd, lbm_ulong_t events);
+
+  // The same without waiting. Returns the queues whose threads may be inside a callback of the ended registrations,
+  // null for the context's own thread.
+  std::vector<std::shared_ptr<EventQueue>> cancelWithoutWaiting(int fd, lbm_ulong_t events);
+
+  // Makes the callbacks for what epoll said of the descriptor, and returns how many. Threads: the dispatching one only.
+  std::size_t ready(int fd, std::uint32_t epollEvents);
+
+  bool empty() const noexcept { return m_count.load(std::memory_order_relaxed) == 0; }
+
+  // Ends all registrations.
+  void clear();
+
+ private:
+  class Registration;
+  using Registrations = std::vector<std::shared_ptr<Registration>>;
+
+  void rearm(Registration& registration);
+  void watch(int fd, const Registrations& registrations, bool known);
+  Registrations take(int fd, lbm_ulong_t events);
+
+  const int m_epoll;
+  CallbackGate& m_gate;
+  std::atomic<std::size_t> m_count{0};
+
+  std::mutex m_mutex;
+  std::map<int, Registrations> m_watched;  // by descriptor, one registration an event; guarded by m_mutex
+};
+
+}  // namespace engine::core

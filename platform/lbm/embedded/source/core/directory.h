@@ -1,0 +1,90 @@
+// Who gets what: the receivers of a context by topic, and the domain's sources that they hear.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "core/message_pool.h"
+#include "core/receiver.h"
+#include "transport/transport.h"
+
+namespace engine::core {
+
+class Context;
+
+// Threads: the context's dispatching one only, so it needs no lock; other threads post tasks to it.
+class Directory {
+ public:
+  explicit Directory(Context& context) : m_context(context), m_pool(MessagePool::create()) {}
+
+  void addReceiver(const std::shared_ptr<Receiver>& receiver);
+  void removeReceiver(const Receiver& receiver);
+
+  // See transport::Listener.
+  void sourceUp(const std::shared_ptr<transport::RemoteSource>& source);
+  void sourceDown(transport::RemoteSource& source);
+  void message(transport::RemoteSource& source, transport::InboundMessage& inbound);
+  void loss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count);
+
+  // A blank message of the type and origin.
+  MessageRef blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence);
+
+  MessagePool& pool() noexcept { return *m_pool; }
+
+  // Forgets everything; the source notifications that are due by then are given.
+  void clear();
+
+ private:
+  struct TopicEntry;
+
+  // One receiver's share of a source.
+  struct Leg {
+    std::shared_ptr<Receiver> receiver;
+    void* sourceClientd = nullptr;
+    bool begun = false;  // its beginning of session was delivered
+  };
+
+  // What a topic's notification functions were told of a source.
+  struct Notified {
+    const Topic* topic = nullptr;
+    void* sourceClientd = nullptr;
+  };
+
+  // A source of the domain as this context knows it. In transport::RemoteSource::listenerData.
+  struct Stream {
+    std::shared_ptr<transport::RemoteSource> source;
+    TopicEntry* entry = nullptr;
+    std::vector<Leg> legs;
+    std::vector<Notified> notified;
+  };
+
+  struct TopicEntry {
+    std::vector<std::shared_ptr<Receiver>> receivers;
+    std::vector<std::unique_ptr<Stream>> streams;
+    std::vector<const Topic*> notifying;  // topics of receivers, past ones too, that want source notifications
+  };
+
+  static Stream* streamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }
+
+  TopicEntry& entryOf(const std::string& topic);
+  void forgetIfEmpty(const std::string& topic);
+  void addLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver);
+  void notifyCreate(Stream& stream, const Topic& topic);
+  void notifyDelete(Stream& stream);
+  void watchForSources(const std::shared_ptr<Receiver>& receiver);
+  void deliver(Stream& stream, Leg& leg, MessageRef& message);
+  void deliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count = 0);
+
+  Context& m_context;
+  MessagePool::Owner m_pool;
+  std::unordered_map<std::string, TopicEntry> m_topics;
+};
+
+}  // namespace engine::core

@@ -1,0 +1,62 @@
+// A subscription of the application.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "core/target.h"
+#include "core/topic.h"
+
+namespace engine::core {
+
+class Receiver : public Target {
+ public:
+  // What lbm_rcv_create was told.
+  struct Callback {
+    lbm_rcv_cb_proc proc = nullptr;
+    lbm_rcv_t* handle = nullptr;
+    void* clientd = nullptr;
+  };
+
+  // queue: null for the context's dispatching thread.
+  Receiver(std::shared_ptr<Context> context, const Topic& topic, const Callback& callback,
+           std::shared_ptr<EventQueue> queue);
+
+  // Begins to receive. Threads: any.
+  void start();
+
+  // After this no callback runs, but the one that it is called from. Threads: any.
+  void stop();
+
+  // As dispatch(), for messages: costs no reference count when the callback is made here.
+  void deliver(const MessageRef& message) {
+    if (queue() != nullptr) {
+      dispatch({.message = message});
+    } else {
+      contextGate().call(*this, [&] { call(*message); });
+    }
+  }
+
+  void run(Event& event) override { call(*event.message); }
+
+  const Topic& topic() const noexcept { return m_topic; }
+  std::uint32_t lossBurstThreshold() const noexcept { return m_lossBurstThreshold; }
+
+ private:
+  void call(Message& message) { m_callback.proc(m_callback.handle, &message, m_callback.clientd); }
+
+  std::shared_ptr<Receiver> self();
+
+  const std::shared_ptr<Context> m_context;
+  const Topic& m_topic;
+  const Callback m_callback;
+  const std::uint32_t m_lossBurstThreshold;
+};
+
+}  // namespace engine::core
+
+struct lbm_rcv_t_stct {
+  std::shared_ptr<engine::core::Receiver> receiver;
+};

@@ -1,0 +1,51 @@
+#include "core/request.h"
+
+#include <utility>
+
+#include "core/context.h"
+
+namespace engine::core {
+
+Request::Request(std::shared_ptr<Context> context, const std::string& topic, const Callback& callback,
+                 std::shared_ptr<EventQueue> queue)
+    : Target(context->gate(), std::move(queue)),
+      m_context(std::move(context)),
+      m_callback(callback),
+      m_id(m_context->requests().nextId()),
+      m_origin(std::make_shared<transport::RemoteSource>(topic, "")) {}
+
+void Request::start() { m_context->requests().add(std::static_pointer_cast<Request>(shared_from_this())); }
+
+void Request::stop() {
+  m_context->requests().remove(m_id);
+  closeAndWait();
+}
+
+std::uint64_t RequestTable::nextId() {
+  const std::lock_guard lock(m_mutex);
+  return ++m_lastId;
+}
+
+void RequestTable::add(const std::shared_ptr<Request>& request) {
+  const std::lock_guard lock(m_mutex);
+  m_requests.emplace(request->id(), request);
+}
+
+void RequestTable::remove(std::uint64_t id) {
+  const std::lock_guard lock(m_mutex);
+  m_requests.erase(id);
+}
+
+std::shared_ptr<Request> RequestTable::find(std::uint64_t id) {
+  const std::lock_guard lock(m_mutex);
+  const auto found = m_requests.find(id);
+  return found != m_requests.end() ? found->second : nullptr;
+}
+
+void RequestTable::clear() {
+  std::unordered_map<std::uint64_t, std::shared_ptr<Request>> ended;
+  const std::lock_guard lock(m_mutex);
+  ended.swap(m_requests);
+}
+
+}  // namespace engine::core

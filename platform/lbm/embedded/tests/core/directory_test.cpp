@@ -1,0 +1,132 @@
+#include "core/directory.h"
+
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+
+#include <deque>
+#include <functional>
+
+#include "core/context.h"
+#include "core/unique_fd.h"
+#include "options/option_keys.h"
+
+namespace engine::core {
+namespace {
+
+// A transport whose events the test makes up.
+class ScriptedTransport : public transport::Transport {
+ public:
+  std::shared_ptr<transport::Publication> advertise(const transport::PublicationInfo&) override {
+    return std::make_shared<transport::Publication>();
+  }
+  void withdraw(transport::Publication&) override {}
+  void subscribe(transport::RemoteSource& source) override { subscriptions.push_back("+" + source.topic()); }
+  void unsubscribe(transport::RemoteSource& source) override { subscriptions.push_back("-" + source.topic()); }
+  transport::SendResult publish(transport::Publication&, const transport::OutboundMessage&, bool) override {
+    return transport::SendResult::sent;
+  }
+  transport::SendResult respond(transport::ReplyPath&, std::span<const iovec>, bool) override {
+    return transport::SendResult::sent;
+  }
+  int descriptor() const noexcept override { return m_event.get(); }
+  std::size_t drain(transport::Listener& listener) override {
+    std::size_t done = 0;
+    for (; !events.empty(); ++done) {
+      const auto event = std::move(events.front());
+      events.pop_front();
+      event(listener);
+    }
+    return done;
+  }
+  void close(std::chrono::milliseconds) noexcept override {}
+
+  std::deque<std::function<void(transport::Listener&)>> events;
+  std::vector<std::string> subscriptions;
+
+ private:
+  UniqueFd m_event{::eventfd(0, EFD_CLOEXEC)};
+};
+
+class DirectoryTest : public ::testing::Test {
+ protected:
+  DirectoryTest() {
+    auto transport = std::make_unique<ScriptedTransport>();
+    m_transport = transport.get();
+    OptionSet options = OptionSet::builtIn(Scope::context);
+    options.setText("operational_mode", "sequential");
+    m_context = Context::create(options, std::move(transport), nullptr);
+  }
+  ~DirectoryTest() override { m_context->remove(); }
+
+  std::shared_ptr<Receiver> receive(const char* topic, std::vector<std::string>& lines) {
+    OptionSet options = OptionSet::builtIn(Scope::receiver);
+    options.setText("loss_burst_threshold", "2");
+    const auto record = [](lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
+      static_cast<std::vector<std::string>*>(clientd)->push_back(std::to_string(message->type) + " " +
+                                                                 std::to_string(message->sequence_number) + " " +
+                                                                 std::to_string(message->len));
+      return 0;
+    };
+    auto receiver = std::make_shared<Receiver>(m_context, m_context->topic(topic, options),
+                                               Receiver::Callback{.proc = record, .clientd = &lines}, nullptr);
+    receiver->start();
+    return receiver;
+  }
+
+  void play(std::function<void(transport::Listener&)> event) {
+    m_transport->events.push_back(std::move(event));
+    m_context->processEvents(0);
+  }
+
+  ScriptedTransport* m_transport;
+  std::shared_ptr<Context> m_context;
+  const std::shared_ptr<transport::RemoteSource> m_source = std::make_shared<transport::RemoteSource>("T", "session");
+};
+
+TEST_F(DirectoryTest, ReportsLossOneByOneUpToTheThresholdAndThenAsABurst) {
+  std::vector<std::string> lines;
+  const auto receiver = receive("T", lines);
+  play([&](transport::Listener& listener) {
+    listener.sourceUp(m_source);
+    listener.loss(*m_source, 0xffffffff, 2);
+    listener.loss(*m_source, 1, 3);
+  });
+  EXPECT_EQ((std::vector<std::string>{"20 4294967295 0", "4 4294967295 0", "4 0 0", "5 1 3"}), lines);
+  receiver->stop();
+}
+
+TEST_F(DirectoryTest, SubscribesWhileThereIsAReceiver) {
+  std::vector<std::string> lines;
+  play([&](transport::Listener& listener) { listener.sourceUp(m_source); });
+  EXPECT_TRUE(m_transport->subscriptions.empty());
+  const auto first = receive("T", lines);
+  const auto second = receive("T", lines);
+  m_context->processEvents(0);
+  first->stop();
+  m_context->processEvents(0);
+  EXPECT_EQ((std::vector<std::string>{"+T"}), m_transport->subscriptions);
+  second->stop();
+  m_context->processEvents(0);
+  EXPECT_EQ((std::vector<std::string>{"+T", "-T"}), m_transport->subscriptions);
+  play([&](transport::Listener& listener) {
+    transport::InboundMessage late;
+    listener.message(*m_source, late);
+    listener.sourceDown(m_source);
+    listener.message(*m_source, late);
+  });
+  EXPECT_TRUE(lines.empty());
+}
+
+TEST_F(DirectoryTest, ASourceThatNeverSpokeEndsInSilence) {
+  std::vector<std::string> lines;
+  const auto receiver = receive("T", lines);
+  play([&](transport::Listener& listener) {
+    listener.sourceUp(m_source);
+    listener.sourceDown(m_source);
+  });
+  EXPECT_TRUE(lines.empty());
+  receiver->stop();
+}
+
+}  // namespace
+}  // namespace engine::core
