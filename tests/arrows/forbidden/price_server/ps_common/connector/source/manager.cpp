@@ -1,2 +1,3 @@
 #include "hidden.h"
+
 #include "ps/manager.h"
