@@ -92,8 +92,9 @@ LBM_API int lbm_log(lbm_log_cb_proc proc, void* clientd);
 
 /* Attribute objects carry creation options. Options are set and read as text (str_setopt, str_getopt) or in binary form
  * (setopt, getopt) with the exact size of the option's type. An unknown option or a bad value fails and changes
- * nothing. For the getopt family *optlen is the room in the buffer on entry and the used length on return (for text
- * without the terminating zero, which is always written; so a text needs room for one more). */
+ * nothing. For the getopt family *optlen is the room in the buffer on entry and the used length on return. A text is
+ * followed by a zero, which the length does not count, unless it fills the buffer: whoever offers one byte less than
+ * a zero-filled buffer has always gets a terminated text. */
 LBM_API int lbm_context_attr_create(lbm_context_attr_t** attr);
 LBM_API int lbm_context_attr_dup(lbm_context_attr_t** attr, const lbm_context_attr_t* original);
 LBM_API int lbm_context_attr_delete(lbm_context_attr_t* attr);

@@ -138,15 +138,14 @@ struct ToText {
 
 void checkRoom(const OptionDefinition& option, std::size_t needed, std::size_t room) {
   if (needed <= room) return;
-  throw Error(LBM_EINVAL, describe(option) + " needs a buffer of " + std::to_string(needed) + " bytes" +
-                              (binaryForm(option.type) == "characters" ? ", the terminating zero included" : "") +
-                              "; this one has " + std::to_string(room));
+  throw Error(LBM_EINVAL, describe(option) + " needs a buffer of " + std::to_string(needed) + " bytes; this one has " +
+                              std::to_string(room));
 }
 
 void copyOut(const OptionDefinition& option, std::string_view text, void* buffer, std::size_t& size) {
-  checkRoom(option, text.size() + 1, size);
-  auto* const characters = static_cast<char*>(buffer);
-  *std::copy(text.begin(), text.end(), characters) = '\0';
+  checkRoom(option, text.size(), size);
+  auto* const end = std::copy(text.begin(), text.end(), static_cast<char*>(buffer));
+  if (text.size() < size) *end = '\0';
   size = text.size();
 }
 

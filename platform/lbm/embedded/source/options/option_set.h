@@ -41,7 +41,7 @@ class OptionSet {
   void setBinary(std::string_view name, const void* value, std::size_t size);
 
   // Forms of getText and its binary twin for a caller's buffer. size is the room on entry and the used length on
-  // return. A text gets its terminating zero, for which there must be room beyond the length.
+  // return. A text is followed by a zero where there is room for it.
   void getText(std::string_view name, char* buffer, std::size_t& size) const;
   void getBinary(std::string_view name, void* buffer, std::size_t& size) const;
 

@@ -104,15 +104,14 @@ TEST(OptionSet, AWrongBinarySizeIsRefusedWithBothSizes) {
             "1 context option \"resolver_source_notification_function\" needs a buffer of 16 bytes; this one has 15");
 }
 
-TEST(OptionSet, ATextNeedsRoomForItsTerminatingZero) {
+TEST(OptionSet, ATextNeedsRoomForItsCharacters) {
   auto set = OptionSet::builtIn(Scope::context);
   set.setText("context_name", "four");
   std::array<char, 5> buffer{'x', 'x', 'x', 'x', 'x'};
-  std::size_t size = 4;
-  EXPECT_EQ(
-      errorOf([&] { set.getText("context_name", buffer.data(), size); }),
-      "1 context option \"context_name\" needs a buffer of 5 bytes, the terminating zero included; this one has 4");
-  EXPECT_EQ(size, 4U);
+  std::size_t size = 3;
+  EXPECT_EQ(errorOf([&] { set.getText("context_name", buffer.data(), size); }),
+            "1 context option \"context_name\" needs a buffer of 4 bytes; this one has 3");
+  EXPECT_EQ(size, 3U);
   EXPECT_EQ(buffer[0], 'x');
   size = 5;
   set.getText("context_name", buffer.data(), size);
