@@ -66,6 +66,7 @@ BackendOptions ReadEnvironment() {
 
 // Never destroyed: other threads, and objects that are destroyed later than this library, may still make statements.
 std::atomic<Output*> g_output{nullptr};
+std::atomic<bool> g_exiting{false};
 
 // initial counts only in the call that makes the output.
 Output& TheOutput(const BackendOptions& initial = BackendOptionsFromEnvironment()) {
@@ -74,6 +75,9 @@ Output& TheOutput(const BackendOptions& initial = BackendOptionsFromEnvironment(
     made->SetConsole(initial.console);
     made->SetFile(initial.file);
     g_output = made;
+    if (g_exiting) {
+      made->Stop();
+    }
     return *made;
   }();
   return output;
@@ -81,6 +85,7 @@ Output& TheOutput(const BackendOptions& initial = BackendOptionsFromEnvironment(
 
 struct StopAtExit {
   ~StopAtExit() {
+    g_exiting = true;
     if (Output* const output = g_output) {
       output->Stop();
     }
@@ -144,7 +149,11 @@ void ConfigureBackend(const BackendOptions& options) {
 
 void SetMinLevel(LogLevel level) { __atomic_store_n(&g_minLogLevel, static_cast<int>(level), __ATOMIC_RELAXED); }
 
-void FlushLog() { TheOutput().Flush(); }
+void FlushLog() {
+  if (Output* const output = g_output) {
+    output->Flush();
+  }
+}
 
 void LogMessage(LogLevel level, unsigned int id, DecodeType /*decodeType*/, const std::shared_ptr<const Source>& source,
                 const char* filename, int line, std::string text, const std::string& /*handlerName*/) {
