@@ -1,6 +1,5 @@
 #include "transport/host/peer.h"
 
-#include <cstdio>
 #include <utility>
 
 namespace engine::transport::host {
@@ -64,10 +63,8 @@ std::string Peer::description() const {
   if (!m_greeted) {
     return "a context that has not introduced itself";
   }
-  char session[32];
-  std::snprintf(session, sizeof(session), "%016llx", static_cast<unsigned long long>(m_greeting.session));
-  return "context \"" + m_greeting.name + "\" (process " + std::to_string(m_greeting.process) + ", session " + session +
-         ")";
+  return "context \"" + m_greeting.name + "\" (process " + std::to_string(m_greeting.process) + ", session " +
+         wire::sessionText(m_greeting.session) + ")";
 }
 
 void Peer::handle(wire::Bytes frame, Listener& listener) {

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,6 +17,7 @@
 #include <system_error>
 
 #include "transport/host/host_transport.h"
+#include "transport/host/wire.h"
 
 namespace engine::transport::host {
 
@@ -102,10 +102,7 @@ const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<co
 Descriptor openSocket() { return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
 
 std::string socketName(std::uint64_t session) {
-  char text[64];
-  std::snprintf(text, sizeof(text), "%ld-%016llx", static_cast<long>(::getpid()),
-                static_cast<unsigned long long>(session));
-  return std::string(text).append(kSocketSuffix);
+  return std::to_string(::getpid()) + "-" + wire::sessionText(session) + std::string(kSocketSuffix);
 }
 
 // Held until destroyed.

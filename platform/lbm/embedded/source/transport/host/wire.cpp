@@ -1,6 +1,8 @@
 #include "transport/host/wire.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 
 namespace engine::transport::host::wire {
 
@@ -26,6 +28,11 @@ std::string_view takeText(Bytes& bytes, std::size_t length) {
 }  // namespace
 
 Type typeOf(Bytes frame) { return take<Type>(frame); }
+
+std::string sessionText(std::uint64_t session) {
+  std::array<char, 16> digits;
+  return {digits.data(), std::to_chars(digits.begin(), digits.end(), session, 16).ptr};
+}
 
 std::vector<std::byte> encodeHello(const Greeting& greeting) {
   Hello hello;

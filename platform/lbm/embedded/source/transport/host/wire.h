@@ -19,10 +19,10 @@ namespace engine::transport::host::wire {
 inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
 inline constexpr std::uint32_t kVersion = 1;
 
-inline constexpr std::size_t kPacketMax = 64 * 1024;                // bytes of any frame
-inline constexpr std::size_t kAdvertisePacketMax = 32 * 1024;       // bytes of a frame of advertisements
-inline constexpr std::size_t kNameMax = 4096;                       // bytes of a topic, session or context name
-inline constexpr std::size_t kMessageMax = std::size_t{256} << 20;  // bytes of a message in all its fragments
+inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any frame
+inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a frame of advertisements
+inline constexpr std::size_t kNameMax = 4096;                              // bytes of a topic, session or context name
+inline constexpr std::size_t kMessageMax = std::size_t{256} << 20;         // bytes of a message in all its fragments
 
 class Fault : public std::runtime_error {
  public:
@@ -155,6 +155,9 @@ struct Greeting {
   std::uint32_t process = 0;
   std::string name;
 };
+
+// A session as operators read it, in notices and in the names of sockets.
+std::string sessionText(std::uint64_t session);
 
 std::vector<std::byte> encodeHello(const Greeting& greeting);
 Greeting decodeHello(Bytes frame);
