@@ -20,6 +20,7 @@ constexpr auto kSendFailed = "Failed to send LBM message";
 
 static_assert(!std::is_copy_constructible_v<Source> && !std::is_move_constructible_v<Source>);
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a topic belongs to one source and is given away.
 Source::Source(Context& ctx, SourceTopic topic, Callback cb, EventQueue* eq) : m_cbk(std::move(cb)) {
   Create(ctx, topic, eq);
 }
