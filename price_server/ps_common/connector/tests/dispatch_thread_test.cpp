@@ -157,6 +157,7 @@ TEST_P(DispatchThreadBackground, TaskRunsWithinItsBoundInEachRound) {
   Start({.task = task, .maxTasks = GetParam().maxTasks});
   WaitForRounds(4);
   EXPECT_EQ(calls, GetParam().callsInThreeRounds);
+  m_manager->Shutdown();  // before what the task uses goes
 }
 
 INSTANTIATE_TEST_SUITE_P(, DispatchThreadBackground,
