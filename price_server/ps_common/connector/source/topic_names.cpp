@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <stdexcept>
 #include <system_error>
-#include <tuple>
 #include <utility>
 
 namespace ps_ns {
@@ -153,27 +152,20 @@ class Reader {
   std::string_view m_rest;
 };
 
-template <typename... Fields>
-std::optional<std::tuple<Fields...>> Parse(const Kind<Fields...>& kind, std::string_view topicName) {
+// Value is made of the kind's fields.
+template <typename Value, typename... Fields>
+std::optional<Value> Parse(const Kind<Fields...>& kind, std::string_view topicName) {
   if (topicName.size() > LBM_TOPIC_NAME_MAX) return std::nullopt;
   Reader reader(topicName);
   if (!reader.Skip(kind.m_prefix) || !reader.Skip(kSeparator) || !reader.Skip(kind.m_word)) return std::nullopt;
 
-  std::optional<std::tuple<Fields...>> values(std::in_place);
-  const auto readAll = [&reader](auto&... fields) { return (reader.ReadField(fields) && ...); };
-  if (!std::apply(readAll, *values) || !reader.AtEnd()) return std::nullopt;
-
-  const auto writeAgain = [&kind](const auto&... fields) { return Write(kind, fields...); };
-  if (std::apply(writeAgain, *values) != topicName) return std::nullopt;
-  return values;
-}
-
-// Parse for the kinds with a single field.
-template <typename Field>
-std::optional<Field> ParseSingle(const Kind<Field>& kind, std::string_view topicName) {
-  auto values = Parse(kind, topicName);
-  if (!values) return std::nullopt;
-  return std::get<0>(std::move(*values));
+  const auto readFields = [&](Fields... fields) -> std::optional<Value> {
+    if (!(reader.ReadField(fields) && ...) || !reader.AtEnd() || Write(kind, fields...) != topicName) {
+      return std::nullopt;
+    }
+    return Value{std::move(fields)...};
+  };
+  return readFields(Fields{}...);
 }
 
 }  // namespace
@@ -227,55 +219,51 @@ std::string TopicNames::CreateClientCommandResponseTopic(const std::string& host
 }
 
 std::optional<ServerInstance> TopicNames::ParseClientRequestTopic(std::string_view topicName) {
-  return ParseSingle(kClientRequest, topicName);
+  return Parse<ServerInstance>(kClientRequest, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseServerResponseTopic(std::string_view topicName) {
-  return ParseSingle(kServerResponse, topicName);
+  return Parse<ServerInstance>(kServerResponse, topicName);
 }
 
 std::optional<SegmentTopic> TopicNames::ParseSegmentTopic(std::string_view topicName) {
-  auto values = Parse(kSegment, topicName);
-  if (!values) return std::nullopt;
-  return std::make_from_tuple<SegmentTopic>(std::move(*values));
+  return Parse<SegmentTopic>(kSegment, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseProductResponseTopic(std::string_view topicName) {
-  return ParseSingle(kProductResponse, topicName);
+  return Parse<ServerInstance>(kProductResponse, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseRFQ_BroadcastTopic(std::string_view topicName) {
-  return ParseSingle(kRFQ_Broadcast, topicName);
+  return Parse<ServerInstance>(kRFQ_Broadcast, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseNewsBroadcastTopic(std::string_view topicName) {
-  return ParseSingle(kNewsBroadcast, topicName);
+  return Parse<ServerInstance>(kNewsBroadcast, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseServerStatusTopic(std::string_view topicName) {
-  return ParseSingle(kServerStatus, topicName);
+  return Parse<ServerInstance>(kServerStatus, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseCommandTopic(std::string_view topicName) {
-  return ParseSingle(kCommand, topicName);
+  return Parse<ServerInstance>(kCommand, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseCommandResponseTopic(std::string_view topicName) {
-  return ParseSingle(kCommandResponse, topicName);
+  return Parse<ServerInstance>(kCommandResponse, topicName);
 }
 
 std::optional<std::string> TopicNames::ParseClientHostCommandTopic(std::string_view topicName) {
-  return ParseSingle(kClientHostCommand, topicName);
+  return Parse<std::string>(kClientHostCommand, topicName);
 }
 
 std::optional<std::string> TopicNames::ParseClientIDCommandTopic(std::string_view topicName) {
-  return ParseSingle(kClientIDCommand, topicName);
+  return Parse<std::string>(kClientIDCommand, topicName);
 }
 
 std::optional<ClientCommandResponseTopic> TopicNames::ParseClientCommandResponseTopic(std::string_view topicName) {
-  auto values = Parse(kClientCommandResponse, topicName);
-  if (!values) return std::nullopt;
-  return std::make_from_tuple<ClientCommandResponseTopic>(std::move(*values));
+  return Parse<ClientCommandResponseTopic>(kClientCommandResponse, topicName);
 }
 
 }  // namespace ps_ns
