@@ -1,27 +1,9 @@
 // What a log statement costs, apart from what a back end does with it.
-#include <memory>
 #include <sstream>
 #include <string>
 
 #include "bench/bench.h"
 #include "zq/logging/logger.h"
-
-// A back end that takes statements and forgets them.
-namespace zq::logging {
-
-int g_minLogLevel = ZQLOG_INFO;
-
-void LogMessage(LogLevel, unsigned int, DecodeType, const std::shared_ptr<const Source>&, const char*, int,
-                std::string text, const std::string&) {
-  benchmark::DoNotOptimize(text);
-}
-
-void FormatAndLogMessage(LogLevel, unsigned int, DecodeType, const std::shared_ptr<const Source>&, const char*, int,
-                         const char*, ...) {}
-
-void ForceLockHandlers() {}
-
-}  // namespace zq::logging
 
 namespace {
 
