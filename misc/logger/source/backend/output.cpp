@@ -8,9 +8,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <exception>
 #include <mutex>
 #include <utility>
+
+#include "backend/sinks.h"
 
 namespace zq::logging {
 namespace {
@@ -92,6 +95,10 @@ Output::Output(std::size_t queueSize)
 }
 
 Output::~Output() { Stop(); }
+
+void Output::SetConsole(bool enabled) { m_console->SetEnabled(enabled); }
+
+void Output::SetFile(const std::string& path) { m_file->SetPath(path); }
 
 template <typename Action>
 bool Output::WhileQueueing(Action&& action) {

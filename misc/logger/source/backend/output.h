@@ -4,13 +4,11 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <cstdint>
+#include <cstddef>
 #include <memory>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
-
-#include "backend/sinks.h"
 
 namespace spdlog {
 class logger;
@@ -20,6 +18,9 @@ class thread_pool;
 }  // namespace spdlog
 
 namespace zq::logging {
+
+class ConsoleSink;
+class FileSink;
 
 inline constexpr std::size_t kDefaultQueueSize = 8192;  // lines
 
@@ -35,8 +36,9 @@ class Output {
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
-  void SetConsole(bool enabled) { m_console->SetEnabled(enabled); }
-  void SetFile(const std::string& path) { m_file->SetPath(path); }
+  // Lines that are still queued go where the new settings say.
+  void SetConsole(bool enabled);
+  void SetFile(const std::string& path);  // empty: none
 
   // line is complete, its end included. Waits while the queue is full.
   void Write(std::string_view line);
