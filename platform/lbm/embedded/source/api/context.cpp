@@ -19,8 +19,10 @@ namespace option = engine::option;
 namespace {
 
 // The one place that chooses how a context's messages travel.
-std::unique_ptr<engine::transport::Transport> join(const OptionSet& options) {
-  return engine::transport::host::joinHostDomain({.runtimeDirectory = {},
+std::unique_ptr<engine::transport::Transport> join(OptionSet& options) {
+  const auto runtimeDirectory = engine::transport::host::runtimeDirectory();
+  options.provide(option::domainDirectory, runtimeDirectory + '/' + options.get(option::domain));
+  return engine::transport::host::joinHostDomain({.runtimeDirectory = runtimeDirectory,
                                                   .domain = options.get(option::domain),
                                                   .contextName = options.get(option::contextName),
                                                   .linkBufferBytes = options.get(option::transportLinkBufferSize),

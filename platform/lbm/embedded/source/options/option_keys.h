@@ -48,6 +48,7 @@ namespace option {
 inline constexpr OptionKey<std::chrono::milliseconds> closeLingerTime{Scope::context, "close_linger_time"};
 inline constexpr OptionKey<std::string> contextName{Scope::context, "context_name"};
 inline constexpr OptionKey<std::string> domain{Scope::context, "domain"};
+inline constexpr OptionKey<std::string> domainDirectory{Scope::context, "domain_directory"};
 inline constexpr OptionKey<OperationalMode> operationalMode{Scope::context, "operational_mode"};
 inline constexpr OptionKey<lbm_src_notify_func_t> resolverSourceNotification{Scope::context,
                                                                              "resolver_source_notification_function"};

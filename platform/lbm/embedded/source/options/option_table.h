@@ -102,6 +102,15 @@ inline constexpr std::array optionTable{
     },
     OptionDefinition{
         .scope = Scope::context,
+        .name = "domain_directory",
+        .type = OptionType::text,
+        .change = Change::never,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "The directory in which the contexts of the domain meet.",
+    },
+    OptionDefinition{
+        .scope = Scope::context,
         .name = "operational_mode",
         .type = OptionType::word,
         .defaultText = "embedded",

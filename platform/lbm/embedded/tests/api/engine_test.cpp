@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -513,6 +514,8 @@ TEST_F(EngineTest, ALiveContextTellsItsOptions) {
   EXPECT_TRUE(std::any_of(options.begin(), options.end(), [](const lbm_option_text_t& option) {
     return std::string("resolver_multicast_interface") == option.name && std::string("0.0.0.0") == option.value;
   }));
+  EXPECT_EQ(0, lbm_context_str_getopt(context, "domain_directory", name.data(), &(length = 1024))) << lbm_errmsg();
+  EXPECT_TRUE(std::filesystem::is_directory(name.data())) << name.data();
   lbm_context_delete(context);
 }
 
