@@ -3,17 +3,19 @@
 #include <algorithm>
 #include <charconv>
 #include <iostream>
-#include <limits>
-#include <map>
 #include <sstream>
 #include <vector>
 
-#include "zq/logging/log_level.h"
+#include "zq/logging/default_backend.h"
 
 namespace feed {
 namespace {
 
-void SetMinLogLevel(int level) { __atomic_store_n(&zq::logging::g_minLogLevel, level, __ATOMIC_RELAXED); }
+void SetMinLogLevel(const std::string& name) {
+  const auto level = zq::logging::ParseLevel(name);
+  if (!level) throw CLI::ValidationError("--log-level", '"' + name + "\" is not the name of a level");
+  zq::logging::SetMinLevel(*level);
+}
 
 // "1:2:3:name" has no more than four pieces: further colons belong to the name.
 std::vector<std::string_view> SplitAtColons(std::string_view text) {
@@ -38,17 +40,22 @@ std::optional<std::int16_t> ParseNumber(std::string_view text) {
 }  // namespace
 
 void AddCommonOptions(CLI::App& app) {
-  SetMinLogLevel(zq::logging::ZQLOG_WARNING);
   app.set_version_flag("--version", app.get_name() + ' ' + PRICE_CONNECTOR_VERSION, "Print the version and exit");
-  app.add_option_function<int>("--log-level", SetMinLogLevel, "Least level of the log lines on standard error")
-      ->transform(CLI::CheckedTransformer(std::map<std::string, int>{{"debug", zq::logging::ZQLOG_DEBUG},
-                                                                     {"info", zq::logging::ZQLOG_INFO},
-                                                                     {"warning", zq::logging::ZQLOG_WARNING},
-                                                                     {"error", zq::logging::ZQLOG_ERROR},
-                                                                     {"off", std::numeric_limits<int>::max()}})
-                      .description("{debug,info,warning,error,off}"))
+  app.add_option_function<std::string>("--log-level", SetMinLogLevel,
+                                       "Least level of the log lines on standard error: debug, info, warning, error")
       ->type_name("LEVEL")
+      ->envname("ZQLOG_LEVEL")
       ->default_str("warning");
+  SetMinLogLevel("warning");
+}
+
+CLI::Validator NumberUpTo(double max) {
+  const auto check = [max](const std::string& text) {
+    double value = 0;
+    const bool good = CLI::detail::lexical_cast(text, value) && value >= 0 && value <= max;
+    return good ? std::string() : '"' + text + "\" is not a number from 0 to " + CLI::detail::to_string(max);
+  };
+  return CLI::Validator(check, "");
 }
 
 void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help) {
@@ -56,7 +63,7 @@ void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>
   constexpr double kMaxSeconds = 1e8;
   app.add_option_function<double>(
          "--seconds", [&seconds](const double& value) { seconds = std::chrono::duration<double>(value); }, help)
-      ->check(CLI::Range(0.0, kMaxSeconds).description("0 or more"))
+      ->check(NumberUpTo(kMaxSeconds))
       ->type_name("S");
 }
 

@@ -20,6 +20,9 @@ constexpr unsigned kMaxSegments = 1024;
 // Adds --version and --log-level. The log goes to standard error, from warnings on unless the user asks for more.
 void AddCommonOptions(CLI::App& app);
 
+// Takes numbers from 0 to max; unlike the library's range check, not "nan".
+CLI::Validator NumberUpTo(double max);
+
 // Adds an option that takes a number of seconds, such as 2.5.
 void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help);
 
