@@ -1,0 +1,86 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
+
+#include "feed/command_line.h"
+
+namespace price_server {
+namespace {
+
+constexpr const char* kFooter =
+    "Exit codes: 0 ended in order, 1 the instance is already running, 2 the "
+    "command line or the prices file is not\n"
+    "usable, 3 something failed while running.\n"
+    "Ctrl-C ends in order at any moment. LBM_RUNTIME_DIR names the directory "
+    "in which servers and clients meet.";
+
+// "data/sp500-2000.csv" gives SP500-2000.
+feed::Symbol SymbolFromFileName(const std::string& path) {
+  auto name = std::filesystem::path(path).stem().string().substr(0, feed::Symbol::kMaxLength);
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return feed::Symbol::Parse(name).value_or(*feed::Symbol::Parse("DAILY"));
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output) {
+  Options options;
+  std::string symbol;
+
+  CLI::App app("Replays recorded prices as one price-server instance.", "price_server");
+  app.footer(kFooter);
+  const auto id = [&app](const char* name, std::int16_t& value, const char* help) {
+    app.add_option(name, value, help)->required()->check(CLI::Range(0, 32767).description(""))->type_name("0..32767");
+  };
+  id("--market", options.instance.m_marketID, "Market number");
+  id("--submarket", options.instance.m_submarketID, "Submarket number");
+  id("--node", options.instance.m_nodeID, "Node number");
+  app.add_option("--market-name", options.instance.m_marketName, "Market name, for display")->type_name("NAME");
+  app.add_option("--segments", options.segments, "Segments over which the symbols are spread")
+      ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
+      ->type_name("1.." + std::to_string(feed::kMaxSegments))
+      ->capture_default_str();
+  app.add_option("--prices", options.pricesFile, "Prices file (symbol,date,price or date,open,high,low,close,...)")
+      ->required()
+      ->type_name("FILE");
+  app.add_option("--symbol", symbol,
+                 "Symbol for a prices file without a symbol column; default: "
+                 "from the file's name")
+      ->type_name("SYMBOL");
+  app.add_option("--rate", options.updatesPerSecond, "Updates a second over all segments; 0: as fast as possible")
+      ->check(feed::NumberUpTo(1e9))
+      ->type_name("R")
+      ->capture_default_str();
+  app.add_flag("--loop", options.loop, "Start over at the end of the prices file");
+  app.add_option("--count", options.count, "End after this many updates")
+      ->check(feed::NumberUpTo(1e18))
+      ->type_name("N");
+  feed::AddSecondsOption(app, options.seconds, "End after this many seconds");
+  app.add_flag("--wait-for-client", options.waitForClient,
+               "Send the first update when a client has subscribed to every segment");
+  app.add_option("--context-name", options.contextName, "Name of the messaging context; default: price_server")
+      ->type_name("NAME");
+  app.add_flag("--quiet", options.quiet, "Print the summary only");
+  feed::AddCommonOptions(app);
+
+  if (!feed::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+
+  if (!options.instance.m_marketName.empty() && !feed::IsMarketName(options.instance.m_marketName)) {
+    throw feed::UsageError(
+        "bad --market-name; expected 1 to 32 visible "
+        "characters without blanks");
+  }
+  options.symbolOfDailyValues = SymbolFromFileName(options.pricesFile);
+  if (!symbol.empty()) {
+    const auto parsed = feed::Symbol::Parse(symbol);
+    if (!parsed) throw feed::UsageError("bad --symbol \"" + symbol + "\"; expected 1 to 20 visible characters");
+    options.symbolOfDailyValues = *parsed;
+  }
+  if (options.contextName.empty()) options.contextName = app.get_name();
+  return options;
+}
+
+}  // namespace price_server

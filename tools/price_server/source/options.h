@@ -1,0 +1,33 @@
+// The command line of the price server.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "feed/output.h"
+#include "feed/symbol.h"
+#include "ps_common/connector/server_instance.h"
+
+namespace price_server {
+
+struct Options {
+  ps_ns::ServerInstance instance;
+  unsigned short segments = 1;
+  std::string pricesFile;
+  feed::Symbol symbolOfDailyValues;
+  double updatesPerSecond = 1000;  // 0: as fast as possible
+  bool loop = false;
+  std::optional<std::uint64_t> count;
+  std::optional<std::chrono::duration<double>> seconds;
+  bool waitForClient = false;
+  std::string contextName;
+  bool quiet = false;
+};
+
+// Nothing when the user asked for help or the version, which then has been
+// written. Throws feed::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output);
+
+}  // namespace price_server
