@@ -1,0 +1,36 @@
+#include "latency_histogram.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace price_client {
+
+void LatencyDistribution::Add(const LatencyDistribution& other) {
+  for (std::size_t i = 0; i < m_counts.size(); ++i) m_counts[i] += other.m_counts[i];
+  m_total += other.m_total;
+  m_max = std::max(m_max, other.m_max);
+}
+
+std::uint64_t LatencyDistribution::Quantile(double fraction) const {
+  if (m_total == 0) return 0;
+  const auto wanted =
+      std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::ceil(fraction * static_cast<double>(m_total))));
+  std::uint64_t seen = 0;
+  for (std::size_t i = 0; i < m_counts.size(); ++i) {
+    seen += m_counts[i];
+    if (seen >= wanted) return std::min(LatencyBuckets::Highest(i), m_max);
+  }
+  return m_max;
+}
+
+LatencyDistribution LatencyHistogram::Read() const {
+  LatencyDistribution distribution;
+  for (std::size_t i = 0; i < m_counts.size(); ++i) {
+    distribution.m_counts[i] = m_counts[i].Get();
+    distribution.m_total += distribution.m_counts[i];
+  }
+  distribution.m_max = m_max.Get();
+  return distribution;
+}
+
+}  // namespace price_client

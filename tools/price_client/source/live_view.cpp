@@ -1,0 +1,149 @@
+#include "live_view.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+#include <vector>
+
+#include "format.h"
+
+namespace price_client {
+namespace {
+
+enum class Style : std::uint8_t { kPlain, kBold, kDim, kGreen, kRed, kYellow };
+
+std::string_view CodeOf(Style style) {
+  switch (style) {
+    case Style::kPlain:
+      return "";
+    case Style::kBold:
+      return "\x1b[1m";
+    case Style::kDim:
+      return "\x1b[2m";
+    case Style::kGreen:
+      return "\x1b[32m";
+    case Style::kRed:
+      return "\x1b[31m";
+    case Style::kYellow:
+      return "\x1b[33m";
+  }
+  return "";
+}
+
+// Collects lines of ASCII text, cut at the screen's width whatever the styles
+// in them.
+class Frame {
+ public:
+  Frame(ScreenSize size, bool colour) : m_size(size), m_colour(colour), m_text("\x1b[H") {}
+
+  Frame& Add(std::string_view text, Style style = Style::kPlain) {
+    text = text.substr(0, m_size.columns - std::min<std::size_t>(m_size.columns, m_column));
+    m_column += text.size();
+    const auto code = m_colour ? CodeOf(style) : std::string_view();
+    m_text += code;
+    m_text += text;
+    if (!code.empty()) m_text += "\x1b[0m";
+    return *this;
+  }
+
+  // There is no end of line after the last row, as it would scroll the screen.
+  void EndLine() {
+    m_text += "\x1b[K";
+    if (++m_row < m_size.rows) m_text += "\r\n";
+    m_column = 0;
+  }
+
+  unsigned RowsLeft() const { return m_size.rows - std::min(m_size.rows, m_row); }
+
+  std::string Finish() && {
+    if (RowsLeft() > 0) m_text += "\x1b[J";
+    return std::move(m_text);
+  }
+
+ private:
+  ScreenSize m_size;
+  bool m_colour;
+  std::string m_text;
+  std::size_t m_column = 0;
+  unsigned m_row = 0;
+};
+
+Style StyleOf(InstanceState state) {
+  switch (state) {
+    case InstanceState::kUp:
+      return Style::kGreen;
+    case InstanceState::kBack:
+      return Style::kYellow;
+    case InstanceState::kGone:
+      return Style::kRed;
+    case InstanceState::kNeverSeen:
+      return Style::kDim;
+  }
+  return Style::kPlain;
+}
+
+void AddHeader(Frame& frame, const Snapshot& snapshot) {
+  const auto total = snapshot.Total();
+  double rate = 0;
+  for (const auto& instance : snapshot.instances) rate += instance.currentRate;
+  const auto seconds = static_cast<unsigned long>(snapshot.elapsedSeconds);
+  frame.Add("price_client", Style::kBold)
+      .Add(fmt::format("  {:02}:{:02}:{:02}  {} updates  {}/s  ", seconds / 3600, seconds / 60 % 60, seconds % 60,
+                       FormatCount(total.updates), FormatCount(static_cast<std::uint64_t>(std::llround(rate)))))
+      .Add("Ctrl-C ends", Style::kDim)
+      .EndLine();
+}
+
+void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
+  const auto& totals = instance.totals;
+  frame.Add(instance.name, Style::kBold).Add("  ").Add(NameOf(instance.state), StyleOf(instance.state));
+  frame.Add(fmt::format("  segments {}/{}  {}/s", instance.liveSegments, instance.segments,
+                        FormatCount(static_cast<std::uint64_t>(std::llround(instance.currentRate)))));
+  if (totals.latency.Count() > 0) {
+    frame.Add(fmt::format("  p50 {}  p99 {}", FormatLatency(totals.latency.Quantile(0.5)),
+                          FormatLatency(totals.latency.Quantile(0.99))));
+  }
+  frame.Add("  gaps ").Add(FormatCount(totals.gaps), totals.gaps > 0 ? Style::kRed : Style::kPlain);
+  if (totals.missed > 0) frame.Add(fmt::format(" ({} missed)", FormatCount(totals.missed)), Style::kRed);
+  if (totals.lost > 0) frame.Add(fmt::format("  lost {}", FormatCount(totals.lost)), Style::kRed);
+  if (totals.restarts > 0) frame.Add(fmt::format("  restarts {}", totals.restarts), Style::kYellow);
+  if (totals.malformed > 0) frame.Add(fmt::format("  malformed {}", FormatCount(totals.malformed)), Style::kRed);
+  frame.EndLine();
+}
+
+void AddSymbol(Frame& frame, const SymbolSnapshot& symbol) {
+  const auto style = symbol.price > symbol.previousPrice   ? Style::kGreen
+                     : symbol.price < symbol.previousPrice ? Style::kRed
+                                                           : Style::kPlain;
+  frame.Add(fmt::format("  {:<14} {:>13} ", symbol.symbol.View(), symbol.price.ToString()));
+  frame.Add(fmt::format("{:>+10.2f} {:>+7.2f}%", symbol.Change(), symbol.ChangePercent()), style);
+  frame.Add(fmt::format("  {} {:>12}", feed::ToString(symbol.date), FormatCount(symbol.updates)), Style::kDim);
+  frame.EndLine();
+}
+
+}  // namespace
+
+std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) {
+  Frame frame(size, colour);
+  AddHeader(frame, snapshot);
+  std::size_t hidden = 0;
+  for (std::size_t i = 0; i < snapshot.instances.size() && frame.RowsLeft() > 0; ++i) {
+    const auto& instance = snapshot.instances[i];
+    // Every instance gets its own row before any gets rows for symbols; one row
+    // is kept for what is hidden.
+    const auto rowsOfOthers = static_cast<unsigned>(snapshot.instances.size() - i);
+    const auto room = frame.RowsLeft() > rowsOfOthers + 1 ? frame.RowsLeft() - rowsOfOthers - 1 : 0;
+    AddInstance(frame, instance);
+    const auto shown = std::min<std::size_t>(room, instance.symbols.size());
+    for (std::size_t s = 0; s < shown; ++s) AddSymbol(frame, instance.symbols[s]);
+    hidden += instance.symbols.size() - shown;
+  }
+  if (hidden > 0 && frame.RowsLeft() > 0) {
+    frame.Add(fmt::format("  {} more symbols; a taller window shows them", hidden), Style::kDim).EndLine();
+  }
+  return std::move(frame).Finish();
+}
+
+}  // namespace price_client

@@ -1,0 +1,33 @@
+// The command line of the price client.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "feed/output.h"
+#include "ps_common/connector/server_instance.h"
+
+namespace price_client {
+
+struct Options {
+  std::string configFile;
+  std::vector<ps_ns::ServerInstance> instances;
+  unsigned short segments = 1;
+  std::optional<std::chrono::duration<double>> seconds;
+  std::optional<std::uint64_t> count;
+  bool json = false;
+  bool quiet = false;
+  bool plain = false;
+  bool strict = false;
+  std::string contextName;
+  int cpu = -1;  // -1: any
+  bool onload = false;
+};
+
+// Nothing when the user asked for help or the version, which then has been written. Throws feed::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output);
+
+}  // namespace price_client

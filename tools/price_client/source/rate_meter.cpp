@@ -1,0 +1,22 @@
+#include "rate_meter.h"
+
+#include <utility>
+
+namespace price_client {
+
+Snapshot RateMeter::Measure(std::vector<InstanceSnapshot> instances, Clock::time_point now) {
+  Reading reading{now, {}};
+  for (const auto& instance : instances) reading.updates.push_back(instance.totals.updates);
+  while (m_readings.size() > 1 && now - m_readings[1].at >= kWindow) m_readings.pop_front();
+  if (!m_readings.empty()) {
+    const auto& before = m_readings.front();
+    const auto seconds = std::chrono::duration<double>(now - before.at).count();
+    for (std::size_t i = 0; i < instances.size() && seconds > 0; ++i) {
+      instances[i].currentRate = static_cast<double>(reading.updates[i] - before.updates[i]) / seconds;
+    }
+  }
+  m_readings.push_back(std::move(reading));
+  return {std::chrono::duration<double>(now - m_start).count(), std::move(instances)};
+}
+
+}  // namespace price_client

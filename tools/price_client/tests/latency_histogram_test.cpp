@@ -1,0 +1,54 @@
+#include "latency_histogram.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+namespace price_client {
+namespace {
+
+TEST(LatencyHistogram, BucketsCoverEveryValueInOrderWithoutHoles) {
+  for (std::size_t i = 0; i + 1 < LatencyBuckets::kCount; ++i) {
+    ASSERT_EQ(LatencyBuckets::IndexOf(LatencyBuckets::Highest(i)), i);
+    ASSERT_EQ(LatencyBuckets::IndexOf(LatencyBuckets::Highest(i) + 1), i + 1);
+  }
+  EXPECT_EQ(LatencyBuckets::Highest(LatencyBuckets::kCount - 1), LatencyBuckets::kLimit - 1);
+  EXPECT_EQ(LatencyBuckets::IndexOf(~std::uint64_t{0}), LatencyBuckets::kCount - 1);
+}
+
+TEST(LatencyHistogram, QuantilesAreAtMostOneThirtySecondTooGreat) {
+  std::mt19937_64 random(1);
+  std::lognormal_distribution<double> latencies(9, 2);
+  LatencyHistogram histogram;
+  std::vector<std::uint64_t> values;
+  for (int i = 0; i < 10'000; ++i) values.push_back(static_cast<std::uint64_t>(latencies(random)));
+  for (const auto value : values) histogram.Record(value);
+  std::sort(values.begin(), values.end());
+  const auto distribution = histogram.Read();
+  for (const double fraction : {0.0, 0.001, 0.5, 0.9, 0.99, 0.999, 1.0}) {
+    const auto rank = std::max<std::size_t>(1, static_cast<std::size_t>(std::ceil(fraction * 10'000)));
+    const auto exact = values[rank - 1];
+    EXPECT_GE(distribution.Quantile(fraction), exact) << fraction;
+    EXPECT_LE(distribution.Quantile(fraction), exact + exact / 32 + 1) << fraction;
+  }
+  EXPECT_EQ(distribution.Max(), values.back());
+}
+
+TEST(LatencyHistogram, SumsOfDistributionsCountBoth) {
+  LatencyHistogram fast;
+  LatencyHistogram slow;
+  for (int i = 0; i < 3; ++i) fast.Record(10);
+  slow.Record(1000);
+  auto both = fast.Read();
+  both.Add(slow.Read());
+  EXPECT_EQ(both.Count(), 4U);
+  EXPECT_EQ(both.Quantile(0.75), 10U);
+  EXPECT_EQ(both.Quantile(0.76), 1000U);
+  EXPECT_EQ(LatencyDistribution().Quantile(0.5), 0U);
+}
+
+}  // namespace
+}  // namespace price_client

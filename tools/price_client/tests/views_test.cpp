@@ -1,0 +1,151 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "format.h"
+#include "live_view.h"
+#include "rate_meter.h"
+#include "report.h"
+
+namespace price_client {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+InstanceSnapshot MakeInstance(const std::string& name, std::size_t symbols) {
+  InstanceSnapshot instance;
+  instance.name = name;
+  instance.state = InstanceState::kUp;
+  instance.segments = instance.liveSegments = 2;
+  LatencyHistogram latency;
+  for (std::size_t i = 0; i < symbols; ++i) {
+    instance.symbols.push_back({feed::Symbol::Parse("SYM" + std::to_string(i)).value(),
+                                feed::ParseDate("2000-01-31").value(), feed::Price::Parse("99.5").value(),
+                                feed::Price::Parse("100").value(), 2});
+    latency.Record(1500);
+  }
+  instance.totals.updates = 2 * symbols;
+  instance.totals.firstAt = 1'000'000'000;
+  instance.totals.lastAt = 2'000'000'000;
+  instance.totals.latency = latency.Read();
+  return instance;
+}
+
+// What a terminal of that size shows, without colours.
+std::vector<std::string> LinesOf(std::string frame) {
+  EXPECT_THAT(frame, testing::StartsWith("\x1b[H"));
+  frame.erase(0, 3);
+  std::vector<std::string> lines;
+  std::istringstream stream(frame);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line.substr(0, line.find('\x1b')));
+  return lines;
+}
+
+TEST(LiveView, ShowsEveryInstanceAndAsManySymbolsAsFit) {
+  Snapshot snapshot{3725, {MakeInstance("ONE", 5), MakeInstance("TWO", 30)}};
+  const auto lines = LinesOf(RenderFrame(snapshot, {200, 12}, false));
+  ASSERT_EQ(lines.size(), 12U);
+  EXPECT_THAT(lines[0], HasSubstr("01:02:05"));
+  EXPECT_THAT(lines[1], HasSubstr("ONE  up  segments 2/2"));
+  EXPECT_THAT(lines[2], testing::MatchesRegex(" *SYM0 +99\\.50 +-0\\.50 +-0\\.50% +2000-01-31 +2"));
+  EXPECT_THAT(lines[7], HasSubstr("TWO  up"));
+  EXPECT_EQ(lines[11], "  27 more symbols; a taller window shows them");
+}
+
+TEST(LiveView, NeverLeavesTheScreen) {
+  const Snapshot snapshot{1, {MakeInstance("ONE", 5), MakeInstance("TWO", 30), MakeInstance("THREE", 1)}};
+  for (unsigned rows = 1; rows < 45; ++rows) {
+    for (const unsigned columns : {1U, 10U, 300U}) {
+      const auto lines = LinesOf(RenderFrame(snapshot, {columns, rows}, false));
+      // After the last used row comes the rest of the screen, empty.
+      ASSERT_LE(lines.size(), rows) << rows;
+      for (const auto& line : lines) ASSERT_LE(line.size(), columns);
+    }
+  }
+}
+
+TEST(LiveView, ColoursOnlyWhenAsked) {
+  const Snapshot snapshot{1, {MakeInstance("ONE", 1)}};
+  EXPECT_THAT(RenderFrame(snapshot, {}, true), HasSubstr("\x1b[31m"));
+  EXPECT_THAT(RenderFrame(snapshot, {}, false), Not(testing::ContainsRegex("\x1b\\[[0-9]*m")));
+}
+
+TEST(Report, TellsWhatChangedAndNothingElse) {
+  const auto before = MakeInstance("ONE", 1);
+  auto now = before;
+  now.totals.updates += 100;
+  EXPECT_EQ(ChangeLines(before, now, 1), "");
+  now.state = InstanceState::kBack;
+  now.totals.restarts = 1;
+  now.totals.gaps = 2;
+  now.totals.missed = 37;
+  now.totals.lost = 5;
+  EXPECT_EQ(ChangeLines(before, now, 1),
+            "     1.0s ONE is back\n"
+            "     1.0s ONE server restarted\n"
+            "     1.0s ONE gaps: 2 more, 37 updates missed\n"
+            "     1.0s ONE lost: 5 more messages\n");
+}
+
+TEST(Report, JsonHasTheTotalAndEveryInstance) {
+  const Snapshot snapshot{2.5, {MakeInstance("ONE", 2), MakeInstance("NONE", 0)}};
+  const auto json = nlohmann::json::parse(SummaryJson(snapshot));
+  EXPECT_EQ(json["seconds"], 2.5);
+  EXPECT_EQ(json["total"]["updates"], 4);
+  EXPECT_EQ(json["total"]["rate"], 3.0);
+  EXPECT_EQ(json["total"]["latency_ns"]["max"], 1500);
+  EXPECT_EQ(json["instances"][0]["instance"], "ONE");
+  EXPECT_EQ(json["instances"][0]["symbols"][1]["price"], 99.5);
+  EXPECT_EQ(json["instances"][0]["symbols"][1]["change"], -0.5);
+  EXPECT_TRUE(json["instances"][1]["latency_ns"].is_null());
+}
+
+TEST(Report, TableHasARowForEachInstanceAndTheTotal) {
+  const Snapshot snapshot{2.5, {MakeInstance("ONE", 2), MakeInstance("A-LONGER-NAME", 0)}};
+  std::istringstream table(SummaryTable(snapshot));
+  std::vector<std::string> rows;
+  for (std::string row; std::getline(table, row);) rows.push_back(row);
+  ASSERT_EQ(rows.size(), 4U);
+  for (const auto& row : rows) EXPECT_EQ(row.size(), rows[0].size());
+  EXPECT_THAT(rows[1], testing::ContainsRegex("ONE +up +4 +3\\.0 +0 +0 +0 +0 +1\\.50 us"));
+  EXPECT_THAT(rows[3], testing::StartsWith("total"));
+}
+
+TEST(Format, ChoosesUnitAndDigits) {
+  EXPECT_EQ(FormatLatency(999), "999 ns");
+  EXPECT_EQ(FormatLatency(1000), "1.00 us");
+  EXPECT_EQ(FormatLatency(9'996), "10.0 us");
+  EXPECT_EQ(FormatLatency(999'400), "999 us");
+  EXPECT_EQ(FormatLatency(999'600), "1.00 ms");
+  EXPECT_EQ(FormatLatency(68'700'000'000), "68.7 s");
+  EXPECT_EQ(FormatCount(0), "0");
+  EXPECT_EQ(FormatCount(999), "999");
+  EXPECT_EQ(FormatCount(1000), "1,000");
+  EXPECT_EQ(FormatCount(1'234'567), "1,234,567");
+}
+
+TEST(RateMeter, MeasuresOverTheLastSecond) {
+  using namespace std::chrono_literals;
+  const auto start = RateMeter::Clock::time_point();
+  RateMeter meter(start);
+  double rate = 0;
+  for (int tick = 0; tick <= 40; ++tick) {
+    auto instance = MakeInstance("ONE", 0);
+    // 100 updates in each of the first 20 ticks of 50 ms, none afterwards.
+    instance.totals.updates = static_cast<std::uint64_t>(100 * std::min(tick, 20));
+    rate = meter.Measure({instance}, start + tick * 50ms).instances[0].currentRate;
+    if (tick == 20) {
+      EXPECT_DOUBLE_EQ(rate, 2000);
+    }
+    if (tick == 30) {
+      EXPECT_DOUBLE_EQ(rate, 1000);
+    }
+  }
+  EXPECT_EQ(rate, 0);
+}
+
+}  // namespace
+}  // namespace price_client
