@@ -1,0 +1,66 @@
+// Programs that a test starts and watches.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tools_test {
+
+// Environment variables on top of the test's own.
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+// A running program and what it has written. It is killed when the object goes.
+class Process {
+ public:
+  enum class Terminal { kNone, kOutput };
+
+  // Terminal::kOutput gives it a terminal of 80 columns and 24 rows as its standard output.
+  Process(std::vector<std::string> command, const Environment& environment, Terminal terminal = Terminal::kNone);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  void Signal(int signal) const;
+
+  // Returns whether the text has come on standard output, in what was not yet passed by, before the deadline; then
+  // everything up to its end counts as passed by.
+  bool WaitForOutput(const std::string& text);
+
+  // Waits for the end. The exit code, or 128 + the signal that ended it; -1 when it does not end before the deadline.
+  int Wait();
+
+  const std::string& Output() const { return m_output; }
+  const std::string& Errors() const { return m_errors; }
+
+ private:
+  // Takes in what the program writes until done, or until it has closed both streams. False when the deadline passes.
+  bool ReadUntil(const std::function<bool()>& done);
+
+  pid_t m_process = -1;
+  int m_outputFile = -1;
+  int m_errorFile = -1;
+  std::string m_output;
+  std::string m_errors;
+  std::size_t m_passed = 0;
+};
+
+// A new empty directory of mode 0700, removed with everything in it at the end.
+class PrivateDirectory {
+ public:
+  PrivateDirectory();
+  ~PrivateDirectory();
+  PrivateDirectory(const PrivateDirectory&) = delete;
+  PrivateDirectory& operator=(const PrivateDirectory&) = delete;
+
+  const std::filesystem::path& Path() const { return m_path; }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+}  // namespace tools_test

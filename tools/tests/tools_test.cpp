@@ -1,0 +1,226 @@
+// The price server and the price client as their users run them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "process.h"
+
+namespace tools_test {
+namespace {
+
+using testing::ContainsRegex;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+using Arguments = std::vector<std::string>;
+
+const std::string kStocks = PRICES_DIRECTORY "/stocks.csv";
+const std::string kIndex = PRICES_DIRECTORY "/sp500-2000.csv";
+
+class ToolsTest : public testing::Test {
+ protected:
+  static Arguments Command(const char* program, Arguments fixed, const Arguments& more) {
+    fixed.insert(fixed.begin(), program);
+    fixed.insert(fixed.end(), more.begin(), more.end());
+    return fixed;
+  }
+  static Arguments Server(const std::string& node, const Arguments& more) {
+    return Command(PRICE_SERVER, {"--market=1", "--submarket=1", "--node=" + node, "--market-name=TEST"}, more);
+  }
+  static Arguments Client(const Arguments& more) {
+    return Command(PRICE_CLIENT, {"--config=" PRICE_CLIENT_CONFIG}, more);
+  }
+
+  std::filesystem::path Write(const std::string& name, const std::string& content) const {
+    const auto path = m_files.Path() / name;
+    std::ofstream(path) << content;
+    return path;
+  }
+
+  PrivateDirectory m_files;
+  PrivateDirectory m_runtime;
+  Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
+};
+
+TEST_F(ToolsTest, EveryUpdateArrivesAtAClientThatWasThereBefore) {
+  Process client(Client({"--instance=1:1:1:TEST", "--segments=2", "--plain", "--strict"}), m_environment);
+  Process server(Server("1", {"--segments=2", "--prices=" + kStocks, "--rate=5000", "--loop", "--count=2000",
+                              "--wait-for-client"}),
+                 m_environment);
+  EXPECT_EQ(server.Wait(), 0) << server.Errors();
+  EXPECT_THAT(server.Output(), HasSubstr("sent 2000 updates in "));
+  ASSERT_TRUE(client.WaitForOutput("is gone")) << client.Output();
+  client.Signal(SIGINT);
+  EXPECT_EQ(client.Wait(), 0) << client.Errors();
+  EXPECT_THAT(client.Output(), ContainsRegex("TEST\\(1\\.1\\.1\\.0\\) +gone +2,000 +[0-9.]+ +0 +0 +0 +0 "));
+}
+
+TEST_F(ToolsTest, OneClientServesSeveralInstancesAndReportsInJson) {
+  Process stocks(Server("1", {"--segments=2", "--prices=" + kStocks, "--loop"}), m_environment);
+  Process index(Server("2", {"--segments=2", "--prices=" + kIndex, "--symbol=SP500", "--loop"}), m_environment);
+  Process client(Client({"--instance=1:1:1:STOCKS", "--instance=1:1:2", "--segments=2", "--count=1000", "--json"}),
+                 m_environment);
+  EXPECT_EQ(client.Wait(), 0) << client.Errors();
+  const auto json = nlohmann::json::parse(client.Output());
+  EXPECT_GE(json["total"]["updates"], 1000);
+  EXPECT_EQ(json["total"]["gaps"], 0);
+  EXPECT_EQ(json["instances"][0]["instance"], "STOCKS(1.1.1.0)");
+  EXPECT_EQ(json["instances"][0]["state"], "up");
+  EXPECT_EQ(json["instances"][0]["live_segments"], 2);
+  EXPECT_EQ(json["instances"][0]["symbols"].size(), 5U);
+  EXPECT_EQ(json["instances"][1]["symbols"][0]["symbol"], "SP500");
+  EXPECT_GT(json["instances"][1]["latency_ns"]["p50"], 0);
+}
+
+TEST_F(ToolsTest, AKilledServerCanBeStartedAgainAndTheClientReportsTheGap) {
+  const auto command = Server("1", {"--prices=" + kStocks, "--loop"});
+  Process client(Client({"--instance=1:1:1:TEST", "--plain", "--strict"}), m_environment);
+  {
+    Process first(command, m_environment);
+    ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
+    first.Signal(SIGKILL);
+    EXPECT_EQ(first.Wait(), 128 + SIGKILL);
+  }
+  ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is gone")) << client.Output();
+  Process second(command, m_environment);
+  ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is back")) << client.Output() << second.Errors();
+  ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) server restarted")) << client.Output();
+  ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) gaps: 1 more, ")) << client.Output();
+  client.Signal(SIGINT);
+  EXPECT_EQ(client.Wait(), 1);
+  EXPECT_THAT(client.Errors(), HasSubstr("gap in the updates of TEST(1.1.1.0)"));
+}
+
+TEST_F(ToolsTest, ASecondServerForTheSameInstanceIsRefused) {
+  Process first(Server("1", {"--prices=" + kStocks, "--loop"}), m_environment);
+  ASSERT_TRUE(first.WaitForOutput("560 prices of 5 symbols on 1 segments")) << first.Errors();
+  Process second(Server("1", {"--prices=" + kIndex}), m_environment);
+  EXPECT_EQ(second.Wait(), 1);
+  EXPECT_THAT(second.Errors(), ContainsRegex("TEST\\(1\\.1\\.1\\.0\\) is already running \\(process [0-9]+\\)"));
+  Process other(Server("2", {"--prices=" + kStocks, "--rate=0"}), m_environment);
+  EXPECT_EQ(other.Wait(), 0) << other.Errors();
+  first.Signal(SIGINT);
+  EXPECT_EQ(first.Wait(), 0);
+}
+
+TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForIt) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    Process server(Server("1", {"--prices=" + kStocks, "--loop", "--rate=0"}), m_environment);
+    Process client(Client({"--instance=1:1:1", "--plain"}), m_environment);
+    ASSERT_TRUE(client.WaitForOutput(" is up")) << client.Output() << server.Errors();
+    client.Signal(signal);
+    EXPECT_EQ(client.Wait(), 0) << client.Errors();
+    EXPECT_THAT(client.Output(), ContainsRegex("\ntotal +[0-9,]+ "));
+    server.Signal(signal);
+    EXPECT_EQ(server.Wait(), 0) << server.Errors();
+    EXPECT_THAT(server.Output(), ContainsRegex("sent [0-9]+ updates in .*\n$"));
+  }
+}
+
+TEST_F(ToolsTest, AServerThatWaitsForAClientCanBeStopped) {
+  Process server(Server("1", {"--prices=" + kStocks, "--wait-for-client"}), m_environment);
+  ASSERT_TRUE(server.WaitForOutput("prices of")) << server.Errors();
+  server.Signal(SIGINT);
+  EXPECT_EQ(server.Wait(), 0);
+  EXPECT_THAT(server.Output(), HasSubstr("sent 0 updates"));
+}
+
+TEST_F(ToolsTest, TheLiveViewGivesTheTerminalBack) {
+  Process server(Server("1", {"--prices=" + kStocks, "--loop"}), m_environment);
+  Process client(Client({"--instance=1:1:1:TEST"}), m_environment, Process::Terminal::kOutput);
+  ASSERT_TRUE(client.WaitForOutput("AMZN")) << client.Output() << client.Errors();
+  client.Signal(SIGINT);
+  EXPECT_EQ(client.Wait(), 0) << client.Errors();
+  EXPECT_THAT(client.Output(), StartsWith("\x1b[?1049h\x1b[?25l"));
+  const auto leave = client.Output().find("\x1b[?25h\x1b[?1049l");
+  ASSERT_NE(leave, std::string::npos);
+  EXPECT_THAT(client.Output().substr(leave), HasSubstr("total "));
+}
+
+TEST_F(ToolsTest, TheTerminalComesBackWhenTheClientCrashes) {
+  Process client(Client({"--instance=1:1:1:TEST"}), m_environment, Process::Terminal::kOutput);
+  ASSERT_TRUE(client.WaitForOutput("never seen")) << client.Errors();
+  client.Signal(SIGABRT);
+  EXPECT_EQ(client.Wait(), 128 + SIGABRT);
+  EXPECT_THAT(client.Output(), EndsWith("\x1b[?25h\x1b[?1049l"));
+}
+
+TEST_F(ToolsTest, AnInstanceThatDeliversNothingIsNotSuccess) {
+  Process client(Client({"--instance=1:1:9:NONE", "--seconds=0.1", "--quiet"}), m_environment);
+  EXPECT_EQ(client.Wait(), 1);
+  EXPECT_THAT(client.Errors(), HasSubstr("nothing received from NONE(1.1.9.0)"));
+  EXPECT_THAT(client.Output(), HasSubstr("never seen"));
+}
+
+TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
+  struct Case {
+    Arguments command;
+    const char* error;
+  };
+  const auto prices = "--prices=" + Write("bad.csv", "symbol,date,price\nA,2000-01-03,-1\n").string();
+  const auto broken = Write("broken.xml", "<Config>\n<General>\n</Config>\n").string();
+  const auto empty = Write("empty.xml", "<Config/>\n").string();
+  const Case cases[] = {
+      {Server("1", {}), "--prices is required"},
+      {Server("1", {prices}), "bad.csv:2: bad price \"-1\""},
+      {Server("1", {"--prices=" + kStocks + "x"}), "stocks.csvx: cannot read the prices file: No such file"},
+      {Server("32768", {"--prices=" + kStocks}), "--node"},
+      {Server("1", {"--prices=" + kStocks, "--rate=-1"}), "--rate: "},
+      {Server("1", {"--prices=" + kStocks, "--seconds=nan"}), "--seconds: "},
+      {Server("1", {"--prices=" + kStocks, "--count=-1"}), "--count"},
+      {Server("1", {"--prices=" + kStocks, "--log-level=loud"}), "--log-level: \"loud\""},
+      {Server("1", {"--prices=" + kStocks, "--segments=0"}), "--segments"},
+      {Client({}), "--instance is required"},
+      {Client({"--instance=1:1"}), "bad server instance \"1:1\""},
+      {Client({"--instance=1:1:1", "--instance=1:1:1:AGAIN"}), "\"1:1:1:AGAIN\" is given twice"},
+      {{PRICE_CLIENT, "--instance=1:1:1", "--config=" + broken}, "broken.xml:3: "},
+      {{PRICE_CLIENT, "--instance=1:1:1", "--config=" + empty}, "empty.xml: "},
+      {{PRICE_CLIENT, "--instance=1:1:1", "--config=/absent.xml"}, "/absent.xml: "},
+  };
+  for (const auto& [command, error] : cases) {
+    Process process(command, m_environment);
+    EXPECT_EQ(process.Wait(), 2) << error;
+    EXPECT_THAT(process.Errors(), HasSubstr(error));
+    EXPECT_EQ(process.Output(), "");
+  }
+}
+
+TEST_F(ToolsTest, TroubleWithTheRuntimeDirectoryIsReported) {
+  const Environment environment{{"LBM_RUNTIME_DIR", Write("file", "").string()}};
+  for (const auto& command : {Server("1", {"--prices=" + kStocks}), Client({"--instance=1:1:1"})}) {
+    Process process(command, environment);
+    EXPECT_EQ(process.Wait(), 3);
+    EXPECT_THAT(process.Errors(), HasSubstr("Failed to create LBM context: "));
+  }
+}
+
+TEST_F(ToolsTest, OutputThatCannotBeWrittenIsAnError) {
+  for (const auto& command : {Server("1", {"--prices=" + kStocks, "--rate=0"}),
+                              Client({"--instance=1:1:1", "--seconds=0"}), Client({"--help"})}) {
+    std::string line;
+    for (const auto& word : command) line += '\'' + word + "' ";
+    Process process({"/bin/sh", "-c", line + "> /dev/full"}, m_environment);
+    EXPECT_EQ(process.Wait(), 3);
+    EXPECT_THAT(process.Errors(), HasSubstr("cannot write to standard output: No space left on device"));
+  }
+}
+
+TEST_F(ToolsTest, HelpAndVersionGoToStandardOutput) {
+  for (const char* program : {PRICE_SERVER, PRICE_CLIENT}) {
+    Process help({program, "--help"}, m_environment);
+    EXPECT_EQ(help.Wait(), 0);
+    EXPECT_THAT(help.Output(), HasSubstr("Exit codes: 0 "));
+    Process version({program, "--version"}, m_environment);
+    EXPECT_EQ(version.Wait(), 0);
+    EXPECT_THAT(version.Output(), EndsWith(" " PRICE_CONNECTOR_VERSION "\n"));
+  }
+}
+
+}  // namespace
+}  // namespace tools_test
