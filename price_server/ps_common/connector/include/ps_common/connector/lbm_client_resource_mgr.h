@@ -44,8 +44,7 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   // Creates the context and starts the dispatch thread.
   //
   // config: must not be null. Read here: "Logging"/"lbmNotifications" (bool, default false: whether the sources that
-  // the
-  //   context finds are logged) and "General"/"OnloadStackName" (default "lbm_pc_ctx"). The node "General" must be
+  //   the context finds are logged) and "General"/"OnloadStackName" (default "lbm_pc_ctx"). The node "General" must be
   //   there.
   // contextName: empty leaves the name to LBM.
   // shouldOnload: whether the dispatch thread spins on its own Onload stack, where Onload is present.
