@@ -88,3 +88,18 @@ function(price_connector_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS "${arg_LABELS}")
 endfunction()
+
+# price_connector_page_example(<page> <result variable>)
+#
+# Writes the only C++ block of a page of documentation to a file, so that what users read is what is built.
+function(price_connector_page_example page result)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page})
+  file(READ ${page} text)
+  string(REGEX REPLACE ".*\n```cpp\n(.*)" "\\1" rest "${text}")
+  string(FIND "${rest}" "\n```" end)
+  string(SUBSTRING "${rest}" 0 ${end} example)
+  get_filename_component(name ${page} NAME_WE)
+  string(TOLOWER ${name}_example.cpp file)
+  file(CONFIGURE OUTPUT ${file} CONTENT "${example}\n" @ONLY)
+  set(${result} ${CMAKE_CURRENT_BINARY_DIR}/${file} PARENT_SCOPE)
+endfunction()
