@@ -1,6 +1,7 @@
 #include "xml_check.h"
 
 #include <algorithm>
+#include <set>
 #include <vector>
 
 namespace ps_ns {
@@ -174,10 +175,9 @@ class Checker {
                "the value of attribute " + std::string(attribute) + " is never closed. End it with " + quote);
       }
       m_position = end + 1;
-      if (std::find(m_attributes.begin(), m_attributes.end(), attribute) != m_attributes.end()) {
+      if (!m_attributes.insert(attribute).second) {
         Fail("element " + Tag(element) + " has attribute " + std::string(attribute) + " twice. Keep one");
       }
-      m_attributes.push_back(attribute);
     }
   }
 
@@ -204,7 +204,7 @@ class Checker {
   std::size_t m_start = 0;
   std::string_view m_root;
   std::vector<Element> m_open;
-  std::vector<std::string_view> m_attributes;
+  std::set<std::string_view> m_attributes;
 };
 
 }  // namespace

@@ -197,6 +197,17 @@ TEST(ConfigTest, NestingHasALimitThatIsAnErrorAndNotACrash) {
   EXPECT_THAT(ParseError(Nested(100'000)), HasSubstr("more than 64 deep"));
 }
 
+// Comparing each attribute with all before it would run into the time-out.
+TEST(ConfigTest, ManyAttributesOfOneElementAreReadInTime) {
+  constexpr int count = 200'000;
+  std::string xml = "<A";
+  for (int i = 0; i < count; ++i) {
+    xml += " a" + std::to_string(i) + "=''";
+  }
+  EXPECT_THAT(ParseError(xml + " a0=''/>"), HasSubstr("a0 twice"));
+  EXPECT_EQ(Config::Parse(xml + "/>")->GetCompositeNode("A")->GetPTree().get_child("<xmlattr>").size(), count);
+}
+
 TEST(ConfigTest, LoadReadsTheFile) {
   const TemporaryDirectory directory;
   const std::string path = directory.Path() / "client.xml";
