@@ -17,7 +17,7 @@ namespace lbm {
 // the last Message that holds it is gone; so a callback may keep it. Moving leaves null; copying takes one more
 // reference, never a copy of the data.
 //
-// All accessors but the conversion need a message.
+// All accessors but ToString and the conversion need a message.
 // Threads: one object is for one thread at a time; several that hold the same message may live on several threads.
 class Message {
  public:

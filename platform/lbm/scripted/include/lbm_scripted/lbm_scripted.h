@@ -4,9 +4,8 @@
 //   record    every call is kept with its arguments and thread, in order: Calls, CallsTo, WaitForCalls;
 //   script    calls succeed, and create calls give fresh handles, unless the test said otherwise: Script, SetOption,
 //             OnCall;
-//   deliver   messages, source events, descriptor events and notifications go into the callbacks that were registered,
-//   on
-//             the thread that the test chooses: Deliver..., Notify..., Post;
+//   deliver   messages, source events, descriptor events and notifications go into the callbacks that were
+//             registered, on the thread that the test chooses: Deliver..., Notify..., Post;
 //   account   handles not given back, and calls with handles that were: LiveHandles, Problems.
 //
 // Options are kept: what is set on attributes is read back from them and from what is created with them. Nothing is

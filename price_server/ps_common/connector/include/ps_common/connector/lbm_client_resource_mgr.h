@@ -68,7 +68,7 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   ~LbmClientResourceMgr();
 
   // Stops the dispatch thread and waits for it. No callback of the context runs afterwards. Endpoints and context stay
-  // alive. A repeated call does nothing.
+  // alive. A repeated call only logs.
   // Threads: the owner's; never the dispatch thread.
   void Shutdown() override;
 
