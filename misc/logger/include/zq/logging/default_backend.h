@@ -1,6 +1,6 @@
 // The default log back end: lines to standard error and to a file, written by a thread of its own.
 //
-//   2026-03-02T08:30:00.123456-06:00 INFO 4711/lbm_ctx_thread - 13 lbm/lbm_cpp:57 Created LBM context=...
+//   2026-03-02T08:30:00.123456-06:00 INFO 4711/client - 0 lbm/include/lbm/lbm_cpp:1147 Creating receiver on topic=...
 //
 // The fields, separated by one blank: local time with microseconds and offset; level; thread id and thread name; source
 // with its parents ("-" without one); statement id; file and line; text. Control characters in a text are written as
