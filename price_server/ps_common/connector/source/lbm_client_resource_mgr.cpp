@@ -26,17 +26,34 @@ constexpr unsigned int kNotificationStatement = 9999;
 constexpr int kNoAffinity = -1;
 constexpr const char* kThreadName = "lbm_ctx_thread";  // at most 15 characters
 
-// Makes a receiver on the topic that nameTopic returns; what differs between the kinds of receivers is in the
-// arguments. topicName is set as soon as the topic has its name.
+// Makes a receiver on the topic that nameTopic returns, in the place of the one that receiver holds; what differs
+// between the kinds of receivers is in the arguments. topicName is set as soon as the topic has its name.
 template <typename NameTopic>
-ReceiverPtr CreateReceiver(lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
-                           lbm::Receiver::Callback callback, std::string& topicName) {
+void MakeReceiver(ReceiverPtr& receiver, lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
+                  lbm::Receiver::Callback callback, std::string& topicName) {
   const lbm::ReceiverTopicAttributes attributes;
   topicName = nameTopic();
   const lbm::ReceiverTopic topic(context, topicName, attributes);
-  auto receiver = std::make_shared<lbm::Receiver>(context, topic, std::move(callback));
+  receiver = std::make_shared<lbm::Receiver>(context, topic, std::move(callback));
   ZQLOG(ZQLOG_INFO, kManagerStatement, logPrefix << '"' << topicName << '"');
+}
+
+template <typename NameTopic>
+ReceiverPtr CreateReceiver(lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
+                           lbm::Receiver::Callback callback, std::string& topicName) {
+  ReceiverPtr receiver;
+  MakeReceiver(receiver, context, logPrefix, nameTopic, std::move(callback), topicName);
   return receiver;
+}
+
+// The same for a source. It takes no events.
+template <typename NameTopic>
+void MakeSource(SourcePtr& source, lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic) {
+  const lbm::SourceTopicAttributes attributes;
+  const std::string topicName = nameTopic();
+  const lbm::SourceTopic topic(context, topicName, attributes);
+  source = std::make_shared<lbm::Source>(context, topic, lbm::Source::Callback());
+  ZQLOG(ZQLOG_INFO, kManagerStatement, logPrefix << '"' << topicName << '"');
 }
 
 }  // namespace
@@ -193,11 +210,9 @@ bool LbmClientResourceMgr::UnregisterSocketForReadEventsEx(int socket, lbm_event
 // ---- Endpoints of one server instance ----
 
 SourcePtr LbmClientResourceMgr::CreateClientSource(const ServerInstance& serverInstance) {
-  const lbm::SourceTopicAttributes attributes;
-  const std::string topicName = CreateClientRequestTopic(serverInstance);
-  const lbm::SourceTopic topic(*m_ctx, topicName, attributes);
-  auto source = std::make_shared<lbm::Source>(*m_ctx, topic, lbm::Source::Callback());
-  ZQLOG(ZQLOG_INFO, kManagerStatement, "Created RequestSource on topic=" << '"' << topicName << '"');
+  SourcePtr source;
+  MakeSource(source, *m_ctx,
+             "Created RequestSource on topic=", [&] { return CreateClientRequestTopic(serverInstance); });
   return source;
 }
 
@@ -235,6 +250,24 @@ ReceiverPtr LbmClientResourceMgr::CreateClientNewsReceiver(const ServerInstance&
   return CreateReceiver(
       *m_ctx, "Created NewsReceiver on topic=", [&] { return CreateNewsBroadcastTopic(serverInstance); },
       std::move(callback), topicName);
+}
+
+// ---- The command channel ----
+
+void LbmClientResourceMgr::CreateCommandSourceAndReceivers(lbm::Receiver::Callback callback,
+                                                           const std::string& hostname, const std::string& clientID) {
+  std::string topicName;
+  MakeReceiver(
+      m_hostCommandReceiver, *m_ctx,
+      "Created ClientHostCommandReceiver on topic=", [&] { return CreateClientHostCommandTopic(hostname); }, callback,
+      topicName);
+  MakeReceiver(
+      m_idCommandReceiver, *m_ctx,
+      "Created ClientIDCommandReceiver on topic=", [&] { return CreateClientIDCommandTopic(clientID); },
+      std::move(callback), topicName);
+  MakeSource(m_commandResponseSource, *m_ctx, "Created ClientCommandResponseSource on topic=", [&] {
+    return CreateClientCommandResponseTopic(hostname, clientID);
+  });
 }
 
 // ---- Look-up of recorded endpoints ----

@@ -29,8 +29,8 @@ using ClientID_t = std::string;
 //   manager.Shutdown();
 //
 // Lifecycle: running from construction to Shutdown, which is for good and must come before the destruction: destroying
-// a running manager ends the process. Endpoints belong to whoever created them, are silent after Shutdown, and should
-// go before the manager.
+// a running manager ends the process. Endpoints belong to whoever created them, but for the command channel, which is
+// the manager's; they are silent after Shutdown, and should go before the manager.
 //
 // Threads: the callbacks of receivers and registered sockets, and the background task, run on the dispatch thread, one
 // at a time; they delay each other and must not throw. Endpoints may be created and sockets registered on any thread.
@@ -113,6 +113,23 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
                                        std::string& topicName);
   ReceiverPtr CreateClientNewsReceiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback,
                                        std::string& topicName);
+
+  // ---- The command channel ----
+  // On it commands reach this client, and the client answers them.
+
+  // Creates the three endpoints of the channel, which the manager keeps: the receivers of the commands to all clients
+  // of the host and of those to this client, and the source of the answers. callback takes the commands of both; each
+  // receiver has a copy. A repeated call replaces all three, one after the other.
+  //
+  // Throws lbm::LbmError, and std::invalid_argument or std::length_error when there can be no topic for hostname or
+  // clientID. The endpoints before the one that failed are new then, and the others as they were.
+  // Threads: one call at a time, not together with GetCommandResponseSource, and, as it ends the receivers that it
+  // replaces, not from their callback.
+  void CreateCommandSourceAndReceivers(lbm::Receiver::Callback callback, const std::string& hostname,
+                                       const std::string& clientID);
+
+  // Where the client sends its answers; empty until the channel is created.
+  SourcePtr GetCommandResponseSource() const { return m_commandResponseSource; }
 
   // ---- Look-up of recorded endpoints ----
   // Empty when nothing is recorded for the instance, or not for that segment. The creating operations above record
