@@ -56,10 +56,30 @@ void MakeSource(SourcePtr& source, lbm::Context& context, const char* logPrefix,
   ZQLOG(ZQLOG_INFO, kManagerStatement, logPrefix << '"' << topicName << '"');
 }
 
+// A convenience for operators too: the receiver is worth having without it.
+void SetSourceNotification(lbm::ReceiverTopicAttributes& attributes) {
+  try {
+    attributes.Set("source_notification_function",
+                   lbm_rcv_src_notification_func_t{receiver_src_notify_create, receiver_src_notify_delete, nullptr});
+  } catch (...) {
+    ZQLOG(ZQLOG_WARNING, kNotificationStatement, "register source_notification_function failed");
+  }
+}
+
 }  // namespace
 
 int context_src_notify(const char* topicName, const char* sourceName, void* /*clientd*/) {
   ZQLOG_FORMAT(ZQLOG_INFO, kNotificationStatement, "context_src_notify topic=%s src=%s", topicName, sourceName);
+  return 0;
+}
+
+void* receiver_src_notify_create(const char* src_str, void* /*clientd*/) {
+  ZQLOG_FORMAT(ZQLOG_INFO, kNotificationStatement, "receiver_src_notify_create src=%s", src_str);
+  return nullptr;
+}
+
+int receiver_src_notify_delete(const char* src_str, void* /*clientd*/, void* /*clientd_*/) {
+  ZQLOG_FORMAT(ZQLOG_INFO, kNotificationStatement, "receiver_src_notify_delete src=%s", src_str);
   return 0;
 }
 
@@ -250,6 +270,23 @@ ReceiverPtr LbmClientResourceMgr::CreateClientNewsReceiver(const ServerInstance&
   return CreateReceiver(
       *m_ctx, "Created NewsReceiver on topic=", [&] { return CreateNewsBroadcastTopic(serverInstance); },
       std::move(callback), topicName);
+}
+
+ReceiverPtr LbmClientResourceMgr::CreateServerStatusReceiver(const ServerInstance& serverInstance,
+                                                             lbm::Receiver::Callback callback) {
+  lbm::ReceiverTopicAttributes attributes;
+  if (m_logNotifications) SetSourceNotification(attributes);
+  const std::string topicName = CreateServerStatusTopic(serverInstance);
+  ReceiverPtr receiver;
+  {
+    const std::lock_guard lock(m_mtx);
+    // Looks the topic up, with the attributes, only when it is not there yet.
+    const lbm::ReceiverTopic& topic =
+        m_statusTopics.try_emplace(topicName, *m_ctx, topicName, attributes).first->second;
+    receiver = std::make_shared<lbm::Receiver>(*m_ctx, topic, std::move(callback));
+  }
+  ZQLOG(ZQLOG_INFO, kManagerStatement, "Created ServerStatusReceiver on topic=" << '"' << topicName << '"');
+  return receiver;
 }
 
 // ---- The command channel ----

@@ -114,6 +114,11 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   ReceiverPtr CreateClientNewsReceiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback,
                                        std::string& topicName);
 
+  // A receiver on the instance's status topic, as above. With "lbmNotifications" configured, each source of the topic
+  // is logged when it comes and when it goes, once however many receivers the topic has; when LBM refuses that, a
+  // warning is logged and the receiver is made without it.
+  ReceiverPtr CreateServerStatusReceiver(const ServerInstance& serverInstance, lbm::Receiver::Callback callback);
+
   // ---- The command channel ----
   // On it commands reach this client, and the client answers them.
 
@@ -181,5 +186,11 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
 // The context's callback for sources that it finds: logs topic and source, ignores clientd and returns 0.
 // Threads: the dispatch thread.
 int context_src_notify(const char* topicName, const char* sourceName, void* clientd);
+
+// A status topic's callbacks for a source that comes, and for one that goes. Both log the source and ignore all client
+// data; the first returns null, as the client data of that source, and the second 0.
+// Threads: the dispatch thread; for sources that are still there in the end, the thread that destroys the manager.
+void* receiver_src_notify_create(const char* src_str, void* clientd);
+int receiver_src_notify_delete(const char* src_str, void* clientd, void* clientd_);
 
 }  // namespace ps_ns
