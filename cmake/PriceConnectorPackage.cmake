@@ -3,16 +3,8 @@ include(CMakePackageConfigHelpers)
 
 # The connector with the default of every link-time seam. An application with a log back end of its own links
 # price_connector::connector, price_connector::lbm_provider and price_connector::onload instead.
-set(parts)
-foreach(room connector lbm_provider logger_backend onload)
-  if(TARGET price_connector::${room})
-    get_target_property(kind price_connector::${room} TYPE)
-    if(NOT kind STREQUAL "INTERFACE_LIBRARY")
-      list(APPEND parts price_connector::${room})
-    endif()
-  endif()
-endforeach()
-price_connector_library(price_connector INTERFACE PUBLIC ${parts})
+price_connector_library(price_connector INTERFACE PUBLIC price_connector::connector price_connector::lbm_provider
+                                                         price_connector::logger_backend price_connector::onload)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/price_connector)
 configure_package_config_file(cmake/price_connectorConfig.cmake.in price_connectorConfig.cmake

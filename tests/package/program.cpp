@@ -38,14 +38,17 @@ int main() {
   // A message reaches only those that have found the source, so it is sent until it arrives.
   auto arrival = promise.get_future();
   const auto deadline = std::chrono::steady_clock::now() + 30s;
-  do {
+  auto status = std::future_status::timeout;
+  while (status != std::future_status::ready && std::chrono::steady_clock::now() < deadline) {
     source.Send("price", 5, LBM_SRC_FLUSH);
-    if (std::chrono::steady_clock::now() > deadline) {
-      std::cerr << "no message arrived on " << topicName << '\n';
-      return 1;
-    }
-  } while (arrival.wait_for(10ms) != std::future_status::ready);
+    status = arrival.wait_for(10ms);
+  }
+  manager.Shutdown();
 
+  if (status != std::future_status::ready) {
+    std::cerr << "no message arrived on " << topicName << '\n';
+    return 1;
+  }
   if (const std::string text = arrival.get(); text != "price") {
     std::cerr << "expected price and received " << text << '\n';
     return 1;

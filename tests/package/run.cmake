@@ -1,7 +1,7 @@
 # Installs the build tree, builds a project that uses the result and runs its program.
 #
 #   cmake -D BUILD=<build tree> -D SOURCE=<source tree> -D WORK=<scratch folder> -D VERSION=<x.y.z> -D LIBDIR=<lib>
-#         -D TEST=consumer|system_provider -D FLAGS=<flags of the compiler> -P run.cmake
+#         -D USER=consumer|system_provider -D FLAGS=<flags of the compiler> -P run.cmake
 cmake_minimum_required(VERSION 3.25)
 
 # run(<command>...): stops the test with the command's output when it fails.
@@ -23,7 +23,7 @@ file(REMOVE_RECURSE ${WORK})
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 
 set(options -D CMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_FLAGS=${FLAGS}")
-if(TEST STREQUAL "consumer")
+if(USER STREQUAL "consumer")
   # Elsewhere than where it was installed: nothing may depend on that place.
   file(RENAME ${prefix} ${WORK}/moved)
   set(prefix ${WORK}/moved)
@@ -38,7 +38,7 @@ else()
   list(APPEND options -D CMAKE_PREFIX_PATH=${library_prefix} -D PRICE_CONNECTOR_SOURCE=${SOURCE})
 endif()
 
-run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/${TEST} -B ${project} -G Ninja ${options})
+run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/${USER} -B ${project} -G Ninja ${options})
 run(${CMAKE_COMMAND} --build ${project})
 
 # Sockets have short names only, so the contexts do not meet inside a build tree.
