@@ -39,8 +39,10 @@ void Source::DoDeferredRegistration(Context& ctx, const SourceTopic& topic, Even
 void Source::Create(Context& ctx, const SourceTopic& topic, EventQueue* eq) {
   m_topic = topic.GetString();
   LBM_LOG(ZQLOG_INFO, kSourceCreating, "Creating source on topic=" << m_topic);
-  details::ThrowIfFailed(lbm_src_create(&m_src, ctx, topic, m_cbk ? LbmCallback : nullptr, this, details::HandleOf(eq)),
-                         "Failed to create LBM sender");
+  if (details::Failed(lbm_src_create(&m_src, ctx, topic, m_cbk ? LbmCallback : nullptr, this, details::HandleOf(eq)))) {
+    m_topic.clear();  // so that a deferred registration may be tried again
+    details::ThrowLbmError("Failed to create LBM sender");
+  }
 }
 
 void Source::Destroy() {

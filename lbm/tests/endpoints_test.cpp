@@ -238,6 +238,8 @@ TEST_F(SourceTest, ADeferredSourceIsRegisteredOnce) {
   Source source([&](int, void*) { ++events; });
   EXPECT_THAT(CallsTo("lbm_src_create"), IsEmpty());
   const auto topic = TopicToSend();
+  lbm_scripted::Script("lbm_src_create", lbm_scripted::Failure(LBM_EOP, "not yet"));
+  EXPECT_THROW(source.DoDeferredRegistration(Ctx(), topic), LbmError) << "which may be tried again";
   source.DoDeferredRegistration(Ctx(), topic);
   lbm_scripted::DeliverEvent(source, LBM_SRC_EVENT_CONNECT);
   EXPECT_EQ(events, 1);

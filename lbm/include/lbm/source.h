@@ -41,8 +41,8 @@ class Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  // Registers a source made without a topic. Once in its life: std::logic_error when a topic was ever given. Throws
-  // LbmError.
+  // Registers a source made without a topic. Once in its life: std::logic_error when it was registered before. Throws
+  // LbmError, after which it may be tried again.
   void DoDeferredRegistration(Context& ctx, const SourceTopic& topic, EventQueue* eq = nullptr);
 
   // Ends the source for good; may be called any number of times.
