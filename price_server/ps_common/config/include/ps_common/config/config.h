@@ -32,8 +32,9 @@ using ConfigPtr = std::shared_ptr<Config>;
 // Threads: const operations may run at the same time.
 class Config : public ConfigHelper {
  public:
-  static constexpr std::size_t kMaxFileSize = 16 * 1024 * 1024;  // bytes
-  static constexpr std::size_t kMaxNesting = 64;                 // elements, the root included
+  // A tree of the smallest elements takes some two hundred times the memory of its file.
+  static constexpr std::size_t kMaxFileSize = std::size_t{1} << 20;  // bytes
+  static constexpr std::size_t kMaxNesting = 64;                     // elements, the root included
 
   // Reads and parses the file at path. expectedRoot is the name that the root element must have; empty accepts any.
   // Throws ConfigError. Document type declarations are refused: what they declare would have no effect.

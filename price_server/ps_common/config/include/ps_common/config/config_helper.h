@@ -16,8 +16,8 @@ class ConfigHelper {
                bool* found = nullptr) = delete;
 
   // name as a path from the top of the file. A name whose first eight characters (all of it when shorter) equal root is
-  // a full path already and comes back unchanged; any other is put below root. So "root." can be written out only
-  // with a root name of eight characters; with another, names are always relative to the root.
+  // a full path already and comes back unchanged; any other is put below root. So "root." can be written out
+  // only with a root name of eight characters; with a shorter one, only the root's bare name is a full path.
   static std::string GetQualifiedName(const std::string& root, const std::string& name);
 
  protected:
