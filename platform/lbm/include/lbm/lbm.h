@@ -359,7 +359,8 @@ LBM_API int lbm_register_fd(lbm_context_t* ctx, int fd, lbm_fd_cb_proc proc, voi
 LBM_API int lbm_cancel_fd(lbm_context_t* ctx, int fd, lbm_ulong_t ev);
 
 /* As lbm_cancel_fd, without waiting for a callback that is running: the notification is called once no more callbacks
- * of the registration will come, through the given queue, or on the context's thread when it is null. */
+ * of the registration will come, through the given queue, or on the context's thread when it is null. info
+ * and its cancel_cb must not be null. */
 typedef void (*lbm_event_queue_cancel_cb_proc)(int fd, void* clientd);
 typedef struct lbm_event_queue_cancel_cb_info_t_stct {
   lbm_event_queue_t* event_queue;

@@ -40,7 +40,7 @@ std::string LbmResourceMgr::GetContextAttribute(lbm_context_t* context, const st
   std::size_t length = value.size();
   lbm::details::ThrowIfFailed(lbm_context_str_getopt(context, name.c_str(), value.data(), &length),
                               "Failed to get LBM context attribute");
-  // Whether the length counts the terminating zero differs between providers; the zero itself does not.
+  // A value may fill the buffer, without a terminating zero.
   return std::string(value.data(), strnlen(value.data(), value.size()));
 }
 

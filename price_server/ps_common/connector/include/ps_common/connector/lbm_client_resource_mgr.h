@@ -93,7 +93,7 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   bool UnregisterSocketForReadEvents(int socket);
 
   // Does not wait: callback is called with the socket and callbackData once no callback of the socket will come any
-  // more, by whoever runs the queue, or on the dispatch thread when queue is null.
+  // more, by whoever runs the queue, or on the dispatch thread when queue is null. It must not be null.
   bool UnregisterSocketForReadEventsEx(int socket, lbm_event_queue_t* queue, lbm_event_queue_cancel_cb_proc callback,
                                        void* callbackData);
 
