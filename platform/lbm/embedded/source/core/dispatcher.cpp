@@ -18,11 +18,11 @@ namespace engine::core {
 
 namespace {
 
-UniqueFd checked(int fd, const char* what) {
+Descriptor checked(int fd, const char* what) {
   if (fd == -1) {
     throw std::system_error(errno, std::system_category(), what);
   }
-  return UniqueFd(fd);
+  return Descriptor(fd);
 }
 
 void watchForInput(int epoll, int fd) {

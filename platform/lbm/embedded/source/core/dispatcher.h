@@ -16,7 +16,7 @@
 
 #include "core/callback_gate.h"
 #include "core/descriptors.h"
-#include "core/unique_fd.h"
+#include "system/descriptor.h"
 
 namespace engine::core {
 
@@ -66,8 +66,8 @@ class Dispatcher {
   void forget();
   void leave();
 
-  const UniqueFd m_epoll;
-  const UniqueFd m_wake;
+  const Descriptor m_epoll;
+  const Descriptor m_wake;
   CallbackGate m_gate;
   Descriptors m_descriptors;
   Work m_work{};

@@ -7,8 +7,8 @@
 #include <functional>
 
 #include "core/context.h"
-#include "core/unique_fd.h"
 #include "options/option_keys.h"
+#include "system/descriptor.h"
 
 namespace engine::core {
 namespace {
@@ -44,7 +44,7 @@ class ScriptedTransport : public transport::Transport {
   std::vector<std::string> subscriptions;
 
  private:
-  UniqueFd m_event{::eventfd(0, EFD_CLOEXEC)};
+  Descriptor m_event{::eventfd(0, EFD_CLOEXEC)};
 };
 
 class DirectoryTest : public ::testing::Test {

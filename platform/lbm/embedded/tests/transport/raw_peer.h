@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "transport/host/descriptor.h"
+#include "system/descriptor.h"
 #include "transport/host/wire.h"
 
 namespace engine::transport::host {

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "transport/host/descriptor.h"
+#include "system/descriptor.h"
 #include "transport/host/link.h"
 #include "transport/host/peer.h"
 #include "transport/host/publications.h"

@@ -18,7 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "transport/host/descriptor.h"
+#include "system/descriptor.h"
 #include "transport/host/frame_queue.h"
 #include "transport/host/wire.h"
 

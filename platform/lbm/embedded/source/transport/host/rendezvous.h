@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "transport/host/descriptor.h"
+#include "system/descriptor.h"
 
 namespace engine::transport::host {
 

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace engine::transport::host {
+namespace engine {
 
 // Owns a file descriptor.
 class Descriptor {
@@ -12,7 +12,7 @@ class Descriptor {
   Descriptor() = default;
   explicit Descriptor(int value) noexcept : m_value(value) {}
   Descriptor(Descriptor&& other) noexcept : m_value(std::exchange(other.m_value, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
+  Descriptor& operator=(Descriptor other) noexcept {
     std::swap(m_value, other.m_value);
     return *this;
   }
@@ -30,4 +30,4 @@ class Descriptor {
   int m_value = -1;
 };
 
-}  // namespace engine::transport::host
+}  // namespace engine
