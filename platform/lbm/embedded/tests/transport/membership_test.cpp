@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -13,6 +14,7 @@ namespace engine::transport::host {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 class Membership : public testing::Test {
  protected:
@@ -172,6 +174,32 @@ TEST_F(Membership, AContextWithTooManyCallersIsCalledAgain) {
   Member b(settingsIn(m_directory));
   callers.clear();
   drainUntil({&a, &b}, "the source", [&] { return b.heard("up T"); });
+}
+
+TEST_F(Membership, WhoCallsAContextThatLeavesIsHungUpOn) {
+  Member a(settingsIn(m_directory));
+  const RawPeer caller(m_directory.sockets().at(0));
+  ASSERT_TRUE(caller.connected());
+  EXPECT_FALSE(caller.cutOff());
+  a.transport->close(std::chrono::milliseconds(0));
+  EXPECT_TRUE(caller.cutOff());
+}
+
+TEST_F(Membership, AProcessThatStopsWhileItJoinsKeepsOthersNotForEver) {
+  HostSettings settings = settingsIn(m_directory);
+  settings.joinPatience = std::chrono::milliseconds(20);
+  { const Member a(settings); }
+  const Descriptor stopped(::open((m_directory.path() + "/test/lock").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(stopped.get(), LOCK_EX), 0);
+  try {
+    joinHostDomain(settings);
+    FAIL() << "joined without the lock";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("process " + std::to_string(::getpid()))) << "the last one to join";
+    EXPECT_THAT(error.what(), HasSubstr("kill -CONT"));
+  }
+  ASSERT_EQ(::flock(stopped.get(), LOCK_UN), 0);
+  EXPECT_EQ(Member(settings).notices.size(), 0U);
 }
 
 TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {

@@ -123,7 +123,7 @@ HostTransport::HostTransport(const HostSettings& settings)
       m_packet(wire::kPacketMax) {
   watch(m_timer.get(), kTimerId, EPOLL_CTL_ADD, EPOLLIN);
   connectSelf();
-  for (Rendezvous::Neighbour& neighbour : m_rendezvous.join()) {
+  for (Rendezvous::Neighbour& neighbour : m_rendezvous.join(settings.joinPatience)) {
     if (neighbour.socket) {
       link(std::move(neighbour.socket), LinkKind::peer);
     } else {

@@ -1,6 +1,7 @@
 // The transport between the contexts of one machine and one user.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -20,6 +21,8 @@ struct HostSettings {
   std::string contextName;                // told to peers; may be empty
   std::size_t linkBufferBytes = 1 << 20;  // room for messages that the peer's socket does not take yet, per link
   std::uint32_t firstSequence = 0;        // of every publication
+  // How long a process that stands still while it joins may keep this one waiting.
+  std::chrono::milliseconds joinPatience{10'000};
   std::function<void(int level, const std::string& text)> notice;  // faults of peers, for operators; any thread
 };
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -15,6 +16,8 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <thread>
+#include <utility>
 
 #include "transport/host/host_transport.h"
 #include "transport/host/wire.h"
@@ -105,16 +108,43 @@ std::string socketName(std::uint64_t session) {
   return std::to_string(::getpid()) + "-" + wire::sessionText(session) + std::string(kSocketSuffix);
 }
 
-// Held until destroyed.
-Descriptor lockDomain(int directory, const std::string& path) {
+std::string firstLine(const Descriptor& file) {
+  std::array<char, 64> text;
+  const ssize_t length = ::pread(file.get(), text.data(), text.size(), 0);
+  const std::string_view read(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+  return std::string(read.substr(0, read.find('\n')));
+}
+
+// Held until destroyed. The file names whoever has it, so that those who wait can tell a crowd that moves on from a
+// process that stands still, and say which one that is.
+Descriptor lockDomain(int directory, const std::string& path, const std::string& self,
+                      std::chrono::milliseconds patience) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kLookAgain{1};
   Descriptor file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (!file) {
     refuseErrno(path, "creating the lock file");
   }
-  while (::flock(file.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) {
+  std::string holder = firstLine(file);
+  auto deadline = Clock::now() + patience;
+  while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EINTR && errno != EWOULDBLOCK) {
       refuseErrno(path, "locking the lock file");
     }
+    if (std::string present = firstLine(file); present != holder) {
+      holder = std::move(present);
+      deadline = Clock::now() + patience;
+    } else if (Clock::now() >= deadline) {
+      refuse(path, (holder.empty() ? "another process" : holder) + " has been joining for more than " +
+                       std::to_string(patience.count()) +
+                       " ms and keeps all others out; if it is stopped, continue it (kill -CONT) or end it");
+    }
+    std::this_thread::sleep_for(kLookAgain);
+  }
+  const std::string line = self + '\n';
+  // Only others' patience depends on it.
+  if (::pwrite(file.get(), line.data(), line.size(), 0) < 0) {
+    static_cast<void>(::ftruncate(file.get(), 0));
   }
   return file;
 }
@@ -153,8 +183,9 @@ Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& d
   }
 }
 
-std::vector<Rendezvous::Neighbour> Rendezvous::join() {
-  const Descriptor lock = lockDomain(m_directory.get(), m_path);
+std::vector<Rendezvous::Neighbour> Rendezvous::join(std::chrono::milliseconds patience) {
+  const Descriptor lock =
+      lockDomain(m_directory.get(), m_path, "process " + std::to_string(::getpid()) + ", " + m_name, patience);
   const sockaddr_un address = addressOf(m_directory.get(), m_name);
   if (::bind(m_listener.get(), generic(address), sizeof(address)) != 0) {
     refuseErrno(m_path, "creating a socket");
@@ -198,7 +229,7 @@ Rendezvous::Outcome Rendezvous::connect(Neighbour& neighbour) const {
 void Rendezvous::leave() noexcept {
   if (m_bound) {
     ::unlinkat(m_directory.get(), m_name.c_str(), 0);
-    ::shutdown(m_listener.get(), SHUT_RDWR);
+    m_listener = Descriptor();
     m_bound = false;
   }
 }

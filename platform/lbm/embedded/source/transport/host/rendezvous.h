@@ -5,6 +5,7 @@
 // left by a process that died and is removed.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,7 +32,8 @@ class Rendezvous {
   Rendezvous& operator=(const Rendezvous&) = delete;
 
   // Takes a place in the domain and connects to every other context.
-  std::vector<Neighbour> join();
+  // Fails when another process keeps it from that for so long.
+  std::vector<Neighbour> join(std::chrono::milliseconds patience);
 
   enum class Outcome : std::uint8_t { connected, busy, gone };
   // Tries once, without waiting.
@@ -40,7 +42,7 @@ class Rendezvous {
   // The socket on which other contexts connect.
   int listener() const noexcept { return m_listener.get(); }
 
-  // Gives the place up: nobody can connect any more. Idempotent.
+  // Gives the place up: nobody can connect any more, and who was about to is hung up on. Idempotent.
   void leave() noexcept;
 
  private:
@@ -49,7 +51,7 @@ class Rendezvous {
   const std::string m_path;  // of the domain's directory, for error texts
   const std::string m_name;  // of the own socket in it
   const Descriptor m_directory;
-  const Descriptor m_listener;
+  Descriptor m_listener;
   bool m_bound = false;
 };
 
