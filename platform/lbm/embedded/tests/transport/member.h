@@ -98,6 +98,7 @@ class Member : public Listener {
   }
   void loss(RemoteSource& source, std::uint32_t first, std::uint32_t count) override {
     lost += count;
+    longestLoss = std::max<std::size_t>(longestLoss, count);
     for (std::uint32_t i = 0; i < std::min(count, kLossesNoted); ++i) {
       sequences.push_back(first + i);
     }
@@ -121,6 +122,7 @@ class Member : public Listener {
   std::size_t messages = 0;
   std::size_t bytes = 0;
   std::size_t lost = 0;
+  std::size_t longestLoss = 0;
   std::function<void(RemoteSource&, InboundMessage&)> onMessage;
 
  private:

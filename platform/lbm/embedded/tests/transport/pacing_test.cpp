@@ -73,6 +73,18 @@ TEST_P(Losses, AreDroppedForTheSlowSubscriberAloneAndToldEvenWhenTheLast) {
 
 INSTANTIATE_TEST_SUITE_P(Sequences, Losses, testing::Values(0U, 0xffffff00U, 0xffffffffU - kTooMany / 2));
 
+TEST_F(PacedLink, ALongRunOfLossesIsToldInPortionsThatSequenceArithmeticTakes) {
+  start(Pacing::source);
+  constexpr std::size_t kMany = 3'000'000;
+  for (std::size_t i = 0; i < kMany; ++i) {
+    publish(*m_source->transport, *m_publication, "x");
+  }
+  settle({m_source.get(), m_slow.get()});
+  EXPECT_EQ(m_slow->lost + m_slow->messages, kMany);
+  EXPECT_LE(m_slow->longestLoss, std::size_t{1} << 20);
+  EXPECT_TRUE(m_slow->notices.empty());
+}
+
 TEST_F(PacedLink, LossesAreToldBeforeTheEndOfTheSource) {
   start(Pacing::source);
   for (std::size_t i = 0; i < kTooMany; ++i) {

@@ -17,6 +17,10 @@ namespace {
 // Bytes that may wait for a peer, beside a message larger than the link's buffer.
 constexpr std::size_t kUnreadMax = std::size_t{64} << 20;
 
+// Losses of one source that are told at once. A peer that stands still for days misses more than a difference of
+// sequence numbers can express.
+constexpr std::uint32_t kLossesToldMax = std::uint32_t{1} << 20;
+
 constexpr int kSocketBufferBytes = 1 << 20;
 
 // How long a waiting publisher goes without looking at what does not show on the link's socket: the peer may have
@@ -87,7 +91,9 @@ void Link::sendMessageOrDrop(const wire::DataHeader& header, std::span<const iov
   }
   // Whatever the link takes is preceded by the losses before it, so a source's losses are one run.
   const auto [run, isNew] = m_losses.try_emplace(header.source, LostRun{header.sequence, 0});
-  ++run->second.count;
+  if (++run->second.count == kLossesToldMax) {
+    reportLosses();
+  }
 }
 
 bool Link::notifyWhenIdle(std::uint32_t publication) {
