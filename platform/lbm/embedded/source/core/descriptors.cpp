@@ -68,17 +68,29 @@ class Descriptors::Registration : public Target {
   const DescriptorCallback m_callback;
 };
 
-void Descriptors::watch(int fd, const Registrations& registrations, bool known) {
+bool Descriptors::watch(int fd, Watched& watched) noexcept {
   epoll_event wanted{};
   wanted.data.fd = fd;
-  for (const auto& registration : registrations) {
+  for (const auto& registration : watched.registrations) {
     if (registration->armed) {
       wanted.events |= epollEventsOf(registration->event());
     }
   }
-  const int operation = registrations.empty() ? EPOLL_CTL_DEL : known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-  if (::epoll_ctl(m_epoll, operation, fd, &wanted) == -1 && operation != EPOLL_CTL_DEL) {
-    throw std::system_error(errno, std::system_category(), "cannot watch descriptor " + std::to_string(fd));
+  if (wanted.events == 0) {
+    ignore(fd, watched);
+    return true;
+  }
+  if (::epoll_ctl(m_epoll, watched.inEpoll ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &wanted) == -1) {
+    return false;
+  }
+  watched.inEpoll = true;
+  return true;
+}
+
+// An empty mask would not do: epoll reports errors and hang-ups whatever the mask.
+void Descriptors::ignore(int fd, Watched& watched) noexcept {
+  if (std::exchange(watched.inEpoll, false)) {
+    static_cast<void>(::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr));
   }
 }
 
@@ -86,8 +98,8 @@ void Descriptors::add(int fd, lbm_ulong_t events, const DescriptorCallback& call
   checkEvents(events);
   const std::lock_guard lock(m_mutex);
   const auto found = m_watched.find(fd);
-  Registrations registrations = found != m_watched.end() ? found->second : Registrations{};
-  for (const auto& registration : registrations) {
+  Watched watched = found != m_watched.end() ? found->second : Watched{};
+  for (const auto& registration : watched.registrations) {
     if ((registration->event() & events) != 0) {
       throw Error(LBM_EINVAL, "descriptor " + std::to_string(fd) + " is registered for event " +
                                   std::to_string(registration->event()) + " already; cancel that first");
@@ -96,12 +108,14 @@ void Descriptors::add(int fd, lbm_ulong_t events, const DescriptorCallback& call
   std::size_t added = 0;
   for (const EventName& known : kEvents) {
     if ((known.event & events) != 0) {
-      registrations.push_back(std::make_shared<Registration>(*this, fd, known.event, callback));
+      watched.registrations.push_back(std::make_shared<Registration>(*this, fd, known.event, callback));
       ++added;
     }
   }
-  watch(fd, registrations, found != m_watched.end());
-  m_watched[fd] = std::move(registrations);
+  if (!watch(fd, watched)) {
+    throw std::system_error(errno, std::system_category(), "cannot watch descriptor " + std::to_string(fd));
+  }
+  m_watched[fd] = std::move(watched);
   m_count += added;
 }
 
@@ -111,12 +125,12 @@ Descriptors::Registrations Descriptors::take(int fd, lbm_ulong_t events) {
   const std::lock_guard lock(m_mutex);
   const auto found = m_watched.find(fd);
   if (found != m_watched.end()) {
-    Registrations& registrations = found->second;
+    Registrations& registrations = found->second.registrations;
     const auto kept = std::stable_partition(registrations.begin(), registrations.end(),
                                             [&](const auto& one) { return (one->event() & events) == 0; });
     taken.assign(kept, registrations.end());
     registrations.erase(kept, registrations.end());
-    watch(fd, registrations, true);
+    watch(fd, found->second);
     if (registrations.empty()) {
       m_watched.erase(found);
     }
@@ -153,7 +167,7 @@ std::size_t Descriptors::ready(int fd, std::uint32_t epollEvents) {
     if (found == m_watched.end()) {
       return 0;
     }
-    for (const auto& registration : found->second) {
+    for (const auto& registration : found->second.registrations) {
       if (registration->armed && (epollEventsOf(registration->event()) & epollEvents) != 0) {
         due.push_back(registration);
         if (registration->queue() != nullptr) {
@@ -163,7 +177,9 @@ std::size_t Descriptors::ready(int fd, std::uint32_t epollEvents) {
       }
     }
     if (disarmed) {
-      watch(fd, found->second, true);
+      watch(fd, found->second);
+    } else if (due.empty() && (epollEvents & (EPOLLHUP | EPOLLERR)) != 0) {
+      ignore(fd, found->second);  // nobody is there for it, and it would be reported without end
     }
   }
   for (const auto& registration : due) {
@@ -177,22 +193,24 @@ void Descriptors::rearm(Registration& registration) {
   const auto found = m_watched.find(registration.fd());
   if (found != m_watched.end() && !registration.closed()) {
     registration.armed = true;
-    watch(registration.fd(), found->second, true);
+    watch(registration.fd(), found->second);
   }
 }
 
 void Descriptors::clear() {
-  std::map<int, Registrations> ended;
+  std::map<int, Watched> ended;
   {
     const std::lock_guard lock(m_mutex);
     ended.swap(m_watched);
     m_count = 0;
-  }
-  for (const auto& [fd, registrations] : ended) {
-    for (const auto& registration : registrations) {
-      registration->close();
+    for (auto& [fd, watched] : ended) {
+      ignore(fd, watched);
     }
-    static_cast<void>(::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr));
+  }
+  for (const auto& [fd, watched] : ended) {
+    for (const auto& registration : watched.registrations) {
+      registration->closeAndWait();
+    }
   }
 }
 

@@ -47,15 +47,23 @@ class Descriptors {
 
   bool empty() const noexcept { return m_count.load(std::memory_order_relaxed) == 0; }
 
-  // Ends all registrations.
+  // Ends all registrations and returns when no callback of them runs.
   void clear();
 
  private:
   class Registration;
   using Registrations = std::vector<std::shared_ptr<Registration>>;
 
+  struct Watched {
+    Registrations registrations;  // one an event
+    bool inEpoll = false;
+  };
+
   void rearm(Registration& registration);
-  void watch(int fd, const Registrations& registrations, bool known);
+  // Lets epoll report what the armed registrations want. False, with errno, when it cannot: the descriptor is none that
+  // can be watched, or the application closed it.
+  bool watch(int fd, Watched& watched) noexcept;
+  void ignore(int fd, Watched& watched) noexcept;
   Registrations take(int fd, lbm_ulong_t events);
 
   const int m_epoll;
@@ -63,7 +71,7 @@ class Descriptors {
   std::atomic<std::size_t> m_count{0};
 
   std::mutex m_mutex;
-  std::map<int, Registrations> m_watched;  // by descriptor, one registration an event; guarded by m_mutex
+  std::map<int, Watched> m_watched;  // by descriptor; guarded by m_mutex
 };
 
 }  // namespace engine::core

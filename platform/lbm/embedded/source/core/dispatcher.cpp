@@ -63,13 +63,14 @@ void Dispatcher::process(lbm_ulong_t msec) {
     ~Leave() { dispatcher.leave(); }
   } const leave{*this};
   const CallbackGate::Scope scope(m_gate);
+  struct RunLast {
+    Dispatcher& dispatcher;
+    ~RunLast() { dispatcher.runLast(); }
+  } const last{*this};
 
   std::optional<Clock::time_point> deadline;
   while (true) {
     std::size_t done = runTasks() + runTimers() + m_work.drain();
-    if (runLast()) {
-      return;
-    }
     const bool stop = done != 0 || m_unblocked.exchange(false) || ended();
     if (stop && m_descriptors.empty()) {
       return;
@@ -84,23 +85,18 @@ void Dispatcher::process(lbm_ulong_t msec) {
       timeoutMs = remainingMs(*deadline);
     }
     done = waitForEvents(timeoutMs);
-    if (runLast()) {
-      return;
-    }
-    if (stop || done != 0 || msec == 0 || timeoutMs == 0) {
+    if (stop || ended() || done != 0 || msec == 0 || timeoutMs == 0) {
       return;
     }
   }
 }
 
-bool Dispatcher::runLast() {
-  if (!m_last) {
-    return false;
+void Dispatcher::runLast() {
+  if (m_last) {
+    const Task last = std::move(m_last);
+    last();
+    forget();
   }
-  const Task last = std::move(m_last);
-  last();
-  forget();
-  return true;
 }
 
 // Tasks and timers may own what owns this dispatcher: they must not wait for its end.
@@ -157,6 +153,9 @@ std::size_t Dispatcher::runTasks() {
     tasks.swap(m_tasks);
   }
   for (const Task& task : tasks) {
+    if (ended()) {
+      break;
+    }
     task();
   }
   return tasks.size();

@@ -62,7 +62,7 @@ class Dispatcher {
   std::size_t waitForEvents(int timeoutMs);
   int remainingMs(Clock::time_point deadline) const;
   void wake() noexcept;
-  bool runLast();
+  void runLast();
   void forget();
   void leave();
 

@@ -370,7 +370,12 @@ struct Pipe {
   Pipe() { EXPECT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK)); }
   ~Pipe() {
     ::close(ends[0]);
-    ::close(ends[1]);
+    hangUp();
+  }
+  void hangUp() {
+    if (ends[1] >= 0) {
+      ::close(std::exchange(ends[1], -1));
+    }
   }
   void put() const { EXPECT_EQ(1, ::write(ends[1], "x", 1)); }
   void take() const {
@@ -451,6 +456,76 @@ TEST_F(EngineTest, ACancellationNoticeComesAfterTheLastCallback) {
   lbm_event_queue_delete(queue);
   lbm_event_queue_delete(silent);
   lbm_context_delete(context);
+}
+
+// What the thread has used of a processor.
+std::chrono::nanoseconds threadTime() {
+  timespec used{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+TEST_F(EngineTest, AHangUpThatNobodyTakesKeepsNoThreadBusy) {
+  lbm_context_t* context = makeContext();
+  lbm_event_queue_t* queue = nullptr;
+  ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
+  const auto count = [](lbm_context_t*, int, lbm_ulong_t, void* clientd) {
+    ++*static_cast<int*>(clientd);
+    return 0;
+  };
+  const auto expectIdle = [&] {
+    settle({context});
+    const auto before = threadTime();
+    EXPECT_EQ(0, lbm_context_process_events(context, 300)) << lbm_errmsg();
+    EXPECT_LT(threadTime() - before, std::chrono::milliseconds(40));
+  };
+  Pipe pipe;
+  int calls = 0;
+  const int fd = pipe.ends[0];
+  ASSERT_EQ(0, lbm_register_fd(context, fd, count, &calls, queue, LBM_FD_EVENT_READ)) << lbm_errmsg();
+  pipe.hangUp();
+  expectIdle();
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(1, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL));
+    settle({context});
+  }
+  EXPECT_EQ(2, calls);
+  EXPECT_EQ(0, lbm_cancel_fd(context, fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
+
+  ASSERT_EQ(0, lbm_register_fd(context, fd, count, &calls, nullptr, LBM_FD_EVENT_EXCEPT)) << lbm_errmsg();
+  expectIdle();
+  EXPECT_EQ(2, calls);
+  ASSERT_EQ(0, lbm_register_fd(context, fd, count, &calls, nullptr, LBM_FD_EVENT_READ)) << lbm_errmsg();
+  pumpUntil({context}, "the hang-up", [&] { return calls > 2; });
+  lbm_event_queue_delete(queue);
+  lbm_context_delete(context);
+}
+
+TEST_F(EngineTest, NothingIsCalledAfterTheNoticeThatDeletesTheContext) {
+  lbm_context_t* context = makeContext();
+  Pipe pipe;
+  int calls = 0;
+  const auto count = [](lbm_context_t*, int, lbm_ulong_t, void*) { return 0; };
+  struct Deletion {
+    lbm_context_t* context;
+    int notices = 0;
+  } deletion{context};
+  const auto onCancelled = [](int, void* clientd) {
+    auto& self = *static_cast<Deletion*>(clientd);
+    if (++self.notices == 1) {
+      EXPECT_EQ(0, lbm_context_delete(self.context));
+    }
+  };
+  const lbm_event_queue_cancel_cb_info_t info{nullptr, onCancelled, &deletion};
+  for (const int event : {LBM_FD_EVENT_READ, LBM_FD_EVENT_EXCEPT}) {
+    const auto mask = static_cast<lbm_ulong_t>(event);
+    ASSERT_EQ(0, lbm_register_fd(context, pipe.ends[0], count, &calls, nullptr, mask)) << lbm_errmsg();
+    ASSERT_EQ(0, lbm_cancel_fd_ex(context, pipe.ends[0], mask, &info)) << lbm_errmsg();
+  }
+  while (deletion.notices == 0) {
+    ASSERT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
+  }
+  EXPECT_EQ(1, deletion.notices);
 }
 
 TEST_F(EngineTest, ProcessingWaitsUntilUnblockedAndIsForOneThread) {
