@@ -139,19 +139,17 @@ lbm_topic_t& Context::topic(std::string_view name, const OptionSet& options) {
   return *m_topics.emplace(key, std::move(made))->second;
 }
 
-std::shared_ptr<transport::Publication> Context::advertise(const transport::PublicationInfo& info,
-                                                           const std::shared_ptr<Source>& source) {
+void Context::advertise(const transport::PublicationInfo& info, const std::shared_ptr<Source>& source,
+                        std::shared_ptr<transport::Publication>& publication) {
   if (deleted()) {
     throw Error(LBM_EOP, "the context is deleted");
   }
-  if (source == nullptr) {
-    return m_transport->advertise(info);
-  }
-  // Locked throughout, so that the first subscriber finds the source.
+  // Locked throughout, so that the first subscriber finds the source, and the source its publication.
   const std::lock_guard lock(m_mutex);
-  auto publication = m_transport->advertise(info);
-  m_sources.emplace(publication.get(), source);
-  return publication;
+  publication = m_transport->advertise(info);
+  if (source != nullptr) {
+    m_sources.emplace(publication.get(), source);
+  }
 }
 
 void Context::withdraw(transport::Publication& publication) {

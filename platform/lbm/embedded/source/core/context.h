@@ -46,9 +46,9 @@ class Context : public std::enable_shared_from_this<Context>, private transport:
   // A repeated look-up of a name with equal options (of scope source or receiver) gives the same topic.
   lbm_topic_t& topic(std::string_view name, const OptionSet& options);
 
-  // source: whom to tell of the publication's subscribers; null for nobody.
-  std::shared_ptr<transport::Publication> advertise(const transport::PublicationInfo& info,
-                                                    const std::shared_ptr<Source>& source);
+  // Sets publication before anybody is told of its subscribers. source: whom to tell; null for nobody.
+  void advertise(const transport::PublicationInfo& info, const std::shared_ptr<Source>& source,
+                 std::shared_ptr<transport::Publication>& publication);
   void withdraw(transport::Publication& publication);
 
   void registerDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,

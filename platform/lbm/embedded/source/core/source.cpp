@@ -28,9 +28,9 @@ Source::Source(std::shared_ptr<Context> context, const Topic& topic, const Callb
       m_pacing(pacingOf(topic)) {}
 
 void Source::start() {
-  m_publication =
-      m_context->advertise({.topic = m_topic.name, .session = m_session, .pacing = m_pacing},
-                           m_callback.proc != nullptr ? std::static_pointer_cast<Source>(shared_from_this()) : nullptr);
+  m_context->advertise({.topic = m_topic.name, .session = m_session, .pacing = m_pacing},
+                       m_callback.proc != nullptr ? std::static_pointer_cast<Source>(shared_from_this()) : nullptr,
+                       m_publication);
 }
 
 void Source::stop() {

@@ -157,6 +157,26 @@ class ConnectedSource {
   lbm_src_t* m_source;
 };
 
+TEST_F(EngineTest, ASourceIsReadyForUseInItsFirstCallback) {
+  lbm_context_t* context = makeContext({});
+  Recorder recorder(context, "READY");
+  const auto onEvent = [](lbm_src_t* source, int event, void*, void* clientd) {
+    if (event == LBM_SRC_EVENT_CONNECT) {
+      EXPECT_EQ(0, sendText(source, "welcome"));
+      EXPECT_EQ(0, lbm_src_delete(source));
+      static_cast<std::promise<void>*>(clientd)->set_value();
+    }
+    return 0;
+  };
+  for (int round = 0; round < 50; ++round) {
+    std::promise<void> connected;
+    makeSource(context, "READY", onEvent, &connected);
+    ASSERT_EQ(std::future_status::ready, connected.get_future().wait_for(std::chrono::seconds(30)));
+  }
+  recorder.stop();
+  lbm_context_delete(context);
+}
+
 TEST_F(EngineTest, DeletingAReceiverWaitsForItsRunningCallback) {
   lbm_context_t* context = makeContext({});  // runs a thread of its own
   std::promise<void> inside;
