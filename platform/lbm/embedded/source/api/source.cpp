@@ -40,7 +40,13 @@ int sendPieces(const char* function, lbm_src_t* src, const iovec* iov, int num, 
     if (num != 0) {
       engine::api::requireNotNull(iov, "iov");
     }
-    return send(function, src, {iov, static_cast<std::size_t>(num)}, flags, info);
+    const std::span pieces(iov, static_cast<std::size_t>(num));
+    for (const iovec& piece : pieces) {
+      if (piece.iov_len != 0) {
+        engine::api::requireNotNull(piece.iov_base, "iov[].iov_base");
+      }
+    }
+    return send(function, src, pieces, flags, info);
   });
 }
 

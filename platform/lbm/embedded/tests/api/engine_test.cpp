@@ -587,6 +587,16 @@ TEST_F(EngineTest, RefusesWhatCannotWorkAndSaysWhy) {
   EXPECT_EQ(-1, lbm_context_create(nullptr, nullptr, nullptr, nullptr));
   EXPECT_EQ(-1, lbm_src_send(nullptr, "x", 1, 0));
   EXPECT_EQ(LBM_EINVAL, lbm_errnum());
+  Recorder recorder(context, "PIECES");
+  lbm_src_t* pieces = makeSource(context, "PIECES");
+  settle({context});
+  const std::array<iovec, 2> torn{{{nullptr, 0}, {nullptr, 5}}};
+  EXPECT_EQ(-1, lbm_src_sendv(pieces, torn.data(), 2, 0));
+  EXPECT_EQ(LBM_EINVAL, lbm_errnum());
+  EXPECT_EQ(0, lbm_src_sendv(pieces, torn.data(), 1, 0));
+  pumpUntil({context}, "the message after the refused one", [&] { return recorder.lines.size() == 2; });
+  lbm_src_delete(pieces);
+  recorder.stop();
   EXPECT_EQ(receiverTopic(context, "SAME"), receiverTopic(context, "SAME"));
   EXPECT_NE(receiverTopic(context, "SAME"), receiverTopic(context, "SAME", {{"loss_burst_threshold", "3"}}));
   lbm_context_delete(other);
