@@ -11,8 +11,9 @@
  *   Threads:  every call may be made from any thread, callbacks included, unless its comment says otherwise. Attribute
  *             objects are for one thread at a time.
  *   Deletion: after lbm_rcv_delete, lbm_src_delete, lbm_cancel_fd and lbm_context_delete return, no callback of that
- *             object runs or will run. Called from inside the object's own callback they return at once and take
- *             effect when that callback returns.
+ *             object, nor of a context's children, runs or will run, event queues included. Called from inside the
+ *             object's own callback they return at once and take effect when that callback returns.
+ *   Fork:     a child process must not use or delete its parent's objects.
  *   Strings:  arguments are copied. Strings handed to a callback live as long as the call, those of a message as long
  *             as the message.
  */

@@ -47,8 +47,8 @@ int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_
 
 int lbm_context_delete(lbm_context_t* ctx) {
   return guarded(__func__, [&] {
-    const std::unique_ptr<lbm_context_t> handle(&required(ctx, "ctx"));
-    handle->context->remove();
+    const std::shared_ptr<lbm_context_t> handle(&required(ctx, "ctx"));
+    handle->context->remove(handle);
     return 0;
   });
 }

@@ -83,9 +83,9 @@ void Context::processEvents(lbm_ulong_t msec) {
   m_dispatcher.process(msec);
 }
 
-void Context::remove() {
+void Context::remove(std::shared_ptr<const void> handle) {
   const bool own = m_dispatcher.gate().dispatching();
-  m_dispatcher.end([self = shared_from_this()] { self->finish(); });
+  m_dispatcher.end([self = shared_from_this(), kept = std::move(handle)] { self->finish(); });
   if (m_thread.joinable()) {
     if (own) {
       m_thread.detach();  // it holds the context until it ends
@@ -95,13 +95,22 @@ void Context::remove() {
   }
 }
 
+// Callbacks here have ended by now, those on event queues end below.
 void Context::finish() {
   m_transport->close(m_options.get(option::closeLingerTime));
   m_dispatcher.descriptors().clear();
   m_directory.clear();
   m_requests.clear();
-  const std::lock_guard lock(m_mutex);
-  m_sources.clear();
+  decltype(m_sources) sources;
+  {
+    const std::lock_guard lock(m_mutex);
+    sources.swap(m_sources);
+  }
+  for (const auto& [publication, weak] : sources) {
+    if (const auto source = weak.lock()) {
+      source->closeAndWait();
+    }
+  }
 }
 
 std::size_t Context::drain() {

@@ -35,8 +35,8 @@ class Context : public std::enable_shared_from_this<Context>, private transport:
   static std::shared_ptr<Context> create(OptionSet options, std::unique_ptr<transport::Transport> transport,
                                          lbm_context_t* handle);
 
-  // See lbm_context_delete.
-  void remove();
+  // See lbm_context_delete. handle: kept until no callback can be using it.
+  void remove(std::shared_ptr<const void> handle);
   bool deleted() const noexcept { return m_dispatcher.ended(); }
 
   // See lbm_context_process_events. Throws Error when the mode is not sequential.

@@ -221,6 +221,9 @@ void Directory::loss(transport::RemoteSource& source, std::uint32_t first, std::
 
 void Directory::clear() {
   for (auto& [name, entry] : m_topics) {
+    for (const auto& receiver : entry.receivers) {
+      receiver->closeAndWait();
+    }
     for (const auto& stream : entry.streams) {
       notifyDelete(*stream);
       stream->source->listenerData = nullptr;

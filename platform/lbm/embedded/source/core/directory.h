@@ -38,7 +38,8 @@ class Directory {
 
   MessagePool& pool() noexcept { return *m_pool; }
 
-  // Forgets everything; the source notifications that are due by then are given.
+  // Closes all receivers and returns when no callback of them runs; the source notifications that are due by then are
+  // given.
   void clear();
 
  private:

@@ -30,15 +30,17 @@ int EventQueue::dispatch(lbm_ulong_t msec) {
     throw Error(LBM_EOP, "another thread is dispatching this event queue");
   }
   const CallbackGate::Scope scope(m_gate);
+  // What callbacks and other threads post meanwhile is not waited for, nor is it polled without end.
+  const std::size_t polled = m_taken.size() - m_done + m_posted.size();
   const auto wakeUp = [this] { return m_unblocked || m_shutDown || !m_posted.empty(); };
   while (!m_unblocked && !m_shutDown) {
+    if (msec == LBM_EVENT_QUEUE_POLL && static_cast<std::size_t>(dispatched) == polled) {
+      break;
+    }
     if (m_done == m_taken.size()) {
       m_taken.clear();
       m_done = 0;
       if (m_posted.empty()) {
-        if (msec == LBM_EVENT_QUEUE_POLL) {
-          break;
-        }
         if (forEver) {
           m_changed.wait(lock, wakeUp);
         } else if (!m_changed.wait_until(lock, deadline, wakeUp)) {

@@ -21,8 +21,8 @@ class EventQueue {
   // Appends an event; dropped after shutdown(). Threads: any.
   void post(std::shared_ptr<Target> target, Event event);
 
-  // Runs events until msec milliseconds have passed (LBM_EVENT_QUEUE_BLOCK: for ever), none is left (when msec is 0),
-  // or unblock(). Returns how many ran. Throws Error when another thread is dispatching.
+  // Runs events until msec milliseconds have passed (LBM_EVENT_QUEUE_BLOCK: for ever; 0: those that are there now), or
+  // unblock(). Returns how many ran. Throws Error when another thread is dispatching.
   int dispatch(lbm_ulong_t msec);
 
   // Ends the dispatch in progress after its present event; when there is none, the next one at once. Threads: any.

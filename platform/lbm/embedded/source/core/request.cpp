@@ -44,8 +44,13 @@ std::shared_ptr<Request> RequestTable::find(std::uint64_t id) {
 
 void RequestTable::clear() {
   std::unordered_map<std::uint64_t, std::shared_ptr<Request>> ended;
-  const std::lock_guard lock(m_mutex);
-  ended.swap(m_requests);
+  {
+    const std::lock_guard lock(m_mutex);
+    ended.swap(m_requests);
+  }
+  for (const auto& [id, request] : ended) {
+    request->closeAndWait();
+  }
 }
 
 }  // namespace engine::core

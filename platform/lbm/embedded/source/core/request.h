@@ -58,6 +58,7 @@ class RequestTable {
   void add(const std::shared_ptr<Request>& request);
   void remove(std::uint64_t id);
   std::shared_ptr<Request> find(std::uint64_t id);
+  // Closes them all, and returns when no callback of them runs.
   void clear();
 
  private:

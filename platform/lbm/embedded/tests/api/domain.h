@@ -12,6 +12,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -25,7 +26,13 @@ class PrivateDomain : public ::testing::Test {
     m_directory = ::mkdtemp(pattern.data());
     ::setenv("LBM_RUNTIME_DIR", m_directory.c_str(), 1);
   }
-  ~PrivateDomain() override { std::filesystem::remove_all(m_directory); }
+  ~PrivateDomain() override {
+    // A context that was deleted in its own callback may be taking its socket away at this moment.
+    std::error_code error;
+    do {
+      std::filesystem::remove_all(m_directory, error);
+    } while (error == std::errc::no_such_file_or_directory);
+  }
 
   const std::filesystem::path& directory() const { return m_directory; }
 

@@ -261,6 +261,59 @@ TEST_F(EngineTest, AnEventQueueMovesCallbacksToTheDispatchingThread) {
   lbm_context_delete(context);
 }
 
+TEST_F(EngineTest, DeletingAContextSilencesItsReceiversOnEventQueues) {
+  lbm_context_t* context = makeContext();
+  lbm_event_queue_t* queue = nullptr;
+  ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
+  lbm_src_t* source = makeSource(context, "SILENCE");
+  Recorder recorder(context, "SILENCE", queue);
+  std::promise<void> inside;
+  std::promise<void> goOn;
+  recorder.onEvent = [&](lbm_msg_t&) {
+    inside.set_value();
+    goOn.get_future().wait();
+  };
+  settle({context});
+  EXPECT_EQ(0, sendText(source, "a"));
+  settle({context});
+  std::future<int> dispatched =
+      std::async(std::launch::async, [&] { return lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL); });
+  inside.get_future().wait();
+  std::future<int> deleted = std::async(std::launch::async, [&] { return lbm_context_delete(context); });
+  EXPECT_EQ(std::future_status::timeout, deleted.wait_for(std::chrono::milliseconds(50)))
+      << "has to wait for the running callback";
+  goOn.set_value();
+  EXPECT_EQ(0, deleted.get());
+  dispatched.get();
+  EXPECT_EQ((Lines{"BOS 0"}), recorder.lines) << "the message behind it is dropped";
+  recorder.stop();
+  lbm_src_delete(source);
+  lbm_event_queue_delete(queue);
+}
+
+TEST_F(EngineTest, PollingAnEventQueueIsDoneWithWhatIsThere) {
+  lbm_context_t* context = makeContext();
+  lbm_event_queue_t* queue = nullptr;
+  ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
+  lbm_src_t* source = makeSource(context, "ENDLESS");
+  Recorder recorder(context, "ENDLESS", queue);
+  recorder.onEvent = [&](lbm_msg_t&) {
+    if (recorder.lines.size() < 100) {
+      sendText(source, "another");
+      settle({context});
+    }
+  };
+  settle({context});
+  sendText(source, "first");
+  settle({context});
+  EXPECT_EQ(2, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL)) << "beginning of session and the message";
+  EXPECT_EQ(2, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL)) << "one of each callback";
+  recorder.stop();
+  lbm_src_delete(source);
+  lbm_event_queue_delete(queue);
+  lbm_context_delete(context);
+}
+
 TEST_F(EngineTest, RequestsAreAnsweredUntilTheyAreDeleted) {
   lbm_context_t* asker = makeContext();
   lbm_context_t* server = makeContext();

@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <functional>
+#include <stdexcept>
 
 #include "core/context.h"
 #include "options/option_keys.h"
@@ -38,10 +39,11 @@ class ScriptedTransport : public transport::Transport {
     }
     return done;
   }
-  void close(std::chrono::milliseconds) noexcept override {}
+  void close(std::chrono::milliseconds) noexcept override { closed = true; }
 
   std::deque<std::function<void(transport::Listener&)>> events;
   std::vector<std::string> subscriptions;
+  bool closed = false;
 
  private:
   Descriptor m_event{::eventfd(0, EFD_CLOEXEC)};
@@ -56,7 +58,7 @@ class DirectoryTest : public ::testing::Test {
     options.setText("operational_mode", "sequential");
     m_context = Context::create(options, std::move(transport), nullptr);
   }
-  ~DirectoryTest() override { m_context->remove(); }
+  ~DirectoryTest() override { m_context->remove(nullptr); }
 
   std::shared_ptr<Receiver> receive(const char* topic, std::vector<std::string>& lines) {
     OptionSet options = OptionSet::builtIn(Scope::receiver);
@@ -82,6 +84,15 @@ class DirectoryTest : public ::testing::Test {
   std::shared_ptr<Context> m_context;
   const std::shared_ptr<transport::RemoteSource> m_source = std::make_shared<transport::RemoteSource>("T", "session");
 };
+
+TEST_F(DirectoryTest, ADeletionInACallbackHoldsThoughProcessingFailsAfterIt) {
+  m_transport->events.push_back([&](transport::Listener&) {
+    m_context->remove(nullptr);
+    throw std::runtime_error("broken");
+  });
+  EXPECT_THROW(m_context->processEvents(0), std::runtime_error);
+  EXPECT_TRUE(m_transport->closed);
+}
 
 TEST_F(DirectoryTest, ReportsLossOneByOneUpToTheThresholdAndThenAsABurst) {
   std::vector<std::string> lines;
