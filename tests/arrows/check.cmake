@@ -17,10 +17,11 @@ set(arrows
     "platform/onload ->"
     "platform/lbm/embedded -> ${engine}/api"
     "${engine}/api -> ${engine}/core ${engine}/transport/host"
-    "${engine}/core -> ${engine}/options ${engine}/transport platform/lbm"
-    "${engine}/options -> ${engine}/core" # for its errors
-    "${engine}/transport/host -> ${engine}/transport"
+    "${engine}/core -> ${engine}/options ${engine}/transport ${engine}/system platform/lbm"
+    "${engine}/options -> ${engine}/system platform/lbm"
+    "${engine}/transport/host -> ${engine}/transport ${engine}/system"
     "${engine}/transport ->"
+    "${engine}/system ->"
     "platform/lbm/scripted -> platform/lbm"
     "platform/lbm ->")
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::api {
 

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::api {
 namespace {

@@ -8,9 +8,9 @@
 #include <random>
 #include <utility>
 
-#include "core/error.h"
 #include "core/notice.h"
 #include "options/option_keys.h"
+#include "system/error.h"
 
 namespace engine::core {
 

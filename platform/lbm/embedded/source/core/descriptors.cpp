@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::core {
 

@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::core {
 

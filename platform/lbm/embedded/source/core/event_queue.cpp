@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::core {
 

@@ -1,7 +1,7 @@
 #include "core/response.h"
 
 #include "core/context.h"
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::core {
 

@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "core/context.h"
-#include "core/error.h"
 #include "options/option_keys.h"
+#include "system/error.h"
 
 namespace engine::core {
 

@@ -1,7 +1,7 @@
 #include "options/live_options.h"
 
-#include "core/error.h"
 #include "options/option_text.h"
+#include "system/error.h"
 
 namespace engine {
 namespace {

@@ -5,9 +5,9 @@
 #include <optional>
 #include <stdexcept>
 
-#include "core/error.h"
 #include "options/option_text.h"
 #include "options/process_defaults.h"
+#include "system/error.h"
 
 namespace engine {
 namespace {

@@ -7,8 +7,8 @@
 #include <span>
 #include <system_error>
 
-#include "core/error.h"
 #include "options/option_text.h"
+#include "system/error.h"
 
 namespace engine {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "core/error.h"
+#include "system/error.h"
 
 namespace engine::test {
 
