@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <vector>
@@ -115,6 +116,10 @@ int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) no
     return static_cast<int>(code);
   };
   try {
+    if (std::getenv("CHEF_ENVIRONMENT") == nullptr && std::getenv("DATA_CENTER") == nullptr) {
+      // Nobody expects triage outside a deployment, so the triage handler need not complain that it is not there.
+      ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "outside a deployment", 0);
+    }
     return static_cast<int>(body());
   } catch (const UsageError& error) {
     return end(ExitCode::kUsage, error.what());
@@ -123,9 +128,8 @@ int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) no
   }
 }
 
-LibraryOutputDiversion::LibraryOutputDiversion()
-    : m_original(std::cout.rdbuf(zq::logging::IsEnabled(zq::logging::ZQLOG_INFO) ? std::cerr.rdbuf() : nullptr)) {}
-
-LibraryOutputDiversion::~LibraryOutputDiversion() { std::cout.rdbuf(m_original); }
+void DivertLibraryOutput() {
+  std::cout.rdbuf(zq::logging::IsEnabled(zq::logging::ZQLOG_INFO) ? std::cerr.rdbuf() : nullptr);
+}
 
 }  // namespace feed

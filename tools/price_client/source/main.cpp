@@ -66,7 +66,7 @@ feed::ExitCode Run(int argc, const char* const* argv) {
 
   auto signals = TakesOverTerminal(*options, output) ? feed::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
                                                      : feed::SignalWait{SIGINT, SIGTERM, SIGHUP};
-  const feed::LibraryOutputDiversion diversion;
+  feed::DivertLibraryOutput();
   Client client(*options);
   RateMeter rates(Clock::now());
   {

@@ -116,7 +116,7 @@ feed::ExitCode Run(int argc, const char* const* argv) {
   const auto file = ReadPrices(*options);
 
   feed::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
-  const feed::LibraryOutputDiversion diversion;
+  feed::DivertLibraryOutput();
   lbm::ContextAttributes attributes;
   attributes.SetString("context_name", options->contextName.c_str());
   lbm::Context context(attributes);

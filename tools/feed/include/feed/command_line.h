@@ -38,19 +38,11 @@ ps_ns::ServerInstance ParseServerInstance(const std::string& text);
 // Runs a tool's body and returns what main is to return. What the body throws is written to standard error.
 int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept;
 
-// While it lives, what libraries print on std::cout is kept away from standard output, which belongs to the tool's
-// results: it goes to standard error when the log shows informational statements, and nowhere otherwise.
+// From now on to the end of the process, what libraries print on std::cout is kept away from standard output, which
+// belongs to the tool's results: it goes to standard error when the log shows informational statements, and nowhere
+// otherwise. Libraries print until their static objects are gone, so there is no way back.
 //
-// Threads: construct and destroy while no other thread writes to std::cout.
-class LibraryOutputDiversion {
- public:
-  LibraryOutputDiversion();
-  ~LibraryOutputDiversion();
-  LibraryOutputDiversion(const LibraryOutputDiversion&) = delete;
-  LibraryOutputDiversion& operator=(const LibraryOutputDiversion&) = delete;
-
- private:
-  std::streambuf* m_original;
-};
+// Threads: call while no other thread writes to std::cout.
+void DivertLibraryOutput();
 
 }  // namespace feed
