@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "lbm/errors.h"
+#include "lbm/triage_handler.h"
 #include "log_statements.h"
 #include "text_option.h"
 
@@ -12,7 +13,7 @@ namespace lbm {
 
 static_assert(!std::is_copy_constructible_v<Context> && !std::is_move_constructible_v<Context>);
 
-Context::Context(const ContextAttributes& attrs) {
+Context::Context(const ContextAttributes& attrs) : m_triageHandler(LbmTriageHandler::getInstance()) {
   details::ThrowIfFailed(lbm_context_create(&m_ctx, attrs, nullptr, nullptr), "Failed to create LBM context");
   try {
     m_contextName = GetStrOpt("context_name");
@@ -21,10 +22,14 @@ Context::Context(const ContextAttributes& attrs) {
   }
   LBM_LOG(ZQLOG_INFO_SEARCH, kContextCreated,
           "Created LBM context=" << m_ctx << " with attributes context_name=" << m_contextName);
+  m_triageHandler->registerContext(m_contextName, this);
 }
 
 Context::~Context() {
   std::cout << "Destroying LBM context=" << m_ctx << " context_name=" << m_contextName << std::endl;
+  if (m_triageHandler) {
+    m_triageHandler->unregisterContext(this);
+  }
   if (m_ctx != nullptr) {
     lbm_context_delete(m_ctx);
   }

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -20,6 +21,9 @@ using zq::logging::testing::CapturedStatement;
 class LbmTest : public ::testing::Test {
  protected:
   LbmTest() {
+    // Made here, so that its lines are not among those of a test's first context.
+    ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "1", 1);
+    LbmTriageHandler::getInstance();
     lbm_scripted::Reset();
     LogCapture::Clear();
   }

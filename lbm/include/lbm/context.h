@@ -3,19 +3,24 @@
 
 #include <lbm/lbm.h>
 
+#include <memory>
 #include <string>
 
 #include "lbm/attributes.h"
 
 namespace lbm {
 
-// Owns one messaging context, from which every topic, source and receiver is made; it must outlive them all.
+class LbmTriageHandler;
+
+// Owns one messaging context, from which every topic, source and receiver is made; it must outlive them all. The
+// process's triage handler knows it while it lives.
 //
 // Threads: built and destroyed on one thread; Poll on one thread at a time; Unblock, GetStrOpt and the NAK operations
 // on any.
 class Context {
  public:
-  // Reads the name back from the library; a name that cannot be read is logged and stays empty.
+  // Reads the name back from the library; a name that cannot be read is logged and stays empty. The first context of
+  // the process makes the triage handler.
   explicit Context(const ContextAttributes& attrs);
   virtual ~Context();
 
@@ -41,6 +46,7 @@ class Context {
  private:
   lbm_context_t* m_ctx = nullptr;
   std::string m_contextName;
+  std::shared_ptr<LbmTriageHandler> m_triageHandler;
 };
 
 }  // namespace lbm

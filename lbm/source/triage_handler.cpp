@@ -1,0 +1,224 @@
+// What the handler reads from the environment, its event queue and its registry. Requests are in triage_requests.cpp.
+//
+// m_triageReceiversContextPtr orders the making and destroying of the receivers without a common lock. It is set, under
+// m_receiversLock, once they are made, and cleared, without a lock, once they are destroyed. Only the thread that
+// destroys the context it names clears it, and nobody makes receivers while it is set; so atomic reads and writes of it
+// are all that is needed.
+#include "lbm/triage_handler.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <utility>
+
+#include "lbm/attributes.h"
+#include "lbm/context.h"
+#include "lbm/topics.h"
+#include "log_statements.h"
+#include "upper_case.h"
+
+namespace lbm {
+namespace {
+
+// Empty when the variable is not set.
+std::string Environment(const char* variable) {
+  const char* const value = std::getenv(variable);
+  return value != nullptr ? value : "";
+}
+
+// As lenient as operators are used to: blanks and a sign may stand in front, anything may follow, and a number that
+// fits a long but not an int loses its upper bits.
+std::optional<int> ParseNumber(const std::string& text) {
+  char* end = nullptr;
+  errno = 0;
+  const long number = std::strtol(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str()) {
+    return std::nullopt;
+  }
+  return static_cast<int>(number);
+}
+
+const lbm_context_t* HandleOf(const Context* ctx) { return *ctx; }
+
+}  // namespace
+
+const zq::logging::ConstSourcePtr& details::TriageLogSource() {
+  static const auto& source =
+      *new zq::logging::ConstSourcePtr(std::make_shared<const zq::logging::Source>("lbm_triage_handler"));
+  return source;
+}
+
+std::shared_ptr<LbmTriageHandler> LbmTriageHandler::getInstance() {
+  static const std::shared_ptr<LbmTriageHandler> instance = [] {
+    std::unique_ptr<LbmTriageHandler> handler(new LbmTriageHandler);
+    handler->Initialize();
+    return std::shared_ptr<LbmTriageHandler>(std::move(handler));
+  }();
+  return instance;
+}
+
+LbmTriageHandler::~LbmTriageHandler() {
+  constexpr char kDestructor[] = "lbm_triage_handler destructor ";
+  std::cout << kDestructor << "called" << std::endl;
+  if (m_triageEnvReceiver) {
+    std::cout << kDestructor << "deleting env receiver" << std::endl;
+    m_triageEnvReceiver.reset();
+  }
+  if (m_triageEnvDcReceiver) {
+    std::cout << kDestructor << "deleting env dc receiver" << std::endl;
+    m_triageEnvDcReceiver.reset();
+  }
+  if (m_eventQueuePtr) {
+    std::cout << kDestructor << "cleaning up event_queue=" << m_eventQueuePtr.get() << std::endl;
+    m_eventQueuePtr->Unblock();
+    if (m_eventQueueThread.joinable()) {
+      std::cout << kDestructor << "joining event_queue=" << m_eventQueuePtr.get()
+                << " thread_id=" << m_eventQueueThread.get_id() << std::endl;
+      m_eventQueueThread.join();
+      std::cout << kDestructor << "joined event_queue=" << m_eventQueuePtr.get() << std::endl;
+    }
+    m_eventQueuePtr.reset();
+  }
+}
+
+void LbmTriageHandler::Initialize() {
+  if (const std::string disabled = Environment("DISABLE_LBM_TRIAGE_HANDLER"); !disabled.empty()) {
+    m_disableTriageHandler = true;
+    TRIAGE_LOG(
+        ZQLOG_INFO_SEARCH, kTriageDisabled,
+        "triage_handler disabled via environment variable being present DISABLE_LBM_TRIAGE_HANDLER=" << disabled);
+    return;
+  }
+  m_chefEnvironment = UpperCase(Environment("CHEF_ENVIRONMENT"));
+  m_dataCenter = UpperCase(Environment("DATA_CENTER"));
+  if (m_chefEnvironment.empty() || m_dataCenter.empty()) {
+    TRIAGE_LOG(ZQLOG_ERROR, kTriageNamesMissing,
+               "CHEF_ENVIRONMENT or DATA_CENTER environment variables are not set. triage_handler will be disabled. "
+               "CHEF_ENVIRONMENT="
+                   << m_chefEnvironment << " DATA_CENTER=" << m_dataCenter);
+    m_disableTriageHandler = true;
+    return;
+  }
+  TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageInitializing, "Initializing LbmTriageHandler");
+
+  if (const std::string queue = Environment("TRIAGE_HANDLER_USE_EVENT_QUEUE"); !queue.empty()) {
+    TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageEventQueueWanted,
+               "triage_handler using EventQueue because env variable is set TRIAGE_HANDLER_USE_EVENT_QUEUE=" << queue);
+    try {
+      m_eventQueuePtr = std::make_unique<EventQueue>(EventQueueAttributes());
+      m_eventQueueThread = std::thread(&LbmTriageHandler::EventQueueLoop, this);
+      if (pthread_setname_np(m_eventQueueThread.native_handle(), "lbm_th_evq") != 0) {
+        TRIAGE_LOG(ZQLOG_ERROR, kTriageThreadUnnamed,
+                   "failed to set event queue thread name thread_id=" << m_eventQueueThread.get_id());
+      }
+      TRIAGE_LOG(ZQLOG_INFO, kTriageThreadStarted,
+                 "started triage_handler event_queue=" << m_eventQueuePtr.get()
+                                                       << " thread_id=" << m_eventQueueThread.get_id());
+      // Waiting for room holds up nobody else on this thread.
+      m_maxRetries = 1;
+      m_timeBetweenRetriesMs = 55;
+    } catch (const std::exception& error) {
+      TRIAGE_LOG(ZQLOG_ERROR, kTriageNoEventQueue,
+                 "failed to create event queue thread, triage receivers will not use an event queue: " << error.what());
+      m_eventQueuePtr.reset();
+    }
+  }
+
+  const std::string retries = Environment("TRIAGE_HANDLER_MAX_RETRIES");
+  const std::string time = Environment("TRIAGE_HANDLER_TIME_BETWEEN_RETRIES_MS");
+  if (!retries.empty()) {
+    if (const auto number = ParseNumber(retries)) {
+      m_maxRetries = *number;
+    } else {
+      TRIAGE_LOG(
+          ZQLOG_WARNING, kTriageRetriesInvalid,
+          "invalid value for TRIAGE_HANDLER_MAX_RETRIES=" << retries << " using default max_retries=" << m_maxRetries);
+    }
+  }
+  if (!time.empty()) {
+    if (const auto number = ParseNumber(time)) {
+      m_timeBetweenRetriesMs = *number;
+    } else {
+      TRIAGE_LOG(ZQLOG_WARNING, kTriageRetryTimeInvalid,
+                 "invalid value for TRIAGE_HANDLER_TIME_BETWEEN_RETRIES_MS="
+                     << time << " using default time_between_retries_ms=" << m_timeBetweenRetriesMs);
+    }
+  }
+}
+
+void LbmTriageHandler::EventQueueLoop() {
+  if (!m_eventQueuePtr) {
+    return;
+  }
+  TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageLoopStarting,
+             "triage_handler event_queue=" << m_eventQueuePtr.get() << " loop starting");
+  m_eventQueuePtr->Run();
+  TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageLoopStopping,
+             "triage_handler event_queue=" << m_eventQueuePtr.get() << " loop stopping");
+}
+
+void LbmTriageHandler::registerContext(const std::string& name, Context* ctx) {
+  if (m_disableTriageHandler) {
+    return;
+  }
+  TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageRegistering,
+             "registering context=" << HandleOf(ctx) << " with context_name=" << name);
+  if (name.empty()) {
+    const std::lock_guard lock(m_receiversLock);
+    const std::atomic_ref receiversContext(m_triageReceiversContextPtr);
+    if (receiversContext.load() == nullptr) {
+      try {
+        const std::string envTopicName =
+            Environment("LBM_TRIAGE_HANDLER_TOPIC_PREFIX") + "TRIAGE.ACTION." + m_chefEnvironment + ".LBM";
+        const ReceiverTopic envTopic(*ctx, envTopicName, ReceiverTopicAttributes());
+        const ReceiverTopic envDcTopic(*ctx, envTopicName + '.' + m_dataCenter, ReceiverTopicAttributes());
+        const auto create = [&](std::shared_ptr<Receiver>& receiver, const ReceiverTopic& topic) {
+          receiver = std::make_shared<Receiver>(
+              *ctx, topic, [this](const Message& message) { handleLbmMessage(message); }, m_eventQueuePtr.get());
+          TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageReceiverCreated,
+                     "created triage_handler receiver topic=" << topic.GetString() << " on context=" << HandleOf(ctx)
+                                                              << " with context_name=" << name);
+        };
+        create(m_triageEnvReceiver, envTopic);
+        create(m_triageEnvDcReceiver, envDcTopic);
+        receiversContext.store(ctx);
+      } catch (const std::exception& error) {
+        TRIAGE_LOG(ZQLOG_ERROR, kTriageReceiversFailed,
+                   "failed to create triage receivers on context=" << HandleOf(ctx) << " exception=" << error.what());
+      }
+    }
+  }
+  const std::lock_guard lock(m_contextMapLock);
+  m_contextMap.emplace(name, ctx);
+}
+
+void LbmTriageHandler::unregisterContext(Context* ctx) {
+  if (m_disableTriageHandler) {
+    return;
+  }
+  if (const std::atomic_ref receiversContext(m_triageReceiversContextPtr); receiversContext.load() == ctx) {
+    TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageReceiversDestroyed,
+               "destroying triage_handler receivers that were created on context="
+                   << HandleOf(ctx) << " because this context is being destroyed");
+    // Waits for a callback that is running, which may be waiting for m_contextMapLock.
+    m_triageEnvReceiver.reset();
+    m_triageEnvDcReceiver.reset();
+    receiversContext.store(nullptr);
+  }
+  const std::lock_guard lock(m_contextMapLock);
+  const auto found =
+      std::find_if(m_contextMap.begin(), m_contextMap.end(), [ctx](const auto& entry) { return entry.second == ctx; });
+  if (found != m_contextMap.end()) {
+    TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageUnregistering,
+               "unregistering context=" << HandleOf(ctx) << " with name=" << found->first);
+    m_contextMap.erase(found);
+  }
+}
+
+}  // namespace lbm
