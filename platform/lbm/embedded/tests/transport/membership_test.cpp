@@ -205,6 +205,7 @@ TEST_F(Membership, AProcessThatStopsWhileItJoinsKeepsOthersNotForEver) {
 TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {
   Member a(settingsIn(m_directory), false);
   const auto publication = a.transport->advertise({"T", "s", Pacing::source});
+  settle({&a});  // also because a sanitizer needs a descriptor for its first look at a type
   Member b(settingsIn(m_directory));
   const rlimit usual = descriptorLimit();
   rlimit tight = usual;
