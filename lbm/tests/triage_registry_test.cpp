@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <future>
+#include <thread>
 #include <utility>
 
 #include "triage_test.h"
@@ -137,6 +138,28 @@ TEST(TriageRegistryTest, AnEntryIsOneRegistrationOfAContext) {
     Script("lbm_context_create", Failure(LBM_ENOMEM, "no memory"));
     EXPECT_EQ(ErrorOf([] { MakeContext(); }), "Failed to create LBM context: no memory");
     EXPECT_EQ(ContextsWithoutName(), 1U) << "what was not created is not registered";
+  });
+}
+
+// With the thread sanitizer: the receivers are made and destroyed without a common lock.
+TEST(TriageRegistryTest, ContextsComeAndGoOnAnyThread) {
+  InProcessWith(kNames, [] {
+    const auto remaining = MakeContext("remaining");
+    std::vector<std::thread> threads;
+    for (const char* const name : {"", "", "", "named"}) {
+      threads.emplace_back([name] {
+        for (int round = 0; round < 50; ++round) {
+          MakeContext(name);
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    EXPECT_THAT(lbm_scripted::LiveHandles("rcv"), IsEmpty());
+    const auto last = MakeContext();
+    EXPECT_THAT(lbm_scripted::LiveHandles("rcv"), SizeIs(2));
+    EXPECT_EQ(ContextsWithoutName(), 1U) << "every other one has unregistered";
   });
 }
 
