@@ -1,4 +1,4 @@
-// Waiting for time to pass or a signal to come, whichever is first.
+// Waiting for time to pass, a signal to come or another thread to call, whichever is first.
 #pragma once
 
 #include <signal.h>
@@ -13,18 +13,28 @@ namespace feed {
 // second Ctrl-C does not cut an orderly end short. SIGHUP is left alone when it is ignored, as under nohup. SIGPIPE
 // becomes ignored: a closed standard output is an error of the write.
 //
-// Threads: construct before other threads are started; wait on one thread.
+// Threads: construct before other threads are started; wait on one thread; Wake on any.
 class SignalWait {
  public:
   using Clock = std::chrono::steady_clock;
 
+  // Throws std::system_error.
   explicit SignalWait(std::initializer_list<int> signals);
+  ~SignalWait();
 
-  // Returns the signal that came, or 0 once the deadline has passed. With a deadline in the past it does not wait.
+  SignalWait(const SignalWait&) = delete;
+  SignalWait& operator=(const SignalWait&) = delete;
+
+  // Returns the signal that came, or 0 once the deadline has passed or Wake was called. With a deadline in the past it
+  // does not wait.
   int WaitUntil(Clock::time_point deadline);
 
+  // Ends the present wait, or the next one if there is none. Never blocks.
+  void Wake() noexcept;
+
  private:
-  sigset_t m_signals;
+  int m_signals = -1;  // descriptors: readable when a signal has come, or when Wake was called
+  int m_wakes = -1;
 };
 
 // Whether the signal asks for an orderly end.
