@@ -1,0 +1,16 @@
+// What all messages but prices have in common: each is one JSON object in UTF-8.
+#pragma once
+
+#include <cstddef>
+
+namespace feed {
+
+// Texts in messages are single lines, see one_line.h. Encode makes them so, whatever the field holds; decoding refuses
+// others. Times, dates and prices are texts as their headers describe them. Fields that a message is not known to have
+// are ignored, so that versions can differ; a field that is missing or of another type makes the message none, unless
+// its comment calls it optional.
+//
+// The Decode functions take any bytes whatever, and give nothing for more than this many.
+constexpr std::size_t kMaxJsonMessageSize = 64 * 1024;
+
+}  // namespace feed

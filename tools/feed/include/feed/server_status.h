@@ -1,0 +1,36 @@
+// What a price server sends on its status topic.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "feed/json_message.h"
+#include "feed/utc_time.h"
+
+namespace feed {
+
+enum class ServerState {
+  kOpen,     // prices are being sent, or will be as soon as there is somebody to send to
+  kClosing,  // the server ends in order; nothing more is sent
+};
+
+// "open", "closing".
+std::string_view ToString(ServerState state);
+
+struct ServerStatus {
+  std::uint64_t session = 0;  // as in PriceMessage
+  ServerState state = ServerState::kOpen;
+  UtcTime time{};
+  std::uint64_t updatesSent = 0;  // prices, over all segments
+  std::chrono::seconds uptime{};
+
+  friend bool operator==(const ServerStatus&, const ServerStatus&) = default;
+};
+
+std::string Encode(const ServerStatus& message);
+std::optional<ServerStatus> DecodeServerStatus(std::string_view bytes) noexcept;
+
+}  // namespace feed
