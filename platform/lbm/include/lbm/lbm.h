@@ -233,7 +233,7 @@ typedef struct lbm_msg_channel_info_t_stct {
 /* A delivered message. Read-only for the receiver, with one exception: setting response to null takes the response over
  * (see lbm_response_delete). Valid during the callback, and longer as long as it is retained. */
 struct lbm_msg_t_stct {
-  const char* source;       /* name of the sending source's session; never null */
+  const char* source;       /* name of the sending source's session, or of the responding context; never null */
   const char* topic_name;   /* never null */
   int type;                 /* LBM_MSG_... */
   int flags;                /* LBM_MSG_FLAG_... */
@@ -269,8 +269,10 @@ LBM_API int lbm_rcv_str_getopt(lbm_rcv_t* rcv, const char* optname, char* optval
 
 /* ---- Sources ---------------------------------------------------------------------------------------------------- */
 
-#define LBM_SRC_EVENT_CONNECT 1    /* a context subscribed; event data: its name, a const char* */
-#define LBM_SRC_EVENT_DISCONNECT 2 /* it unsubscribed or is gone; event data as above */
+/* Event data of the first two is the context's name, a const char*; for one without a name, what names it as the source
+ * of responses. */
+#define LBM_SRC_EVENT_CONNECT 1    /* a context subscribed */
+#define LBM_SRC_EVENT_DISCONNECT 2 /* it unsubscribed or is gone */
 #define LBM_SRC_EVENT_WAKEUP 3     /* after a send that would have blocked: there is room again; event data null */
 
 /* Called on the thread that processes the context's events or dispatches the event queue. The result should be 0. */

@@ -236,12 +236,12 @@ void Context::loss(transport::RemoteSource& source, std::uint32_t first, std::ui
   m_directory.loss(source, first, count);
 }
 
-void Context::response(std::uint64_t requestId, std::span<const std::byte> payload) {
+void Context::response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) {
   const auto request = m_requests.find(requestId);
   if (request == nullptr) {
     return;
   }
-  MessageRef message = m_directory.blank(LBM_MSG_RESPONSE, request->origin(), 0);
+  MessageRef message = m_directory.blank(LBM_MSG_RESPONSE, request->origin(responder), 0);
   message->setPayload(payload);
   request->dispatch({.message = message});
   m_directory.pool().recycle(std::move(message));

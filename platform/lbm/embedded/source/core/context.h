@@ -92,7 +92,7 @@ class Context : public std::enable_shared_from_this<Context>, private transport:
   void sourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
   void message(transport::RemoteSource& source, transport::InboundMessage& message) override;
   void loss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
-  void response(std::uint64_t requestId, std::span<const std::byte> payload) override;
+  void response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
   void subscriberJoined(transport::Publication& publication, const std::string& contextName) override;
   void subscriberLeft(transport::Publication& publication, const std::string& contextName) override;
   void writable(transport::Publication& publication) override;

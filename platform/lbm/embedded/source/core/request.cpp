@@ -12,13 +12,20 @@ Request::Request(std::shared_ptr<Context> context, const std::string& topic, con
       m_context(std::move(context)),
       m_callback(callback),
       m_id(m_context->requests().nextId()),
-      m_origin(std::make_shared<transport::RemoteSource>(topic, "")) {}
+      m_topic(topic) {}
 
 void Request::start() { m_context->requests().add(std::static_pointer_cast<Request>(shared_from_this())); }
 
 void Request::stop() {
   m_context->requests().remove(m_id);
   closeAndWait();
+}
+
+const std::shared_ptr<transport::RemoteSource>& Request::origin(const std::string& responder) {
+  if (m_origin == nullptr || m_origin->session() != responder) {
+    m_origin = std::make_shared<transport::RemoteSource>(m_topic, responder);
+  }
+  return m_origin;
 }
 
 std::uint64_t RequestTable::nextId() {

@@ -41,14 +41,16 @@ class Request : public Target {
   // Unique among the context's requests, never 0.
   std::uint64_t id() const noexcept { return m_id; }
 
-  // Where its responses are said to come from: the request's topic, and no source.
-  const std::shared_ptr<transport::RemoteSource>& origin() const noexcept { return m_origin; }
+  // Where a response is said to come from: the request's topic, and the responder as its source. Threads: the context's
+  // dispatching one only.
+  const std::shared_ptr<transport::RemoteSource>& origin(const std::string& responder);
 
  private:
   const std::shared_ptr<Context> m_context;
   const Callback m_callback;
   const std::uint64_t m_id;
-  const std::shared_ptr<transport::RemoteSource> m_origin;
+  const std::string m_topic;
+  std::shared_ptr<transport::RemoteSource> m_origin;  // of the last response
 };
 
 // The open requests of a context. Threads: any.

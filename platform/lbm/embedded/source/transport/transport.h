@@ -97,9 +97,10 @@ class Listener {
   // also when the lost ones were the last.
   virtual void loss(RemoteSource& source, std::uint32_t first, std::uint32_t count) = 0;
 
-  virtual void response(std::uint64_t requestId, std::span<const std::byte> payload) = 0;
+  // responder names the context that sent it; unique in the domain.
+  virtual void response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) = 0;
 
-  // A context (by its name, which may be empty) subscribed to the publication, or stopped.
+  // A context subscribed to the publication, or stopped. One without a name is given as it is when it responds.
   virtual void subscriberJoined(Publication& publication, const std::string& contextName) = 0;
   virtual void subscriberLeft(Publication& publication, const std::string& contextName) = 0;
 

@@ -103,6 +103,8 @@ TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {
   settle({&a, &b});
   EXPECT_TRUE(a.heard("response 77: yes " + answer));
   EXPECT_TRUE(a.heard("response 77: yes "));
+  ASSERT_THAT(a.responders, ElementsAre(testing::StartsWith("host:"), a.responders.back()));
+  EXPECT_TRUE(a.heard("joined " + a.responders.back())) << "the subscriber without a name can be told by its response";
   a.transport->close(std::chrono::milliseconds(0));
   settle({&b});
   EXPECT_EQ(b.transport->respond(*path, pieces, true), SendResult::peerGone);

@@ -104,7 +104,8 @@ class Member : public Listener {
     }
     hear("loss " + source.topic());
   }
-  void response(std::uint64_t requestId, std::span<const std::byte> payload) override {
+  void response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
+    responders.push_back(responder);
     hear("response " + std::to_string(requestId) + ": " + textOf(payload));
   }
   void subscriberJoined(Publication&, const std::string& name) override { hear("joined " + name); }
@@ -117,6 +118,7 @@ class Member : public Listener {
   std::unique_ptr<Transport> transport;
   std::vector<std::string> events;
   std::vector<std::string> notices;
+  std::vector<std::string> responders;
   std::map<std::string, std::shared_ptr<RemoteSource>> sources;  // by topic
   std::vector<std::uint32_t> sequences;                          // of what arrived or was lost
   std::size_t messages = 0;

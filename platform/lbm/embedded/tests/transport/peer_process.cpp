@@ -21,7 +21,7 @@ class Subscriber : public Listener {
   void sourceDown(const std::shared_ptr<RemoteSource>&) override {}
   void message(RemoteSource&, InboundMessage&) override { greeted = true; }
   void loss(RemoteSource&, std::uint32_t, std::uint32_t) override {}
-  void response(std::uint64_t, std::span<const std::byte>) override {}
+  void response(std::uint64_t, const std::string&, std::span<const std::byte>) override {}
   void subscriberJoined(Publication&, const std::string&) override {}
   void subscriberLeft(Publication&, const std::string&) override {}
   void writable(Publication&) override {}

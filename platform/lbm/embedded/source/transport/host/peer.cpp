@@ -70,6 +70,7 @@ std::string Peer::description() const {
 void Peer::handle(wire::Bytes frame, Listener& listener) {
   if (!m_greeted) {
     m_greeting = wire::decodeHello(frame);
+    m_identity = "host:" + std::to_string(m_greeting.process) + '.' + wire::sessionText(m_greeting.session);
     m_greeted = true;
     return;
   }
@@ -125,7 +126,7 @@ void Peer::subscribed(const wire::Subscribe& frame, Listener& listener) {
   // A publication that is not there was withdrawn while the frame was on its way.
   const auto publication = m_publications.find(frame.source);
   if (publication && publication->addSubscriber(m_link, frame.token)) {
-    listener.subscriberJoined(*publication, m_greeting.name);
+    listener.subscriberJoined(*publication, name());
   }
 }
 
@@ -134,7 +135,7 @@ void Peer::unsubscribed(const wire::Unsubscribe& frame, Listener& listener) {
   if (!publication || !publication->removeSubscriber(*m_link)) {
     return;
   }
-  listener.subscriberLeft(*publication, m_greeting.name);
+  listener.subscriberLeft(*publication, name());
   // It may have been the one without room.
   if (publication->takeWaiting()) {
     listener.writable(*publication);
@@ -148,7 +149,7 @@ void Peer::message(wire::Bytes frame, Listener& listener) {
     return;
   }
   if (header.type == wire::Type::response) {
-    return listener.response(header.request, result.message);
+    return listener.response(header.request, m_identity, result.message);
   }
   HostRemoteSource& source = sourceOf(header.source);
   if (source.active()) {

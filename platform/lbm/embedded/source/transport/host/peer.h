@@ -64,7 +64,8 @@ class Peer {
       : m_link(std::move(link)), m_publications(publications) {}
 
   const std::shared_ptr<Link>& link() const noexcept { return m_link; }
-  const std::string& name() const noexcept { return m_greeting.name; }
+  // Of the context, or what stands for it if it has none.
+  const std::string& name() const noexcept { return m_greeting.name.empty() ? m_identity : m_greeting.name; }
   std::string description() const;  // for notices
 
   // Acts on one frame. Throws wire::Fault when the peer is to be cut off.
@@ -87,6 +88,7 @@ class Peer {
   PublicationRegistry& m_publications;
   bool m_greeted = false;
   wire::Greeting m_greeting;
+  std::string m_identity;  // unique in the domain
   wire::Reassembly m_reassembly;
   std::unordered_map<std::uint32_t, std::shared_ptr<HostRemoteSource>> m_sources;
 };
