@@ -85,7 +85,8 @@ function(price_connector_test name)
   add_executable(${name} ${arg_SOURCES})
   price_connector_compile_settings(${name})
   target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/source ${CMAKE_CURRENT_SOURCE_DIR}/../source)
-  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} price_connector_test_support GTest::gmock
+                                        GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS "${arg_LABELS}")
 endfunction()
 

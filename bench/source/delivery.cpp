@@ -2,7 +2,7 @@
 #include <lbm/lbm_cpp>
 
 #include "bench/bench.h"
-#include "bench/domain.h"
+#include "test_support/private_domain.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ class Delivered {
   operator lbm_msg_t*() const { return m_message; }
 
  private:
-  bench::PrivateDomain m_domain;
+  test_support::PrivateDomain m_domain;
   lbm::Message m_message;
 };
 
@@ -73,7 +73,7 @@ void ThroughC(benchmark::State& state) {
 void ThroughReceiver(benchmark::State& state) {
   bench::CompareWith(state, "ThroughC");
   const Delivered message;
-  const bench::PrivateDomain domain;
+  const test_support::PrivateDomain domain;
   lbm::ContextAttributes attributes;
   attributes.SetString("operational_mode", "sequential");
   lbm::Context context(attributes);

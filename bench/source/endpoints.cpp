@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "bench/bench.h"
-#include "bench/domain.h"
 #include "ps_common/config/config.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
+#include "test_support/private_domain.h"
 #include "zq/logging/log_level.h"
 
 namespace {
@@ -45,7 +45,7 @@ void CreateEndpoints(benchmark::State& state) {
     bench::CompareWith(state, "CreateEndpoints/1000/iterations:1/manual_time");
   }
   zq::logging::g_minLogLevel = zq::logging::ZQLOG_WARNING;
-  const bench::PrivateDomain domain;
+  const test_support::PrivateDomain domain;
   const int instances = static_cast<int>(state.range(0));
   const double endpoints = static_cast<double>(instances) * kEndpointsPerInstance;
   const auto config = ps_ns::Config::Parse("<Client><Logging/><General/></Client>");

@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "lbm/lbm_cpp"
+#include "test_support/private_domain.h"
 #include "zq/messaging/triage.pb.h"
 #include "zq/messaging/wire.pb.h"
 
@@ -17,17 +16,6 @@ namespace {
 
 using zq::messaging::Header;
 using zq::messaging::Wire;
-
-class PrivateDomain {
- public:
-  PrivateDomain() { ::setenv("LBM_RUNTIME_DIR", ::mkdtemp(m_directory.data()), 1); }
-  ~PrivateDomain() { std::filesystem::remove_all(m_directory); }
-  PrivateDomain(const PrivateDomain&) = delete;
-  PrivateDomain& operator=(const PrivateDomain&) = delete;
-
- private:
-  std::string m_directory = (std::filesystem::temp_directory_path() / "lbm-triage-XXXXXX").string();
-};
 
 ContextAttributes Sequential(const char* name) {
   ContextAttributes attributes;
@@ -48,7 +36,7 @@ std::string TestRequest(const std::string& id) {
 }
 
 TEST(TriageEngineTest, ARequestIsAnsweredAcrossTheEngine) {
-  const PrivateDomain domain;
+  const test_support::PrivateDomain domain;
   ::unsetenv("DISABLE_LBM_TRIAGE_HANDLER");
   ::unsetenv("TRIAGE_HANDLER_USE_EVENT_QUEUE");
   ::unsetenv("LBM_TRIAGE_HANDLER_TOPIC_PREFIX");

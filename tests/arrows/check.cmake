@@ -8,7 +8,7 @@ cmake_minimum_required(VERSION 3.25)
 set(engine platform/lbm/embedded/source)
 set(arrows
     "tools -> price_server/ps_common/connector"
-    "bench -> price_server/ps_common/connector platform/lbm/scripted"
+    "bench -> price_server/ps_common/connector platform/lbm/scripted tests/support"
     "price_server/ps_common/connector -> lbm price_server/ps_common/config misc/logger platform/onload"
     "price_server/ps_common/config ->"
     "lbm -> platform/lbm messaging misc/logger"
@@ -23,10 +23,11 @@ set(arrows
     "${engine}/transport ->"
     "${engine}/system ->"
     "platform/lbm/scripted -> platform/lbm"
-    "platform/lbm ->")
+    "platform/lbm ->"
+    "tests/support ->")
 
-# A room's tests may use the test kit too.
-set(test_kit platform/lbm/scripted)
+# A room's tests may use the test kit too, and what they share.
+set(test_kit platform/lbm/scripted tests/support)
 
 # Headers that are not in the source tree because they are generated: a pattern, and the room that has them.
 set(generated_pattern "\\.pb\\.h$")

@@ -23,6 +23,7 @@
 
 #include "backend/line_format.h"
 #include "backend/output.h"
+#include "test_support/temporary_directory.h"
 #include "zq/logging/default_backend.h"
 
 namespace zq::logging {
@@ -47,16 +48,7 @@ std::vector<std::string> LinesOf(const std::string& path) {
 
 class BackendTest : public ::testing::Test {
  protected:
-  BackendTest() {
-    std::string name = std::filesystem::temp_directory_path() / "backend_test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed for " + name);
-    }
-    m_directory = name;
-  }
-  ~BackendTest() override { std::filesystem::remove_all(m_directory); }
-
-  std::string File(const char* name) const { return m_directory / name; }
+  std::string File(const char* name) const { return m_directory.Path() / name; }
 
   // Runs the child program with these environment settings; its standard error is then in Console().
   int Run(const std::string& environment, const std::string& what) const {
@@ -67,7 +59,7 @@ class BackendTest : public ::testing::Test {
   }
   std::vector<std::string> Console() const { return LinesOf(File("console")); }
 
-  std::filesystem::path m_directory;
+  const test_support::TemporaryDirectory m_directory;
 };
 
 std::string Line(const Statement& statement) {
@@ -196,7 +188,7 @@ TEST_F(BackendTest, AFullFileIsReportedOnceAndWrittenAgainWhenThereIsRoom) {
 }
 
 TEST_F(BackendTest, AFileThatCanNotBeOpenedIsTriedAgain) {
-  const std::string path = m_directory / "later" / "log";
+  const std::string path = m_directory.Path() / "later" / "log";
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   {
     const StandardErrorTo console(File("console"));
@@ -204,7 +196,7 @@ TEST_F(BackendTest, AFileThatCanNotBeOpenedIsTriedAgain) {
     output.SetFile(path);
     output.Write("lost\n");
     output.Flush();
-    std::filesystem::create_directory(m_directory / "later");
+    std::filesystem::create_directory(m_directory.Path() / "later");
     while (LinesOf(path).empty() && std::chrono::steady_clock::now() < deadline) {
       output.Write("kept\n");
       output.Flush();

@@ -2,9 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <fstream>
+
+#include "test_support/temporary_directory.h"
 
 namespace feed {
 namespace {
@@ -15,15 +16,8 @@ const Symbol kDaily = *Symbol::Parse("SP500");
 
 class PricesFileTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "pricesXXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(m_directory); }
-
   std::string Write(const std::string& content) const {
-    const auto path = (m_directory / "prices.csv").string();
+    const auto path = (m_directory.Path() / "prices.csv").string();
     std::ofstream(path, std::ios::binary) << content;
     return path;
   }
@@ -37,7 +31,7 @@ class PricesFileTest : public testing::Test {
     return "no error";
   }
 
-  std::filesystem::path m_directory;
+  const test_support::TemporaryDirectory m_directory;
 };
 
 TEST_F(PricesFileTest, ReadsTheFilesThatComeWithTheSystem) {
@@ -104,9 +98,9 @@ TEST_F(PricesFileTest, NamesFileAndLineOfWhatIsWrong) {
 }
 
 TEST_F(PricesFileTest, SaysWhyAFileCannotBeRead) {
-  EXPECT_THAT(ErrorOf((m_directory / "absent").string()),
+  EXPECT_THAT(ErrorOf((m_directory.Path() / "absent").string()),
               HasSubstr("absent: cannot read the prices file: No such file or directory"));
-  EXPECT_THAT(ErrorOf(m_directory.string()), HasSubstr("cannot read the prices file: Is a directory"));
+  EXPECT_THAT(ErrorOf(m_directory.Path().string()), HasSubstr("cannot read the prices file: Is a directory"));
 }
 
 TEST(Price, KeepsEveryDigitAndDropsTrailingZeros) {

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,19 +10,15 @@
 #include <string>
 #include <system_error>
 
+#include "test_support/temporary_directory.h"
+
 namespace price_server {
 namespace {
 
 class InstanceLockTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = testing::TempDir() + "lockXXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_directory = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(m_directory); }
-
-  std::filesystem::path m_directory;
+  const test_support::TemporaryDirectory m_temporary;
+  const std::filesystem::path& m_directory = m_temporary.Path();
 };
 
 TEST_F(InstanceLockTest, IsHeldByOneAtATimeAndLeavesNothing) {

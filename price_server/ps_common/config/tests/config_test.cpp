@@ -2,12 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+
+#include "test_support/temporary_directory.h"
 
 namespace ps_ns {
 namespace {
@@ -55,25 +56,6 @@ std::string Nested(std::size_t depth) {
   }
   return xml;
 }
-
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string name = std::filesystem::temp_directory_path() / "config_test.XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed for " + name);
-    }
-    m_path = name;
-  }
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  ~TemporaryDirectory() { std::filesystem::remove_all(m_path); }
-
-  const std::filesystem::path& Path() const { return m_path; }
-
- private:
-  std::filesystem::path m_path;
-};
 
 TEST(ConfigTest, LookupsTakeNamesBelowTheRootAndFullPaths) {
   const auto config = Config::Parse(kText);
@@ -209,7 +191,7 @@ TEST(ConfigTest, ManyAttributesOfOneElementAreReadInTime) {
 }
 
 TEST(ConfigTest, LoadReadsTheFile) {
-  const TemporaryDirectory directory;
+  const test_support::TemporaryDirectory directory;
   const std::string path = directory.Path() / "client.xml";
   std::ofstream(path) << kText;
   const auto config = Config::Load(path, "PSConfig");
@@ -218,7 +200,7 @@ TEST(ConfigTest, LoadReadsTheFile) {
 }
 
 TEST(ConfigTest, FilesThatCanNotBeReadSayWhy) {
-  const TemporaryDirectory directory;
+  const test_support::TemporaryDirectory directory;
   const std::string missing = directory.Path() / "missing.xml";
   EXPECT_THAT(ErrorOf([&] { Config::Load(missing); }), AllOf(StartsWith(missing), HasSubstr("No such file")));
   EXPECT_THAT(ErrorOf([&] { Config::Load(directory.Path()); }), HasSubstr("is a directory"));

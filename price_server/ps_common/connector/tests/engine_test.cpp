@@ -4,8 +4,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -14,6 +12,7 @@
 
 #include "ps_common/config/config.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
+#include "test_support/private_domain.h"
 #include "zq/logging/testing/log_capture.h"
 
 namespace ps_ns {
@@ -62,22 +61,6 @@ testing::AssertionResult Reaches(lbm::Source& source, const std::string& text, I
 
 class ManagerOnTheEngine : public testing::Test {
  protected:
-  // Contexts made while it lives meet in a runtime directory of their own.
-  class Domain {
-   public:
-    Domain() {
-      std::string pattern = (std::filesystem::temp_directory_path() / "connector-test-XXXXXX").string();
-      m_directory = ::mkdtemp(pattern.data());
-      ::setenv("LBM_RUNTIME_DIR", m_directory.c_str(), 1);
-    }
-    ~Domain() { std::filesystem::remove_all(m_directory); }
-    Domain(const Domain&) = delete;
-    Domain& operator=(const Domain&) = delete;
-
-   private:
-    std::filesystem::path m_directory;
-  };
-
   ManagerOnTheEngine() { LogCapture::Clear(); }
 
   void EndManager() {
@@ -93,7 +76,7 @@ class ManagerOnTheEngine : public testing::Test {
     return std::make_unique<lbm::Source>(m_server, lbm::SourceTopic(m_server, topic, {}), lbm::Source::Callback());
   }
 
-  Domain m_domain;
+  test_support::PrivateDomain m_domain;
   lbm::Context m_server{lbm::ContextAttributes()};
   std::unique_ptr<LbmClientResourceMgr> m_manager = std::make_unique<LbmClientResourceMgr>(
       Config::Parse(R"(<PSConfig><Logging lbmNotifications="1"/><General/></PSConfig>)"), "a_client", false, -1, 1000,

@@ -6,38 +6,25 @@
 #include <lbm/lbm.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
+
+#include "test_support/private_domain.h"
 
 namespace engine_test {
 
 // A runtime directory for the life of a test.
 class PrivateDomain : public ::testing::Test {
  protected:
-  PrivateDomain() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "lbm-test-XXXXXX").string();
-    m_directory = ::mkdtemp(pattern.data());
-    ::setenv("LBM_RUNTIME_DIR", m_directory.c_str(), 1);
-  }
-  ~PrivateDomain() override {
-    // A context that was deleted in its own callback may be taking its socket away at this moment.
-    std::error_code error;
-    do {
-      std::filesystem::remove_all(m_directory, error);
-    } while (error == std::errc::no_such_file_or_directory);
-  }
-
-  const std::filesystem::path& directory() const { return m_directory; }
+  const std::filesystem::path& directory() const { return m_domain.Directory(); }
 
  private:
-  std::filesystem::path m_directory;
+  const test_support::PrivateDomain m_domain;
 };
 
 using Options = std::initializer_list<std::pair<const char*, const char*>>;

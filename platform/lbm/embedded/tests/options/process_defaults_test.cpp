@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "failures.h"
+#include "test_support/temporary_directory.h"
 
 namespace engine {
 namespace {
@@ -21,18 +22,11 @@ using testing::StartsWith;
 
 class ConfigFile : public testing::Test {
  protected:
-  ConfigFile() {
-    std::string pattern = testing::TempDir() + "engine-options-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    m_directory = pattern;
-  }
-  ~ConfigFile() override { std::filesystem::remove_all(m_directory); }
-
-  std::string path() const { return m_directory / "lbm.cfg"; }
+  std::string path() const { return m_directory.Path() / "lbm.cfg"; }
 
   void write(const std::string& content) const { std::ofstream(path(), std::ios::binary) << content; }
 
-  std::filesystem::path m_directory;
+  const test_support::TemporaryDirectory m_directory;
 };
 
 TEST_F(ConfigFile, SetsWhatEveryLaterSetBeginsWith) {
@@ -80,7 +74,7 @@ TEST_F(ConfigFile, AWrongLineIsNamedAndNothingChanges) {
 TEST_F(ConfigFile, OneThatCannotBeReadOrIsTooLargeIsRefused) {
   ProcessDefaults defaults("");
   EXPECT_THROW(defaults.load(path()), std::system_error);
-  EXPECT_THROW(defaults.load(m_directory), std::system_error);
+  EXPECT_THROW(defaults.load(m_directory.Path()), std::system_error);
   write(std::string(configFileBytesMax, '#'));
   defaults.load(path());
   write(std::string(configFileBytesMax + 1, '#'));
@@ -121,7 +115,7 @@ class ProcessConfig : public ConfigFile {
 
   [[noreturn]] void printAndExit(const std::string& text) {
     std::fputs(text.c_str(), stderr);
-    std::filesystem::remove_all(m_directory);
+    std::filesystem::remove_all(m_directory.Path());
     std::_Exit(0);
   }
 };

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -15,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "test_support/temporary_directory.h"
 #include "transport/host/host_transport.h"
 
 namespace engine::transport::host {
@@ -22,22 +22,11 @@ namespace engine::transport::host {
 // A runtime directory of the test's own.
 class ScratchDirectory {
  public:
-  ScratchDirectory() {
-    std::string path = testing::TempDir() + "transport-XXXXXX";
-    m_path = ::mkdtemp(path.data());
-  }
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-  }
-  ScratchDirectory(const ScratchDirectory&) = delete;
-  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-  const std::string& path() const { return m_path; }
+  std::string path() const { return m_directory.Path(); }
 
   std::vector<std::string> sockets() const {
     std::vector<std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(m_path + "/test")) {
+    for (const auto& entry : std::filesystem::directory_iterator(m_directory.Path() / "test")) {
       if (entry.is_socket()) {
         found.push_back(entry.path());
       }
@@ -46,7 +35,7 @@ class ScratchDirectory {
   }
 
  private:
-  std::string m_path;
+  const test_support::TemporaryDirectory m_directory;
 };
 
 inline HostSettings settingsIn(const ScratchDirectory& directory, const std::string& name = "") {
