@@ -235,16 +235,27 @@ std::string EncodeMessage(const Message& message) {
   return ToJson(message).dump();
 }
 
-// Memory is bounded by the size, and neither the parser nor the end of a value recurses.
+// Memory is bounded by the size, and neither the parser nor the end of a value recurses. What is not JSON gives a value
+// that is no object.
+Json Parse(std::string_view bytes) {
+  return bytes.size() > kMaxJsonMessageSize ? Json() : Json::parse(bytes, nullptr, false);
+}
+
 template <HasFields Message>
 std::optional<Message> DecodeMessage(std::string_view bytes) {
-  if (bytes.size() > kMaxJsonMessageSize) return std::nullopt;
   std::optional<Message> message(std::in_place);
-  if (!FromJson(Json::parse(bytes, nullptr, false), *message)) message.reset();
+  if (!FromJson(Parse(bytes), *message)) message.reset();
   return message;
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> DecodeMessageID(std::string_view bytes) noexcept {
+  std::uint64_t id = 0;
+  const auto json = Parse(bytes);
+  const auto found = json.find("id");
+  return found != json.end() && FromJson(*found, id) ? std::optional(id) : std::nullopt;
+}
 
 std::string_view ToString(ServerState state) { return state == ServerState::kOpen ? "open" : "closing"; }
 

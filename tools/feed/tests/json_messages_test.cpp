@@ -156,6 +156,16 @@ TEST(JsonMessages, WithAFieldOutOfRangeAreNone) {
   }
 }
 
+TEST(JsonMessages, MayHaveAnIDThoughTheyCannotBeRead) {
+  EXPECT_EQ(DecodeCommand(R"({"id": 7, "command": 8})"), std::nullopt);
+  EXPECT_EQ(DecodeMessageID(R"({"id": 7, "command": 8})"), 7);
+  for (const char* bytes : {"", "7", "null", "[7]", R"(["id", 7])", R"("id")", R"({"ID": 7})", R"({"id": -7})",
+                            R"({"id": "7"})", R"({"id": 7)", R"({"id": 18446744073709551616})"}) {
+    EXPECT_EQ(DecodeMessageID(bytes), std::nullopt) << bytes;
+  }
+  EXPECT_EQ(DecodeMessageID(R"({"id": 7, "x": ")" + std::string(kMaxJsonMessageSize, 'x') + R"("})"), std::nullopt);
+}
+
 TEST(JsonMessages, MakeOneLineOfEveryText) {
   std::mt19937 random(2);
   for (int i = 0; i < 500; ++i) {

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
 
 namespace feed {
 
@@ -12,5 +15,8 @@ namespace feed {
 //
 // The Decode functions take any bytes whatever, and give nothing for more than this many.
 constexpr std::size_t kMaxJsonMessageSize = 64 * 1024;
+
+// The field "id" of an object that may be no message otherwise: for answers to what cannot be read.
+std::optional<std::uint64_t> DecodeMessageID(std::string_view bytes) noexcept;
 
 }  // namespace feed
