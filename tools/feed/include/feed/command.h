@@ -14,7 +14,7 @@ namespace feed {
 
 // Values of Command::name.
 constexpr std::string_view kReportCommand = "report";  // answer with the figures so far
-constexpr std::string_view kPauseCommand = "pause";    // show nothing more until kResumeCommand; receiving goes on
+constexpr std::string_view kPauseCommand = "pause";    // take no prices until kResumeCommand
 constexpr std::string_view kResumeCommand = "resume";
 constexpr std::string_view kQuitCommand = "quit";  // answer, then end in order
 
