@@ -2,18 +2,19 @@
 
 #include <boost/property_tree/exceptions.hpp>
 #include <cstddef>
-#include <span>
 #include <string>
+#include <utility>
 
 #include "feed/exit_code.h"
-#include "feed/price_message.h"
-#include "lbm/message.h"
 #include "ps_common/config/config.h"
 
 namespace price_client {
 namespace {
 
 constexpr unsigned kProcessEventTimeoutMs = 100;
+
+// Commands that may wait to be obeyed. Whoever sends more at once gets no answer to them.
+constexpr std::size_t kMaxPendingCommands = 1024;
 
 ps_ns::ConfigPtr LoadConfig(const std::string& path) {
   try {
@@ -23,32 +24,9 @@ ps_ns::ConfigPtr LoadConfig(const std::string& path) {
   }
 }
 
-// Runs on the dispatch thread.
-void Deliver(InstanceMonitor& monitor, unsigned segment, const lbm::Message& message) noexcept {
-  switch (message.Type()) {
-    case LBM_MSG_DATA:
-      monitor.OnData(segment, std::as_bytes(std::span(message.Data(), message.Length())), feed::RealTimeNanoseconds());
-      break;
-    case LBM_MSG_BOS:
-      monitor.OnSessionBegin(segment);
-      break;
-    case LBM_MSG_EOS:
-      monitor.OnSessionEnd(segment);
-      break;
-    case LBM_MSG_UNRECOVERABLE_LOSS:
-      monitor.OnLoss(1);
-      break;
-    case LBM_MSG_UNRECOVERABLE_LOSS_BURST:
-      monitor.OnLoss(message.Length());
-      break;
-    default:
-      break;
-  }
-}
-
 }  // namespace
 
-Client::Client(const Options& options) {
+Client::Client(const Options& options, std::function<void()> wake) : m_mailbox(std::move(wake)) {
   const auto config = LoadConfig(options.configFile);
   // Called once after each round of event processing; there is no work to do.
   const auto beat = [this] {
@@ -62,34 +40,95 @@ Client::Client(const Options& options) {
     throw feed::UsageError(options.configFile + ": " + error.what());
   }
   try {
+    const auto maxSilence = std::chrono::duration_cast<Clock::duration>(options.maxSilence);
     for (const auto& instance : options.instances) {
-      auto* monitor =
-          m_monitors.emplace_back(std::make_unique<InstanceMonitor>(instance.ToString(), options.segments)).get();
-      for (unsigned short segment = 0; segment < options.segments; ++segment) {
-        std::string topicName;
-        m_receivers.push_back(m_manager->CreateClientDataReceiver(
-            instance, segment, [monitor, segment](lbm::Message message) { Deliver(*monitor, segment, message); },
-            topicName));
-      }
+      m_subscriptions.push_back(std::make_unique<Subscription>(*m_manager, m_mailbox, m_subscriptions.size(), instance,
+                                                               options.segments, maxSilence));
+      m_subscriptions.back()->StartPrices();
     }
+    // Last, so that whoever gets an answer knows that all else is there.
+    m_commands.emplace(*m_manager, m_mailbox, options.host, options.clientID);
   } catch (...) {
     Stop();
     throw;
   }
+  m_self.id = options.clientID;
+  m_self.host = options.host;
 }
 
-std::vector<InstanceSnapshot> Client::Read() const {
-  std::vector<InstanceSnapshot> snapshots;
-  snapshots.reserve(m_monitors.size());
-  for (const auto& monitor : m_monitors) snapshots.push_back(monitor->Read());
-  return snapshots;
+void Client::Work(Clock::time_point now) {
+  TakeInMail(now);
+  for (const auto& subscription : m_subscriptions) subscription->Pursue(now);
+}
+
+void Client::TakeInMail(Clock::time_point now) {
+  for (const auto& mail : m_mailbox.Collect()) {
+    if (mail.kind == Mail::Kind::kCommand) {
+      TakeInCommand(mail.message);
+    } else {
+      m_subscriptions[mail.instance]->TakeIn(mail, now);
+    }
+  }
+}
+
+void Client::TakeInCommand(const lbm::Message& message) {
+  if (message.Type() != LBM_MSG_DATA && message.Type() != LBM_MSG_REQUEST) return;
+  auto command = m_commands->Read({message.Data(), message.Length()});
+  if (!command) {
+    ++m_self.malformedCommands;
+  } else if (m_pendingCommands.size() < kMaxPendingCommands) {
+    m_pendingCommands.push_back(std::move(*command));
+  }
+}
+
+std::optional<feed::Command> Client::NextCommand() {
+  if (m_pendingCommands.empty()) return std::nullopt;
+  ++m_self.commands;
+  auto command = std::move(m_pendingCommands.front());
+  m_pendingCommands.pop_front();
+  return command;
+}
+
+void Client::Pause(Clock::time_point now) {
+  if (m_isPaused) return;
+  StopPrices(now);
+  m_isPaused = true;
+}
+
+void Client::Resume(Clock::time_point now) {
+  if (!m_isPaused) return;
+  try {
+    for (const auto& subscription : m_subscriptions) subscription->StartPrices();
+  } catch (...) {
+    StopPrices(now);
+    throw;
+  }
+  m_isPaused = false;
+}
+
+void Client::StopPrices(Clock::time_point now) {
+  for (const auto& subscription : m_subscriptions) subscription->StopPrices();
+  TakeInMail(now);
+  for (const auto& subscription : m_subscriptions) subscription->PricesStopped();
+}
+
+Snapshot Client::Read(Clock::time_point now) const {
+  Snapshot snapshot;
+  snapshot.client = m_self;
+  snapshot.client.isPaused = m_isPaused;
+  snapshot.client.dropped = m_mailbox.Dropped();
+  snapshot.instances.reserve(m_subscriptions.size());
+  for (const auto& subscription : m_subscriptions) snapshot.instances.push_back(subscription->Read(now));
+  return snapshot;
 }
 
 void Client::Stop() {
   if (!m_manager) return;
   m_manager->Shutdown();
-  // Receivers go before the context that they were made from.
-  m_receivers.clear();
+  if (m_commands) TakeInMail(Clock::now());
+  // Endpoints go before the context that they were made from; those of the command channel are the manager's.
+  for (const auto& subscription : m_subscriptions) subscription->Close();
+  m_commands.reset();
   m_manager.reset();
 }
 

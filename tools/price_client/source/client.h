@@ -2,30 +2,57 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <vector>
 
-#include "instance_monitor.h"
+#include "command_channel.h"
+#include "mailbox.h"
 #include "options.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
 #include "snapshot.h"
+#include "subscription.h"
 
 namespace price_client {
 
-// Receives every segment of every instance from construction until Stop.
+// Receives everything of every instance, and commands, from construction until Stop.
 //
-// Threads: for one thread, which has to have blocked the signals that it waits for.
+// Threads: for one thread, which has to have blocked the signals that it waits for. The connector's dispatch thread
+// takes in prices by itself, and all else as far as the mailbox.
 class Client {
  public:
-  // Throws feed::UsageError for a configuration that cannot be used, lbm::LbmError when messaging is not possible.
-  explicit Client(const Options& options);
+  using Clock = Subscription::Clock;
+
+  // wake is called on the dispatch thread when something has come that Work should see at once. Throws
+  // feed::UsageError for a configuration that cannot be used, lbm::LbmError when messaging is not possible.
+  Client(const Options& options, std::function<void()> wake);
   ~Client() { Stop(); }
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // What every instance has delivered so far. After Stop this is final.
-  std::vector<InstanceSnapshot> Read() const;
+  // Takes in what has come besides prices, and sends what is due. To be called several times a second.
+  void Work(Clock::time_point now);
+
+  // The next command that Work has taken in; each must be answered.
+  std::optional<feed::Command> NextCommand();
+  void Answer(const feed::Command& command, std::string_view result, std::string text = {},
+              feed::CommandAnswer::Figures figures = {}) {
+    m_commands->Answer(command, result, std::move(text), std::move(figures));
+  }
+
+  // While the client is paused it listens to no prices; servers do not even send them to it. Neither does anything
+  // when it is so already. Resume throws lbm::LbmError, and the client stays paused then.
+  void Pause(Clock::time_point now);
+  void Resume(Clock::time_point now);
+  bool IsPaused() const { return m_isPaused; }
+
+  // What is known by now; without rates and the time that has passed. After Stop this is final.
+  Snapshot Read(Clock::time_point now) const;
 
   // Grows while the dispatch thread is at work, several times a second even when nothing arrives.
   std::uint64_t Heartbeat() const { return m_heartbeat.load(std::memory_order_relaxed); }
@@ -34,10 +61,18 @@ class Client {
   void Stop();
 
  private:
-  std::vector<std::unique_ptr<InstanceMonitor>> m_monitors;
+  void TakeInMail(Clock::time_point now);
+  void TakeInCommand(const lbm::Message& message);
+  void StopPrices(Clock::time_point now);
+
+  Mailbox m_mailbox;
   std::atomic<std::uint64_t> m_heartbeat{0};
+  ClientSnapshot m_self;
+  bool m_isPaused = false;
+  std::deque<feed::Command> m_pendingCommands;
   std::unique_ptr<ps_ns::LbmClientResourceMgr> m_manager;
-  std::vector<ps_ns::ReceiverPtr> m_receivers;
+  std::vector<std::unique_ptr<Subscription>> m_subscriptions;
+  std::optional<CommandChannel> m_commands;
 };
 
 }  // namespace price_client

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 
 namespace price_client {
@@ -19,6 +20,21 @@ std::string FormatLatency(std::uint64_t nanoseconds) {
   std::size_t unit = 0;
   for (; value >= 999.5 && unit + 1 < kUnits.size(); ++unit) value /= 1e3;
   return fmt::format("{:.{}f} {}", value, value < 9.995 ? 2 : value < 99.95 ? 1 : 0, kUnits[unit]);
+}
+
+std::string FormatDuration(double seconds) {
+  const auto whole = static_cast<std::uint64_t>(std::clamp(seconds, 0.0, 1e15));
+  return fmt::format("{:02}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
+std::string ToAscii(std::string_view text) {
+  std::string ascii;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool continues = (byte & 0xc0U) == 0x80;
+    if (!continues) ascii += byte < 0x80 ? c : '?';
+  }
+  return ascii;
 }
 
 }  // namespace price_client

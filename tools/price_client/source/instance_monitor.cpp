@@ -12,28 +12,28 @@ InstanceMonitor::InstanceMonitor(std::string name, unsigned segments)
 }
 
 void InstanceMonitor::NoteLive(Segment& segment) noexcept {
-  if (++segment.liveSources > 1) return;
-  if (m_liveSegments.Get() == 0) m_appearances.Add();
-  m_liveSegments.Add();
+  if (++segment.liveSources == 1) m_liveSegments.Add();
 }
 
 void InstanceMonitor::OnSessionBegin(unsigned segment) noexcept { NoteLive(m_segments[segment]); }
 
-void InstanceMonitor::OnSessionEnd(unsigned segment) noexcept {
+bool InstanceMonitor::OnSessionEnd(unsigned segment) noexcept {
   Segment& state = m_segments[segment];
-  if (state.liveSources == 0 || --state.liveSources > 0) return;
-  state.ended = true;
-  m_liveSegments.Set(m_liveSegments.Get() - 1);
+  if (state.liveSources == 0) return false;
+  state.sessions.SourceEnded();
+  if (--state.liveSources == 0) m_liveSegments.Set(m_liveSegments.Get() - 1);
+  return true;
 }
 
-void InstanceMonitor::OnData(unsigned segment, std::span<const std::byte> data, std::int64_t arrivedAt) noexcept {
+bool InstanceMonitor::OnData(unsigned segment, std::span<const std::byte> data, std::int64_t arrivedAt) noexcept {
   const auto message = feed::DecodePriceMessage(data);
   if (!message || message->segment != segment) {
     m_malformed.Add();
-    return;
+    return false;
   }
   Segment& state = m_segments[segment];
-  if (state.liveSources == 0) NoteLive(state);
+  const bool isUnannounced = state.liveSources == 0;
+  if (isUnannounced) NoteLive(state);
   NoteSequence(state, *message);
   NotePrice(*message);
   // Clocks of different machines may disagree, and any clock may be set: an
@@ -42,30 +42,35 @@ void InstanceMonitor::OnData(unsigned segment, std::span<const std::byte> data, 
   if (m_firstAt.Get() == 0) m_firstAt.Set(static_cast<std::uint64_t>(arrivedAt));
   m_lastAt.Set(static_cast<std::uint64_t>(arrivedAt));
   m_updates.Add();
+  return isUnannounced;
+}
+
+void InstanceMonitor::Detach() noexcept {
+  std::fill(m_segments.begin(), m_segments.end(), Segment());
+  m_liveSegments.Set(0);
 }
 
 void InstanceMonitor::NoteSequence(Segment& segment, const feed::PriceMessage& message) noexcept {
-  if (message.session == segment.session) {
-    if (message.sequence > segment.sequence + 1) {
+  switch (segment.sessions.Take(message.session)) {
+    case SessionTracker::Order::kStale:
+      return;
+    case SessionTracker::Order::kSame:
+      if (message.sequence > segment.sequence + 1) {
+        m_gaps.Add();
+        m_missed.Add(message.sequence - segment.sequence - 1);
+      }
+      segment.sequence = std::max(segment.sequence, message.sequence);
+      return;
+    case SessionTracker::Order::kNext:
+      // Unlike what came before the first update, this was meant for this
+      // client.
       m_gaps.Add();
-      m_missed.Add(message.sequence - segment.sequence - 1);
-    }
-    segment.sequence = std::max(segment.sequence, message.sequence);
-    return;
+      m_missed.Add(message.sequence - 1);
+      break;
+    case SessionTracker::Order::kFirst:
+      break;
   }
-  // The last messages of a server that was killed may arrive among the first of
-  // its successor. Once they are through, a lesser session is new all the same:
-  // the server's clock was set back.
-  if (message.session < segment.session && !segment.ended) return;
-  // What came before the first update ever seen was not meant for this client.
-  // After a restart it was.
-  if (segment.session != 0) {
-    m_gaps.Add();
-    m_missed.Add(message.sequence - 1);
-  }
-  segment.session = message.session;
   segment.sequence = message.sequence;
-  segment.ended = false;
   if (message.session != m_session) {
     if (m_session != 0) m_restarts.Add();
     m_session = message.session;
@@ -107,14 +112,6 @@ InstanceSnapshot InstanceMonitor::Read() const {
   snapshot.name = m_name;
   snapshot.segments = static_cast<unsigned>(m_segments.size());
   snapshot.liveSegments = static_cast<unsigned>(m_liveSegments.Get());
-  const auto appearances = m_appearances.Get();
-  if (appearances == 0) {
-    snapshot.state = InstanceState::kNeverSeen;
-  } else if (snapshot.liveSegments == 0) {
-    snapshot.state = InstanceState::kGone;
-  } else {
-    snapshot.state = appearances == 1 ? InstanceState::kUp : InstanceState::kBack;
-  }
   auto& totals = snapshot.totals;
   totals.updates = m_updates.Get();
   totals.gaps = m_gaps.Get();

@@ -1,5 +1,5 @@
-// What arrives from one server instance, taken in on the dispatch thread and
-// read by the view.
+// The prices that arrive from one server instance, taken in on the dispatch
+// thread and read by the view.
 #pragma once
 
 #include <array>
@@ -15,6 +15,7 @@
 #include "feed/price_message.h"
 #include "latency_histogram.h"
 #include "seqlock.h"
+#include "session_tracker.h"
 #include "snapshot.h"
 
 namespace price_client {
@@ -34,26 +35,31 @@ class InstanceMonitor {
   InstanceMonitor(std::string name, unsigned segments);
 
   // A source of the segment appeared, or went. Both may overlap when a server
-  // is replaced by another.
+  // is replaced by another. The latter returns whether that source was known.
   void OnSessionBegin(unsigned segment) noexcept;
-  void OnSessionEnd(unsigned segment) noexcept;
+  bool OnSessionEnd(unsigned segment) noexcept;
 
   // Any bytes whatever that came as data; arrivedAt as
-  // feed::RealTimeNanoseconds counts.
-  void OnData(unsigned segment, std::span<const std::byte> data, std::int64_t arrivedAt) noexcept;
+  // feed::RealTimeNanoseconds counts. Returns whether they made a source known
+  // that had not appeared before.
+  bool OnData(unsigned segment, std::span<const std::byte> data, std::int64_t arrivedAt) noexcept;
 
   // The messaging library reported that messages are lost for good.
   void OnLoss(std::uint64_t messages) noexcept { m_lost.Add(messages); }
 
-  // Without the current rate, which takes two readings.
+  // The client has stopped to listen, and may begin anew: what it misses
+  // meanwhile is no gap.
+  // Threads: any, while no On function can be called.
+  void Detach() noexcept;
+
+  // What prices tell; without the current rate, which takes two readings.
   InstanceSnapshot Read() const;
 
  private:
   struct Segment {
-    std::uint64_t session = 0;
-    std::uint64_t sequence = 0;
+    SessionTracker sessions;
+    std::uint64_t sequence = 0;  // within the session
     unsigned liveSources = 0;
-    bool ended = false;  // every source of the session is gone
   };
   static constexpr std::size_t kIndexSize = 2 * kMaxSymbols;
 
@@ -76,7 +82,6 @@ class InstanceMonitor {
   std::vector<Seqlock<SymbolSnapshot>> m_published;
   std::atomic<std::size_t> m_publishedCount{0};
   Counter m_liveSegments;
-  Counter m_appearances;  // times that the first segment came alive
   Counter m_updates;
   Counter m_gaps;
   Counter m_missed;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "format.h"
+#include "report.h"
 
 namespace price_client {
 namespace {
@@ -85,15 +86,17 @@ Style StyleOf(InstanceState state) {
 }
 
 void AddHeader(Frame& frame, const Snapshot& snapshot) {
-  const auto total = snapshot.Total();
-  double rate = 0;
-  for (const auto& instance : snapshot.instances) rate += instance.currentRate;
-  const auto seconds = static_cast<unsigned long>(snapshot.elapsedSeconds);
   frame.Add("price_client", Style::kBold)
-      .Add(fmt::format("  {:02}:{:02}:{:02}  {} updates  {}/s  ", seconds / 3600, seconds / 60 % 60, seconds % 60,
-                       FormatCount(total.updates), FormatCount(static_cast<std::uint64_t>(std::llround(rate)))))
-      .Add("Ctrl-C ends", Style::kDim)
-      .EndLine();
+      .Add(fmt::format("  {}  {} updates  {}/s  ", FormatDuration(snapshot.elapsedSeconds),
+                       FormatCount(snapshot.Total().updates),
+                       FormatCount(static_cast<std::uint64_t>(std::llround(snapshot.CurrentRate())))));
+  if (snapshot.client.isPaused) frame.Add("paused", Style::kYellow).Add("  ");
+  frame.Add("Ctrl-C ends", Style::kDim).EndLine();
+  frame.Add(fmt::format("client {} on host {}", snapshot.client.id, snapshot.client.host), Style::kDim);
+  if (snapshot.client.dropped > 0) {
+    frame.Add(fmt::format("  dropped {}", FormatCount(snapshot.client.dropped)), Style::kRed);
+  }
+  frame.EndLine();
 }
 
 void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
@@ -113,6 +116,23 @@ void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
   frame.EndLine();
 }
 
+Style StyleOfServer(const InstanceSnapshot& instance) {
+  if (instance.state == InstanceState::kGone) return instance.HasClosedInOrder() ? Style::kYellow : Style::kRed;
+  if (!instance.status) return Style::kDim;
+  if (instance.status->isSilent) return Style::kRed;
+  return instance.status->last.state == feed::ServerState::kClosing ? Style::kYellow : Style::kPlain;
+}
+
+// What the server tells besides prices.
+void AddServer(Frame& frame, const InstanceSnapshot& instance) {
+  const auto& notices = instance.notices;
+  frame.Add("  ").Add(ServerText(instance), StyleOfServer(instance));
+  frame.Add(fmt::format("  products {}  RFQs {}  news {}", FormatCount(notices.products.size()),
+                        FormatCount(notices.rfqs), FormatCount(notices.news)));
+  if (notices.lastNews) frame.Add("  " + ToAscii(notices.lastNews->headline), Style::kDim);
+  frame.EndLine();
+}
+
 void AddSymbol(Frame& frame, const SymbolSnapshot& symbol) {
   const auto style = symbol.price > symbol.previousPrice   ? Style::kGreen
                      : symbol.price < symbol.previousPrice ? Style::kRed
@@ -128,14 +148,18 @@ void AddSymbol(Frame& frame, const SymbolSnapshot& symbol) {
 std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) {
   Frame frame(size, colour);
   AddHeader(frame, snapshot);
+  // Every instance gets a row before any gets one for what its server tells, and those come before rows for symbols;
+  // one row is kept for what is hidden.
+  const auto instances = static_cast<unsigned>(snapshot.instances.size());
+  const bool withServers = frame.RowsLeft() > 2 * instances;
+  auto kept = instances * (withServers ? 2 : 1) + 1;
   std::size_t hidden = 0;
-  for (std::size_t i = 0; i < snapshot.instances.size() && frame.RowsLeft() > 0; ++i) {
-    const auto& instance = snapshot.instances[i];
-    // Every instance gets its own row before any gets rows for symbols; one row
-    // is kept for what is hidden.
-    const auto rowsOfOthers = static_cast<unsigned>(snapshot.instances.size() - i);
-    const auto room = frame.RowsLeft() > rowsOfOthers + 1 ? frame.RowsLeft() - rowsOfOthers - 1 : 0;
+  for (const auto& instance : snapshot.instances) {
+    if (frame.RowsLeft() == 0) break;
     AddInstance(frame, instance);
+    if (withServers) AddServer(frame, instance);
+    kept -= withServers ? 2 : 1;
+    const auto room = frame.RowsLeft() > kept ? frame.RowsLeft() - kept : 0;
     const auto shown = std::min<std::size_t>(room, instance.symbols.size());
     for (std::size_t s = 0; s < shown; ++s) AddSymbol(frame, instance.symbols[s]);
     hidden += instance.symbols.size() - shown;

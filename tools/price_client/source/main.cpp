@@ -1,8 +1,6 @@
-// price_client: receives prices from price-server instances and shows them.
+// price_client: receives from price-server instances and shows what arrives.
 
-#include <chrono>
 #include <iostream>
-#include <optional>
 
 #include "client.h"
 #include "feed/command_line.h"
@@ -11,40 +9,10 @@
 #include "rate_meter.h"
 #include "report.h"
 #include "view.h"
+#include "watch.h"
 
 namespace price_client {
 namespace {
-
-using Clock = feed::SignalWait::Clock;
-
-constexpr auto kTick = std::chrono::milliseconds(50);
-
-// Rounds of the view without a heartbeat of the dispatch thread after which it counts as ended. Rounds and not time, so
-// that a process that was stopped and continued is not taken for a broken one.
-constexpr int kMaxSilentTicks = 200;
-
-// Shows what arrives until the user, the options or an end of the dispatch thread stops it; the latter throws.
-void Watch(const Options& options, const Client& client, feed::SignalWait& signals, View& view, RateMeter& rates) {
-  const auto end = options.seconds
-                       ? std::optional(rates.Start() + std::chrono::duration_cast<Clock::duration>(*options.seconds))
-                       : std::nullopt;
-  auto heartbeat = client.Heartbeat();
-  for (int silentTicks = 0; silentTicks < kMaxSilentTicks; ++silentTicks) {
-    const auto now = Clock::now();
-    const auto snapshot = rates.Measure(client.Read(), now);
-    view.Show(snapshot);
-    if ((end && now >= *end) || (options.count && snapshot.Total().updates >= *options.count)) return;
-    const auto nextTick = now + kTick;
-    const int signal = signals.WaitUntil(end ? std::min(*end, nextTick) : nextTick);
-    if (feed::AsksToStop(signal)) return;
-    if (signal != 0) view.Suspend();
-    if (client.Heartbeat() != heartbeat) {
-      heartbeat = client.Heartbeat();
-      silentTicks = 0;
-    }
-  }
-  throw std::runtime_error("the dispatch thread has ended or hangs; run with --log-level info for its last words");
-}
 
 feed::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
   auto code = feed::ExitCode::kOk;
@@ -67,14 +35,15 @@ feed::ExitCode Run(int argc, const char* const* argv) {
   auto signals = TakesOverTerminal(*options, output) ? feed::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
                                                      : feed::SignalWait{SIGINT, SIGTERM, SIGHUP};
   feed::DivertLibraryOutput();
-  Client client(*options);
-  RateMeter rates(Clock::now());
+  Client client(*options, [&signals] { signals.Wake(); });
+  RateMeter rates(RateMeter::Clock::now());
   {
     const auto view = MakeView(*options, output);
-    Watch(*options, client, signals, *view, rates);
+    Watch(*options, client, signals, *view, rates).Run();
   }
   client.Stop();
-  const auto result = rates.Measure(client.Read(), Clock::now());
+  const auto end = RateMeter::Clock::now();
+  const auto result = rates.Measure(client.Read(end), end);
   output.Write(options->json ? SummaryJson(result) : SummaryTable(result));
   return Judge(*options, result);
 }

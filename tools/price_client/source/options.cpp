@@ -1,17 +1,53 @@
 #include "options.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
+#include <stdexcept>
 
 #include "feed/command_line.h"
+#include "ps_common/connector/topic_names.h"
 
 namespace price_client {
 namespace {
 
+// What keeps deadlines within what clocks can represent.
+constexpr double kMaxSeconds = 1e8;
+
 constexpr const char* kFooter =
     "Exit codes: 0 ended in order, 1 an instance delivered nothing or, with --strict, a gap was seen, 2 the command\n"
     "line or the configuration file is not usable, 3 something failed while running.\n"
-    "Ctrl-C ends in order at any moment. LBM_RUNTIME_DIR names the directory in which servers and clients meet.";
+    "Ctrl-C, or the command \"quit\", ends in order. LBM_RUNTIME_DIR names the directory in which servers and clients "
+    "meet.";
+
+// Readable for operators, and another one for each process of the machine.
+std::string DefaultClientID() {
+  const auto* user = ::getpwuid(::getuid());
+  return (user != nullptr ? std::string(user->pw_name) : std::to_string(::getuid())) + '-' + std::to_string(::getpid());
+}
+
+std::string HostName() {
+  std::array<char, 256> name{};
+  return ::gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' ? name.data() : "localhost";
+}
+
+bool IsIdentity(const std::string& text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7f; });
+}
+
+void CheckIdentity(const Options& options) {
+  if (!IsIdentity(options.clientID) || !IsIdentity(options.host)) {
+    throw feed::UsageError("--client-id and --host take visible ASCII characters without blanks");
+  }
+  try {
+    ps_ns::TopicNames::CreateClientCommandResponseTopic(options.host, options.clientID);
+  } catch (const std::length_error&) {
+    throw feed::UsageError("--client-id and --host are too long: there can be no topic for them");
+  }
+}
 
 }  // namespace
 
@@ -37,7 +73,19 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
   app.add_flag("--quiet", options.quiet, "Print nothing but the summary");
   app.add_flag("--plain", options.plain, "Print lines on a terminal, too, instead of the live view");
   app.add_flag("--strict", options.strict, "A gap makes the exit code 1");
-  app.add_option("--context-name", options.contextName, "Name of the messaging context; default: price_client")
+  app.add_option("--client-id", options.clientID, "Name by which commands reach this client; default: USER-PROCESS")
+      ->type_name("ID");
+  app.add_option("--host", options.host, "Name by which commands reach all clients of a machine; default: its own")
+      ->type_name("HOST");
+  app.add_option_function<double>(
+         "--max-silence",
+         [&options](const double& seconds) { options.maxSilence = std::chrono::duration<double>(seconds); },
+         "Seconds without a status after which a server counts as silent")
+      ->check(feed::NumberUpTo(kMaxSeconds))
+      ->type_name("S")
+      ->default_str("5");
+  app.add_option("--context-name", options.contextName,
+                 "Name of the messaging context; with one, the client answers no triage requests")
       ->type_name("NAME");
   app.add_option("--cpu", options.cpu, "CPU that the dispatch thread is pinned to")
       ->check(CLI::NonNegativeNumber.description(""))
@@ -54,7 +102,9 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
     }
     options.instances.push_back(instance);
   }
-  if (options.contextName.empty()) options.contextName = app.get_name();
+  if (options.clientID.empty()) options.clientID = DefaultClientID();
+  if (options.host.empty()) options.host = HostName();
+  CheckIdentity(options);
   return options;
 }
 

@@ -22,8 +22,11 @@ struct Options {
   bool quiet = false;
   bool plain = false;
   bool strict = false;
-  std::string contextName;
-  int cpu = -1;  // -1: any
+  std::string clientID;
+  std::string host;
+  std::chrono::duration<double> maxSilence{5};  // of a server's status
+  std::string contextName;                      // empty: none
+  int cpu = -1;                                 // -1: any
   bool onload = false;
 };
 

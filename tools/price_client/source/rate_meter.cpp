@@ -4,7 +4,8 @@
 
 namespace price_client {
 
-Snapshot RateMeter::Measure(std::vector<InstanceSnapshot> instances, Clock::time_point now) {
+Snapshot RateMeter::Measure(Snapshot snapshot, Clock::time_point now) {
+  auto& instances = snapshot.instances;
   Reading reading{now, {}};
   for (const auto& instance : instances) reading.updates.push_back(instance.totals.updates);
   while (m_readings.size() > 1 && now - m_readings[1].at >= kWindow) m_readings.pop_front();
@@ -16,7 +17,8 @@ Snapshot RateMeter::Measure(std::vector<InstanceSnapshot> instances, Clock::time
     }
   }
   m_readings.push_back(std::move(reading));
-  return {std::chrono::duration<double>(now - m_start).count(), std::move(instances)};
+  snapshot.elapsedSeconds = std::chrono::duration<double>(now - m_start).count();
+  return snapshot;
 }
 
 }  // namespace price_client

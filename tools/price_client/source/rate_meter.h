@@ -1,4 +1,4 @@
-// Turns readings of the instances into snapshots.
+// Adds rates to snapshots.
 #pragma once
 
 #include <chrono>
@@ -9,7 +9,7 @@
 
 namespace price_client {
 
-// Adds to a reading what takes time to know: how long the client has run, and the rate over the last second.
+// Adds to a snapshot what takes time to know: how long the client has run, and the rate over the last second.
 class RateMeter {
  public:
   using Clock = std::chrono::steady_clock;
@@ -18,8 +18,8 @@ class RateMeter {
 
   Clock::time_point Start() const { return m_start; }
 
-  // instances are the same ones in the same order each time.
-  Snapshot Measure(std::vector<InstanceSnapshot> instances, Clock::time_point now);
+  // The snapshots have the same instances in the same order each time.
+  Snapshot Measure(Snapshot snapshot, Clock::time_point now);
 
  private:
   struct Reading {

@@ -50,4 +50,15 @@ Totals Snapshot::Total() const {
   return total;
 }
 
+double Snapshot::CurrentRate() const {
+  double rate = 0;
+  for (const auto& instance : instances) rate += instance.currentRate;
+  return rate;
+}
+
+std::size_t Snapshot::AliveInstances() const {
+  return static_cast<std::size_t>(std::count_if(
+      instances.begin(), instances.end(), [](const InstanceSnapshot& instance) { return IsAlive(instance.state); }));
+}
+
 }  // namespace price_client

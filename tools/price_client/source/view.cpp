@@ -39,7 +39,8 @@ class Lines : public View {
   explicit Lines(const feed::Output& output) : m_output(output) {}
 
   void Show(const Snapshot& snapshot) override {
-    std::string text;
+    auto text = ChangeLines(m_clientBefore, snapshot.client, snapshot.elapsedSeconds);
+    m_clientBefore = snapshot.client;
     m_before.resize(snapshot.instances.size());
     const bool progress = snapshot.elapsedSeconds >= m_nextProgress;
     if (progress) m_nextProgress += kSecondsPerProgress;
@@ -56,6 +57,7 @@ class Lines : public View {
   static constexpr double kSecondsPerProgress = 1;
 
   const feed::Output& m_output;
+  ClientSnapshot m_clientBefore;
   std::vector<InstanceSnapshot> m_before;
   double m_nextProgress = kSecondsPerProgress;
 };

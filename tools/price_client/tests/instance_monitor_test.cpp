@@ -21,7 +21,7 @@ class InstanceMonitorTest : public testing::Test {
     std::int64_t latency = 100;
   };
 
-  void Receive(const Update& update) {
+  bool Receive(const Update& update) {
     feed::PriceMessage message;
     message.session = update.session;
     message.sequence = update.sequence;
@@ -30,7 +30,7 @@ class InstanceMonitorTest : public testing::Test {
     message.symbol = feed::Symbol::Parse(update.symbol).value();
     message.date = feed::ParseDate("2000-01-31").value();
     message.price = feed::Price::Parse(update.price).value();
-    m_monitor.OnData(update.segment, feed::Encode(message), message.sentAt + update.latency);
+    return m_monitor.OnData(update.segment, feed::Encode(message), message.sentAt + update.latency);
   }
 
   void ReceiveSequence(std::uint64_t session, std::initializer_list<std::uint64_t> sequences, unsigned segment = 0) {
@@ -38,33 +38,44 @@ class InstanceMonitorTest : public testing::Test {
   }
 
   Totals Read() const { return m_monitor.Read().totals; }
-  InstanceState State() const { return m_monitor.Read().state; }
+  unsigned LiveSegments() const { return m_monitor.Read().liveSegments; }
 
   InstanceMonitor m_monitor{"TEST(1.1.1.0)", 2};
 };
 
-TEST_F(InstanceMonitorTest, FollowsTheServerThroughItsLives) {
-  EXPECT_EQ(State(), InstanceState::kNeverSeen);
+TEST_F(InstanceMonitorTest, ASegmentIsLiveAsLongAsOneOfItsSources) {
   m_monitor.OnSessionBegin(0);
-  EXPECT_EQ(State(), InstanceState::kUp);
+  m_monitor.OnSessionBegin(0);
   m_monitor.OnSessionBegin(1);
-  EXPECT_EQ(m_monitor.Read().liveSegments, 2U);
-  m_monitor.OnSessionEnd(0);
-  EXPECT_EQ(State(), InstanceState::kUp);
-  m_monitor.OnSessionEnd(1);
-  EXPECT_EQ(State(), InstanceState::kGone);
-  m_monitor.OnSessionEnd(1);
-  m_monitor.OnSessionBegin(1);
-  EXPECT_EQ(State(), InstanceState::kBack);
-  EXPECT_EQ(m_monitor.Read().liveSegments, 1U);
+  EXPECT_EQ(LiveSegments(), 2U);
+  EXPECT_TRUE(m_monitor.OnSessionEnd(0));
+  EXPECT_TRUE(m_monitor.OnSessionEnd(1));
+  EXPECT_EQ(LiveSegments(), 1U);
+  EXPECT_TRUE(m_monitor.OnSessionEnd(0));
+  EXPECT_FALSE(m_monitor.OnSessionEnd(0));
+  EXPECT_EQ(LiveSegments(), 0U);
 }
 
-TEST_F(InstanceMonitorTest, ASuccessorMayAppearBeforeItsPredecessorIsGone) {
+TEST_F(InstanceMonitorTest, UpdatesMakeAnUnannouncedSourceKnownOnce) {
+  EXPECT_TRUE(Receive({.sequence = 1}));
+  EXPECT_FALSE(Receive({.sequence = 2}));
+  EXPECT_EQ(LiveSegments(), 1U);
+}
+
+TEST_F(InstanceMonitorTest, WhatIsMissedWhileDetachedIsNoGapButARestartIsSeen) {
   m_monitor.OnSessionBegin(0);
+  ReceiveSequence(kFirstSession, {1, 2});
+  m_monitor.Detach();
+  EXPECT_EQ(LiveSegments(), 0U);
   m_monitor.OnSessionBegin(0);
-  m_monitor.OnSessionEnd(0);
-  EXPECT_EQ(State(), InstanceState::kUp);
-  EXPECT_EQ(m_monitor.Read().liveSegments, 1U);
+  ReceiveSequence(kFirstSession, {50, 51});
+  EXPECT_FALSE(Read().HasGap());
+  EXPECT_EQ(Read().restarts, 0U);
+  m_monitor.Detach();
+  ReceiveSequence(kSecondSession, {7, 8});
+  EXPECT_FALSE(Read().HasGap());
+  EXPECT_EQ(Read().restarts, 1U);
+  EXPECT_EQ(Read().updates, 6U);
 }
 
 TEST_F(InstanceMonitorTest, JoiningLateIsNoGap) {

@@ -1,0 +1,73 @@
+// Everything that the client has to do with one server instance.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+#include "instance_monitor.h"
+#include "instance_notices.h"
+#include "mailbox.h"
+#include "product_inquiry.h"
+#include "ps_common/connector/lbm_client_resource_mgr.h"
+#include "server_life.h"
+#include "snapshot.h"
+
+namespace price_client {
+
+// Receives all that the instance sends, and asks it for its products whenever it comes up.
+//
+// Threads: prices are taken in on the dispatch thread. All else is put into the mailbox there, and taken in by the
+// functions, which are for one thread.
+class Subscription {
+ public:
+  using Clock = ServerLife::Clock;
+
+  // Prices are not received yet. index names the instance in its mail. manager and mailbox have to outlive it. Throws
+  // lbm::LbmError.
+  Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbox, std::size_t index,
+               const ps_ns::ServerInstance& instance, unsigned short segments, Clock::duration maxSilence);
+
+  // Throws lbm::LbmError; then no prices are received.
+  void StartPrices();
+
+  // No prices arrive when it returns. What mail there is by then has to be taken in before PricesStopped.
+  void StopPrices();
+  void PricesStopped();
+
+  void TakeIn(const Mail& mail, Clock::time_point now);
+
+  // To be called now and then, when the mail has been taken in: asks for products when it is time.
+  void Pursue(Clock::time_point now);
+
+  // Without the current rate.
+  InstanceSnapshot Read(Clock::time_point now) const;
+
+  // Ends all endpoints. Nothing but Read may be called afterwards.
+  void Close();
+
+ private:
+  void TakePrice(unsigned segment, const lbm::Message& message) noexcept;
+  void TakeStatus(const lbm::Message& message, Clock::time_point now);
+  void TakeResponse(const lbm::Message& message);
+  void TakeNotice(Mail::Kind kind, std::string_view bytes);
+  void Post(Mail::Kind kind, lbm::Message message) const noexcept;
+
+  ps_ns::LbmClientResourceMgr& m_manager;
+  Mailbox& m_mailbox;
+  const std::size_t m_index;
+  const ps_ns::ServerInstance m_instance;
+  const unsigned short m_segments;
+
+  InstanceMonitor m_monitor;
+  ServerLife m_life;
+  InstanceNotices m_notices;
+  std::uint64_t m_runAskedFor = 0;  // of the server, for its products
+
+  std::vector<ps_ns::ReceiverPtr> m_receivers;  // of all but prices
+  std::vector<ps_ns::ReceiverPtr> m_priceReceivers;
+  std::optional<ProductInquiry> m_inquiry;
+};
+
+}  // namespace price_client

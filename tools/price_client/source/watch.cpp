@@ -1,0 +1,98 @@
+#include "watch.h"
+
+#include <algorithm>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+
+#include "feed/command.h"
+#include "lbm/errors.h"
+#include "report.h"
+
+namespace price_client {
+namespace {
+
+constexpr auto kTick = std::chrono::milliseconds(50);
+
+// Ticks without a heartbeat of the dispatch thread after which it counts as ended. Ticks and not time, so that a
+// process that was stopped and continued is not taken for a broken one.
+constexpr int kMaxSilentTicks = 200;
+
+}  // namespace
+
+void Watch::Run() {
+  const auto end = m_options.seconds ? m_rates.Start() + std::chrono::duration_cast<Clock::duration>(*m_options.seconds)
+                                     : Clock::time_point::max();
+  auto nextTick = Clock::now();
+  for (;;) {
+    const auto now = Clock::now();
+    m_client.Work(now);
+    if (!ObeyCommands(now)) return;
+    if (now >= nextTick) {
+      if (!Show(now)) return;
+      CheckDispatchThread();
+      nextTick = now + kTick;
+    }
+    if (now >= end || !WaitUntil(std::min(nextTick, end))) return;
+  }
+}
+
+bool Watch::Show(Clock::time_point now) {
+  const auto snapshot = m_rates.Measure(m_client.Read(now), now);
+  m_view.Show(snapshot);
+  return !m_options.count || snapshot.Total().updates < *m_options.count;
+}
+
+bool Watch::WaitUntil(Clock::time_point deadline) {
+  const int signal = m_signals.WaitUntil(deadline);
+  if (feed::AsksToStop(signal)) return false;
+  if (signal != 0) m_view.Suspend();
+  return true;
+}
+
+void Watch::CheckDispatchThread() {
+  if (m_client.Heartbeat() != m_heartbeat) {
+    m_heartbeat = m_client.Heartbeat();
+    m_silentTicks = 0;
+  } else if (++m_silentTicks == kMaxSilentTicks) {
+    throw std::runtime_error("the dispatch thread has ended or hangs; run with --log-level info for its last words");
+  }
+}
+
+bool Watch::ObeyCommands(Clock::time_point now) {
+  while (const auto command = m_client.NextCommand()) {
+    Obey(*command, now);
+    if (m_hasQuit) return false;
+  }
+  return true;
+}
+
+void Watch::Obey(const feed::Command& command, Clock::time_point now) {
+  const auto done = [&](std::string text, feed::CommandAnswer::Figures figures = {}) {
+    m_client.Answer(command, feed::kResultOk, std::move(text), std::move(figures));
+  };
+  if (command.name == feed::kReportCommand) {
+    const auto snapshot = m_rates.Measure(m_client.Read(now), now);
+    done(ReportText(snapshot), ReportFigures(snapshot));
+  } else if (command.name == feed::kPauseCommand) {
+    const bool wasPaused = m_client.IsPaused();
+    m_client.Pause(now);
+    done(wasPaused ? "was paused already" : "paused");
+  } else if (command.name == feed::kResumeCommand) {
+    const bool wasPaused = m_client.IsPaused();
+    try {
+      m_client.Resume(now);
+      done(wasPaused ? "resumed" : "was not paused");
+    } catch (const lbm::LbmError& error) {
+      m_client.Answer(command, error.what());
+    }
+  } else if (command.name == feed::kQuitCommand) {
+    done("ends");
+    std::cerr << "price_client: ended by a command" << std::endl;
+    m_hasQuit = true;
+  } else {
+    m_client.Answer(command, "unknown command \"" + command.name + "\"; known: report, pause, resume, quit");
+  }
+}
+
+}  // namespace price_client
