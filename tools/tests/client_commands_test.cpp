@@ -1,0 +1,163 @@
+// Operators, operations tools and strangers, as a running price client meets them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "peer.h"
+#include "process.h"
+#include "ps_common/connector/topic_names.h"
+#include "zq/messaging/triage.pb.h"
+#include "zq/messaging/wire.pb.h"
+
+namespace tools_test {
+namespace {
+
+using ps_ns::TopicNames;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+using Arguments = std::vector<std::string>;
+
+constexpr const char* kHost = "trader-7.example.com";
+constexpr const char* kClientID = "alice";
+
+class ClientCommandsTest : public testing::Test {
+ protected:
+  static Arguments Server() {
+    return {PRICE_SERVER, "--market=1",         "--submarket=1",
+            "--node=1",   "--market-name=TEST", "--prices=" PRICES_DIRECTORY "/stocks.csv",
+            "--loop"};
+  }
+  static Arguments Client(const Arguments& more = {}) {
+    Arguments command{PRICE_CLIENT, "--config=" PRICE_CLIENT_CONFIG, "--instance=1:1:1:TEST",
+                      "--host=" + std::string(kHost), "--client-id=" + std::string(kClientID)};
+    command.insert(command.end(), more.begin(), more.end());
+    return command;
+  }
+
+  PrivateDirectory m_runtime;
+  Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
+};
+
+TEST_F(ClientCommandsTest, APausedClientTakesNoPricesAndMissesNoneWhenItResumes) {
+  Process server(Server(), m_environment);
+  Process client(Client({"--plain"}), m_environment);
+  ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
+  Operator trader(m_runtime.Path(), kHost, kClientID);
+
+  auto answer = trader.Command("pause");
+  EXPECT_EQ(answer.result, "ok");
+  EXPECT_EQ(answer.text, "paused");
+  EXPECT_EQ(answer.clientID, kClientID);
+  EXPECT_EQ(answer.host, kHost);
+  const auto atPause = trader.Command("report").figures;
+  EXPECT_EQ(atPause.at("paused"), 1);
+  EXPECT_GT(atPause.at("updates"), 0);
+  ASSERT_TRUE(client.WaitForOutput("is paused")) << client.Output();
+  ASSERT_TRUE(client.WaitForOutput(" rate=0/s ")) << client.Output();
+  EXPECT_EQ(trader.Command("pause").text, "was paused already");
+  EXPECT_EQ(trader.Command("report").figures.at("updates"), atPause.at("updates"));
+
+  EXPECT_EQ(trader.CommandHost("resume").text, "resumed");
+  feed::CommandAnswer::Figures resumed;
+  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] {
+    resumed = trader.Command("report").figures;
+    return resumed.at("updates") > atPause.at("updates");
+  }));
+  EXPECT_EQ(resumed.at("paused"), 0);
+  EXPECT_EQ(resumed.at("instances_up"), 1);
+  EXPECT_EQ(resumed.at("gaps"), 0);
+  EXPECT_EQ(resumed.at("restarts"), 0);
+}
+
+TEST_F(ClientCommandsTest, WhatCannotBeObeyedIsAnsweredAndCounted) {
+  Process client(Client({"--json"}), m_environment);
+  Operator trader(m_runtime.Path(), kHost, kClientID);
+  const auto before = trader.Command("report").figures;
+  EXPECT_EQ(before.at("instances_up"), 0);
+
+  EXPECT_EQ(trader.Command("dance").result, "unknown command \"dance\"; known: report, pause, resume, quit");
+  for (const char* bytes : {"", "report", "{}", "[1, 2, 3]", "\xff\xfe"}) EXPECT_TRUE(trader.Send(bytes));
+  EXPECT_TRUE(trader.Send(R"({"id": 1000, "command": 7})"));
+  EXPECT_EQ(trader.WaitForAnswer(1000).result, "not a command that can be read");
+  const auto after = trader.Command("report").figures;
+  EXPECT_EQ(after.at("malformed_commands"), 6);
+  EXPECT_EQ(after.at("commands"), before.at("commands") + 2);
+}
+
+TEST_F(ClientCommandsTest, QuitEndsTheClientInOrder) {
+  Process server(Server(), m_environment);
+  Process client(Client({"--json"}), m_environment);
+  Operator trader(m_runtime.Path(), kHost, kClientID);
+  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] { return trader.Command("report").figures.at("updates") > 0; }));
+  EXPECT_EQ(trader.Command("quit").result, "ok");
+  EXPECT_EQ(client.Wait(), 0) << client.Errors();
+  EXPECT_THAT(client.Errors(), HasSubstr("ended by a command"));
+  const auto json = nlohmann::json::parse(client.Output());
+  EXPECT_GT(json["total"]["updates"], 0);
+  EXPECT_EQ(json["client"]["id"], kClientID);
+}
+
+TEST_F(ClientCommandsTest, GarbageOnTheTopicsOfAServerIsCountedAndNothingElse) {
+  Process client(Client({"--plain"}), m_environment);
+  Operator trader(m_runtime.Path(), kHost, kClientID);
+  ps_ns::ServerInstance instance;
+  instance.m_marketID = instance.m_submarketID = instance.m_nodeID = 1;
+  const std::string topics[] = {
+      TopicNames::CreateSegmentTopic(instance, 0),      TopicNames::CreateServerStatusTopic(instance),
+      TopicNames::CreateProductResponseTopic(instance), TopicNames::CreateRFQ_BroadcastTopic(instance),
+      TopicNames::CreateNewsBroadcastTopic(instance),   TopicNames::CreateServerResponseTopic(instance),
+  };
+  const std::string hostile[] = {"", "{", R"({"id": 1})", std::string(1000, '['), std::string("\0\xff", 2)};
+  for (const auto& topic : topics) {
+    for (const auto& bytes : hostile) ASSERT_TRUE(trader.AsPeer().Send(topic, bytes)) << topic;
+    ASSERT_TRUE(trader.AsPeer().Send(topic, std::string(100'000, 'x')));
+  }
+  feed::CommandAnswer::Figures figures;
+  // What is too large to be any message is dropped, on the segment's topic it is malformed.
+  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] {
+    figures = trader.Command("report").figures;
+    return figures.at("malformed") >= 31 && figures.at("dropped") >= 5;
+  }));
+  EXPECT_EQ(figures.at("malformed"), 31);
+  EXPECT_EQ(figures.at("dropped"), 5);
+  EXPECT_EQ(figures.at("updates") + figures.at("rfqs") + figures.at("news") + figures.at("products"), 0);
+  client.Signal(SIGINT);
+  EXPECT_EQ(client.Wait(), 1) << client.Errors();
+}
+
+std::string TriageTestRequest() {
+  using zq::messaging::Header;
+  zq::messaging::triage::TriageActionWithWire action;
+  action.mutable_wire()->mutable_header()->set_msg_type(Header::MSG_OPS_TRIAGE_TEST_REQUEST);
+  action.mutable_wire()->add_payload("");
+  action.set_request_id("42");
+  zq::messaging::Wire wire;
+  wire.mutable_header()->set_msg_type(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE);
+  wire.add_payload(action.SerializeAsString());
+  return wire.SerializeAsString();
+}
+
+TEST_F(ClientCommandsTest, AClientWithoutAContextNameAnswersTriageRequests) {
+  m_environment.insert(m_environment.end(),
+                       {{"DISABLE_LBM_TRIAGE_HANDLER", ""}, {"CHEF_ENVIRONMENT", "int"}, {"DATA_CENTER", "dc1"}});
+  for (const char* eventQueue : {"", "yes"}) {
+    auto environment = m_environment;
+    environment.emplace_back("TRIAGE_HANDLER_USE_EVENT_QUEUE", eventQueue);
+    Process client(Client({"--plain"}), environment);
+    Peer tool(m_runtime.Path());
+    const auto bytes = tool.Request("TRIAGE.ACTION.INT.LBM.DC1", TriageTestRequest());
+    zq::messaging::triage::TriageResponse response;
+    ASSERT_TRUE(bytes && response.ParseFromString(*bytes)) << client.Errors();
+    EXPECT_EQ(response.status(), zq::messaging::triage::TRIAGE_RESPONSE_STATUS_SUCCESS);
+    EXPECT_EQ(response.request_id(), "42");
+    client.Signal(SIGINT);
+    EXPECT_EQ(client.Wait(), 1) << client.Errors();
+  }
+}
+
+}  // namespace
+}  // namespace tools_test

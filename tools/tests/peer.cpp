@@ -1,0 +1,113 @@
+#include "peer.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "feed/command.h"
+#include "lbm/attributes.h"
+#include "lbm/topics.h"
+#include "ps_common/connector/topic_names.h"
+#include "zq/logging/default_backend.h"
+
+namespace tools_test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ps_ns::TopicNames;
+
+constexpr auto kDeadline = std::chrono::seconds(60);
+
+// The first answer may be lost on its way, see Operator.
+constexpr auto kFirstAnswerInterval = std::chrono::milliseconds(100);
+
+}  // namespace
+
+Peer::Peer(const std::filesystem::path& runtimeDirectory) {
+  ::setenv("LBM_RUNTIME_DIR", runtimeDirectory.c_str(), 1);
+  ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "in tests", 1);
+  zq::logging::SetMinLevel(zq::logging::ZQLOG_WARNING);
+  lbm::ContextAttributes attributes;
+  attributes.SetString("operational_mode", "sequential");
+  m_context = std::make_unique<lbm::Context>(attributes);
+}
+
+bool Peer::WaitUntil(const std::function<bool()>& done) {
+  const auto end = Clock::now() + kDeadline;
+  while (!done()) {
+    if (Clock::now() > end) return false;
+    m_context->Poll(10);
+  }
+  return true;
+}
+
+lbm::Source* Peer::SourceOn(const std::string& topicName) {
+  auto& outlet = m_outlets[topicName];
+  if (!outlet.source) {
+    const lbm::SourceTopic topic(*m_context, topicName, lbm::SourceTopicAttributes());
+    outlet.source = std::make_unique<lbm::Source>(*m_context, topic, [&outlet](int event, void*) {
+      if (event == LBM_SRC_EVENT_CONNECT) outlet.hasSubscriber = true;
+    });
+  }
+  return WaitUntil([&] { return outlet.hasSubscriber; }) ? outlet.source.get() : nullptr;
+}
+
+bool Peer::Send(const std::string& topicName, const std::string& bytes) {
+  auto* source = SourceOn(topicName);
+  if (source != nullptr) source->Send(bytes.data(), bytes.size(), LBM_SRC_FLUSH);
+  return source != nullptr;
+}
+
+std::optional<std::string> Peer::Request(const std::string& topicName, const std::string& bytes) {
+  auto* source = SourceOn(topicName);
+  if (source == nullptr) return std::nullopt;
+  std::optional<std::string> response;
+  const auto request = source->SendRequest(bytes.data(), bytes.size(), LBM_SRC_FLUSH, [&](const lbm::Message& message) {
+    response.emplace(message.Data(), message.Length());
+  });
+  WaitUntil([&] { return response.has_value(); });
+  return response;
+}
+
+void Peer::Receive(const std::string& topicName, lbm::MessageCallback callback) {
+  const lbm::ReceiverTopic topic(*m_context, topicName, lbm::ReceiverTopicAttributes());
+  m_receivers.push_back(std::make_unique<lbm::Receiver>(*m_context, topic, std::move(callback)));
+}
+
+Operator::Operator(const std::filesystem::path& runtimeDirectory, const std::string& host, const std::string& clientID)
+    : m_peer(runtimeDirectory),
+      m_hostTopic(TopicNames::CreateClientHostCommandTopic(host)),
+      m_idTopic(TopicNames::CreateClientIDCommandTopic(clientID)) {
+  m_peer.Receive(TopicNames::CreateClientCommandResponseTopic(host, clientID), [this](const lbm::Message& message) {
+    const auto answer = feed::DecodeCommandAnswer({message.Data(), message.Length()});
+    if (answer) m_answers[answer->id] = *answer;
+  });
+  // The client may not know yet that somebody listens to its answers.
+  auto nextTry = Clock::now();
+  const bool hasAnswered = m_peer.WaitUntil([&] {
+    if (Clock::now() >= nextTry) {
+      feed::Command command;
+      command.id = ++m_lastID;
+      command.name = feed::kReportCommand;
+      m_peer.Send(m_idTopic, feed::Encode(command));
+      nextTry = Clock::now() + kFirstAnswerInterval;
+    }
+    return !m_answers.empty();
+  });
+  if (!hasAnswered) throw std::runtime_error("no answer from client " + clientID);
+}
+
+feed::CommandAnswer Operator::Ask(const std::string& topicName, const std::string& name) {
+  feed::Command command;
+  command.id = ++m_lastID;
+  command.name = name;
+  m_peer.Send(topicName, feed::Encode(command));
+  return WaitForAnswer(command.id);
+}
+
+feed::CommandAnswer Operator::WaitForAnswer(std::uint64_t id) {
+  m_peer.WaitUntil([&] { return m_answers.count(id) > 0; });
+  return m_answers.count(id) > 0 ? m_answers[id] : feed::CommandAnswer();
+}
+
+}  // namespace tools_test
