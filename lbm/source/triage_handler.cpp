@@ -21,10 +21,12 @@
 #include "lbm/context.h"
 #include "lbm/topics.h"
 #include "log_statements.h"
-#include "upper_case.h"
+#include "zq/messaging/triage_requests.h"
 
 namespace lbm {
 namespace {
+
+namespace triage = zq::messaging::triage;
 
 // Empty when the variable is not set.
 std::string Environment(const char* variable) {
@@ -95,8 +97,8 @@ void LbmTriageHandler::Initialize() {
         "triage_handler disabled via environment variable being present DISABLE_LBM_TRIAGE_HANDLER=" << disabled);
     return;
   }
-  m_chefEnvironment = UpperCase(Environment("CHEF_ENVIRONMENT"));
-  m_dataCenter = UpperCase(Environment("DATA_CENTER"));
+  m_chefEnvironment = triage::UpperCase(Environment(triage::kEnvironmentVariable));
+  m_dataCenter = triage::UpperCase(Environment(triage::kDataCenterVariable));
   if (m_chefEnvironment.empty() || m_dataCenter.empty()) {
     TRIAGE_LOG(ZQLOG_ERROR, kTriageNamesMissing,
                "CHEF_ENVIRONMENT or DATA_CENTER environment variables are not set. triage_handler will be disabled. "
@@ -174,10 +176,10 @@ void LbmTriageHandler::registerContext(const std::string& name, Context* ctx) {
     const std::atomic_ref receiversContext(m_triageReceiversContextPtr);
     if (receiversContext.load() == nullptr) {
       try {
-        const std::string envTopicName =
-            Environment("LBM_TRIAGE_HANDLER_TOPIC_PREFIX") + "TRIAGE.ACTION." + m_chefEnvironment + ".LBM";
-        const ReceiverTopic envTopic(*ctx, envTopicName, ReceiverTopicAttributes());
-        const ReceiverTopic envDcTopic(*ctx, envTopicName + '.' + m_dataCenter, ReceiverTopicAttributes());
+        const std::string prefix = Environment(triage::kTopicPrefixVariable);
+        const ReceiverTopic envTopic(*ctx, triage::ActionTopic(prefix, m_chefEnvironment), ReceiverTopicAttributes());
+        const ReceiverTopic envDcTopic(*ctx, triage::ActionTopic(prefix, m_chefEnvironment, m_dataCenter),
+                                       ReceiverTopicAttributes());
         const auto create = [&](std::shared_ptr<Receiver>& receiver, const ReceiverTopic& topic) {
           receiver = std::make_shared<Receiver>(
               *ctx, topic, [this](const Message& message) { handleLbmMessage(message); }, m_eventQueuePtr.get());

@@ -4,8 +4,8 @@
 #include "lbm/context.h"
 #include "lbm/triage_handler.h"
 #include "log_statements.h"
-#include "upper_case.h"
 #include "zq/messaging/triage.pb.h"
+#include "zq/messaging/triage_requests.h"
 #include "zq/messaging/wire.pb.h"
 
 namespace lbm {
@@ -17,6 +17,7 @@ using zq::messaging::triage::TriageActionWithWire;
 using zq::messaging::triage::TriageNakKillRequest;
 using zq::messaging::triage::TriageResponse;
 using zq::messaging::triage::TriageTestRequest;
+using zq::messaging::triage::UpperCase;
 
 bool IsComplete(const Wire& wire) {
   return wire.has_header() && wire.header().has_msg_type() && wire.payload_size() > 0;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "zq/messaging/triage.pb.h"
+#include "zq/messaging/triage_requests.h"
 #include "zq/messaging/wire.pb.h"
 
 namespace zq::messaging {
@@ -19,19 +20,19 @@ TEST(MessagingTest, EveryFieldHasItsPlaceOnTheWire) {
   request.set_enable(true);
   EXPECT_EQ(request.SerializeAsString(), "\x08\x02\x10\x01");
 
-  triage::TriageActionWithWire action;
-  action.mutable_wire()->mutable_header()->set_msg_type(Header::MSG_OPS_TRIAGE_NAK_KILL_REQUEST);
-  action.mutable_wire()->add_payload("ab");
-  action.mutable_wire()->add_payload("");
-  action.set_request_id("id");
-  EXPECT_EQ(action.SerializeAsString(),
-            "\x0a\x0b\x0a\x03\x08\x98\x0a\x12\x02"
-            "ab\x12\x00\x12\x02id"s);
+  EXPECT_EQ(triage::NakKillRequest(triage::ZQNOTIFY, true, "id"),
+            "\x0a\x03\x08\x95\x0a\x12\x11\x0a\x0b\x0a\x03\x08\x98\x0a\x12\x04\x08\x02\x10\x01\x12\x02id"s);
+  EXPECT_EQ(triage::TestRequest("id"), "\x0a\x03\x08\x95\x0a\x12\x0d\x0a\x07\x0a\x03\x08\x97\x0a\x12\x00\x12\x02id"s);
 
   triage::TriageResponse response;
   response.set_status(triage::TRIAGE_RESPONSE_STATUS_SUCCESS);
   response.set_request_id("id");
   EXPECT_EQ(response.SerializeAsString(), "\x08\x00\x12\x02id"s) << "a status that is zero is sent too";
+}
+
+TEST(MessagingTest, TopicsAreInUpperCaseBehindThePrefix) {
+  EXPECT_EQ(triage::ActionTopic("", "int"), "TRIAGE.ACTION.INT.LBM");
+  EXPECT_EQ(triage::ActionTopic("site.", "Int-\xe4", "dc 1"), "site.TRIAGE.ACTION.INT-\xe4.LBM.DC 1");
 }
 
 TEST(MessagingTest, PresenceIsNotTheDefaultValue) {
