@@ -212,7 +212,7 @@ TEST_F(ToolsTest, OutputThatCannotBeWrittenIsAnError) {
 }
 
 TEST_F(ToolsTest, HelpAndVersionGoToStandardOutput) {
-  for (const char* program : {PRICE_SERVER, PRICE_CLIENT}) {
+  for (const char* program : {PRICE_SERVER, PRICE_CLIENT, TRIAGE}) {
     Process help({program, "--help"}, m_environment);
     EXPECT_EQ(help.Wait(), 0);
     EXPECT_THAT(help.Output(), HasSubstr("Exit codes: 0 "));

@@ -11,6 +11,8 @@ enum class ExitCode : int {
   kUnsatisfied = 1,  // it ran, and the outcome is not the one asked for
   kUsage = 2,        // the command line, or a file that it names, is not usable; nothing was started
   kFailure = 3,      // something failed while running
+  kNoAnswer = 4,     // nobody answered a request in time
+  kRefused = 5,      // somebody answered a request, but not with success
 };
 
 // What the user has to put right before the tool can start. Ends a tool with ExitCode::kUsage.

@@ -1,0 +1,64 @@
+// triage: sends operations requests to the processes of an environment and shows who answers.
+
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+
+#include "enquiry.h"
+#include "feed/command_line.h"
+#include "feed/signal_wait.h"
+#include "options.h"
+#include "report.h"
+#include "zq/messaging/triage_requests.h"
+
+namespace triage {
+namespace {
+
+// Tells this run from others in the logs of those who answer.
+std::string MakeRequestId() {
+  std::array<char, 256> host{};
+  if (::gethostname(host.data(), host.size() - 1) != 0) host[0] = '?';
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::string("triage-") + host.data() + '-' + std::to_string(::getpid()) + '-' +
+         std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+Question QuestionOf(const Options& options) {
+  using namespace zq::messaging::triage;
+  Question question{.topic = TopicOf(options), .requestId = MakeRequestId()};
+  question.data = options.nakKill ? NakKillRequest(static_cast<LBMContext>(options.nakKill->contexts),
+                                                   options.nakKill->enable, question.requestId)
+                                  : TestRequest(question.requestId);
+  return question;
+}
+
+feed::ExitCode Run(int argc, const char* const* argv) {
+  const feed::Output output;
+  const auto options = ParseOptions(argc, argv, output);
+  if (!options) return feed::ExitCode::kOk;
+
+  // This process asks; it is not one of those to be asked.
+  ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "this is the triage tool", 1);
+  feed::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  feed::DivertLibraryOutput();
+  const auto question = QuestionOf(*options);
+  const auto start = Enquiry::Clock::now();
+  Enquiry enquiry(question, signals);
+  const auto outcome =
+      enquiry.Run(std::chrono::duration_cast<Enquiry::Clock::duration>(options->timeout), options->expected);
+  const Report report{*options, question, outcome, Enquiry::Clock::now() - start};
+  output.Write(options->json ? Json(report) : Table(report));
+  const auto verdict = Judge(report);
+  if (!verdict.complaint.empty()) std::cerr << "triage: " << verdict.complaint << std::endl;
+  return verdict.code;
+}
+
+}  // namespace
+}  // namespace triage
+
+int main(int argc, char** argv) {
+  return feed::RunTool("triage", [argc, argv] { return triage::Run(argc, argv); });
+}

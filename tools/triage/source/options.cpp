@@ -1,0 +1,156 @@
+#include "options.h"
+
+#include <lbm/lbm.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+
+#include "feed/command_line.h"
+#include "zq/messaging/triage.pb.h"
+#include "zq/messaging/triage_requests.h"
+
+namespace triage {
+namespace {
+
+namespace protocol = zq::messaging::triage;
+
+constexpr const char* kFooter =
+    "Exit codes: 0 everybody answered with success, 1 fewer answers than listeners or than --expect asks for, 2 the\n"
+    "command line is not usable, 3 something failed while running, 4 nobody answered, 5 somebody answered with a\n"
+    "failure. Ctrl-C ends the wait; what came by then counts.\n"
+    "LBM_RUNTIME_DIR names the directory in which this tool and the processes meet.";
+
+// The bound keeps deadlines within what clocks can represent.
+constexpr double kMaxTimeout = 1e6;
+
+// What the command line says of the target.
+struct Target {
+  std::optional<std::string> environment;
+  std::optional<std::string> dataCenter;
+  std::optional<std::string> topicPrefix;
+  bool allDataCenters = false;
+};
+
+struct NakKillFlags {
+  std::string contexts;
+  bool enable = false;
+  bool disable = false;
+};
+
+// Empty when the variable is not set.
+std::string Variable(const char* name) {
+  const char* const value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+void AddTarget(CLI::App& command, Target& target) {
+  const auto add = [&command](const char* name, std::optional<std::string>& value, const char* help,
+                              const char* variable) {
+    return command.add_option(name, value, help)->type_name("NAME")->default_str(std::string("$") + variable);
+  };
+  add("--environment", target.environment, "Environment to ask", protocol::kEnvironmentVariable);
+  auto* const dataCenter = add("--data-center", target.dataCenter, "Data centre of it to ask; without any, all of them",
+                               protocol::kDataCenterVariable);
+  command.add_flag("--all-data-centers", target.allDataCenters, "Ask all data centres of the environment")
+      ->excludes(dataCenter);
+  add("--topic-prefix", target.topicPrefix, "What stands before the topics", protocol::kTopicPrefixVariable);
+}
+
+void Resolve(const Target& target, Options& options) {
+  const auto orVariable = [](const std::optional<std::string>& given, const char* variable) {
+    return given ? *given : Variable(variable);
+  };
+  options.environment = orVariable(target.environment, protocol::kEnvironmentVariable);
+  options.topicPrefix = orVariable(target.topicPrefix, protocol::kTopicPrefixVariable);
+  if (!target.allDataCenters) options.dataCenter = orVariable(target.dataCenter, protocol::kDataCenterVariable);
+  if (options.environment.empty()) {
+    throw feed::UsageError(std::string("which environment? Give --environment or set ") +
+                           protocol::kEnvironmentVariable);
+  }
+  if (target.dataCenter && target.dataCenter->empty()) {
+    throw feed::UsageError("--data-center is empty; --all-data-centers asks the whole environment");
+  }
+  const auto topic = TopicOf(options);
+  if (topic.size() > LBM_TOPIC_NAME_MAX) {
+    throw feed::UsageError("the names are too long: their topic has " + std::to_string(topic.size()) +
+                           " bytes and at most " + std::to_string(LBM_TOPIC_NAME_MAX) + " are possible");
+  }
+}
+
+void AddWaiting(CLI::App& command, Options& options) {
+  command
+      .add_option_function<double>(
+          "--timeout", [&options](const double& value) { options.timeout = std::chrono::duration<double>(value); },
+          "How long to wait for answers")
+      ->check(feed::NumberUpTo(kMaxTimeout))
+      ->type_name("S")
+      ->default_str(CLI::detail::to_string(options.timeout.count()));
+  command.add_option("--expect", options.expected, "End as soon as so many have answered; fewer are not enough")
+      ->check(CLI::Range(1, 1'000'000).description(""))
+      ->type_name("N");
+  command.add_flag("--json", options.json, "Print one JSON document instead of the table");
+}
+
+// The names of the groups, as the schema has them.
+std::string ContextGroups() {
+  std::string names;
+  const auto* const groups = protocol::LBMContext_descriptor();
+  for (int index = 0; index < groups->value_count(); ++index) {
+    names += (index > 0 ? "|" : "") + groups->value(index)->name();
+  }
+  return names;
+}
+
+void AddNakKill(CLI::App& command, NakKillFlags& request) {
+  command
+      .add_option("--context", request.contexts, "Contexts to switch NAKs on, by their names: see docs/operations.md")
+      ->required()
+      ->type_name(ContextGroups());
+  auto* const enable = command.add_flag("--enable", request.enable, "Enable NAKs");
+  command.add_flag("--disable", request.disable, "Disable NAKs")->excludes(enable);
+}
+
+NakKill Read(const NakKillFlags& flags) {
+  protocol::LBMContext contexts{};
+  if (!protocol::LBMContext_Parse(protocol::UpperCase(flags.contexts), &contexts)) {
+    throw feed::UsageError("--context: \"" + flags.contexts + "\" is none of " + ContextGroups());
+  }
+  if (!flags.enable && !flags.disable) throw feed::UsageError("nak-kill needs --enable or --disable");
+  return {contexts, flags.enable};
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output) {
+  Options options;
+  NakKillFlags nakKill;
+  Target target;
+
+  CLI::App app("Asks the processes of an environment for an answer, or to switch NAKs on or off.", "triage");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(kFooter);
+  feed::AddCommonOptions(app);
+  auto* const test = app.add_subcommand("test", "Ask for an answer and nothing else");
+  auto* const nak = app.add_subcommand("nak-kill", "Switch NAKs on or off on contexts chosen by name");
+  AddNakKill(*nak, nakKill);
+  for (auto* const command : {test, nak}) {
+    AddTarget(*command, target);
+    AddWaiting(*command, options);
+    command->footer(kFooter);
+  }
+
+  if (!feed::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+
+  if (nak->parsed()) options.nakKill = Read(nakKill);
+  Resolve(target, options);
+  return options;
+}
+
+std::string TopicOf(const Options& options) {
+  return options.dataCenter.empty()
+             ? protocol::ActionTopic(options.topicPrefix, options.environment)
+             : protocol::ActionTopic(options.topicPrefix, options.environment, options.dataCenter);
+}
+
+}  // namespace triage

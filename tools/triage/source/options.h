@@ -1,0 +1,35 @@
+// The command line of the triage tool.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "feed/output.h"
+
+namespace triage {
+
+// Switches NAKs on or off.
+struct NakKill {
+  int contexts = 0;  // a value of LBMContext
+  bool enable = false;
+};
+
+struct Options {
+  std::string environment;
+  std::string dataCenter;  // empty: all of the environment
+  std::string topicPrefix;
+  std::optional<NakKill> nakKill;  // none: a test request
+  std::chrono::duration<double> timeout{3};
+  std::optional<std::size_t> expected;  // answers
+  bool json = false;
+};
+
+// Nothing when the user asked for help or the version, which then has been written. Throws feed::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output);
+
+// Where the request goes.
+std::string TopicOf(const Options& options);
+
+}  // namespace triage

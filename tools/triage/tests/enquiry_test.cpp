@@ -1,0 +1,143 @@
+// What an enquiry makes of those who listen, with contexts of the embedded engine.
+#include "enquiry.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "lbm/receiver.h"
+#include "test_support/private_domain.h"
+#include "zq/messaging/triage.pb.h"
+
+namespace triage {
+namespace {
+
+using testing::AllOf;
+using testing::Field;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
+using zq::messaging::triage::TriageResponse;
+
+constexpr auto kLong = std::chrono::seconds(60);  // something else ends the wait, unless something is wrong
+constexpr auto kShort = std::chrono::seconds(2);  // the time-out ends the wait
+
+std::string Response(int status, const std::string& id) {
+  TriageResponse response;
+  response.set_status(static_cast<zq::messaging::triage::TriageActionResponseStatus>(status));
+  response.set_request_id(id);
+  return response.SerializeAsString();
+}
+
+// A process's context and what it does with a request.
+class Listener {
+ public:
+  using Behaviour = std::function<void(const lbm::Message&)>;
+
+  explicit Listener(Behaviour behaviour, const char* name = "")
+      : m_context(Attributes(name)),
+        m_receiver(m_context, {m_context, "ASK", lbm::ReceiverTopicAttributes()},
+                   [behaviour = std::move(behaviour)](const lbm::Message& message) {
+                     if (message.Type() == LBM_MSG_REQUEST) behaviour(message);
+                   }) {}
+
+ private:
+  static lbm::ContextAttributes Attributes(const char* name) {
+    lbm::ContextAttributes attributes;
+    attributes.SetString("context_name", name);
+    return attributes;
+  }
+
+  lbm::Context m_context;
+  lbm::Receiver m_receiver;
+};
+
+Listener::Behaviour Answers(int status, std::string id = "id") {
+  return [=](const lbm::Message& message) { message.GetResponse().Send(Response(status, id), 0); };
+}
+
+class EnquiryTest : public testing::Test {
+ protected:
+  EnquiryTest() { ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "the test answers itself", 1); }
+
+  Outcome Ask(Enquiry::Clock::duration timeout, std::optional<std::size_t> expected) {
+    return Enquiry({.topic = "ASK", .requestId = "id", .data = "?"}, m_signals).Run(timeout, expected);
+  }
+
+  const test_support::PrivateDomain m_domain;
+  feed::SignalWait m_signals{SIGTERM};
+};
+
+TEST_F(EnquiryTest, EveryAnswerIsReadAndEndsTheWaitWhenItIsTheLastExpected) {
+  const Listener good(Answers(0));
+  const Listener failing(Answers(1));
+  const Listener unknown(Answers(7));
+  const Listener other(Answers(0, "another id"));
+  const Listener broken([](const lbm::Message& message) { message.GetResponse().Send("\xff", 0); });
+  const Listener statusless([](const lbm::Message& message) { message.GetResponse().Send("", 0); });
+  const auto outcome = Ask(kLong, 6);
+  const auto is = [](const char* status, bool success) {
+    return AllOf(Field("status", &Answer::status, status), Field("success", &Answer::success, success),
+                 Field("process", &Answer::process, StartsWith("host:")),
+                 Field("roundTrip", &Answer::roundTrip, testing::Gt(std::chrono::nanoseconds(0))));
+  };
+  EXPECT_THAT(outcome.answers,
+              UnorderedElementsAre(is("success", true), is("failure", false), is("unknown status 7", false),
+                                   is("answer to another request", false), is("unreadable answer", false),
+                                   is("unreadable answer", false)));
+  EXPECT_EQ(outcome.silentCount, 0U);
+}
+
+TEST_F(EnquiryTest, WhoListensAndDoesNotAnswerIsNamed) {
+  const Listener answering(Answers(0));
+  const Listener silent([](const lbm::Message&) {});
+  const auto outcome = Ask(kShort, {});
+  ASSERT_THAT(outcome.answers, SizeIs(1));
+  ASSERT_THAT(outcome.silent, SizeIs(1));
+  EXPECT_NE(outcome.silent[0], outcome.answers[0].process);
+  EXPECT_EQ(outcome.silentCount, 1U);
+}
+
+TEST_F(EnquiryTest, OfContextsWithNamesOnlyTheNumberOfSilentOnesIsKnown) {
+  const Listener named(Answers(0), "named");
+  const Listener silent([](const lbm::Message&) {}, "silent");
+  const auto outcome = Ask(kShort, {});
+  EXPECT_THAT(outcome.answers, SizeIs(1));
+  EXPECT_EQ(outcome.silentCount, 1U);
+  EXPECT_THAT(outcome.silent, IsEmpty());
+}
+
+TEST_F(EnquiryTest, WhoListensLaterIsAskedTooAndNobodyCountsTwice) {
+  std::promise<void> askedAgain;
+  std::unique_ptr<Listener> later;
+  const Listener first([&](const lbm::Message& message) {
+    Answers(0)(message);
+    if (later == nullptr) {
+      later = std::make_unique<Listener>([&](const lbm::Message& same) {
+        EXPECT_EQ(askedAgain.get_future().wait_for(kLong), std::future_status::ready);
+        Answers(0)(same);
+      });
+    } else {
+      askedAgain.set_value();
+    }
+  });
+  const auto outcome = Ask(kLong, 2);
+  ASSERT_THAT(outcome.answers, SizeIs(2));
+  EXPECT_NE(outcome.answers[0].process, outcome.answers[1].process);
+}
+
+TEST_F(EnquiryTest, ASignalEndsTheWait) {
+  const Listener interrupting([](const lbm::Message&) { ::kill(::getpid(), SIGTERM); });
+  EXPECT_EQ(Ask(kLong, {}).silentCount, 1U);
+}
+
+}  // namespace
+}  // namespace triage
