@@ -10,7 +10,7 @@
 #include "process.h"
 #include "ps_common/connector/topic_names.h"
 #include "zq/messaging/triage.pb.h"
-#include "zq/messaging/wire.pb.h"
+#include "zq/messaging/triage_requests.h"
 
 namespace tools_test {
 namespace {
@@ -129,18 +129,6 @@ TEST_F(ClientCommandsTest, GarbageOnTheTopicsOfAServerIsCountedAndNothingElse) {
   EXPECT_EQ(client.Wait(), 1) << client.Errors();
 }
 
-std::string TriageTestRequest() {
-  using zq::messaging::Header;
-  zq::messaging::triage::TriageActionWithWire action;
-  action.mutable_wire()->mutable_header()->set_msg_type(Header::MSG_OPS_TRIAGE_TEST_REQUEST);
-  action.mutable_wire()->add_payload("");
-  action.set_request_id("42");
-  zq::messaging::Wire wire;
-  wire.mutable_header()->set_msg_type(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE);
-  wire.add_payload(action.SerializeAsString());
-  return wire.SerializeAsString();
-}
-
 TEST_F(ClientCommandsTest, AClientWithoutAContextNameAnswersTriageRequests) {
   m_environment.insert(m_environment.end(),
                        {{"DISABLE_LBM_TRIAGE_HANDLER", ""}, {"CHEF_ENVIRONMENT", "int"}, {"DATA_CENTER", "dc1"}});
@@ -149,7 +137,7 @@ TEST_F(ClientCommandsTest, AClientWithoutAContextNameAnswersTriageRequests) {
     environment.emplace_back("TRIAGE_HANDLER_USE_EVENT_QUEUE", eventQueue);
     Process client(Client({"--plain"}), environment);
     Peer tool(m_runtime.Path());
-    const auto bytes = tool.Request("TRIAGE.ACTION.INT.LBM.DC1", TriageTestRequest());
+    const auto bytes = tool.Request("TRIAGE.ACTION.INT.LBM.DC1", zq::messaging::triage::TestRequest("42"));
     zq::messaging::triage::TriageResponse response;
     ASSERT_TRUE(bytes && response.ParseFromString(*bytes)) << client.Errors();
     EXPECT_EQ(response.status(), zq::messaging::triage::TRIAGE_RESPONSE_STATUS_SUCCESS);
