@@ -38,6 +38,13 @@ std::optional<std::int16_t> ParseNumber(std::string_view text) {
   return error == std::errc() && stop == end && number >= 0 ? std::optional(number) : std::nullopt;
 }
 
+CLI::Option* AddSecondsOption(CLI::App& app, const std::string& name, const std::string& help,
+                              const std::function<void(double)>& set) {
+  // The bound keeps deadlines within what clocks can represent.
+  constexpr double kMaxSeconds = 1e8;
+  return app.add_option_function<double>(name, set, help)->check(NumberUpTo(kMaxSeconds))->type_name("S");
+}
+
 }  // namespace
 
 void AddCommonOptions(CLI::App& app) {
@@ -60,12 +67,15 @@ CLI::Validator NumberUpTo(double max) {
 }
 
 void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help) {
-  // The bound keeps deadlines within what clocks can represent.
-  constexpr double kMaxSeconds = 1e8;
-  app.add_option_function<double>(
-         "--seconds", [&seconds](const double& value) { seconds = std::chrono::duration<double>(value); }, help)
-      ->check(NumberUpTo(kMaxSeconds))
-      ->type_name("S");
+  AddSecondsOption(app, "--seconds", help,
+                   [&seconds](double value) { seconds = std::chrono::duration<double>(value); });
+}
+
+void AddSecondsOption(CLI::App& app, const std::string& name, std::chrono::duration<double>& seconds,
+                      const std::string& help) {
+  AddSecondsOption(app, name, help, [&seconds](double value) {
+    seconds = std::chrono::duration<double>(value);
+  })->default_str(CLI::detail::to_string(seconds.count()));
 }
 
 bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output) {

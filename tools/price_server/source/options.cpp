@@ -61,9 +61,17 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
   feed::AddSecondsOption(app, options.seconds, "End after this many seconds");
   app.add_flag("--wait-for-client", options.waitForClient,
                "Send the first update when a client has subscribed to every segment");
+  feed::AddSecondsOption(app, "--news-every", options.newsPeriod, "Seconds from one news to the next; 0: none");
+  feed::AddSecondsOption(app, "--rfq-every", options.rfqPeriod,
+                         "Seconds from one request for quotes to the next; 0: none");
+  feed::AddSecondsOption(app, "--status-every", options.statusPeriod, "Seconds from one status to the next");
+  app.add_flag("--console", options.hasConsole,
+               "Read commands to clients from standard input, one a line; the line \"help\" tells more");
+  feed::AddSecondsOption(app, "--command-timeout", options.commandTimeout,
+                         "How long a command waits for a client to hear it, and then for an answer");
   app.add_option("--context-name", options.contextName, "Name of the messaging context; default: price_server")
       ->type_name("NAME");
-  app.add_flag("--quiet", options.quiet, "Print the summary only");
+  app.add_flag("--quiet", options.quiet, "Print the summary only, and what --console gives");
   feed::AddCommonOptions(app);
 
   if (!feed::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
@@ -73,6 +81,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
         "bad --market-name; expected 1 to 32 visible "
         "characters without blanks");
   }
+  if (options.statusPeriod.count() == 0) throw feed::UsageError("bad --status-every 0; expected a number above 0");
   options.symbolOfDailyValues = SymbolFromFileName(options.pricesFile);
   if (!symbol.empty()) {
     const auto parsed = feed::Symbol::Parse(symbol);

@@ -22,6 +22,11 @@ struct Options {
   std::optional<std::uint64_t> count;
   std::optional<std::chrono::duration<double>> seconds;
   bool waitForClient = false;
+  std::chrono::duration<double> newsPeriod{5};    // 0: none
+  std::chrono::duration<double> rfqPeriod{2};     // 0: none
+  std::chrono::duration<double> statusPeriod{1};  // above 0
+  bool hasConsole = false;
+  std::chrono::duration<double> commandTimeout{5};
   std::string contextName;
   bool quiet = false;
 };

@@ -23,8 +23,12 @@ void AddCommonOptions(CLI::App& app);
 // Takes numbers from 0 to max; unlike the library's range check, not "nan".
 CLI::Validator NumberUpTo(double max);
 
-// Adds an option that takes a number of seconds, such as 2.5.
+// Adds the option --seconds, which takes a number such as 2.5.
 void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help);
+
+// Adds an option of that kind, with what seconds holds as the default.
+void AddSecondsOption(CLI::App& app, const std::string& name, std::chrono::duration<double>& seconds,
+                      const std::string& help);
 
 // Returns false when the user asked for help or the version, which then has been written. Throws UsageError.
 bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output);

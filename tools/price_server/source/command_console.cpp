@@ -1,0 +1,40 @@
+#include "command_console.h"
+
+#include <unistd.h>
+
+#include <iostream>
+
+#include "console_line.h"
+#include "feed/one_line.h"
+#include "lbm/errors.h"
+
+namespace price_server {
+
+CommandConsole::CommandConsole(lbm::Context& ctx, SourceWatch& sources, TaskLoop& loop, std::uint64_t session,
+                               std::chrono::duration<double> timeout, const feed::Output& output)
+    : m_output(output),
+      m_sender(ctx, loop, session, timeout, [&output](std::string_view line) { output.Write(line); }),
+      m_directory(ctx, sources, loop,
+                  [this](const auto& client, const auto& answer) { m_sender.NoteAnswer(client, answer); }),
+      m_reader(STDIN_FILENO,
+               [this, &loop](const std::string& line) { return loop.Post([this, line] { Execute(line); }); }) {}
+
+void CommandConsole::Execute(const std::string& line) {
+  if (line == kHelpWord) {
+    m_output.Write(kConsoleHelp);
+    return;
+  }
+  const auto refuse = [&line](const char* why) {
+    std::cerr << "price_server: bad line \"" << feed::OneLine(line) << "\": " << why << "; \"" << kHelpWord
+              << "\" shows how lines are written" << std::endl;
+  };
+  try {
+    if (const auto command = ParseConsoleLine(line)) m_sender.Send(*command);
+  } catch (const BadConsoleLine& error) {
+    refuse(error.what());
+  } catch (const lbm::LbmError& error) {
+    refuse(error.what());
+  }
+}
+
+}  // namespace price_server

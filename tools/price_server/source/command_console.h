@@ -1,0 +1,40 @@
+// The operator's side of the commands to clients.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "client_directory.h"
+#include "command_sender.h"
+#include "feed/output.h"
+#include "lbm/context.h"
+#include "line_reader.h"
+#include "source_watch.h"
+#include "task_loop.h"
+
+namespace price_server {
+
+// Reads commands from standard input, see console_line.h, and writes what becomes of them, the clients' answers and
+// help to standard output, and what is wrong with a line to standard error. The end of the input ends nothing else.
+//
+// Threads: made while the loop is not running and destroyed when it has stopped; Close is for the loop's.
+class CommandConsole {
+ public:
+  // All arguments have to outlive the console; session and timeout as in CommandSender. Throws std::system_error.
+  CommandConsole(lbm::Context& ctx, SourceWatch& sources, TaskLoop& loop, std::uint64_t session,
+                 std::chrono::duration<double> timeout, const feed::Output& output);
+
+  // Says which commands are left without an outcome.
+  void Close() { m_sender.Close(); }
+
+ private:
+  void Execute(const std::string& line);
+
+  const feed::Output& m_output;
+  CommandSender m_sender;
+  ClientDirectory m_directory;
+  LineReader m_reader;  // last: its handler uses the rest
+};
+
+}  // namespace price_server

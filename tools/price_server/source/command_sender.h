@@ -1,0 +1,77 @@
+// Commands on their way to clients.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "console_line.h"
+#include "feed/command_answer.h"
+#include "lbm/context.h"
+#include "lbm/source.h"
+#include "ps_common/connector/topic_names.h"
+#include "task_loop.h"
+
+namespace price_server {
+
+// Sends each command once somebody listens on its topic, and says what becomes of it in lines that start with its
+// number: 1, 2, 3, ... Never waits for a client.
+//
+// Threads: for the loop's; made while that is not running and destroyed when it has stopped.
+class CommandSender {
+ public:
+  using Print = std::function<void(std::string_view line)>;
+
+  // How long a topic has to be without a new subscriber before commands are sent on it: others may be about to
+  // subscribe, and this side to hear their answers.
+  static constexpr auto kSettlingTime = std::chrono::milliseconds(100);
+
+  // session makes the ids of this run's commands its own. A command waits for timeout to be heard, and once it is sent
+  // as long again for an answer. print takes lines with their ends; what it throws leaves through the operations.
+  CommandSender(lbm::Context& ctx, TaskLoop& loop, std::uint64_t session, std::chrono::duration<double> timeout,
+                Print print);
+
+  void Send(const ConsoleCommand& command);
+  void NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, const feed::CommandAnswer& answer);
+
+  // Says which commands are left without an outcome.
+  void Close();
+
+ private:
+  enum class State { kWaiting, kSent, kAnswered };
+  struct Pending {
+    std::string topic;
+    std::string receiver;
+    std::string message;
+    State state = State::kWaiting;
+  };
+  struct Destination {
+    int subscribers = 0;
+    TaskLoop::Clock::time_point settled;
+    std::unique_ptr<lbm::Source> source;  // last: its events use the rest
+  };
+  using Number = std::uint64_t;
+
+  Destination& DestinationAt(const std::string& topic);
+  void NoteSourceEvent(const std::string& topic, int event);
+  void SendWhatWaits(const std::string& topic);
+  void EndWaitForListener(Number number);
+  void EndWaitForAnswers(Number number);
+  void PrintOutcome(Number number, const Pending& command, std::string_view outcome) const;
+
+  lbm::Context& m_ctx;
+  TaskLoop& m_loop;
+  const std::uint64_t m_session;
+  const TaskLoop::Clock::duration m_timeout;
+  const Print m_print;
+  std::map<std::string, Destination> m_destinations;  // by topic
+  std::map<Number, Pending> m_pending;
+  Number m_last = 0;
+};
+
+}  // namespace price_server

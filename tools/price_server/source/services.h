@@ -1,0 +1,69 @@
+// What a price server does beside sending prices.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "command_console.h"
+#include "feed/output.h"
+#include "feed/prices_file.h"
+#include "lbm/context.h"
+#include "news_wire.h"
+#include "options.h"
+#include "product_catalogue.h"
+#include "product_publisher.h"
+#include "progress.h"
+#include "request_service.h"
+#include "source_watch.h"
+#include "status_publisher.h"
+#include "task_loop.h"
+#include "topic_publisher.h"
+
+namespace price_server {
+
+// Everything that the options ask for, on the loop, which the services start and stop.
+//
+// Threads: for one.
+class Services {
+ public:
+  // What the services work with. All of it has to outlive them.
+  struct Surroundings {
+    const Options& options;
+    const feed::PricesFile& file;
+    const ProductCatalogue& catalogue;
+    const Progress& progress;
+    lbm::Context& ctx;
+    SourceWatch& sources;  // installed in ctx if the options ask for a console
+    TaskLoop& loop;
+    const feed::Output& output;
+  };
+
+  // session as in feed::PriceMessage. onFailure is called on the loop's thread when the services cannot go on. Throws
+  // lbm::LbmError and std::system_error.
+  Services(const Surroundings& surroundings, std::uint64_t session, std::function<void()> onFailure);
+  ~Services();
+
+  Services(const Services&) = delete;
+  Services& operator=(const Services&) = delete;
+
+  // Tells clients and operators that the server ends, and stops. Throws what the services failed with.
+  void Close();
+
+ private:
+  void PublishNews();
+  void PublishRequestForQuote();
+
+  TaskLoop& m_loop;
+  const feed::PricesFile& m_file;
+  NewsWire m_newsWire;
+  TopicPublisher m_news;
+  TopicPublisher m_requestsForQuotes;
+  std::uint64_t m_lastRequestForQuote = 0;
+  ProductPublisher m_products;
+  StatusPublisher m_status;
+  RequestService m_requests;
+  std::optional<CommandConsole> m_console;
+};
+
+}  // namespace price_server
