@@ -59,14 +59,23 @@ bool Peer::Send(const std::string& topicName, const std::string& bytes) {
 }
 
 std::optional<std::string> Peer::Request(const std::string& topicName, const std::string& bytes) {
-  auto* source = SourceOn(topicName);
-  if (source == nullptr) return std::nullopt;
-  std::optional<std::string> response;
-  const auto request = source->SendRequest(bytes.data(), bytes.size(), LBM_SRC_FLUSH, [&](const lbm::Message& message) {
-    response.emplace(message.Data(), message.Length());
+  std::optional<std::string> first;
+  Request(topicName, bytes, [&first](std::string_view response) {
+    first = response;
+    return true;
   });
-  WaitUntil([&] { return response.has_value(); });
-  return response;
+  return first;
+}
+
+bool Peer::Request(const std::string& topicName, const std::string& bytes,
+                   const std::function<bool(std::string_view)>& take) {
+  auto* source = SourceOn(topicName);
+  if (source == nullptr) return false;
+  bool isDone = false;
+  const auto request = source->SendRequest(bytes.data(), bytes.size(), LBM_SRC_FLUSH, [&](const lbm::Message& message) {
+    if (!isDone) isDone = take({message.Data(), message.Length()});
+  });
+  return WaitUntil([&] { return isDone; });
 }
 
 void Peer::Receive(const std::string& topicName, lbm::MessageCallback callback) {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "feed/command_answer.h"
 #include "lbm/context.h"
@@ -28,6 +29,10 @@ class Peer {
 
   // Sends a request likewise; the first response, or nothing when none comes before the deadline.
   std::optional<std::string> Request(const std::string& topicName, const std::string& bytes);
+
+  // The same until take, which is given each response, returns true. False when the deadline passes before.
+  bool Request(const std::string& topicName, const std::string& bytes,
+               const std::function<bool(std::string_view)>& take);
 
   void Receive(const std::string& topicName, lbm::MessageCallback callback);
 

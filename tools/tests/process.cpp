@@ -55,19 +55,23 @@ Process::Process(std::vector<std::string> command, const Environment& environmen
   std::vector<std::string> assignments;
   for (const auto& [name, value] : environment) assignments.push_back(name + '=' + value);
 
+  const auto input = MakePipe();
   const auto output = terminal == Terminal::kOutput ? MakeTerminal() : MakePipe();
   const auto errors = MakePipe();
   m_process = ::fork();
   Check(m_process >= 0, "fork");
   if (m_process == 0) {
+    ::dup2(input.reader, STDIN_FILENO);
     ::dup2(output.writer, STDOUT_FILENO);
     ::dup2(errors.writer, STDERR_FILENO);
     for (auto& assignment : assignments) ::putenv(assignment.data());
     ::execv(arguments[0], arguments.data());
     ::_exit(127);
   }
+  ::close(input.reader);
   ::close(output.writer);
   ::close(errors.writer);
+  m_inputFile = input.writer;
   m_outputFile = output.reader;
   m_errorFile = errors.reader;
 }
@@ -77,11 +81,22 @@ Process::~Process() {
     ::kill(m_process, SIGKILL);
     ::waitpid(m_process, nullptr, 0);
   }
+  CloseInput();
   if (m_outputFile >= 0) ::close(m_outputFile);
   if (m_errorFile >= 0) ::close(m_errorFile);
 }
 
 void Process::Signal(int signal) const { ::kill(m_process, signal); }
+
+void Process::Write(const std::string& input) const {
+  const auto written = ::write(m_inputFile, input.data(), input.size());
+  Check(written == static_cast<ssize_t>(input.size()), "write");
+}
+
+void Process::CloseInput() {
+  if (m_inputFile >= 0) ::close(m_inputFile);
+  m_inputFile = -1;
+}
 
 bool Process::ReadUntil(const std::function<bool()>& done) {
   const auto end = Clock::now() + kDeadline;

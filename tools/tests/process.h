@@ -14,7 +14,7 @@ namespace tools_test {
 // Environment variables on top of the test's own.
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
-// A running program and what it has written. It is killed when the object goes.
+// A running program, a pipe to its standard input, and what it has written. It is killed when the object goes.
 class Process {
  public:
   enum class Terminal { kNone, kOutput };
@@ -26,6 +26,10 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   void Signal(int signal) const;
+
+  // The program has to be there.
+  void Write(const std::string& input) const;
+  void CloseInput();
 
   // Returns whether the text has come on standard output, in what was not yet passed by, before the deadline; then
   // everything up to its end counts as passed by.
@@ -42,6 +46,7 @@ class Process {
   bool ReadUntil(const std::function<bool()>& done);
 
   pid_t m_process = -1;
+  int m_inputFile = -1;
   int m_outputFile = -1;
   int m_errorFile = -1;
   std::string m_output;

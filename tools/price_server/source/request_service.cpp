@@ -45,9 +45,10 @@ void RequestService::Receive(const lbm::Message& message) {
 }
 
 void RequestService::Answer(const lbm::Message& message) const {
-  const auto request = feed::DecodeClientRequest({message.Data(), message.Length()});
-  const auto id = request ? request->id : 0;
-  auto responses = request ? ResponsesTo(*request) : std::vector{Error("the request is not readable")};
+  const std::string_view bytes(message.Data(), message.Length());
+  const auto request = feed::DecodeClientRequest(bytes);
+  const auto id = feed::DecodeMessageID(bytes).value_or(0);
+  auto responses = request ? ResponsesTo(*request) : std::vector{Error("not a request that can be read")};
   responses.back().isLast = true;
   for (auto& response : responses) {
     response.id = id;
