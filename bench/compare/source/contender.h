@@ -1,0 +1,73 @@
+// What the comparison asks of a messaging library. Each contender is one file in contenders/ that defines
+// makeContender(), and becomes one program.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace compare {
+
+// Takes what a node receives.
+//
+// Threads: one at a time, which may be one of the library's own.
+class Sink {
+ public:
+  virtual ~Sink() = default;
+
+  // The payload without anything that the contender added. May send.
+  virtual void take(const char* data, std::size_t length) = 0;
+};
+
+// The part that one process plays. All nodes of a measurement are described alike, so that each finds the others.
+struct NodeSetup {
+  std::string name;  // unique in the measurement, short enough for a file name
+  std::vector<std::string> publishes;
+  std::vector<std::string> subscribes;
+  std::vector<std::string> publishers;   // nodes that publish what this one subscribes to
+  std::vector<std::string> subscribers;  // nodes that subscribe to what this one publishes
+  Sink* sink = nullptr;                  // outlives the node; null for a node that subscribes to nothing
+};
+
+class Node {
+ public:
+  virtual ~Node() = default;
+
+  // Sends on the topic of that place in NodeSetup::publishes. Waits for room when the library is set to; never drops
+  // where it can be set not to. Throws when the library refuses.
+  virtual void send(std::size_t topic, const char* data, std::size_t length) = 0;
+
+  // Gives the sink what has arrived, waiting up to timeoutMs for the first message; 0 only looks. Need not be called
+  // for nodes that subscribe to nothing.
+  virtual void poll(int timeoutMs) = 0;
+};
+
+struct Description {
+  std::string name;     // for people
+  std::string version;  // of the library that is running
+  std::string transport;
+  std::string pacing;      // what keeps a fast publisher from losing messages
+  bool spins = false;      // poll(0) in a loop is a way to use it with less latency
+  bool topics = true;      // knows topics
+  bool pinned = false;     // each process is held on one processor: for those who do their work on the caller's thread
+  std::size_t window = 0;  // messages that the publisher may be ahead of its slowest receiver; 0: the library's pacing
+};
+
+// Made before the processes of the measurement are; lives until they have ended.
+class Contender {
+ public:
+  virtual ~Contender() = default;
+  virtual Description describe() const = 0;
+  virtual std::unique_ptr<Node> makeNode(const NodeSetup& setup) = 0;
+};
+
+// directory: an empty one for this measurement alone, in memory where the machine has such a file system.
+std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory);
+
+// Contenders without topics in their protocol, only a prefix to match, begin each message with the topic's name; all
+// names have this length.
+inline constexpr std::size_t kTopicLength = 8;
+
+}  // namespace compare

@@ -1,0 +1,74 @@
+// This engine as applications use it: lbm::Source to lbm::Receiver and its std::function.
+#include <cstdlib>
+#include <lbm/lbm_cpp>
+
+#include "contender.h"
+#include "zq/logging/log_level.h"
+
+namespace compare {
+
+namespace {
+
+lbm::ContextAttributes contextAttributes(const NodeSetup& setup) {
+  lbm::ContextAttributes attributes;
+  attributes.SetString("operational_mode", setup.subscribes.empty() ? "embedded" : "sequential");
+  return attributes;
+}
+
+class EngineNode : public Node {
+ public:
+  explicit EngineNode(const NodeSetup& setup) : m_context(contextAttributes(setup)) {
+    lbm::SourceTopicAttributes lossless;
+    lossless.SetString("transport_pacing", "receiver");
+    for (const std::string& topic : setup.publishes) {
+      m_sources.push_back(
+          std::make_unique<lbm::Source>(m_context, lbm::SourceTopic(m_context, topic, lossless), nullptr));
+    }
+    for (const std::string& topic : setup.subscribes) {
+      m_receivers.push_back(std::make_unique<lbm::Receiver>(m_context, lbm::ReceiverTopic(m_context, topic, {}),
+                                                            [sink = setup.sink](const lbm::Message& message) {
+                                                              if (message.Type() == LBM_MSG_DATA) {
+                                                                sink->take(message.Data(), message.Length());
+                                                              }
+                                                            }));
+    }
+  }
+
+  void send(std::size_t topic, const char* data, std::size_t length) override {
+    m_sources[topic]->Send(data, length, 0);
+  }
+
+  void poll(int timeoutMs) override { m_context.Poll(static_cast<lbm_ulong_t>(timeoutMs)); }
+
+ private:
+  lbm::Context m_context;
+  std::vector<std::unique_ptr<lbm::Source>> m_sources;
+  std::vector<std::unique_ptr<lbm::Receiver>> m_receivers;
+};
+
+class Engine : public Contender {
+ public:
+  explicit Engine(const std::filesystem::path& directory) {
+    zq::logging::g_minLogLevel = zq::logging::ZQLOG_WARNING;
+    ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1);
+    ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "1", 1);
+  }
+
+  Description describe() const override {
+    return {.name = "this engine, std::function",
+            .version = lbm_version(),
+            .transport = "its own, default options",
+            .pacing = "transport_pacing receiver: a send waits for room",
+            .spins = true,
+            .pinned = true};
+  }
+  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
+};
+
+}  // namespace
+
+std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+  return std::make_unique<Engine>(directory);
+}
+
+}  // namespace compare

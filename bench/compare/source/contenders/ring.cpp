@@ -1,0 +1,165 @@
+// The bare limit: one ring in shared memory for each receiver, one writer, one reader, length-prefixed frames, no
+// checks, no topics, nothing to wait on.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <system_error>
+
+#include "contender.h"
+#include "control.h"
+
+namespace compare {
+
+namespace {
+
+constexpr std::size_t kRingBytes = 1 << 20;
+constexpr std::size_t kPrefix = sizeof(std::uint64_t);
+constexpr std::uint64_t kWrap = ~std::uint64_t{0};
+
+constexpr std::uint64_t frameBytes(std::size_t length) { return (kPrefix + length + kPrefix - 1) / kPrefix * kPrefix; }
+
+// Counts of bytes since the beginning; the place in data is the remainder. Zero bytes are an empty ring.
+struct Memory {
+  alignas(kCacheLine) std::atomic<std::uint64_t> written;
+  alignas(kCacheLine) std::atomic<std::uint64_t> read;
+  alignas(kCacheLine) char data[kRingBytes];
+};
+
+class Ring {
+ public:
+  explicit Ring(const std::filesystem::path& file) {
+    const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0 || ::ftruncate(descriptor, sizeof(Memory)) != 0) {
+      throw std::system_error(errno, std::generic_category(), file);
+    }
+    void* memory = ::mmap(nullptr, sizeof(Memory), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, descriptor, 0);
+    ::close(descriptor);
+    if (memory == MAP_FAILED) {
+      throw std::system_error(errno, std::generic_category(), file);
+    }
+    m_memory = static_cast<Memory*>(memory);
+  }
+  ~Ring() { ::munmap(m_memory, sizeof(Memory)); }
+  Ring(const Ring&) = delete;
+  Ring& operator=(const Ring&) = delete;
+
+  void write(const char* data, std::uint64_t length) {
+    const std::uint64_t bytes = frameBytes(length);
+    const std::uint64_t toEnd = kRingBytes - m_position % kRingBytes;
+    if (toEnd < bytes) {
+      waitForRoom(toEnd + bytes);
+      std::memcpy(at(m_position), &kWrap, kPrefix);
+      m_position += toEnd;
+    } else {
+      waitForRoom(bytes);
+    }
+    std::memcpy(at(m_position), &length, kPrefix);
+    std::memcpy(at(m_position) + kPrefix, data, length);
+    m_position += bytes;
+    m_memory->written.store(m_position, std::memory_order_release);
+  }
+
+  // Whether there was anything.
+  bool readInto(Sink& sink) {
+    const std::uint64_t end = m_memory->written.load(std::memory_order_acquire);
+    if (m_position == end) {
+      return false;
+    }
+    while (m_position != end) {
+      std::uint64_t length = 0;
+      std::memcpy(&length, at(m_position), kPrefix);
+      if (length == kWrap) {
+        m_position += kRingBytes - m_position % kRingBytes;
+        continue;
+      }
+      sink.take(at(m_position) + kPrefix, length);
+      m_position += frameBytes(length);
+      m_memory->read.store(m_position, std::memory_order_release);
+    }
+    return true;
+  }
+
+ private:
+  char* at(std::uint64_t position) const { return m_memory->data + position % kRingBytes; }
+
+  void waitForRoom(std::uint64_t bytes) {
+    while (m_position + bytes - m_other > kRingBytes) {
+      m_other = m_memory->read.load(std::memory_order_acquire);
+      if (m_position + bytes - m_other > kRingBytes) {
+        ::sched_yield();
+      }
+    }
+  }
+
+  Memory* m_memory;
+  std::uint64_t m_position = 0;  // the writer's or the reader's own
+  std::uint64_t m_other = 0;     // the writer's last look at the reader's
+};
+
+class RingNode : public Node {
+ public:
+  RingNode(const std::filesystem::path& directory, const NodeSetup& setup) : m_sink(setup.sink) {
+    for (const std::string& subscriber : setup.subscribers) {
+      m_out.push_back(std::make_unique<Ring>(directory / (setup.name + "-" + subscriber)));
+    }
+    for (const std::string& publisher : setup.publishers) {
+      m_in.push_back(std::make_unique<Ring>(directory / (publisher + "-" + setup.name)));
+    }
+  }
+
+  void send(std::size_t, const char* data, std::size_t length) override {
+    for (const auto& ring : m_out) {
+      ring->write(data, length);
+    }
+  }
+
+  void poll(int timeoutMs) override {
+    bool any = false;
+    for (const auto& ring : m_in) {
+      any = ring->readInto(*m_sink) || any;
+    }
+    if (!any && timeoutMs > 0) {
+      ::sched_yield();
+    }
+  }
+
+ private:
+  Sink* const m_sink;
+  std::vector<std::unique_ptr<Ring>> m_out;
+  std::vector<std::unique_ptr<Ring>> m_in;
+};
+
+class Rings : public Contender {
+ public:
+  explicit Rings(std::filesystem::path directory) : m_directory(std::move(directory)) {}
+
+  Description describe() const override {
+    return {.name = "bare ring",
+            .version = "-",
+            .transport = "1 MiB of shared memory for each receiver",
+            .pacing = "the writer spins until there is room",
+            .spins = true,
+            .topics = false,
+            .pinned = true};
+  }
+  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override {
+    return std::make_unique<RingNode>(m_directory, setup);
+  }
+
+ private:
+  const std::filesystem::path m_directory;
+};
+
+}  // namespace
+
+std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+  return std::make_unique<Rings>(directory);
+}
+
+}  // namespace compare

@@ -1,0 +1,142 @@
+// libzmq: PUB and SUB over Unix sockets, a message of one frame that begins with the topic.
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "contender.h"
+
+namespace compare {
+
+namespace {
+
+constexpr int kHighWaterMark = 1000;  // the library's default
+constexpr int kBatchMax = 256;        // messages in one poll
+
+int check(int result) {
+  if (result == -1) {
+    throw std::runtime_error(::zmq_strerror(::zmq_errno()));
+  }
+  return result;
+}
+
+class Socket {
+ public:
+  Socket(void* context, int type) : m_socket(::zmq_socket(context, type)) {
+    if (m_socket == nullptr) {
+      throw std::runtime_error(::zmq_strerror(::zmq_errno()));
+    }
+    set(ZMQ_LINGER, 0);
+    set(ZMQ_SNDHWM, kHighWaterMark);
+    set(ZMQ_RCVHWM, kHighWaterMark);
+  }
+  ~Socket() { ::zmq_close(m_socket); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  void set(int option, int value) { check(::zmq_setsockopt(m_socket, option, &value, sizeof value)); }
+  void subscribe(const std::string& topic) {
+    check(::zmq_setsockopt(m_socket, ZMQ_SUBSCRIBE, topic.data(), topic.size()));
+  }
+  operator void*() const { return m_socket; }
+
+ private:
+  void* m_socket;
+};
+
+class ZmqNode : public Node {
+ public:
+  ZmqNode(const std::filesystem::path& directory, const NodeSetup& setup)
+      : m_sink(setup.sink), m_topics(setup.publishes) {
+    const std::string place = "ipc://" + directory.string() + "/";
+    if (!setup.publishes.empty()) {
+      m_publisher = std::make_unique<Socket>(m_context.get(), ZMQ_PUB);
+      m_publisher->set(ZMQ_XPUB_NODROP, 1);
+      m_publisher->set(ZMQ_RCVHWM, 0);
+      check(::zmq_bind(*m_publisher, (place + setup.name).c_str()));
+    }
+    if (!setup.subscribes.empty()) {
+      m_subscriber = std::make_unique<Socket>(m_context.get(), ZMQ_SUB);
+      // The mark counts for subscriptions too, and those above it would be dropped.
+      m_subscriber->set(ZMQ_SNDHWM, 0);
+      for (const std::string& topic : setup.subscribes) {
+        m_subscriber->subscribe(topic);
+      }
+      for (const std::string& publisher : setup.publishers) {
+        check(::zmq_connect(*m_subscriber, (place + publisher).c_str()));
+      }
+    }
+    ::zmq_msg_init(&m_received);
+  }
+  ~ZmqNode() override { ::zmq_msg_close(&m_received); }
+
+  void send(std::size_t topic, const char* data, std::size_t length) override {
+    zmq_msg_t message;
+    check(::zmq_msg_init_size(&message, kTopicLength + length));
+    char* bytes = static_cast<char*>(::zmq_msg_data(&message));
+    std::memcpy(bytes, m_topics[topic].data(), kTopicLength);
+    std::memcpy(bytes + kTopicLength, data, length);
+    check(::zmq_msg_send(&message, *m_publisher, 0));
+  }
+
+  void poll(int timeoutMs) override {
+    if (timeoutMs != m_timeoutMs) {
+      m_subscriber->set(ZMQ_RCVTIMEO, timeoutMs);
+      m_timeoutMs = timeoutMs;
+    }
+    for (int i = 0, flags = 0; i < kBatchMax; ++i, flags = ZMQ_DONTWAIT) {
+      if (::zmq_msg_recv(&m_received, *m_subscriber, flags) == -1) {
+        if (::zmq_errno() != EAGAIN) {
+          check(-1);
+        }
+        return;
+      }
+      m_sink->take(static_cast<const char*>(::zmq_msg_data(&m_received)) + kTopicLength,
+                   ::zmq_msg_size(&m_received) - kTopicLength);
+    }
+  }
+
+ private:
+  struct EndContext {
+    void operator()(void* context) const { ::zmq_ctx_term(context); }
+  };
+
+  const std::unique_ptr<void, EndContext> m_context{::zmq_ctx_new()};
+  Sink* const m_sink;
+  const std::vector<std::string> m_topics;
+  std::unique_ptr<Socket> m_publisher;
+  std::unique_ptr<Socket> m_subscriber;
+  zmq_msg_t m_received;
+  int m_timeoutMs = -1;
+};
+
+class ZeroMq : public Contender {
+ public:
+  explicit ZeroMq(std::filesystem::path directory) : m_directory(std::move(directory)) {}
+
+  Description describe() const override {
+    int major = 0;
+    int minor = 0;
+    int patch = 0;
+    ::zmq_version(&major, &minor, &patch);
+    return {.name = "libzmq",
+            .version = std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch),
+            .transport = "PUB/SUB over ipc://, one I/O thread a process",
+            .pacing = "ZMQ_XPUB_NODROP and high-water marks of " + std::to_string(kHighWaterMark) + ": a send waits"};
+  }
+  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override {
+    return std::make_unique<ZmqNode>(m_directory, setup);
+  }
+
+ private:
+  const std::filesystem::path m_directory;
+};
+
+}  // namespace
+
+std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+  return std::make_unique<ZeroMq>(directory);
+}
+
+}  // namespace compare

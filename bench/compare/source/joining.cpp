@@ -1,0 +1,237 @@
+// How long a context takes to join a domain that is already there, and what a large domain costs. Prints one line of
+// JSON. Stops building, and says why, before it takes too much of the machine.
+#include <dirent.h>
+#include <lbm/lbm.h>
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "control.h"
+#include "processes.h"
+#include "run_directory.h"
+
+namespace {
+
+using compare::Clock;
+using namespace std::chrono_literals;
+
+constexpr std::size_t kContextsInProcess = 10;
+constexpr std::size_t kJoins = 5;
+// Descriptors of a context besides its links, and of a process besides its contexts, with room to spare.
+constexpr std::size_t kContextDescriptors = 16;
+constexpr std::size_t kProcessDescriptors = 64;
+// Left to the rest of the machine.
+constexpr double kMemoryLeft = 0.25;
+constexpr double kDescriptorsLeft = 0.25;
+
+struct Control {
+  std::atomic<std::uint64_t> contexts{0};
+  std::atomic<std::uint64_t> found{0};  // sources, by all contexts together
+  std::atomic<bool> measureMemory{false};
+  std::atomic<std::uint64_t> processesMeasured{0};
+  std::atomic<std::uint64_t> heapKiB{0};
+  std::atomic<std::uint64_t> descriptors{0};
+  std::array<double, kJoins> createSeconds{};
+  std::array<double, kJoins> foundSeconds{};
+};
+
+void check(int result) {
+  if (result == -1) {
+    throw std::runtime_error(lbm_errmsg());
+  }
+}
+
+// The number of that line of a file of the proc file system.
+std::uint64_t procNumber(const char* file, const std::string& label) {
+  std::ifstream lines(file);
+  for (std::string word; lines >> word;) {
+    if (word == label + ":") {
+      std::uint64_t number = 0;
+      lines >> number;
+      return number;
+    }
+  }
+  throw std::runtime_error(std::string("no ") + label + " in " + file);
+}
+
+double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
+
+int countFound(const char*, const char*, void* clientd) {
+  static_cast<std::atomic<std::uint64_t>*>(clientd)->fetch_add(1, std::memory_order_relaxed);
+  return 0;
+}
+
+lbm_context_t* createContext(const char* mode, std::atomic<std::uint64_t>& found) {
+  lbm_context_attr_t* attributes = nullptr;
+  check(lbm_context_attr_create(&attributes));
+  check(lbm_context_attr_str_setopt(attributes, "operational_mode", mode));
+  const lbm_src_notify_func_t notify{countFound, &found};
+  check(lbm_context_attr_setopt(attributes, "resolver_source_notification_function", &notify, sizeof notify));
+  lbm_context_t* context = nullptr;
+  check(lbm_context_create(&context, attributes, nullptr, nullptr));
+  check(lbm_context_attr_delete(attributes));
+  return context;
+}
+
+std::uint64_t openDescriptors() {
+  std::uint64_t count = 0;
+  DIR* const directory = ::opendir("/proc/self/fd");
+  while (::readdir(directory) != nullptr) {
+    ++count;
+  }
+  ::closedir(directory);
+  return count - 3;  // ".", ".." and this look itself
+}
+
+// Some contexts of the domain; never returns.
+void inhabit(Control& control, std::size_t contexts, std::size_t sourcesOfEach, std::size_t firstNumber) {
+  for (std::size_t number = firstNumber; number < firstNumber + contexts; ++number) {
+    lbm_context_t* const context = createContext("embedded", control.found);
+    for (std::size_t source = 0; source < sourcesOfEach; ++source) {
+      const std::string name = "topic." + std::to_string(number) + "." + std::to_string(source);
+      lbm_topic_t* topic = nullptr;
+      lbm_src_t* made = nullptr;
+      check(lbm_src_topic_alloc(&topic, context, name.c_str(), nullptr));
+      check(lbm_src_create(&made, context, topic, nullptr, nullptr, nullptr));
+    }
+    control.contexts.fetch_add(1);
+  }
+  while (!control.measureMemory.load()) {
+    std::this_thread::sleep_for(10ms);
+  }
+  control.heapKiB.fetch_add(procNumber("/proc/self/status", "RssAnon"));
+  control.descriptors.fetch_add(openDescriptors());
+  control.processesMeasured.fetch_add(1);
+  while (true) {
+    std::this_thread::sleep_for(1h);
+  }
+}
+
+void join(Control& control, std::size_t sources, std::size_t turn) {
+  std::atomic<std::uint64_t> found{0};
+  const Clock::time_point start = Clock::now();
+  lbm_context_t* const context = createContext("sequential", found);
+  control.createSeconds[turn] = seconds(Clock::now() - start);
+  while (found.load() < sources) {
+    check(lbm_context_process_events(context, 10));
+  }
+  control.foundSeconds[turn] = seconds(Clock::now() - start);
+  lbm_context_delete(context);
+}
+
+// Why a domain of that size is not to be tried; empty when it may be.
+std::string tooLarge(std::size_t contexts) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  const std::size_t inProcess =
+      std::min(contexts, kContextsInProcess) * (contexts + kContextDescriptors) + kProcessDescriptors;
+  if (inProcess > limit.rlim_max) {
+    return "needs " + std::to_string(inProcess) + " descriptors a process of " + std::to_string(limit.rlim_max);
+  }
+  std::uint64_t machine = 0;
+  std::ifstream("/proc/sys/fs/file-max") >> machine;
+  const std::size_t all = contexts * (contexts + kContextDescriptors);
+  if (static_cast<double>(all) > (1 - kDescriptorsLeft) * static_cast<double>(machine)) {
+    return "needs " + std::to_string(all) + " of the machine's " + std::to_string(machine) + " descriptors";
+  }
+  return {};
+}
+
+nlohmann::json measure(std::size_t contexts, std::size_t sources, std::chrono::seconds atMost) {
+  nlohmann::json result{{"contexts", contexts}, {"sources", sources}};
+  if (const std::string reason = tooLarge(contexts); !reason.empty()) {
+    result["stopped"] = reason;
+    return result;
+  }
+  const compare::Shared<Control> control;
+  const std::uint64_t memoryTotal = procNumber("/proc/meminfo", "MemTotal");
+  const std::uint64_t slabBefore = procNumber("/proc/meminfo", "Slab");
+  const Clock::time_point start = Clock::now();
+  const Clock::time_point deadline = start + atMost;
+
+  compare::Processes inhabitants;
+  std::uint64_t processes = 0;
+  for (std::size_t number = 0; number < contexts; number += kContextsInProcess, ++processes) {
+    const std::size_t count = std::min(kContextsInProcess, contexts - number);
+    inhabitants.start([&, number, count] { inhabit(*control, count, sources / contexts, number); });
+  }
+
+  // Every context finds its own sources too.
+  const auto reached = [&](const std::atomic<std::uint64_t>& count, std::uint64_t wanted) {
+    while (count.load() < wanted) {
+      std::this_thread::sleep_for(5ms);
+      inhabitants.throwIfAnyEnded();
+      const std::uint64_t memoryNow = procNumber("/proc/meminfo", "MemAvailable");
+      if (static_cast<double>(memoryNow) < kMemoryLeft * static_cast<double>(memoryTotal)) {
+        result["stopped"] = "memory ran short";
+      } else if (Clock::now() > deadline) {
+        result["stopped"] = "took more than " + std::to_string(atMost.count()) + " s";
+      } else {
+        continue;
+      }
+      result["contexts_made"] = control->contexts.load();
+      result["sources_found"] = control->found.load();
+      return false;
+    }
+    return true;
+  };
+  if (!reached(control->contexts, contexts)) {
+    return result;
+  }
+  result["create_seconds"] = seconds(Clock::now() - start);
+  if (!reached(control->found, contexts * sources)) {
+    return result;
+  }
+  result["settle_seconds"] = seconds(Clock::now() - start);
+
+  control->measureMemory.store(true);
+  if (!reached(control->processesMeasured, processes)) {
+    return result;
+  }
+  const std::uint64_t slabAfter = procNumber("/proc/meminfo", "Slab");
+  result["heap_mib"] = control->heapKiB.load() / 1024;
+  result["kernel_mib"] = slabAfter > slabBefore ? (slabAfter - slabBefore) / 1024 : 0;
+  result["descriptors"] = control->descriptors.load();
+
+  for (std::size_t turn = 0; turn < kJoins; ++turn) {
+    compare::Processes joiner;
+    joiner.start([&] { join(*control, sources, turn); });
+    joiner.wait(atMost);
+  }
+  result["join_create_seconds"] = control->createSeconds;
+  result["join_seconds"] = control->foundSeconds;
+  return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  CLI::App app("Times a context's joining of a domain of the embedded engine; the result is a line of JSON.");
+  std::size_t contexts = 100;
+  std::size_t sources = 10'000;
+  unsigned atMost = 60;
+  app.add_option("--contexts", contexts, "contexts of the domain")->check(CLI::Range(1, 100'000));
+  app.add_option("--sources", sources, "sources, spread over the contexts; a multiple of their number");
+  app.add_option("--at-most", atMost, "seconds that building the domain may take");
+  CLI11_PARSE(app, argc, argv);
+  sources -= sources % contexts;
+
+  const compare::RunDirectory directory;
+  ::setenv("LBM_RUNTIME_DIR", directory.path().c_str(), 1);
+  std::puts(measure(contexts, sources, std::chrono::seconds(atMost)).dump().c_str());
+  return 0;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
+}

@@ -1,0 +1,77 @@
+// One contender, one measurement: prints its result as one line of JSON.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <nlohmann/json.hpp>
+
+#include "contender.h"
+#include "control.h"
+#include "measure.h"
+#include "payload.h"
+#include "run_directory.h"
+
+namespace {
+
+nlohmann::json toJson(const compare::Description& description) {
+  return {{"name", description.name},     {"version", description.version}, {"transport", description.transport},
+          {"pacing", description.pacing}, {"spins", description.spins},     {"topics", description.topics},
+          {"pinned", description.pinned}, {"window", description.window}};
+}
+
+nlohmann::json toJson(const compare::RateResult& result) {
+  return {{"slowest", result.slowest}, {"all", result.all}, {"sent", result.sent}, {"lost", result.lost}};
+}
+
+nlohmann::json toJson(const compare::RoundTripResult& result) {
+  return {
+      {"count", result.count}, {"p50", result.p50}, {"p99", result.p99}, {"p99.9", result.p999}, {"max", result.max}};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  CLI::App app("One measurement of one contender; the result is a line of JSON.");
+  app.require_subcommand(1);
+  std::size_t payload = 64;
+  unsigned milliseconds = 500;
+  bool spin = false;
+  const auto common = [&](CLI::App* command) {
+    command->add_option("--payload", payload, "bytes of a message")
+        ->check(CLI::Range(compare::kPayloadMin, std::size_t{1} << 20));
+    command->add_option("--milliseconds", milliseconds, "how long to measure");
+    command->add_flag("--spin", spin, "look again and again instead of waiting");
+    return command;
+  };
+
+  const CLI::App* const describe = app.add_subcommand("describe", "what the contender is and how it is set");
+  CLI::App* const rate = common(app.add_subcommand("rate", "messages a second from one publisher"));
+  compare::RateSettings settings;
+  rate->add_option("--receivers", settings.receivers, "receiving processes")
+      ->check(CLI::Range(std::size_t{1}, compare::kReceiversMax));
+  rate->add_option("--topics", settings.topics, "topics published and subscribed to")->check(CLI::Range(1, 1'000'000));
+  rate->add_flag("--spread", settings.spread, "send on all topics in turn, not on one");
+  rate->add_option("--idle-peers", settings.idlePeers, "nodes subscribed to other topics");
+  common(app.add_subcommand("round-trip", "time of a message there and back"));
+  CLI11_PARSE(app, argc, argv);
+
+  const compare::RunDirectory directory;
+  const std::unique_ptr<compare::Contender> contender = compare::makeContender(directory.path());
+  const std::chrono::milliseconds duration(milliseconds);
+  nlohmann::json result;
+  if (*describe) {
+    result = toJson(contender->describe());
+  } else if (*rate) {
+    settings.payload = payload;
+    settings.spin = spin;
+    settings.duration = duration;
+    result = toJson(compare::measureRate(*contender, settings));
+  } else {
+    result = toJson(compare::measureRoundTrip(*contender, {.payload = payload, .spin = spin, .duration = duration}));
+  }
+  std::puts(result.dump().c_str());
+  return 0;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
+}

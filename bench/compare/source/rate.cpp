@@ -1,0 +1,270 @@
+#include <algorithm>
+#include <cstdlib>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "control.h"
+#include "measure.h"
+#include "payload.h"
+#include "processes.h"
+
+namespace compare {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPreparingMax = 30s;
+constexpr auto kStandstillMax = 2s;
+constexpr int kPollMs = 20;
+
+// Messages between two looks at the clock and the window.
+constexpr std::uint64_t kStride = 64;
+
+std::string topicName(char kind, std::size_t number) {
+  const std::string digits = std::to_string(number);
+  return kind + std::string(kTopicLength - 1 - digits.size(), '0') + digits;
+}
+
+std::vector<std::string> names(char kind, std::size_t count) {
+  std::vector<std::string> all;
+  for (std::size_t number = 0; number < count; ++number) {
+    all.push_back(topicName(kind, number));
+  }
+  return all;
+}
+
+class Counter : public Sink {
+ public:
+  Counter(ReceiverCount& count, std::size_t length) : m_count(count), m_length(length) {}
+
+  void take(const char* data, std::size_t length) override {
+    const auto number = Payload::numberOf(data, length, m_length);
+    if (!number) {
+      add(m_count.damaged);
+    } else if (*number == kProbe) {
+      m_count.ready.store(true, std::memory_order_relaxed);
+    } else {
+      add(m_count.whole);
+    }
+  }
+
+ private:
+  static void add(std::atomic<std::uint64_t>& count) {
+    count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+
+  ReceiverCount& m_count;
+  const std::size_t m_length;
+};
+
+// Topics and names of everybody who takes part.
+class Cast {
+ public:
+  explicit Cast(const RateSettings& settings)
+      : m_topics(names('t', settings.topics)),
+        m_idleTopics(names('i', settings.idlePeers)),
+        m_receivers(names('r', settings.receivers)),
+        m_idlePeers(names('p', settings.idlePeers)) {}
+
+  NodeSetup publisher() const {
+    NodeSetup setup{.name = kPublisher, .publishes = m_topics, .subscribers = m_receivers};
+    setup.publishes.insert(setup.publishes.end(), m_idleTopics.begin(), m_idleTopics.end());
+    setup.subscribers.insert(setup.subscribers.end(), m_idlePeers.begin(), m_idlePeers.end());
+    return setup;
+  }
+  NodeSetup receiver(std::size_t number, Sink& sink) const {
+    return {.name = m_receivers[number], .subscribes = m_topics, .publishers = {kPublisher}, .sink = &sink};
+  }
+  NodeSetup idlePeer(std::size_t number, Sink& sink) const {
+    return {
+        .name = m_idlePeers[number], .subscribes = {m_idleTopics[number]}, .publishers = {kPublisher}, .sink = &sink};
+  }
+
+ private:
+  static constexpr const char* kPublisher = "publisher";
+
+  const std::vector<std::string> m_topics;
+  const std::vector<std::string> m_idleTopics;
+  const std::vector<std::string> m_receivers;
+  const std::vector<std::string> m_idlePeers;
+};
+
+class PublisherPart {
+ public:
+  PublisherPart(Contender& contender, const RateSettings& settings, Control& control)
+      : m_settings(settings),
+        m_receivers(control.receivers.begin(), settings.receivers),
+        m_control(control),
+        m_window(contender.describe().window),
+        m_node(contender.makeNode(Cast(settings).publisher())),
+        m_payload(settings.payload) {}
+
+  void run() {
+    prepare();
+    sendFor(Phase::warmUp, m_settings.warmUp);
+    sendFor(Phase::measuring, m_settings.duration);
+    m_control.sent.store(m_sent);
+    m_control.phase.store(Phase::draining);
+    drain();
+    m_control.phase.store(Phase::over);
+  }
+
+ private:
+  // Subscriptions take effect in their order, so a probe on the last topic shows that all of them have.
+  void prepare() {
+    const Clock::time_point deadline = Clock::now() + kPreparingMax;
+    m_payload.stamp(kProbe);
+    while (!everyReceiver([](const ReceiverCount& receiver) { return receiver.ready.load(); }) ||
+           m_control.idlePeersReady.load() < m_settings.idlePeers) {
+      if (Clock::now() > deadline) {
+        throw std::runtime_error("not all receivers got a probe in time");
+      }
+      m_node->send(m_settings.topics - 1, m_payload.data(), m_payload.size());
+      for (std::size_t peer = 0; peer < m_settings.idlePeers; ++peer) {
+        m_node->send(m_settings.topics + peer, m_payload.data(), m_payload.size());
+      }
+      std::this_thread::sleep_for(1ms);
+    }
+  }
+
+  void sendFor(Phase phase, std::chrono::milliseconds duration) {
+    m_control.phase.store(phase);
+    const Clock::time_point end = Clock::now() + duration;
+    while (Clock::now() < end) {
+      for (std::uint64_t i = 0; i < kStride; ++i) {
+        m_payload.stamp(++m_sent);
+        m_node->send(m_topic, m_payload.data(), m_payload.size());
+        if (m_settings.spread && ++m_topic == m_settings.topics) {
+          m_topic = 0;
+        }
+      }
+      while (m_window != 0 && m_sent > slowest() + m_window && Clock::now() < end) {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+  // Until everything has arrived, or nothing more does.
+  void drain() {
+    std::uint64_t before = slowest();
+    Clock::time_point moved = Clock::now();
+    while (slowest() < m_sent && Clock::now() < moved + kStandstillMax) {
+      std::this_thread::sleep_for(1ms);
+      if (const std::uint64_t now = slowest(); now != before) {
+        before = now;
+        moved = Clock::now();
+      }
+    }
+  }
+
+  template <class Condition>
+  bool everyReceiver(Condition condition) const {
+    return std::all_of(m_receivers.begin(), m_receivers.end(), condition);
+  }
+
+  std::uint64_t slowest() const {
+    std::uint64_t least = m_sent;
+    for (const ReceiverCount& receiver : m_receivers) {
+      least = std::min(least, receiver.whole.load(std::memory_order_relaxed));
+    }
+    return least;
+  }
+
+  const RateSettings& m_settings;
+  const std::span<ReceiverCount> m_receivers;
+  Control& m_control;
+  const std::size_t m_window;
+  const std::unique_ptr<Node> m_node;
+  Payload m_payload;
+  std::uint64_t m_sent = 0;
+  std::size_t m_topic = 0;
+};
+
+void receive(Contender& contender, const RateSettings& settings, Control& control, std::size_t number) {
+  ReceiverCount& count = control.receivers[number];
+  Counter counter(count, settings.payload);
+  const std::unique_ptr<Node> node = contender.makeNode(Cast(settings).receiver(number, counter));
+
+  struct Moment {
+    Clock::time_point time = Clock::now();
+    std::uint64_t whole;
+  };
+  Moment from{.whole = 0};
+  Phase seen = Phase::preparing;
+  while (seen != Phase::over) {
+    node->poll(settings.spin ? 0 : kPollMs);
+    const Phase phase = control.phase.load(std::memory_order_relaxed);
+    if (phase == seen) {
+      continue;
+    }
+    const Moment now{.whole = count.whole.load(std::memory_order_relaxed)};
+    if (phase == Phase::measuring) {
+      from = now;
+    } else if (seen == Phase::measuring) {
+      count.rate =
+          static_cast<double>(now.whole - from.whole) / std::chrono::duration<double>(now.time - from.time).count();
+    }
+    seen = phase;
+  }
+}
+
+// All of them in one process, which sleeps once they are subscribed. Ends the process.
+void idle(Contender& contender, const RateSettings& settings, Control& control) {
+  struct Peer {
+    std::unique_ptr<ReceiverCount> count = std::make_unique<ReceiverCount>();
+    std::unique_ptr<Counter> counter;
+    std::unique_ptr<Node> node;
+  };
+  std::vector<Peer> peers(settings.idlePeers);
+  for (std::size_t number = 0; number < peers.size(); ++number) {
+    Peer& peer = peers[number];
+    peer.counter = std::make_unique<Counter>(*peer.count, settings.payload);
+    peer.node = contender.makeNode(Cast(settings).idlePeer(number, *peer.counter));
+  }
+  for (Peer& peer : peers) {
+    while (!peer.count->ready.load()) {
+      for (Peer& one : peers) {
+        one.node->poll(0);
+      }
+      std::this_thread::sleep_for(1ms);
+    }
+    control.idlePeersReady.fetch_add(1);
+  }
+  while (control.phase.load() != Phase::over) {
+    std::this_thread::sleep_for(5ms);
+  }
+  // Without closing the nodes: nng waits for ever when it is to close many sockets that are connected.
+  std::_Exit(0);
+}
+
+}  // namespace
+
+RateResult measureRate(Contender& contender, const RateSettings& settings) {
+  const Shared<Control> control;
+  const bool pinned = contender.describe().pinned;
+  const auto processor = [&](std::size_t number) { return pinned ? processorFor(number) : std::nullopt; };
+
+  Processes processes;
+  processes.start([&] { PublisherPart(contender, settings, *control).run(); }, processor(0));
+  for (std::size_t number = 0; number < settings.receivers; ++number) {
+    processes.start([&] { receive(contender, settings, *control, number); }, processor(number + 1));
+  }
+  if (settings.idlePeers > 0) {
+    processes.start([&] { idle(contender, settings, *control); });
+  }
+  processes.wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
+
+  RateResult result{.sent = control->sent.load()};
+  for (std::size_t number = 0; number < settings.receivers; ++number) {
+    const ReceiverCount& count = control->receivers[number];
+    result.slowest = number == 0 ? count.rate : std::min(result.slowest, count.rate);
+    result.all += count.rate;
+    result.lost += result.sent - count.whole.load();
+  }
+  return result;
+}
+
+}  // namespace compare

@@ -1,0 +1,154 @@
+#include <algorithm>
+#include <limits>
+#include <span>
+#include <stdexcept>
+#include <thread>
+
+#include "control.h"
+#include "measure.h"
+#include "payload.h"
+#include "processes.h"
+
+namespace compare {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPreparingMax = 15s;
+constexpr int kPollMs = 20;
+constexpr const char* kThere = "t0000001";
+constexpr const char* kBack = "t0000002";
+
+class Echo : public Sink {
+ public:
+  void answerThrough(Node& node) { m_node = &node; }
+  void take(const char* data, std::size_t length) override {
+    if (m_node != nullptr) {
+      m_node->send(0, data, length);
+    }
+  }
+
+ private:
+  Node* m_node = nullptr;
+};
+
+// Sends the next message when the last one is back.
+class Pinger : public Sink {
+ public:
+  Pinger(const RoundTripSettings& settings, Control& control)
+      : m_settings(settings), m_control(control), m_payload(settings.payload) {}
+
+  void start(Node& node) {
+    m_node = &node;
+    m_measuring = Clock::now() + m_settings.warmUp;
+    m_end = m_measuring + m_settings.duration;
+    send(Clock::now());
+  }
+
+  void take(const char* data, std::size_t length) override {
+    const Clock::time_point now = Clock::now();
+    const auto number = Payload::numberOf(data, length, m_settings.payload);
+    if (!number) {
+      throw std::runtime_error("a damaged message came back");
+    }
+    if (*number == kProbe) {
+      m_reached.store(true);
+      return;
+    }
+    if (*number != m_number) {
+      throw std::runtime_error("a message came back out of turn");
+    }
+    if (m_sentAt >= m_measuring && m_control.samples.count < kSamplesMax) {
+      m_control.samples.nanoseconds[m_control.samples.count++] = static_cast<std::uint32_t>(
+          std::min<std::chrono::nanoseconds::rep>((now - m_sentAt).count(), std::numeric_limits<std::uint32_t>::max()));
+    }
+    if (now >= m_end) {
+      m_control.phase.store(Phase::over);
+      return;
+    }
+    send(Clock::now());
+  }
+
+  bool reached() const { return m_reached.load(); }
+
+ private:
+  void send(Clock::time_point now) {
+    m_sentAt = now;
+    m_payload.stamp(++m_number);
+    m_node->send(0, m_payload.data(), m_payload.size());
+  }
+
+  const RoundTripSettings& m_settings;
+  Control& m_control;
+  Payload m_payload;
+  Node* m_node = nullptr;
+  std::uint64_t m_number = kProbe;
+  Clock::time_point m_sentAt;
+  Clock::time_point m_measuring;
+  Clock::time_point m_end;
+  std::atomic<bool> m_reached{false};
+};
+
+NodeSetup setupFor(const char* publishes, const char* subscribes, Sink& sink) {
+  return {.name = publishes,
+          .publishes = {publishes},
+          .subscribes = {subscribes},
+          .publishers = {subscribes},
+          .subscribers = {subscribes},
+          .sink = &sink};
+}
+
+void pollUntilOver(Node& node, bool spin, const Control& control) {
+  while (control.phase.load(std::memory_order_relaxed) != Phase::over) {
+    node.poll(spin ? 0 : kPollMs);
+  }
+}
+
+void echo(Contender& contender, const RoundTripSettings& settings, Control& control) {
+  Echo sink;
+  const std::unique_ptr<Node> node = contender.makeNode(setupFor(kBack, kThere, sink));
+  sink.answerThrough(*node);
+  pollUntilOver(*node, settings.spin, control);
+}
+
+void ping(Contender& contender, const RoundTripSettings& settings, Control& control) {
+  Pinger sink(settings, control);
+  const std::unique_ptr<Node> node = contender.makeNode(setupFor(kThere, kBack, sink));
+  Payload probe(settings.payload);
+  probe.stamp(kProbe);
+  const Clock::time_point deadline = Clock::now() + kPreparingMax;
+  while (!sink.reached()) {
+    if (Clock::now() > deadline) {
+      throw std::runtime_error("no probe came back in time");
+    }
+    node->send(0, probe.data(), probe.size());
+    std::this_thread::sleep_for(1ms);
+    node->poll(0);
+  }
+  sink.start(*node);
+  pollUntilOver(*node, settings.spin, control);
+}
+
+}  // namespace
+
+RoundTripResult measureRoundTrip(Contender& contender, const RoundTripSettings& settings) {
+  const Shared<Control> control;
+  const bool pinned = contender.describe().pinned;
+  Processes processes;
+  processes.start([&] { ping(contender, settings, *control); }, pinned ? processorFor(0) : std::nullopt);
+  processes.start([&] { echo(contender, settings, *control); }, pinned ? processorFor(1) : std::nullopt);
+  processes.wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
+
+  const std::span samples(control->samples.nanoseconds.data(), control->samples.count);
+  if (samples.empty()) {
+    throw std::runtime_error("not one round trip in the time given");
+  }
+  std::sort(samples.begin(), samples.end());
+  const auto quantile = [&](double share) {
+    return samples[static_cast<std::size_t>(share * static_cast<double>(samples.size() - 1))];
+  };
+  return {samples.size(), quantile(0.5), quantile(0.99), quantile(0.999), samples.back()};
+}
+
+}  // namespace compare
