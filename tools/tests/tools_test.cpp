@@ -58,7 +58,7 @@ TEST_F(ToolsTest, EveryUpdateArrivesAtAClientThatWasThereBefore) {
   ASSERT_TRUE(client.WaitForOutput("is gone")) << client.Output();
   client.Signal(SIGINT);
   EXPECT_EQ(client.Wait(), 0) << client.Errors();
-  EXPECT_THAT(client.Output(), ContainsRegex("TEST\\(1\\.1\\.1\\.0\\) +gone +2,000 +[0-9.]+ +0 +0 +0 +0 "));
+  EXPECT_THAT(client.Output(), ContainsRegex("TEST\\(1\\.1\\.1\\.0\\) +gone +2,000 +[0-9.]+ +0 +0 +0 +0\n"));
 }
 
 TEST_F(ToolsTest, OneClientServesSeveralInstancesAndReportsInJson) {

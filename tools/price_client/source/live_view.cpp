@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "format.h"
-#include "report.h"
+#include "server_text.h"
 
 namespace price_client {
 namespace {
@@ -150,15 +150,18 @@ std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) 
   AddHeader(frame, snapshot);
   // Every instance gets a row before any gets one for what its server tells, and those come before rows for symbols;
   // one row is kept for what is hidden.
-  const auto instances = static_cast<unsigned>(snapshot.instances.size());
-  const bool withServers = frame.RowsLeft() > 2 * instances;
-  auto kept = instances * (withServers ? 2 : 1) + 1;
+  const bool withServers = frame.RowsLeft() > 2 * snapshot.instances.size();
+  const auto hasServerRow = [&](const InstanceSnapshot& instance) {
+    return withServers && instance.state != InstanceState::kNeverSeen;
+  };
+  auto kept = 1U;
+  for (const auto& instance : snapshot.instances) kept += hasServerRow(instance) ? 2 : 1;
   std::size_t hidden = 0;
   for (const auto& instance : snapshot.instances) {
     if (frame.RowsLeft() == 0) break;
     AddInstance(frame, instance);
-    if (withServers) AddServer(frame, instance);
-    kept -= withServers ? 2 : 1;
+    if (hasServerRow(instance)) AddServer(frame, instance);
+    kept -= hasServerRow(instance) ? 2 : 1;
     const auto room = frame.RowsLeft() > kept ? frame.RowsLeft() - kept : 0;
     const auto shown = std::min<std::size_t>(room, instance.symbols.size());
     for (std::size_t s = 0; s < shown; ++s) AddSymbol(frame, instance.symbols[s]);

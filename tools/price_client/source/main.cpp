@@ -7,7 +7,8 @@
 #include "feed/signal_wait.h"
 #include "options.h"
 #include "rate_meter.h"
-#include "report.h"
+#include "summary_json.h"
+#include "summary_table.h"
 #include "view.h"
 #include "watch.h"
 

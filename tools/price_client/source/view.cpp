@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
+#include "lines.h"
 #include "live_view.h"
-#include "report.h"
 #include "terminal.h"
 
 namespace price_client {

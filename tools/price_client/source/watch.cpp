@@ -7,7 +7,7 @@
 
 #include "feed/command.h"
 #include "lbm/errors.h"
-#include "report.h"
+#include "operator_report.h"
 
 namespace price_client {
 namespace {

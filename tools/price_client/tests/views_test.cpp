@@ -5,9 +5,12 @@
 #include <sstream>
 
 #include "format.h"
+#include "lines.h"
 #include "live_view.h"
+#include "operator_report.h"
 #include "rate_meter.h"
-#include "report.h"
+#include "summary_json.h"
+#include "summary_table.h"
 
 namespace price_client {
 namespace {
@@ -161,15 +164,20 @@ TEST(Report, JsonHasTheTotalAndEveryInstance) {
   EXPECT_EQ(json["client"]["id"], "alice-7");
 }
 
-TEST(Report, TableHasARowForEachInstanceAndTheTotal) {
-  const auto snapshot = MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("A-LONGER-NAME", 0)});
+TEST(Report, TablesHaveARowForEachInstanceAndFitATerminal) {
+  auto snapshot = MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("A-LONGER-NAME", 0)});
+  snapshot.instances[1].totals.updates = 1'000'000'000;
   std::istringstream table(SummaryTable(snapshot));
   std::vector<std::string> rows;
   for (std::string row; std::getline(table, row);) rows.push_back(row);
-  ASSERT_EQ(rows.size(), 8U);
+  ASSERT_EQ(rows.size(), 13U);
+  for (const auto& row : rows) EXPECT_LE(row.size(), 80U);
   for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(rows[i].size(), rows[0].size());
-  EXPECT_THAT(rows[1], testing::ContainsRegex("ONE +up +4 +3\\.0 +0 +0 +0 +0 +1\\.50 us"));
+  EXPECT_THAT(rows[1], testing::MatchesRegex("ONE +up +4 +3\\.0 +0 +0 +0 +0"));
   EXPECT_THAT(rows[3], testing::StartsWith("total"));
+  EXPECT_THAT(rows[6], testing::MatchesRegex("ONE +1\\.50 us +1\\.50 us .*"));
+  EXPECT_THAT(rows[7], testing::MatchesRegex("A-LONGER-NAME +- +- +- +- +-"));
+  EXPECT_THAT(rows[10], testing::MatchesRegex("ONE +no status +0 +0 +0"));
 }
 
 TEST(Format, ChoosesUnitAndDigits) {
