@@ -104,15 +104,16 @@ void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
   frame.Add(instance.name, Style::kBold).Add("  ").Add(NameOf(instance.state), StyleOf(instance.state));
   frame.Add(fmt::format("  segments {}/{}  {}/s", instance.liveSegments, instance.segments,
                         FormatCount(static_cast<std::uint64_t>(std::llround(instance.currentRate)))));
-  if (totals.latency.Count() > 0) {
-    frame.Add(fmt::format("  p50 {}  p99 {}", FormatLatency(totals.latency.Quantile(0.5)),
-                          FormatLatency(totals.latency.Quantile(0.99))));
-  }
   frame.Add("  gaps ").Add(FormatCount(totals.gaps), totals.gaps > 0 ? Style::kRed : Style::kPlain);
   if (totals.missed > 0) frame.Add(fmt::format(" ({} missed)", FormatCount(totals.missed)), Style::kRed);
   if (totals.lost > 0) frame.Add(fmt::format("  lost {}", FormatCount(totals.lost)), Style::kRed);
   if (totals.restarts > 0) frame.Add(fmt::format("  restarts {}", totals.restarts), Style::kYellow);
   if (totals.malformed > 0) frame.Add(fmt::format("  malformed {}", FormatCount(totals.malformed)), Style::kRed);
+  // Last, as the faults matter more where the line is cut.
+  if (totals.latency.Count() > 0) {
+    frame.Add(fmt::format("  p50 {}  p99 {}", FormatLatency(totals.latency.Quantile(0.5)),
+                          FormatLatency(totals.latency.Quantile(0.99))));
+  }
   frame.EndLine();
 }
 

@@ -38,10 +38,12 @@ feed::ExitCode Run(int argc, const char* const* argv) {
   feed::DivertLibraryOutput();
   Client client(*options, [&signals] { signals.Wake(); });
   RateMeter rates(RateMeter::Clock::now());
+  bool endedByCommand = false;
   {
     const auto view = MakeView(*options, output);
-    Watch(*options, client, signals, *view, rates).Run();
+    endedByCommand = Watch(*options, client, signals, *view, rates).Run();
   }
+  if (endedByCommand) std::cerr << "price_client: ended by a command" << std::endl;
   client.Stop();
   const auto end = RateMeter::Clock::now();
   const auto result = rates.Measure(client.Read(end), end);

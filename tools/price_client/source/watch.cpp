@@ -1,7 +1,6 @@
 #include "watch.h"
 
 #include <algorithm>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -20,20 +19,20 @@ constexpr int kMaxSilentTicks = 200;
 
 }  // namespace
 
-void Watch::Run() {
+bool Watch::Run() {
   const auto end = m_options.seconds ? m_rates.Start() + std::chrono::duration_cast<Clock::duration>(*m_options.seconds)
                                      : Clock::time_point::max();
   auto nextTick = Clock::now();
   for (;;) {
     const auto now = Clock::now();
     m_client.Work(now);
-    if (!ObeyCommands(now)) return;
+    if (!ObeyCommands(now)) return true;
     if (now >= nextTick) {
-      if (!Show(now)) return;
+      if (!Show(now)) return false;
       CheckDispatchThread();
       nextTick = now + kTick;
     }
-    if (now >= end || !WaitUntil(std::min(nextTick, end))) return;
+    if (now >= end || !WaitUntil(std::min(nextTick, end))) return false;
   }
 }
 
@@ -88,7 +87,6 @@ void Watch::Obey(const feed::Command& command, Clock::time_point now) {
     }
   } else if (command.name == feed::kQuitCommand) {
     done("ends");
-    std::cerr << "price_client: ended by a command" << std::endl;
     m_hasQuit = true;
   } else {
     m_client.Answer(command, "unknown command \"" + command.name + "\"; known: report, pause, resume, quit");

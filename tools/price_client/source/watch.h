@@ -19,9 +19,9 @@ class Watch {
   Watch(const Options& options, Client& client, feed::SignalWait& signals, View& view, RateMeter& rates)
       : m_options(options), m_client(client), m_signals(signals), m_view(view), m_rates(rates) {}
 
-  // Returns when the user, the options or a command ends it. Throws std::runtime_error when the dispatch thread has
-  // ended.
-  void Run();
+  // Returns when the user, the options or a command ends it: whether it was a command. Throws std::runtime_error when
+  // the dispatch thread has ended.
+  bool Run();
 
  private:
   using Clock = feed::SignalWait::Clock;

@@ -177,7 +177,7 @@ TEST(Report, TablesHaveARowForEachInstanceAndFitATerminal) {
   EXPECT_THAT(rows[3], testing::StartsWith("total"));
   EXPECT_THAT(rows[6], testing::MatchesRegex("ONE +1\\.50 us +1\\.50 us .*"));
   EXPECT_THAT(rows[7], testing::MatchesRegex("A-LONGER-NAME +- +- +- +- +-"));
-  EXPECT_THAT(rows[10], testing::MatchesRegex("ONE +no status +0 +0 +0"));
+  EXPECT_THAT(rows[11], testing::MatchesRegex("ONE +no status +0 +0 +0"));
 }
 
 TEST(Format, ChoosesUnitAndDigits) {
