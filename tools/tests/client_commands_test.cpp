@@ -6,11 +6,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "feed/client_request.h"
+#include "feed/client_response.h"
+#include "feed/server_status.h"
 #include "peer.h"
 #include "process.h"
 #include "ps_common/connector/topic_names.h"
-#include "zq/messaging/triage.pb.h"
-#include "zq/messaging/triage_requests.h"
 
 namespace tools_test {
 namespace {
@@ -36,6 +37,12 @@ class ClientCommandsTest : public testing::Test {
                       "--host=" + std::string(kHost), "--client-id=" + std::string(kClientID)};
     command.insert(command.end(), more.begin(), more.end());
     return command;
+  }
+
+  static ps_ns::ServerInstance Instance() {
+    ps_ns::ServerInstance instance;
+    instance.m_marketID = instance.m_submarketID = instance.m_nodeID = 1;
+    return instance;
   }
 
   PrivateDirectory m_runtime;
@@ -100,15 +107,37 @@ TEST_F(ClientCommandsTest, QuitEndsTheClientInOrder) {
   EXPECT_EQ(json["client"]["id"], kClientID);
 }
 
+TEST_F(ClientCommandsTest, AServerThatComesUpIsAskedForItsProductsUntilItAnswers) {
+  Process client(Client({"--plain"}), m_environment);
+  Operator trader(m_runtime.Path(), kHost, kClientID);
+  auto& server = trader.AsPeer();
+  int requests = 0;
+  server.Receive(TopicNames::CreateClientRequestTopic(Instance()), [&](const lbm::Message& message) {
+    const auto request = feed::DecodeClientRequest({message.Data(), message.Length()});
+    if (message.Type() != LBM_MSG_REQUEST || !request || ++requests == 1) return;
+    feed::ClientResponse response;
+    response.id = request->id;
+    response.result = feed::kResultOk;
+    response.products.resize(1);
+    response.products[0].symbol = feed::Symbol::Parse("MSFT").value();
+    response.products[0].firstDate = response.products[0].lastDate = feed::ParseDate("2000-01-31").value();
+    message.GetResponse().Send(feed::Encode(response), LBM_SRC_FLUSH);
+  });
+  feed::ServerStatus status;
+  status.session = 1;
+  EXPECT_TRUE(server.Send(TopicNames::CreateServerStatusTopic(Instance()), feed::Encode(status)));
+  EXPECT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
+  EXPECT_TRUE(server.WaitUntil([&] { return trader.Command("report").figures.at("products") == 1; }));
+  EXPECT_EQ(requests, 2);
+}
+
 TEST_F(ClientCommandsTest, GarbageOnTheTopicsOfAServerIsCountedAndNothingElse) {
   Process client(Client({"--plain"}), m_environment);
   Operator trader(m_runtime.Path(), kHost, kClientID);
-  ps_ns::ServerInstance instance;
-  instance.m_marketID = instance.m_submarketID = instance.m_nodeID = 1;
   const std::string topics[] = {
-      TopicNames::CreateSegmentTopic(instance, 0),      TopicNames::CreateServerStatusTopic(instance),
-      TopicNames::CreateProductResponseTopic(instance), TopicNames::CreateRFQ_BroadcastTopic(instance),
-      TopicNames::CreateNewsBroadcastTopic(instance),   TopicNames::CreateServerResponseTopic(instance),
+      TopicNames::CreateSegmentTopic(Instance(), 0),      TopicNames::CreateServerStatusTopic(Instance()),
+      TopicNames::CreateProductResponseTopic(Instance()), TopicNames::CreateRFQ_BroadcastTopic(Instance()),
+      TopicNames::CreateNewsBroadcastTopic(Instance()),   TopicNames::CreateServerResponseTopic(Instance()),
   };
   const std::string hostile[] = {"", "{", R"({"id": 1})", std::string(1000, '['), std::string("\0\xff", 2)};
   for (const auto& topic : topics) {
@@ -126,24 +155,6 @@ TEST_F(ClientCommandsTest, GarbageOnTheTopicsOfAServerIsCountedAndNothingElse) {
   EXPECT_EQ(figures.at("updates") + figures.at("rfqs") + figures.at("news") + figures.at("products"), 0);
   client.Signal(SIGINT);
   EXPECT_EQ(client.Wait(), 1) << client.Errors();
-}
-
-TEST_F(ClientCommandsTest, AClientWithoutAContextNameAnswersTriageRequests) {
-  m_environment.insert(m_environment.end(),
-                       {{"DISABLE_LBM_TRIAGE_HANDLER", ""}, {"CHEF_ENVIRONMENT", "int"}, {"DATA_CENTER", "dc1"}});
-  for (const char* eventQueue : {"", "yes"}) {
-    auto environment = m_environment;
-    environment.emplace_back("TRIAGE_HANDLER_USE_EVENT_QUEUE", eventQueue);
-    Process client(Client({"--plain"}), environment);
-    Peer tool(m_runtime.Path());
-    const auto bytes = tool.Request("TRIAGE.ACTION.INT.LBM.DC1", zq::messaging::triage::TestRequest("42"));
-    zq::messaging::triage::TriageResponse response;
-    ASSERT_TRUE(bytes && response.ParseFromString(*bytes)) << client.Errors();
-    EXPECT_EQ(response.status(), zq::messaging::triage::TRIAGE_RESPONSE_STATUS_SUCCESS);
-    EXPECT_EQ(response.request_id(), "42");
-    client.Signal(SIGINT);
-    EXPECT_EQ(client.Wait(), 1) << client.Errors();
-  }
 }
 
 }  // namespace

@@ -58,15 +58,6 @@ bool Peer::Send(const std::string& topicName, const std::string& bytes) {
   return source != nullptr;
 }
 
-std::optional<std::string> Peer::Request(const std::string& topicName, const std::string& bytes) {
-  std::optional<std::string> first;
-  Request(topicName, bytes, [&first](std::string_view response) {
-    first = response;
-    return true;
-  });
-  return first;
-}
-
 bool Peer::Request(const std::string& topicName, const std::string& bytes,
                    const std::function<bool(std::string_view)>& take) {
   auto* source = SourceOn(topicName);

@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -27,10 +26,8 @@ class Peer {
   // Sends to whoever has subscribed to the topic, which it first waits for. False when nobody does before the deadline.
   bool Send(const std::string& topicName, const std::string& bytes);
 
-  // Sends a request likewise; the first response, or nothing when none comes before the deadline.
-  std::optional<std::string> Request(const std::string& topicName, const std::string& bytes);
-
-  // The same until take, which is given each response, returns true. False when the deadline passes before.
+  // Sends a request likewise, and waits until take, which is given each response, returns true. False when the deadline
+  // passes before.
   bool Request(const std::string& topicName, const std::string& bytes,
                const std::function<bool(std::string_view)>& take);
 
