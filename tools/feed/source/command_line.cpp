@@ -1,5 +1,8 @@
 #include "feed/command_line.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -43,6 +46,16 @@ CLI::Option* AddSecondsOption(CLI::App& app, const std::string& name, const std:
   // The bound keeps deadlines within what clocks can represent.
   constexpr double kMaxSeconds = 1e8;
   return app.add_option_function<double>(name, set, help)->check(NumberUpTo(kMaxSeconds))->type_name("S");
+}
+
+// A standard descriptor that the caller has closed would be given to the next file opened, which then would be taken for
+// standard input or output. Reading from what stands in for it gives the end of the input; writing to it is an error.
+void OccupyStandardDescriptors() {
+  int file = -1;
+  do {
+    file = ::open("/dev/null", O_RDONLY);
+  } while (file >= 0 && file <= STDERR_FILENO);
+  if (file >= 0) ::close(file);
 }
 
 }  // namespace
@@ -126,6 +139,7 @@ int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) no
     return static_cast<int>(code);
   };
   try {
+    OccupyStandardDescriptors();
     if (std::getenv("CHEF_ENVIRONMENT") == nullptr && std::getenv("DATA_CENTER") == nullptr) {
       // Nobody expects triage outside a deployment, so the triage handler need not complain that it is not there.
       ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "outside a deployment", 0);
