@@ -40,6 +40,12 @@ std::string Answers(std::size_t count) { return fmt::format("{} answer{}", count
 
 std::string Processes(std::size_t count) { return fmt::format("{} process{}", count, count == 1 ? "" : "es"); }
 
+// Who was still to answer when as many as expected had done so is no matter.
+bool HasEnough(const Report& report) {
+  const auto& expected = report.options.expected;
+  return expected ? report.outcome.answers.size() >= *expected : report.outcome.silentCount == 0;
+}
+
 // Names of who did not answer, as far as they are known.
 std::string Silent(const Outcome& outcome) {
   return outcome.silent.empty() ? "which ones is not known" : fmt::format("{}", fmt::join(outcome.silent, ", "));
@@ -64,7 +70,8 @@ std::string NobodyAnswered(const Report& report) {
       "    they have to give that topic; a process that lacks one of the first two logs an error and does not listen\n"
       "  - DISABLE_LBM_TRIAGE_HANDLER: where it is set, nobody listens\n"
       "  - the names of their contexts: a process listens only if one of its contexts has no name\n"
-      "  - LBM_RUNTIME_DIR or XDG_RUNTIME_DIR, and the user: those of the processes and of this tool have to be equal\n"
+      "  - LBM_RUNTIME_DIR or XDG_RUNTIME_DIR, LBM_CONFIG_FILE, and the user: those of the processes and of this tool\n"
+      "    have to be equal\n"
       "  - whether they are stopped or hang: then they do not even take notice of this tool",
       report.elapsed.count(), report.question.topic);
 }
@@ -91,7 +98,7 @@ std::string Table(const Report& report) {
   if (report.options.nakKill && !outcome.answers.empty()) {
     text += "success means that the request was understood; what became of the NAKs is in the processes' logs\n";
   }
-  if (outcome.late > 0) {
+  if (outcome.late > 0 && !(report.options.expected && HasEnough(report))) {
     text += fmt::format("{} began to listen too late to be asked; ask again\n", Processes(outcome.late));
   }
   return text;
@@ -131,9 +138,7 @@ Verdict Judge(const Report& report) {
   const auto failures = static_cast<std::size_t>(std::count_if(outcome.answers.begin(), outcome.answers.end(),
                                                                [](const Answer& answer) { return !answer.success; }));
   if (failures > 0) return {ExitCode::kRefused, Answers(failures) + " without success"};
-  // Who was still to answer when enough had done so is no matter.
-  if (report.options.expected ? outcome.answers.size() >= *report.options.expected : outcome.silentCount == 0)
-    return {};
+  if (HasEnough(report)) return {};
   std::string complaint = Answers(outcome.answers.size());
   if (report.options.expected) complaint += fmt::format(" instead of {}", *report.options.expected);
   if (outcome.silentCount > 0) {
