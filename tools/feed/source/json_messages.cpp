@@ -21,6 +21,9 @@ namespace {
 // Keeps the fields in the order of the tables.
 using Json = nlohmann::ordered_json;
 
+// Takes any number of fields in a time that hardly grows faster than their number, which Json does not.
+using ParsedJson = nlohmann::json;
+
 template <class Message, class Value>
 struct Field {
   const char* name;
@@ -147,14 +150,14 @@ Json ToJson(const Message& message) {
 
 // ---- Values from JSON: each returns whether there was one ----
 
-bool FromJson(const Json& json, bool& value) {
+bool FromJson(const ParsedJson& json, bool& value) {
   if (!json.is_boolean()) return false;
   value = json.get<bool>();
   return true;
 }
 
 template <std::integral T>
-bool FromJson(const Json& json, T& value) {
+bool FromJson(const ParsedJson& json, T& value) {
   const auto take = [&value](auto number) {
     value = static_cast<T>(number);
     return std::in_range<T>(number);
@@ -163,23 +166,23 @@ bool FromJson(const Json& json, T& value) {
   return json.is_number_integer() && take(json.get<std::int64_t>());
 }
 
-bool FromJson(const Json& json, std::string& text) {
+bool FromJson(const ParsedJson& json, std::string& text) {
   if (!json.is_string() || !IsOneLine(json.get_ref<const std::string&>())) return false;
   text = json.get<std::string>();
   return true;
 }
 
 template <class T, class Parse>
-bool FromText(const Json& json, T& value, const Parse& parse) {
+bool FromText(const ParsedJson& json, T& value, const Parse& parse) {
   const auto parsed = json.is_string() ? parse(json.get_ref<const std::string&>()) : std::nullopt;
   if (parsed) value = *parsed;
   return parsed.has_value();
 }
-bool FromJson(const Json& json, Symbol& symbol) { return FromText(json, symbol, Symbol::Parse); }
-bool FromJson(const Json& json, Date& date) { return FromText(json, date, ParseDate); }
-bool FromJson(const Json& json, Price& price) { return FromText(json, price, Price::Parse); }
-bool FromJson(const Json& json, UtcTime& time) { return FromText(json, time, ParseUtcTime); }
-bool FromJson(const Json& json, ServerState& state) {
+bool FromJson(const ParsedJson& json, Symbol& symbol) { return FromText(json, symbol, Symbol::Parse); }
+bool FromJson(const ParsedJson& json, Date& date) { return FromText(json, date, ParseDate); }
+bool FromJson(const ParsedJson& json, Price& price) { return FromText(json, price, Price::Parse); }
+bool FromJson(const ParsedJson& json, UtcTime& time) { return FromText(json, time, ParseUtcTime); }
+bool FromJson(const ParsedJson& json, ServerState& state) {
   return FromText(json, state, [](std::string_view text) -> std::optional<ServerState> {
     for (const auto known : {ServerState::kOpen, ServerState::kClosing}) {
       if (text == ToString(known)) return known;
@@ -188,14 +191,14 @@ bool FromJson(const Json& json, ServerState& state) {
   });
 }
 
-bool FromJson(const Json& json, std::chrono::seconds& time) {
+bool FromJson(const ParsedJson& json, std::chrono::seconds& time) {
   std::int64_t count = 0;
   if (!FromJson(json, count)) return false;
   time = std::chrono::seconds(count);
   return true;
 }
 
-bool FromJson(const Json& json, CommandAnswer::Figures& figures) {
+bool FromJson(const ParsedJson& json, CommandAnswer::Figures& figures) {
   if (!json.is_object() || json.size() > MaxElements(&figures)) return false;
   for (const auto& [name, figure] : json.items()) {
     if (!IsOneLine(name) || !FromJson(figure, figures[name])) return false;
@@ -204,10 +207,10 @@ bool FromJson(const Json& json, CommandAnswer::Figures& figures) {
 }
 
 template <HasFields Message>
-bool FromJson(const Json& json, Message& message);
+bool FromJson(const ParsedJson& json, Message& message);
 
 template <class T>
-bool FromJson(const Json& json, std::vector<T>& values) {
+bool FromJson(const ParsedJson& json, std::vector<T>& values) {
   if (!json.is_array() || json.size() > MaxElements(&values)) return false;
   for (const auto& element : json) {
     if (!FromJson(element, values.emplace_back())) return false;
@@ -216,12 +219,12 @@ bool FromJson(const Json& json, std::vector<T>& values) {
 }
 
 template <class T>
-bool FromJson(const Json& json, std::optional<T>& value) {
+bool FromJson(const ParsedJson& json, std::optional<T>& value) {
   return FromJson(json, value.emplace());
 }
 
 template <HasFields Message>
-bool FromJson(const Json& json, Message& message) {
+bool FromJson(const ParsedJson& json, Message& message) {
   if (!json.is_object()) return false;
   const auto take = [&](const auto& field) {
     const auto found = json.find(field.name);
@@ -235,10 +238,29 @@ std::string EncodeMessage(const Message& message) {
   return ToJson(message).dump();
 }
 
-// Memory is bounded by the size, and neither the parser nor the end of a value recurses. What is not JSON gives a value
-// that is no object.
-Json Parse(std::string_view bytes) {
-  return bytes.size() > kMaxJsonMessageSize ? Json() : Json::parse(bytes, nullptr, false);
+// Counts what is open in text that is JSON up to there; the rest is for the parser to refuse.
+bool IsNestedTooDeeply(std::string_view bytes) {
+  std::size_t depth = 0;
+  bool isInString = false;
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    const char c = bytes[at];
+    if (c == '"') {
+      isInString = !isInString;
+    } else if (isInString) {
+      if (c == '\\') ++at;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaxJsonMessageDepth) return true;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// What is not JSON gives a value that is no object.
+ParsedJson Parse(std::string_view bytes) {
+  if (bytes.size() > kMaxJsonMessageSize || IsNestedTooDeeply(bytes)) return {};
+  return ParsedJson::parse(bytes, nullptr, false);
 }
 
 template <HasFields Message>

@@ -13,8 +13,10 @@ namespace feed {
 // are ignored, so that versions can differ; a field that is missing or of another type makes the message none, unless
 // its comment calls it optional.
 //
-// The Decode functions take any bytes whatever, and give nothing for more than this many.
+// The Decode functions take any bytes whatever, and give nothing for more than this many, nor for arrays and objects
+// that are nested more deeply than this.
 constexpr std::size_t kMaxJsonMessageSize = 64 * 1024;
+constexpr std::size_t kMaxJsonMessageDepth = 16;
 
 // The field "id" of an object that may be no message otherwise: for answers to what cannot be read.
 std::optional<std::uint64_t> DecodeMessageID(std::string_view bytes) noexcept;
