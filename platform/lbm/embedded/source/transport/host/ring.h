@@ -1,0 +1,268 @@
+// A queue of frames between one writer and one reader who share memory and do not trust each other.
+//
+// The writer appends frames and moves the tail, the reader takes them and moves the head. Both are counters of bytes
+// that run on for ever and wrap; their lower bits are a place in the ring. A frame is a header and its content, begins
+// at a multiple of eight bytes and never runs over the end of the ring: where it would, a frame of padding fills the
+// end and the frame begins anew at the start.
+//
+// Order of memory accesses
+//
+// 1. Frames. The writer stores the tail after the frame's bytes, with release order; the reader loads it with acquire
+//    order before it reads them. In the same way the reader stores the head after it has read, and the writer loads it
+//    before it writes there again. Each side works from copies of the other's counter and looks again only when the
+//    copy says that there is nothing left, so a stream of frames moves few cache lines.
+// 2. Sleeping readers. The reader declares that it will sleep and then looks at the tail; the writer stores the tail
+// and
+//    then looks whether the reader sleeps. All four are sequentially consistent, so they have one order: if the writer
+//    looked before the declaration, it had stored the tail before it as well, and the reader sees the frame. Either the
+//    reader does not sleep or the writer wakes it.
+// 3. Writers without room. The writer stores that it wants room and then looks at the head; the reader stores the head
+//    and then looks whether room is wanted. Again all four are sequentially consistent: either the writer sees the room
+//    or the reader sees that it has to tell. The reader does both whenever it has taken all there was, so a writer
+//    cannot be forgotten by a reader that sleeps.
+//
+// A sequentially consistent store is a locked instruction on x86-64. The writer pays for one a frame, to the line that
+// it has to own for the tail anyhow; the reader for one each time that it gives back a part of the ring.
+//
+// Trust. Either side may find anything in the shared memory at any time. What decides about an access is copied out of
+// it first, then checked, then used; what a side knows itself it never reads back. A counter or a frame that cannot be
+// right throws Fault.
+#pragma once
+
+#include <atomic>
+#include <bit>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <span>
+
+#include "transport/host/fault.h"
+
+namespace engine::transport::host {
+
+// What both sides see beside the ring's bytes. All zero is an empty ring. Each side's own words are on cache lines that
+// the other one does not write; two lines apart, because processors fetch them in pairs.
+template <std::unsigned_integral Counter>
+struct RingControl {
+  static constexpr std::size_t kApart = 128;
+
+  // Written by the writer:
+  alignas(kApart) std::atomic<Counter> tail;
+  std::atomic<std::uint32_t> roomWanted;  // the number of times that room was asked for
+  // Written by the reader:
+  alignas(kApart) std::atomic<Counter> head;
+  alignas(kApart) std::atomic<std::uint32_t> roomTold;  // roomWanted as last answered; writers wait for its change
+
+  static_assert(std::atomic<Counter>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
+};
+
+struct RingFrameHeader {
+  std::uint32_t size = 0;  // bytes of the content
+  std::uint32_t tag = 0;   // says what it is; kRingPadding: nothing
+
+  // Bytes that a frame takes up in a ring.
+  static constexpr std::uint64_t kAlignment = 8;
+  static constexpr std::uint64_t footprint(std::uint64_t size) {
+    return (sizeof(RingFrameHeader) + size + kAlignment - 1) & ~(kAlignment - 1);
+  }
+};
+inline constexpr std::uint32_t kRingPadding = 0;
+
+// What writer and reader have in common: the ring's bytes and how a counter finds its place among them.
+template <std::unsigned_integral Counter>
+class RingEnd {
+ public:
+  std::size_t capacity() const noexcept { return m_bytes.size(); }
+
+ protected:
+  // bytes: a power of two of them, at least 64, fewer than a Counter counts; aligned to eight.
+  RingEnd(RingControl<Counter>& control, std::span<std::byte> bytes) : m_control(&control), m_bytes(bytes) {
+    if (!std::has_single_bit(bytes.size()) || bytes.size() < 64 || bytes.size() > std::numeric_limits<Counter>::max()) {
+      throw Fault("a ring has an impossible size");
+    }
+  }
+
+  static Counter distance(Counter from, Counter to) noexcept { return static_cast<Counter>(to - from); }
+  std::size_t placeOf(Counter counter) const noexcept { return counter & (m_bytes.size() - 1); }
+  RingControl<Counter>& control() const noexcept { return *m_control; }
+  std::byte* at(std::size_t place) const noexcept { return m_bytes.data() + place; }
+
+ private:
+  RingControl<Counter>* m_control;
+  std::span<std::byte> m_bytes;
+};
+
+template <std::unsigned_integral Counter>
+class RingWriter : public RingEnd<Counter> {
+ public:
+  RingWriter(RingControl<Counter>& control, std::span<std::byte> bytes) : RingEnd<Counter>(control, bytes) {}
+
+  // The place for the content of a frame, to be filled before commit(); null when there is no room for it. A frame of
+  // up to an eighth of the ring finds room whenever a quarter is free.
+  std::byte* reserve(std::size_t size, std::uint32_t tag) {
+    const Plan plan = planFor(size);
+    if (!hasRoomFor(plan)) {
+      return nullptr;
+    }
+    std::size_t place = this->placeOf(m_tail);
+    if (plan.padding != 0) {
+      writeHeader(place, static_cast<std::uint32_t>(plan.padding - sizeof(RingFrameHeader)), kRingPadding);
+      place = 0;
+    }
+    writeHeader(place, static_cast<std::uint32_t>(size), tag);
+    m_next = static_cast<Counter>(m_tail + plan.padding + plan.footprint);
+    return this->at(place + sizeof(RingFrameHeader));
+  }
+
+  // Hands the reserved frame to the reader.
+  void commit() noexcept {
+    m_tail = m_next;
+    this->control().tail.store(m_tail, std::memory_order_seq_cst);
+  }
+
+  bool hasRoom(std::size_t size) { return hasRoomFor(planFor(size)); }
+
+  // Bytes not taken up, padding that may be needed included.
+  std::size_t room() {
+    lookAtHead();
+    return known();
+  }
+
+  // Asks to be told when half of the ring is free. Look for room after this and before waiting. Returns the value of
+  // roomTold that means that nothing was told since.
+  std::uint32_t wantRoom() {
+    const std::uint32_t told = this->control().roomTold.load(std::memory_order_acquire);
+    if (told == m_wanted) {
+      this->control().roomWanted.store(++m_wanted, std::memory_order_seq_cst);
+    }
+    return told;
+  }
+
+ private:
+  struct Plan {
+    std::uint64_t padding;
+    std::uint64_t footprint;
+  };
+
+  Plan planFor(std::size_t size) const noexcept {
+    const std::uint64_t footprint = RingFrameHeader::footprint(size);
+    const std::uint64_t toEnd = this->capacity() - this->placeOf(m_tail);
+    return {footprint > toEnd ? toEnd : 0, footprint};
+  }
+
+  bool hasRoomFor(const Plan& plan) {
+    const std::uint64_t needed = plan.padding + plan.footprint;
+    if (needed > known()) {
+      lookAtHead();
+    }
+    return needed <= known();
+  }
+
+  std::size_t known() const noexcept { return this->capacity() - this->distance(m_head, m_tail); }
+
+  void lookAtHead() {
+    const Counter head = this->control().head.load(std::memory_order_seq_cst);
+    if (this->distance(head, m_tail) > this->distance(m_head, m_tail)) {
+      throw Fault("the reader's place in a ring is impossible");
+    }
+    m_head = head;
+  }
+
+  void writeHeader(std::size_t place, std::uint32_t size, std::uint32_t tag) noexcept {
+    const RingFrameHeader header{size, tag};
+    std::memcpy(this->at(place), &header, sizeof(header));
+  }
+
+  Counter m_tail = 0;  // as the reader knows it
+  Counter m_next = 0;  // after the reserved frame
+  Counter m_head = 0;  // copy; the true one is this or further
+  std::uint32_t m_wanted = 0;
+};
+
+struct RingFrame {
+  std::uint32_t tag = 0;
+  std::span<const std::byte> content;  // in the ring: a faulty writer may change it at any time
+};
+
+template <std::unsigned_integral Counter>
+class RingReader : public RingEnd<Counter> {
+ public:
+  RingReader(RingControl<Counter>& control, std::span<std::byte> bytes) : RingEnd<Counter>(control, bytes) {}
+
+  // Takes the next of the frames that the last look found. The content may be used until the next call of anything
+  // here. False when there is none left.
+  bool next(RingFrame& frame) {
+    if (this->distance(m_released, m_position) >= this->capacity() / kReleases) {
+      giveBack();
+    }
+    while (m_position != m_tail) {
+      RingFrameHeader header;
+      const std::size_t place = this->placeOf(m_position);
+      std::memcpy(&header, this->at(place), sizeof(header));
+      const std::uint64_t footprint = RingFrameHeader::footprint(header.size);
+      if (footprint > this->distance(m_position, m_tail) || footprint > this->capacity() - place) {
+        throw Fault("a frame in a ring runs past the end");
+      }
+      m_position = static_cast<Counter>(m_position + footprint);
+      if (header.tag != kRingPadding) {
+        frame = {header.tag, {this->at(place + sizeof(header)), header.size}};
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // Looks for frames behind those known already. False when there are none at all.
+  bool look() {
+    const Counter tail = this->control().tail.load(std::memory_order_seq_cst);
+    if (tail == m_tail) {
+      return m_position != m_tail;
+    }
+    if (this->distance(m_position, tail) > this->capacity() ||
+        this->distance(m_position, tail) < this->distance(m_position, m_tail) ||
+        tail % RingFrameHeader::kAlignment != 0) {
+      throw Fault("the writer's place in a ring is impossible");
+    }
+    m_tail = tail;
+    return true;
+  }
+
+  // Gives back the room of all frames taken. True when the writer is to be told of room, see told().
+  bool release() noexcept {
+    if (m_released != m_position) {
+      giveBack();
+    }
+    return toldIsDue();
+  }
+
+  // Whether the writer wants to be told of room, and half of the ring is free.
+  bool toldIsDue() const noexcept {
+    return this->control().roomWanted.load(std::memory_order_seq_cst) != m_told &&
+           this->distance(m_released, m_tail) <= this->capacity() / 2;
+  }
+
+  // Answers the writer's want. Returns the word that writers wait on.
+  std::atomic<std::uint32_t>& told() noexcept {
+    m_told = this->control().roomWanted.load(std::memory_order_seq_cst);
+    this->control().roomTold.store(m_told, std::memory_order_release);
+    return this->control().roomTold;
+  }
+
+ private:
+  // In so many parts is the ring given back while frames keep coming.
+  static constexpr std::size_t kReleases = 16;
+
+  void giveBack() noexcept {
+    m_released = m_position;
+    this->control().head.store(m_released, std::memory_order_seq_cst);
+  }
+
+  Counter m_position = 0;  // of the next frame
+  Counter m_tail = 0;      // copy; the true one is this or further
+  Counter m_released = 0;  // the head as the writer knows it
+  std::uint32_t m_told = 0;
+};
+
+}  // namespace engine::transport::host

@@ -1,0 +1,182 @@
+#include "transport/host/ring.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <deque>
+#include <random>
+#include <semaphore>
+#include <string>
+#include <thread>
+
+namespace engine::transport::host {
+namespace {
+
+// Narrow counters and a few bytes, so that everything wraps all the time.
+template <typename Counter, std::size_t capacity>
+struct TinyRing {
+  RingControl<Counter> control{};
+  alignas(8) std::array<std::byte, capacity> bytes{};
+  RingWriter<Counter> writer{control, bytes};
+  RingReader<Counter> reader{control, bytes};
+
+  bool put(const std::string& text, std::uint32_t tag = 1) {
+    std::byte* const to = writer.reserve(text.size(), tag);
+    if (to == nullptr) {
+      return false;
+    }
+    std::memcpy(to, text.data(), text.size());
+    writer.commit();
+    return true;
+  }
+
+  // The next frame's content; empty when there is none.
+  std::string take() {
+    RingFrame frame;
+    if (!reader.look() || !reader.next(frame)) {
+      reader.release();
+      return {};
+    }
+    std::string text(reinterpret_cast<const char*>(frame.content.data()), frame.content.size());
+    reader.release();
+    return text;
+  }
+};
+
+template <typename Ring>
+class RingTest : public testing::Test {};
+using Rings = testing::Types<TinyRing<std::uint8_t, 64>, TinyRing<std::uint8_t, 128>, TinyRing<std::uint16_t, 256>>;
+TYPED_TEST_SUITE(RingTest, Rings);
+
+TYPED_TEST(RingTest, GivesEveryFrameOnceInOrderWhateverTheirSizes) {
+  TypeParam ring;
+  std::mt19937 random(1);
+  std::deque<std::string> inside;
+  std::size_t refused = 0;
+  std::size_t taken = 0;
+  for (int step = 0; step < 200'000; ++step) {
+    if (random() % 2 == 0) {
+      const std::string text(1 + random() % (ring.bytes.size() / 2), static_cast<char>('a' + step % 26));
+      if (ring.writer.hasRoom(text.size())) {
+        ASSERT_TRUE(ring.put(text));
+        inside.push_back(text);
+      } else {
+        ASSERT_FALSE(ring.put(text));
+        ++refused;
+      }
+    } else if (inside.empty()) {
+      ASSERT_EQ(ring.take(), "");
+    } else {
+      ASSERT_EQ(ring.take(), inside.front());
+      inside.pop_front();
+      ++taken;
+    }
+  }
+  EXPECT_GT(refused, 1000U);
+  EXPECT_GT(taken, 1000U);
+}
+
+TYPED_TEST(RingTest, HasItsEdgesAtEveryPlace) {
+  const std::size_t capacity = TypeParam().bytes.size();
+  for (std::size_t place = 0; place < std::size_t{2} * 256; place += 8) {
+    TypeParam ring;
+    for (std::size_t i = 0; i < place; i += 8) {
+      ASSERT_TRUE(ring.put(""));
+      ring.take();
+    }
+    ASSERT_EQ(ring.writer.room(), capacity);
+    for (std::size_t i = 0; i < capacity; i += 8) {  // to the last byte
+      ASSERT_TRUE(ring.put(""));
+    }
+    ASSERT_EQ(ring.writer.room(), 0U);
+    ASSERT_FALSE(ring.put(""));
+    RingFrame frame;
+    ASSERT_TRUE(ring.reader.look());
+    for (std::size_t i = 0; i < capacity; i += 8) {
+      ASSERT_TRUE(ring.reader.next(frame));
+    }
+    ASSERT_FALSE(ring.reader.next(frame));
+    ASSERT_FALSE(ring.reader.look());
+    ring.reader.release();
+    // With a quarter free there is room for an eighth wherever the end is.
+    while (ring.writer.room() >= capacity / 4) {
+      ASSERT_TRUE(ring.put(std::string(capacity / 8 - sizeof(RingFrameHeader), 'x')));
+    }
+  }
+}
+
+TYPED_TEST(RingTest, TellsOfRoomOnceAndOnlyWhenHalfIsFree) {
+  TypeParam ring;
+  const std::size_t frames = ring.bytes.size() / 8;
+  for (std::size_t i = 0; i < frames; ++i) {
+    ASSERT_TRUE(ring.put(""));
+  }
+  const std::uint32_t told = ring.writer.wantRoom();
+  EXPECT_EQ(ring.writer.wantRoom(), told);
+  RingFrame frame;
+  ASSERT_TRUE(ring.reader.look());
+  for (std::size_t i = 0; i < frames; ++i) {
+    EXPECT_EQ(ring.reader.release(), i >= frames / 2) << i;
+    ASSERT_TRUE(ring.reader.next(frame));
+  }
+  EXPECT_NE(ring.reader.told(), told);
+  EXPECT_FALSE(ring.reader.release());
+  ring.writer.wantRoom();
+  EXPECT_TRUE(ring.reader.release());
+}
+
+// The writer wakes the reader only when that sleeps, the reader tells of room only when that is wanted: whoever is
+// forgotten waits until the test fails.
+TEST(RingThreads, NobodyIsForgotten) {
+  constexpr std::size_t kFrames = 300'000;
+  constexpr std::chrono::seconds kPatience{60};
+  TinyRing<std::uint8_t, 64> ring;
+  std::atomic<bool> sleeps{false};
+  std::binary_semaphore bell{0};
+  std::counting_semaphore<> room{0};
+  std::atomic<bool> failed{false};
+  std::thread writer([&] {
+    for (std::size_t i = 0; i < kFrames && !failed;) {
+      const std::string text(1 + i % 20, static_cast<char>('a' + i % 26));
+      if (!ring.put(text)) {
+        ring.writer.wantRoom();
+        if (!ring.writer.hasRoom(text.size()) && !room.try_acquire_for(kPatience)) {
+          failed = true;
+        }
+        continue;
+      }
+      ++i;
+      if (sleeps.exchange(false)) {
+        bell.release();
+      }
+    }
+  });
+  RingFrame frame;
+  for (std::size_t i = 0; i < kFrames && !failed;) {
+    for (bool any = ring.reader.look(); any && ring.reader.next(frame); ++i) {
+      ASSERT_EQ(frame.content.size(), 1 + i % 20);
+      ASSERT_EQ(static_cast<char>(frame.content.back()), static_cast<char>('a' + i % 26));
+    }
+    if (ring.reader.release()) {
+      ring.reader.told();
+      room.release();
+    }
+    if (i == kFrames) {
+      break;
+    }
+    sleeps = true;
+    if ((ring.reader.look() || ring.reader.toldIsDue()) && sleeps.exchange(false)) {
+      continue;
+    }
+    if (!bell.try_acquire_for(kPatience)) {
+      failed = true;
+    }
+  }
+  writer.join();
+  EXPECT_FALSE(failed);
+}
+
+}  // namespace
+}  // namespace engine::transport::host
