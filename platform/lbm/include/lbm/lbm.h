@@ -191,8 +191,9 @@ typedef struct lbm_option_text_t_stct {
 LBM_API int lbm_context_str_getopt_all(lbm_context_t* ctx, lbm_option_text_t* opts, size_t* count);
 
 /* Processes the context's events on the calling thread: returns 0 as soon as some were processed, when msec
- * milliseconds have passed, or when lbm_context_unblock was called. 0 never waits. One thread at a time; fails for a
- * context whose mode is not "sequential". */
+ * milliseconds have passed, or when lbm_context_unblock was called. 0 never waits: it delivers the messages that are
+ * there, and looks for all else (sources, subscriptions, responses) at most once a millisecond, for that takes a system
+ * call. One thread at a time; fails for a context whose mode is not "sequential". */
 LBM_API int lbm_context_process_events(lbm_context_t* ctx, lbm_ulong_t msec);
 
 /* Makes the lbm_context_process_events call in progress return early; when there is none, the next one. */

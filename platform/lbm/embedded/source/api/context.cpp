@@ -25,7 +25,7 @@ std::unique_ptr<engine::transport::Transport> join(OptionSet& options) {
   return engine::transport::host::joinHostDomain({.runtimeDirectory = runtimeDirectory,
                                                   .domain = options.get(option::domain),
                                                   .contextName = options.get(option::contextName),
-                                                  .linkBufferBytes = options.get(option::transportLinkBufferSize),
+                                                  .ringBytes = options.get(option::transportRingSize),
                                                   .notice = engine::notice});
 }
 

@@ -57,7 +57,7 @@ Context::Context(OptionSet options, std::unique_ptr<transport::Transport> transp
       m_sessionPrefix(makeSessionPrefix()),
       m_transport(std::move(transport)),
       m_directory(*this) {
-  m_dispatcher.setWork({m_transport->descriptor(), [this] { return drain(); }});
+  m_dispatcher.setWork(*this);
 }
 
 void Context::runThread() {
@@ -111,6 +111,15 @@ void Context::finish() {
       source->closeAndWait();
     }
   }
+}
+
+std::size_t Context::drainMemory() {
+  m_arrivalTime.reset();
+  return m_transport->drainMemory(*this);
+}
+
+std::chrono::microseconds Context::spinTime() const {
+  return std::chrono::microseconds(m_options.get(option::spinTime));
 }
 
 std::size_t Context::drain() {

@@ -29,7 +29,7 @@ namespace engine::core {
 
 // Threads: any, unless said otherwise. Sources, receivers, requests and responses share its ownership, so that it
 // outlives them; remove() is what ends its activity.
-class Context : public std::enable_shared_from_this<Context>, private transport::Listener {
+class Context : public std::enable_shared_from_this<Context>, private transport::Listener, private Dispatcher::Work {
  public:
   // handle is what callbacks get. In embedded mode the context's thread runs when it returns.
   static std::shared_ptr<Context> create(OptionSet options, std::unique_ptr<transport::Transport> transport,
@@ -82,10 +82,17 @@ class Context : public std::enable_shared_from_this<Context>, private transport:
   Context(OptionSet options, std::unique_ptr<transport::Transport> transport, lbm_context_t* handle);
 
   void runThread();
-  std::size_t drain();
   void finish();
   void runAt(const std::shared_ptr<EventQueue>& queue, Dispatcher::Task task);
   void notifySource(transport::Publication& publication, int event, const std::string& text);
+
+  // Dispatcher::Work
+  int descriptor() const noexcept override { return m_transport->descriptor(); }
+  std::size_t drainMemory() override;
+  std::size_t drain() override;
+  bool arm() override { return m_transport->arm(); }
+  void disarm() noexcept override { m_transport->disarm(); }
+  std::chrono::microseconds spinTime() const override;
 
   // transport::Listener
   void sourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;

@@ -34,6 +34,22 @@ void watchForInput(int epoll, int fd) {
   }
 }
 
+// What is ready, of at most as many as there is room for; nothing when the time has passed or a signal came.
+std::span<const epoll_event> poll(int epoll, std::span<epoll_event> events, int timeoutMs) {
+  const int count = ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), timeoutMs);
+  if (count == -1 && errno != EINTR) {
+    throw std::system_error(errno, std::system_category(), "cannot wait for events");
+  }
+  return events.first(static_cast<std::size_t>(std::max(count, 0)));
+}
+
+// Tells the processor that this is a loop that waits.
+void pauseProcessor() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
 }  // namespace
 
 Dispatcher::Dispatcher()
@@ -43,9 +59,9 @@ Dispatcher::Dispatcher()
   watchForInput(m_epoll.get(), m_wake.get());
 }
 
-void Dispatcher::setWork(Work work) {
-  m_work = std::move(work);
-  watchForInput(m_epoll.get(), m_work.descriptor);
+void Dispatcher::setWork(Work& work) {
+  m_work = &work;
+  watchForInput(m_epoll.get(), work.descriptor());
 }
 
 void Dispatcher::process(lbm_ulong_t msec) {
@@ -69,26 +85,47 @@ void Dispatcher::process(lbm_ulong_t msec) {
   } const last{*this};
 
   std::optional<Clock::time_point> deadline;
+  std::optional<Clock::time_point> spinDeadline;
   while (true) {
-    std::size_t done = runTasks() + runTimers() + m_work.drain();
-    const bool stop = done != 0 || m_unblocked.exchange(false) || ended();
-    if (stop && m_descriptors.empty()) {
+    const std::size_t done = runWithoutSystemCalls();
+    const bool unblocked = m_unblocked.load(std::memory_order_relaxed) && m_unblocked.exchange(false);
+    const bool stop = done != 0 || unblocked || ended();
+    if (stop || msec == 0) {
+      if (!m_descriptors.empty() || lookIsDue()) {
+        look(0);
+      }
       return;
     }
-    int timeoutMs = 0;
-    if (!stop && msec != 0) {
-      if (!deadline) {
-        // Far enough for any purpose, near enough for the clock's arithmetic.
-        constexpr lbm_ulong_t kLongest = 1000UL * 60 * 60 * 24 * 365;
-        deadline = Clock::now() + std::chrono::milliseconds(std::min(msec, kLongest));
-      }
-      timeoutMs = remainingMs(*deadline);
+    const Clock::time_point now = Clock::now();
+    if (!deadline) {
+      // Far enough for any purpose, near enough for the clock's arithmetic.
+      constexpr lbm_ulong_t kLongest = 1000UL * 60 * 60 * 24 * 365;
+      deadline = now + std::chrono::milliseconds(std::min(msec, kLongest));
+      spinDeadline = std::min(*deadline, now + m_work->spinTime());
     }
-    done = waitForEvents(timeoutMs);
-    if (stop || ended() || done != 0 || msec == 0 || timeoutMs == 0) {
+    if (now < *spinDeadline) {
+      if ((!m_descriptors.empty() || lookIsDue()) && look(0) != 0) {
+        return;
+      }
+      pauseProcessor();
+      continue;
+    }
+    const int timeoutMs = remainingMs(*deadline);
+    if (waitAndLook(timeoutMs) != 0 || ended() || timeoutMs == 0) {
       return;
     }
   }
+}
+
+std::size_t Dispatcher::runWithoutSystemCalls() { return runTasks() + runTimers() + m_work->drainMemory(); }
+
+bool Dispatcher::lookIsDue() {
+  const Clock::time_point now = Clock::now();
+  if (now < m_nextLook) {
+    return false;
+  }
+  m_nextLook = now + kLookEvery;
+  return true;
 }
 
 void Dispatcher::runLast() {
@@ -179,22 +216,38 @@ int Dispatcher::remainingMs(Clock::time_point deadline) const {
   return static_cast<int>(std::clamp<std::int64_t>(remaining, 0, INT_MAX));
 }
 
-std::size_t Dispatcher::waitForEvents(int timeoutMs) {
+// Looks at what takes a system call to look at.
+std::size_t Dispatcher::look(int timeoutMs) {
   std::array<epoll_event, 32> events;
-  const int count = ::epoll_wait(m_epoll.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
-  if (count == -1) {
-    if (errno == EINTR) {
-      return 0;
-    }
-    throw std::system_error(errno, std::system_category(), "cannot wait for events");
+  return handleEvents(poll(m_epoll.get(), events, timeoutMs));
+}
+
+// The same, waiting until something arrives in memory, too.
+std::size_t Dispatcher::waitAndLook(int timeoutMs) {
+  if (!m_work->arm()) {
+    return 0;
   }
+  std::array<epoll_event, 32> events;
+  std::span<const epoll_event> ready;
+  {
+    struct Disarm {
+      Work& work;
+      ~Disarm() { work.disarm(); }
+    } const disarm{*m_work};
+    ready = poll(m_epoll.get(), events, timeoutMs);
+  }
+  return handleEvents(ready);
+}
+
+std::size_t Dispatcher::handleEvents(std::span<const epoll_event> events) {
   std::size_t done = 0;
-  for (int i = 0; i < count; ++i) {
-    const epoll_event& event = events[static_cast<std::size_t>(i)];
+  for (const epoll_event& event : events) {
     if (event.data.fd == m_wake.get()) {
       std::uint64_t ignored = 0;
       static_cast<void>(::read(m_wake.get(), &ignored, sizeof(ignored)));
-    } else if (event.data.fd != m_work.descriptor) {
+    } else if (event.data.fd == m_work->descriptor()) {
+      done += m_work->drain();
+    } else {
       done += m_descriptors.ready(event.data.fd, event.events);
     }
   }

@@ -12,11 +12,14 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 #include "core/callback_gate.h"
 #include "core/descriptors.h"
 #include "system/descriptor.h"
+
+struct epoll_event;
 
 namespace engine::core {
 
@@ -25,21 +28,33 @@ class Dispatcher {
   using Clock = std::chrono::steady_clock;
   using Task = std::function<void()>;
 
-  // A source of work with a descriptor to wait on; drain never waits and returns how much it did.
-  struct Work {
-    int descriptor;
-    std::function<std::size_t()> drain;
+  // Where the work comes from, see transport::Transport. No drain waits; each returns how much it did.
+  class Work {
+   public:
+    virtual ~Work() = default;
+    virtual int descriptor() const noexcept = 0;
+    virtual std::size_t drainMemory() = 0;
+    virtual std::size_t drain() = 0;
+    virtual bool arm() = 0;
+    virtual void disarm() noexcept = 0;
+    virtual std::chrono::microseconds spinTime() const = 0;  // for which to look before waiting
   };
 
   Dispatcher();
 
   // Threads: before the first process().
-  void setWork(Work work);
+  void setWork(Work& work);
 
   // Does what there is to do; when that is nothing, waits up to msec milliseconds for something. Returns early after
   // unblock(), once. Throws Error when another thread is inside, or after end().
+  //
+  // Memory shared with peers is looked at always. What takes a system call to look at is looked at always only before
+  // waiting; otherwise (msec is 0, or there is no end of messages) the registered descriptors, if any, are, and all
+  // else once in kLookEvery.
   void process(lbm_ulong_t msec);
   void unblock();  // threads: any
+
+  static constexpr std::chrono::milliseconds kLookEvery{1};
 
   // Runs the task on the dispatching thread, before it looks for other work. Tasks run in the order of their posting,
   // those posted after end() never. Threads: any.
@@ -59,7 +74,11 @@ class Dispatcher {
  private:
   std::size_t runTasks();
   std::size_t runTimers();
-  std::size_t waitForEvents(int timeoutMs);
+  std::size_t runWithoutSystemCalls();
+  bool lookIsDue();
+  std::size_t look(int timeoutMs);
+  std::size_t waitAndLook(int timeoutMs);
+  std::size_t handleEvents(std::span<const epoll_event> events);
   int remainingMs(Clock::time_point deadline) const;
   void wake() noexcept;
   void runLast();
@@ -70,11 +89,12 @@ class Dispatcher {
   const Descriptor m_wake;
   CallbackGate m_gate;
   Descriptors m_descriptors;
-  Work m_work{};
+  Work* m_work = nullptr;
   std::atomic<bool> m_unblocked{false};
   std::atomic<bool> m_tasksPosted{false};
 
   // The dispatching thread's own:
+  Clock::time_point m_nextLook;
   std::multimap<Clock::time_point, Task> m_timers;
   Task m_last;  // set by end() on the dispatching thread
 

@@ -39,12 +39,19 @@ void Source::stop() {
 }
 
 transport::SendResult Source::send(const transport::OutboundMessage& message, int flags) {
-  if (m_context->deleted()) {
+  const auto refuse = [this] {
     throw Error(LBM_EOP, "the context of the source on topic " + m_topic.name + " is deleted");
+  };
+  if (m_context->deleted()) {
+    refuse();
   }
   const bool block =
       m_pacing == transport::Pacing::receiver && (flags & LBM_SRC_NONBLOCK) == 0 && !contextGate().dispatching();
-  return m_context->transport().publish(*m_publication, message, block);
+  const transport::SendResult result = m_context->transport().publish(*m_publication, message, block);
+  if (result == transport::SendResult::closed) {
+    refuse();
+  }
+  return result;
 }
 
 void Source::run(Event& event) {

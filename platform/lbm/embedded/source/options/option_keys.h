@@ -52,7 +52,8 @@ inline constexpr OptionKey<std::string> domainDirectory{Scope::context, "domain_
 inline constexpr OptionKey<OperationalMode> operationalMode{Scope::context, "operational_mode"};
 inline constexpr OptionKey<lbm_src_notify_func_t> resolverSourceNotification{Scope::context,
                                                                              "resolver_source_notification_function"};
-inline constexpr OptionKey<std::size_t> transportLinkBufferSize{Scope::context, "transport_link_buffer_size"};
+inline constexpr OptionKey<std::uint32_t> spinTime{Scope::context, "spin_time"};  // microseconds
+inline constexpr OptionKey<std::size_t> transportRingSize{Scope::context, "transport_ring_size"};
 
 inline constexpr OptionKey<bool> queueCancellationCallbacksEnabled{Scope::eventQueue,
                                                                    "queue_cancellation_callbacks_enabled"};

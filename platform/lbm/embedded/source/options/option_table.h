@@ -137,13 +137,25 @@ inline constexpr std::array optionTable{
     },
     OptionDefinition{
         .scope = Scope::context,
-        .name = "transport_link_buffer_size",
+        .name = "spin_time",
+        .type = OptionType::number,
+        .change = Change::anytime,
+        .defaultText = "0",
+        .maximum = 1'000'000'000,
+        .unit = "us",
+        .documentation = "How long processing events looks for messages, using the processor, before it waits without. "
+                         "Spinning answers within a microsecond and takes a processor core.",
+    },
+    OptionDefinition{
+        .scope = Scope::context,
+        .name = "transport_ring_size",
         .type = OptionType::size,
         .defaultText = "1048576",
         .minimum = 65'536,
         .maximum = 1'073'741'824,
         .unit = "bytes",
-        .documentation = "Room for what one peer has not yet taken. Each peer has its own.",
+        .documentation = "Room for what one context that subscribed has not yet taken, rounded up to a power of two. "
+                         "Each has its own, in shared memory.",
     },
     OptionDefinition{
         .scope = Scope::eventQueue,

@@ -4,9 +4,10 @@
 // (publications), tells this context of theirs (remote sources), carries messages to whoever subscribed, and answers to
 // whoever asked. The context itself is one of the domain's contexts: it finds its own sources like those of others.
 //
-// Threads: drain() is called by one thread at a time; the Listener is called only from inside drain(), with no lock of
-// the transport held, and may call every operation of the transport but drain(). All other operations may be called on
-// any thread at any time.
+// Threads: drain(), drainMemory(), arm() and disarm() are called by one thread at a time; the Listener is called only
+// from inside the two drains, with no lock of the transport held, and may call every operation of the transport but
+// those four. All other operations may be called on any thread at any time. Where it says drain() below, both are
+// meant.
 //
 // Errors: a fault of the operating system is thrown as std::system_error, anything else as std::runtime_error, both
 // with a text that says what to do. A fault of a peer ends the link to that peer and is nobody else's.
@@ -72,7 +73,8 @@ struct OutboundMessage {
   std::optional<std::uint32_t> channel;
 };
 
-// One message that arrived, whole. Valid during the call.
+// One message that arrived, whole. Valid during the call; a faulty publisher may change the payload meanwhile, so it is
+// copied before it is interpreted.
 struct InboundMessage {
   std::span<const std::byte> payload;
   std::uint32_t sequence = 0;
@@ -80,7 +82,12 @@ struct InboundMessage {
   std::shared_ptr<ReplyPath> replyPath;  // set for requests
 };
 
-enum class SendResult : std::uint8_t { sent, wouldBlock, peerGone };
+enum class SendResult : std::uint8_t {
+  sent,
+  wouldBlock,
+  peerGone,  // the requester is no longer there
+  closed     // the transport is, maybe since the call began
+};
 
 class Listener {
  public:
@@ -127,15 +134,23 @@ class Transport {
   // nothing: the room may depend on that very drain().
   virtual SendResult publish(Publication& publication, const OutboundMessage& message, bool block) = 0;
 
-  // Answers a request. peerGone when the requester is no longer there.
+  // Answers a request. Inside drain() block counts for nothing, as for publish().
   virtual SendResult respond(ReplyPath& path, std::span<const iovec> pieces, bool block) = 0;
 
-  // Readable when drain() has something to do.
-  virtual int descriptor() const noexcept = 0;
+  // Takes in what arrived in memory shared with peers, calling the listener, and returns the number of things done; 0
+  // when there was nothing. Bounded, so that a busy peer cannot keep the caller. Never waits, and makes no system call
+  // on its own account but to tell a sender of room that it asked for.
+  virtual std::size_t drainMemory(Listener& listener) = 0;
 
-  // Takes in what has arrived, calling the listener, and returns the number of things done; 0 when there was nothing.
-  // Bounded, so that a busy peer cannot keep the caller. Never waits.
+  // The same for all that has arrived; makes system calls. What is not in shared memory is sources and contexts that
+  // come and go, subscriptions and responses: a caller that never waits has to look for it now and then.
   virtual std::size_t drain(Listener& listener) = 0;
+
+  // Between arm() and disarm() the descriptor becomes readable when drain() has something to do; at other times, only
+  // when drainMemory() would not find it. False, and nothing to be disarmed, when there is something already.
+  virtual int descriptor() const noexcept = 0;
+  virtual bool arm() = 0;
+  virtual void disarm() noexcept = 0;
 
   // Leaves the domain: sources are withdrawn, and what was accepted but not yet handed to the operating system is given
   // up to linger to go out. Blocked publishers return. No operation but the destructor may follow.

@@ -144,9 +144,9 @@ inline bool pumpUntil(std::initializer_list<lbm_context_t*> contexts, const char
 
 // Processes until nothing has happened for a few passes: what was under way has arrived.
 inline void settle(std::initializer_list<lbm_context_t*> contexts) {
-  for (int pass = 0; pass < 20; ++pass) {
+  for (int pass = 0; pass < 10; ++pass) {
     for (lbm_context_t* context : contexts) {
-      EXPECT_EQ(0, lbm_context_process_events(context, 0)) << lbm_errmsg();
+      EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
     }
   }
 }

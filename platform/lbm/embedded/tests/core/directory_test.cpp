@@ -30,7 +30,10 @@ class ScriptedTransport : public transport::Transport {
     return transport::SendResult::sent;
   }
   int descriptor() const noexcept override { return m_event.get(); }
-  std::size_t drain(transport::Listener& listener) override {
+  bool arm() override { return events.empty(); }
+  void disarm() noexcept override {}
+  std::size_t drain(transport::Listener& listener) override { return drainMemory(listener); }
+  std::size_t drainMemory(transport::Listener& listener) override {
     std::size_t done = 0;
     for (; !events.empty(); ++done) {
       const auto event = std::move(events.front());

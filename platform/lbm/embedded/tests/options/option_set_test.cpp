@@ -154,7 +154,7 @@ TEST(OptionSet, TypedReadsGiveWhatWasSet) {
   EXPECT_EQ(context.get(option::operationalMode), OperationalMode::sequential);
   context.setText("close_linger_time", "25");
   EXPECT_EQ(context.get(option::closeLingerTime), 25ms);
-  EXPECT_EQ(context.get(option::transportLinkBufferSize), std::size_t{1} << 20);
+  EXPECT_EQ(context.get(option::transportRingSize), std::size_t{1} << 20);
   EXPECT_EQ(context.get(option::resolverSourceNotification).notifyfunc, nullptr);
   const lbm_src_notify_func_t notification{&notify, &context};
   context.setBinary("resolver_source_notification_function", &notification, sizeof notification);

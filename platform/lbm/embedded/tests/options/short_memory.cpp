@@ -24,5 +24,9 @@ void* operator new(std::size_t size) {
   if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
+// A sanitizer's own would not match the delete below.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return t_allocationsLeft == 0 ? nullptr : std::malloc(size);
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

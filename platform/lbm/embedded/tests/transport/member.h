@@ -139,10 +139,17 @@ inline void drainUntil(const std::vector<Member*>& members, const std::string& w
     }
     if (done == 0 && !condition()) {
       std::vector<pollfd> descriptors;
-      for (const Member* member : members) {
+      bool nothing = true;
+      for (Member* member : members) {
+        nothing = nothing && member->transport->arm();
         descriptors.push_back({member->transport->descriptor(), POLLIN, 0});
       }
-      ::poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
+      if (nothing) {
+        ::poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
+      }
+      for (Member* member : members) {
+        member->transport->disarm();
+      }
     }
   }
 }

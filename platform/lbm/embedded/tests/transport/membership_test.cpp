@@ -1,12 +1,17 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/file.h>
+#include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <random>
 #include <thread>
 
+#include "flood.h"
 #include "member.h"
 #include "raw_peer.h"
 
@@ -35,6 +40,27 @@ rlim_t raiseDescriptorLimit() {
   return limit.rlim_cur;
 }
 
+// See peer_process.cpp. output: its standard output, if not negative.
+pid_t startPeer(const ScratchDirectory& directory, std::string what, int output = -1) {
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  if (output >= 0) {
+    ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  }
+  std::string program = PEER_PROCESS;
+  std::string path = directory.path();
+  char* arguments[] = {program.data(), path.data(), what.data(), nullptr};
+  pid_t process = 0;
+  EXPECT_EQ(::posix_spawn(&process, program.c_str(), &actions, nullptr, arguments, environ), 0);
+  ::posix_spawn_file_actions_destroy(&actions);
+  return process;
+}
+
+void killPeer(pid_t process) {
+  ::kill(process, SIGKILL);
+  ASSERT_EQ(::waitpid(process, nullptr, 0), process);
+}
+
 TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   Member a(settingsIn(m_directory, "a"));
   const auto publication = a.transport->advertise({"ours", "s", Pacing::source});
@@ -42,15 +68,7 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   const Descriptor reading(ends[0]);
   Descriptor writing(ends[1]);
-  posix_spawn_file_actions_t actions;
-  ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_adddup2(&actions, writing.get(), STDOUT_FILENO);
-  std::string program = PEER_PROCESS;
-  std::string path = m_directory.path();
-  char* arguments[] = {program.data(), path.data(), nullptr};
-  pid_t process = 0;
-  ASSERT_EQ(::posix_spawn(&process, program.c_str(), &actions, nullptr, arguments, environ), 0);
-  ::posix_spawn_file_actions_destroy(&actions);
+  const pid_t process = startPeer(m_directory, "last-words", writing.get());
   writing = Descriptor();
 
   drainUntil({&a}, "the process", [&] { return a.heard("up peer") && a.heard("joined peer"); });
@@ -63,8 +81,7 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   publish(*a.transport, *publication, "speak");
   char told = 0;
   ASSERT_EQ(::read(reading.get(), &told, 1), 1);
-  ::kill(process, SIGKILL);
-  ASSERT_EQ(::waitpid(process, nullptr, 0), process);
+  killPeer(process);
 
   a.events.clear();
   drainUntil({&a}, "the end of the process", [&] { return a.heard("left peer"); });
@@ -82,6 +99,91 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
     EXPECT_TRUE(b.heard("up ours"));
   }
   EXPECT_EQ(m_directory.sockets().size(), 1U);
+}
+
+// What this process has open and mapped for its contexts.
+struct Holdings {
+  std::size_t descriptors = 0;
+  std::size_t mappings = 0;
+  bool operator==(const Holdings&) const = default;
+
+  static Holdings now() {
+    Holdings held;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      ++held.descriptors;
+    }
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+      held.mappings += line.find("memfd:lbm_") != std::string::npos ? 1 : 0;
+    }
+    return held;
+  }
+};
+
+// TRANSPORT_TEST_KILLS: how many processes to kill; more find rarer moments.
+TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
+  const char* const wanted = std::getenv("TRANSPORT_TEST_KILLS");
+  const int kills = wanted != nullptr ? std::atoi(wanted) : 40;
+  HostSettings settings = settingsIn(m_directory);
+  settings.ringBytes = kFloodRingBytes;
+  Member a(settings);
+  const auto publication = a.transport->advertise({"ours", "s", Pacing::source});
+  settle({&a});
+  std::uint32_t next = 0;
+  std::size_t whole = 0;
+  a.onMessage = [&](RemoteSource& source, InboundMessage& message) {
+    if (source.topic() == "peer") {
+      const auto content = floodMessage(message.sequence);
+      EXPECT_TRUE(std::equal(content.begin(), content.end(), message.payload.begin(), message.payload.end()));
+      EXPECT_TRUE(next == 0 || message.sequence == next);
+      next = message.sequence + 1;
+      ++whole;
+    }
+  };
+  publish(*a.transport, *publication, "to make the context's own ring");
+  settle({&a});
+  const Holdings before = Holdings::now();
+  std::mt19937 random(static_cast<unsigned>(kills));
+  for (int i = 0; i < kills && !HasFailure(); ++i) {
+    next = 0;
+    a.events.clear();
+    const pid_t process = startPeer(m_directory, "flood");
+    // Half of them at any moment, the others once they are at work.
+    const auto moment = [&] { return std::chrono::microseconds(random() % 10'000); };
+    auto end = std::chrono::steady_clock::now() + moment();
+    if (i % 2 != 0) {
+      drainUntil({&a}, "a message", [&] { return next != 0; });
+      end = std::chrono::steady_clock::now() + moment() / 4;
+    }
+    while (std::chrono::steady_clock::now() < end) {
+      publish(*a.transport, *publication, std::string(random() % 4000, 'x'));
+      a.drain();
+    }
+    killPeer(process);
+    settle({&a});
+    EXPECT_EQ(a.heard("up peer"), a.heard("down peer"));
+    EXPECT_EQ(a.lost, 0U);
+    EXPECT_EQ(Holdings::now(), before);
+  }
+  EXPECT_GT(whole, static_cast<std::size_t>(kills));
+  EXPECT_TRUE(a.notices.empty());
+  Member(settingsIn(m_directory), false);
+  EXPECT_EQ(m_directory.sockets().size(), 1U);
+}
+
+TEST_F(Membership, AnotherUserIsRefusedBeforeAWord) {
+  if (::getuid() != 0) {
+    GTEST_SKIP() << "takes the rights of the superuser";
+  }
+  Member a(settingsIn(m_directory));
+  ASSERT_EQ(::seteuid(12345), 0);
+  ::setfsuid(0);  // may reach the socket, as a process could that got hold of it
+  const RawPeer caller(m_directory.sockets().at(0));
+  ASSERT_EQ(::seteuid(0), 0);
+  ASSERT_TRUE(caller.connected());
+  settle({&a});
+  EXPECT_EQ(caller.bytesUntilHangUp(), 0U);
+  EXPECT_THAT(a.notices, ElementsAre(HasSubstr("another user")));
 }
 
 TEST_F(Membership, ContextsThatJoinAtTheSameTimeFindEachOther) {

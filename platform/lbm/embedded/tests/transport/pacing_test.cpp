@@ -16,7 +16,7 @@ class PacedLink : public testing::Test {
  protected:
   void start(Pacing pacing, std::uint32_t firstSequence = 0) {
     HostSettings settings = settingsIn(m_directory);
-    settings.linkBufferBytes = 100'000;
+    settings.ringBytes = 100'000;
     settings.firstSequence = firstSequence;
     m_source = std::make_unique<Member>(settings, false);
     m_publication = m_source->transport->advertise({"T", "s", pacing});
@@ -159,7 +159,7 @@ TEST_F(PacedLink, BlockedPublishersReturnWhenTheSubscriberGoesOrTheContextCloses
   m_slow = std::make_unique<Member>(settingsIn(m_directory));
   settle({m_source.get(), m_slow.get()});
   sendUntilFull();
-  std::thread forRoom([&] { EXPECT_EQ(send(true), SendResult::wouldBlock); });
+  std::thread forRoom([&] { EXPECT_EQ(send(true), SendResult::closed); });
   m_source->transport->close(std::chrono::milliseconds(0));
   forRoom.join();
 }

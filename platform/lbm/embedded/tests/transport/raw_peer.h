@@ -4,10 +4,16 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "system/descriptor.h"
+#include "transport/host/ring_memory.h"
+#include "transport/host/wake_word.h"
 #include "transport/host/wire.h"
 
 namespace engine::transport::host {
@@ -24,21 +30,80 @@ class RawPeer {
 
   bool connected() const { return m_connected; }
 
-  void send(wire::Bytes frame) const { ::send(m_socket.get(), frame.data(), frame.size(), MSG_NOSIGNAL); }
+  // descriptor: to pass with the frame; none if negative.
+  void send(wire::Bytes frame, int descriptor = -1) const {
+    iovec part{const_cast<std::byte*>(frame.data()), frame.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(descriptor))> control{};
+    if (descriptor >= 0) {
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      cmsghdr* const header = CMSG_FIRSTHDR(&message);
+      header->cmsg_level = SOL_SOCKET;
+      header->cmsg_type = SCM_RIGHTS;
+      header->cmsg_len = CMSG_LEN(sizeof(descriptor));
+      std::memcpy(CMSG_DATA(header), &descriptor, sizeof(descriptor));
+    }
+    ::sendmsg(m_socket.get(), &message, MSG_NOSIGNAL);
+  }
+  void send(wire::Type type, int descriptor = -1) const { send(wire::bytesOf(wire::Signal{type}), descriptor); }
   void greet() const { send(wire::encodeHello({1, 2, "raw"})); }
 
-  // Whether the context has hung up, once its frames are read.
-  bool cutOff() const {
+  // Reads frames up to one with a descriptor.
+  Descriptor receiveDescriptor() const {
     std::vector<std::byte> frame(wire::kPacketMax);
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
+    int descriptor = -1;
+    for (ssize_t length = 1; descriptor < 0 && length > 0;) {
+      iovec part{frame.data(), frame.size()};
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      length = ::recvmsg(m_socket.get(), &message, MSG_CMSG_CLOEXEC);
+      if (const cmsghdr* const header = CMSG_FIRSTHDR(&message); length > 0 && header != nullptr) {
+        std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
+      }
+    }
+    return Descriptor(descriptor);
+  }
+
+  // What the context sent before it hung up; nothing when it has not.
+  std::optional<std::size_t> bytesUntilHangUp() const {
+    std::vector<std::byte> frame(wire::kPacketMax);
+    std::size_t bytes = 0;
     ssize_t length = 0;
     while ((length = ::recv(m_socket.get(), frame.data(), frame.size(), 0)) > 0) {
+      bytes += static_cast<std::size_t>(length);
     }
-    return length == 0 || errno != EAGAIN;
+    return length == 0 || errno != EAGAIN ? std::optional(bytes) : std::nullopt;
   }
+  bool cutOff() const { return bytesUntilHangUp().has_value(); }
 
  private:
   Descriptor m_socket;
   bool m_connected = false;
+};
+
+// A ring in which such a process writes what it likes.
+class RawRing {
+ public:
+  explicit RawRing(const RawPeer& peer) { peer.send(wire::Type::ring, m_made.memory.get()); }
+
+  void put(wire::Type type, wire::Bytes content) {
+    std::byte* const to = m_writer.reserve(content.size(), static_cast<std::uint32_t>(type));
+    std::copy(content.begin(), content.end(), to);
+    m_writer.commit();
+  }
+  RingControl<RingCounter>& control() { return m_made.ring.control(); }
+  std::span<std::byte> bytes() { return m_made.ring.bytes(); }
+
+ private:
+  RingMemory::Made m_made = RingMemory::make(kRingBytesMin);
+  RingWriter<RingCounter> m_writer{m_made.ring.control(), m_made.ring.bytes()};
 };
 
 }  // namespace engine::transport::host

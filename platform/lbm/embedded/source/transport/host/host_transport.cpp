@@ -5,8 +5,11 @@
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
+#include <limits>
 #include <random>
 #include <stdexcept>
 #include <system_error>
@@ -20,6 +23,7 @@
 #include "transport/host/peer.h"
 #include "transport/host/publications.h"
 #include "transport/host/rendezvous.h"
+#include "transport/host/wake_word.h"
 #include "transport/host/wire.h"
 
 namespace engine::transport::host {
@@ -34,6 +38,7 @@ constexpr std::uint64_t kFirstLinkId = 2;
 // Bounds of the work in one drain().
 constexpr std::size_t kEventsMax = 64;
 constexpr int kFramesPerLinkMax = 64;
+constexpr std::size_t kFramesPerRingMax = 256;
 constexpr int kAcceptedMax = 64;
 
 // Until what the system refused for the moment is tried again.
@@ -73,25 +78,45 @@ class HostTransport final : public Transport {
     return static_cast<HostReplyPath&>(path).respond(pieces, block && !draining(), m_closed);
   }
   int descriptor() const noexcept override { return m_poller.get(); }
+  bool arm() override;
+  void disarm() noexcept override { m_wakeWord.disarm(); }
+  std::size_t drainMemory(Listener& listener) override;
   std::size_t drain(Listener& listener) override;
   void close(std::chrono::milliseconds linger) noexcept override;
 
  private:
   using Peers = std::unordered_map<std::uint64_t, Peer>;
 
+  // The calling thread is inside drain() while it lives.
+  class DrainScope {
+   public:
+    explicit DrainScope(HostTransport& transport) : m_thread(transport.m_drainingThread) {
+      m_thread.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    }
+    ~DrainScope() { m_thread.store(std::thread::id(), std::memory_order_relaxed); }
+    DrainScope(const DrainScope&) = delete;
+    DrainScope& operator=(const DrainScope&) = delete;
+
+   private:
+    std::atomic<std::thread::id>& m_thread;
+  };
+
   // Whether the calling thread is inside drain(), where waiting for room would keep the room from coming.
-  bool draining() const noexcept { return m_drainingThread == std::this_thread::get_id(); }
+  bool draining() const noexcept {
+    return m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
 
   void watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
   void link(Descriptor socket, LinkKind kind);
+  void tryToLink(Descriptor socket);
   void connectSelf();
   std::size_t acceptPeers();
   void pauseAccepting();
   void retry();
   void retryLater();
+  std::size_t receiveData(Listener& listener);
   std::size_t serve(Peer& peer, std::uint32_t events, Listener& listener);
   void endPeer(Peer& peer, const std::string& fault, Listener& listener);
-  void tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
   void flushPeers(std::chrono::milliseconds linger);
   void notice(const std::string& text) const;
 
@@ -102,12 +127,14 @@ class HostTransport final : public Transport {
   const Descriptor m_timer;
   PublicationRegistry m_publications;
   Rendezvous m_rendezvous;
+  WakeWord m_wakeWord;
   std::atomic<bool> m_closed{false};
   std::atomic<std::thread::id> m_drainingThread{};
 
   // For the thread inside drain():
   std::uint64_t m_nextLinkId = kFirstLinkId;
-  Peers m_peers;  // by the link's id
+  Peers m_peers;                 // by the link's id
+  std::vector<Peer*> m_senders;  // those of m_peers that have passed a ring
   std::vector<Rendezvous::Neighbour> m_busyNeighbours;
   std::vector<std::byte> m_packet;
 };
@@ -136,13 +163,25 @@ HostTransport::HostTransport(const HostSettings& settings)
   }
 }
 
-std::size_t HostTransport::drain(Listener& listener) {
-  struct Scope {
-    explicit Scope(std::atomic<std::thread::id>& thread) : m_thread(thread) { m_thread = std::this_thread::get_id(); }
-    ~Scope() { m_thread = std::thread::id(); }
-    std::atomic<std::thread::id>& m_thread;
-  } scope(m_drainingThread);
+bool HostTransport::arm() {
+  m_wakeWord.arm();
+  for (Peer* const peer : m_senders) {
+    if (peer->hasData()) {
+      m_wakeWord.disarm();
+      return false;
+    }
+  }
+  return true;
+}
 
+std::size_t HostTransport::drainMemory(Listener& listener) {
+  const DrainScope scope(*this);
+  return receiveData(listener);
+}
+
+std::size_t HostTransport::drain(Listener& listener) {
+  const DrainScope scope(*this);
+  std::size_t done = receiveData(listener);
   std::array<epoll_event, kEventsMax> events;
   int count = 0;
   while ((count = ::epoll_wait(m_poller.get(), events.data(), kEventsMax, 0)) < 0) {
@@ -150,7 +189,6 @@ std::size_t HostTransport::drain(Listener& listener) {
       throwErrno("cannot poll the links");
     }
   }
-  std::size_t done = 0;
   for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(count))) {
     if (m_closed) {
       break;
@@ -198,9 +236,25 @@ void HostTransport::link(Descriptor socket, LinkKind kind) {
     return;
   }
   const auto made =
-      std::make_shared<Link>(m_nextLinkId++, kind, std::move(socket), m_poller.get(), m_settings.linkBufferBytes);
-  m_peers.try_emplace(made->id(), made, m_publications);
+      std::make_shared<Link>(m_nextLinkId++, kind, std::move(socket), m_poller.get(), m_wakeWord.descriptor());
+  m_peers.try_emplace(made->id(), made,
+                      Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes)});
   m_publications.attach(made, m_greeting);
+}
+
+// The same for a context that is one of many: what is wrong with it is not to be this context's end.
+void HostTransport::tryToLink(Descriptor socket) {
+  const std::uint64_t id = m_nextLinkId;
+  try {
+    link(std::move(socket), LinkKind::peer);
+  } catch (const std::exception& error) {
+    notice(std::string("cannot take in another context: ") + error.what());
+    if (const auto made = m_peers.find(id); made != m_peers.end()) {
+      m_publications.detach(*made->second.link());
+      made->second.link()->end();
+      m_peers.erase(made);
+    }
+  }
 }
 
 void HostTransport::connectSelf() {
@@ -219,7 +273,7 @@ std::size_t HostTransport::acceptPeers() {
   for (int attempt = 0; attempt < kAcceptedMax; ++attempt) {
     Descriptor socket(::accept4(m_rendezvous.listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
-      link(std::move(socket), LinkKind::peer);
+      tryToLink(std::move(socket));
       ++accepted;
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
       notice(std::string("cannot take in another context: ") + std::generic_category().message(errno) +
@@ -253,7 +307,7 @@ void HostTransport::retry() {
       notice(error.what());
     }
     if (outcome == Rendezvous::Outcome::connected) {
-      link(std::move(neighbour.socket), LinkKind::peer);
+      tryToLink(std::move(neighbour.socket));
     } else if (outcome == Rendezvous::Outcome::busy) {
       m_busyNeighbours.push_back(std::move(neighbour));
     }
@@ -270,30 +324,63 @@ void HostTransport::retryLater() {
   }
 }
 
-std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& listener) {
+// Takes in what is in the rings.
+std::size_t HostTransport::receiveData(Listener& listener) {
   std::size_t done = 0;
-  if ((events & EPOLLOUT) != 0) {
-    ++done;
-    if (peer.link()->flush()) {
-      tellWritable(peer.link()->takeIdle(), listener);
+  for (std::size_t i = 0; i < m_senders.size() && !m_closed.load(std::memory_order_relaxed);) {
+    Peer& peer = *m_senders[i];
+    std::string fault;
+    try {
+      done += peer.receiveData(kFramesPerRingMax, listener);
+      ++i;
+      continue;
+    } catch (const std::exception& error) {
+      fault = error.what();
     }
+    endPeer(peer, fault, listener);  // takes it out of m_senders
+    ++done;
   }
+  return done;
+}
+
+std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& listener) {
+  constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+  std::size_t done = 0;
+  std::string fault;
   try {
-    for (int frames = 0; frames < kFramesPerLinkMax && !m_closed; ++frames) {
-      const Link::Arrival arrival = peer.link()->receive(m_packet);
+    if ((events & EPOLLOUT) != 0) {
+      ++done;
+      peer.link()->flush();
+    }
+    for (int frames = 0;; ++frames) {
+      if (frames == kFramesPerLinkMax || m_closed) {
+        return done;
+      }
+      Link::Arrival arrival = peer.link()->receive(m_packet);
       if (arrival.what == Link::Received::nothing) {
-        break;
+        return done;
       }
       ++done;
-      if (arrival.what == Link::Received::hangUp) {
-        endPeer(peer, peer.link()->fault(), listener);
+      const bool hangUp = arrival.what == Link::Received::hangUp;
+      if (hangUp) {
+        fault = peer.link()->fault();
+      }
+      if (fault.empty()) {
+        done += peer.receiveData(kAll, listener);
+      }
+      if (hangUp) {
         break;
       }
-      peer.handle(arrival.frame, listener);
+      const bool sentData = peer.sendsData();
+      peer.handle(std::move(arrival), listener);
+      if (peer.sendsData() != sentData) {
+        m_senders.push_back(&peer);
+      }
     }
-  } catch (const wire::Fault& fault) {
-    endPeer(peer, fault.what(), listener);
+  } catch (const std::exception& error) {
+    fault = error.what();
   }
+  endPeer(peer, fault, listener);
   return done;
 }
 
@@ -302,31 +389,31 @@ void HostTransport::endPeer(Peer& peer, const std::string& fault, Listener& list
     notice("cut off " + peer.description() + ": " + fault);
   }
   const auto node = m_peers.extract(peer.link()->id());
+  std::erase(m_senders, &peer);
   const HostPublications publications = m_publications.detach(*peer.link());
-  const std::vector<std::uint32_t> waiting = peer.link()->end();
+  peer.link()->end();
   peer.end(listener);
   for (const auto& publication : publications) {
     if (!publication->withdrawn()) {
       listener.subscriberLeft(*publication, peer.name());
     }
   }
-  tellWritable(waiting, listener);
-}
-
-void HostTransport::tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
-  for (const std::uint32_t id : publications) {
-    const auto publication = m_publications.find(id);
-    if (publication && publication->takeWaiting()) {
+  for (const auto& publication : publications) {
+    // It may have been the one without room.
+    if (publication->takeWaiting() && !publication->withdrawn()) {
       listener.writable(*publication);
     }
   }
 }
 
 void HostTransport::flushPeers(std::chrono::milliseconds linger) {
+  // Room in a ring does not show on a descriptor.
+  constexpr std::chrono::milliseconds kLookAgain{1};
   const auto deadline = std::chrono::steady_clock::now() + linger;
   std::vector<pollfd> unsent;
   for (;;) {
     unsent.clear();
+    const bool waiting = !m_publications.flushSenders();
     for (const auto& link : m_publications.links()) {
       // Nobody is left at the other end of the links to this context itself.
       if (link->kind() == LinkKind::peer && !link->flush()) {
@@ -334,11 +421,11 @@ void HostTransport::flushPeers(std::chrono::milliseconds linger) {
       }
     }
     const auto left = deadline - std::chrono::steady_clock::now();
-    if (unsent.empty() || left <= left.zero()) {
+    if ((unsent.empty() && !waiting) || left <= left.zero()) {
       return;
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left);
-    ::poll(unsent.data(), unsent.size(), static_cast<int>(wait.count()));
+    ::poll(unsent.data(), unsent.size(), static_cast<int>((waiting ? kLookAgain : wait).count()));
   }
 }
 

@@ -16,11 +16,11 @@ namespace engine::transport::host {
 inline constexpr int kNoticeWarning = 2;
 
 struct HostSettings {
-  std::string runtimeDirectory;           // empty: from the environment, see runtimeDirectory()
-  std::string domain;                     // a file name: the sub-directory in which the domain's contexts meet
-  std::string contextName;                // told to peers; may be empty
-  std::size_t linkBufferBytes = 1 << 20;  // room for messages that the peer's socket does not take yet, per link
-  std::uint32_t firstSequence = 0;        // of every publication
+  std::string runtimeDirectory;     // empty: from the environment, see runtimeDirectory()
+  std::string domain;               // a file name: the sub-directory in which the domain's contexts meet
+  std::string contextName;          // told to peers; may be empty
+  std::size_t ringBytes = 1 << 20;  // of the ring to each subscribed context; taken up to a power of two
+  std::uint32_t firstSequence = 0;  // of every publication
   // How long a process that stands still while it joins may keep this one waiting.
   std::chrono::milliseconds joinPatience{10'000};
   std::function<void(int level, const std::string& text)> notice;  // faults of peers, for operators; any thread

@@ -6,26 +6,41 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 #include <utility>
+
+#include "transport/host/pieces.h"
 
 namespace engine::transport::host {
 
 namespace {
 
-// Bytes that may wait for a peer, beside a message larger than the link's buffer.
+// Bytes that may wait for a peer, beside a response larger than the next.
 constexpr std::size_t kUnreadMax = std::size_t{64} << 20;
 
-// Losses of one source that are told at once. A peer that stands still for days misses more than a difference of
-// sequence numbers can express.
-constexpr std::uint32_t kLossesToldMax = std::uint32_t{1} << 20;
+// Bytes that may wait while responses are still taken.
+constexpr std::size_t kUnreadWithRoom = std::size_t{1} << 20;
 
 constexpr int kSocketBufferBytes = 1 << 20;
 
-// How long a waiting publisher goes without looking at what does not show on the link's socket: the peer may have
-// unsubscribed, the context may be closing.
+// How long a sender that waits goes without looking at what does not show on the link's socket: the context may be
+// closing.
 constexpr int kLookAgainMilliseconds = 10;
+
+// The descriptor that came with a frame, if any. There was room for one; the system closes what is beyond.
+Descriptor passedIn(msghdr& message) {
+  const cmsghdr* const header = CMSG_FIRSTHDR(&message);
+  if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
+      header->cmsg_len != CMSG_LEN(sizeof(int))) {
+    return {};
+  }
+  int descriptor = -1;
+  std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
+  return Descriptor(descriptor);
+}
 
 iovec partOf(wire::Bytes bytes) {
   // The structure of the system call serves both directions, hence no const.
@@ -34,24 +49,12 @@ iovec partOf(wire::Bytes bytes) {
 
 }  // namespace
 
-std::size_t messageSize(std::span<const iovec> pieces) {
-  std::size_t size = 0;
-  for (const iovec& piece : pieces) {
-    size += piece.iov_len;
-  }
-  if (size > wire::kMessageMax) {
-    throw std::runtime_error("a message of " + std::to_string(size) + " bytes cannot be sent; the most is " +
-                             std::to_string(wire::kMessageMax));
-  }
-  return size;
-}
-
-Link::Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, std::size_t bufferBytes)
+Link::Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int wakeWord)
     : m_id(id),
       m_kind(kind),
       m_socket(std::move(socket)),
       m_poller(poller),
-      m_bufferBytes(bufferBytes),
+      m_wakeWord(wakeWord),
       m_queueMax(kUnreadMax) {
   // As much as the system grants; less is no fault.
   ::setsockopt(m_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof(kSocketBufferBytes));
@@ -65,43 +68,46 @@ Link::Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, std::
 
 void Link::sendControl(wire::Bytes frame) {
   const std::lock_guard lock(m_mutex);
-  reportLosses();
   const iovec part = partOf(frame);
   take({&part, 1});
   if (m_queue.size() > m_queueMax) {
-    breakOff("it does not read what it is sent");
+    cutOff("it does not read what it is sent");
   }
 }
 
-bool Link::hasRoom(std::size_t bytes) {
+void Link::passWakeWord() {
   const std::lock_guard lock(m_mutex);
-  return roomFor(bytes);
-}
-
-void Link::sendMessage(const wire::DataHeader& header, std::span<const iovec> pieces) {
-  const std::lock_guard lock(m_mutex);
-  takeMessage(header, pieces);
-}
-
-void Link::sendMessageOrDrop(const wire::DataHeader& header, std::span<const iovec> pieces) {
-  const std::lock_guard lock(m_mutex);
-  if (roomFor(header.total)) {
-    takeMessage(header, pieces);
-    return;
-  }
-  // Whatever the link takes is preceded by the losses before it, so a source's losses are one run.
-  const auto [run, isNew] = m_losses.try_emplace(header.source, LostRun{header.sequence, 0});
-  if (++run->second.count == kLossesToldMax) {
-    reportLosses();
+  if (!std::exchange(m_wakeWordPassed, true)) {
+    const wire::Signal frame{wire::Type::wakeWord};
+    const iovec part = partOf(wire::bytesOf(frame));
+    take({&part, 1});
   }
 }
 
-bool Link::notifyWhenIdle(std::uint32_t publication) {
+void Link::passRing(Descriptor memory) {
   const std::lock_guard lock(m_mutex);
-  if (m_queue.empty()) {
+  m_ring = std::move(memory);
+  const wire::Signal frame{wire::Type::ring};
+  const iovec part = partOf(wire::bytesOf(frame));
+  take({&part, 1});
+}
+
+bool Link::sendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces) {
+  const std::lock_guard lock(m_mutex);
+  if (!roomFor(header.total)) {
     return false;
   }
-  m_waiting.push_back(publication);
+  if (header.total > kUnreadWithRoom) {
+    m_queueMax = kUnreadMax + header.total;
+  }
+  constexpr std::size_t kPayloadMax = wire::kPacketMax - sizeof(wire::ResponseHeader);
+  PieceCursor cursor(pieces);
+  std::size_t left = header.total;
+  do {
+    m_parts.assign(1, partOf(wire::bytesOf(header)));
+    left -= cursor.take(std::min(left, kPayloadMax), IOV_MAX - 1, m_parts);
+    take(m_parts);
+  } while (left > 0 && !m_broken);
   return true;
 }
 
@@ -110,18 +116,23 @@ bool Link::flush() {
   return flushQueue();
 }
 
-std::vector<std::uint32_t> Link::takeIdle() {
-  const std::lock_guard lock(m_mutex);
-  if (!m_queue.empty()) {
-    return {};
-  }
-  watchWritable(false);
-  return std::exchange(m_waiting, {});
-}
-
 void Link::awaitWritable() const {
   pollfd entry{m_socket.get(), POLLOUT, 0};
   ::poll(&entry, 1, kLookAgainMilliseconds);
+}
+
+void Link::lookForHangUp() {
+  pollfd entry{m_socket.get(), POLLRDHUP, 0};
+  if (::poll(&entry, 1, 0) > 0) {
+    const std::lock_guard lock(m_mutex);
+    m_broken = true;
+    m_queue.clear();
+  }
+}
+
+void Link::breakOff(const std::string& fault) {
+  const std::lock_guard lock(m_mutex);
+  cutOff(fault);
 }
 
 bool Link::broken() const {
@@ -131,35 +142,47 @@ bool Link::broken() const {
 
 Link::Arrival Link::receive(std::span<std::byte> buffer) {
   for (;;) {
-    const ssize_t length = ::recv(m_socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    iovec part{buffer.data(), buffer.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = CMSG_LEN(sizeof(int));  // without the padding, which a second descriptor would fit
+    const ssize_t length = ::recvmsg(m_socket.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (length > 0) {
-      const auto size = static_cast<std::size_t>(length);
-      if (size > buffer.size()) {
-        throw wire::Fault("a frame is larger than allowed");
+      Descriptor descriptor = passedIn(message);
+      if ((message.msg_flags & MSG_TRUNC) != 0) {
+        throw Fault("a frame is larger than allowed");
       }
-      return {Received::frame, buffer.first(size)};
+      const wire::Bytes frame = buffer.first(static_cast<std::size_t>(length));
+      if (wire::carriesDescriptor(wire::typeOf(frame)) != static_cast<bool>(descriptor)) {
+        throw Fault(descriptor ? "a descriptor came with a frame that needs none"
+                               : "a descriptor did not arrive; if this process has all the files open that it may "
+                                 "have, raise the limit (ulimit -n)");
+      }
+      return {Received::frame, frame, std::move(descriptor)};
     }
     if (length == 0) {
-      return {Received::hangUp, {}};
+      return {Received::hangUp, {}, {}};
     }
     if (errno == EAGAIN) {
-      return {Received::nothing, {}};
+      return {Received::nothing, {}, {}};
     }
     // A peer that went with frames unread resets the connection, once; what it had sent still follows.
     if (errno == ECONNRESET && !std::exchange(m_resetSeen, true)) {
       continue;
     }
     if (errno != EINTR) {
-      return {Received::hangUp, {}};
+      return {Received::hangUp, {}, {}};
     }
   }
 }
 
-std::vector<std::uint32_t> Link::end() {
+void Link::end() {
   const std::lock_guard lock(m_mutex);
-  breakOff({});
+  cutOff({});
   ::epoll_ctl(m_poller, EPOLL_CTL_DEL, m_socket.get(), nullptr);
-  return std::exchange(m_waiting, {});
 }
 
 std::string Link::fault() const {
@@ -176,55 +199,45 @@ void Link::take(std::span<const iovec> parts) {
   watchWritable(true);
 }
 
-void Link::takeMessage(const wire::DataHeader& header, std::span<const iovec> pieces) {
-  reportLosses();
-  if (header.total > m_bufferBytes) {
-    m_queueMax = kUnreadMax + header.total;
-  }
-  constexpr std::size_t kPayloadMax = wire::kPacketMax - sizeof(wire::DataHeader);
-  std::size_t left = header.total;
-  auto piece = pieces.begin();
-  std::size_t offset = 0;  // in the piece
-  do {
-    m_parts.assign(1, partOf(wire::bytesOf(header)));
-    std::size_t size = 0;
-    const std::size_t wanted = std::min(left, kPayloadMax);
-    while (size < wanted && m_parts.size() < IOV_MAX) {
-      const std::size_t length = std::min(piece->iov_len - offset, wanted - size);
-      if (length > 0) {
-        m_parts.push_back({static_cast<std::byte*>(piece->iov_base) + offset, length});
-      }
-      size += length;
-      offset += length;
-      if (offset == piece->iov_len) {
-        ++piece;
-        offset = 0;
-      }
-    }
-    left -= size;
-    take(m_parts);
-  } while (left > 0 && !m_broken);
-}
-
 // Gives one frame to the socket. False when it has to wait or the peer is gone.
 bool Link::transmit(std::span<const iovec> parts) {
   msghdr message{};
   message.msg_iov = const_cast<iovec*>(parts.data());
   message.msg_iovlen = parts.size();
+  const wire::Type type = wire::typeOf({static_cast<const std::byte*>(parts[0].iov_base), parts[0].iov_len});
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  if (wire::carriesDescriptor(type)) {
+    const int descriptor = type == wire::Type::ring ? m_ring.get() : m_wakeWord;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof(int));
+  }
   while (::sendmsg(m_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
     if (errno == EAGAIN || errno == ENOBUFS) {
       return false;
     }
-    if (errno != EINTR) {
+    if (errno == EPIPE || errno == ECONNRESET) {
       // Not hung up here: what the peer had sent before it went is still to be received.
       m_broken = true;
       m_queue.clear();
       return false;
     }
+    if (errno != EINTR) {
+      cutOff("a frame cannot be sent to it: " + std::generic_category().message(errno));
+      return false;
+    }
+  }
+  if (type == wire::Type::ring) {
+    m_ring = Descriptor();
   }
   return true;
 }
 
+// Ends the interest in a writable socket when nothing waits for it any more.
 bool Link::flushQueue() {
   while (!m_queue.empty()) {
     const iovec part = partOf(m_queue.front());
@@ -235,37 +248,21 @@ bool Link::flushQueue() {
   }
   if (m_queue.empty()) {
     m_queueMax = kUnreadMax;
-    reportLosses();
+    watchWritable(false);
   }
   return m_queue.empty();
 }
 
 bool Link::roomFor(std::size_t bytes) {
-  const auto fits = [&] { return m_broken || m_queue.empty() || m_queue.size() + bytes <= m_bufferBytes; };
+  const auto fits = [&] { return m_broken || m_queue.empty() || m_queue.size() + bytes <= kUnreadWithRoom; };
   return fits() || (flushQueue(), fits());
 }
 
-void Link::reportLosses() {
-  if (m_losses.empty()) {
-    return;
-  }
-  for (const auto& [source, run] : m_losses) {
-    wire::Loss loss;
-    loss.source = source;
-    loss.first = run.first;
-    loss.count = run.count;
-    const iovec part = partOf(wire::bytesOf(loss));
-    take({&part, 1});
-  }
-  m_losses.clear();
-}
-
-void Link::breakOff(std::string fault) {
+void Link::cutOff(const std::string& fault) {
   m_broken = true;
   m_queue.clear();
-  m_losses.clear();
   if (m_fault.empty()) {
-    m_fault = std::move(fault);
+    m_fault = fault;
   }
   ::shutdown(m_socket.get(), SHUT_RDWR);
 }

@@ -5,11 +5,16 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
+#include "transport/host/data_sender.h"
 #include "transport/host/link.h"
 #include "transport/host/publications.h"
+#include "transport/host/ring.h"
+#include "transport/host/ring_memory.h"
+#include "transport/host/wake_word.h"
 #include "transport/host/wire.h"
 #include "transport/transport.h"
 
@@ -57,40 +62,77 @@ class HostReplyPath final : public ReplyPath {
   const std::uint64_t m_request;
 };
 
+// The subscriber's end of the ring from a peer.
+struct DataReceiver {
+  explicit DataReceiver(const Descriptor& passed) : memory(passed), ring(memory.control(), memory.bytes()) {}
+
+  const RingMemory memory;
+  RingReader<RingCounter> ring;
+  wire::Reassembly<wire::FragmentHeader> reassembly;
+};
+
 // Threads: the one inside drain().
 class Peer {
  public:
-  Peer(std::shared_ptr<Link> link, PublicationRegistry& publications)
-      : m_link(std::move(link)), m_publications(publications) {}
+  // What it uses of its context.
+  struct Surroundings {
+    PublicationRegistry& publications;
+    const std::atomic<bool>& closed;
+    const std::size_t ringBytes;
+  };
+
+  Peer(std::shared_ptr<Link> link, const Surroundings& surroundings)
+      : m_link(std::move(link)), m_surroundings(surroundings) {}
 
   const std::shared_ptr<Link>& link() const noexcept { return m_link; }
   // Of the context, or what stands for it if it has none.
   const std::string& name() const noexcept { return m_greeting.name.empty() ? m_identity : m_greeting.name; }
   std::string description() const;  // for notices
 
-  // Acts on one frame. Throws wire::Fault when the peer is to be cut off.
-  void handle(wire::Bytes frame, Listener& listener);
+  // Acts on one frame of the link. Throws Fault when the peer is to be cut off.
+  void handle(Link::Arrival arrival, Listener& listener);
+
+  // Whether the peer has passed a ring to read.
+  bool sendsData() const noexcept { return m_receiver.has_value(); }
+
+  // Acts on what is in the ring, up to that many frames, and returns how many there were. Throws Fault.
+  std::size_t receiveData(std::size_t framesMax, Listener& listener);
+
+  // Whether receiveData() has something to do. After WakeWord::arm() the peer rings for whatever comes later.
+  bool hasData() noexcept;
 
   // The link is gone, and with it all that came over it.
   void end(Listener& listener);
 
+  // Tells of room for the publications.
+  void tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
+
  private:
   void advertised(wire::Bytes frame, Listener& listener);
-  void withdrawn(const wire::Withdraw& frame, Listener& listener);
+  void withdrawn(std::uint32_t source, Listener& listener);
+  void wakeWordPassed(const Descriptor& memory);
+  void ringPassed(const Descriptor& memory);
   void subscribed(const wire::Subscribe& frame, Listener& listener);
   void unsubscribed(const wire::Unsubscribe& frame, Listener& listener);
-  void message(wire::Bytes frame, Listener& listener);
+  void response(wire::Bytes frame, Listener& listener);
+  void handleData(const RingFrame& frame, Listener& listener);
+  void message(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener);
   void lost(const wire::Loss& frame, Listener& listener);
   void skipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener);
-  HostRemoteSource& sourceOf(std::uint32_t id) const;
+  HostRemoteSource* findSource(std::uint32_t id);
 
   const std::shared_ptr<Link> m_link;
-  PublicationRegistry& m_publications;
+  const Surroundings m_surroundings;
   bool m_greeted = false;
   wire::Greeting m_greeting;
   std::string m_identity;  // unique in the domain
-  wire::Reassembly m_reassembly;
+  wire::Reassembly<wire::ResponseHeader> m_responses;
   std::unordered_map<std::uint32_t, std::shared_ptr<HostRemoteSource>> m_sources;
+  std::uint32_t m_lastId = 0;
+  HostRemoteSource* m_lastSource = nullptr;  // of m_lastId; messages often come in runs of one source
+  std::optional<RemoteWakeWord> m_wakeWord;
+  std::shared_ptr<DataSender> m_sender;  // from the first subscription on
+  std::optional<DataReceiver> m_receiver;
 };
 
 }  // namespace engine::transport::host

@@ -4,13 +4,16 @@
 #include <stdexcept>
 #include <utility>
 
+#include "transport/host/pieces.h"
+
 namespace engine::transport::host {
 
-HostPublication::HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence)
-    : m_id(id), m_info(std::move(info)), m_nextSequence(firstSequence) {}
+HostPublication::HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence,
+                                 PublishingMutex& mutex)
+    : m_id(id), m_info(std::move(info)), m_mutex(mutex), m_nextSequence(firstSequence) {}
 
 SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait, const std::atomic<bool>& closed) {
-  wire::DataHeader header;
+  wire::FragmentHeader header;
   header.source = m_id;
   header.request = message.requestId;
   header.total = messageSize(message.pieces);
@@ -19,69 +22,77 @@ SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait
     header.channel = *message.channel;
   }
   for (;;) {
-    std::shared_ptr<Link> full;
+    std::shared_ptr<DataSender> full;
+    std::uint32_t told = 0;
     {
       const std::lock_guard lock(m_mutex);
       if (closed) {
-        return SendResult::wouldBlock;
+        return SendResult::closed;
       }
       if (m_info.pacing == Pacing::receiver) {
-        const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
-                                        [&](const auto& link) { return !link->hasRoom(header.total); });
-        if (found != m_subscribers.end()) {
-          full = *found;
+        full = fullSubscriber(header.total);
+        // Looked at once more after the wish: it may have made room before, which it would not tell of.
+        for (std::shared_ptr<DataSender> asked; full != nullptr && full != asked; full = fullSubscriber(header.total)) {
+          told = full->wantRoom();
+          asked = full;
         }
       }
-      if (!full) {
+      if (full == nullptr) {
         header.sequence = m_nextSequence++;
-        for (const auto& link : m_subscribers) {
-          if (m_info.pacing == Pacing::receiver) {
-            link->sendMessage(header, message.pieces);
-          } else {
-            link->sendMessageOrDrop(header, message.pieces);
-          }
+        for (const auto& subscriber : m_subscribers) {
+          subscriber->sendOrDrop(header, message.pieces);
         }
         return SendResult::sent;
       }
       if (!mayWait) {
-        if (m_waiting.exchange(true) || full->notifyWhenIdle(m_id)) {
-          return SendResult::wouldBlock;
+        if (!m_waiting.exchange(true)) {
+          full->notifyOfRoom(m_id);
         }
-        m_waiting = false;
+        return SendResult::wouldBlock;
       }
     }
-    if (mayWait) {
-      full->awaitWritable();
-    }
+    full->awaitRoom(told);
   }
 }
 
-bool HostPublication::addSubscriber(const std::shared_ptr<Link>& link, std::uint32_t token) {
+std::shared_ptr<DataSender> HostPublication::fullSubscriber(std::size_t bytes) const {
+  const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
+                                  [&](const auto& subscriber) { return !subscriber->hasRoom(bytes); });
+  return found == m_subscribers.end() ? nullptr : *found;
+}
+
+bool HostPublication::addSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token) {
   const std::lock_guard lock(m_mutex);
   if (m_withdrawn) {
     return false;
   }
-  if (std::find(m_subscribers.begin(), m_subscribers.end(), link) != m_subscribers.end()) {
-    throw wire::Fault("it subscribed twice to one source");
+  if (std::find(m_subscribers.begin(), m_subscribers.end(), sender) != m_subscribers.end()) {
+    throw Fault("it subscribed twice to one source");
   }
-  m_subscribers.push_back(link);
-  wire::Subscribed answer;
-  answer.source = m_id;
-  answer.token = token;
-  answer.nextSequence = m_nextSequence;
-  link->sendControl(wire::bytesOf(answer));
+  m_subscribers.push_back(sender);
+  sender->subscribed(m_id, token, m_nextSequence);
   return true;
 }
 
 bool HostPublication::removeSubscriber(const Link& link) {
   const std::lock_guard lock(m_mutex);
-  return std::erase_if(m_subscribers, [&](const auto& subscriber) { return subscriber.get() == &link; }) > 0;
+  const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
+                                  [&](const auto& subscriber) { return subscriber->link().get() == &link; });
+  if (found == m_subscribers.end()) {
+    return false;
+  }
+  (*found)->unsubscribed(m_id);
+  m_subscribers.erase(found);
+  return true;
 }
 
-void HostPublication::markWithdrawn() {
+std::vector<std::shared_ptr<DataSender>> HostPublication::withdraw() {
   const std::lock_guard lock(m_mutex);
   m_withdrawn = true;
-  m_subscribers.clear();
+  for (const auto& subscriber : m_subscribers) {
+    subscriber->withdrawn(m_id);
+  }
+  return std::exchange(m_subscribers, {});
 }
 
 bool HostPublication::withdrawn() const {
@@ -97,22 +108,24 @@ std::shared_ptr<HostPublication> PublicationRegistry::advertise(const Publicatio
     }
   }
   const std::lock_guard lock(m_mutex);
-  auto publication = std::make_shared<HostPublication>(m_nextId++, info, m_firstSequence);
+  auto publication = std::make_shared<HostPublication>(m_nextId++, info, m_firstSequence, m_publishing);
   m_publications.emplace(publication->id(), publication);
   wire::AdvertiseBatch batch;
   batch.add(publication->id(), info.topic, info.session);
-  announce(batch.frame());
+  announce(batch.frame(), [](const Link&) { return true; });
   return publication;
 }
 
 void PublicationRegistry::withdraw(HostPublication& publication) {
   // First, so that nothing of the publication can follow its withdrawal on a link.
-  publication.markWithdrawn();
+  const auto told = publication.withdraw();
   const std::lock_guard lock(m_mutex);
   if (m_publications.erase(publication.id()) != 0) {
     wire::Withdraw frame;
     frame.source = publication.id();
-    announce(wire::bytesOf(frame));
+    announce(wire::bytesOf(frame), [&](const Link& link) {
+      return std::none_of(told.begin(), told.end(), [&](const auto& sender) { return sender->link().get() == &link; });
+    });
   }
 }
 
@@ -165,6 +178,8 @@ HostPublications PublicationRegistry::detach(const Link& link) {
     }
   }
   std::erase_if(publications, [&](const auto& publication) { return !publication->removeSubscriber(link); });
+  const std::lock_guard lock(m_publishing);
+  std::erase_if(m_senders, [&](const auto& sender) { return sender->link().get() == &link; });
   return publications;
 }
 
@@ -173,9 +188,29 @@ std::vector<std::shared_ptr<Link>> PublicationRegistry::links() const {
   return m_links;
 }
 
-void PublicationRegistry::announce(wire::Bytes frame) {
+void PublicationRegistry::addSender(const std::shared_ptr<DataSender>& sender) {
+  const std::lock_guard lock(m_publishing);
+  m_senders.push_back(sender);
+}
+
+std::vector<std::uint32_t> PublicationRegistry::flush(DataSender& sender) {
+  const std::lock_guard lock(m_publishing);
+  return sender.flush() ? sender.takeWaiting() : std::vector<std::uint32_t>();
+}
+
+bool PublicationRegistry::flushSenders() {
+  const std::lock_guard lock(m_publishing);
+  bool all = true;
+  for (const auto& sender : m_senders) {
+    all = (sender->link()->kind() != LinkKind::peer || !sender->withinReach() || sender->flush()) && all;
+  }
+  return all;
+}
+
+template <typename Selects>
+void PublicationRegistry::announce(wire::Bytes frame, Selects selects) {
   for (const auto& link : m_links) {
-    if (link->kind() != LinkKind::selfFinding) {
+    if (link->kind() != LinkKind::selfFinding && selects(*link)) {
       link->sendControl(frame);
     }
   }

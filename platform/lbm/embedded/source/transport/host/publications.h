@@ -9,14 +9,19 @@
 #include <unordered_map>
 #include <vector>
 
+#include "transport/host/data_sender.h"
 #include "transport/host/link.h"
 #include "transport/transport.h"
 
 namespace engine::transport::host {
 
+// One for all publications of a context: it orders their messages in the rings that they share, and costs a message the
+// same however many subscribers it has. Taken before a link's mutex, never with the registry's.
+using PublishingMutex = std::mutex;
+
 class HostPublication final : public Publication {
  public:
-  HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence);
+  HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence, PublishingMutex& mutex);
 
   std::uint32_t id() const noexcept { return m_id; }
   const PublicationInfo& info() const noexcept { return m_info; }
@@ -25,26 +30,29 @@ class HostPublication final : public Publication {
   // there is or closed becomes true; otherwise asks to be told and gives wouldBlock.
   SendResult publish(const OutboundMessage& message, bool mayWait, const std::atomic<bool>& closed);
 
-  // From here on messages go to the link. Answers the subscription; false when the publication is withdrawn.
-  bool addSubscriber(const std::shared_ptr<Link>& link, std::uint32_t token);
+  // From here on messages go to the peer. Answers the subscription; false when the publication is withdrawn.
+  bool addSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token);
   // False when the link had no subscription, or the publication is withdrawn.
   bool removeSubscriber(const Link& link);
 
-  void markWithdrawn();
+  // Tells the subscribers, and returns them.
+  std::vector<std::shared_ptr<DataSender>> withdraw();
   bool withdrawn() const;
 
   // Whether a publish gave wouldBlock since the last call.
   bool takeWaiting() noexcept { return m_waiting.exchange(false); }
 
  private:
+  std::shared_ptr<DataSender> fullSubscriber(std::size_t bytes) const;
+
   const std::uint32_t m_id;
   const PublicationInfo m_info;
   std::atomic<bool> m_waiting{false};
 
-  mutable std::mutex m_mutex;  // taken before a link's
+  PublishingMutex& m_mutex;
   // Guarded by m_mutex:
   std::uint32_t m_nextSequence;
-  std::vector<std::shared_ptr<Link>> m_subscribers;
+  std::vector<std::shared_ptr<DataSender>> m_subscribers;
   bool m_withdrawn = false;
 };
 
@@ -69,12 +77,24 @@ class PublicationRegistry {
 
   std::vector<std::shared_ptr<Link>> links() const;
 
+  // A link's, until the link is detached.
+  void addSender(const std::shared_ptr<DataSender>& sender);
+
+  // Gives to the ring what waits for room there. When nothing is left, names the publications to be told of room.
+  std::vector<std::uint32_t> flush(DataSender& sender);
+
+  // The same for all other contexts that are within reach. True when nothing is left.
+  bool flushSenders();
+
  private:
-  void announce(wire::Bytes frame);  // with m_mutex held
+  template <typename Selects>
+  void announce(wire::Bytes frame, Selects selects);  // with m_mutex held
 
   const std::uint32_t m_firstSequence;
+  PublishingMutex m_publishing;
+  std::vector<std::shared_ptr<DataSender>> m_senders;  // guarded by m_publishing
 
-  mutable std::mutex m_mutex;  // taken before a link's, never with a publication's
+  mutable std::mutex m_mutex;  // taken before a link's
   // Guarded by m_mutex:
   std::uint32_t m_nextId = 0;
   std::unordered_map<std::uint32_t, std::shared_ptr<HostPublication>> m_publications;

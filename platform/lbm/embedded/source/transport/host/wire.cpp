@@ -93,27 +93,4 @@ void decodeAdvertise(Bytes frame, const AdvertiseHandler& handler) {
   }
 }
 
-Reassembly::Result Reassembly::add(const DataHeader& header, Bytes payload) {
-  if (!m_partial) {
-    m_message = {};  // messages of several fragments are rare, and their memory is not worth keeping
-    if (payload.size() == header.total) {
-      return {true, payload};
-    }
-    if (header.total > kMessageMax) {
-      throw Fault("a message is larger than allowed");
-    }
-    m_header = header;
-    m_message.reserve(header.total);
-    m_partial = true;
-  } else if (header != m_header) {
-    throw Fault("another message begins inside a message");
-  }
-  if (payload.empty() || payload.size() > header.total - m_message.size()) {
-    throw Fault("the fragments of a message do not add up");
-  }
-  append(m_message, payload);
-  m_partial = m_message.size() < header.total;
-  return {!m_partial, m_partial ? Bytes{} : Bytes(m_message)};
-}
-
 }  // namespace engine::transport::host::wire

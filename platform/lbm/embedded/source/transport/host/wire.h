@@ -1,6 +1,10 @@
-// The frames that travel on a link: one to a packet, in the machine's own byte order, since both ends are on one
-// machine. Everything read here may come from a faulty peer: a length is checked before it is used, and a frame that is
-// wrong throws Fault.
+// The frames that travel on a link and in a ring, in the machine's own byte order, since both ends are on one machine.
+// Everything read here may come from a faulty peer: a length is checked before it is used, and a frame that is wrong
+// throws Fault.
+//
+// A link's socket carries one frame a packet, which begins with its type. In a ring the type is the frame's tag and not
+// repeated in its content. What a peer put in its ring before it sent a frame over the socket is taken in before that
+// frame.
 #pragma once
 
 #include <cstddef>
@@ -8,39 +12,51 @@
 #include <cstring>
 #include <functional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
 
+#include "transport/host/fault.h"
+
 namespace engine::transport::host::wire {
 
 inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 
 inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any frame
 inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a frame of advertisements
 inline constexpr std::size_t kNameMax = 4096;                              // bytes of a topic, session or context name
 inline constexpr std::size_t kMessageMax = std::size_t{256} << 20;         // bytes of a message in all its fragments
 
-class Fault : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 using Bytes = std::span<const std::byte>;
 
 enum class Type : std::uint16_t {
+  // On the socket:
   hello = 1,
   advertise,
   withdraw,
   subscribe,
-  subscribed,
   unsubscribe,
-  data,
   response,
-  loss
+  wakeWord,  // with the descriptor of the sender's; once, before the first subscription
+  ring,      // with the descriptor of the ring in which the sender will write; once, before anything is in it
+  bell,      // wakes the peer because its wake word says that it sleeps
+  room,      // half of the peer's ring is free, as it wanted to be told
+  // In a ring:
+  message = 0x100,
+  fragment,
+  subscribed,
+  loss,
+  withdrawn
+};
+
+// Whether a descriptor goes along with frames of the type.
+constexpr bool carriesDescriptor(Type type) { return type == Type::wakeWord || type == Type::ring; }
+
+// A frame that says everything with its type.
+struct Signal {
+  Type type = Type::bell;
 };
 
 // The first frame in either direction. The context's name follows.
@@ -66,6 +82,7 @@ struct AdvertiseEntry {
   std::uint16_t sessionLength = 0;
 };
 
+// To whom the source's messages do not go; subscribers find it behind the last of them in the ring.
 struct Withdraw {
   Type type = Type::withdraw;
   std::uint16_t reserved = 0;
@@ -80,42 +97,58 @@ struct Subscribe {
   std::uint32_t token = 0;
 };
 
-struct Subscribed {
-  Type type = Type::subscribed;
-  std::uint16_t reserved = 0;
-  std::uint32_t source = 0;
-  std::uint32_t token = 0;
-  std::uint32_t nextSequence = 0;
-};
-
 struct Unsubscribe {
   Type type = Type::unsubscribe;
   std::uint16_t reserved = 0;
   std::uint32_t source = 0;
 };
 
-inline constexpr std::uint16_t kHasChannel = 1;
+// Leads a response or a fragment of one; the payload follows. A response that is larger than its packet goes on in the
+// next response frame of the link.
+struct ResponseHeader {
+  Type type = Type::response;
+  std::uint16_t reserved = 0;
+  std::uint32_t total = 0;  // bytes of the whole response
+  std::uint64_t request = 0;
 
-// Leads a message or a piece of one; the payload follows. A message that is larger than its packet goes on in the next
-// data or response frame of the link. Responses have neither source nor sequence nor channel.
-struct DataHeader {
-  Type type = Type::data;
-  std::uint16_t flags = 0;
+  friend bool operator==(const ResponseHeader&, const ResponseHeader&) = default;
+};
+
+// Leads a message that is plain and in one frame, as most are; the payload follows.
+struct MessageHeader {
   std::uint32_t source = 0;
   std::uint32_t sequence = 0;
+};
+
+inline constexpr std::uint32_t kHasChannel = 1;
+
+// Leads any other message or a fragment of one; the payload follows. A message in fragments goes on in the ring's next
+// fragment frame.
+struct FragmentHeader {
+  std::uint32_t source = 0;
+  std::uint32_t sequence = 0;
+  std::uint32_t flags = 0;
   std::uint32_t channel = 0;
   std::uint64_t request = 0;
   std::uint64_t total = 0;  // bytes of the whole message
 
-  friend bool operator==(const DataHeader&, const DataHeader&) = default;
+  friend bool operator==(const FragmentHeader&, const FragmentHeader&) = default;
+};
+
+struct Subscribed {
+  std::uint32_t source = 0;
+  std::uint32_t token = 0;
+  std::uint32_t nextSequence = 0;
 };
 
 struct Loss {
-  Type type = Type::loss;
-  std::uint16_t reserved = 0;
   std::uint32_t source = 0;
   std::uint32_t first = 0;
   std::uint32_t count = 0;
+};
+
+struct Withdrawn {
+  std::uint32_t source = 0;
 };
 
 template <typename T>
@@ -179,17 +212,40 @@ class AdvertiseBatch {
 using AdvertiseHandler = std::function<void(std::uint32_t source, std::string_view topic, std::string_view session)>;
 void decodeAdvertise(Bytes frame, const AdvertiseHandler& handler);
 
-// Joins the fragments of one link's messages.
+// Joins the fragments of one link's messages, or of its responses.
+template <typename Header>
 class Reassembly {
  public:
   struct Result {
     bool complete = false;
     Bytes message;  // the whole of it, when complete; valid as long as the payload and until the next call
   };
-  Result add(const DataHeader& header, Bytes payload);
+
+  Result add(const Header& header, Bytes payload) {
+    if (!m_partial) {
+      m_message = {};  // messages of several fragments are rare, and their memory is not worth keeping
+      if (payload.size() == header.total) {
+        return {true, payload};
+      }
+      if (header.total > kMessageMax) {
+        throw Fault("a message is larger than allowed");
+      }
+      m_header = header;
+      m_message.reserve(header.total);
+      m_partial = true;
+    } else if (header != m_header) {
+      throw Fault("another message begins inside a message");
+    }
+    if (payload.empty() || payload.size() > header.total - m_message.size()) {
+      throw Fault("the fragments of a message do not add up");
+    }
+    m_message.insert(m_message.end(), payload.begin(), payload.end());
+    m_partial = m_message.size() < header.total;
+    return {!m_partial, m_partial ? Bytes{} : Bytes(m_message)};
+  }
 
  private:
-  DataHeader m_header;
+  Header m_header;
   std::vector<std::byte> m_message;
   bool m_partial = false;
 };

@@ -1,0 +1,52 @@
+#include "transport/host/pieces.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include "transport/host/wire.h"
+
+namespace engine::transport::host {
+
+std::size_t messageSize(std::span<const iovec> pieces) {
+  std::size_t size = 0;
+  for (const iovec& piece : pieces) {
+    size += piece.iov_len;
+  }
+  if (size > wire::kMessageMax) {
+    throw std::runtime_error("a message of " + std::to_string(size) + " bytes cannot be sent; the most is " +
+                             std::to_string(wire::kMessageMax));
+  }
+  return size;
+}
+
+void copyPieces(std::span<const iovec> pieces, std::byte* to) noexcept {
+  for (const iovec& piece : pieces) {
+    if (piece.iov_len != 0) {
+      std::memcpy(to, piece.iov_base, piece.iov_len);
+      to += piece.iov_len;
+    }
+  }
+}
+
+std::size_t PieceCursor::take(std::size_t wanted, std::size_t partsMax, std::vector<iovec>& parts) {
+  std::size_t size = 0;
+  while (size < wanted && partsMax > 0) {
+    const iovec& piece = m_pieces.front();
+    const std::size_t length = std::min(piece.iov_len - m_offset, wanted - size);
+    if (length > 0) {
+      parts.push_back({static_cast<std::byte*>(piece.iov_base) + m_offset, length});
+      --partsMax;
+    }
+    size += length;
+    m_offset += length;
+    if (m_offset == piece.iov_len) {
+      m_pieces = m_pieces.subspan(1);
+      m_offset = 0;
+    }
+  }
+  return size;
+}
+
+}  // namespace engine::transport::host

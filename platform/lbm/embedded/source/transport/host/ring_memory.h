@@ -1,0 +1,43 @@
+// The shared memory of one ring.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "system/descriptor.h"
+#include "transport/host/ring.h"
+#include "transport/host/shared_memory.h"
+
+namespace engine::transport::host {
+
+inline constexpr std::size_t kRingBytesMin = std::size_t{4} << 10;
+inline constexpr std::size_t kRingBytesMax = std::size_t{1} << 30;
+
+// Runs through its values in no time that matters.
+using RingCounter = std::uint64_t;
+
+class RingMemory {
+ public:
+  struct Made;
+  // A new ring of so many bytes, a power of two, and the descriptor to pass on. Throws std::system_error.
+  static Made make(std::size_t bytes);
+
+  // A ring that came from a peer. Throws Fault when it is none, std::system_error when the system refuses.
+  explicit RingMemory(const Descriptor& memory);
+
+  RingControl<RingCounter>& control() const noexcept {
+    return *static_cast<RingControl<RingCounter>*>(m_mapping.address());
+  }
+  std::span<std::byte> bytes() const noexcept;
+
+ private:
+  Mapping m_mapping;
+};
+
+struct RingMemory::Made {
+  RingMemory ring;
+  Descriptor memory;
+};
+
+}  // namespace engine::transport::host

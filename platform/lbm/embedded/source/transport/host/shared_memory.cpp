@@ -1,0 +1,67 @@
+#include "transport/host/shared_memory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "transport/host/fault.h"
+
+namespace engine::transport::host {
+
+namespace {
+
+[[noreturn]] void throwErrno(int error) {
+  throw std::system_error(error, std::generic_category(),
+                          "cannot share memory with another context; free memory, or raise the limits of open files "
+                          "(ulimit -n) and of address space (ulimit -v)");
+}
+
+}  // namespace
+
+Mapping::Mapping(const Descriptor& memory, std::size_t size, Access access) : m_size(size) {
+  const int protection = access == Access::read ? PROT_READ : PROT_READ | PROT_WRITE;
+  void* const address = ::mmap(nullptr, size, protection, MAP_SHARED, memory.get(), 0);
+  if (address == MAP_FAILED) {
+    throwErrno(errno);
+  }
+  m_address = address;
+}
+
+Mapping::~Mapping() {
+  if (m_address != nullptr) {
+    ::munmap(m_address, m_size);
+  }
+}
+
+Descriptor makeSharedMemory(const char* name, std::size_t size) {
+  Descriptor memory(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  if (!memory) {
+    throwErrno(errno);
+  }
+  if (const int error = ::posix_fallocate(memory.get(), 0, static_cast<off_t>(size)); error != 0) {
+    throwErrno(error);
+  }
+  return memory;
+}
+
+void seal(const Descriptor& memory, Sealing sealing) {
+  const int writing = sealing == Sealing::sizeAndWriting ? F_SEAL_FUTURE_WRITE : 0;
+  if (::fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | writing | F_SEAL_SEAL) != 0) {
+    throwErrno(errno);
+  }
+}
+
+std::size_t sealedSize(const Descriptor& memory) {
+  constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW;
+  const int seals = ::fcntl(memory.get(), F_GET_SEALS);
+  struct stat status {};
+  if (seals < 0 || (seals & kNeeded) != kNeeded || ::fstat(memory.get(), &status) != 0) {
+    throw Fault("it passed memory whose size is not sealed");
+  }
+  return static_cast<std::size_t>(status.st_size);
+}
+
+}  // namespace engine::transport::host

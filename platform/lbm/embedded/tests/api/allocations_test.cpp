@@ -1,0 +1,74 @@
+#include <array>
+
+#include "../options/short_memory.h"
+#include "domain.h"
+
+namespace {
+
+using engine_test::makeContext;
+using engine_test::makeSource;
+
+class Allocations : public engine_test::PrivateDomain, public testing::WithParamInterface<std::size_t> {};
+
+// Keeps the last messages, as an application with a history does.
+class Keeper {
+ public:
+  ~Keeper() {
+    for (lbm_msg_t* message : m_kept) {
+      if (message != nullptr) {
+        lbm_msg_delete(message);
+      }
+    }
+  }
+
+  static int receive(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
+    Keeper& self = *static_cast<Keeper*>(clientd);
+    if (message->type == LBM_MSG_DATA) {
+      lbm_msg_t*& place = self.m_kept[self.count++ % self.m_kept.size()];
+      lbm_msg_retain(message);
+      if (lbm_msg_t* const previous = std::exchange(place, message)) {
+        lbm_msg_delete(previous);
+      }
+    }
+    return 0;
+  }
+
+  std::size_t count = 0;
+
+ private:
+  std::array<lbm_msg_t*, 8> m_kept{};
+};
+
+TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
+  const std::string payload(GetParam(), 'x');
+  Keeper keeper;
+  lbm_context_t* publisher = makeContext();
+  lbm_context_t* subscriber = makeContext();
+  lbm_src_t* source = makeSource(publisher, "T");
+  lbm_rcv_t* receiver = nullptr;
+  ASSERT_EQ(0, lbm_rcv_create(&receiver, subscriber, engine_test::receiverTopic(subscriber, "T"), &Keeper::receive,
+                              &keeper, nullptr));
+  engine_test::settle({publisher, subscriber});
+  const auto exchange = [&](int messages) {
+    for (int i = 0; i < messages; ++i) {
+      ASSERT_EQ(0, lbm_src_send(source, payload.data(), payload.size(), LBM_SRC_FLUSH)) << lbm_errmsg();
+      ASSERT_EQ(0, lbm_context_process_events(subscriber, static_cast<lbm_ulong_t>(i % 3 == 0 ? 1 : 0)));
+      ASSERT_EQ(0, lbm_context_process_events(publisher, 0));
+    }
+  };
+  exchange(1000);  // more than there are places for messages and bytes in the ring
+  ASSERT_EQ(keeper.count, 1000U);
+  {
+    const engine::test::AllocationLimit none(0);
+    exchange(1000);
+  }
+  EXPECT_EQ(keeper.count, 2000U);
+  EXPECT_EQ(0, lbm_rcv_delete(receiver));
+  EXPECT_EQ(0, lbm_src_delete(source));
+  EXPECT_EQ(0, lbm_context_delete(publisher));
+  EXPECT_EQ(0, lbm_context_delete(subscriber));
+}
+
+INSTANTIATE_TEST_SUITE_P(Bytes, Allocations, testing::Values(std::size_t{0}, std::size_t{64}, std::size_t{100'000}));
+
+}  // namespace
