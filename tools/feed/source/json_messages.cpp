@@ -5,12 +5,12 @@
 #include <tuple>
 #include <utility>
 
+#include "common/one_line.h"
 #include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "feed/command.h"
 #include "feed/command_answer.h"
 #include "feed/news.h"
-#include "feed/one_line.h"
 #include "feed/product_info.h"
 #include "feed/request_for_quote.h"
 #include "feed/server_status.h"
@@ -100,7 +100,7 @@ template <std::integral T>
 Json ToJson(T value) {
   return value;
 }
-Json ToJson(const std::string& text) { return OneLine(text); }
+Json ToJson(const std::string& text) { return common::OneLine(text); }
 Json ToJson(const Symbol& symbol) { return symbol.View(); }
 Json ToJson(Date date) { return ToString(date); }
 Json ToJson(Price price) { return price.ToString(); }
@@ -110,7 +110,7 @@ Json ToJson(ServerState state) { return ToString(state); }
 
 Json ToJson(const CommandAnswer::Figures& figures) {
   auto object = Json::object();
-  for (const auto& [name, figure] : figures) object[OneLine(name)] = figure;
+  for (const auto& [name, figure] : figures) object[common::OneLine(name)] = figure;
   return object;
 }
 
@@ -167,7 +167,7 @@ bool FromJson(const ParsedJson& json, T& value) {
 }
 
 bool FromJson(const ParsedJson& json, std::string& text) {
-  if (!json.is_string() || !IsOneLine(json.get_ref<const std::string&>())) return false;
+  if (!json.is_string() || !common::IsOneLine(json.get_ref<const std::string&>())) return false;
   text = json.get<std::string>();
   return true;
 }
@@ -201,7 +201,7 @@ bool FromJson(const ParsedJson& json, std::chrono::seconds& time) {
 bool FromJson(const ParsedJson& json, CommandAnswer::Figures& figures) {
   if (!json.is_object() || json.size() > MaxElements(&figures)) return false;
   for (const auto& [name, figure] : json.items()) {
-    if (!IsOneLine(name) || !FromJson(figure, figures[name])) return false;
+    if (!common::IsOneLine(name) || !FromJson(figure, figures[name])) return false;
   }
   return true;
 }

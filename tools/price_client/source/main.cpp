@@ -3,8 +3,8 @@
 #include <iostream>
 
 #include "client.h"
-#include "feed/command_line.h"
-#include "feed/signal_wait.h"
+#include "common/command_line.h"
+#include "common/signal_wait.h"
 #include "options.h"
 #include "rate_meter.h"
 #include "summary_json.h"
@@ -15,11 +15,11 @@
 namespace price_client {
 namespace {
 
-feed::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
-  auto code = feed::ExitCode::kOk;
+common::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
+  auto code = common::ExitCode::kOk;
   const auto complain = [&code](const std::string& what) {
     std::cerr << "price_client: " << what << std::endl;
-    code = feed::ExitCode::kUnsatisfied;
+    code = common::ExitCode::kUnsatisfied;
   };
   for (const auto& instance : snapshot.instances) {
     if (instance.totals.updates == 0) complain("nothing received from " + instance.name);
@@ -28,14 +28,14 @@ feed::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
   return code;
 }
 
-feed::ExitCode Run(int argc, const char* const* argv) {
-  const feed::Output output;
+common::ExitCode Run(int argc, const char* const* argv) {
+  const common::Output output;
   const auto options = ParseOptions(argc, argv, output);
-  if (!options) return feed::ExitCode::kOk;
+  if (!options) return common::ExitCode::kOk;
 
-  auto signals = TakesOverTerminal(*options, output) ? feed::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
-                                                     : feed::SignalWait{SIGINT, SIGTERM, SIGHUP};
-  feed::DivertLibraryOutput();
+  auto signals = TakesOverTerminal(*options, output) ? common::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
+                                                     : common::SignalWait{SIGINT, SIGTERM, SIGHUP};
+  common::DivertLibraryOutput();
   Client client(*options, [&signals] { signals.Wake(); });
   RateMeter rates(RateMeter::Clock::now());
   bool endedByCommand = false;
@@ -55,5 +55,5 @@ feed::ExitCode Run(int argc, const char* const* argv) {
 }  // namespace price_client
 
 int main(int argc, char** argv) {
-  return feed::RunTool("price_client", [argc, argv] { return price_client::Run(argc, argv); });
+  return common::RunTool("price_client", [argc, argv] { return price_client::Run(argc, argv); });
 }

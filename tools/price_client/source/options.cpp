@@ -8,7 +8,8 @@
 #include <array>
 #include <stdexcept>
 
-#include "feed/command_line.h"
+#include "common/command_line.h"
+#include "feed/instance_text.h"
 #include "ps_common/connector/topic_names.h"
 
 namespace price_client {
@@ -40,18 +41,18 @@ bool IsIdentity(const std::string& text) {
 
 void CheckIdentity(const Options& options) {
   if (!IsIdentity(options.clientID) || !IsIdentity(options.host)) {
-    throw feed::UsageError("--client-id and --host take visible ASCII characters without blanks");
+    throw common::UsageError("--client-id and --host take visible ASCII characters without blanks");
   }
   try {
     ps_ns::TopicNames::CreateClientCommandResponseTopic(options.host, options.clientID);
   } catch (const std::length_error&) {
-    throw feed::UsageError("--client-id and --host are too long: there can be no topic for them");
+    throw common::UsageError("--client-id and --host are too long: there can be no topic for them");
   }
 }
 
 }  // namespace
 
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output) {
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output) {
   Options options;
   std::vector<std::string> instances;
 
@@ -65,9 +66,9 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
       ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
       ->type_name("1.." + std::to_string(feed::kMaxSegments))
       ->capture_default_str();
-  feed::AddSecondsOption(app, options.seconds, "End after this many seconds");
+  common::AddSecondsOption(app, options.seconds, "End after this many seconds");
   app.add_option("--count", options.count, "End after at least this many updates")
-      ->check(feed::NumberUpTo(1e18))
+      ->check(common::NumberUpTo(1e18))
       ->type_name("N");
   app.add_flag("--json", options.json, "Print nothing but the summary, as one JSON document");
   app.add_flag("--quiet", options.quiet, "Print nothing but the summary");
@@ -81,7 +82,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
          "--max-silence",
          [&options](const double& seconds) { options.maxSilence = std::chrono::duration<double>(seconds); },
          "Seconds without a status after which a server counts as silent")
-      ->check(feed::NumberUpTo(kMaxSeconds))
+      ->check(common::NumberUpTo(kMaxSeconds))
       ->type_name("S")
       ->default_str("5");
   app.add_option("--context-name", options.contextName,
@@ -91,14 +92,14 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
       ->check(CLI::NonNegativeNumber.description(""))
       ->type_name("N");
   app.add_flag("--onload", options.onload, "Let the dispatch thread spin when the kernel bypass is present");
-  feed::AddCommonOptions(app);
+  common::AddCommonOptions(app);
 
-  if (!feed::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+  if (!common::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
 
   for (const auto& text : instances) {
     const auto instance = feed::ParseServerInstance(text);
     if (std::find(options.instances.begin(), options.instances.end(), instance) != options.instances.end()) {
-      throw feed::UsageError("server instance \"" + text + "\" is given twice");
+      throw common::UsageError("server instance \"" + text + "\" is given twice");
     }
     options.instances.push_back(instance);
   }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "feed/output.h"
+#include "common/output.h"
 #include "ps_common/connector/server_instance.h"
 
 namespace price_client {
@@ -30,7 +30,7 @@ struct Options {
   bool onload = false;
 };
 
-// Nothing when the user asked for help or the version, which then has been written. Throws feed::UsageError.
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output);
+// Nothing when the user asked for help or the version, which then has been written. Throws common::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output);
 
 }  // namespace price_client

@@ -16,7 +16,7 @@ class Silence : public View {
 
 class LiveView : public View {
  public:
-  explicit LiveView(const feed::Output& output) : m_terminal(output), m_colour(std::getenv("NO_COLOR") == nullptr) {}
+  explicit LiveView(const common::Output& output) : m_terminal(output), m_colour(std::getenv("NO_COLOR") == nullptr) {}
 
   void Show(const Snapshot& snapshot) override {
     if (snapshot.elapsedSeconds < m_nextFrame) return;
@@ -36,7 +36,7 @@ class LiveView : public View {
 // A line on each change as it happens, and one on each instance every second.
 class Lines : public View {
  public:
-  explicit Lines(const feed::Output& output) : m_output(output) {}
+  explicit Lines(const common::Output& output) : m_output(output) {}
 
   void Show(const Snapshot& snapshot) override {
     auto text = ChangeLines(m_clientBefore, snapshot.client, snapshot.elapsedSeconds);
@@ -56,7 +56,7 @@ class Lines : public View {
  private:
   static constexpr double kSecondsPerProgress = 1;
 
-  const feed::Output& m_output;
+  const common::Output& m_output;
   ClientSnapshot m_clientBefore;
   std::vector<InstanceSnapshot> m_before;
   double m_nextProgress = kSecondsPerProgress;
@@ -64,11 +64,11 @@ class Lines : public View {
 
 }  // namespace
 
-bool TakesOverTerminal(const Options& options, const feed::Output& output) {
+bool TakesOverTerminal(const Options& options, const common::Output& output) {
   return !options.json && !options.quiet && !options.plain && output.IsTerminal();
 }
 
-std::unique_ptr<View> MakeView(const Options& options, const feed::Output& output) {
+std::unique_ptr<View> MakeView(const Options& options, const common::Output& output) {
   if (options.json || options.quiet) return std::make_unique<Silence>();
   if (TakesOverTerminal(options, output)) return std::make_unique<LiveView>(output);
   return std::make_unique<Lines>(output);

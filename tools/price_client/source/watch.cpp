@@ -44,7 +44,7 @@ bool Watch::Show(Clock::time_point now) {
 
 bool Watch::WaitUntil(Clock::time_point deadline) {
   const int signal = m_signals.WaitUntil(deadline);
-  if (feed::AsksToStop(signal)) return false;
+  if (common::AsksToStop(signal)) return false;
   if (signal != 0) m_view.Suspend();
   return true;
 }

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "feed/one_line.h"
+#include "common/one_line.h"
 #include "lbm/errors.h"
 
 namespace price_server {
@@ -92,8 +92,8 @@ void CommandSender::NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, 
   // Answers to others' commands come on the same topics.
   if (number == 0 || number > m_last) return;
   if (const auto found = m_pending.find(number); found != m_pending.end()) found->second.state = State::kAnswered;
-  auto line = fmt::format("#{} from {} on {}: {}", number, feed::OneLine(client.m_clientID),
-                          feed::OneLine(client.m_hostname), answer.result);
+  auto line = fmt::format("#{} from {} on {}: {}", number, common::OneLine(client.m_clientID),
+                          common::OneLine(client.m_hostname), answer.result);
   if (!answer.text.empty()) line += "; " + answer.text;
   const char* separator = "; ";
   for (const auto& [name, figure] : answer.figures) {

@@ -3,7 +3,7 @@
 #include <sstream>
 #include <vector>
 
-#include "feed/one_line.h"
+#include "common/one_line.h"
 #include "ps_common/connector/topic_names.h"
 
 namespace price_server {
@@ -15,15 +15,15 @@ const std::string_view kConsoleHelp =
     "Commands that clients know: report, pause, resume, quit.\n";
 
 std::optional<ConsoleCommand> ParseConsoleLine(std::string_view line) {
-  if (line.size() > feed::kMaxTextLength) {
-    throw BadConsoleLine("a line of more than " + std::to_string(feed::kMaxTextLength) + " bytes");
+  if (line.size() > common::kMaxTextLength) {
+    throw BadConsoleLine("a line of more than " + std::to_string(common::kMaxTextLength) + " bytes");
   }
   std::istringstream text{std::string(line)};
   std::vector<std::string> words;
   for (std::string word; text >> word;) words.push_back(word);
   if (words.empty() || words[0].starts_with('#')) return std::nullopt;
   for (const auto& word : words) {
-    if (word != feed::OneLine(word)) throw BadConsoleLine("bytes that are not UTF-8, or control characters");
+    if (word != common::OneLine(word)) throw BadConsoleLine("bytes that are not UTF-8, or control characters");
   }
 
   const bool isForHost = words[0] == "host";

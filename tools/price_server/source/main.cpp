@@ -6,9 +6,9 @@
 #include <iostream>
 #include <optional>
 
-#include "feed/command_line.h"
+#include "common/command_line.h"
+#include "common/signal_wait.h"
 #include "feed/prices_file.h"
-#include "feed/signal_wait.h"
 #include "instance_lock.h"
 #include "lbm/attributes.h"
 #include "lbm/context.h"
@@ -29,7 +29,7 @@ feed::PricesFile ReadPrices(const Options& options) {
   try {
     return feed::ReadPricesFile(options.pricesFile, options.symbolOfDailyValues);
   } catch (const feed::PricesFileError& error) {
-    throw feed::UsageError(error.what());
+    throw common::UsageError(error.what());
   }
 }
 
@@ -42,14 +42,14 @@ std::filesystem::path LockDirectory(const lbm::Context& context) {
   }
 }
 
-feed::ExitCode Run(int argc, const char* const* argv) {
-  const feed::Output output;
+common::ExitCode Run(int argc, const char* const* argv) {
+  const common::Output output;
   const auto options = ParseOptions(argc, argv, output);
-  if (!options) return feed::ExitCode::kOk;
+  if (!options) return common::ExitCode::kOk;
   const auto file = ReadPrices(*options);
 
-  feed::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
-  feed::DivertLibraryOutput();
+  common::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  common::DivertLibraryOutput();
   TaskLoop loop;
   SourceWatch sources(loop);
   lbm::ContextAttributes attributes;
@@ -62,7 +62,7 @@ feed::ExitCode Run(int argc, const char* const* argv) {
   } catch (const InstanceRunning& error) {
     std::cerr << "price_server: instance " << options->instance.ToString() << " is " << error.what()
               << "; end it first, or choose another --node" << std::endl;
-    return feed::ExitCode::kUnsatisfied;
+    return common::ExitCode::kUnsatisfied;
   }
 
   const auto session = static_cast<std::uint64_t>(feed::RealTimeNanoseconds());
@@ -79,12 +79,12 @@ feed::ExitCode Run(int argc, const char* const* argv) {
   replay.Run();
   services.Close();
   output.Write(replay.Summary());
-  return feed::ExitCode::kOk;
+  return common::ExitCode::kOk;
 }
 
 }  // namespace
 }  // namespace price_server
 
 int main(int argc, char** argv) {
-  return feed::RunTool("price_server", [argc, argv] { return price_server::Run(argc, argv); });
+  return common::RunTool("price_server", [argc, argv] { return price_server::Run(argc, argv); });
 }

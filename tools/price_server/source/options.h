@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "feed/output.h"
+#include "common/output.h"
 #include "feed/symbol.h"
 #include "ps_common/connector/server_instance.h"
 
@@ -32,7 +32,7 @@ struct Options {
 };
 
 // Nothing when the user asked for help or the version, which then has been
-// written. Throws feed::UsageError.
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output);
+// written. Throws common::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output);
 
 }  // namespace price_server

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "command_console.h"
-#include "feed/output.h"
+#include "common/output.h"
 #include "feed/prices_file.h"
 #include "lbm/context.h"
 #include "news_wire.h"
@@ -36,7 +36,7 @@ class Services {
     lbm::Context& ctx;
     SourceWatch& sources;  // installed in ctx if the options ask for a console
     TaskLoop& loop;
-    const feed::Output& output;
+    const common::Output& output;
   };
 
   // session as in feed::PriceMessage. onFailure is called on the loop's thread when the services cannot go on. Throws

@@ -38,7 +38,7 @@ Answer ReadAnswer(const std::string& data, const std::string& requestId) {
   }
 }
 
-Enquiry::Enquiry(Question question, feed::SignalWait& signals)
+Enquiry::Enquiry(Question question, common::SignalWait& signals)
     : m_question(std::move(question)),
       m_signals(signals),
       m_context(Attributes()),
@@ -57,7 +57,7 @@ Outcome Enquiry::Run(Clock::duration timeout, std::optional<std::size_t> expecte
     }
     auto outcome = Read();
     if (now >= end || (expected && outcome.answers.size() >= *expected)) return outcome;
-    if (feed::AsksToStop(m_signals.WaitUntil(askAt ? std::min(*askAt, end) : end))) return Read();
+    if (common::AsksToStop(m_signals.WaitUntil(askAt ? std::min(*askAt, end) : end))) return Read();
   }
 }
 

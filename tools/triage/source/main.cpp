@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "common/command_line.h"
+#include "common/signal_wait.h"
 #include "enquiry.h"
-#include "feed/command_line.h"
-#include "feed/signal_wait.h"
 #include "options.h"
 #include "report.h"
 #include "zq/messaging/triage_requests.h"
@@ -35,15 +35,15 @@ Question QuestionOf(const Options& options) {
   return question;
 }
 
-feed::ExitCode Run(int argc, const char* const* argv) {
-  const feed::Output output;
+common::ExitCode Run(int argc, const char* const* argv) {
+  const common::Output output;
   const auto options = ParseOptions(argc, argv, output);
-  if (!options) return feed::ExitCode::kOk;
+  if (!options) return common::ExitCode::kOk;
 
   // This process asks; it is not one of those to be asked.
   ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "this is the triage tool", 1);
-  feed::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
-  feed::DivertLibraryOutput();
+  common::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  common::DivertLibraryOutput();
   const auto question = QuestionOf(*options);
   const auto start = Enquiry::Clock::now();
   Enquiry enquiry(question, signals);
@@ -60,5 +60,5 @@ feed::ExitCode Run(int argc, const char* const* argv) {
 }  // namespace triage
 
 int main(int argc, char** argv) {
-  return feed::RunTool("triage", [argc, argv] { return triage::Run(argc, argv); });
+  return common::RunTool("triage", [argc, argv] { return triage::Run(argc, argv); });
 }

@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 
-#include "feed/command_line.h"
+#include "common/command_line.h"
 #include "zq/messaging/triage.pb.h"
 #include "zq/messaging/triage_requests.h"
 
@@ -64,16 +64,16 @@ void Resolve(const Target& target, Options& options) {
   options.topicPrefix = orVariable(target.topicPrefix, protocol::kTopicPrefixVariable);
   if (!target.allDataCenters) options.dataCenter = orVariable(target.dataCenter, protocol::kDataCenterVariable);
   if (options.environment.empty()) {
-    throw feed::UsageError(std::string("which environment? Give --environment or set ") +
-                           protocol::kEnvironmentVariable);
+    throw common::UsageError(std::string("which environment? Give --environment or set ") +
+                             protocol::kEnvironmentVariable);
   }
   if (target.dataCenter && target.dataCenter->empty()) {
-    throw feed::UsageError("--data-center is empty; --all-data-centers asks the whole environment");
+    throw common::UsageError("--data-center is empty; --all-data-centers asks the whole environment");
   }
   const auto topic = TopicOf(options);
   if (topic.size() > LBM_TOPIC_NAME_MAX) {
-    throw feed::UsageError("the names are too long: their topic has " + std::to_string(topic.size()) +
-                           " bytes and at most " + std::to_string(LBM_TOPIC_NAME_MAX) + " are possible");
+    throw common::UsageError("the names are too long: their topic has " + std::to_string(topic.size()) +
+                             " bytes and at most " + std::to_string(LBM_TOPIC_NAME_MAX) + " are possible");
   }
 }
 
@@ -82,7 +82,7 @@ void AddWaiting(CLI::App& command, Options& options) {
       .add_option_function<double>(
           "--timeout", [&options](const double& value) { options.timeout = std::chrono::duration<double>(value); },
           "How long to wait for answers")
-      ->check(feed::NumberUpTo(kMaxTimeout))
+      ->check(common::NumberUpTo(kMaxTimeout))
       ->type_name("S")
       ->default_str(CLI::detail::to_string(options.timeout.count()));
   command.add_option("--expect", options.expected, "End as soon as so many have answered; fewer are not enough")
@@ -113,15 +113,15 @@ void AddNakKill(CLI::App& command, NakKillFlags& request) {
 NakKill Read(const NakKillFlags& flags) {
   protocol::LBMContext contexts{};
   if (!protocol::LBMContext_Parse(protocol::UpperCase(flags.contexts), &contexts)) {
-    throw feed::UsageError("--context: \"" + flags.contexts + "\" is none of " + ContextGroups());
+    throw common::UsageError("--context: \"" + flags.contexts + "\" is none of " + ContextGroups());
   }
-  if (!flags.enable && !flags.disable) throw feed::UsageError("nak-kill needs --enable or --disable");
+  if (!flags.enable && !flags.disable) throw common::UsageError("nak-kill needs --enable or --disable");
   return {contexts, flags.enable};
 }
 
 }  // namespace
 
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output) {
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output) {
   Options options;
   NakKillFlags nakKill;
   Target target;
@@ -130,7 +130,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
-  feed::AddCommonOptions(app);
+  common::AddCommonOptions(app);
   auto* const test = app.add_subcommand("test", "Ask for an answer and nothing else");
   auto* const nak = app.add_subcommand("nak-kill", "Switch NAKs on or off on contexts chosen by name");
   AddNakKill(*nak, nakKill);
@@ -140,7 +140,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const fee
     command->footer(kFooter);
   }
 
-  if (!feed::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+  if (!common::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
 
   if (nak->parsed()) options.nakKill = Read(nakKill);
   Resolve(target, options);

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "feed/output.h"
+#include "common/output.h"
 
 namespace triage {
 
@@ -26,8 +26,8 @@ struct Options {
   bool json = false;
 };
 
-// Nothing when the user asked for help or the version, which then has been written. Throws feed::UsageError.
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const feed::Output& output);
+// Nothing when the user asked for help or the version, which then has been written. Throws common::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output);
 
 // Where the request goes.
 std::string TopicOf(const Options& options);

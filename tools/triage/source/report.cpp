@@ -132,7 +132,7 @@ std::string Json(const Report& report) {
 }
 
 Verdict Judge(const Report& report) {
-  using feed::ExitCode;
+  using common::ExitCode;
   const auto& outcome = report.outcome;
   if (outcome.answers.empty()) return {ExitCode::kNoAnswer, NobodyAnswered(report)};
   const auto failures = static_cast<std::size_t>(std::count_if(outcome.answers.begin(), outcome.answers.end(),

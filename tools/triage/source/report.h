@@ -4,8 +4,8 @@
 #include <chrono>
 #include <string>
 
+#include "common/exit_code.h"
 #include "enquiry.h"
-#include "feed/exit_code.h"
 #include "options.h"
 
 namespace triage {
@@ -24,7 +24,7 @@ std::string Table(const Report& report);
 std::string Json(const Report& report);
 
 struct Verdict {
-  feed::ExitCode code = feed::ExitCode::kOk;
+  common::ExitCode code = common::ExitCode::kOk;
   std::string complaint;  // what is wrong and what to look at; empty when nothing is
 };
 Verdict Judge(const Report& report);

@@ -73,7 +73,7 @@ class EnquiryTest : public testing::Test {
   }
 
   const test_support::PrivateDomain m_domain;
-  feed::SignalWait m_signals{SIGTERM};
+  common::SignalWait m_signals{SIGTERM};
 };
 
 TEST_F(EnquiryTest, EveryAnswerIsReadAndEndsTheWaitWhenItIsTheLastExpected) {

@@ -8,7 +8,7 @@
 namespace triage {
 namespace {
 
-using feed::ExitCode;
+using common::ExitCode;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 

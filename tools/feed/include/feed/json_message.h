@@ -8,10 +8,10 @@
 
 namespace feed {
 
-// Texts in messages are single lines, see one_line.h. Encode makes them so, whatever the field holds; decoding refuses
-// others. Times, dates and prices are texts as their headers describe them. Fields that a message is not known to have
-// are ignored, so that versions can differ; a field that is missing or of another type makes the message none, unless
-// its comment calls it optional.
+// Texts in messages are single lines, see common/one_line.h. Encode makes them so, whatever the field holds; decoding
+// refuses others. Times, dates and prices are texts as their headers describe them. Fields that a message is not known
+// to have are ignored, so that versions can differ; a field that is missing or of another type makes the message none,
+// unless its comment calls it optional.
 //
 // The Decode functions take any bytes whatever, and give nothing for more than this many, nor for arrays and objects
 // that are nested more deeply than this.

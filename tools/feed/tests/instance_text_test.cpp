@@ -1,7 +1,9 @@
-#include "feed/command_line.h"
+#include "feed/instance_text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "common/exit_code.h"
 
 namespace feed {
 namespace {
@@ -23,7 +25,7 @@ TEST(ServerInstanceText, ThatIsNoneIsRefusedWithAnExample) {
     try {
       ParseServerInstance(text);
       ADD_FAILURE() << '"' << text << "\" was taken";
-    } catch (const UsageError& error) {
+    } catch (const common::UsageError& error) {
       EXPECT_THAT(error.what(), testing::AllOf(testing::HasSubstr(std::string("\"") + text + '"'),
                                                testing::HasSubstr("such as 1:1:1:STOCKS")));
     }

@@ -1,4 +1,4 @@
-#include "feed/signal_wait.h"
+#include "common/signal_wait.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <system_error>
 
-namespace feed {
+namespace common {
 namespace {
 
 bool IsIgnored(int signal) {
@@ -70,4 +70,4 @@ void SignalWait::Wake() noexcept {
   [[maybe_unused]] const auto written = ::write(m_wakes, &kOne, sizeof kOne);
 }
 
-}  // namespace feed
+}  // namespace common

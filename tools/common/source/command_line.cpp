@@ -1,44 +1,21 @@
-#include "feed/command_line.h"
+#include "common/command_line.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <sstream>
-#include <vector>
 
 #include "zq/logging/default_backend.h"
 
-namespace feed {
+namespace common {
 namespace {
 
 void SetMinLogLevel(const std::string& name) {
   const auto level = zq::logging::ParseLevel(name);
   if (!level) throw CLI::ValidationError("--log-level", '"' + name + "\" is not the name of a level");
   zq::logging::SetMinLevel(*level);
-}
-
-// "1:2:3:name" has no more than four pieces: further colons belong to the name.
-std::vector<std::string_view> SplitAtColons(std::string_view text) {
-  std::vector<std::string_view> pieces;
-  while (pieces.size() < 3) {
-    const auto colon = text.find(':');
-    pieces.push_back(text.substr(0, colon));
-    if (colon == std::string_view::npos) return pieces;
-    text.remove_prefix(colon + 1);
-  }
-  pieces.push_back(text);
-  return pieces;
-}
-
-std::optional<std::int16_t> ParseNumber(std::string_view text) {
-  std::int16_t number = 0;
-  const auto* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && stop == end && number >= 0 ? std::optional(number) : std::nullopt;
 }
 
 CLI::Option* AddSecondsOption(CLI::App& app, const std::string& name, const std::string& help,
@@ -48,8 +25,9 @@ CLI::Option* AddSecondsOption(CLI::App& app, const std::string& name, const std:
   return app.add_option_function<double>(name, set, help)->check(NumberUpTo(kMaxSeconds))->type_name("S");
 }
 
-// A standard descriptor that the caller has closed would be given to the next file opened, which then would be taken for
-// standard input or output. Reading from what stands in for it gives the end of the input; writing to it is an error.
+// A standard descriptor that the caller has closed would be given to the next file opened, which then would be taken
+// for standard input or output. Reading from what stands in for it gives the end of the input; writing to it is an
+// error.
 void OccupyStandardDescriptors() {
   int file = -1;
   do {
@@ -105,34 +83,6 @@ bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Ou
   }
 }
 
-bool IsMarketName(std::string_view text) {
-  constexpr std::size_t kMaxLength = 32;
-  return !text.empty() && text.size() <= kMaxLength &&
-         std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7f; });
-}
-
-ps_ns::ServerInstance ParseServerInstance(const std::string& text) {
-  const auto pieces = SplitAtColons(text);
-  if (pieces.size() >= 3) {
-    const auto market = ParseNumber(pieces[0]);
-    const auto submarket = ParseNumber(pieces[1]);
-    const auto node = ParseNumber(pieces[2]);
-    const auto name = pieces.size() == 4 ? pieces[3] : std::string_view();
-    const bool nameIsGood = pieces.size() == 3 || IsMarketName(name);
-    if (market && submarket && node && nameIsGood) {
-      ps_ns::ServerInstance instance;
-      instance.m_marketID = *market;
-      instance.m_submarketID = *submarket;
-      instance.m_nodeID = *node;
-      instance.m_marketName = name;
-      return instance;
-    }
-  }
-  throw UsageError("bad server instance \"" + text +
-                   "\"; expected market:submarket:node or market:submarket:node:name, numbers from 0 to 32767, such as "
-                   "1:1:1:STOCKS");
-}
-
 int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept {
   const auto end = [toolName](ExitCode code, const char* what) {
     std::cerr << toolName << ": " << what << std::endl;
@@ -156,4 +106,4 @@ void DivertLibraryOutput() {
   std::cout.rdbuf(zq::logging::IsEnabled(zq::logging::ZQLOG_INFO) ? std::cerr.rdbuf() : nullptr);
 }
 
-}  // namespace feed
+}  // namespace common

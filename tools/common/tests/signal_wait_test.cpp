@@ -1,10 +1,10 @@
-#include "feed/signal_wait.h"
+#include "common/signal_wait.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
-namespace feed {
+namespace common {
 namespace {
 
 using namespace std::chrono_literals;
@@ -36,4 +36,4 @@ TEST(SignalWait, ASignalIsSeenWhateverElseIsPending) {
 }
 
 }  // namespace
-}  // namespace feed
+}  // namespace common

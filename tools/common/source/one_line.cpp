@@ -1,8 +1,8 @@
-#include "feed/one_line.h"
+#include "common/one_line.h"
 
 #include <nlohmann/json.hpp>
 
-namespace feed {
+namespace common {
 namespace {
 
 // The number of bytes, 0 to 2, of the control character that the text starts with.
@@ -43,4 +43,4 @@ std::string OneLine(std::string_view text) {
   return line;
 }
 
-}  // namespace feed
+}  // namespace common

@@ -8,14 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "feed/exit_code.h"
-#include "feed/output.h"
-#include "ps_common/connector/server_instance.h"
+#include "common/exit_code.h"
+#include "common/output.h"
 
-namespace feed {
-
-// Segments that a server instance may have.
-constexpr unsigned kMaxSegments = 1024;
+namespace common {
 
 // Adds --version and --log-level. The log goes to standard error, from warnings on unless the user asks for more.
 void AddCommonOptions(CLI::App& app);
@@ -33,12 +29,6 @@ void AddSecondsOption(CLI::App& app, const std::string& name, std::chrono::durat
 // Returns false when the user asked for help or the version, which then has been written. Throws UsageError.
 bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output);
 
-// 1 to 32 visible ASCII characters without blanks.
-bool IsMarketName(std::string_view text);
-
-// Reads "market:submarket:node" or "market:submarket:node:name". Throws UsageError.
-ps_ns::ServerInstance ParseServerInstance(const std::string& text);
-
 // Runs a tool's body and returns what main is to return. What the body throws is written to standard error.
 int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept;
 
@@ -49,4 +39,4 @@ int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) no
 // Threads: call while no other thread writes to std::cout.
 void DivertLibraryOutput();
 
-}  // namespace feed
+}  // namespace common

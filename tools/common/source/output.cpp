@@ -1,11 +1,11 @@
-#include "feed/output.h"
+#include "common/output.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
 
-namespace feed {
+namespace common {
 
 void Output::Write(std::string_view text) const {
   while (!text.empty()) {
@@ -20,4 +20,4 @@ void Output::Write(std::string_view text) const {
 
 bool Output::IsTerminal() const { return ::isatty(STDOUT_FILENO) == 1; }
 
-}  // namespace feed
+}  // namespace common
