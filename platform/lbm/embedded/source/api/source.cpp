@@ -20,14 +20,12 @@ namespace {
 LiveOptions optionsOf(const lbm_src_t* src) { return LiveOptions(required(src, "src").source->options()); }
 
 int send(const char* function, lbm_src_t* src, std::span<const iovec> pieces, int flags,
-         const lbm_src_send_ex_info_t* info) noexcept {
-  return guarded(function, [&] {
-    OutboundMessage message{.pieces = pieces, .requestId = 0, .channel = {}};
-    if (info != nullptr && (info->flags & LBM_SRC_SEND_EX_FLAG_CHANNEL) != 0) {
-      message.channel = info->channel_number;
-    }
-    return engine::api::resultOf(function, required(src, "src").source->send(message, flags));
-  });
+         const lbm_src_send_ex_info_t* info) {
+  OutboundMessage message{.pieces = pieces, .requestId = 0, .channel = {}};
+  if (info != nullptr && (info->flags & LBM_SRC_SEND_EX_FLAG_CHANNEL) != 0) {
+    message.channel = info->channel_number;
+  }
+  return engine::api::resultOf(function, required(src, "src").source->send(message, flags));
 }
 
 int sendPieces(const char* function, lbm_src_t* src, const iovec* iov, int num, int flags,

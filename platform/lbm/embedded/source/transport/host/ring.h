@@ -50,7 +50,8 @@ struct RingControl {
 
   // Written by the writer:
   alignas(kApart) std::atomic<Counter> tail;
-  std::atomic<std::uint32_t> roomWanted;  // the number of times that room was asked for
+  // Apart from the tail: the reader looks at it more often than it changes.
+  alignas(kApart) std::atomic<std::uint32_t> roomWanted;  // the number of times that room was asked for
   // Written by the reader:
   alignas(kApart) std::atomic<Counter> head;
   alignas(kApart) std::atomic<std::uint32_t> roomTold;  // roomWanted as last answered; writers wait for its change
