@@ -12,6 +12,7 @@
 #include "peer.h"
 #include "process.h"
 #include "ps_common/connector/topic_names.h"
+#include "test_support/temporary_directory.h"
 
 namespace tools_test {
 namespace {
@@ -45,7 +46,7 @@ class ClientCommandsTest : public testing::Test {
     return instance;
   }
 
-  PrivateDirectory m_runtime;
+  test_support::TemporaryDirectory m_runtime;
   Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
 };
 

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -136,17 +135,6 @@ int Process::Wait() {
   ::waitpid(m_process, &status, 0);
   m_process = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-PrivateDirectory::PrivateDirectory() {
-  auto pattern = (std::filesystem::temp_directory_path() / "toolsXXXXXX").string();
-  Check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
-  m_path = pattern;
-}
-
-PrivateDirectory::~PrivateDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
 }
 
 }  // namespace tools_test

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <utility>
@@ -52,20 +51,6 @@ class Process {
   std::string m_output;
   std::string m_errors;
   std::size_t m_passed = 0;
-};
-
-// A new empty directory of mode 0700, removed with everything in it at the end.
-class PrivateDirectory {
- public:
-  PrivateDirectory();
-  ~PrivateDirectory();
-  PrivateDirectory(const PrivateDirectory&) = delete;
-  PrivateDirectory& operator=(const PrivateDirectory&) = delete;
-
-  const std::filesystem::path& Path() const { return m_path; }
-
- private:
-  std::filesystem::path m_path;
 };
 
 }  // namespace tools_test

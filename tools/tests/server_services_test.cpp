@@ -13,6 +13,7 @@
 #include "peer.h"
 #include "process.h"
 #include "ps_common/connector/topic_names.h"
+#include "test_support/temporary_directory.h"
 
 namespace tools_test {
 namespace {
@@ -55,8 +56,8 @@ class ServerServicesTest : public testing::Test {
   }
 
   ps_ns::ServerInstance m_instance;
-  PrivateDirectory m_files;
-  PrivateDirectory m_runtime;
+  test_support::TemporaryDirectory m_files;
+  test_support::TemporaryDirectory m_runtime;
   Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
 };
 

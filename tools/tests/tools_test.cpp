@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "process.h"
+#include "test_support/temporary_directory.h"
 
 namespace tools_test {
 namespace {
@@ -43,8 +44,8 @@ class ToolsTest : public testing::Test {
     return path;
   }
 
-  PrivateDirectory m_files;
-  PrivateDirectory m_runtime;
+  test_support::TemporaryDirectory m_files;
+  test_support::TemporaryDirectory m_runtime;
   Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
 };
 

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "process.h"
+#include "test_support/temporary_directory.h"
 
 namespace tools_test {
 namespace {
@@ -43,7 +44,7 @@ class TriageToolTest : public testing::Test {
     return tool.Output();
   }
 
-  const PrivateDirectory m_runtime;
+  const test_support::TemporaryDirectory m_runtime;
 };
 
 TEST_F(TriageToolTest, ShowsWhoAnswersWithAndWithoutAnEventQueue) {
