@@ -86,6 +86,10 @@ TEST_F(ToolsTest, AKilledServerCanBeStartedAgainAndTheClientReportsTheGap) {
     Process first(command, m_environment);
     ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
     ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) server is open")) << client.Output();
+    // Who has received no price yet misses none.
+    do {
+      ASSERT_TRUE(client.WaitForOutput(" updates=")) << client.Output();
+    } while (!testing::Matches(ContainsRegex(" updates=[1-9]"))(client.Output()));
     first.Signal(SIGKILL);
     EXPECT_EQ(first.Wait(), 128 + SIGKILL);
   }
