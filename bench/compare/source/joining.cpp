@@ -17,7 +17,7 @@
 
 #include "control.h"
 #include "processes.h"
-#include "run_directory.h"
+#include "test_support/temporary_directory.h"
 
 namespace {
 
@@ -227,8 +227,8 @@ int main(int argc, char** argv) try {
   CLI11_PARSE(app, argc, argv);
   sources -= sources % contexts;
 
-  const compare::RunDirectory directory;
-  ::setenv("LBM_RUNTIME_DIR", directory.path().c_str(), 1);
+  const test_support::TemporaryDirectory directory;
+  ::setenv("LBM_RUNTIME_DIR", directory.Path().c_str(), 1);
   std::puts(measure(contexts, sources, std::chrono::seconds(atMost)).dump().c_str());
   return 0;
 } catch (const std::exception& error) {

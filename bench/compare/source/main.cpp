@@ -9,7 +9,7 @@
 #include "control.h"
 #include "measure.h"
 #include "payload.h"
-#include "run_directory.h"
+#include "test_support/temporary_directory.h"
 
 namespace {
 
@@ -55,8 +55,8 @@ int main(int argc, char** argv) try {
   common(app.add_subcommand("round-trip", "time of a message there and back"));
   CLI11_PARSE(app, argc, argv);
 
-  const compare::RunDirectory directory;
-  const std::unique_ptr<compare::Contender> contender = compare::makeContender(directory.path());
+  const test_support::TemporaryDirectory directory;
+  const std::unique_ptr<compare::Contender> contender = compare::makeContender(directory.Path());
   const std::chrono::milliseconds duration(milliseconds);
   nlohmann::json result;
   if (*describe) {
