@@ -623,6 +623,36 @@ TEST_F(EngineTest, ProcessingWaitsUntilUnblockedAndIsForOneThread) {
   lbm_context_delete(threaded);
 }
 
+TEST_F(EngineTest, WaitingForAMessageTakesNoProcessor) {
+  lbm_context_t* publisher = makeContext();
+  lbm_context_t* subscriber = makeContext();
+  lbm_src_t* source = makeSource(publisher, "T");
+  Recorder recorder(subscriber, "T");
+  settle({publisher, subscriber});
+  sendText(source, "so that there is a ring");
+  settle({publisher, subscriber});
+  std::future<std::chrono::nanoseconds> waiting = std::async(std::launch::async, [&] {
+    std::chrono::nanoseconds used{};
+    while (recorder.lines.size() < 3) {
+      const auto before = threadTime();
+      if (lbm_context_process_events(subscriber, 3'600'000) == 0) {  // not turned away: the other thread was outside
+        used += threadTime() - before;
+      }
+    }
+    return used;
+  });
+  while (lbm_context_process_events(subscriber, 0) == 0) {  // until the other thread is inside
+  }
+  EXPECT_EQ(0, lbm_context_process_events(publisher, 300)) << "lets time pass";
+  sendText(source, "wake up");
+  EXPECT_LT(waiting.get(), std::chrono::milliseconds(40));
+  EXPECT_EQ("data 1 wake up", recorder.lines.back());
+  recorder.stop();
+  lbm_src_delete(source);
+  lbm_context_delete(subscriber);
+  lbm_context_delete(publisher);
+}
+
 TEST_F(EngineTest, RefusesWhatCannotWorkAndSaysWhy) {
   lbm_context_t* context = makeContext();
   lbm_context_t* other = makeContext();
