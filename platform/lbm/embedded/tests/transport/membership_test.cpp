@@ -2,16 +2,16 @@
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/fsuid.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <thread>
 
+#include "descriptor_limit.h"
 #include "flood.h"
+#include "holdings.h"
 #include "member.h"
 #include "raw_peer.h"
 
@@ -25,20 +25,6 @@ class Membership : public testing::Test {
  protected:
   ScratchDirectory m_directory;
 };
-
-rlimit descriptorLimit() {
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  return limit;
-}
-
-// Lets the test have as many descriptors as the system allows.
-rlim_t raiseDescriptorLimit() {
-  rlimit limit = descriptorLimit();
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-  return limit.rlim_cur;
-}
 
 // See peer_process.cpp. output: its standard output, if not negative.
 pid_t startPeer(const ScratchDirectory& directory, std::string what, int output = -1) {
@@ -100,25 +86,6 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   }
   EXPECT_EQ(m_directory.sockets().size(), 1U);
 }
-
-// What this process has open and mapped for its contexts.
-struct Holdings {
-  std::size_t descriptors = 0;
-  std::size_t mappings = 0;
-  bool operator==(const Holdings&) const = default;
-
-  static Holdings now() {
-    Holdings held;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-      ++held.descriptors;
-    }
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-      held.mappings += line.find("memfd:lbm_") != std::string::npos ? 1 : 0;
-    }
-    return held;
-  }
-};
 
 // TRANSPORT_TEST_KILLS: how many processes to kill; more find rarer moments.
 TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
@@ -309,15 +276,15 @@ TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {
   const auto publication = a.transport->advertise({"T", "s", Pacing::source});
   settle({&a});  // also because a sanitizer needs a descriptor for its first look at a type
   Member b(settingsIn(m_directory));
-  const rlimit usual = descriptorLimit();
-  rlimit tight = usual;
-  tight.rlim_cur = static_cast<rlim_t>(Descriptor(::dup(STDIN_FILENO)).get());
-  ::setrlimit(RLIMIT_NOFILE, &tight);
-  settle({&a});
-  pollfd entry{a.transport->descriptor(), POLLIN, 0};
-  EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the context would keep its thread busy";
-  EXPECT_EQ(a.notices.size(), 1U);
-  ::setrlimit(RLIMIT_NOFILE, &usual);
+  {
+    const NoDescriptors none;
+    settle({&a});
+    pollfd entry{a.transport->descriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the context would keep its thread busy";
+    EXPECT_EQ(::poll(&entry, 1, 60'000), 1) << "it would not try again";
+    settle({&a});
+    EXPECT_EQ(a.notices.size(), 1U);
+  }
   drainUntil({&a, &b}, "the source", [&] { return b.heard("up T"); });
 }
 

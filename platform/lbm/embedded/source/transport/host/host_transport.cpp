@@ -41,6 +41,8 @@ constexpr int kFramesPerLinkMax = 64;
 constexpr std::size_t kFramesPerRingMax = 256;
 constexpr int kAcceptedMax = 64;
 
+const std::string kNotTakenIn = "cannot take in another context: ";
+
 // Until what the system refused for the moment is tried again.
 constexpr timespec kRetryDelay{0, 50'000'000};
 
@@ -107,18 +109,20 @@ class HostTransport final : public Transport {
   }
 
   void watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
-  void link(Descriptor socket, LinkKind kind);
+  void link(Descriptor& socket, LinkKind kind);
   void tryToLink(Descriptor socket);
   void connectSelf();
   std::size_t acceptPeers();
   void pauseAccepting();
-  void retry();
+  std::string tryToOpenRing(Peer& peer, Listener& listener);
+  void retry(Listener& listener);
   void retryLater();
   std::size_t receiveData(Listener& listener);
   std::size_t serve(Peer& peer, std::uint32_t events, Listener& listener);
   void endPeer(Peer& peer, const std::string& fault, Listener& listener);
   void flushPeers(std::chrono::milliseconds linger);
   void notice(const std::string& text) const;
+  void noticeRefusal(const std::string& text);
 
   const HostSettings m_settings;
   const std::uint64_t m_session = randomSession();
@@ -136,6 +140,8 @@ class HostTransport final : public Transport {
   Peers m_peers;                 // by the link's id
   std::vector<Peer*> m_senders;  // those of m_peers that have passed a ring
   std::vector<Rendezvous::Neighbour> m_busyNeighbours;
+  std::vector<Descriptor> m_unlinked;  // connections that the system did not let this context watch
+  bool m_refusalTold = false;          // since it last took somebody in
   std::vector<std::byte> m_packet;
 };
 
@@ -152,7 +158,7 @@ HostTransport::HostTransport(const HostSettings& settings)
   connectSelf();
   for (Rendezvous::Neighbour& neighbour : m_rendezvous.join(settings.joinPatience)) {
     if (neighbour.socket) {
-      link(std::move(neighbour.socket), LinkKind::peer);
+      link(neighbour.socket, LinkKind::peer);
     } else {
       m_busyNeighbours.push_back(std::move(neighbour));
     }
@@ -196,7 +202,7 @@ std::size_t HostTransport::drain(Listener& listener) {
     if (event.data.u64 == kListenerId) {
       done += acceptPeers();
     } else if (event.data.u64 == kTimerId) {
-      retry();
+      retry(listener);
       ++done;
     } else if (const auto found = m_peers.find(event.data.u64); found != m_peers.end()) {
       done += serve(found->second, event.events, listener);
@@ -226,17 +232,19 @@ void HostTransport::watch(int descriptor, std::uint64_t id, int operation, std::
   event.events = events;
   event.data.u64 = id;
   if (::epoll_ctl(m_poller.get(), operation, descriptor, &event) != 0) {
-    throwErrno("cannot watch a descriptor");
+    throwErrno("cannot watch another descriptor; free memory, or raise fs.epoll.max_user_watches");
   }
 }
 
-void HostTransport::link(Descriptor socket, LinkKind kind) {
+// Throws std::system_error, and leaves the socket to the caller, when the system does not let this context watch it.
+void HostTransport::link(Descriptor& socket, LinkKind kind) {
   if (!sameUser(socket.get())) {
     notice("refused a context that runs as another user");
     return;
   }
-  const auto made =
-      std::make_shared<Link>(m_nextLinkId++, kind, std::move(socket), m_poller.get(), m_wakeWord.descriptor());
+  const std::uint64_t id = m_nextLinkId++;
+  watch(socket.get(), id, EPOLL_CTL_ADD, EPOLLIN);
+  const auto made = std::make_shared<Link>(id, kind, std::move(socket), m_poller.get(), m_wakeWord.descriptor());
   m_peers.try_emplace(made->id(), made,
                       Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes)});
   m_publications.attach(made, m_greeting);
@@ -246,9 +254,14 @@ void HostTransport::link(Descriptor socket, LinkKind kind) {
 void HostTransport::tryToLink(Descriptor socket) {
   const std::uint64_t id = m_nextLinkId;
   try {
-    link(std::move(socket), LinkKind::peer);
+    link(socket, LinkKind::peer);
+    m_refusalTold = false;
+  } catch (const std::system_error& error) {
+    noticeRefusal(kNotTakenIn + error.what());
+    m_unlinked.push_back(std::move(socket));
+    retryLater();
   } catch (const std::exception& error) {
-    notice(std::string("cannot take in another context: ") + error.what());
+    notice(kNotTakenIn + error.what());
     if (const auto made = m_peers.find(id); made != m_peers.end()) {
       m_publications.detach(*made->second.link());
       made->second.link()->end();
@@ -264,8 +277,8 @@ void HostTransport::connectSelf() {
   }
   Descriptor announcing(ends[0]);
   Descriptor finding(ends[1]);
-  link(std::move(announcing), LinkKind::selfAnnouncing);
-  link(std::move(finding), LinkKind::selfFinding);
+  link(announcing, LinkKind::selfAnnouncing);
+  link(finding, LinkKind::selfFinding);
 }
 
 std::size_t HostTransport::acceptPeers() {
@@ -276,8 +289,8 @@ std::size_t HostTransport::acceptPeers() {
       tryToLink(std::move(socket));
       ++accepted;
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-      notice(std::string("cannot take in another context: ") + std::generic_category().message(errno) +
-             "; raise the limit of open files (ulimit -n)");
+      noticeRefusal(kNotTakenIn + std::generic_category().message(errno) +
+                    "; raise the limit of open files (ulimit -n)");
       pauseAccepting();
       break;
     } else if (errno != EINTR && errno != ECONNABORTED) {
@@ -293,18 +306,41 @@ void HostTransport::pauseAccepting() {
   retryLater();
 }
 
-void HostTransport::retry() {
+// Gives the system's refusal, after which it is tried again later; empty when there was none.
+std::string HostTransport::tryToOpenRing(Peer& peer, Listener& listener) {
+  try {
+    peer.openRing(listener);
+    return {};
+  } catch (const std::system_error& error) {
+    retryLater();
+    return error.what();
+  }
+}
+
+void HostTransport::retry(Listener& listener) {
   std::uint64_t expirations = 0;
   if (::read(m_timer.get(), &expirations, sizeof(expirations)) < 0) {
     return;
   }
   watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_MOD, EPOLLIN);
+  for (auto& [id, peer] : m_peers) {
+    if (peer.awaitsRing()) {
+      try {
+        tryToOpenRing(peer, listener);
+      } catch (const std::exception& error) {
+        peer.link()->breakOff(error.what());
+      }
+    }
+  }
+  for (Descriptor& socket : std::exchange(m_unlinked, {})) {
+    tryToLink(std::move(socket));
+  }
   for (Rendezvous::Neighbour& neighbour : std::exchange(m_busyNeighbours, {})) {
     auto outcome = Rendezvous::Outcome::busy;
     try {
       outcome = m_rendezvous.connect(neighbour);
     } catch (const std::system_error& error) {
-      notice(error.what());
+      noticeRefusal(error.what());
     }
     if (outcome == Rendezvous::Outcome::connected) {
       tryToLink(std::move(neighbour.socket));
@@ -372,9 +408,15 @@ std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& lis
         break;
       }
       const bool sentData = peer.sendsData();
+      const bool awaitedRing = peer.awaitsRing();
       peer.handle(std::move(arrival), listener);
       if (peer.sendsData() != sentData) {
         m_senders.push_back(&peer);
+      }
+      if (peer.awaitsRing() && !awaitedRing) {
+        if (const std::string refusal = tryToOpenRing(peer, listener); !refusal.empty()) {
+          notice("cannot send to " + peer.description() + " yet: " + refusal);
+        }
       }
     }
   } catch (const std::exception& error) {
@@ -432,6 +474,13 @@ void HostTransport::flushPeers(std::chrono::milliseconds linger) {
 void HostTransport::notice(const std::string& text) const {
   if (m_settings.notice) {
     m_settings.notice(kNoticeWarning, text);
+  }
+}
+
+// Tells the first of the refusals only: while the system refuses, it is asked again and again.
+void HostTransport::noticeRefusal(const std::string& text) {
+  if (!std::exchange(m_refusalTold, true)) {
+    notice(text);
   }
 }
 

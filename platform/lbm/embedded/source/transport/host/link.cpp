@@ -58,12 +58,6 @@ Link::Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int w
       m_queueMax(kUnreadMax) {
   // As much as the system grants; less is no fault.
   ::setsockopt(m_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof(kSocketBufferBytes));
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.u64 = id;
-  if (::epoll_ctl(poller, EPOLL_CTL_ADD, m_socket.get(), &event) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot watch the link to another context");
-  }
 }
 
 void Link::sendControl(wire::Bytes frame) {

@@ -28,8 +28,8 @@ enum class LinkKind : std::uint8_t { peer, selfAnnouncing, selfFinding };
 
 class Link {
  public:
-  // Takes over a connected socket. poller is the epoll descriptor in which the link will be registered under its id,
-  // wakeWord the descriptor that passWakeWord() passes; both stay open until end().
+  // Takes over a connected socket. poller is the epoll descriptor in which the socket is registered for input under the
+  // link's id, wakeWord the descriptor that passWakeWord() passes; both stay open until end().
   Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int wakeWord);
 
   std::uint64_t id() const noexcept { return m_id; }

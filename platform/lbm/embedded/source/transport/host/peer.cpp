@@ -193,26 +193,37 @@ void Peer::ringPassed(const Descriptor& memory) {
 }
 
 void Peer::subscribed(const wire::Subscribe& frame, Listener& listener) {
-  // A publication that is not there was withdrawn while the frame was on its way.
-  const auto publication = m_surroundings.publications.find(frame.source);
-  if (!publication) {
-    return;
+  if (m_sender) {
+    return answer(frame.source, frame.token, listener);
   }
-  if (!m_sender) {
-    if (!m_wakeWord) {
-      throw Fault("it subscribed without a wake word");
-    }
-    RingMemory::Made made = RingMemory::make(m_surroundings.ringBytes);
-    m_link->passRing(std::move(made.memory));
-    m_sender = std::make_shared<DataSender>(m_link, std::move(made.ring), *std::exchange(m_wakeWord, std::nullopt));
-    m_surroundings.publications.addSender(m_sender);
+  if (!m_wakeWord) {
+    throw Fault("it subscribed without a wake word");
   }
-  if (publication->addSubscriber(m_sender, frame.token)) {
+  if (m_surroundings.publications.find(frame.source)) {
+    m_unanswered[frame.source] = frame.token;
+  }
+}
+
+void Peer::openRing(Listener& listener) {
+  RingMemory::Made made = RingMemory::make(m_surroundings.ringBytes);
+  m_link->passRing(std::move(made.memory));
+  m_sender = std::make_shared<DataSender>(m_link, std::move(made.ring), *std::exchange(m_wakeWord, std::nullopt));
+  m_surroundings.publications.addSender(m_sender);
+  for (const auto& [source, token] : std::exchange(m_unanswered, {})) {
+    answer(source, token, listener);
+  }
+}
+
+void Peer::answer(std::uint32_t source, std::uint32_t token, Listener& listener) {
+  // A publication that is not there was withdrawn while the subscription was on its way.
+  const auto publication = m_surroundings.publications.find(source);
+  if (publication && publication->addSubscriber(m_sender, token)) {
     listener.subscriberJoined(*publication, name());
   }
 }
 
 void Peer::unsubscribed(const wire::Unsubscribe& frame, Listener& listener) {
+  m_unanswered.erase(frame.source);
   const auto publication = m_surroundings.publications.find(frame.source);
   if (!publication || !publication->removeSubscriber(*m_link)) {
     return;

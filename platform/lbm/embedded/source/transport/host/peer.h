@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -92,6 +93,13 @@ class Peer {
   // Acts on one frame of the link. Throws Fault when the peer is to be cut off.
   void handle(Link::Arrival arrival, Listener& listener);
 
+  // Whether there are subscriptions that openRing() has to answer.
+  bool awaitsRing() const noexcept { return !m_unanswered.empty(); }
+
+  // Makes the ring to the peer and answers its subscriptions. Throws std::system_error when the system refuses; they
+  // wait on then.
+  void openRing(Listener& listener);
+
   // Whether the peer has passed a ring to read.
   bool sendsData() const noexcept { return m_receiver.has_value(); }
 
@@ -113,6 +121,7 @@ class Peer {
   void wakeWordPassed(const Descriptor& memory);
   void ringPassed(const Descriptor& memory);
   void subscribed(const wire::Subscribe& frame, Listener& listener);
+  void answer(std::uint32_t source, std::uint32_t token, Listener& listener);
   void unsubscribed(const wire::Unsubscribe& frame, Listener& listener);
   void response(wire::Bytes frame, Listener& listener);
   void handleData(const RingFrame& frame, Listener& listener);
@@ -131,7 +140,8 @@ class Peer {
   std::uint32_t m_lastId = 0;
   HostRemoteSource* m_lastSource = nullptr;  // of m_lastId; messages often come in runs of one source
   std::optional<RemoteWakeWord> m_wakeWord;
-  std::shared_ptr<DataSender> m_sender;  // from the first subscription on
+  std::map<std::uint32_t, std::uint32_t> m_unanswered;  // tokens of subscriptions, by the source's id
+  std::shared_ptr<DataSender> m_sender;                 // from the first answer on
   std::optional<DataReceiver> m_receiver;
 };
 
