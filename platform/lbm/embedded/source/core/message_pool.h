@@ -107,7 +107,7 @@ class MessagePool {
   friend class Message;
 
   // Larger buffers are not kept for the next use.
-  static constexpr std::size_t kLargestKeptBuffer = std::size_t{256} * 1024;
+  static constexpr std::size_t kLargestKeptBuffer = std::size_t{1} << 20;
 
   MessagePool() = default;
   ~MessagePool() = default;

@@ -237,10 +237,7 @@ void Peer::unsubscribed(const wire::Unsubscribe& frame, Listener& listener) {
 
 void Peer::response(wire::Bytes frame, Listener& listener) {
   const auto header = wire::take<wire::ResponseHeader>(frame);
-  const auto result = m_responses.add(header, frame);
-  if (result.complete) {
-    listener.response(header.request, m_identity, result.message);
-  }
+  m_responses.add(header, frame, [&](wire::Bytes message) { listener.response(header.request, m_identity, message); });
 }
 
 void Peer::handleData(const RingFrame& frame, Listener& listener) {
@@ -255,8 +252,7 @@ void Peer::handleData(const RingFrame& frame, Listener& listener) {
     }
     case wire::Type::fragment: {
       const auto header = wire::take<wire::FragmentHeader>(content);
-      const auto result = m_receiver->reassembly.add(header, content);
-      return result.complete ? message(header, result.message, listener) : void();
+      return m_receiver->reassembly.add(header, content, [&](wire::Bytes whole) { message(header, whole, listener); });
     }
     case wire::Type::subscribed: {
       const auto answer = wire::decode<wire::Subscribed>(content);

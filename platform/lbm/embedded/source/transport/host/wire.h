@@ -216,16 +216,12 @@ void decodeAdvertise(Bytes frame, const AdvertiseHandler& handler);
 template <typename Header>
 class Reassembly {
  public:
-  struct Result {
-    bool complete = false;
-    Bytes message;  // the whole of it, when complete; valid as long as the payload and until the next call
-  };
-
-  Result add(const Header& header, Bytes payload) {
+  // Calls complete(Bytes) when this is the last fragment of a message, or all of it.
+  template <typename Complete>
+  void add(const Header& header, Bytes payload, Complete complete) {
     if (!m_partial) {
-      m_message = {};  // messages of several fragments are rare, and their memory is not worth keeping
       if (payload.size() == header.total) {
-        return {true, payload};
+        return complete(payload);
       }
       if (header.total > kMessageMax) {
         throw Fault("a message is larger than allowed");
@@ -240,11 +236,21 @@ class Reassembly {
       throw Fault("the fragments of a message do not add up");
     }
     m_message.insert(m_message.end(), payload.begin(), payload.end());
-    m_partial = m_message.size() < header.total;
-    return {!m_partial, m_partial ? Bytes{} : Bytes(m_message)};
+    if (m_message.size() < header.total) {
+      return;
+    }
+    m_partial = false;
+    complete(Bytes(m_message));
+    m_message.clear();
+    if (m_message.capacity() > kKept) {
+      m_message.shrink_to_fit();
+    }
   }
 
  private:
+  // Bytes of memory that wait for the next message: enough for any that fits in a ring of the default size.
+  static constexpr std::size_t kKept = std::size_t{1} << 20;
+
   Header m_header;
   std::vector<std::byte> m_message;
   bool m_partial = false;
