@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "../options/short_memory.h"
 #include "descriptor_limit.h"
 #include "holdings.h"
 #include "member.h"
@@ -131,6 +132,38 @@ TEST_F(RefusingSystem, ARingThatCannotBeReceivedEndsThatLinkAlone) {
   expectOtherIsServed();
   EXPECT_TRUE(m_source.heard("left late"));
   expectNothingIsLeft();
+}
+
+// Each time that the publisher has something to do with the late context: when it comes, subscribes and goes.
+TEST_F(RefusingSystem, RunningOutOfMemoryEndsThatLinkAlone) {
+  m_source.events.reserve(1000);  // not to be what fails
+  constexpr int kOccasions = 3;
+  for (int occasion = 0; occasion < kOccasions; ++occasion) {
+    const auto drain = [&](int present, std::size_t allocations) {
+      const std::optional<test::AllocationLimit> limit =
+          present == occasion ? std::optional<test::AllocationLimit>(allocations) : std::nullopt;
+      EXPECT_NO_THROW(m_source.drain()) << occasion << " with " << allocations;
+    };
+    std::size_t allocations = 0;
+    for (bool enough = false; !enough; ++allocations) {
+      ASSERT_LT(allocations, 100U);
+      m_source.events.clear();
+      drain(0, allocations);
+      m_late->drain();
+      drain(1, allocations);
+      const bool joined = m_source.heard("joined late");
+      m_late.reset();
+      drain(2, allocations);
+      enough = joined && m_source.heard("left late");
+      settle({&m_source});
+      EXPECT_TRUE(m_source.heard("left late") || !joined);
+      expectOtherIsServed();
+      EXPECT_EQ(Holdings::now(), m_before);
+      m_late = std::make_unique<Member>(settingsIn(m_directory, "late"));
+    }
+    EXPECT_GT(allocations, 1U) << occasion;
+  }
+  EXPECT_THAT(m_source.notices, testing::Contains(HasSubstr("out of memory")));
 }
 
 class Joining : public RefusingSystem {};

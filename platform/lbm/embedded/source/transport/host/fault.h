@@ -10,4 +10,7 @@ class Fault : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// What faults of this process's own are told as.
+inline constexpr const char* kOutOfMemory = "out of memory";
+
 }  // namespace engine::transport::host

@@ -10,6 +10,7 @@
 #include <bit>
 #include <cerrno>
 #include <limits>
+#include <new>
 #include <random>
 #include <stdexcept>
 #include <system_error>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "system/descriptor.h"
+#include "transport/host/fault.h"
 #include "transport/host/link.h"
 #include "transport/host/peer.h"
 #include "transport/host/publications.h"
@@ -45,6 +47,10 @@ const std::string kNotTakenIn = "cannot take in another context: ";
 
 // Until what the system refused for the moment is tried again.
 constexpr timespec kRetryDelay{0, 50'000'000};
+
+const char* textOf(const std::exception& error) noexcept {
+  return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? kOutOfMemory : error.what();
+}
 
 [[noreturn]] void throwErrno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
@@ -119,10 +125,12 @@ class HostTransport final : public Transport {
   void retryLater();
   std::size_t receiveData(Listener& listener);
   std::size_t serve(Peer& peer, std::uint32_t events, Listener& listener);
-  void endPeer(Peer& peer, const std::string& fault, Listener& listener);
+  void endPeer(Peer& peer, Listener& listener);
   void flushPeers(std::chrono::milliseconds linger);
-  void notice(const std::string& text) const;
-  void noticeRefusal(const std::string& text);
+  template <typename Compose>
+  void notice(Compose compose) const noexcept;
+  template <typename Compose>
+  void noticeRefusal(Compose compose) noexcept;
 
   const HostSettings m_settings;
   const std::uint64_t m_session = randomSession();
@@ -144,6 +152,25 @@ class HostTransport final : public Transport {
   bool m_refusalTold = false;          // since it last took somebody in
   std::vector<std::byte> m_packet;
 };
+
+// Tells the text that compose() makes, if any. Without memory for that nothing is told, and the context goes on.
+template <typename Compose>
+void HostTransport::notice(Compose compose) const noexcept {
+  try {
+    if (const std::string text = compose(); m_settings.notice && !text.empty()) {
+      m_settings.notice(kNoticeWarning, text);
+    }
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+// Tells the first of the refusals only: while the system refuses, it is asked again and again.
+template <typename Compose>
+void HostTransport::noticeRefusal(Compose compose) noexcept {
+  if (!std::exchange(m_refusalTold, true)) {
+    notice(compose);
+  }
+}
 
 HostTransport::HostTransport(const HostSettings& settings)
     : m_settings(settings),
@@ -220,7 +247,7 @@ void HostTransport::close(std::chrono::milliseconds linger) noexcept {
     m_publications.withdrawAll();
     flushPeers(linger);
   } catch (const std::exception& error) {
-    notice(std::string("left the domain without sending everything: ") + error.what());
+    notice([&] { return std::string("left the domain without sending everything: ") + textOf(error); });
   }
   for (const auto& link : m_publications.links()) {
     link->end();
@@ -239,7 +266,7 @@ void HostTransport::watch(int descriptor, std::uint64_t id, int operation, std::
 // Throws std::system_error, and leaves the socket to the caller, when the system does not let this context watch it.
 void HostTransport::link(Descriptor& socket, LinkKind kind) {
   if (!sameUser(socket.get())) {
-    notice("refused a context that runs as another user");
+    notice([] { return "refused a context that runs as another user"; });
     return;
   }
   const std::uint64_t id = m_nextLinkId++;
@@ -257,15 +284,13 @@ void HostTransport::tryToLink(Descriptor socket) {
     link(socket, LinkKind::peer);
     m_refusalTold = false;
   } catch (const std::system_error& error) {
-    noticeRefusal(kNotTakenIn + error.what());
+    noticeRefusal([&] { return kNotTakenIn + error.what(); });
     m_unlinked.push_back(std::move(socket));
     retryLater();
   } catch (const std::exception& error) {
-    notice(kNotTakenIn + error.what());
+    notice([&] { return kNotTakenIn + textOf(error); });
     if (const auto made = m_peers.find(id); made != m_peers.end()) {
-      m_publications.detach(*made->second.link());
-      made->second.link()->end();
-      m_peers.erase(made);
+      made->second.link()->breakOff({});
     }
   }
 }
@@ -289,8 +314,9 @@ std::size_t HostTransport::acceptPeers() {
       tryToLink(std::move(socket));
       ++accepted;
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-      noticeRefusal(kNotTakenIn + std::generic_category().message(errno) +
-                    "; raise the limit of open files (ulimit -n)");
+      noticeRefusal([error = errno] {
+        return kNotTakenIn + std::generic_category().message(error) + "; raise the limit of open files (ulimit -n)";
+      });
       pauseAccepting();
       break;
     } else if (errno != EINTR && errno != ECONNABORTED) {
@@ -328,25 +354,24 @@ void HostTransport::retry(Listener& listener) {
       try {
         tryToOpenRing(peer, listener);
       } catch (const std::exception& error) {
-        peer.link()->breakOff(error.what());
+        peer.link()->breakOff(textOf(error));
       }
     }
   }
   for (Descriptor& socket : std::exchange(m_unlinked, {})) {
     tryToLink(std::move(socket));
   }
-  for (Rendezvous::Neighbour& neighbour : std::exchange(m_busyNeighbours, {})) {
+  for (auto neighbour = m_busyNeighbours.begin(); neighbour != m_busyNeighbours.end();) {
     auto outcome = Rendezvous::Outcome::busy;
     try {
-      outcome = m_rendezvous.connect(neighbour);
-    } catch (const std::system_error& error) {
-      noticeRefusal(error.what());
+      outcome = m_rendezvous.connect(*neighbour);
+    } catch (const std::exception& error) {
+      noticeRefusal([&] { return textOf(error); });
     }
     if (outcome == Rendezvous::Outcome::connected) {
-      tryToLink(std::move(neighbour.socket));
-    } else if (outcome == Rendezvous::Outcome::busy) {
-      m_busyNeighbours.push_back(std::move(neighbour));
+      tryToLink(std::move(neighbour->socket));
     }
+    neighbour = outcome == Rendezvous::Outcome::busy ? neighbour + 1 : m_busyNeighbours.erase(neighbour);
   }
   if (!m_busyNeighbours.empty()) {
     retryLater();
@@ -365,15 +390,14 @@ std::size_t HostTransport::receiveData(Listener& listener) {
   std::size_t done = 0;
   for (std::size_t i = 0; i < m_senders.size() && !m_closed.load(std::memory_order_relaxed);) {
     Peer& peer = *m_senders[i];
-    std::string fault;
     try {
       done += peer.receiveData(kFramesPerRingMax, listener);
       ++i;
       continue;
     } catch (const std::exception& error) {
-      fault = error.what();
+      peer.link()->breakOff(textOf(error));
     }
-    endPeer(peer, fault, listener);  // takes it out of m_senders
+    endPeer(peer, listener);  // takes it out of m_senders
     ++done;
   }
   return done;
@@ -382,7 +406,6 @@ std::size_t HostTransport::receiveData(Listener& listener) {
 std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& listener) {
   constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
   std::size_t done = 0;
-  std::string fault;
   try {
     if ((events & EPOLLOUT) != 0) {
       ++done;
@@ -398,10 +421,7 @@ std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& lis
       }
       ++done;
       const bool hangUp = arrival.what == Link::Received::hangUp;
-      if (hangUp) {
-        fault = peer.link()->fault();
-      }
-      if (fault.empty()) {
+      if (!hangUp || peer.link()->fault().empty()) {
         done += peer.receiveData(kAll, listener);
       }
       if (hangUp) {
@@ -415,24 +435,31 @@ std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& lis
       }
       if (peer.awaitsRing() && !awaitedRing) {
         if (const std::string refusal = tryToOpenRing(peer, listener); !refusal.empty()) {
-          notice("cannot send to " + peer.description() + " yet: " + refusal);
+          notice([&] { return "cannot send to " + peer.description() + " yet: " + refusal; });
         }
       }
     }
   } catch (const std::exception& error) {
-    fault = error.what();
+    peer.link()->breakOff(textOf(error));
   }
-  endPeer(peer, fault, listener);
+  endPeer(peer, listener);
   return done;
 }
 
-void HostTransport::endPeer(Peer& peer, const std::string& fault, Listener& listener) {
-  if (!fault.empty()) {
-    notice("cut off " + peer.description() + ": " + fault);
-  }
-  const auto node = m_peers.extract(peer.link()->id());
+// For a link that is hung up, by either side.
+void HostTransport::endPeer(Peer& peer, Listener& listener) {
   std::erase(m_senders, &peer);
-  const HostPublications publications = m_publications.detach(*peer.link());
+  HostPublications publications;
+  try {
+    publications = m_publications.detach(*peer.link());
+  } catch (const std::bad_alloc&) {
+    return;  // the link will be found hung up again
+  }
+  notice([&] {
+    const std::string fault = peer.link()->fault();
+    return fault.empty() ? fault : "cut off " + peer.description() + ": " + fault;
+  });
+  const auto node = m_peers.extract(peer.link()->id());
   peer.link()->end();
   peer.end(listener);
   for (const auto& publication : publications) {
@@ -468,19 +495,6 @@ void HostTransport::flushPeers(std::chrono::milliseconds linger) {
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left);
     ::poll(unsent.data(), unsent.size(), static_cast<int>((waiting ? kLookAgain : wait).count()));
-  }
-}
-
-void HostTransport::notice(const std::string& text) const {
-  if (m_settings.notice) {
-    m_settings.notice(kNoticeWarning, text);
-  }
-}
-
-// Tells the first of the refusals only: while the system refuses, it is asked again and again.
-void HostTransport::noticeRefusal(const std::string& text) {
-  if (!std::exchange(m_refusalTold, true)) {
-    notice(text);
   }
 }
 

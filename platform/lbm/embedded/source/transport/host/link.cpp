@@ -9,9 +9,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <system_error>
 #include <utility>
 
+#include "transport/host/fault.h"
 #include "transport/host/pieces.h"
 
 namespace engine::transport::host {
@@ -124,7 +126,7 @@ void Link::lookForHangUp() {
   }
 }
 
-void Link::breakOff(const std::string& fault) {
+void Link::breakOff(std::string_view fault) noexcept {
   const std::lock_guard lock(m_mutex);
   cutOff(fault);
 }
@@ -252,13 +254,17 @@ bool Link::roomFor(std::size_t bytes) {
   return fits() || (flushQueue(), fits());
 }
 
-void Link::cutOff(const std::string& fault) {
+void Link::cutOff(std::string_view fault) noexcept {
   m_broken = true;
   m_queue.clear();
-  if (m_fault.empty()) {
-    m_fault = fault;
-  }
   ::shutdown(m_socket.get(), SHUT_RDWR);
+  if (m_fault.empty()) {
+    try {
+      m_fault = fault;
+    } catch (const std::bad_alloc&) {
+      m_fault = kOutOfMemory;  // short enough to need none
+    }
+  }
 }
 
 void Link::watchWritable(bool on) {

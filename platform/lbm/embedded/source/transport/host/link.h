@@ -14,6 +14,7 @@
 #include <mutex>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "system/descriptor.h"
@@ -58,7 +59,7 @@ class Link {
   void lookForHangUp();
 
   // Gives up on the peer, for the reason told by fault(). The thread inside drain() will find the link hung up.
-  void breakOff(const std::string& fault);
+  void breakOff(std::string_view fault) noexcept;
 
   // Whether the peer is out of reach. What it had sent may still be there to receive.
   bool broken() const;
@@ -83,7 +84,7 @@ class Link {
   bool transmit(std::span<const iovec> parts);
   bool flushQueue();
   bool roomFor(std::size_t bytes);
-  void cutOff(const std::string& fault);
+  void cutOff(std::string_view fault) noexcept;
   void watchWritable(bool on);
 
   const std::uint64_t m_id;
