@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "system/error.h"
+#include "system/processor.h"
 
 namespace engine::core {
 
@@ -41,13 +42,6 @@ std::span<const epoll_event> poll(int epoll, std::span<epoll_event> events, int 
     throw std::system_error(errno, std::system_category(), "cannot wait for events");
   }
   return events.first(static_cast<std::size_t>(std::max(count, 0)));
-}
-
-// Tells the processor that this is a loop that waits.
-void pauseProcessor() noexcept {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
 }
 
 }  // namespace

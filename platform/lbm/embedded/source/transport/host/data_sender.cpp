@@ -45,7 +45,7 @@ DataSender::DataSender(std::shared_ptr<Link> link, RingMemory memory, RemoteWake
       m_wakeWord(std::move(wakeWord)),
       m_contentMax(m_ring.capacity() / 8 - sizeof(RingFrameHeader)) {}
 
-bool DataSender::hasRoom(std::size_t bytes) {
+bool DataSender::looksForRoom(std::size_t bytes) {
   if (m_dead) {
     return true;
   }
@@ -70,7 +70,7 @@ void DataSender::sendOrDrop(const wire::FragmentHeader& header, std::span<const 
     return;
   }
   try {
-    if (!flushWaiting() || !sendNow(header, pieces)) {
+    if (!(nothingWaits() || flushWaiting()) || !sendNow(header, pieces)) {
       Notice& notice = m_notices[header.source];
       if (notice.lost++ == 0) {
         notice.firstLost = header.sequence;
@@ -226,6 +226,10 @@ bool DataSender::put(wire::Type type, const T& frame) {
 
 void DataSender::commit() {
   m_ring.commit();
+  if (m_wakeWord.busy()) {
+    return;
+  }
+  m_ring.orderCommit();
   if (m_wakeWord.toBeRung()) {
     m_link->sendSignal(wire::Type::bell);
   }

@@ -35,7 +35,10 @@ class DataSender {
   const std::shared_ptr<Link>& link() const noexcept { return m_link; }
 
   // Whether a message of so many bytes would be taken. Also true when the peer is out of reach and takes nothing.
-  bool hasRoom(std::size_t bytes);
+  bool hasRoom(std::size_t bytes) {
+    const std::size_t inOneFrame = bytes + sizeof(wire::FragmentHeader);
+    return (inOneFrame <= m_contentMax && nothingWaits() && m_ring.knowsOfRoom(inOneFrame)) || looksForRoom(bytes);
+  }
 
   // Takes a message if there is room. If not, the peer will be told of the loss before anything else is taken.
   void sendOrDrop(const wire::FragmentHeader& header, std::span<const iovec> pieces);
@@ -73,6 +76,8 @@ class DataSender {
     bool withdrawn = false;
   };
 
+  bool nothingWaits() const noexcept { return m_rest.empty() && m_notices.empty(); }
+  bool looksForRoom(std::size_t bytes);
   bool sendNow(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   void sendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool flushWaiting();

@@ -30,11 +30,15 @@ SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait
         return SendResult::closed;
       }
       if (m_info.pacing == Pacing::receiver) {
-        full = fullSubscriber(header.total);
+        const std::shared_ptr<DataSender>* found = fullSubscriber(header.total);
         // Looked at once more after the wish: it may have made room before, which it would not tell of.
-        for (std::shared_ptr<DataSender> asked; full != nullptr && full != asked; full = fullSubscriber(header.total)) {
-          told = full->wantRoom();
-          asked = full;
+        for (const std::shared_ptr<DataSender>* asked = nullptr; found != nullptr && found != asked;
+             found = fullSubscriber(header.total)) {
+          told = (*found)->wantRoom();
+          asked = found;
+        }
+        if (found != nullptr) {
+          full = *found;
         }
       }
       if (full == nullptr) {
@@ -55,10 +59,11 @@ SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait
   }
 }
 
-std::shared_ptr<DataSender> HostPublication::fullSubscriber(std::size_t bytes) const {
+// One of m_subscribers, or null.
+const std::shared_ptr<DataSender>* HostPublication::fullSubscriber(std::size_t bytes) const {
   const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
                                   [&](const auto& subscriber) { return !subscriber->hasRoom(bytes); });
-  return found == m_subscribers.end() ? nullptr : *found;
+  return found == m_subscribers.end() ? nullptr : &*found;
 }
 
 bool HostPublication::addSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token) {

@@ -45,7 +45,7 @@ class HostPublication final : public Publication {
   bool takeWaiting() noexcept { return m_waiting.exchange(false); }
 
  private:
-  std::shared_ptr<DataSender> fullSubscriber(std::size_t bytes) const;
+  const std::shared_ptr<DataSender>* fullSubscriber(std::size_t bytes) const;
 
   const std::uint32_t m_id;
   const PublicationInfo m_info;

@@ -15,20 +15,26 @@
 // and
 //    then looks whether the reader sleeps. All four are sequentially consistent, so they have one order: if the writer
 //    looked before the declaration, it had stored the tail before it as well, and the reader sees the frame. Either the
-//    reader does not sleep or the writer wakes it.
+//    reader does not sleep or the writer wakes it. A reader with much to read declares that it is busy, and the writer
+//    leaves it at the store with release order while it sees that; see wake_word.h.
 // 3. Writers without room. The writer stores that it wants room and then looks at the head; the reader stores the head
 //    and then looks whether room is wanted. Again all four are sequentially consistent: either the writer sees the room
 //    or the reader sees that it has to tell. The reader does both whenever it has taken all there was, so a writer
 //    cannot be forgotten by a reader that sleeps.
 //
-// A sequentially consistent store is a locked instruction on x86-64. The writer pays for one a frame, to the line that
-// it has to own for the tail anyhow; the reader for one each time that it gives back a part of the ring.
+// A sequentially consistent store is a locked instruction on x86-64, which waits until all that was written before has
+// reached the cache, and in a stream of frames the reader has just looked at those cache lines. The writer pays for one
+// a frame unless the reader is busy; the reader for one each time that it gives back a part of the ring.
+//
+// Cache lines. Both sides fetch the lines that they will need a few frames ahead, the reader only those that are
+// written: while a side handles one frame, the lines of the next ones come from the other processor's cache.
 //
 // Trust. Either side may find anything in the shared memory at any time. What decides about an access is copied out of
 // it first, then checked, then used; what a side knows itself it never reads back. A counter or a frame that cannot be
 // right throws Fault.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <concepts>
@@ -38,6 +44,7 @@
 #include <limits>
 #include <span>
 
+#include "system/processor.h"
 #include "transport/host/fault.h"
 
 namespace engine::transport::host {
@@ -99,6 +106,23 @@ class RingEnd {
   static Counter distance(Counter from, Counter to) noexcept { return static_cast<Counter>(to - from); }
   std::size_t placeOf(Counter counter) const noexcept { return counter & (m_bytes.size() - 1); }
   RingControl<Counter>& control() const noexcept { return *m_control; }
+
+  // Bytes that are fetched ahead; none in a ring that is not much larger.
+  static constexpr std::size_t kFetchedAhead = 512;
+  Counter fetchedAhead() const noexcept {
+    return static_cast<Counter>(capacity() >= 8 * kFetchedAhead ? kFetchedAhead : 0);
+  }
+
+  // The addresses of the cache lines that begin between the two counters.
+  template <class Function>
+  void forLinesBetween(Counter from, Counter to, Function function) const {
+    constexpr std::uint64_t kLine = 64;
+    const std::uint64_t end = distance(from, to);
+    for (std::uint64_t offset = -std::uint64_t{from} % kLine; offset < end; offset += kLine) {
+      function(at(placeOf(static_cast<Counter>(from + offset))));
+    }
+  }
+
   std::byte* at(std::size_t place) const noexcept { return m_bytes.data() + place; }
 
  private:
@@ -130,12 +154,18 @@ class RingWriter : public RingEnd<Counter> {
 
   // Hands the reserved frame to the reader.
   void commit() noexcept {
+    fetchAhead();
     m_tail = m_next;
     showCommit();
-    this->control().tail.store(m_tail, std::memory_order_seq_cst);
+    this->control().tail.store(m_tail, std::memory_order_release);
   }
 
+  // To be called after commit() and before looking whether a reader that is not busy sleeps.
+  void orderCommit() noexcept { this->control().tail.store(m_tail, std::memory_order_seq_cst); }
+
   bool hasRoom(std::size_t size) { return hasRoomFor(planFor(size)); }
+  // The same without looking at what the reader has given back since.
+  bool knowsOfRoom(std::size_t size) const noexcept { return planFor(size).needed() <= known(); }
 
   // Bytes not taken up, padding that may be needed included.
   std::size_t room() {
@@ -157,6 +187,7 @@ class RingWriter : public RingEnd<Counter> {
   struct Plan {
     std::uint64_t padding;
     std::uint64_t footprint;
+    std::uint64_t needed() const noexcept { return padding + footprint; }
   };
 
   Plan planFor(std::size_t size) const noexcept {
@@ -166,11 +197,10 @@ class RingWriter : public RingEnd<Counter> {
   }
 
   bool hasRoomFor(const Plan& plan) {
-    const std::uint64_t needed = plan.padding + plan.footprint;
-    if (needed > known()) {
+    if (plan.needed() > known()) {
       lookAtHead();
     }
-    return needed <= known();
+    return plan.needed() <= known();
   }
 
   std::size_t known() const noexcept { return this->capacity() - this->distance(m_head, m_tail); }
@@ -181,6 +211,14 @@ class RingWriter : public RingEnd<Counter> {
       throw Fault("the reader's place in a ring is impossible");
     }
     m_head = head;
+  }
+
+  // The lines that the window of what is fetched ahead takes in while it moves on by the reserved frame.
+  void fetchAhead() const noexcept {
+    const Counter window = this->fetchedAhead();
+    const Counter moved = std::min(this->distance(m_tail, m_next), window);
+    const Counter end = static_cast<Counter>(m_next + window);
+    this->forLinesBetween(static_cast<Counter>(end - moved), end, [](std::byte* line) { prefetchToWrite(line); });
   }
 
   void writeHeader(std::size_t place, std::uint32_t size, std::uint32_t tag) noexcept {
@@ -219,6 +257,8 @@ class RingReader : public RingEnd<Counter> {
         throw Fault("a frame in a ring runs past the end");
       }
       m_position = static_cast<Counter>(m_position + footprint);
+      const std::uint64_t window = this->fetchedAhead();
+      fetchAhead(m_tail, window - std::min(window, footprint));
       if (header.tag != kRingPadding) {
         frame = {header.tag, {this->at(place + sizeof(header)), header.size}};
         return true;
@@ -239,6 +279,7 @@ class RingReader : public RingEnd<Counter> {
         tail % RingFrameHeader::kAlignment != 0) {
       throw Fault("the writer's place in a ring is impossible");
     }
+    fetchAhead(tail, this->distance(m_position, m_tail));
     m_tail = tail;
     return true;
   }
@@ -267,6 +308,15 @@ class RingReader : public RingEnd<Counter> {
  private:
   // In so many parts is the ring given back while frames keep coming.
   static constexpr std::size_t kReleases = 16;
+
+  // The lines of the next bytes up to the tail, but for the first ones, which are fetched already.
+  void fetchAhead(Counter tail, std::uint64_t fetched) const noexcept {
+    const std::uint64_t end = std::min<std::uint64_t>(this->fetchedAhead(), this->distance(m_position, tail));
+    if (fetched < end) {
+      this->forLinesBetween(static_cast<Counter>(m_position + fetched), static_cast<Counter>(m_position + end),
+                            [](const std::byte* line) { prefetchToRead(line); });
+    }
+  }
 
   void giveBack() noexcept {
     m_released = m_position;

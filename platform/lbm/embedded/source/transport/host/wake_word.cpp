@@ -1,5 +1,7 @@
 #include "transport/host/wake_word.h"
 
+#include <utility>
+
 #include "transport/host/fault.h"
 
 namespace engine::transport::host {
@@ -20,6 +22,23 @@ std::size_t checkedSize(const Descriptor& memory) {
 WakeWord::WakeWord()
     : m_memory(makeSharedMemory("lbm_wake", kBytes)), m_mapping(m_memory, kBytes, Mapping::Access::readAndWrite) {
   seal(m_memory, Sealing::sizeAndWriting);
+}
+
+void WakeWord::becomeBusy() noexcept {
+  if (m_canBeBusy) {
+    m_busy = true;
+    set(m_sleeps | kBusy, std::memory_order_release);
+  }
+}
+
+void WakeWord::arm() noexcept {
+  m_frames = 0;
+  if (std::exchange(m_busy, false)) {
+    set(m_sleeps, std::memory_order_relaxed);
+    globalBarrier();
+  }
+  m_sleeps += kOneSleep;
+  set(m_sleeps | kAsleep, std::memory_order_seq_cst);
 }
 
 RemoteWakeWord::RemoteWakeWord(const Descriptor& memory)

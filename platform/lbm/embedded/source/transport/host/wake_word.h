@@ -1,36 +1,63 @@
 // How publishers learn that a context sleeps: a word that the context writes and its peers can only read, so none of
 // them can keep wake-ups from it.
 //
-// The word counts; it is odd while the context sleeps or is about to. A publisher rings once for each value, so it
-// makes one system call however many messages it sends before the context wakes. See ring.h for the order of accesses.
+// The word says whether the context sleeps, or is about to, and counts how often it has. A publisher rings once each
+// time, so it makes one system call however many messages it sends before the context wakes.
+//
+// Publishers have to look at the word in the order that ring.h explains, which costs them much when they send much. A
+// context with much to read says that it is busy, which means that before it declares to sleep it will put a barrier
+// into its publishers' threads: a publisher that sees the word busy after it stored the tail may go on. If the barrier
+// came before that store, the publisher would not have seen the word busy; if after it, the context will see the tail.
+// The barrier disturbs all publishers of the machine, so it has to be earned by many messages.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
+#include "system/barrier.h"
 #include "system/descriptor.h"
 #include "transport/host/shared_memory.h"
 
 namespace engine::transport::host {
 
-using WakeEpoch = std::atomic<std::uint64_t>;
+// The number of sleeps, and in the lowest bits what the context does now.
+using WakeEpoch = std::uint64_t;
+inline constexpr WakeEpoch kAsleep = 1;
+inline constexpr WakeEpoch kBusy = 2;
+inline constexpr WakeEpoch kOneSleep = 4;
 
-// Threads: arm() and disarm() for the thread that processes the context's events.
+// Threads: all but descriptor() for the thread that processes the context's events.
 class WakeWord {
  public:
   WakeWord();  // throws std::system_error
 
   int descriptor() const noexcept { return m_memory.get(); }  // to pass on
 
-  void arm() noexcept { word().store(m_epoch += 1 + m_epoch % 2, std::memory_order_seq_cst); }
-  void disarm() noexcept { word().store(m_epoch += m_epoch % 2, std::memory_order_release); }
+  // Notes that there was so much to read, and declares to be busy when that was much since the last arm().
+  void noteFrames(std::size_t count) noexcept {
+    if (count != 0 && m_frames < kBusyAfter && (m_frames += count) >= kBusyAfter) {
+      becomeBusy();
+    }
+  }
+
+  void arm() noexcept;
+  void disarm() noexcept { set(m_sleeps, std::memory_order_release); }
+
+  // Frames without which nobody is busy.
+  static constexpr std::size_t kBusyAfter = 4096;
 
  private:
-  WakeEpoch& word() const noexcept { return *static_cast<WakeEpoch*>(m_mapping.address()); }
+  void becomeBusy() noexcept;
+  void set(WakeEpoch value, std::memory_order order) noexcept {
+    static_cast<std::atomic<WakeEpoch>*>(m_mapping.address())->store(value, order);
+  }
 
   Descriptor m_memory;
   Mapping m_mapping;
-  std::uint64_t m_epoch = 0;
+  WakeEpoch m_sleeps = 0;
+  const bool m_canBeBusy = globalBarrierWorks();
+  std::size_t m_frames = 0;  // since the last arm(), up to kBusyAfter
+  bool m_busy = false;
 };
 
 // A peer's.
@@ -39,10 +66,16 @@ class RemoteWakeWord {
   // Throws Fault when it is none, std::system_error when the system refuses.
   explicit RemoteWakeWord(const Descriptor& memory);
 
-  // Whether the peer sleeps and this was not yet answered true while it does.
+  // To be asked after a tail was stored: whether the peer is busy, and nothing else is to be done.
+  bool busy() const noexcept {
+    keepOrder();
+    return m_reached && (load(std::memory_order_relaxed) & kBusy) != 0;
+  }
+
+  // Otherwise, after the store was ordered: whether the peer sleeps and this was not yet answered true while it does.
   bool toBeRung() noexcept {
-    const std::uint64_t epoch = static_cast<const WakeEpoch*>(m_mapping.address())->load(std::memory_order_seq_cst);
-    if (epoch % 2 == 0 || epoch == m_rung) {
+    const WakeEpoch epoch = load(std::memory_order_seq_cst);
+    if ((epoch & kAsleep) == 0 || epoch == m_rung) {
       return false;
     }
     m_rung = epoch;
@@ -50,8 +83,13 @@ class RemoteWakeWord {
   }
 
  private:
+  WakeEpoch load(std::memory_order order) const noexcept {
+    return static_cast<const std::atomic<WakeEpoch>*>(m_mapping.address())->load(order);
+  }
+
   Mapping m_mapping;
-  std::uint64_t m_rung = 0;
+  const bool m_reached = letGlobalBarrierReachUs();
+  WakeEpoch m_rung = 0;
 };
 
 }  // namespace engine::transport::host
