@@ -22,6 +22,7 @@
 #include "system/descriptor.h"
 #include "transport/host/fault.h"
 #include "transport/host/link.h"
+#include "transport/host/look_pause.h"
 #include "transport/host/peer.h"
 #include "transport/host/publications.h"
 #include "transport/host/rendezvous.h"
@@ -123,6 +124,7 @@ class HostTransport final : public Transport {
   std::string tryToOpenRing(Peer& peer, Listener& listener);
   void retry(Listener& listener);
   void retryLater();
+  bool hasData() noexcept;
   std::size_t receiveData(Listener& listener);
   std::size_t serve(Peer& peer, std::uint32_t events, Listener& listener);
   void endPeer(Peer& peer, Listener& listener);
@@ -147,6 +149,7 @@ class HostTransport final : public Transport {
   std::uint64_t m_nextLinkId = kFirstLinkId;
   Peers m_peers;                 // by the link's id
   std::vector<Peer*> m_senders;  // those of m_peers that have passed a ring
+  LookPause m_lookPause;
   std::vector<Rendezvous::Neighbour> m_busyNeighbours;
   std::vector<Descriptor> m_unlinked;  // connections that the system did not let this context watch
   bool m_refusalTold = false;          // since it last took somebody in
@@ -197,14 +200,21 @@ HostTransport::HostTransport(const HostSettings& settings)
 }
 
 bool HostTransport::arm() {
+  // Writers that share the processor get it first: the more they have written, the fewer wake-ups.
+  std::this_thread::yield();
+  if (hasData()) {
+    return false;
+  }
   m_wakeWord.arm();
-  for (Peer* const peer : m_senders) {
-    if (peer->hasData()) {
-      m_wakeWord.disarm();
-      return false;
-    }
+  if (hasData()) {
+    m_wakeWord.disarm();
+    return false;
   }
   return true;
+}
+
+bool HostTransport::hasData() noexcept {
+  return std::any_of(m_senders.begin(), m_senders.end(), [](Peer* peer) { return peer->hasData(); });
 }
 
 std::size_t HostTransport::drainMemory(Listener& listener) {
@@ -387,6 +397,7 @@ void HostTransport::retryLater() {
 
 // Takes in what is in the rings.
 std::size_t HostTransport::receiveData(Listener& listener) {
+  m_lookPause.pause();
   std::size_t done = 0;
   for (std::size_t i = 0; i < m_senders.size() && !m_closed.load(std::memory_order_relaxed);) {
     Peer& peer = *m_senders[i];
@@ -400,6 +411,8 @@ std::size_t HostTransport::receiveData(Listener& listener) {
     endPeer(peer, listener);  // takes it out of m_senders
     ++done;
   }
+  m_wakeWord.noteFrames(done);
+  m_lookPause.note(done);
   return done;
 }
 
