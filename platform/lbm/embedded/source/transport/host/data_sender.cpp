@@ -45,7 +45,7 @@ DataSender::DataSender(std::shared_ptr<Link> link, RingMemory memory, RemoteWake
       m_wakeWord(std::move(wakeWord)),
       m_contentMax(m_ring.capacity() / 8 - sizeof(RingFrameHeader)) {}
 
-bool DataSender::looksForRoom(std::size_t bytes) {
+bool DataSender::hasRoom(std::size_t bytes) {
   if (m_dead) {
     return true;
   }
@@ -224,11 +224,7 @@ bool DataSender::put(wire::Type type, const T& frame) {
   return true;
 }
 
-void DataSender::commit() {
-  m_ring.commit();
-  if (m_wakeWord.busy()) {
-    return;
-  }
+void DataSender::wake() {
   m_ring.orderCommit();
   if (m_wakeWord.toBeRung()) {
     m_link->sendSignal(wire::Type::bell);

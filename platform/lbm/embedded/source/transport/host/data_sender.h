@@ -35,9 +35,11 @@ class DataSender {
   const std::shared_ptr<Link>& link() const noexcept { return m_link; }
 
   // Whether a message of so many bytes would be taken. Also true when the peer is out of reach and takes nothing.
-  bool hasRoom(std::size_t bytes) {
+  bool hasRoom(std::size_t bytes);
+  // The same if it can be said without looking; false otherwise.
+  bool knowsOfRoom(std::size_t bytes) const noexcept {
     const std::size_t inOneFrame = bytes + sizeof(wire::FragmentHeader);
-    return (inOneFrame <= m_contentMax && nothingWaits() && m_ring.knowsOfRoom(inOneFrame)) || looksForRoom(bytes);
+    return inOneFrame <= m_contentMax && nothingWaits() && m_ring.knowsOfRoom(inOneFrame);
   }
 
   // Takes a message if there is room. If not, the peer will be told of the loss before anything else is taken.
@@ -77,14 +79,19 @@ class DataSender {
   };
 
   bool nothingWaits() const noexcept { return m_rest.empty() && m_notices.empty(); }
-  bool looksForRoom(std::size_t bytes);
   bool sendNow(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   void sendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool flushWaiting();
   bool tell(std::uint32_t source, Notice& notice);
   template <typename T>
   bool put(wire::Type type, const T& frame);
-  void commit();
+  void commit() {
+    m_ring.commit();
+    if (!m_wakeWord.busy()) {
+      wake();
+    }
+  }
+  void wake();
   void giveUp(const std::string& fault);
 
   const std::shared_ptr<Link> m_link;

@@ -5,20 +5,11 @@
 #include <stdexcept>
 #include <string>
 
-#include "transport/host/wire.h"
-
 namespace engine::transport::host {
 
-std::size_t messageSize(std::span<const iovec> pieces) {
-  std::size_t size = 0;
-  for (const iovec& piece : pieces) {
-    size += piece.iov_len;
-  }
-  if (size > wire::kMessageMax) {
-    throw std::runtime_error("a message of " + std::to_string(size) + " bytes cannot be sent; the most is " +
-                             std::to_string(wire::kMessageMax));
-  }
-  return size;
+void refuseSize(std::size_t size) {
+  throw std::runtime_error("a message of " + std::to_string(size) + " bytes cannot be sent; the most is " +
+                           std::to_string(wire::kMessageMax));
 }
 
 void copyPieces(std::span<const iovec> pieces, std::byte* to) noexcept {

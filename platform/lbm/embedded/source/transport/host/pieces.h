@@ -7,10 +7,23 @@
 #include <span>
 #include <vector>
 
+#include "transport/host/wire.h"
+
 namespace engine::transport::host {
 
+[[noreturn]] void refuseSize(std::size_t size);
+
 // Bytes of a message. Throws std::runtime_error when they are too many to be sent.
-std::size_t messageSize(std::span<const iovec> pieces);
+inline std::size_t messageSize(std::span<const iovec> pieces) {
+  std::size_t size = 0;
+  for (const iovec& piece : pieces) {
+    size += piece.iov_len;
+  }
+  if (size > wire::kMessageMax) {
+    refuseSize(size);
+  }
+  return size;
+}
 
 void copyPieces(std::span<const iovec> pieces, std::byte* to) noexcept;
 

@@ -29,17 +29,8 @@ SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait
       if (closed) {
         return SendResult::closed;
       }
-      if (m_info.pacing == Pacing::receiver) {
-        const std::shared_ptr<DataSender>* found = fullSubscriber(header.total);
-        // Looked at once more after the wish: it may have made room before, which it would not tell of.
-        for (const std::shared_ptr<DataSender>* asked = nullptr; found != nullptr && found != asked;
-             found = fullSubscriber(header.total)) {
-          told = (*found)->wantRoom();
-          asked = found;
-        }
-        if (found != nullptr) {
-          full = *found;
-        }
+      if (m_info.pacing == Pacing::receiver && !subscribersKnowOfRoom(header.total)) {
+        full = askForRoom(header.total, told);
       }
       if (full == nullptr) {
         header.sequence = m_nextSequence++;
@@ -59,11 +50,27 @@ SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait
   }
 }
 
-// One of m_subscribers, or null.
-const std::shared_ptr<DataSender>* HostPublication::fullSubscriber(std::size_t bytes) const {
+bool HostPublication::subscribersKnowOfRoom(std::size_t bytes) const noexcept {
+  return std::all_of(m_subscribers.begin(), m_subscribers.end(),
+                     [&](const auto& subscriber) { return subscriber->knowsOfRoom(bytes); });
+}
+
+// A subscriber without room, which was asked to tell of it; told: as DataSender::wantRoom() returned it. Null when all
+// have room.
+std::shared_ptr<DataSender> HostPublication::askForRoom(std::size_t bytes, std::uint32_t& told) const {
+  std::shared_ptr<DataSender> full = fullSubscriber(bytes);
+  // Looked at once more after the wish: it may have made room before, which it would not tell of.
+  for (std::shared_ptr<DataSender> asked; full != nullptr && full != asked; full = fullSubscriber(bytes)) {
+    told = full->wantRoom();
+    asked = full;
+  }
+  return full;
+}
+
+std::shared_ptr<DataSender> HostPublication::fullSubscriber(std::size_t bytes) const {
   const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
                                   [&](const auto& subscriber) { return !subscriber->hasRoom(bytes); });
-  return found == m_subscribers.end() ? nullptr : &*found;
+  return found == m_subscribers.end() ? nullptr : *found;
 }
 
 bool HostPublication::addSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token) {

@@ -45,7 +45,9 @@ class HostPublication final : public Publication {
   bool takeWaiting() noexcept { return m_waiting.exchange(false); }
 
  private:
-  const std::shared_ptr<DataSender>* fullSubscriber(std::size_t bytes) const;
+  bool subscribersKnowOfRoom(std::size_t bytes) const noexcept;
+  std::shared_ptr<DataSender> fullSubscriber(std::size_t bytes) const;
+  std::shared_ptr<DataSender> askForRoom(std::size_t bytes, std::uint32_t& told) const;
 
   const std::uint32_t m_id;
   const PublicationInfo m_info;
