@@ -56,7 +56,12 @@ void Message::clear() noexcept {
     m_buffer.reset();
     m_capacity = 0;
   }
-  static_cast<lbm_msg_t_stct&>(*this) = {};
+  // Whoever takes it next sets all else.
+  data = nullptr;
+  len = 0;
+  response = nullptr;
+  source_clientd = nullptr;
+  channel_info = nullptr;
 }
 
 MessageRef MessagePool::acquire() {
