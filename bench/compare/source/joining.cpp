@@ -220,7 +220,7 @@ int main(int argc, char** argv) try {
   CLI::App app("Times a context's joining of a domain of the embedded engine; the result is a line of JSON.");
   std::size_t contexts = 100;
   std::size_t sources = 10'000;
-  unsigned atMost = 60;
+  unsigned atMost = 300;
   app.add_option("--contexts", contexts, "contexts of the domain")->check(CLI::Range(1, 100'000));
   app.add_option("--sources", sources, "sources, spread over the contexts; a multiple of their number");
   app.add_option("--at-most", atMost, "seconds that building the domain may take");
