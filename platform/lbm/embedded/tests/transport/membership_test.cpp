@@ -87,10 +87,16 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   EXPECT_EQ(m_directory.sockets().size(), 1U);
 }
 
-// TRANSPORT_TEST_KILLS: how many processes to kill; more find rarer moments.
+// How many processes to kill where TRANSPORT_TEST_KILLS does not say it; more find rarer moments.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kKills = 100;
+#else
+constexpr int kKills = 2000;
+#endif
+
 TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
   const char* const wanted = std::getenv("TRANSPORT_TEST_KILLS");
-  const int kills = wanted != nullptr ? std::atoi(wanted) : 40;
+  const int kills = wanted != nullptr ? std::atoi(wanted) : kKills;
   HostSettings settings = settingsIn(m_directory);
   settings.ringBytes = kFloodRingBytes;
   Member a(settings);
