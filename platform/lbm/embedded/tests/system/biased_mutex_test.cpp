@@ -27,7 +27,7 @@ struct Counted {
 
 // One thread locks so often that it keeps becoming the owner, and others keep taking the mutex from it.
 TEST(BiasedMutex, LetsOnlyOneInsideWhileItsOwnerChanges) {
-  constexpr std::size_t kTakenAway = 2000;
+  constexpr std::size_t kTakenAway = 20'000;
   Counted counted;
   std::atomic<bool> enough{false};
   std::size_t expected = 0;
