@@ -81,8 +81,8 @@ bool HostPublication::addSubscriber(const std::shared_ptr<DataSender>& sender, s
   if (std::find(m_subscribers.begin(), m_subscribers.end(), sender) != m_subscribers.end()) {
     throw Fault("it subscribed twice to one source");
   }
-  m_subscribers.push_back(sender);
   sender->subscribed(m_id, token, m_nextSequence);
+  m_subscribers.push_back(sender);
   return true;
 }
 
