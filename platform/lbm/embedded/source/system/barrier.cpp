@@ -4,11 +4,24 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <thread>
+
 namespace engine {
 
 namespace {
 
 long membarrier(int command) noexcept { return ::syscall(SYS_membarrier, command, 0, 0); }
+
+// For commands that have worked before. The system may refuse them all the same: to a process that has filtered its
+// system calls since, or without memory. No barrier is in sight then, but what the other threads have stored takes
+// effect by itself, in far less time than this.
+void membarrierOrWait(int command) noexcept {
+  constexpr std::chrono::milliseconds kLongEnough{1};
+  if (membarrier(command) != 0) {
+    std::this_thread::sleep_for(kLongEnough);
+  }
+}
 
 }  // namespace
 
@@ -17,7 +30,7 @@ bool processBarrierWorks() noexcept {
   return works;
 }
 
-void processBarrier() noexcept { membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED); }
+void processBarrier() noexcept { membarrierOrWait(MEMBARRIER_CMD_PRIVATE_EXPEDITED); }
 
 bool letGlobalBarrierReachUs() noexcept {
   static const bool reaches = membarrier(MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED) == 0;
@@ -29,6 +42,6 @@ bool globalBarrierWorks() noexcept {
   return works;
 }
 
-void globalBarrier() noexcept { membarrier(MEMBARRIER_CMD_GLOBAL_EXPEDITED); }
+void globalBarrier() noexcept { membarrierOrWait(MEMBARRIER_CMD_GLOBAL_EXPEDITED); }
 
 }  // namespace engine
