@@ -22,6 +22,8 @@ std::size_t checkedSize(const Descriptor& memory) {
 WakeWord::WakeWord()
     : m_memory(makeSharedMemory("lbm_wake", kBytes)), m_mapping(m_memory, kBytes, Mapping::Access::readAndWrite) {
   seal(m_memory, Sealing::sizeAndWriting);
+  // For the wake words of peers. The first time it takes milliseconds, which nobody waits for now.
+  letGlobalBarrierReachUs();
 }
 
 void WakeWord::becomeBusy() noexcept {
