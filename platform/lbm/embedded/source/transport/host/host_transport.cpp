@@ -291,6 +291,7 @@ void HostTransport::link(Descriptor& socket, LinkKind kind) {
 void HostTransport::tryToLink(Descriptor socket) {
   const std::uint64_t id = m_nextLinkId;
   try {
+    m_unlinked.reserve(m_unlinked.size() + 1);  // so that keeping the socket cannot fail below
     link(socket, LinkKind::peer);
     m_refusalTold = false;
   } catch (const std::system_error& error) {
