@@ -166,6 +166,37 @@ TEST_F(RefusingSystem, RunningOutOfMemoryEndsThatLinkAlone) {
   EXPECT_THAT(m_source.notices, testing::Contains(HasSubstr("out of memory")));
 }
 
+// The message is larger than the ring, so its fragments have to wait in memory.
+TEST_F(RefusingSystem, RunningOutOfMemoryInsideAMessageEndsThatLinkAlone) {
+  m_other.transport->unsubscribe(*m_other.sources.at("T"));
+  std::size_t allocations = 0;
+  for (bool whole = false; !whole; ++allocations) {
+    ASSERT_LT(allocations, 100U);
+    drainUntil({&m_source, m_late.get()}, "the subscription", [&] { return m_source.heard("joined late"); });
+    std::string text(5'000'000, 'x');
+    {
+      const test::AllocationLimit limit(allocations);
+      EXPECT_NO_THROW(publish(*m_source.transport, *m_publication, std::move(text))) << allocations;
+    }
+    settle({&m_source, m_late.get()});
+    publish(*m_source.transport, *m_publication, "next");
+    settle({&m_source, m_late.get()});
+    whole = m_late->messages == 2;
+    EXPECT_EQ(m_late->messages, whole ? 2U : 0U);
+    EXPECT_EQ(m_late->heard("down T"), !whole);
+    EXPECT_EQ(m_source.heard("left late"), !whole);
+    EXPECT_TRUE(m_late->notices.empty());
+    m_late.reset();
+    settle({&m_source});
+    m_source.events.clear();
+    m_late = std::make_unique<Member>(settingsIn(m_directory, "late"));
+  }
+  EXPECT_GT(allocations, 2U);
+  EXPECT_THAT(m_source.notices, testing::Each(HasSubstr("out of memory")));
+  m_other.transport->subscribe(*m_other.sources.at("T"));
+  expectOtherIsServed();
+}
+
 class Joining : public RefusingSystem {};
 
 TEST_P(Joining, IsRefusedWithARemedyAndLeavesNothing) {

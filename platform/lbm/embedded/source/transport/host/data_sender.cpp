@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <utility>
 
+#include "transport/host/fault.h"
 #include "transport/host/pieces.h"
 
 namespace engine::transport::host {
@@ -59,8 +61,8 @@ bool DataSender::hasRoom(std::size_t bytes) {
     }
     // Half of the ring is what a peer tells of; what does not fit there may wait.
     return m_ring.room() >= std::min(bytes + m_ring.capacity() / 4, m_ring.capacity() / 2);
-  } catch (const Fault& fault) {
-    giveUp(fault.what());
+  } catch (const std::exception& error) {
+    giveUp(textOf(error));
     return true;
   }
 }
@@ -79,8 +81,8 @@ void DataSender::sendOrDrop(const wire::FragmentHeader& header, std::span<const 
       m_ring.wantRoom();
       flushWaiting();
     }
-  } catch (const Fault& fault) {
-    giveUp(fault.what());
+  } catch (const std::exception& error) {
+    giveUp(textOf(error));
   }
 }
 
@@ -126,8 +128,8 @@ bool DataSender::flush() {
     }
     m_ring.wantRoom();
     return flushWaiting();
-  } catch (const Fault& fault) {
-    giveUp(fault.what());
+  } catch (const std::exception& error) {
+    giveUp(textOf(error));
     return true;
   }
 }
@@ -231,7 +233,8 @@ void DataSender::wake() {
   }
 }
 
-void DataSender::giveUp(const std::string& fault) {
+// The ring may hold the beginning of a message whose rest will not come.
+void DataSender::giveUp(std::string_view fault) {
   m_dead = true;
   m_link->breakOff(fault);
 }

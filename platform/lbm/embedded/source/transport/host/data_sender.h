@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -92,7 +92,7 @@ class DataSender {
     }
   }
   void wake();
-  void giveUp(const std::string& fault);
+  void giveUp(std::string_view fault);
 
   const std::shared_ptr<Link> m_link;
   const RingMemory m_memory;

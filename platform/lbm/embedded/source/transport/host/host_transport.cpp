@@ -49,10 +49,6 @@ const std::string kNotTakenIn = "cannot take in another context: ";
 // Until what the system refused for the moment is tried again.
 constexpr timespec kRetryDelay{0, 50'000'000};
 
-const char* textOf(const std::exception& error) noexcept {
-  return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? kOutOfMemory : error.what();
-}
-
 [[noreturn]] void throwErrno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
 Descriptor checked(int descriptor, const char* what) {
