@@ -14,35 +14,38 @@ namespace engine::transport::host {
 
 class LookPause {
  public:
-  // To be called before a look.
-  void pause() const noexcept {
-    if (m_looks >= kLooks) {
-      for (int i = 0; i < kPauses; ++i) {
-        pauseProcessor();
-      }
+  // Whether there is to be one before the next look.
+  bool due() const noexcept { return m_few == kLooks; }
+
+  static void pass() noexcept {
+    for (int i = 0; i < kPauses; ++i) {
+      pauseProcessor();
     }
   }
 
-  // To be called after it.
+  // To be called after each look.
   void note(std::size_t frames) noexcept {
-    if (m_looks >= kLooks && frames == 1) {
-      m_looks = -kLooksWithout;
-    } else if (m_looks < 0) {
-      ++m_looks;
-    } else if (frames == 0 || frames > kFew) {
-      m_looks = 0;
-    } else if (m_looks < kLooks) {
-      ++m_looks;
+    if (m_without > 0) {
+      --m_without;
+    } else if (due() && frames == 1) {
+      m_few = 0;
+      m_without = kLooksWithout;
+    } else if (frames == 0 || frames > kFewFrames) {
+      m_few = 0;
+    } else if (!due()) {
+      ++m_few;
     }
   }
 
- private:
-  static constexpr std::size_t kFew = 64;     // frames
+  static constexpr std::size_t kFewFrames = 64;
   static constexpr int kLooks = 2;            // so many in a row that found a few
   static constexpr int kLooksWithout = 1000;  // after a pause that was of no use
+
+ private:
   static constexpr int kPauses = 16;
 
-  int m_looks = 0;  // that found a few; negative: so many more without a pause
+  int m_few = 0;      // looks in a row that found a few, up to kLooks
+  int m_without = 0;  // looks to come without a pause
 };
 
 }  // namespace engine::transport::host
