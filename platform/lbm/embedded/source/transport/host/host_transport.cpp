@@ -46,6 +46,9 @@ constexpr int kAcceptedMax = 64;
 
 const std::string kNotTakenIn = "cannot take in another context: ";
 
+// A context is, when it goes to sleep again within this time.
+constexpr std::chrono::milliseconds kWokenAllTheTime{1};
+
 // Until what the system refused for the moment is tried again.
 constexpr timespec kRetryDelay{0, 50'000'000};
 
@@ -146,6 +149,7 @@ class HostTransport final : public Transport {
   Peers m_peers;                 // by the link's id
   std::vector<Peer*> m_senders;  // those of m_peers that have passed a ring
   LookPause m_lookPause;
+  std::chrono::steady_clock::time_point m_armedAt;
   std::vector<Rendezvous::Neighbour> m_busyNeighbours;
   std::vector<Descriptor> m_unlinked;  // connections that the system did not let this context watch
   bool m_refusalTold = false;          // since it last took somebody in
@@ -196,10 +200,14 @@ HostTransport::HostTransport(const HostSettings& settings)
 }
 
 bool HostTransport::arm() {
-  // Writers that share the processor get it first: the more they have written, the fewer wake-ups.
-  std::this_thread::yield();
-  if (hasData()) {
-    return false;
+  // Woken all the time, it first lets writers have the processor that share it: the more they have written, the fewer
+  // wake-ups. Otherwise it sleeps at once, since any other neighbour might keep the processor for a while.
+  const auto now = std::chrono::steady_clock::now();
+  if (now - std::exchange(m_armedAt, now) < kWokenAllTheTime) {
+    std::this_thread::yield();
+    if (hasData()) {
+      return false;
+    }
   }
   m_wakeWord.arm();
   if (hasData()) {
@@ -394,7 +402,9 @@ void HostTransport::retryLater() {
 
 // Takes in what is in the rings.
 std::size_t HostTransport::receiveData(Listener& listener) {
-  m_lookPause.pause();
+  if (m_lookPause.due()) {
+    LookPause::pass();
+  }
   std::size_t done = 0;
   for (std::size_t i = 0; i < m_senders.size() && !m_closed.load(std::memory_order_relaxed);) {
     Peer& peer = *m_senders[i];
