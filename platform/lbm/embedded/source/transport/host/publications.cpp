@@ -40,8 +40,9 @@ SendResult HostPublication::publish(const OutboundMessage& message, bool mayWait
         return SendResult::sent;
       }
       if (!mayWait) {
-        if (!m_waiting.exchange(true)) {
+        if (!m_waiting.load()) {
           full->notifyOfRoom(m_id);
+          m_waiting.store(true);
         }
         return SendResult::wouldBlock;
       }

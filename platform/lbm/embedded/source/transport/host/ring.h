@@ -12,11 +12,10 @@
 //    before it writes there again. Each side works from copies of the other's counter and looks again only when the
 //    copy says that there is nothing left, so a stream of frames moves few cache lines.
 // 2. Sleeping readers. The reader declares that it will sleep and then looks at the tail; the writer stores the tail
-// and
-//    then looks whether the reader sleeps. All four are sequentially consistent, so they have one order: if the writer
-//    looked before the declaration, it had stored the tail before it as well, and the reader sees the frame. Either the
-//    reader does not sleep or the writer wakes it. A reader with much to read declares that it is busy, and the writer
-//    leaves it at the store with release order while it sees that; see wake_word.h.
+//    before it looks whether the reader sleeps. All four are sequentially consistent, so they have one order: if the
+//    writer looked before the declaration, it had stored the tail before it as well, and the reader sees the frame.
+//    Either the reader does not sleep or the writer wakes it. A reader with much to read declares that it is busy, and
+//    the writer leaves it at the store with release order while it sees that; see wake_word.h.
 // 3. Writers without room. The writer stores that it wants room and then looks at the head; the reader stores the head
 //    and then looks whether room is wanted. Again all four are sequentially consistent: either the writer sees the room
 //    or the reader sees that it has to tell. The reader does both whenever it has taken all there was, so a writer

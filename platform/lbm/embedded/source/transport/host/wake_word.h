@@ -25,6 +25,7 @@ using WakeEpoch = std::uint64_t;
 inline constexpr WakeEpoch kAsleep = 1;
 inline constexpr WakeEpoch kBusy = 2;
 inline constexpr WakeEpoch kOneSleep = 4;
+static_assert(std::atomic<WakeEpoch>::is_always_lock_free);  // peers have no right to write
 
 // Threads: all but descriptor() for the thread that processes the context's events.
 class WakeWord {
@@ -33,7 +34,7 @@ class WakeWord {
 
   int descriptor() const noexcept { return m_memory.get(); }  // to pass on
 
-  // Notes that there was so much to read, and declares to be busy when that was much since the last arm().
+  // Counts frames that were read in a run, and declares to be busy when they were many since the last arm().
   void noteFrames(std::size_t count) noexcept {
     if (count != 0 && m_frames < kBusyAfter && (m_frames += count) >= kBusyAfter) {
       becomeBusy();

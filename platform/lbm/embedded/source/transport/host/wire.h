@@ -22,7 +22,7 @@
 namespace engine::transport::host::wire {
 
 inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
-inline constexpr std::uint32_t kVersion = 2;
+inline constexpr std::uint32_t kVersion = 3;
 
 inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any frame
 inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a frame of advertisements
