@@ -97,7 +97,8 @@ class MessagePool {
 
   static Owner create() { return Owner(new MessagePool); }
 
-  // A blank message with one reference. Threads: the context's dispatcher only.
+  // A message with one reference. Type, source, sequence number and time are for the caller to set, all else is blank.
+  // Threads: the context's dispatcher only.
   MessageRef acquire();
 
   // Gives a reference back; takes no lock when nobody else holds the message. Threads: the context's dispatcher only.

@@ -15,14 +15,14 @@ TEST(MessagePool, UsesAMessageAgainOnceNobodyHoldsIt) {
   const MessagePool::Owner pool = MessagePool::create();
   MessageRef message = pool->acquire();
   message->setPayload(bytes("payload"));
-  message->sequence_number = 7;
+  message->source_clientd = message.get();
   const Message* first = message.get();
   const char* buffer = message->data;
   pool->recycle(std::move(message));
   message = pool->acquire();
   EXPECT_EQ(first, message.get());
   EXPECT_EQ(nullptr, message->data);
-  EXPECT_EQ(0U, message->sequence_number);
+  EXPECT_EQ(nullptr, message->source_clientd);
   message->setPayload(bytes("other"));
   EXPECT_EQ(buffer, message->data) << "the buffer was made anew";
 
