@@ -188,28 +188,30 @@ TEST_F(ServerServicesTest, CommandsToClientsThatDoNotHearOrAnswerAreSaidToBeSo) 
   {
     Process alice(Client("alice"), m_environment);
     ASSERT_TRUE(alice.WaitForOutput(" is up")) << alice.Output();
-    alice.Signal(SIGSTOP);
-    server.Write("client alice report\nclient alice pause\n");
-    ASSERT_TRUE(server.WaitForOutput("#2 to client alice: sent\n")) << server.Output();
-    ASSERT_TRUE(server.WaitForOutput("#3 to client alice: no answer for 0.5 s\n")) << server.Output();
-    alice.Signal(SIGCONT);
+    server.Write("client alice report\n");
     ASSERT_TRUE(server.WaitForOutput("#2 from alice on box.example: ok")) << server.Output();
     alice.Signal(SIGSTOP);
+    server.Write("client alice report\nclient alice pause\n");
+    ASSERT_TRUE(server.WaitForOutput("#3 to client alice: sent\n")) << server.Output();
+    ASSERT_TRUE(server.WaitForOutput("#4 to client alice: no answer for 0.5 s\n")) << server.Output();
+    alice.Signal(SIGCONT);
+    ASSERT_TRUE(server.WaitForOutput("#3 from alice on box.example: ok")) << server.Output();
+    alice.Signal(SIGSTOP);
     server.Write("client alice report\n");
-    ASSERT_TRUE(server.WaitForOutput("#4 to client alice: sent\n")) << server.Output();
+    ASSERT_TRUE(server.WaitForOutput("#5 to client alice: sent\n")) << server.Output();
     alice.Signal(SIGKILL);
     EXPECT_EQ(alice.Wait(), 128 + SIGKILL);
-    ASSERT_TRUE(server.WaitForOutput("#4 to client alice: no answer for 0.5 s\n")) << server.Output();
+    ASSERT_TRUE(server.WaitForOutput("#5 to client alice: no answer for 0.5 s\n")) << server.Output();
   }
   Process alice(Client("alice"), m_environment);
   ASSERT_TRUE(alice.WaitForOutput(" is up")) << alice.Output();
   server.Write("client alice report\n");
-  ASSERT_TRUE(server.WaitForOutput("#5 from alice on box.example: ok")) << server.Output();
+  ASSERT_TRUE(server.WaitForOutput("#6 from alice on box.example: ok")) << server.Output();
   server.Write("client carol report\n#\nhelp\n");
   ASSERT_TRUE(server.WaitForOutput("Commands that clients know")) << server.Output();
   server.Signal(SIGTERM);
   EXPECT_EQ(server.Wait(), 0) << server.Errors();
-  EXPECT_THAT(server.Output(), ContainsRegex("#6 to client carol: not sent, (the server ends|nobody listened)"));
+  EXPECT_THAT(server.Output(), ContainsRegex("#7 to client carol: not sent, (the server ends|nobody listened)"));
 }
 
 }  // namespace
