@@ -26,16 +26,8 @@ WakeWord::WakeWord()
   letGlobalBarrierReachUs();
 }
 
-void WakeWord::becomeBusy() noexcept {
-  if (m_canBeBusy) {
-    m_busy = true;
-    set(m_sleeps | kBusy, std::memory_order_release);
-  }
-}
-
 void WakeWord::arm() noexcept {
-  m_frames = 0;
-  if (std::exchange(m_busy, false)) {
+  if (std::exchange(m_frames, 0) >= kBusyAfter && m_canBeBusy) {
     set(m_sleeps, std::memory_order_relaxed);
     globalBarrier();
   }

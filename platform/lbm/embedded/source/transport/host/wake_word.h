@@ -36,8 +36,8 @@ class WakeWord {
 
   // Counts frames that were read in a run, and declares to be busy when they were many since the last arm().
   void noteFrames(std::size_t count) noexcept {
-    if (count != 0 && m_frames < kBusyAfter && (m_frames += count) >= kBusyAfter) {
-      becomeBusy();
+    if (m_frames < kBusyAfter && (m_frames += count) >= kBusyAfter && m_canBeBusy) {
+      set(m_sleeps | kBusy, std::memory_order_release);
     }
   }
 
@@ -48,7 +48,6 @@ class WakeWord {
   static constexpr std::size_t kBusyAfter = 4096;
 
  private:
-  void becomeBusy() noexcept;
   void set(WakeEpoch value, std::memory_order order) noexcept {
     static_cast<std::atomic<WakeEpoch>*>(m_mapping.address())->store(value, order);
   }
@@ -57,8 +56,7 @@ class WakeWord {
   Mapping m_mapping;
   WakeEpoch m_sleeps = 0;
   const bool m_canBeBusy = globalBarrierWorks();
-  std::size_t m_frames = 0;  // since the last arm(), up to kBusyAfter
-  bool m_busy = false;
+  std::size_t m_frames = 0;  // since the last arm(), not counted on from kBusyAfter
 };
 
 // A peer's.
