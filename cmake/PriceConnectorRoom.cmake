@@ -67,7 +67,7 @@ function(price_connector_library room)
     target_include_directories(
       ${target} ${scope} $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
                          $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/price_connector>)
-    install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/price_connector)
+    install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/price_connector PATTERN ".*" EXCLUDE)
   endif()
   target_compile_features(${target} INTERFACE cxx_std_17)
   target_link_libraries(${target} ${scope} ${arg_PUBLIC})

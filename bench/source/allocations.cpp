@@ -6,10 +6,10 @@
 
 namespace {
 
-std::atomic<std::uint64_t> allocations{0};
+std::atomic<std::uint64_t> g_allocations{0};
 
 void* Allocate(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
   if (void* const memory = std::malloc(size)) {
     return memory;
   }
@@ -26,10 +26,10 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 namespace bench {
 
 AllocationCounter::AllocationCounter(benchmark::State& state) noexcept
-    : m_state(state), m_before(allocations.load(std::memory_order_relaxed)) {}
+    : m_state(state), m_before(g_allocations.load(std::memory_order_relaxed)) {}
 
 void AllocationCounter::Report() {
-  const auto count = allocations.load(std::memory_order_relaxed) - m_before;
+  const auto count = g_allocations.load(std::memory_order_relaxed) - m_before;
   m_state.counters["allocations"] = benchmark::Counter(static_cast<double>(count), benchmark::Counter::kAvgIterations);
 }
 

@@ -6,12 +6,12 @@
 
 namespace {
 
-std::size_t bytesSeen = 0;
+std::size_t g_bytesSeen = 0;
 
 // What the application does with a message, the same for both.
 void Consume(lbm_msg_t* message) {
-  bytesSeen += message->len;
-  benchmark::DoNotOptimize(bytesSeen);
+  g_bytesSeen += message->len;
+  benchmark::DoNotOptimize(g_bytesSeen);
 }
 
 using ApplicationFunction = void (*)(lbm_msg_t*);

@@ -25,17 +25,17 @@ void Disabled(benchmark::State& state) {
   allocations.Report();
 }
 
-constexpr const char* topic = "price.server.7.3.1.request";
+constexpr const char* kTopic = "price.server.7.3.1.request";
 
 // An ordinary statement. What it allocates is the finished text, which the back end gets to keep.
 void Enabled(benchmark::State& state) {
   bench::CompareWith(state, "EnabledWithFreshStream");
   // The thread's first statement makes its stream.
-  ZQLOG(ZQLOG_INFO, 1, "Created source on topic=" << topic << " number=" << 0);
+  ZQLOG(ZQLOG_INFO, 1, "Created source on topic=" << kTopic << " number=" << 0);
   bench::AllocationCounter allocations(state);
   int value = 0;
   for (auto _ : state) {
-    ZQLOG(ZQLOG_INFO, 1, "Created source on topic=" << topic << " number=" << ++value);
+    ZQLOG(ZQLOG_INFO, 1, "Created source on topic=" << kTopic << " number=" << ++value);
   }
   allocations.Report();
 }
@@ -46,7 +46,7 @@ void EnabledWithFreshStream(benchmark::State& state) {
   int value = 0;
   for (auto _ : state) {
     std::ostringstream stream;
-    stream << "Created source on topic=" << topic << " number=" << ++value;
+    stream << "Created source on topic=" << kTopic << " number=" << ++value;
     zq::logging::LogMessage(zq::logging::ZQLOG_INFO, 1, zq::logging::ZQLOG_DECODE_AS_KV, {}, __FILE__, __LINE__,
                             stream.str(), {});
   }

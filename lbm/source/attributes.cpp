@@ -15,75 +15,75 @@ struct Calls;
 
 template <>
 struct Calls<lbm_context_attr_t> {
-  static constexpr auto create = lbm_context_attr_create;
-  static constexpr auto dup = lbm_context_attr_dup;
-  static constexpr auto destroy = lbm_context_attr_delete;
-  static constexpr auto setopt = lbm_context_attr_setopt;
-  static constexpr auto strSetopt = lbm_context_attr_str_setopt;
-  static constexpr auto strGetopt = lbm_context_attr_str_getopt;
-  static constexpr auto createFailed = "Failed to create LBM context attributes";
-  static constexpr auto dupFailed = "Failed to duplicate LBM context attributes";
-  static constexpr auto destroyFailed = "Failed to delete LBM context attributes";
-  static constexpr auto setFailed = "Failed to set LBM context attribute";
-  static constexpr auto getFailed = "Failed to get LBM context attribute";
+  static constexpr auto kCreate = lbm_context_attr_create;
+  static constexpr auto kDup = lbm_context_attr_dup;
+  static constexpr auto kDestroy = lbm_context_attr_delete;
+  static constexpr auto kSetopt = lbm_context_attr_setopt;
+  static constexpr auto kStrSetopt = lbm_context_attr_str_setopt;
+  static constexpr auto kStrGetopt = lbm_context_attr_str_getopt;
+  static constexpr auto kCreateFailed = "Failed to create LBM context attributes";
+  static constexpr auto kDupFailed = "Failed to duplicate LBM context attributes";
+  static constexpr auto kDestroyFailed = "Failed to delete LBM context attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM context attribute";
+  static constexpr auto kGetFailed = "Failed to get LBM context attribute";
 };
 
 template <>
 struct Calls<lbm_src_topic_attr_t> {
-  static constexpr auto create = lbm_src_topic_attr_create;
-  static constexpr auto dup = lbm_src_topic_attr_dup;
-  static constexpr auto destroy = lbm_src_topic_attr_delete;
-  static constexpr auto setopt = lbm_src_topic_attr_setopt;
-  static constexpr auto strSetopt = lbm_src_topic_attr_str_setopt;
-  static constexpr auto strGetopt = lbm_src_topic_attr_str_getopt;
-  static constexpr auto createFailed = "Failed to create LBM source topic attributes";
-  static constexpr auto dupFailed = "Failed to duplicate LBM source topic attributes";
-  static constexpr auto destroyFailed = "Failed to delete LBM source topic attributes";
-  static constexpr auto setFailed = "Failed to set LBM source topic attribute";
-  static constexpr auto getFailed = "Failed to get LBM source topic attribute";
+  static constexpr auto kCreate = lbm_src_topic_attr_create;
+  static constexpr auto kDup = lbm_src_topic_attr_dup;
+  static constexpr auto kDestroy = lbm_src_topic_attr_delete;
+  static constexpr auto kSetopt = lbm_src_topic_attr_setopt;
+  static constexpr auto kStrSetopt = lbm_src_topic_attr_str_setopt;
+  static constexpr auto kStrGetopt = lbm_src_topic_attr_str_getopt;
+  static constexpr auto kCreateFailed = "Failed to create LBM source topic attributes";
+  static constexpr auto kDupFailed = "Failed to duplicate LBM source topic attributes";
+  static constexpr auto kDestroyFailed = "Failed to delete LBM source topic attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM source topic attribute";
+  static constexpr auto kGetFailed = "Failed to get LBM source topic attribute";
 };
 
 template <>
 struct Calls<lbm_rcv_topic_attr_t> {
-  static constexpr auto create = lbm_rcv_topic_attr_create;
-  static constexpr auto dup = lbm_rcv_topic_attr_dup;
-  static constexpr auto destroy = lbm_rcv_topic_attr_delete;
-  static constexpr auto setopt = lbm_rcv_topic_attr_setopt;
-  static constexpr auto strSetopt = lbm_rcv_topic_attr_str_setopt;
-  static constexpr auto strGetopt = lbm_rcv_topic_attr_str_getopt;
-  static constexpr auto createFailed = "Failed to create LBM receiver topic attributes";
-  static constexpr auto dupFailed = "Failed to duplicate LBM receiver topic attributes";
-  static constexpr auto destroyFailed = "Failed to delete LBM receiver topic attributes";
-  static constexpr auto setFailed = "Failed to set LBM receiver topic attribute";
-  static constexpr auto getFailed = "Failed to get LBM receiver topic attribute";
+  static constexpr auto kCreate = lbm_rcv_topic_attr_create;
+  static constexpr auto kDup = lbm_rcv_topic_attr_dup;
+  static constexpr auto kDestroy = lbm_rcv_topic_attr_delete;
+  static constexpr auto kSetopt = lbm_rcv_topic_attr_setopt;
+  static constexpr auto kStrSetopt = lbm_rcv_topic_attr_str_setopt;
+  static constexpr auto kStrGetopt = lbm_rcv_topic_attr_str_getopt;
+  static constexpr auto kCreateFailed = "Failed to create LBM receiver topic attributes";
+  static constexpr auto kDupFailed = "Failed to duplicate LBM receiver topic attributes";
+  static constexpr auto kDestroyFailed = "Failed to delete LBM receiver topic attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM receiver topic attribute";
+  static constexpr auto kGetFailed = "Failed to get LBM receiver topic attribute";
 };
 
 template <>
 struct Calls<lbm_event_queue_attr_t> {
-  static constexpr auto create = lbm_event_queue_attr_create;
-  static constexpr auto dup = lbm_event_queue_attr_dup;
-  static constexpr auto destroy = lbm_event_queue_attr_delete;
-  static constexpr auto setopt = lbm_event_queue_attr_setopt;
-  static constexpr auto strSetopt = lbm_event_queue_attr_str_setopt;
-  static constexpr auto strGetopt = lbm_event_queue_attr_str_getopt;
-  static constexpr auto createFailed = "Failed to create LBM event queue attributes";
-  static constexpr auto dupFailed = "Failed to duplicate LBM event queue attributes";
-  static constexpr auto destroyFailed = "Failed to delete LBM event queue attributes";
+  static constexpr auto kCreate = lbm_event_queue_attr_create;
+  static constexpr auto kDup = lbm_event_queue_attr_dup;
+  static constexpr auto kDestroy = lbm_event_queue_attr_delete;
+  static constexpr auto kSetopt = lbm_event_queue_attr_setopt;
+  static constexpr auto kStrSetopt = lbm_event_queue_attr_str_setopt;
+  static constexpr auto kStrGetopt = lbm_event_queue_attr_str_getopt;
+  static constexpr auto kCreateFailed = "Failed to create LBM event queue attributes";
+  static constexpr auto kDupFailed = "Failed to duplicate LBM event queue attributes";
+  static constexpr auto kDestroyFailed = "Failed to delete LBM event queue attributes";
   // "topic" is what operators search for.
-  static constexpr auto setFailed = "Failed to set LBM topic attribute";
-  static constexpr auto getFailed = "Failed to get LBM event queue attribute";
+  static constexpr auto kSetFailed = "Failed to set LBM topic attribute";
+  static constexpr auto kGetFailed = "Failed to get LBM event queue attribute";
 };
 
 }  // namespace
 
 template <class Handle>
 Attributes<Handle>::Attributes() : m_attr(nullptr) {
-  ThrowIfFailed(Calls<Handle>::create(&m_attr), Calls<Handle>::createFailed);
+  ThrowIfFailed(Calls<Handle>::kCreate(&m_attr), Calls<Handle>::kCreateFailed);
 }
 
 template <class Handle>
 Attributes<Handle>::Attributes(const Attributes& other) : m_attr(nullptr) {
-  ThrowIfFailed(Calls<Handle>::dup(&m_attr, other.m_attr), Calls<Handle>::dupFailed);
+  ThrowIfFailed(Calls<Handle>::kDup(&m_attr, other.m_attr), Calls<Handle>::kDupFailed);
 }
 
 template <class Handle>
@@ -103,26 +103,26 @@ Attributes<Handle>& Attributes<Handle>::operator=(Attributes&& other) noexcept {
 
 template <class Handle>
 Attributes<Handle>::~Attributes() {
-  if (m_attr != nullptr && Failed(Calls<Handle>::destroy(m_attr))) {
-    LogLbmError(Calls<Handle>::destroyFailed);
+  if (m_attr != nullptr && Failed(Calls<Handle>::kDestroy(m_attr))) {
+    LogLbmError(Calls<Handle>::kDestroyFailed);
   }
 }
 
 template <class Handle>
 void Attributes<Handle>::SetString(const char* name, const char* value) {
-  ThrowIfFailed(Calls<Handle>::strSetopt(m_attr, name, value), Calls<Handle>::setFailed);
+  ThrowIfFailed(Calls<Handle>::kStrSetopt(m_attr, name, value), Calls<Handle>::kSetFailed);
 }
 
 template <class Handle>
 void Attributes<Handle>::SetBytes(const char* name, const void* value, std::size_t size) {
-  ThrowIfFailed(Calls<Handle>::setopt(m_attr, name, value, size), Calls<Handle>::setFailed);
+  ThrowIfFailed(Calls<Handle>::kSetopt(m_attr, name, value, size), Calls<Handle>::kSetFailed);
 }
 
 template <class Handle>
 std::string Attributes<Handle>::GetString(const char* name) const {
   return ReadTextOption(
-      [&](char* text, std::size_t* length) { return Calls<Handle>::strGetopt(m_attr, name, text, length); },
-      Calls<Handle>::getFailed);
+      [&](char* text, std::size_t* length) { return Calls<Handle>::kStrGetopt(m_attr, name, text, length); },
+      Calls<Handle>::kGetFailed);
 }
 
 template class Attributes<lbm_context_attr_t>;

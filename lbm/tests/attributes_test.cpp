@@ -24,18 +24,18 @@ TEST_F(ErrorsTest, AThrownErrorIsLoggedOnceWithItsText) {
   EXPECT_EQ(ErrorOf([] { details::ThrowLbmError("Failed to create LBM context"); }), text);
   details::LogLbmError("Failed to delete");
   details::LogLbmError(nullptr);
-  EXPECT_THAT(LogCapture::Statements(), ElementsAre(Statement(ZQLOG_ERROR, 65, text),
-                                                    Statement(ZQLOG_ERROR, 71, "Failed to delete: out of memory"),
-                                                    Statement(ZQLOG_ERROR, 71, "")));
+  EXPECT_THAT(log_capture::Statements(), ElementsAre(Statement(ZQLOG_ERROR, 65, text),
+                                                     Statement(ZQLOG_ERROR, 71, "Failed to delete: out of memory"),
+                                                     Statement(ZQLOG_ERROR, 71, "")));
 }
 
 TEST_F(ErrorsTest, AboveErrorLevelErrorsAreThrownButNotLogged) {
-  LogCapture::SetMinLevel(ZQLOG_ALERT);
+  log_capture::SetMinLevel(ZQLOG_ALERT);
   EXPECT_EQ(ErrorOf([] { details::ThrowLbmError("Failed"); }), "Failed: ");
   EXPECT_THAT(CallsTo("lbm_errmsg"), SizeIs(1));
   details::LogLbmError("Failed");
   EXPECT_THAT(CallsTo("lbm_errmsg"), SizeIs(1)) << "the text is read only when it is logged";
-  EXPECT_THAT(LogCapture::Statements(), IsEmpty());
+  EXPECT_THAT(log_capture::Statements(), IsEmpty());
 }
 
 // How the kinds of attributes differ.
@@ -43,35 +43,35 @@ template <class Attributes>
 struct Kind;
 template <>
 struct Kind<ContextAttributes> {
-  static constexpr auto calls = "lbm_context_attr_";
-  static constexpr auto name = "context attributes";
-  static constexpr auto setFailed = "Failed to set LBM context attribute: no";
+  static constexpr auto kCalls = "lbm_context_attr_";
+  static constexpr auto kName = "context attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM context attribute: no";
 };
 template <>
 struct Kind<SourceTopicAttributes> {
-  static constexpr auto calls = "lbm_src_topic_attr_";
-  static constexpr auto name = "source topic attributes";
-  static constexpr auto setFailed = "Failed to set LBM source topic attribute: no";
+  static constexpr auto kCalls = "lbm_src_topic_attr_";
+  static constexpr auto kName = "source topic attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM source topic attribute: no";
 };
 template <>
 struct Kind<ReceiverTopicAttributes> {
-  static constexpr auto calls = "lbm_rcv_topic_attr_";
-  static constexpr auto name = "receiver topic attributes";
-  static constexpr auto setFailed = "Failed to set LBM receiver topic attribute: no";
+  static constexpr auto kCalls = "lbm_rcv_topic_attr_";
+  static constexpr auto kName = "receiver topic attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM receiver topic attribute: no";
 };
 template <>
 struct Kind<EventQueueAttributes> {
-  static constexpr auto calls = "lbm_event_queue_attr_";
-  static constexpr auto name = "event queue attributes";
-  static constexpr auto setFailed = "Failed to set LBM topic attribute: no";
+  static constexpr auto kCalls = "lbm_event_queue_attr_";
+  static constexpr auto kName = "event queue attributes";
+  static constexpr auto kSetFailed = "Failed to set LBM topic attribute: no";
 };
 
 template <class Attributes>
 class AttributesTest : public LbmTest {
  protected:
-  static std::string Function(const char* suffix) { return std::string(Kind<Attributes>::calls) + suffix; }
+  static std::string Function(const char* suffix) { return std::string(Kind<Attributes>::kCalls) + suffix; }
   static std::string Failed(const std::string& verb) {
-    return "Failed to " + verb + " LBM " + Kind<Attributes>::name + ": no";
+    return "Failed to " + verb + " LBM " + Kind<Attributes>::kName + ": no";
   }
 };
 
@@ -88,19 +88,19 @@ TYPED_TEST(AttributesTest, FailuresSayWhatFailed) {
   Script(this->Function("dup"), no);
   EXPECT_EQ(ErrorOf([&] { TypeParam copy(attributes); }), this->Failed("duplicate"));
   Script(this->Function("str_setopt"), no);
-  EXPECT_EQ(ErrorOf([&] { attributes.SetString("name", "value"); }), Kind<TypeParam>::setFailed);
+  EXPECT_EQ(ErrorOf([&] { attributes.SetString("name", "value"); }), Kind<TypeParam>::kSetFailed);
   Script(this->Function("setopt"), no);
-  EXPECT_EQ(ErrorOf([&] { attributes.template Set<int>("name", 1); }), Kind<TypeParam>::setFailed);
-  EXPECT_THAT(LogCapture::Statements(), SizeIs(4));
+  EXPECT_EQ(ErrorOf([&] { attributes.template Set<int>("name", 1); }), Kind<TypeParam>::kSetFailed);
+  EXPECT_THAT(log_capture::Statements(), SizeIs(4));
 
-  LogCapture::Clear();
+  log_capture::Clear();
   auto* const doomed = new TypeParam;
   lbm_scripted::OnCall(this->Function("delete"), [handle = static_cast<void*>(*doomed)](const auto& call) {
     EXPECT_EQ(call.Pointer("attr"), handle);
   });
   Script(this->Function("delete"), no);
   delete doomed;
-  EXPECT_THAT(LogCapture::Statements(), ElementsAre(Statement(ZQLOG_ERROR, 71, this->Failed("delete"))));
+  EXPECT_THAT(log_capture::Statements(), ElementsAre(Statement(ZQLOG_ERROR, 71, this->Failed("delete"))));
   EXPECT_THAT(CallsTo(this->Function("delete")), SizeIs(1)) << "a failed delete is not tried again";
   lbm_scripted::Reset();  // the handle that could not be deleted
 }
@@ -115,7 +115,7 @@ TYPED_TEST(AttributesTest, OnlyMinusOneIsAFailure) {
     attributes.SetString("text", "value");
     attributes.template Set<int>("number", 1);
   }
-  EXPECT_THAT(LogCapture::Statements(), IsEmpty());
+  EXPECT_THAT(log_capture::Statements(), IsEmpty());
 }
 
 TYPED_TEST(AttributesTest, OptionsAreHandedOverExactly) {

@@ -36,12 +36,12 @@ class ContextTest : public LbmTest {
 TEST_F(ContextTest, LearnsItsNameAndTellsItsBeginningAndEnd) {
   const std::string longest(1023, 'n');
   for (const std::string& name : {std::string(), std::string("PRICEENVIRONMENT"), longest}) {
-    LogCapture::Clear();
+    log_capture::Clear();
     ContextAttributes attributes;
     attributes.SetString("context_name", name.c_str());
     auto context = std::make_unique<Context>(attributes);
     const std::string address = Address(*context);
-    EXPECT_THAT(LogCapture::Statements(),
+    EXPECT_THAT(log_capture::Statements(),
                 ElementsAre(Statement(ZQLOG_INFO_SEARCH, 616,
                                       "Created LBM context=" + address + " with attributes context_name=" + name)));
 
@@ -50,7 +50,7 @@ TEST_F(ContextTest, LearnsItsNameAndTellsItsBeginningAndEnd) {
     EXPECT_TRUE(created.IsNull("proc") && created.IsNull("clientd"));
     EXPECT_EQ(CallsTo("lbm_context_str_getopt").back().Number("optlen"), 1023);
 
-    LogCapture::SetMinLevel(ZQLOG_WALL);
+    log_capture::SetMinLevel(ZQLOG_WALL);
     EXPECT_EQ(Destroy(std::move(context)), "Destroying LBM context=" + address + " context_name=" + name + "\n");
   }
   EXPECT_THAT(CallsTo("lbm_context_delete"), SizeIs(3));
@@ -60,7 +60,7 @@ TEST_F(ContextTest, ANameThatCannotBeReadStaysEmpty) {
   Script("lbm_context_str_getopt", Failure(LBM_EINVAL, "bad option"));
   auto context = std::make_unique<Context>(ContextAttributes());
   EXPECT_THAT(
-      LogCapture::Statements(),
+      log_capture::Statements(),
       ElementsAre(Statement(ZQLOG_ERROR, 65, "Failed to get context string option: bad option"),
                   Statement(ZQLOG_WARNING, 613,
                             "Failed to get context name from context Failed to get context string option: bad option"),
@@ -82,12 +82,12 @@ TEST_F(ContextTest, NaksCannotBeSwitched) {
   const auto text = [](const std::string& verb) {
     return "Failed to " + verb + " NAKs. This feature is available in LBM versions 6.16.1 and above";
   };
-  EXPECT_THAT(LogCapture::Statements(),
+  EXPECT_THAT(log_capture::Statements(),
               ElementsAre(Statement(ZQLOG_ERROR, 733, text("enable")), Statement(ZQLOG_ERROR, 713, text("disable"))));
-  LogCapture::Clear();
-  LogCapture::SetMinLevel(ZQLOG_ALERT);
+  log_capture::Clear();
+  log_capture::SetMinLevel(ZQLOG_ALERT);
   EXPECT_EQ(context.EnableNAKs() + context.DisableNAKs(), -2);
-  EXPECT_THAT(LogCapture::Statements(), IsEmpty());
+  EXPECT_THAT(log_capture::Statements(), IsEmpty());
 }
 
 TEST_F(ContextTest, PollsAndReadsOptionsThroughTheLibrary) {

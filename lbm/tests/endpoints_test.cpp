@@ -61,20 +61,20 @@ TEST_F(ReceiverTest, SubscribesFromConstructionToDestruction) {
     lbm_scripted::OnCall("lbm_rcv_delete", [&](const auto&) {
       EXPECT_EQ(alive.use_count(), 2) << "the callback outlives the subscription";
     });
-    LogCapture::Clear();
+    log_capture::Clear();
   }
-  EXPECT_THAT(LogCapture::Statements(), ElementsAre(Statement(ZQLOG_INFO, 1162, "Deleting receiver on topic=PRICES"),
-                                                    Statement(ZQLOG_INFO, 1162, "Deleting receiver on topic=PRICES")));
+  EXPECT_THAT(log_capture::Statements(), ElementsAre(Statement(ZQLOG_INFO, 1162, "Deleting receiver on topic=PRICES"),
+                                                     Statement(ZQLOG_INFO, 1162, "Deleting receiver on topic=PRICES")));
   EXPECT_EQ(alive.use_count(), 1);
 }
 
 TEST_F(ReceiverTest, ThatCannotBeCreatedSaysSo) {
   const auto topic = TopicToReceive();
-  LogCapture::Clear();
+  log_capture::Clear();
   Script("lbm_rcv_create", Failure(LBM_EINVAL, "no"));
   EXPECT_EQ(ErrorOf([&] { Receiver(Ctx(), topic, nullptr, nullptr); }), "Failed to create LBM receiver: no");
-  EXPECT_THAT(LogCapture::Statements(), ElementsAre(Statement(ZQLOG_INFO, 1147, "Creating receiver on topic=PRICES"),
-                                                    Statement(ZQLOG_ERROR, 65, "Failed to create LBM receiver: no")));
+  EXPECT_THAT(log_capture::Statements(), ElementsAre(Statement(ZQLOG_INFO, 1147, "Creating receiver on topic=PRICES"),
+                                                     Statement(ZQLOG_ERROR, 65, "Failed to create LBM receiver: no")));
   EXPECT_THAT(CallsTo("lbm_rcv_delete"), IsEmpty());
 }
 
@@ -206,29 +206,29 @@ TEST_F(SourceTest, DestroyingTwiceDeletesOnce) {
   source.Destroy();
   source.Destroy();
   EXPECT_EQ(static_cast<lbm_src_t*>(source), nullptr);
-  EXPECT_THAT(LogCapture::Statements(),
+  EXPECT_THAT(log_capture::Statements(),
               ElementsAre(Statement(ZQLOG_INFO, 2027, "Creating source on topic=PRICES"), deleting,
                           Statement(ZQLOG_DEBUG, 2340, "Deleted topic=PRICES ret_code=3"), deleting));
   EXPECT_THAT(CallsTo("lbm_src_delete"), SizeIs(1));
 
-  LogCapture::Clear();
-  LogCapture::SetMinLevel(ZQLOG_INFO);
+  log_capture::Clear();
+  log_capture::SetMinLevel(ZQLOG_INFO);
   { const Source another(Ctx(), TopicToSend(), {}); }
-  EXPECT_THAT(LogCapture::Texts(), ElementsAre("Creating source on topic=PRICES", "Deleting source on topic=PRICES"));
+  EXPECT_THAT(log_capture::Texts(), ElementsAre("Creating source on topic=PRICES", "Deleting source on topic=PRICES"));
 }
 
 TEST_F(SourceTest, FailuresToCreateAndDeleteAreReported) {
-  LogCapture::SetMinLevel(ZQLOG_INFO_LOCAL);
+  log_capture::SetMinLevel(ZQLOG_INFO_LOCAL);
   Script("lbm_src_create", Failure(LBM_EINVAL, "no"));
   EXPECT_EQ(ErrorOf([&] { Source(Ctx(), TopicToSend(), {}); }), "Failed to create LBM sender: no");
   EXPECT_THAT(CallsTo("lbm_src_delete"), IsEmpty());
 
   Source source(Ctx(), TopicToSend(), {});
-  LogCapture::Clear();
+  log_capture::Clear();
   Script("lbm_src_delete", Failure(LBM_EOP, "no"));
   source.Destroy();
-  EXPECT_THAT(LogCapture::Statements(), ElementsAre(Statement(ZQLOG_INFO, 2331, "Deleting source on topic=PRICES"),
-                                                    Statement(ZQLOG_ERROR, 71, "Failed to delete LBM source: no")));
+  EXPECT_THAT(log_capture::Statements(), ElementsAre(Statement(ZQLOG_INFO, 2331, "Deleting source on topic=PRICES"),
+                                                     Statement(ZQLOG_ERROR, 71, "Failed to delete LBM source: no")));
   EXPECT_EQ(static_cast<lbm_src_t*>(source), nullptr) << "destroyed all the same";
   lbm_scripted::Reset();  // the handle that could not be deleted
 }
@@ -274,14 +274,14 @@ TEST_F(SourceTest, SendsInEveryForm) {
     EXPECT_EQ(ErrorOf(send), "Failed to send LBM message: full");
   }
 
-  LogCapture::Clear();
+  log_capture::Clear();
   Script("lbm_src_send", Failure(LBM_EWOULDBLOCK, "full"));
   EXPECT_EQ(source.SendEC("abcd", 4, LBM_SRC_NONBLOCK), -1);
   EXPECT_EQ(lbm_errnum(), LBM_EWOULDBLOCK);
   EXPECT_EQ(source.SendEC("abcd", 4, LBM_SRC_NONBLOCK), 0);
   Script("lbm_src_send_ex", {-2, 0, {}});
   EXPECT_EQ(source.SendExEC("abcd", 4, LBM_SRC_NONBLOCK, nullptr), -2);
-  EXPECT_THAT(LogCapture::Statements(), IsEmpty());
+  EXPECT_THAT(log_capture::Statements(), IsEmpty());
 }
 
 TEST_F(SourceTest, ARequestTakesResponsesUntilItGoes) {

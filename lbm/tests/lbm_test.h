@@ -15,7 +15,7 @@
 
 namespace lbm {
 
-namespace LogCapture = zq::logging::testing::LogCapture;
+namespace log_capture = zq::logging::testing::log_capture;
 using zq::logging::testing::CapturedStatement;
 
 class LbmTest : public ::testing::Test {
@@ -25,7 +25,7 @@ class LbmTest : public ::testing::Test {
     ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "1", 1);
     LbmTriageHandler::getInstance();
     lbm_scripted::Reset();
-    LogCapture::Clear();
+    log_capture::Clear();
   }
 
   void TearDown() override {
@@ -37,9 +37,9 @@ class LbmTest : public ::testing::Test {
   // Made on first use; what its creation logged and called is forgotten.
   Context& Ctx() {
     if (!m_context) {
-      LogCapture::SetMinLevel(zq::logging::ZQLOG_WALL);
+      log_capture::SetMinLevel(zq::logging::ZQLOG_WALL);
       m_context = std::make_unique<Context>(ContextAttributes());
-      LogCapture::SetMinLevel(zq::logging::ZQLOG_DEBUG);
+      log_capture::SetMinLevel(zq::logging::ZQLOG_DEBUG);
     }
     return *m_context;
   }

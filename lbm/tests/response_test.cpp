@@ -96,10 +96,10 @@ TEST_P(RetriesTest, SendsAndSleepsExactlyAsOftenAsTold) {
     EXPECT_EQ(send.Text("data"), "reply");
     EXPECT_EQ(send.Number("flags"), given.maxRetries == -1 ? 1 : 12);
   }
-  const auto errors = LogCapture::Find("Failed responding");
+  const auto errors = log_capture::Find("Failed responding");
   EXPECT_THAT(errors, SizeIs(given.result ? 0 : 1));
   EXPECT_THAT(
-      LogCapture::Statements(),
+      log_capture::Statements(),
       SizeIs(given.wouldBlock == lbm_scripted::kAlways ? given.sends : static_cast<std::size_t>(given.wouldBlock)));
 }
 
@@ -122,7 +122,7 @@ TEST_F(ResponseTest, EveryOutcomeHasItsLine) {
   EXPECT_FALSE(Response(nullptr).SendWithRetries("SRC", "TOPIC", "reply", 5, "ID", 1, 0, 0));
   const std::string wouldBlock = "LBMEWouldBlockException responding to requestId=ID retrySleepMs=10 retriesRemaining=";
   EXPECT_THAT(
-      LogCapture::Statements(),
+      log_capture::Statements(),
       ElementsAre(Statement(ZQLOG_DEBUG, 188, wouldBlock + "1 maxRetries=2 source=SRC topicName=TOPIC error=2"),
                   Statement(ZQLOG_ERROR, 179,
                             "Failed responding: requestId=ID retrySleepMs=10 retriesRemaining=0 maxRetries=2 "
@@ -147,7 +147,7 @@ TEST_F(ResponseTest, AMissingSourceOrTopicOnlyShortensTheLine) {
   EXPECT_FALSE(Send(1, 0, 0, "SRC", nullptr));
   EXPECT_FALSE(Response(nullptr).SendWithRetries(nullptr, "TOPIC", "reply", 5, "ID", 1, 0, 0));
   const std::string start = "Error responding to requestId=ID retrySleepMs=0 retriesRemaining=1 maxRetries=1 source=";
-  EXPECT_THAT(LogCapture::Texts(), ElementsAre(start, start + "SRC topicName=", "source="));
+  EXPECT_THAT(log_capture::Texts(), ElementsAre(start, start + "SRC topicName=", "source="));
 }
 
 TEST_F(ResponseTest, ASleepGoesOnAfterASignalAndEndsAtAnyOtherError) {
@@ -175,11 +175,11 @@ TEST_F(ResponseTest, TheOtherFormsSendTheSame) {
   Script("lbm_send_response", m_wouldBlock);
   EXPECT_EQ(ErrorOf([&] { response.Send("reply", 5, 0); }), "Failed to send LBM response: would block");
 
-  LogCapture::Clear();
+  log_capture::Clear();
   Script("lbm_send_response", m_wouldBlock);
   EXPECT_FALSE(response.SendWithRetries(m_request, "reply", "ID", 1, 0, 0));
-  EXPECT_THAT(LogCapture::Texts(), ElementsAre("Failed responding: requestId=ID retrySleepMs=0 retriesRemaining=0 "
-                                               "maxRetries=1 source=SRC topicName=TOPIC error=2"));
+  EXPECT_THAT(log_capture::Texts(), ElementsAre("Failed responding: requestId=ID retrySleepMs=0 retriesRemaining=0 "
+                                                "maxRetries=1 source=SRC topicName=TOPIC error=2"));
 }
 
 class EventQueueTest : public LbmTest {};

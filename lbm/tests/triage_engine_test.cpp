@@ -53,7 +53,7 @@ class Served {
       ::setenv("TRIAGE_HANDLER_USE_EVENT_QUEUE", eventQueue, 1);
       ::setenv("CHEF_ENVIRONMENT", "engine", 1);
       ::setenv("DATA_CENTER", dataCenter, 1);
-      zq::logging::testing::LogCapture::SetMinLevel(zq::logging::ZQLOG_INFO_SEARCH);
+      zq::logging::testing::log_capture::SetMinLevel(zq::logging::ZQLOG_INFO_SEARCH);
       Context context(Sequential(""));
       for (;;) {
         context.Poll(100);
@@ -152,13 +152,13 @@ class TriageEngineTest : public ::testing::TestWithParam<const char*> {
     Served plain{kPlain, ""};
     Served withEventQueue{kWithEventQueue, "1"};
   };
-  static void SetUpTestSuite() { s_others = std::make_unique<Others>(); }
-  static void TearDownTestSuite() { s_others.reset(); }
+  static void SetUpTestSuite() { g_s_others = std::make_unique<Others>(); }
+  static void TearDownTestSuite() { g_s_others.reset(); }
 
   Tool m_tool{GetParam()};
 
  private:
-  static inline std::unique_ptr<Others> s_others;
+  static inline std::unique_ptr<Others> g_s_others;
 };
 
 TEST_P(TriageEngineTest, RequestsAreAnsweredWithTheirIdWhateverItIs) {

@@ -33,11 +33,11 @@ std::vector<std::string> TopicsLookedUp() {
 // How many registered contexts a request for one with an empty name ("ORDER") reaches. The request is made by hand, as
 // the tool that sends it would.
 std::size_t ContextsWithoutName() {
-  LogCapture::Clear();
+  log_capture::Clear();
   const std::string wire("\x0a\x03\x08\x95\x0a\x12\x0d\x0a\x0b\x0a\x03\x08\x98\x0a\x12\x04\x08\x00\x10\x01", 20);
   lbm_scripted::Deliver(FindReceiver(kEnvTopic), {wire, LBM_MSG_REQUEST});
   EXPECT_THAT(TriageLines(), ::testing::Contains("17 begin toggling NAKs for contexts matching  enable_naks=1"));
-  return LogCapture::Find(std::string("Failed to enable") + kToggle).size();
+  return log_capture::Find(std::string("Failed to enable") + kToggle).size();
 }
 
 TEST(TriageRegistryTest, AVariableDisablesTheHandler) {
@@ -80,7 +80,7 @@ TEST(TriageRegistryTest, TheFirstContextWithoutANameHasTheReceivers) {
       [] {
         const auto named = MakeContext("PRICEENVIRONMENT");
         EXPECT_THAT(TopicsLookedUp(), IsEmpty());
-        LogCapture::Clear();
+        log_capture::Clear();
 
         auto first = MakeContext();
         const std::string context = Handle(*first);
@@ -99,7 +99,7 @@ TEST(TriageRegistryTest, TheFirstContextWithoutANameHasTheReceivers) {
         EXPECT_THAT(TopicsLookedUp(), SizeIs(2));
         EXPECT_EQ(ContextsWithoutName(), 2U);
 
-        LogCapture::Clear();
+        log_capture::Clear();
         lbm_scripted::OnCall("lbm_context_delete",
                              [](const auto&) { EXPECT_THAT(lbm_scripted::LiveHandles("rcv"), IsEmpty()); });
         first.reset();
@@ -125,13 +125,13 @@ TEST(TriageRegistryTest, AnEntryIsOneRegistrationOfAContext) {
     handler->registerContext("", other.get());
     handler->registerContext("", other.get());
     EXPECT_EQ(ContextsWithoutName(), 3U);
-    LogCapture::Clear();
+    log_capture::Clear();
     handler->unregisterContext(other.get());
     EXPECT_THAT(TriageLines(), ElementsAre("17 unregistering context=" + Handle(*other) + " with name="));
     EXPECT_EQ(ContextsWithoutName(), 2U);
     handler->unregisterContext(other.get());
     handler->unregisterContext(other.get());
-    LogCapture::Clear();
+    log_capture::Clear();
     handler->unregisterContext(other.get());
     EXPECT_THAT(TriageLines(), IsEmpty()) << "it was unregistered as often as it was registered";
 
@@ -215,7 +215,7 @@ TEST_P(TriageRetriesTest, AreReadLeniently) {
 
     Script("lbm_send_response", Failure(LBM_ENOMEM, "no memory"));
     ContextsWithoutName();
-    EXPECT_THAT(LogCapture::Find("Error responding to requestId="),
+    EXPECT_THAT(log_capture::Find("Error responding to requestId="),
                 ElementsAre(::testing::Field(
                     &CapturedStatement::text,
                     HasSubstr(" retrySleepMs=" + std::to_string(given.timeMs) +
@@ -265,11 +265,11 @@ TEST(TriageEventQueueTest, ItsThreadServesRequestsUntilTheProcessEnds) {
         for (const auto& call : CallsTo("lbm_rcv_create")) {
           EXPECT_EQ(call.Pointer("evq"), queue);
         }
-        const auto started = LogCapture::Find("started triage_handler event_queue=");
+        const auto started = log_capture::Find("started triage_handler event_queue=");
         ASSERT_THAT(started, SizeIs(1));
         EXPECT_EQ(started[0].level, zq::logging::ZQLOG_INFO);
         EXPECT_THAT(started[0].text, ::testing::ContainsRegex("event_queue=0x[0-9a-f]+ thread_id=[0-9]+$"));
-        EXPECT_TRUE(LogCapture::WaitForText(" loop starting"));
+        EXPECT_TRUE(log_capture::WaitForText(" loop starting"));
         EXPECT_THAT(TriageLines(),
                     ::testing::IsSupersetOf({"17 Initializing LbmTriageHandler",
                                              "17 triage_handler using EventQueue because env variable is set "

@@ -56,7 +56,7 @@ void DeliverRequest(const std::string& data, const char* topic = kEnvTopic) {
 
 // The handler's lines about a request, without those that say that it came and went.
 std::vector<std::string> LinesAbout(const std::string& data) {
-  LogCapture::Clear();
+  log_capture::Clear();
   DeliverRequest(data);
   std::vector<std::string> lines = TriageLines();
   EXPECT_THAT(lines, SizeIs(::testing::Ge(2U)));
@@ -108,7 +108,7 @@ TEST_P(TriageNaksTest, AreSwitchedOnMatchingContextsOnly) {
     const auto switched = [&](bool enable) {
       LinesAbout(NakKill(given.context, enable));
       EXPECT_EQ(LastResponse().status(), triage::TRIAGE_RESPONSE_STATUS_SUCCESS);
-      return LogCapture::Find(enable ? "Failed to enable NAKs" : "Failed to disable NAKs").size();
+      return log_capture::Find(enable ? "Failed to enable NAKs" : "Failed to disable NAKs").size();
     };
     const std::size_t fromHost = given.matching.count("");
     EXPECT_EQ(switched(true), fromHost);
@@ -220,7 +220,7 @@ TEST(TriageRequestsTest, NoFailureEscapes) {
     const auto context = MakeContext();
     lbm_scripted::Script("lbm_send_response", lbm_scripted::Failure(LBM_EWOULDBLOCK, "would block"));
     EXPECT_THAT(LinesAbout(TestRequest()), SizeIs(2)) << "the answer is lost without a word";
-    EXPECT_THAT(LogCapture::Find("Failed responding"), IsEmpty());
+    EXPECT_THAT(log_capture::Find("Failed responding"), IsEmpty());
 
     lbm_scripted::OnCall("lbm_send_response", [](const auto&) { throw std::runtime_error("out of luck"); });
     EXPECT_THAT(LinesAbout(TestRequest()).back(),
@@ -242,7 +242,7 @@ TEST(TriageEventsTest, AreTracedByTypeAndOnlyRequestsAreServed) {
         continue;
       }
       SCOPED_TRACE(type);
-      LogCapture::Clear();
+      log_capture::Clear();
       lbm_scripted::Message message{TestRequest(), type, -2, 4294967295U, "TOOL"};
       EXPECT_EQ(lbm_scripted::Deliver(lbm_scripted::FindReceiver(kEnvDcTopic), message), 0);
       std::vector<std::string> expected;
@@ -259,13 +259,13 @@ TEST(TriageEventsTest, AreTracedByTypeAndOnlyRequestsAreServed) {
 TEST(TriageEventsTest, TheLevelIsLookedAtForEachLine) {
   InProcessWith(kNames, [] {
     const auto context = MakeContext();
-    LogCapture::Clear();
-    LogCapture::SetMinLevel(zq::logging::ZQLOG_WARNING);
+    log_capture::Clear();
+    log_capture::SetMinLevel(zq::logging::ZQLOG_WARNING);
     DeliverRequest(TestRequest());
     EXPECT_THAT(CallsTo("lbm_send_response"), SizeIs(1));
     EXPECT_THAT(TriageLines(), IsEmpty());
 
-    lbm_scripted::OnCall("lbm_send_response", [](const auto&) { LogCapture::SetMinLevel(zq::logging::ZQLOG_DEBUG); });
+    lbm_scripted::OnCall("lbm_send_response", [](const auto&) { log_capture::SetMinLevel(zq::logging::ZQLOG_DEBUG); });
     DeliverRequest(TestRequest());
     EXPECT_THAT(TriageLines(), ElementsAre(kFinished));
   });

@@ -41,7 +41,7 @@ inline void SetEnvironment(const Variables& variables) {
 [[noreturn]] inline void RunAndExit(const Variables& variables, const std::function<void()>& body) {
   SetEnvironment(variables);
   lbm_scripted::Reset();
-  LogCapture::Clear();
+  log_capture::Clear();
   body();
   EXPECT_THAT(lbm_scripted::Problems(), ::testing::IsEmpty());
   EXPECT_THAT(lbm_scripted::LiveHandles("msg"), ::testing::IsEmpty());
@@ -73,10 +73,10 @@ inline std::string Text(const void* address) {
 
 inline std::string Handle(Context& context) { return Text(static_cast<lbm_context_t*>(context)); }
 
-// "<level> <text>" of each of the handler's statements since LogCapture::Clear.
+// "<level> <text>" of each of the handler's statements since log_capture::Clear.
 inline std::vector<std::string> TriageLines() {
   std::vector<std::string> lines;
-  for (const CapturedStatement& statement : LogCapture::Statements()) {
+  for (const CapturedStatement& statement : log_capture::Statements()) {
     if (statement.source == "lbm_triage_handler") {
       EXPECT_EQ(statement.file, "lbm/include/lbm/lbm_cpp");
       EXPECT_EQ(statement.id, 0U);

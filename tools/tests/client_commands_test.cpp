@@ -87,7 +87,9 @@ TEST_F(ClientCommandsTest, WhatCannotBeObeyedIsAnsweredAndCounted) {
   EXPECT_EQ(before.at("instances_up"), 0);
 
   EXPECT_EQ(trader.Command("dance").result, "unknown command \"dance\"; known: report, pause, resume, quit");
-  for (const char* bytes : {"", "report", "{}", "[1, 2, 3]", "\xff\xfe"}) EXPECT_TRUE(trader.Send(bytes));
+  for (const char* bytes : {"", "report", "{}", "[1, 2, 3]", "\xff\xfe"}) {
+    EXPECT_TRUE(trader.Send(bytes));
+  }
   EXPECT_TRUE(trader.Send(R"({"id": 1000, "command": 7})"));
   EXPECT_EQ(trader.WaitForAnswer(1000).result, "not a command that can be read");
   const auto after = trader.Command("report").figures;
@@ -115,7 +117,9 @@ TEST_F(ClientCommandsTest, AServerThatComesUpIsAskedForItsProductsUntilItAnswers
   int requests = 0;
   server.Receive(TopicNames::CreateClientRequestTopic(Instance()), [&](const lbm::Message& message) {
     const auto request = feed::DecodeClientRequest({message.Data(), message.Length()});
-    if (message.Type() != LBM_MSG_REQUEST || !request || ++requests == 1) return;
+    if (message.Type() != LBM_MSG_REQUEST || !request || ++requests == 1) {
+      return;
+    }
     feed::ClientResponse response;
     response.id = request->id;
     response.result = feed::kResultOk;
@@ -142,7 +146,9 @@ TEST_F(ClientCommandsTest, GarbageOnTheTopicsOfAServerIsCountedAndNothingElse) {
   };
   const std::string hostile[] = {"", "{", R"({"id": 1})", std::string(1000, '['), std::string("\0\xff", 2)};
   for (const auto& topic : topics) {
-    for (const auto& bytes : hostile) ASSERT_TRUE(trader.AsPeer().Send(topic, bytes)) << topic;
+    for (const auto& bytes : hostile) {
+      ASSERT_TRUE(trader.AsPeer().Send(topic, bytes)) << topic;
+    }
     ASSERT_TRUE(trader.AsPeer().Send(topic, std::string(100'000, 'x')));
   }
   feed::CommandAnswer::Figures figures;

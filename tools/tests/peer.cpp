@@ -35,7 +35,9 @@ Peer::Peer(const std::filesystem::path& runtimeDirectory) {
 bool Peer::WaitUntil(const std::function<bool()>& done) {
   const auto end = Clock::now() + kDeadline;
   while (!done()) {
-    if (Clock::now() > end) return false;
+    if (Clock::now() > end) {
+      return false;
+    }
     m_context->Poll(10);
   }
   return true;
@@ -46,7 +48,9 @@ lbm::Source* Peer::SourceOn(const std::string& topicName) {
   if (!outlet.source) {
     const lbm::SourceTopic topic(*m_context, topicName, lbm::SourceTopicAttributes());
     outlet.source = std::make_unique<lbm::Source>(*m_context, topic, [&outlet](int event, void*) {
-      if (event == LBM_SRC_EVENT_CONNECT) outlet.hasSubscriber = true;
+      if (event == LBM_SRC_EVENT_CONNECT) {
+        outlet.hasSubscriber = true;
+      }
     });
   }
   return WaitUntil([&] { return outlet.hasSubscriber; }) ? outlet.source.get() : nullptr;
@@ -54,17 +58,23 @@ lbm::Source* Peer::SourceOn(const std::string& topicName) {
 
 bool Peer::Send(const std::string& topicName, const std::string& bytes) {
   auto* source = SourceOn(topicName);
-  if (source != nullptr) source->Send(bytes.data(), bytes.size(), LBM_SRC_FLUSH);
+  if (source != nullptr) {
+    source->Send(bytes.data(), bytes.size(), LBM_SRC_FLUSH);
+  }
   return source != nullptr;
 }
 
 bool Peer::Request(const std::string& topicName, const std::string& bytes,
                    const std::function<bool(std::string_view)>& take) {
   auto* source = SourceOn(topicName);
-  if (source == nullptr) return false;
+  if (source == nullptr) {
+    return false;
+  }
   bool isDone = false;
   const auto request = source->SendRequest(bytes.data(), bytes.size(), LBM_SRC_FLUSH, [&](const lbm::Message& message) {
-    if (!isDone) isDone = take({message.Data(), message.Length()});
+    if (!isDone) {
+      isDone = take({message.Data(), message.Length()});
+    }
   });
   return WaitUntil([&] { return isDone; });
 }
@@ -80,7 +90,9 @@ Operator::Operator(const std::filesystem::path& runtimeDirectory, const std::str
       m_idTopic(TopicNames::CreateClientIDCommandTopic(clientID)) {
   m_peer.Receive(TopicNames::CreateClientCommandResponseTopic(host, clientID), [this](const lbm::Message& message) {
     const auto answer = feed::DecodeCommandAnswer({message.Data(), message.Length()});
-    if (answer) m_answers[answer->id] = *answer;
+    if (answer) {
+      m_answers[answer->id] = *answer;
+    }
   });
   // The client may not know yet that somebody listens to its answers.
   auto nextTry = Clock::now();
@@ -94,7 +106,9 @@ Operator::Operator(const std::filesystem::path& runtimeDirectory, const std::str
     }
     return !m_answers.empty();
   });
-  if (!hasAnswered) throw std::runtime_error("no answer from client " + clientID);
+  if (!hasAnswered) {
+    throw std::runtime_error("no answer from client " + clientID);
+  }
 }
 
 feed::CommandAnswer Operator::Ask(const std::string& topicName, const std::string& name) {

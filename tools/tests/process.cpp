@@ -20,7 +20,9 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kDeadline = std::chrono::seconds(60);
 
 void Check(bool good, const char* what) {
-  if (!good) throw std::system_error(errno, std::generic_category(), what);
+  if (!good) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
 }
 
 struct Channel {
@@ -49,10 +51,14 @@ Channel MakeTerminal() {
 
 Process::Process(std::vector<std::string> command, const Environment& environment, Terminal terminal) {
   std::vector<char*> arguments;
-  for (auto& argument : command) arguments.push_back(argument.data());
+  for (auto& argument : command) {
+    arguments.push_back(argument.data());
+  }
   arguments.push_back(nullptr);
   std::vector<std::string> assignments;
-  for (const auto& [name, value] : environment) assignments.push_back(name + '=' + value);
+  for (const auto& [name, value] : environment) {
+    assignments.push_back(name + '=' + value);
+  }
 
   const auto input = MakePipe();
   const auto output = terminal == Terminal::kOutput ? MakeTerminal() : MakePipe();
@@ -63,7 +69,9 @@ Process::Process(std::vector<std::string> command, const Environment& environmen
     ::dup2(input.reader, STDIN_FILENO);
     ::dup2(output.writer, STDOUT_FILENO);
     ::dup2(errors.writer, STDERR_FILENO);
-    for (auto& assignment : assignments) ::putenv(assignment.data());
+    for (auto& assignment : assignments) {
+      ::putenv(assignment.data());
+    }
     ::execv(arguments[0], arguments.data());
     ::_exit(127);
   }
@@ -81,8 +89,12 @@ Process::~Process() {
     ::waitpid(m_process, nullptr, 0);
   }
   CloseInput();
-  if (m_outputFile >= 0) ::close(m_outputFile);
-  if (m_errorFile >= 0) ::close(m_errorFile);
+  if (m_outputFile >= 0) {
+    ::close(m_outputFile);
+  }
+  if (m_errorFile >= 0) {
+    ::close(m_errorFile);
+  }
 }
 
 void Process::Signal(int signal) const { ::kill(m_process, signal); }
@@ -93,7 +105,9 @@ void Process::Write(const std::string& input) const {
 }
 
 void Process::CloseInput() {
-  if (m_inputFile >= 0) ::close(m_inputFile);
+  if (m_inputFile >= 0) {
+    ::close(m_inputFile);
+  }
   m_inputFile = -1;
 }
 
@@ -101,11 +115,17 @@ bool Process::ReadUntil(const std::function<bool()>& done) {
   const auto end = Clock::now() + kDeadline;
   while (!done()) {
     std::array<pollfd, 2> files{{{m_outputFile, POLLIN, 0}, {m_errorFile, POLLIN, 0}}};
-    if (m_outputFile < 0 && m_errorFile < 0) return true;
+    if (m_outputFile < 0 && m_errorFile < 0) {
+      return true;
+    }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-    if (left <= 0 || ::poll(files.data(), files.size(), static_cast<int>(left)) <= 0) return false;
+    if (left <= 0 || ::poll(files.data(), files.size(), static_cast<int>(left)) <= 0) {
+      return false;
+    }
     const auto take = [](const pollfd& ready, int& file, std::string& text) {
-      if (ready.revents == 0) return;
+      if (ready.revents == 0) {
+        return;
+      }
       std::array<char, 4096> buffer;
       const auto length = ::read(file, buffer.data(), buffer.size());
       if (length > 0) {
@@ -124,13 +144,17 @@ bool Process::ReadUntil(const std::function<bool()>& done) {
 bool Process::WaitForOutput(const std::string& text) {
   std::size_t found = std::string::npos;
   const auto look = [&] { return (found = m_output.find(text, m_passed)) != std::string::npos; };
-  if (!ReadUntil(look) || found == std::string::npos) return false;
+  if (!ReadUntil(look) || found == std::string::npos) {
+    return false;
+  }
   m_passed = found + text.size();
   return true;
 }
 
 int Process::Wait() {
-  if (!ReadUntil([] { return false; })) return -1;
+  if (!ReadUntil([] { return false; })) {
+    return -1;
+  }
   int status = 0;
   ::waitpid(m_process, &status, 0);
   m_process = -1;

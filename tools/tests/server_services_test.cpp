@@ -66,7 +66,9 @@ template <class Message, class Decode>
 std::shared_ptr<std::vector<Message>> Listen(Peer& peer, const std::string& topic, const Decode& decode) {
   auto messages = std::make_shared<std::vector<Message>>();
   peer.Receive(topic, [messages, decode](const lbm::Message& message) {
-    if (message.Type() != LBM_MSG_DATA) return;
+    if (message.Type() != LBM_MSG_DATA) {
+      return;
+    }
     const auto decoded = decode({message.Data(), message.Length()});
     ASSERT_TRUE(decoded) << message.TopicName();
     messages->push_back(*decoded);
@@ -122,7 +124,9 @@ TEST_F(ServerServicesTest, EveryRequestIsAnswered) {
   {
     std::ofstream file(prices);
     file << "symbol,date,price\n";
-    for (int i = 0; i < 250; ++i) file << 'S' << i << ",2000-01-03," << i << '\n';
+    for (int i = 0; i < 250; ++i) {
+      file << 'S' << i << ",2000-01-03," << i << '\n';
+    }
   }
   Process server(Server({}, prices), m_environment);
   Peer peer(m_runtime.Path());
@@ -135,7 +139,9 @@ TEST_F(ServerServicesTest, EveryRequestIsAnswered) {
   for (const auto& response : all) {
     EXPECT_EQ(response.id, 7U);
     EXPECT_EQ(response.result, "ok");
-    for (const auto& product : response.products) EXPECT_EQ(product.symbol.View().substr(1), std::to_string(count++));
+    for (const auto& product : response.products) {
+      EXPECT_EQ(product.symbol.View().substr(1), std::to_string(count++));
+    }
   }
   EXPECT_EQ(count, 250U);
 

@@ -109,7 +109,9 @@ TEST_F(TriageToolTest, ToolsThatAskAtOnceAllGetTheirAnswersWhileProcessesComeAnd
     passing->Wait();
     const auto killed = Client();
   }
-  for (const auto& tool : tools) EndOf(*tool, 0);
+  for (const auto& tool : tools) {
+    EndOf(*tool, 0);
+  }
   EndOf(*Triage({"test", "--expect=1"}), 0);
 }
 

@@ -18,7 +18,7 @@ class Sink {
   virtual ~Sink() = default;
 
   // The payload without anything that the contender added. May send.
-  virtual void take(const char* data, std::size_t length) = 0;
+  virtual void Take(const char* data, std::size_t length) = 0;
 };
 
 // The part that one process plays. All nodes of a measurement are described alike, so that each finds the others.
@@ -37,11 +37,11 @@ class Node {
 
   // Sends on the topic of that place in NodeSetup::publishes. Waits for room when the library is set to; never drops
   // where it can be set not to. Throws when the library refuses.
-  virtual void send(std::size_t topic, const char* data, std::size_t length) = 0;
+  virtual void Send(std::size_t topic, const char* data, std::size_t length) = 0;
 
   // Gives the sink what has arrived, waiting up to timeoutMs for the first message; 0 only looks. Need not be called
   // for nodes that subscribe to nothing.
-  virtual void poll(int timeoutMs) = 0;
+  virtual void Poll(int timeoutMs) = 0;
 };
 
 struct Description {
@@ -59,12 +59,12 @@ struct Description {
 class Contender {
  public:
   virtual ~Contender() = default;
-  virtual Description describe() const = 0;
-  virtual std::unique_ptr<Node> makeNode(const NodeSetup& setup) = 0;
+  virtual Description Describe() const = 0;
+  virtual std::unique_ptr<Node> MakeNode(const NodeSetup& setup) = 0;
 };
 
 // directory: an empty one for this measurement alone, in memory where the machine has such a file system.
-std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory);
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory);
 
 // Contenders without topics in their protocol, only a prefix to match, begin each message with the topic's name; all
 // names have this length.

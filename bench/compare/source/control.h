@@ -15,7 +15,7 @@ namespace compare {
 
 using Clock = std::chrono::steady_clock;
 
-enum class Phase : std::uint32_t { preparing, warmUp, measuring, draining, over };
+enum class Phase : std::uint32_t { kPreparing, kWarmUp, kMeasuring, kDraining, kOver };
 
 inline constexpr std::size_t kReceiversMax = 64;
 inline constexpr std::size_t kSamplesMax = 1 << 20;
@@ -36,7 +36,7 @@ struct alignas(kCacheLine) Samples {
 };
 
 struct Control {
-  alignas(kCacheLine) std::atomic<Phase> phase{Phase::preparing};
+  alignas(kCacheLine) std::atomic<Phase> phase{Phase::kPreparing};
   std::atomic<std::uint32_t> idlePeersReady{0};
   alignas(kCacheLine) std::atomic<std::uint64_t> sent{0};  // in all, set when the last one is sent
   std::array<ReceiverCount, kReceiversMax> receivers;

@@ -44,14 +44,14 @@ struct Control {
   std::array<double, kJoins> foundSeconds{};
 };
 
-void check(int result) {
+void Check(int result) {
   if (result == -1) {
     throw std::runtime_error(lbm_errmsg());
   }
 }
 
 // The number of that line of a file of the proc file system.
-std::uint64_t procNumber(const char* file, const std::string& label) {
+std::uint64_t ProcNumber(const char* file, const std::string& label) {
   std::ifstream lines(file);
   for (std::string word; lines >> word;) {
     if (word == label + ":") {
@@ -63,26 +63,26 @@ std::uint64_t procNumber(const char* file, const std::string& label) {
   throw std::runtime_error(std::string("no ") + label + " in " + file);
 }
 
-double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
+double Seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
-int countFound(const char*, const char*, void* clientd) {
+int CountFound(const char*, const char*, void* clientd) {
   static_cast<std::atomic<std::uint64_t>*>(clientd)->fetch_add(1, std::memory_order_relaxed);
   return 0;
 }
 
-lbm_context_t* createContext(const char* mode, std::atomic<std::uint64_t>& found) {
+lbm_context_t* CreateContext(const char* mode, std::atomic<std::uint64_t>& found) {
   lbm_context_attr_t* attributes = nullptr;
-  check(lbm_context_attr_create(&attributes));
-  check(lbm_context_attr_str_setopt(attributes, "operational_mode", mode));
-  const lbm_src_notify_func_t notify{countFound, &found};
-  check(lbm_context_attr_setopt(attributes, "resolver_source_notification_function", &notify, sizeof notify));
+  Check(lbm_context_attr_create(&attributes));
+  Check(lbm_context_attr_str_setopt(attributes, "operational_mode", mode));
+  const lbm_src_notify_func_t notify{CountFound, &found};
+  Check(lbm_context_attr_setopt(attributes, "resolver_source_notification_function", &notify, sizeof notify));
   lbm_context_t* context = nullptr;
-  check(lbm_context_create(&context, attributes, nullptr, nullptr));
-  check(lbm_context_attr_delete(attributes));
+  Check(lbm_context_create(&context, attributes, nullptr, nullptr));
+  Check(lbm_context_attr_delete(attributes));
   return context;
 }
 
-std::uint64_t openDescriptors() {
+std::uint64_t OpenDescriptors() {
   std::uint64_t count = 0;
   DIR* const directory = ::opendir("/proc/self/fd");
   while (::readdir(directory) != nullptr) {
@@ -93,43 +93,43 @@ std::uint64_t openDescriptors() {
 }
 
 // Some contexts of the domain; never returns.
-void inhabit(Control& control, std::size_t contexts, std::size_t sourcesOfEach, std::size_t firstNumber) {
+void Inhabit(Control& control, std::size_t contexts, std::size_t sourcesOfEach, std::size_t firstNumber) {
   for (std::size_t number = firstNumber; number < firstNumber + contexts; ++number) {
-    lbm_context_t* const context = createContext("embedded", control.found);
+    lbm_context_t* const context = CreateContext("embedded", control.found);
     for (std::size_t source = 0; source < sourcesOfEach; ++source) {
       const std::string name = "topic." + std::to_string(number) + "." + std::to_string(source);
       lbm_topic_t* topic = nullptr;
       lbm_src_t* made = nullptr;
-      check(lbm_src_topic_alloc(&topic, context, name.c_str(), nullptr));
-      check(lbm_src_create(&made, context, topic, nullptr, nullptr, nullptr));
+      Check(lbm_src_topic_alloc(&topic, context, name.c_str(), nullptr));
+      Check(lbm_src_create(&made, context, topic, nullptr, nullptr, nullptr));
     }
     control.contexts.fetch_add(1);
   }
   while (!control.measureMemory.load()) {
     std::this_thread::sleep_for(10ms);
   }
-  control.heapKiB.fetch_add(procNumber("/proc/self/status", "RssAnon"));
-  control.descriptors.fetch_add(openDescriptors());
+  control.heapKiB.fetch_add(ProcNumber("/proc/self/status", "RssAnon"));
+  control.descriptors.fetch_add(OpenDescriptors());
   control.processesMeasured.fetch_add(1);
   while (true) {
     std::this_thread::sleep_for(1h);
   }
 }
 
-void join(Control& control, std::size_t sources, std::size_t turn) {
+void Join(Control& control, std::size_t sources, std::size_t turn) {
   std::atomic<std::uint64_t> found{0};
   const Clock::time_point start = Clock::now();
-  lbm_context_t* const context = createContext("sequential", found);
-  control.createSeconds[turn] = seconds(Clock::now() - start);
+  lbm_context_t* const context = CreateContext("sequential", found);
+  control.createSeconds[turn] = Seconds(Clock::now() - start);
   while (found.load() < sources) {
-    check(lbm_context_process_events(context, 10));
+    Check(lbm_context_process_events(context, 10));
   }
-  control.foundSeconds[turn] = seconds(Clock::now() - start);
+  control.foundSeconds[turn] = Seconds(Clock::now() - start);
   lbm_context_delete(context);
 }
 
 // Why a domain of that size is not to be tried; empty when it may be.
-std::string tooLarge(std::size_t contexts) {
+std::string TooLarge(std::size_t contexts) {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = limit.rlim_max;
@@ -148,15 +148,15 @@ std::string tooLarge(std::size_t contexts) {
   return {};
 }
 
-nlohmann::json measure(std::size_t contexts, std::size_t sources, std::chrono::seconds atMost) {
+nlohmann::json Measure(std::size_t contexts, std::size_t sources, std::chrono::seconds atMost) {
   nlohmann::json result{{"contexts", contexts}, {"sources", sources}};
-  if (const std::string reason = tooLarge(contexts); !reason.empty()) {
+  if (const std::string reason = TooLarge(contexts); !reason.empty()) {
     result["stopped"] = reason;
     return result;
   }
   const compare::Shared<Control> control;
-  const std::uint64_t memoryTotal = procNumber("/proc/meminfo", "MemTotal");
-  const std::uint64_t slabBefore = procNumber("/proc/meminfo", "Slab");
+  const std::uint64_t memoryTotal = ProcNumber("/proc/meminfo", "MemTotal");
+  const std::uint64_t slabBefore = ProcNumber("/proc/meminfo", "Slab");
   const Clock::time_point start = Clock::now();
   const Clock::time_point deadline = start + atMost;
 
@@ -164,15 +164,15 @@ nlohmann::json measure(std::size_t contexts, std::size_t sources, std::chrono::s
   std::uint64_t processes = 0;
   for (std::size_t number = 0; number < contexts; number += kContextsInProcess, ++processes) {
     const std::size_t count = std::min(kContextsInProcess, contexts - number);
-    inhabitants.start([&, number, count] { inhabit(*control, count, sources / contexts, number); });
+    inhabitants.Start([&, number, count] { Inhabit(*control, count, sources / contexts, number); });
   }
 
   // Every context finds its own sources too.
   const auto reached = [&](const std::atomic<std::uint64_t>& count, std::uint64_t wanted) {
     while (count.load() < wanted) {
       std::this_thread::sleep_for(5ms);
-      inhabitants.throwIfAnyEnded();
-      const std::uint64_t memoryNow = procNumber("/proc/meminfo", "MemAvailable");
+      inhabitants.ThrowIfAnyEnded();
+      const std::uint64_t memoryNow = ProcNumber("/proc/meminfo", "MemAvailable");
       if (static_cast<double>(memoryNow) < kMemoryLeft * static_cast<double>(memoryTotal)) {
         result["stopped"] = "memory ran short";
       } else if (Clock::now() > deadline) {
@@ -189,25 +189,25 @@ nlohmann::json measure(std::size_t contexts, std::size_t sources, std::chrono::s
   if (!reached(control->contexts, contexts)) {
     return result;
   }
-  result["create_seconds"] = seconds(Clock::now() - start);
+  result["create_seconds"] = Seconds(Clock::now() - start);
   if (!reached(control->found, contexts * sources)) {
     return result;
   }
-  result["settle_seconds"] = seconds(Clock::now() - start);
+  result["settle_seconds"] = Seconds(Clock::now() - start);
 
   control->measureMemory.store(true);
   if (!reached(control->processesMeasured, processes)) {
     return result;
   }
-  const std::uint64_t slabAfter = procNumber("/proc/meminfo", "Slab");
+  const std::uint64_t slabAfter = ProcNumber("/proc/meminfo", "Slab");
   result["heap_mib"] = control->heapKiB.load() / 1024;
   result["kernel_mib"] = slabAfter > slabBefore ? (slabAfter - slabBefore) / 1024 : 0;
   result["descriptors"] = control->descriptors.load();
 
   for (std::size_t turn = 0; turn < kJoins; ++turn) {
     compare::Processes joiner;
-    joiner.start([&] { join(*control, sources, turn); });
-    joiner.wait(atMost);
+    joiner.Start([&] { Join(*control, sources, turn); });
+    joiner.Wait(atMost);
   }
   result["join_create_seconds"] = control->createSeconds;
   result["join_seconds"] = control->foundSeconds;
@@ -229,7 +229,7 @@ int main(int argc, char** argv) try {
 
   const test_support::TemporaryDirectory directory;
   ::setenv("LBM_RUNTIME_DIR", directory.Path().c_str(), 1);
-  std::puts(measure(contexts, sources, std::chrono::seconds(atMost)).dump().c_str());
+  std::puts(Measure(contexts, sources, std::chrono::seconds(atMost)).dump().c_str());
   return 0;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());

@@ -13,17 +13,17 @@
 
 namespace {
 
-nlohmann::json toJson(const compare::Description& description) {
+nlohmann::json ToJson(const compare::Description& description) {
   return {{"name", description.name},     {"version", description.version}, {"transport", description.transport},
           {"pacing", description.pacing}, {"spins", description.spins},     {"topics", description.topics},
           {"pinned", description.pinned}, {"window", description.window}};
 }
 
-nlohmann::json toJson(const compare::RateResult& result) {
+nlohmann::json ToJson(const compare::RateResult& result) {
   return {{"slowest", result.slowest}, {"all", result.all}, {"sent", result.sent}, {"lost", result.lost}};
 }
 
-nlohmann::json toJson(const compare::RoundTripResult& result) {
+nlohmann::json ToJson(const compare::RoundTripResult& result) {
   return {
       {"count", result.count}, {"p50", result.p50}, {"p99", result.p99}, {"p99.9", result.p999}, {"max", result.max}};
 }
@@ -56,18 +56,18 @@ int main(int argc, char** argv) try {
   CLI11_PARSE(app, argc, argv);
 
   const test_support::TemporaryDirectory directory;
-  const std::unique_ptr<compare::Contender> contender = compare::makeContender(directory.Path());
+  const std::unique_ptr<compare::Contender> contender = compare::MakeContender(directory.Path());
   const std::chrono::milliseconds duration(milliseconds);
   nlohmann::json result;
   if (*describe) {
-    result = toJson(contender->describe());
+    result = ToJson(contender->Describe());
   } else if (*rate) {
     settings.payload = payload;
     settings.spin = spin;
     settings.duration = duration;
-    result = toJson(compare::measureRate(*contender, settings));
+    result = ToJson(compare::MeasureRate(*contender, settings));
   } else {
-    result = toJson(compare::measureRoundTrip(*contender, {.payload = payload, .spin = spin, .duration = duration}));
+    result = ToJson(compare::MeasureRoundTrip(*contender, {.payload = payload, .spin = spin, .duration = duration}));
   }
   std::puts(result.dump().c_str());
   return 0;

@@ -18,14 +18,14 @@ class Payload {
  public:
   explicit Payload(std::size_t length) : m_bytes(length, 'p') {}
 
-  void stamp(std::uint64_t number) noexcept {
+  void Stamp(std::uint64_t number) noexcept {
     const std::uint64_t inverted = ~number;
     std::memcpy(m_bytes.data(), &number, sizeof number);
     std::memcpy(m_bytes.data() + m_bytes.size() - sizeof inverted, &inverted, sizeof inverted);
   }
 
   // The number of a message that is whole, else nothing.
-  static std::optional<std::uint64_t> numberOf(const char* data, std::size_t length, std::size_t expected) noexcept {
+  static std::optional<std::uint64_t> NumberOf(const char* data, std::size_t length, std::size_t expected) noexcept {
     if (length != expected) {
       return {};
     }
@@ -39,8 +39,8 @@ class Payload {
     return number;
   }
 
-  const char* data() const noexcept { return m_bytes.data(); }
-  std::size_t size() const noexcept { return m_bytes.size(); }
+  const char* Data() const noexcept { return m_bytes.data(); }
+  std::size_t Size() const noexcept { return m_bytes.size(); }
 
  private:
   std::vector<char> m_bytes;

@@ -21,14 +21,14 @@ namespace compare {
 
 namespace {
 
-sigset_t childSignals() {
+sigset_t ChildSignals() {
   sigset_t signals;
   ::sigemptyset(&signals);
   ::sigaddset(&signals, SIGCHLD);
   return signals;
 }
 
-[[noreturn]] void run(const std::function<void()>& part) {
+[[noreturn]] void Run(const std::function<void()>& part) {
   try {
     part();
     std::_Exit(0);
@@ -41,7 +41,7 @@ sigset_t childSignals() {
 }  // namespace
 
 Processes::Processes() {
-  const sigset_t signals = childSignals();
+  const sigset_t signals = ChildSignals();
   ::sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
@@ -52,7 +52,7 @@ Processes::~Processes() {
   }
 }
 
-void Processes::start(const std::function<void()>& part, std::optional<int> processor) {
+void Processes::Start(const std::function<void()>& part, std::optional<int> processor) {
   const pid_t parent = ::getpid();
   const pid_t process = ::fork();
   if (process < 0) {
@@ -73,10 +73,10 @@ void Processes::start(const std::function<void()>& part, std::optional<int> proc
     CPU_SET(static_cast<std::size_t>(*processor), &set);
     ::sched_setaffinity(0, sizeof set, &set);
   }
-  run(part);
+  Run(part);
 }
 
-void Processes::throwIfAnyEnded() {
+void Processes::ThrowIfAnyEnded() {
   for (auto process = m_running.begin(); process != m_running.end(); ++process) {
     if (::waitpid(*process, nullptr, WNOHANG) != 0) {
       m_running.erase(process);
@@ -85,8 +85,8 @@ void Processes::throwIfAnyEnded() {
   }
 }
 
-void Processes::wait(std::chrono::milliseconds atMost) {
-  const sigset_t signals = childSignals();
+void Processes::Wait(std::chrono::milliseconds atMost) {
+  const sigset_t signals = ChildSignals();
   const Clock::time_point deadline = Clock::now() + atMost;
   while (!m_running.empty()) {
     for (std::size_t i = 0; i < m_running.size();) {
@@ -112,7 +112,7 @@ void Processes::wait(std::chrono::milliseconds atMost) {
   }
 }
 
-std::optional<int> processorFor(std::size_t number) {
+std::optional<int> ProcessorFor(std::size_t number) {
   cpu_set_t set;
   std::vector<int> processors;
   if (::sched_getaffinity(0, sizeof set, &set) == 0) {

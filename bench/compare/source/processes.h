@@ -20,13 +20,13 @@ class Processes {
 
   // Runs the part in a process of its own, on that processor when one is given. Reports what it throws on standard
   // error; its standard output goes nowhere.
-  void start(const std::function<void()>& part, std::optional<int> processor = {});
+  void Start(const std::function<void()>& part, std::optional<int> processor = {});
 
   // Throws when one of those that are to run until they are ended has ended by itself.
-  void throwIfAnyEnded();
+  void ThrowIfAnyEnded();
 
   // Throws when one of them fails, or when they have not all ended after that time.
-  void wait(std::chrono::milliseconds atMost);
+  void Wait(std::chrono::milliseconds atMost);
 
  private:
   std::vector<pid_t> m_running;
@@ -34,6 +34,6 @@ class Processes {
 
 // The processor for the process of that number, spread over those that this process may use; nothing when there is but
 // one.
-std::optional<int> processorFor(std::size_t number);
+std::optional<int> ProcessorFor(std::size_t number);
 
 }  // namespace compare

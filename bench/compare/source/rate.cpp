@@ -23,15 +23,15 @@ constexpr int kPollMs = 20;
 // Messages between two looks at the clock and the window.
 constexpr std::uint64_t kStride = 64;
 
-std::string topicName(char kind, std::size_t number) {
+std::string TopicName(char kind, std::size_t number) {
   const std::string digits = std::to_string(number);
   return kind + std::string(kTopicLength - 1 - digits.size(), '0') + digits;
 }
 
-std::vector<std::string> names(char kind, std::size_t count) {
+std::vector<std::string> Names(char kind, std::size_t count) {
   std::vector<std::string> all;
   for (std::size_t number = 0; number < count; ++number) {
-    all.push_back(topicName(kind, number));
+    all.push_back(TopicName(kind, number));
   }
   return all;
 }
@@ -40,19 +40,19 @@ class Counter : public Sink {
  public:
   Counter(ReceiverCount& count, std::size_t length) : m_count(count), m_length(length) {}
 
-  void take(const char* data, std::size_t length) override {
-    const auto number = Payload::numberOf(data, length, m_length);
+  void Take(const char* data, std::size_t length) override {
+    const auto number = Payload::NumberOf(data, length, m_length);
     if (!number) {
-      add(m_count.damaged);
+      Add(m_count.damaged);
     } else if (*number == kProbe) {
       m_count.ready.store(true, std::memory_order_relaxed);
     } else {
-      add(m_count.whole);
+      Add(m_count.whole);
     }
   }
 
  private:
-  static void add(std::atomic<std::uint64_t>& count) {
+  static void Add(std::atomic<std::uint64_t>& count) {
     count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   }
 
@@ -64,21 +64,21 @@ class Counter : public Sink {
 class Cast {
  public:
   explicit Cast(const RateSettings& settings)
-      : m_topics(names('t', settings.topics)),
-        m_idleTopics(names('i', settings.idlePeers)),
-        m_receivers(names('r', settings.receivers)),
-        m_idlePeers(names('p', settings.idlePeers)) {}
+      : m_topics(Names('t', settings.topics)),
+        m_idleTopics(Names('i', settings.idlePeers)),
+        m_receivers(Names('r', settings.receivers)),
+        m_idlePeers(Names('p', settings.idlePeers)) {}
 
-  NodeSetup publisher() const {
+  NodeSetup Publisher() const {
     NodeSetup setup{.name = kPublisher, .publishes = m_topics, .subscribers = m_receivers};
     setup.publishes.insert(setup.publishes.end(), m_idleTopics.begin(), m_idleTopics.end());
     setup.subscribers.insert(setup.subscribers.end(), m_idlePeers.begin(), m_idlePeers.end());
     return setup;
   }
-  NodeSetup receiver(std::size_t number, Sink& sink) const {
+  NodeSetup GetReceiver(std::size_t number, Sink& sink) const {
     return {.name = m_receivers[number], .subscribes = m_topics, .publishers = {kPublisher}, .sink = &sink};
   }
-  NodeSetup idlePeer(std::size_t number, Sink& sink) const {
+  NodeSetup IdlePeer(std::size_t number, Sink& sink) const {
     return {
         .name = m_idlePeers[number], .subscribes = {m_idleTopics[number]}, .publishers = {kPublisher}, .sink = &sink};
   }
@@ -98,62 +98,62 @@ class PublisherPart {
       : m_settings(settings),
         m_receivers(control.receivers.begin(), settings.receivers),
         m_control(control),
-        m_window(contender.describe().window),
-        m_node(contender.makeNode(Cast(settings).publisher())),
+        m_window(contender.Describe().window),
+        m_node(contender.MakeNode(Cast(settings).Publisher())),
         m_payload(settings.payload) {}
 
-  void run() {
-    prepare();
-    sendFor(Phase::warmUp, m_settings.warmUp);
-    sendFor(Phase::measuring, m_settings.duration);
+  void Run() {
+    Prepare();
+    SendFor(Phase::kWarmUp, m_settings.warmUp);
+    SendFor(Phase::kMeasuring, m_settings.duration);
     m_control.sent.store(m_sent);
-    m_control.phase.store(Phase::draining);
-    drain();
-    m_control.phase.store(Phase::over);
+    m_control.phase.store(Phase::kDraining);
+    Drain();
+    m_control.phase.store(Phase::kOver);
   }
 
  private:
   // Subscriptions take effect in their order, so a probe on the last topic shows that all of them have.
-  void prepare() {
+  void Prepare() {
     const Clock::time_point deadline = Clock::now() + kPreparingMax;
-    m_payload.stamp(kProbe);
-    while (!everyReceiver([](const ReceiverCount& receiver) { return receiver.ready.load(); }) ||
+    m_payload.Stamp(kProbe);
+    while (!EveryReceiver([](const ReceiverCount& receiver) { return receiver.ready.load(); }) ||
            m_control.idlePeersReady.load() < m_settings.idlePeers) {
       if (Clock::now() > deadline) {
         throw std::runtime_error("not all receivers got a probe in time");
       }
-      m_node->send(m_settings.topics - 1, m_payload.data(), m_payload.size());
+      m_node->Send(m_settings.topics - 1, m_payload.Data(), m_payload.Size());
       for (std::size_t peer = 0; peer < m_settings.idlePeers; ++peer) {
-        m_node->send(m_settings.topics + peer, m_payload.data(), m_payload.size());
+        m_node->Send(m_settings.topics + peer, m_payload.Data(), m_payload.Size());
       }
       std::this_thread::sleep_for(1ms);
     }
   }
 
-  void sendFor(Phase phase, std::chrono::milliseconds duration) {
+  void SendFor(Phase phase, std::chrono::milliseconds duration) {
     m_control.phase.store(phase);
     const Clock::time_point end = Clock::now() + duration;
     while (Clock::now() < end) {
       for (std::uint64_t i = 0; i < kStride; ++i) {
-        m_payload.stamp(++m_sent);
-        m_node->send(m_topic, m_payload.data(), m_payload.size());
+        m_payload.Stamp(++m_sent);
+        m_node->Send(m_topic, m_payload.Data(), m_payload.Size());
         if (m_settings.spread && ++m_topic == m_settings.topics) {
           m_topic = 0;
         }
       }
-      while (m_window != 0 && m_sent > slowest() + m_window && Clock::now() < end) {
+      while (m_window != 0 && m_sent > Slowest() + m_window && Clock::now() < end) {
         std::this_thread::yield();
       }
     }
   }
 
   // Until everything has arrived, or nothing more does.
-  void drain() {
-    std::uint64_t before = slowest();
+  void Drain() {
+    std::uint64_t before = Slowest();
     Clock::time_point moved = Clock::now();
-    while (slowest() < m_sent && Clock::now() < moved + kStandstillMax) {
+    while (Slowest() < m_sent && Clock::now() < moved + kStandstillMax) {
       std::this_thread::sleep_for(1ms);
-      if (const std::uint64_t now = slowest(); now != before) {
+      if (const std::uint64_t now = Slowest(); now != before) {
         before = now;
         moved = Clock::now();
       }
@@ -161,11 +161,11 @@ class PublisherPart {
   }
 
   template <class Condition>
-  bool everyReceiver(Condition condition) const {
+  bool EveryReceiver(Condition condition) const {
     return std::all_of(m_receivers.begin(), m_receivers.end(), condition);
   }
 
-  std::uint64_t slowest() const {
+  std::uint64_t Slowest() const {
     std::uint64_t least = m_sent;
     for (const ReceiverCount& receiver : m_receivers) {
       least = std::min(least, receiver.whole.load(std::memory_order_relaxed));
@@ -183,27 +183,27 @@ class PublisherPart {
   std::size_t m_topic = 0;
 };
 
-void receive(Contender& contender, const RateSettings& settings, Control& control, std::size_t number) {
+void Receive(Contender& contender, const RateSettings& settings, Control& control, std::size_t number) {
   ReceiverCount& count = control.receivers[number];
   Counter counter(count, settings.payload);
-  const std::unique_ptr<Node> node = contender.makeNode(Cast(settings).receiver(number, counter));
+  const std::unique_ptr<Node> node = contender.MakeNode(Cast(settings).GetReceiver(number, counter));
 
   struct Moment {
     Clock::time_point time = Clock::now();
     std::uint64_t whole;
   };
   Moment from{.whole = 0};
-  Phase seen = Phase::preparing;
-  while (seen != Phase::over) {
-    node->poll(settings.spin ? 0 : kPollMs);
+  Phase seen = Phase::kPreparing;
+  while (seen != Phase::kOver) {
+    node->Poll(settings.spin ? 0 : kPollMs);
     const Phase phase = control.phase.load(std::memory_order_relaxed);
     if (phase == seen) {
       continue;
     }
     const Moment now{.whole = count.whole.load(std::memory_order_relaxed)};
-    if (phase == Phase::measuring) {
+    if (phase == Phase::kMeasuring) {
       from = now;
-    } else if (seen == Phase::measuring) {
+    } else if (seen == Phase::kMeasuring) {
       count.rate =
           static_cast<double>(now.whole - from.whole) / std::chrono::duration<double>(now.time - from.time).count();
     }
@@ -212,7 +212,7 @@ void receive(Contender& contender, const RateSettings& settings, Control& contro
 }
 
 // All of them in one process, which sleeps once they are subscribed. Ends the process.
-void idle(Contender& contender, const RateSettings& settings, Control& control) {
+void Idle(Contender& contender, const RateSettings& settings, Control& control) {
   struct Peer {
     std::unique_ptr<ReceiverCount> count = std::make_unique<ReceiverCount>();
     std::unique_ptr<Counter> counter;
@@ -222,18 +222,18 @@ void idle(Contender& contender, const RateSettings& settings, Control& control) 
   for (std::size_t number = 0; number < peers.size(); ++number) {
     Peer& peer = peers[number];
     peer.counter = std::make_unique<Counter>(*peer.count, settings.payload);
-    peer.node = contender.makeNode(Cast(settings).idlePeer(number, *peer.counter));
+    peer.node = contender.MakeNode(Cast(settings).IdlePeer(number, *peer.counter));
   }
   for (Peer& peer : peers) {
     while (!peer.count->ready.load()) {
       for (Peer& one : peers) {
-        one.node->poll(0);
+        one.node->Poll(0);
       }
       std::this_thread::sleep_for(1ms);
     }
     control.idlePeersReady.fetch_add(1);
   }
-  while (control.phase.load() != Phase::over) {
+  while (control.phase.load() != Phase::kOver) {
     std::this_thread::sleep_for(5ms);
   }
   // Without closing the nodes: nng waits for ever when it is to close many sockets that are connected.
@@ -242,20 +242,20 @@ void idle(Contender& contender, const RateSettings& settings, Control& control) 
 
 }  // namespace
 
-RateResult measureRate(Contender& contender, const RateSettings& settings) {
+RateResult MeasureRate(Contender& contender, const RateSettings& settings) {
   const Shared<Control> control;
-  const bool pinned = contender.describe().pinned;
-  const auto processor = [&](std::size_t number) { return pinned ? processorFor(number) : std::nullopt; };
+  const bool pinned = contender.Describe().pinned;
+  const auto processor = [&](std::size_t number) { return pinned ? ProcessorFor(number) : std::nullopt; };
 
   Processes processes;
-  processes.start([&] { PublisherPart(contender, settings, *control).run(); }, processor(0));
+  processes.Start([&] { PublisherPart(contender, settings, *control).Run(); }, processor(0));
   for (std::size_t number = 0; number < settings.receivers; ++number) {
-    processes.start([&] { receive(contender, settings, *control, number); }, processor(number + 1));
+    processes.Start([&] { Receive(contender, settings, *control, number); }, processor(number + 1));
   }
   if (settings.idlePeers > 0) {
-    processes.start([&] { idle(contender, settings, *control); });
+    processes.Start([&] { Idle(contender, settings, *control); });
   }
-  processes.wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
+  processes.Wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
 
   RateResult result{.sent = control->sent.load()};
   for (std::size_t number = 0; number < settings.receivers; ++number) {

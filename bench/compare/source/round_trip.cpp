@@ -22,10 +22,10 @@ constexpr const char* kBack = "t0000002";
 
 class Echo : public Sink {
  public:
-  void answerThrough(Node& node) { m_node = &node; }
-  void take(const char* data, std::size_t length) override {
+  void AnswerThrough(Node& node) { m_node = &node; }
+  void Take(const char* data, std::size_t length) override {
     if (m_node != nullptr) {
-      m_node->send(0, data, length);
+      m_node->Send(0, data, length);
     }
   }
 
@@ -39,16 +39,16 @@ class Pinger : public Sink {
   Pinger(const RoundTripSettings& settings, Control& control)
       : m_settings(settings), m_control(control), m_payload(settings.payload) {}
 
-  void start(Node& node) {
+  void Start(Node& node) {
     m_node = &node;
     m_measuring = Clock::now() + m_settings.warmUp;
     m_end = m_measuring + m_settings.duration;
-    send(Clock::now());
+    Send(Clock::now());
   }
 
-  void take(const char* data, std::size_t length) override {
+  void Take(const char* data, std::size_t length) override {
     const Clock::time_point now = Clock::now();
-    const auto number = Payload::numberOf(data, length, m_settings.payload);
+    const auto number = Payload::NumberOf(data, length, m_settings.payload);
     if (!number) {
       throw std::runtime_error("a damaged message came back");
     }
@@ -64,19 +64,19 @@ class Pinger : public Sink {
           std::min<std::chrono::nanoseconds::rep>((now - m_sentAt).count(), std::numeric_limits<std::uint32_t>::max()));
     }
     if (now >= m_end) {
-      m_control.phase.store(Phase::over);
+      m_control.phase.store(Phase::kOver);
       return;
     }
-    send(Clock::now());
+    Send(Clock::now());
   }
 
-  bool reached() const { return m_reached.load(); }
+  bool Reached() const { return m_reached.load(); }
 
  private:
-  void send(Clock::time_point now) {
+  void Send(Clock::time_point now) {
     m_sentAt = now;
-    m_payload.stamp(++m_number);
-    m_node->send(0, m_payload.data(), m_payload.size());
+    m_payload.Stamp(++m_number);
+    m_node->Send(0, m_payload.Data(), m_payload.Size());
   }
 
   const RoundTripSettings& m_settings;
@@ -90,7 +90,7 @@ class Pinger : public Sink {
   std::atomic<bool> m_reached{false};
 };
 
-NodeSetup setupFor(const char* publishes, const char* subscribes, Sink& sink) {
+NodeSetup SetupFor(const char* publishes, const char* subscribes, Sink& sink) {
   return {.name = publishes,
           .publishes = {publishes},
           .subscribes = {subscribes},
@@ -99,46 +99,46 @@ NodeSetup setupFor(const char* publishes, const char* subscribes, Sink& sink) {
           .sink = &sink};
 }
 
-void pollUntilOver(Node& node, bool spin, const Control& control) {
-  while (control.phase.load(std::memory_order_relaxed) != Phase::over) {
-    node.poll(spin ? 0 : kPollMs);
+void PollUntilOver(Node& node, bool spin, const Control& control) {
+  while (control.phase.load(std::memory_order_relaxed) != Phase::kOver) {
+    node.Poll(spin ? 0 : kPollMs);
   }
 }
 
-void echo(Contender& contender, const RoundTripSettings& settings, Control& control) {
+void RunEcho(Contender& contender, const RoundTripSettings& settings, Control& control) {
   Echo sink;
-  const std::unique_ptr<Node> node = contender.makeNode(setupFor(kBack, kThere, sink));
-  sink.answerThrough(*node);
-  pollUntilOver(*node, settings.spin, control);
+  const std::unique_ptr<Node> node = contender.MakeNode(SetupFor(kBack, kThere, sink));
+  sink.AnswerThrough(*node);
+  PollUntilOver(*node, settings.spin, control);
 }
 
-void ping(Contender& contender, const RoundTripSettings& settings, Control& control) {
+void Ping(Contender& contender, const RoundTripSettings& settings, Control& control) {
   Pinger sink(settings, control);
-  const std::unique_ptr<Node> node = contender.makeNode(setupFor(kThere, kBack, sink));
+  const std::unique_ptr<Node> node = contender.MakeNode(SetupFor(kThere, kBack, sink));
   Payload probe(settings.payload);
-  probe.stamp(kProbe);
+  probe.Stamp(kProbe);
   const Clock::time_point deadline = Clock::now() + kPreparingMax;
-  while (!sink.reached()) {
+  while (!sink.Reached()) {
     if (Clock::now() > deadline) {
       throw std::runtime_error("no probe came back in time");
     }
-    node->send(0, probe.data(), probe.size());
+    node->Send(0, probe.Data(), probe.Size());
     std::this_thread::sleep_for(1ms);
-    node->poll(0);
+    node->Poll(0);
   }
-  sink.start(*node);
-  pollUntilOver(*node, settings.spin, control);
+  sink.Start(*node);
+  PollUntilOver(*node, settings.spin, control);
 }
 
 }  // namespace
 
-RoundTripResult measureRoundTrip(Contender& contender, const RoundTripSettings& settings) {
+RoundTripResult MeasureRoundTrip(Contender& contender, const RoundTripSettings& settings) {
   const Shared<Control> control;
-  const bool pinned = contender.describe().pinned;
+  const bool pinned = contender.Describe().pinned;
   Processes processes;
-  processes.start([&] { ping(contender, settings, *control); }, pinned ? processorFor(0) : std::nullopt);
-  processes.start([&] { echo(contender, settings, *control); }, pinned ? processorFor(1) : std::nullopt);
-  processes.wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
+  processes.Start([&] { Ping(contender, settings, *control); }, pinned ? ProcessorFor(0) : std::nullopt);
+  processes.Start([&] { RunEcho(contender, settings, *control); }, pinned ? ProcessorFor(1) : std::nullopt);
+  processes.Wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
 
   const std::span samples(control->samples.nanoseconds.data(), control->samples.count);
   if (samples.empty()) {

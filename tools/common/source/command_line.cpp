@@ -14,7 +14,9 @@ namespace {
 
 void SetMinLogLevel(const std::string& name) {
   const auto level = zq::logging::ParseLevel(name);
-  if (!level) throw CLI::ValidationError("--log-level", '"' + name + "\" is not the name of a level");
+  if (!level) {
+    throw CLI::ValidationError("--log-level", '"' + name + "\" is not the name of a level");
+  }
   zq::logging::SetMinLevel(*level);
 }
 
@@ -33,7 +35,9 @@ void OccupyStandardDescriptors() {
   do {
     file = ::open("/dev/null", O_RDONLY);
   } while (file >= 0 && file <= STDERR_FILENO);
-  if (file >= 0) ::close(file);
+  if (file >= 0) {
+    ::close(file);
+  }
 }
 
 }  // namespace

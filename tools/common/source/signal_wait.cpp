@@ -26,14 +26,18 @@ SignalWait::SignalWait(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal : signals) {
-    if (signal != SIGHUP || !IsIgnored(signal)) sigaddset(&set, signal);
+    if (signal != SIGHUP || !IsIgnored(signal)) {
+      sigaddset(&set, signal);
+    }
   }
   if (const int error = ::pthread_sigmask(SIG_BLOCK, &set, nullptr)) {
     throw std::system_error(error, std::generic_category(), "pthread_sigmask");
   }
   ::signal(SIGPIPE, SIG_IGN);
   m_signals = ::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-  if (m_signals < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+  if (m_signals < 0) {
+    throw std::system_error(errno, std::generic_category(), "signalfd");
+  }
   m_wakes = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (m_wakes < 0) {
     const int error = errno;
@@ -55,12 +59,20 @@ int SignalWait::WaitUntil(Clock::time_point deadline) {
     const timespec timeout{.tv_sec = wholeSeconds.count(), .tv_nsec = nanoseconds(left - wholeSeconds).count()};
     std::array<pollfd, 2> files{{{m_signals, POLLIN, 0}, {m_wakes, POLLIN, 0}}};
     const int ready = ::ppoll(files.data(), files.size(), &timeout, nullptr);
-    if (ready == 0) return 0;
-    if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "ppoll");
+    if (ready == 0) {
+      return 0;
+    }
+    if (ready < 0 && errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "ppoll");
+    }
     signalfd_siginfo signal;
-    if (::read(m_signals, &signal, sizeof signal) == sizeof signal) return static_cast<int>(signal.ssi_signo);
+    if (::read(m_signals, &signal, sizeof signal) == sizeof signal) {
+      return static_cast<int>(signal.ssi_signo);
+    }
     std::uint64_t wakes = 0;
-    if (::read(m_wakes, &wakes, sizeof wakes) == sizeof wakes) return 0;
+    if (::read(m_wakes, &wakes, sizeof wakes) == sizeof wakes) {
+      return 0;
+    }
   }
 }
 

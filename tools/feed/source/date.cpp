@@ -14,7 +14,9 @@ constexpr int kMaxYear = 9999;
 
 // Digits only, minLength to maxLength of them; -1 when the text is anything else.
 int Digits(std::string_view text, std::size_t minLength, std::size_t maxLength) {
-  if (text.size() < minLength || text.size() > maxLength) return -1;
+  if (text.size() < minLength || text.size() > maxLength) {
+    return -1;
+  }
   int value = 0;
   const auto* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
@@ -22,7 +24,9 @@ int Digits(std::string_view text, std::size_t minLength, std::size_t maxLength) 
 }
 
 std::optional<Date> MakeDate(int year, int month, int day) {
-  if (year < 0 || year > kMaxYear || month < 0 || day < 0) return std::nullopt;
+  if (year < 0 || year > kMaxYear || month < 0 || day < 0) {
+    return std::nullopt;
+  }
   const Date date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
                   std::chrono::day(static_cast<unsigned>(day))};
   return date.ok() ? std::optional(date) : std::nullopt;
@@ -36,7 +40,9 @@ std::optional<Date> ParseDate(std::string_view text) {
   }
   const auto month = std::find(kMonths.begin(), kMonths.end(), text.substr(0, 3));
   const auto lastBlank = text.rfind(' ');
-  if (month == kMonths.end() || text.size() < 10 || text[3] != ' ' || lastBlank < 5) return std::nullopt;
+  if (month == kMonths.end() || text.size() < 10 || text[3] != ' ' || lastBlank < 5) {
+    return std::nullopt;
+  }
   return MakeDate(Digits(text.substr(lastBlank + 1), 4, 4), static_cast<int>(month - kMonths.begin()) + 1,
                   Digits(text.substr(4, lastBlank - 4), 1, 2));
 }

@@ -17,7 +17,9 @@ std::vector<std::string_view> SplitAtColons(std::string_view text) {
   while (pieces.size() < 3) {
     const auto colon = text.find(':');
     pieces.push_back(text.substr(0, colon));
-    if (colon == std::string_view::npos) return pieces;
+    if (colon == std::string_view::npos) {
+      return pieces;
+    }
     text.remove_prefix(colon + 1);
   }
   pieces.push_back(text);

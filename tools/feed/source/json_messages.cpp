@@ -110,7 +110,9 @@ Json ToJson(ServerState state) { return ToString(state); }
 
 Json ToJson(const CommandAnswer::Figures& figures) {
   auto object = Json::object();
-  for (const auto& [name, figure] : figures) object[common::OneLine(name)] = figure;
+  for (const auto& [name, figure] : figures) {
+    object[common::OneLine(name)] = figure;
+  }
   return object;
 }
 
@@ -120,7 +122,9 @@ Json ToJson(const Message& message);
 template <class T>
 Json ToJson(const std::vector<T>& values) {
   auto array = Json::array();
-  for (const auto& value : values) array.push_back(ToJson(value));
+  for (const auto& value : values) {
+    array.push_back(ToJson(value));
+  }
   return array;
 }
 
@@ -142,7 +146,9 @@ Json ToJson(const Message& message) {
   auto object = Json::object();
   const auto put = [&](const auto& field) {
     const auto& value = message.*field.member;
-    if (!IsAbsent(value)) object[field.name] = ToJson(value);
+    if (!IsAbsent(value)) {
+      object[field.name] = ToJson(value);
+    }
   };
   std::apply([&](const auto&... fields) { (put(fields), ...); }, FieldsOf(&message));
   return object;
@@ -151,7 +157,9 @@ Json ToJson(const Message& message) {
 // ---- Values from JSON: each returns whether there was one ----
 
 bool FromJson(const ParsedJson& json, bool& value) {
-  if (!json.is_boolean()) return false;
+  if (!json.is_boolean()) {
+    return false;
+  }
   value = json.get<bool>();
   return true;
 }
@@ -162,12 +170,16 @@ bool FromJson(const ParsedJson& json, T& value) {
     value = static_cast<T>(number);
     return std::in_range<T>(number);
   };
-  if (json.is_number_unsigned()) return take(json.get<std::uint64_t>());
+  if (json.is_number_unsigned()) {
+    return take(json.get<std::uint64_t>());
+  }
   return json.is_number_integer() && take(json.get<std::int64_t>());
 }
 
 bool FromJson(const ParsedJson& json, std::string& text) {
-  if (!json.is_string() || !common::IsOneLine(json.get_ref<const std::string&>())) return false;
+  if (!json.is_string() || !common::IsOneLine(json.get_ref<const std::string&>())) {
+    return false;
+  }
   text = json.get<std::string>();
   return true;
 }
@@ -175,7 +187,9 @@ bool FromJson(const ParsedJson& json, std::string& text) {
 template <class T, class Parse>
 bool FromText(const ParsedJson& json, T& value, const Parse& parse) {
   const auto parsed = json.is_string() ? parse(json.get_ref<const std::string&>()) : std::nullopt;
-  if (parsed) value = *parsed;
+  if (parsed) {
+    value = *parsed;
+  }
   return parsed.has_value();
 }
 bool FromJson(const ParsedJson& json, Symbol& symbol) { return FromText(json, symbol, Symbol::Parse); }
@@ -185,7 +199,9 @@ bool FromJson(const ParsedJson& json, UtcTime& time) { return FromText(json, tim
 bool FromJson(const ParsedJson& json, ServerState& state) {
   return FromText(json, state, [](std::string_view text) -> std::optional<ServerState> {
     for (const auto known : {ServerState::kOpen, ServerState::kClosing}) {
-      if (text == ToString(known)) return known;
+      if (text == ToString(known)) {
+        return known;
+      }
     }
     return std::nullopt;
   });
@@ -193,15 +209,21 @@ bool FromJson(const ParsedJson& json, ServerState& state) {
 
 bool FromJson(const ParsedJson& json, std::chrono::seconds& time) {
   std::int64_t count = 0;
-  if (!FromJson(json, count)) return false;
+  if (!FromJson(json, count)) {
+    return false;
+  }
   time = std::chrono::seconds(count);
   return true;
 }
 
 bool FromJson(const ParsedJson& json, CommandAnswer::Figures& figures) {
-  if (!json.is_object() || json.size() > MaxElements(&figures)) return false;
+  if (!json.is_object() || json.size() > MaxElements(&figures)) {
+    return false;
+  }
   for (const auto& [name, figure] : json.items()) {
-    if (!common::IsOneLine(name) || !FromJson(figure, figures[name])) return false;
+    if (!common::IsOneLine(name) || !FromJson(figure, figures[name])) {
+      return false;
+    }
   }
   return true;
 }
@@ -211,9 +233,13 @@ bool FromJson(const ParsedJson& json, Message& message);
 
 template <class T>
 bool FromJson(const ParsedJson& json, std::vector<T>& values) {
-  if (!json.is_array() || json.size() > MaxElements(&values)) return false;
+  if (!json.is_array() || json.size() > MaxElements(&values)) {
+    return false;
+  }
   for (const auto& element : json) {
-    if (!FromJson(element, values.emplace_back())) return false;
+    if (!FromJson(element, values.emplace_back())) {
+      return false;
+    }
   }
   return true;
 }
@@ -225,7 +251,9 @@ bool FromJson(const ParsedJson& json, std::optional<T>& value) {
 
 template <HasFields Message>
 bool FromJson(const ParsedJson& json, Message& message) {
-  if (!json.is_object()) return false;
+  if (!json.is_object()) {
+    return false;
+  }
   const auto take = [&](const auto& field) {
     const auto found = json.find(field.name);
     return found == json.end() ? !field.isRequired : FromJson(*found, message.*field.member);
@@ -247,9 +275,13 @@ bool IsNestedTooDeeply(std::string_view bytes) {
     if (c == '"') {
       isInString = !isInString;
     } else if (isInString) {
-      if (c == '\\') ++at;
+      if (c == '\\') {
+        ++at;
+      }
     } else if (c == '[' || c == '{') {
-      if (++depth > kMaxJsonMessageDepth) return true;
+      if (++depth > kMaxJsonMessageDepth) {
+        return true;
+      }
     } else if ((c == ']' || c == '}') && depth > 0) {
       --depth;
     }
@@ -259,14 +291,18 @@ bool IsNestedTooDeeply(std::string_view bytes) {
 
 // What is not JSON gives a value that is no object.
 ParsedJson Parse(std::string_view bytes) {
-  if (bytes.size() > kMaxJsonMessageSize || IsNestedTooDeeply(bytes)) return {};
+  if (bytes.size() > kMaxJsonMessageSize || IsNestedTooDeeply(bytes)) {
+    return {};
+  }
   return ParsedJson::parse(bytes, nullptr, false);
 }
 
 template <HasFields Message>
 std::optional<Message> DecodeMessage(std::string_view bytes) {
   std::optional<Message> message(std::in_place);
-  if (!FromJson(Parse(bytes), *message)) message.reset();
+  if (!FromJson(Parse(bytes), *message)) {
+    message.reset();
+  }
   return message;
 }
 

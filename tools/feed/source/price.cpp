@@ -33,7 +33,9 @@ std::optional<Price> Price::Parse(std::string_view text) {
 
 std::string Price::ToString() const {
   auto decimals = std::to_string(kUnitsPerOne + m_units % kUnitsPerOne).substr(1);
-  while (decimals.size() > kMinDecimalsShown && decimals.back() == '0') decimals.pop_back();
+  while (decimals.size() > kMinDecimalsShown && decimals.back() == '0') {
+    decimals.pop_back();
+  }
   return std::to_string(m_units / kUnitsPerOne) + '.' + decimals;
 }
 

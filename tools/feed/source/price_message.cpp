@@ -57,7 +57,9 @@ std::optional<PriceMessage> DecodePriceMessage(std::span<const std::byte> bytes)
     return std::nullopt;
   }
   const std::size_t symbolLength = Take<std::uint8_t>(bytes, kSymbolLengthAt);
-  if (symbolLength > Symbol::kMaxLength) return std::nullopt;
+  if (symbolLength > Symbol::kMaxLength) {
+    return std::nullopt;
+  }
   std::array<char, Symbol::kMaxLength> text;
   std::memcpy(text.data(), bytes.data() + kSymbolAt, text.size());
   const auto textEnd = text.begin() + static_cast<std::ptrdiff_t>(symbolLength);
@@ -74,7 +76,9 @@ std::optional<PriceMessage> DecodePriceMessage(std::span<const std::byte> bytes)
   message.symbol = *symbol;
   message.date = *date;
   message.price = Price(Take<std::int64_t>(bytes, kPriceAt));
-  if (message.session == 0 || message.sequence == 0 || message.price < Price()) return std::nullopt;
+  if (message.session == 0 || message.sequence == 0 || message.price < Price()) {
+    return std::nullopt;
+  }
   return message;
 }
 

@@ -29,7 +29,9 @@ std::vector<std::string_view> SplitAtCommas(std::string_view line) {
   for (;;) {
     const auto comma = line.find(',');
     fields.push_back(line.substr(0, comma));
-    if (comma == std::string_view::npos) return fields;
+    if (comma == std::string_view::npos) {
+      return fields;
+    }
     line.remove_prefix(comma + 1);
   }
 }
@@ -52,9 +54,13 @@ class Reader {
   PricesFile Read() {
     const Format& format = ReadHeader();
     while (NextLine()) {
-      if (!m_line.empty()) ReadRow(format);
+      if (!m_line.empty()) {
+        ReadRow(format);
+      }
     }
-    if (m_result.prices.empty()) Fail("no prices after the header");
+    if (m_result.prices.empty()) {
+      Fail("no prices after the header");
+    }
     std::stable_sort(m_result.prices.begin(), m_result.prices.end(),
                      [](const RecordedPrice& a, const RecordedPrice& b) { return a.date < b.date; });
     return std::move(m_result);
@@ -63,20 +69,28 @@ class Reader {
  private:
   bool NextLine() {
     if (!std::getline(m_file, m_text)) {
-      if (m_file.bad()) throw PricesFileError(m_path + ": cannot read the prices file: " + std::strerror(errno));
+      if (m_file.bad()) {
+        throw PricesFileError(m_path + ": cannot read the prices file: " + std::strerror(errno));
+      }
       return false;
     }
     ++m_lineNumber;
     m_line = m_text;
-    if (m_line.ends_with('\r')) m_line.remove_suffix(1);
+    if (m_line.ends_with('\r')) {
+      m_line.remove_suffix(1);
+    }
     return true;
   }
 
   const Format& ReadHeader() {
     NextLine();
-    if (m_line.starts_with(kByteOrderMark)) m_line.remove_prefix(kByteOrderMark.size());
+    if (m_line.starts_with(kByteOrderMark)) {
+      m_line.remove_prefix(kByteOrderMark.size());
+    }
     for (const Format& format : kFormats) {
-      if (m_line == format.header) return format;
+      if (m_line == format.header) {
+        return format;
+      }
     }
     Fail("unknown header " + Quoted(m_line) + "; expected " + Quoted(kFormats[0].header) + " or " +
          Quoted(kFormats[1].header));
@@ -99,7 +113,9 @@ class Reader {
       symbol = *parsed;
     }
     const auto date = ParseDate(fields[format.dateColumn]);
-    if (!date) Fail("bad date " + Quoted(fields[format.dateColumn]) + "; expected 2000-01-31 or Jan 31 2000");
+    if (!date) {
+      Fail("bad date " + Quoted(fields[format.dateColumn]) + "; expected 2000-01-31 or Jan 31 2000");
+    }
     const auto price = Price::Parse(fields[format.priceColumn]);
     if (!price) {
       Fail("bad price " + Quoted(fields[format.priceColumn]) +
@@ -112,7 +128,9 @@ class Reader {
   std::uint32_t IndexOf(const Symbol& symbol) {
     const auto [found, isNew] =
         m_indexes.try_emplace(std::string(symbol.View()), static_cast<std::uint32_t>(m_result.symbols.size()));
-    if (isNew) m_result.symbols.push_back(symbol);
+    if (isNew) {
+      m_result.symbols.push_back(symbol);
+    }
     return found->second;
   }
 

@@ -26,12 +26,18 @@ std::string ToString(UtcTime time) {
 }
 
 std::optional<UtcTime> ParseUtcTime(std::string_view text) {
-  if (text.size() != kShape.size()) return std::nullopt;
+  if (text.size() != kShape.size()) {
+    return std::nullopt;
+  }
   const auto date = ParseDate(text.substr(0, kDateLength));
-  if (!date) return std::nullopt;
+  if (!date) {
+    return std::nullopt;
+  }
   const auto number = [text](std::size_t at, std::size_t digits) {
     int value = 0;
-    for (const char c : text.substr(at, digits)) value = value * 10 + (c - '0');
+    for (const char c : text.substr(at, digits)) {
+      value = value * 10 + (c - '0');
+    }
     return value;
   };
   using namespace std::chrono;

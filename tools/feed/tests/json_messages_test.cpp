@@ -91,12 +91,16 @@ TEST(JsonMessages, OfHostileBytesAreNone) {
                                    std::string(kMaxJsonMessageSize + 1, ' ')};
   for (const char* opening : {"[", "{\"id\":", "[{\"a\":"}) {
     std::string bomb;
-    while (bomb.size() + std::strlen(opening) <= kMaxJsonMessageSize) bomb += opening;
+    while (bomb.size() + std::strlen(opening) <= kMaxJsonMessageSize) {
+      bomb += opening;
+    }
     hostile.push_back(bomb);
   }
   std::mt19937 random(1);
   for (const auto& [name, bytes, again] : Kinds()) {
-    for (const auto& text : hostile) EXPECT_EQ(again(text), "") << name << ' ' << text.substr(0, 20);
+    for (const auto& text : hostile) {
+      EXPECT_EQ(again(text), "") << name << ' ' << text.substr(0, 20);
+    }
     const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
     const auto withUnknown = [&bytes = bytes](const std::string& value) {
       return R"({"[[\"":"\\", "unknown":)" + value + ',' + bytes.substr(1);
@@ -171,7 +175,9 @@ TEST(JsonMessages, MakeOneLineOfEveryText) {
   std::mt19937 random(2);
   for (int i = 0; i < 500; ++i) {
     std::string bytes(random() % (2 * common::kMaxTextLength), ' ');
-    for (auto& byte : bytes) byte = static_cast<char>(random() % (i % 2 == 0 ? 256 : 128));
+    for (auto& byte : bytes) {
+      byte = static_cast<char>(random() % (i % 2 == 0 ? 256 : 128));
+    }
     const CommandAnswer answer{1, bytes, bytes, bytes, bytes, {{bytes, 1}}};
     const auto arrived = DecodeCommandAnswer(Encode(answer));
     ASSERT_TRUE(arrived.has_value());

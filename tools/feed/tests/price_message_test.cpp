@@ -82,7 +82,9 @@ TEST(PriceMessage, AcceptsOnlyWhatEncodesToTheSameBytes) {
   int accepted = 0;
   for (int i = 0; i < 100'000; ++i) {
     auto bytes = Encode(MakeMessage());
-    for (auto flips = random() % 3; flips > 0; --flips) bytes[random() % bytes.size()] ^= std::byte{1} << random() % 8;
+    for (auto flips = random() % 3; flips > 0; --flips) {
+      bytes[random() % bytes.size()] ^= std::byte{1} << random() % 8;
+    }
     if (const auto message = DecodePriceMessage(bytes)) {
       ++accepted;
       ASSERT_EQ(Encode(*message), bytes);

@@ -94,7 +94,9 @@ TEST_F(PricesFileTest, NamesFileAndLineOfWhatIsWrong) {
       {"symbol,date,price\nA,2000-01-03,1234567890123\n", "prices.csv:2: bad price \"1234567890123\""},
       {"date,open,high,low,close,adjclose,volume\n2000-01-03,1,2,3,null,5,6\n", "prices.csv:2: bad price \"null\""},
   };
-  for (const auto& [content, error] : cases) EXPECT_THAT(ErrorOf(Write(content)), HasSubstr(error));
+  for (const auto& [content, error] : cases) {
+    EXPECT_THAT(ErrorOf(Write(content)), HasSubstr(error));
+  }
 }
 
 TEST_F(PricesFileTest, SaysWhyAFileCannotBeRead) {

@@ -58,7 +58,9 @@ Client::Client(const Options& options, std::function<void()> wake) : m_mailbox(s
 
 void Client::Work(Clock::time_point now) {
   TakeInMail(now);
-  for (const auto& subscription : m_subscriptions) subscription->Pursue(now);
+  for (const auto& subscription : m_subscriptions) {
+    subscription->Pursue(now);
+  }
 }
 
 void Client::TakeInMail(Clock::time_point now) {
@@ -72,7 +74,9 @@ void Client::TakeInMail(Clock::time_point now) {
 }
 
 void Client::TakeInCommand(const lbm::Message& message) {
-  if (message.Type() != LBM_MSG_DATA && message.Type() != LBM_MSG_REQUEST) return;
+  if (message.Type() != LBM_MSG_DATA && message.Type() != LBM_MSG_REQUEST) {
+    return;
+  }
   auto command = m_commands->Read({message.Data(), message.Length()});
   if (!command) {
     ++m_self.malformedCommands;
@@ -82,7 +86,9 @@ void Client::TakeInCommand(const lbm::Message& message) {
 }
 
 std::optional<feed::Command> Client::NextCommand() {
-  if (m_pendingCommands.empty()) return std::nullopt;
+  if (m_pendingCommands.empty()) {
+    return std::nullopt;
+  }
   ++m_self.commands;
   auto command = std::move(m_pendingCommands.front());
   m_pendingCommands.pop_front();
@@ -90,15 +96,21 @@ std::optional<feed::Command> Client::NextCommand() {
 }
 
 void Client::Pause(Clock::time_point now) {
-  if (m_isPaused) return;
+  if (m_isPaused) {
+    return;
+  }
   StopPrices(now);
   m_isPaused = true;
 }
 
 void Client::Resume(Clock::time_point now) {
-  if (!m_isPaused) return;
+  if (!m_isPaused) {
+    return;
+  }
   try {
-    for (const auto& subscription : m_subscriptions) subscription->StartPrices();
+    for (const auto& subscription : m_subscriptions) {
+      subscription->StartPrices();
+    }
   } catch (...) {
     StopPrices(now);
     throw;
@@ -107,9 +119,13 @@ void Client::Resume(Clock::time_point now) {
 }
 
 void Client::StopPrices(Clock::time_point now) {
-  for (const auto& subscription : m_subscriptions) subscription->StopPrices();
+  for (const auto& subscription : m_subscriptions) {
+    subscription->StopPrices();
+  }
   TakeInMail(now);
-  for (const auto& subscription : m_subscriptions) subscription->PricesStopped();
+  for (const auto& subscription : m_subscriptions) {
+    subscription->PricesStopped();
+  }
 }
 
 Snapshot Client::Read(Clock::time_point now) const {
@@ -118,16 +134,24 @@ Snapshot Client::Read(Clock::time_point now) const {
   snapshot.client.isPaused = m_isPaused;
   snapshot.client.dropped = m_mailbox.Dropped();
   snapshot.instances.reserve(m_subscriptions.size());
-  for (const auto& subscription : m_subscriptions) snapshot.instances.push_back(subscription->Read(now));
+  for (const auto& subscription : m_subscriptions) {
+    snapshot.instances.push_back(subscription->Read(now));
+  }
   return snapshot;
 }
 
 void Client::Stop() {
-  if (!m_manager) return;
+  if (!m_manager) {
+    return;
+  }
   m_manager->Shutdown();
-  if (m_commands) TakeInMail(Clock::now());
+  if (m_commands) {
+    TakeInMail(Clock::now());
+  }
   // Endpoints go before the context that they were made from; those of the command channel are the manager's.
-  for (const auto& subscription : m_subscriptions) subscription->Close();
+  for (const auto& subscription : m_subscriptions) {
+    subscription->Close();
+  }
   m_commands.reset();
   m_manager.reset();
 }

@@ -21,7 +21,9 @@ CommandChannel::CommandChannel(ps_ns::LbmClientResourceMgr& manager, Mailbox& ma
 std::optional<feed::Command> CommandChannel::Read(std::string_view bytes) {
   auto command = feed::DecodeCommand(bytes);
   if (!command) {
-    if (const auto id = feed::DecodeMessageID(bytes)) Send(*id, "not a command that can be read", {}, {});
+    if (const auto id = feed::DecodeMessageID(bytes)) {
+      Send(*id, "not a command that can be read", {}, {});
+    }
   }
   return command;
 }

@@ -12,16 +12,22 @@ InstanceMonitor::InstanceMonitor(std::string name, unsigned segments)
 }
 
 void InstanceMonitor::NoteLive(Segment& segment) noexcept {
-  if (++segment.liveSources == 1) m_liveSegments.Add();
+  if (++segment.liveSources == 1) {
+    m_liveSegments.Add();
+  }
 }
 
 void InstanceMonitor::OnSessionBegin(unsigned segment) noexcept { NoteLive(m_segments[segment]); }
 
 bool InstanceMonitor::OnSessionEnd(unsigned segment) noexcept {
   Segment& state = m_segments[segment];
-  if (state.liveSources == 0) return false;
+  if (state.liveSources == 0) {
+    return false;
+  }
   state.sessions.SourceEnded();
-  if (--state.liveSources == 0) m_liveSegments.Set(m_liveSegments.Get() - 1);
+  if (--state.liveSources == 0) {
+    m_liveSegments.Set(m_liveSegments.Get() - 1);
+  }
   return true;
 }
 
@@ -33,13 +39,17 @@ bool InstanceMonitor::OnData(unsigned segment, std::span<const std::byte> data, 
   }
   Segment& state = m_segments[segment];
   const bool isUnannounced = state.liveSources == 0;
-  if (isUnannounced) NoteLive(state);
+  if (isUnannounced) {
+    NoteLive(state);
+  }
   NoteSequence(state, *message);
   NotePrice(*message);
   // Clocks of different machines may disagree, and any clock may be set: an
   // update is never early.
   m_latency.Record(static_cast<std::uint64_t>(std::max<std::int64_t>(0, arrivedAt - message->sentAt)));
-  if (m_firstAt.Get() == 0) m_firstAt.Set(static_cast<std::uint64_t>(arrivedAt));
+  if (m_firstAt.Get() == 0) {
+    m_firstAt.Set(static_cast<std::uint64_t>(arrivedAt));
+  }
   m_lastAt.Set(static_cast<std::uint64_t>(arrivedAt));
   m_updates.Add();
   return isUnannounced;
@@ -72,7 +82,9 @@ void InstanceMonitor::NoteSequence(Segment& segment, const feed::PriceMessage& m
   }
   segment.sequence = message.sequence;
   if (message.session != m_session) {
-    if (m_session != 0) m_restarts.Add();
+    if (m_session != 0) {
+      m_restarts.Add();
+    }
     m_session = message.session;
   }
 }
@@ -98,10 +110,14 @@ std::size_t InstanceMonitor::NumberOf(const feed::Symbol& symbol) noexcept {
   auto slot = std::hash<std::string_view>{}(symbol.View()) % kIndexSize;
   while (m_index[slot] != 0) {
     const std::size_t number = m_index[slot] - 1U;
-    if (m_records[number].symbol == symbol) return number;
+    if (m_records[number].symbol == symbol) {
+      return number;
+    }
     slot = (slot + 1) % kIndexSize;
   }
-  if (m_records.size() == kMaxSymbols) return kMaxSymbols;
+  if (m_records.size() == kMaxSymbols) {
+    return kMaxSymbols;
+  }
   m_records.emplace_back().symbol = symbol;
   m_index[slot] = static_cast<std::uint16_t>(m_records.size());
   return m_records.size() - 1;

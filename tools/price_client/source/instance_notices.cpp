@@ -6,26 +6,34 @@ namespace price_client {
 
 void InstanceNotices::TakeProduct(std::string_view bytes) {
   const auto product = feed::DecodeProductInfo(bytes);
-  if (!product) return CountMalformed();
+  if (!product) {
+    return CountMalformed();
+  }
   Keep(*product);
 }
 
 void InstanceNotices::TakeRfq(std::string_view bytes) {
   auto rfq = feed::DecodeRequestForQuote(bytes);
-  if (!rfq) return CountMalformed();
+  if (!rfq) {
+    return CountMalformed();
+  }
   ++m_notices.rfqs;
   m_notices.lastRfq = std::move(rfq);
 }
 
 void InstanceNotices::TakeNews(std::string_view bytes) {
   auto news = feed::DecodeNews(bytes);
-  if (!news) return CountMalformed();
+  if (!news) {
+    return CountMalformed();
+  }
   ++m_notices.news;
   m_notices.lastNews = std::move(news);
 }
 
 void InstanceNotices::TakeResponse(const feed::ClientResponse& response) {
-  for (const auto& product : response.products) Keep(product);
+  for (const auto& product : response.products) {
+    Keep(product);
+  }
 }
 
 void InstanceNotices::Keep(const feed::ProductInfo& product) {

@@ -6,19 +6,25 @@
 namespace price_client {
 
 void LatencyDistribution::Add(const LatencyDistribution& other) {
-  for (std::size_t i = 0; i < m_counts.size(); ++i) m_counts[i] += other.m_counts[i];
+  for (std::size_t i = 0; i < m_counts.size(); ++i) {
+    m_counts[i] += other.m_counts[i];
+  }
   m_total += other.m_total;
   m_max = std::max(m_max, other.m_max);
 }
 
 std::uint64_t LatencyDistribution::Quantile(double fraction) const {
-  if (m_total == 0) return 0;
+  if (m_total == 0) {
+    return 0;
+  }
   const auto wanted =
       std::max<std::uint64_t>(1, static_cast<std::uint64_t>(std::ceil(fraction * static_cast<double>(m_total))));
   std::uint64_t seen = 0;
   for (std::size_t i = 0; i < m_counts.size(); ++i) {
     seen += m_counts[i];
-    if (seen >= wanted) return std::min(LatencyBuckets::Highest(i), m_max);
+    if (seen >= wanted) {
+      return std::min(LatencyBuckets::Highest(i), m_max);
+    }
   }
   return m_max;
 }

@@ -21,14 +21,18 @@ struct LatencyBuckets {
 
   static constexpr std::size_t IndexOf(std::uint64_t nanoseconds) {
     const auto value = nanoseconds < kLimit ? nanoseconds : kLimit - 1;
-    if (value < kSub) return static_cast<std::size_t>(value);
+    if (value < kSub) {
+      return static_cast<std::size_t>(value);
+    }
     const auto doublings = static_cast<unsigned>(std::bit_width(value)) - 1 - kSubBits;
     return static_cast<std::size_t>((doublings + 1) * kSub + (value >> doublings) - kSub);
   }
 
   // The greatest value of the bucket.
   static constexpr std::uint64_t Highest(std::size_t index) {
-    if (index < kSub) return index;
+    if (index < kSub) {
+      return index;
+    }
     const auto doublings = index / kSub - 1;
     return ((index % kSub + kSub + 1) << doublings) - 1;
   }
@@ -59,7 +63,9 @@ class LatencyHistogram {
  public:
   void Record(std::uint64_t nanoseconds) noexcept {
     m_counts[LatencyBuckets::IndexOf(nanoseconds)].Add();
-    if (nanoseconds > m_max.Get()) m_max.Set(nanoseconds);
+    if (nanoseconds > m_max.Get()) {
+      m_max.Set(nanoseconds);
+    }
   }
 
   LatencyDistribution Read() const;

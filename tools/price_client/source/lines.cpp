@@ -10,7 +10,9 @@ namespace {
 
 // How the server's status differs from the one that was known before.
 std::string StatusChange(const InstanceSnapshot& before, const InstanceSnapshot& now) {
-  if (!now.status) return {};
+  if (!now.status) {
+    return {};
+  }
   const auto& status = *now.status;
   const bool isSame = before.status && before.status->last.session == status.last.session;
   if (!isSame || before.status->last.state != status.last.state) {
@@ -21,12 +23,16 @@ std::string StatusChange(const InstanceSnapshot& before, const InstanceSnapshot&
     return fmt::format("server is silent: no status for {:.0f} s", status.ageSeconds);
   }
   // One that is gone is not heard.
-  if (!status.isSilent && before.status->isSilent && IsAlive(now.state)) return "server is heard again";
+  if (!status.isSilent && before.status->isSilent && IsAlive(now.state)) {
+    return "server is heard again";
+  }
   return {};
 }
 
 std::string StateChange(const InstanceSnapshot& now) {
-  if (now.state != InstanceState::kGone || !now.status) return fmt::format("is {}", NameOf(now.state));
+  if (now.state != InstanceState::kGone || !now.status) {
+    return fmt::format("is {}", NameOf(now.state));
+  }
   return fmt::format("is gone, {}", ServerText(now));
 }
 
@@ -51,10 +57,18 @@ std::string ChangeLines(const InstanceSnapshot& before, const InstanceSnapshot& 
   };
   // A server that ends says so before it is gone.
   const auto status = StatusChange(before, now);
-  if (now.state == InstanceState::kGone && !status.empty()) add(status);
-  if (now.state != before.state) add(StateChange(now));
-  if (now.state != InstanceState::kGone && !status.empty()) add(status);
-  if (now.totals.restarts > before.totals.restarts) add("server restarted");
+  if (now.state == InstanceState::kGone && !status.empty()) {
+    add(status);
+  }
+  if (now.state != before.state) {
+    add(StateChange(now));
+  }
+  if (now.state != InstanceState::kGone && !status.empty()) {
+    add(status);
+  }
+  if (now.totals.restarts > before.totals.restarts) {
+    add("server restarted");
+  }
   if (now.totals.gaps > before.totals.gaps) {
     add(fmt::format("gaps: {} more, {} updates missed", now.totals.gaps - before.totals.gaps,
                     now.totals.missed - before.totals.missed));
@@ -79,12 +93,18 @@ std::string ChangeLines(const ClientSnapshot& before, const ClientSnapshot& now,
   const auto add = [&](const std::string& what) {
     text += fmt::format("{:8.1f}s client {} {}\n", elapsedSeconds, now.id, what);
   };
-  if (before.id.empty()) add("takes commands on host " + now.host);
-  if (now.isPaused != before.isPaused) add(now.isPaused ? "is paused: it takes no prices" : "is resumed");
+  if (before.id.empty()) {
+    add("takes commands on host " + now.host);
+  }
+  if (now.isPaused != before.isPaused) {
+    add(now.isPaused ? "is paused: it takes no prices" : "is resumed");
+  }
   if (now.malformedCommands > before.malformedCommands) {
     add(fmt::format("malformed commands: {} more", now.malformedCommands - before.malformedCommands));
   }
-  if (now.dropped > before.dropped) add(fmt::format("dropped: {} more messages", now.dropped - before.dropped));
+  if (now.dropped > before.dropped) {
+    add(fmt::format("dropped: {} more messages", now.dropped - before.dropped));
+  }
   return text;
 }
 

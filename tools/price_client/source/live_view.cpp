@@ -45,21 +45,27 @@ class Frame {
     const auto code = m_colour ? CodeOf(style) : std::string_view();
     m_text += code;
     m_text += text;
-    if (!code.empty()) m_text += "\x1b[0m";
+    if (!code.empty()) {
+      m_text += "\x1b[0m";
+    }
     return *this;
   }
 
   // There is no end of line after the last row, as it would scroll the screen.
   void EndLine() {
     m_text += "\x1b[K";
-    if (++m_row < m_size.rows) m_text += "\r\n";
+    if (++m_row < m_size.rows) {
+      m_text += "\r\n";
+    }
     m_column = 0;
   }
 
   unsigned RowsLeft() const { return m_size.rows - std::min(m_size.rows, m_row); }
 
   std::string Finish() && {
-    if (RowsLeft() > 0) m_text += "\x1b[J";
+    if (RowsLeft() > 0) {
+      m_text += "\x1b[J";
+    }
     return std::move(m_text);
   }
 
@@ -90,7 +96,9 @@ void AddHeader(Frame& frame, const Snapshot& snapshot) {
       .Add(fmt::format("  {}  {} updates  {}/s  ", FormatDuration(snapshot.elapsedSeconds),
                        FormatCount(snapshot.Total().updates),
                        FormatCount(static_cast<std::uint64_t>(std::llround(snapshot.CurrentRate())))));
-  if (snapshot.client.isPaused) frame.Add("paused", Style::kYellow).Add("  ");
+  if (snapshot.client.isPaused) {
+    frame.Add("paused", Style::kYellow).Add("  ");
+  }
   frame.Add("Ctrl-C ends", Style::kDim).EndLine();
   frame.Add(fmt::format("client {} on host {}", snapshot.client.id, snapshot.client.host), Style::kDim);
   if (snapshot.client.dropped > 0) {
@@ -105,10 +113,18 @@ void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
   frame.Add(fmt::format("  segments {}/{}  {}/s", instance.liveSegments, instance.segments,
                         FormatCount(static_cast<std::uint64_t>(std::llround(instance.currentRate)))));
   frame.Add("  gaps ").Add(FormatCount(totals.gaps), totals.gaps > 0 ? Style::kRed : Style::kPlain);
-  if (totals.missed > 0) frame.Add(fmt::format(" ({} missed)", FormatCount(totals.missed)), Style::kRed);
-  if (totals.lost > 0) frame.Add(fmt::format("  lost {}", FormatCount(totals.lost)), Style::kRed);
-  if (totals.restarts > 0) frame.Add(fmt::format("  restarts {}", totals.restarts), Style::kYellow);
-  if (totals.malformed > 0) frame.Add(fmt::format("  malformed {}", FormatCount(totals.malformed)), Style::kRed);
+  if (totals.missed > 0) {
+    frame.Add(fmt::format(" ({} missed)", FormatCount(totals.missed)), Style::kRed);
+  }
+  if (totals.lost > 0) {
+    frame.Add(fmt::format("  lost {}", FormatCount(totals.lost)), Style::kRed);
+  }
+  if (totals.restarts > 0) {
+    frame.Add(fmt::format("  restarts {}", totals.restarts), Style::kYellow);
+  }
+  if (totals.malformed > 0) {
+    frame.Add(fmt::format("  malformed {}", FormatCount(totals.malformed)), Style::kRed);
+  }
   // Last, as the faults matter more where the line is cut.
   if (totals.latency.Count() > 0) {
     frame.Add(fmt::format("  p50 {}  p99 {}", FormatLatency(totals.latency.Quantile(0.5)),
@@ -118,9 +134,15 @@ void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
 }
 
 Style StyleOfServer(const InstanceSnapshot& instance) {
-  if (instance.state == InstanceState::kGone) return instance.HasClosedInOrder() ? Style::kYellow : Style::kRed;
-  if (!instance.status) return Style::kDim;
-  if (instance.status->isSilent) return Style::kRed;
+  if (instance.state == InstanceState::kGone) {
+    return instance.HasClosedInOrder() ? Style::kYellow : Style::kRed;
+  }
+  if (!instance.status) {
+    return Style::kDim;
+  }
+  if (instance.status->isSilent) {
+    return Style::kRed;
+  }
   return instance.status->last.state == feed::ServerState::kClosing ? Style::kYellow : Style::kPlain;
 }
 
@@ -130,7 +152,9 @@ void AddServer(Frame& frame, const InstanceSnapshot& instance) {
   frame.Add("  ").Add(ServerText(instance), StyleOfServer(instance));
   frame.Add(fmt::format("  products {}  RFQs {}  news {}", FormatCount(notices.products.size()),
                         FormatCount(notices.rfqs), FormatCount(notices.news)));
-  if (notices.lastNews) frame.Add("  " + ToAscii(notices.lastNews->headline), Style::kDim);
+  if (notices.lastNews) {
+    frame.Add("  " + ToAscii(notices.lastNews->headline), Style::kDim);
+  }
   frame.EndLine();
 }
 
@@ -156,16 +180,24 @@ std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) 
     return withServers && instance.state != InstanceState::kNeverSeen;
   };
   auto kept = 1U;
-  for (const auto& instance : snapshot.instances) kept += hasServerRow(instance) ? 2 : 1;
+  for (const auto& instance : snapshot.instances) {
+    kept += hasServerRow(instance) ? 2 : 1;
+  }
   std::size_t hidden = 0;
   for (const auto& instance : snapshot.instances) {
-    if (frame.RowsLeft() == 0) break;
+    if (frame.RowsLeft() == 0) {
+      break;
+    }
     AddInstance(frame, instance);
-    if (hasServerRow(instance)) AddServer(frame, instance);
+    if (hasServerRow(instance)) {
+      AddServer(frame, instance);
+    }
     kept -= hasServerRow(instance) ? 2 : 1;
     const auto room = frame.RowsLeft() > kept ? frame.RowsLeft() - kept : 0;
     const auto shown = std::min<std::size_t>(room, instance.symbols.size());
-    for (std::size_t s = 0; s < shown; ++s) AddSymbol(frame, instance.symbols[s]);
+    for (std::size_t s = 0; s < shown; ++s) {
+      AddSymbol(frame, instance.symbols[s]);
+    }
     hidden += instance.symbols.size() - shown;
   }
   if (hidden > 0 && frame.RowsLeft() > 0) {

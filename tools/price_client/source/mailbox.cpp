@@ -8,7 +8,9 @@ namespace price_client {
 namespace {
 
 bool TellsOfSource(const Mail& mail) {
-  if (mail.kind == Mail::Kind::kPriceSourceCame || mail.kind == Mail::Kind::kPriceSourceWent) return true;
+  if (mail.kind == Mail::Kind::kPriceSourceCame || mail.kind == Mail::Kind::kPriceSourceWent) {
+    return true;
+  }
   return mail.message.Type() == LBM_MSG_BOS || mail.message.Type() == LBM_MSG_EOS;
 }
 
@@ -29,11 +31,15 @@ void Mailbox::Post(Mail mail) noexcept {
         ++m_dropped;
         return;
       }
-      if (++waiting == kMaxWaiting / 2) wake = true;
+      if (++waiting == kMaxWaiting / 2) {
+        wake = true;
+      }
     }
     m_mail.push_back(std::move(mail));
   }
-  if (wake) m_wake();
+  if (wake) {
+    m_wake();
+  }
 }
 
 std::vector<Mail> Mailbox::Collect() {

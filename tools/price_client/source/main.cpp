@@ -22,8 +22,12 @@ common::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
     code = common::ExitCode::kUnsatisfied;
   };
   for (const auto& instance : snapshot.instances) {
-    if (instance.totals.updates == 0) complain("nothing received from " + instance.name);
-    if (options.strict && instance.totals.HasGap()) complain("gap in the updates of " + instance.name);
+    if (instance.totals.updates == 0) {
+      complain("nothing received from " + instance.name);
+    }
+    if (options.strict && instance.totals.HasGap()) {
+      complain("gap in the updates of " + instance.name);
+    }
   }
   return code;
 }
@@ -31,7 +35,9 @@ common::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
 common::ExitCode Run(int argc, const char* const* argv) {
   const common::Output output;
   const auto options = ParseOptions(argc, argv, output);
-  if (!options) return common::ExitCode::kOk;
+  if (!options) {
+    return common::ExitCode::kOk;
+  }
 
   auto signals = TakesOverTerminal(*options, output) ? common::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
                                                      : common::SignalWait{SIGINT, SIGTERM, SIGHUP};
@@ -43,7 +49,9 @@ common::ExitCode Run(int argc, const char* const* argv) {
     const auto view = MakeView(*options, output);
     endedByCommand = Watch(*options, client, signals, *view, rates).Run();
   }
-  if (endedByCommand) std::cerr << "price_client: ended by a command" << std::endl;
+  if (endedByCommand) {
+    std::cerr << "price_client: ended by a command" << std::endl;
+  }
   client.Stop();
   const auto end = RateMeter::Clock::now();
   const auto result = rates.Measure(client.Read(end), end);

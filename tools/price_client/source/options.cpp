@@ -94,7 +94,9 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
   app.add_flag("--onload", options.onload, "Let the dispatch thread spin when the kernel bypass is present");
   common::AddCommonOptions(app);
 
-  if (!common::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+  if (!common::ParseCommandLine(app, argc, argv, output)) {
+    return std::nullopt;
+  }
 
   for (const auto& text : instances) {
     const auto instance = feed::ParseServerInstance(text);
@@ -103,8 +105,12 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
     }
     options.instances.push_back(instance);
   }
-  if (options.clientID.empty()) options.clientID = DefaultClientID();
-  if (options.host.empty()) options.host = HostName();
+  if (options.clientID.empty()) {
+    options.clientID = DefaultClientID();
+  }
+  if (options.host.empty()) {
+    options.host = HostName();
+  }
   CheckIdentity(options);
   return options;
 }

@@ -23,7 +23,9 @@ void ProductInquiry::End() {
 }
 
 void ProductInquiry::Pursue(Clock::time_point now) {
-  if (!m_isOpen || now < m_due) return;
+  if (!m_isOpen || now < m_due) {
+    return;
+  }
   Ask();
   m_due = now + m_interval;
   m_interval = std::min(2 * m_interval, kLongestInterval);
@@ -44,7 +46,9 @@ void ProductInquiry::Ask() {
 }
 
 void ProductInquiry::Take(const feed::ClientResponse& response) {
-  if (m_isOpen && response.id == m_id && response.isLast) End();
+  if (m_isOpen && response.id == m_id && response.isLast) {
+    End();
+  }
 }
 
 }  // namespace price_client

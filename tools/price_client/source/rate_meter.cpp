@@ -7,8 +7,12 @@ namespace price_client {
 Snapshot RateMeter::Measure(Snapshot snapshot, Clock::time_point now) {
   auto& instances = snapshot.instances;
   Reading reading{now, {}};
-  for (const auto& instance : instances) reading.updates.push_back(instance.totals.updates);
-  while (m_readings.size() > 1 && now - m_readings[1].at >= kWindow) m_readings.pop_front();
+  for (const auto& instance : instances) {
+    reading.updates.push_back(instance.totals.updates);
+  }
+  while (m_readings.size() > 1 && now - m_readings[1].at >= kWindow) {
+    m_readings.pop_front();
+  }
   if (!m_readings.empty()) {
     const auto& before = m_readings.front();
     const auto seconds = std::chrono::duration<double>(now - before.at).count();

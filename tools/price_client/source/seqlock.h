@@ -27,7 +27,9 @@ class Seqlock {
     std::memcpy(words.data(), &value, sizeof value);
     const auto version = m_version.load(std::memory_order_relaxed);
     m_version.store(version + 1, std::memory_order_relaxed);
-    for (std::size_t i = 0; i < kWords; ++i) m_words[i].store(words[i], std::memory_order_release);
+    for (std::size_t i = 0; i < kWords; ++i) {
+      m_words[i].store(words[i], std::memory_order_release);
+    }
     m_version.store(version + 2, std::memory_order_release);
   }
 
@@ -37,7 +39,9 @@ class Seqlock {
     std::uint64_t after = 0;
     do {
       before = m_version.load(std::memory_order_acquire);
-      for (std::size_t i = 0; i < kWords; ++i) words[i] = m_words[i].load(std::memory_order_acquire);
+      for (std::size_t i = 0; i < kWords; ++i) {
+        words[i] = m_words[i].load(std::memory_order_acquire);
+      }
       after = m_version.load(std::memory_order_relaxed);
     } while (before != after || before % 2 != 0);
     T value;

@@ -9,9 +9,13 @@ void ServerLife::SourceCame(Topic topic) {
 
 void ServerLife::SourceWent(Topic topic) {
   auto& live = LiveSources(topic);
-  if (live == 0) return;
+  if (live == 0) {
+    return;
+  }
   --live;
-  if (topic == Topic::kStatus) m_sessions.SourceEnded();
+  if (topic == Topic::kStatus) {
+    m_sessions.SourceEnded();
+  }
   Settle();
 }
 
@@ -22,17 +26,25 @@ void ServerLife::PricesDropped() {
 
 void ServerLife::TakeStatus(const feed::ServerStatus& status, Clock::time_point now) {
   // Whatever sends is alive, announced or not.
-  if (m_liveStatusSources == 0) SourceCame(Topic::kStatus);
+  if (m_liveStatusSources == 0) {
+    SourceCame(Topic::kStatus);
+  }
   const auto order = m_sessions.Take(status.session);
-  if (order == SessionTracker::Order::kStale) return;
+  if (order == SessionTracker::Order::kStale) {
+    return;
+  }
   // The first status of a life belongs to the run that was counted when the server came up.
-  if (order == SessionTracker::Order::kNext && m_status) ++m_run;
+  if (order == SessionTracker::Order::kNext && m_status) {
+    ++m_run;
+  }
   m_status = status;
   m_statusAt = now;
 }
 
 void ServerLife::Settle() {
-  if (IsAlive(m_state) == HasLiveSource()) return;
+  if (IsAlive(m_state) == HasLiveSource()) {
+    return;
+  }
   if (IsAlive(m_state)) {
     m_state = InstanceState::kGone;
     return;
@@ -43,7 +55,9 @@ void ServerLife::Settle() {
 }
 
 std::optional<StatusSnapshot> ServerLife::Status(Clock::time_point now) const {
-  if (!m_status) return std::nullopt;
+  if (!m_status) {
+    return std::nullopt;
+  }
   const auto age = now - m_statusAt;
   return StatusSnapshot{*m_status, std::chrono::duration<double>(age).count(), IsAlive(m_state) && age > m_maxSilence};
 }

@@ -18,9 +18,13 @@ class SessionTracker {
 
   // session is not 0.
   Order Take(std::uint64_t session) noexcept {
-    if (session == m_session) return Order::kSame;
+    if (session == m_session) {
+      return Order::kSame;
+    }
     // Once a source has ended, a lesser session is new all the same: the server's clock was set back.
-    if (session < m_session && !m_sourceEnded) return Order::kStale;
+    if (session < m_session && !m_sourceEnded) {
+      return Order::kStale;
+    }
     const auto order = m_session == 0 ? Order::kFirst : Order::kNext;
     m_session = session;
     m_sourceEnded = false;

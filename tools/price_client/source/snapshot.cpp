@@ -34,7 +34,9 @@ void Totals::Add(const Totals& other) {
   restarts += other.restarts;
   malformed += other.malformed;
   untracked += other.untracked;
-  if (firstAt == 0 || (other.firstAt != 0 && other.firstAt < firstAt)) firstAt = other.firstAt;
+  if (firstAt == 0 || (other.firstAt != 0 && other.firstAt < firstAt)) {
+    firstAt = other.firstAt;
+  }
   lastAt = std::max(lastAt, other.lastAt);
   latency.Add(other.latency);
 }
@@ -46,13 +48,17 @@ double Totals::Rate() const {
 
 Totals Snapshot::Total() const {
   Totals total;
-  for (const auto& instance : instances) total.Add(instance.totals);
+  for (const auto& instance : instances) {
+    total.Add(instance.totals);
+  }
   return total;
 }
 
 double Snapshot::CurrentRate() const {
   double rate = 0;
-  for (const auto& instance : instances) rate += instance.currentRate;
+  for (const auto& instance : instances) {
+    rate += instance.currentRate;
+  }
   return rate;
 }
 

@@ -76,7 +76,9 @@ void Subscription::TakePrice(unsigned segment, const lbm::Message& message) noex
       Post(Mail::Kind::kPriceSourceCame, {});
       break;
     case LBM_MSG_EOS:
-      if (m_monitor.OnSessionEnd(segment)) Post(Mail::Kind::kPriceSourceWent, {});
+      if (m_monitor.OnSessionEnd(segment)) {
+        Post(Mail::Kind::kPriceSourceWent, {});
+      }
       break;
     case LBM_MSG_UNRECOVERABLE_LOSS:
       m_monitor.OnLoss(1);
@@ -96,20 +98,32 @@ void Subscription::Post(Mail::Kind kind, lbm::Message message) const noexcept {
 // ---- The owner's thread ----
 
 void Subscription::TakeIn(const Mail& mail, Clock::time_point now) {
-  if (mail.kind == Mail::Kind::kPriceSourceCame) return m_life.SourceCame(ServerLife::Topic::kPrices);
-  if (mail.kind == Mail::Kind::kPriceSourceWent) return m_life.SourceWent(ServerLife::Topic::kPrices);
+  if (mail.kind == Mail::Kind::kPriceSourceCame) {
+    return m_life.SourceCame(ServerLife::Topic::kPrices);
+  }
+  if (mail.kind == Mail::Kind::kPriceSourceWent) {
+    return m_life.SourceWent(ServerLife::Topic::kPrices);
+  }
   const bool isStatus = mail.kind == Mail::Kind::kStatus;
   switch (mail.message.Type()) {
     case LBM_MSG_DATA:
     case LBM_MSG_RESPONSE:
-      if (isStatus) return TakeStatus(mail.message, now);
-      if (mail.kind == Mail::Kind::kResponse) return TakeResponse(mail.message);
+      if (isStatus) {
+        return TakeStatus(mail.message, now);
+      }
+      if (mail.kind == Mail::Kind::kResponse) {
+        return TakeResponse(mail.message);
+      }
       return TakeNotice(mail.kind, ContentOf(mail.message));
     case LBM_MSG_BOS:
-      if (isStatus) m_life.SourceCame(ServerLife::Topic::kStatus);
+      if (isStatus) {
+        m_life.SourceCame(ServerLife::Topic::kStatus);
+      }
       return;
     case LBM_MSG_EOS:
-      if (isStatus) m_life.SourceWent(ServerLife::Topic::kStatus);
+      if (isStatus) {
+        m_life.SourceWent(ServerLife::Topic::kStatus);
+      }
       return;
     case LBM_MSG_UNRECOVERABLE_LOSS:
       return m_notices.CountLost(1);
@@ -122,21 +136,31 @@ void Subscription::TakeIn(const Mail& mail, Clock::time_point now) {
 
 void Subscription::TakeStatus(const lbm::Message& message, Clock::time_point now) {
   const auto status = feed::DecodeServerStatus(ContentOf(message));
-  if (!status || status->session == 0) return m_notices.CountMalformed();
+  if (!status || status->session == 0) {
+    return m_notices.CountMalformed();
+  }
   m_life.TakeStatus(*status, now);
 }
 
 void Subscription::TakeResponse(const lbm::Message& message) {
   const auto response = feed::DecodeClientResponse(ContentOf(message));
-  if (!response) return m_notices.CountMalformed();
+  if (!response) {
+    return m_notices.CountMalformed();
+  }
   m_notices.TakeResponse(*response);
   // Others come on the topic of the responses to all clients, where ids are of any client.
-  if (message.Type() == LBM_MSG_RESPONSE) m_inquiry->Take(*response);
+  if (message.Type() == LBM_MSG_RESPONSE) {
+    m_inquiry->Take(*response);
+  }
 }
 
 void Subscription::TakeNotice(Mail::Kind kind, std::string_view bytes) {
-  if (kind == Mail::Kind::kProduct) return m_notices.TakeProduct(bytes);
-  if (kind == Mail::Kind::kRfq) return m_notices.TakeRfq(bytes);
+  if (kind == Mail::Kind::kProduct) {
+    return m_notices.TakeProduct(bytes);
+  }
+  if (kind == Mail::Kind::kRfq) {
+    return m_notices.TakeRfq(bytes);
+  }
   m_notices.TakeNews(bytes);
 }
 

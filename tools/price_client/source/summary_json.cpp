@@ -17,7 +17,9 @@ nlohmann::ordered_json ToJson(const Totals& totals) {
   };
   if (totals.latency.Count() > 0) {
     auto& latency = json["latency_ns"] = nlohmann::ordered_json::object();
-    for (const auto& quantile : kQuantiles) latency[quantile.key] = totals.latency.Quantile(quantile.fraction);
+    for (const auto& quantile : kQuantiles) {
+      latency[quantile.key] = totals.latency.Quantile(quantile.fraction);
+    }
     latency["max"] = totals.latency.Max();
   }
   return json;
@@ -82,7 +84,9 @@ nlohmann::ordered_json ToJson(const std::optional<T>& value) {
 template <typename T>
 nlohmann::ordered_json ToJson(const std::vector<T>& values) {
   auto array = nlohmann::ordered_json::array();
-  for (const auto& value : values) array.push_back(ToJson(value));
+  for (const auto& value : values) {
+    array.push_back(ToJson(value));
+  }
   return array;
 }
 

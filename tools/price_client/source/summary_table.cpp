@@ -46,12 +46,16 @@ Row ServerRow(const InstanceSnapshot& instance) {
 std::string Table(const std::vector<Row>& rows, std::size_t texts) {
   std::vector<std::size_t> widths(rows.front().size());
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      widths[i] = std::max(widths[i], row[i].size());
+    }
   }
   std::string text;
   for (const auto& row : rows) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      if (i > 0) text += "  ";
+      if (i > 0) {
+        text += "  ";
+      }
       text += i < texts ? fmt::format("{:<{}}", row[i], widths[i]) : fmt::format("{:>{}}", row[i], widths[i]);
     }
     text += '\n';
@@ -66,11 +70,17 @@ std::string NewsAndProducts(const InstanceSnapshot& instance) {
   if (!notices.products.empty()) {
     text += instance.name + " products:";
     const auto shown = std::min(kMaxNames, notices.products.size());
-    for (std::size_t i = 0; i < shown; ++i) text += fmt::format(" {}", notices.products[i].symbol.View());
-    if (shown < notices.products.size()) text += fmt::format(" and {} more", notices.products.size() - shown);
+    for (std::size_t i = 0; i < shown; ++i) {
+      text += fmt::format(" {}", notices.products[i].symbol.View());
+    }
+    if (shown < notices.products.size()) {
+      text += fmt::format(" and {} more", notices.products.size() - shown);
+    }
     text += '\n';
   }
-  if (notices.lastNews) text += fmt::format("{} last news: {}\n", instance.name, notices.lastNews->headline);
+  if (notices.lastNews) {
+    text += fmt::format("{} last news: {}\n", instance.name, notices.lastNews->headline);
+  }
   return text;
 }
 
@@ -79,7 +89,9 @@ std::string NewsAndProducts(const InstanceSnapshot& instance) {
 std::string SummaryTable(const Snapshot& snapshot) {
   std::vector<Row> prices{{"prices", "state", "updates", "rate/s", "gaps", "missed", "lost", "restarts"}};
   Row headings{"latency"};
-  for (const auto& quantile : kQuantiles) headings.emplace_back(quantile.heading);
+  for (const auto& quantile : kQuantiles) {
+    headings.emplace_back(quantile.heading);
+  }
   headings.emplace_back("max");
   std::vector<Row> latencies{headings};
   std::vector<Row> servers{{"server", "status", "products", "RFQs", "news"}};
@@ -93,7 +105,9 @@ std::string SummaryTable(const Snapshot& snapshot) {
   const auto total = snapshot.Total();
   prices.push_back(PricesRow("total", "", total));
   latencies.push_back(LatencyRow("total", total.latency));
-  if (!notices.empty()) notices.insert(0, 1, '\n');
+  if (!notices.empty()) {
+    notices.insert(0, 1, '\n');
+  }
   return Table(prices, 2) + '\n' + Table(latencies, 1) + '\n' + Table(servers, 2) + notices;
 }
 

@@ -31,7 +31,9 @@ void HandleFatalSignals(void (*handler)(int), unsigned flags) {
   struct sigaction action {};
   action.sa_handler = handler;
   action.sa_flags = static_cast<int>(flags);
-  for (const int signal : kFatalSignals) ::sigaction(signal, &action, nullptr);
+  for (const int signal : kFatalSignals) {
+    ::sigaction(signal, &action, nullptr);
+  }
 }
 
 }  // namespace
@@ -48,7 +50,9 @@ Terminal::~Terminal() {
 
 ScreenSize Terminal::Size() const {
   winsize window{};
-  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0 || window.ws_col == 0 || window.ws_row == 0) return {};
+  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0 || window.ws_col == 0 || window.ws_row == 0) {
+    return {};
+  }
   return {window.ws_col, window.ws_row};
 }
 

@@ -19,7 +19,9 @@ class LiveView : public View {
   explicit LiveView(const common::Output& output) : m_terminal(output), m_colour(std::getenv("NO_COLOR") == nullptr) {}
 
   void Show(const Snapshot& snapshot) override {
-    if (snapshot.elapsedSeconds < m_nextFrame) return;
+    if (snapshot.elapsedSeconds < m_nextFrame) {
+      return;
+    }
     m_nextFrame = snapshot.elapsedSeconds + kSecondsPerFrame;
     m_terminal.Draw(RenderFrame(snapshot, m_terminal.Size(), m_colour));
   }
@@ -43,11 +45,15 @@ class Lines : public View {
     m_clientBefore = snapshot.client;
     m_before.resize(snapshot.instances.size());
     const bool progress = snapshot.elapsedSeconds >= m_nextProgress;
-    if (progress) m_nextProgress += kSecondsPerProgress;
+    if (progress) {
+      m_nextProgress += kSecondsPerProgress;
+    }
     for (std::size_t i = 0; i < snapshot.instances.size(); ++i) {
       const auto& instance = snapshot.instances[i];
       text += ChangeLines(m_before[i], instance, snapshot.elapsedSeconds);
-      if (progress) text += ProgressLine(instance, snapshot.elapsedSeconds);
+      if (progress) {
+        text += ProgressLine(instance, snapshot.elapsedSeconds);
+      }
       m_before[i] = instance;
     }
     m_output.Write(text);
@@ -69,8 +75,12 @@ bool TakesOverTerminal(const Options& options, const common::Output& output) {
 }
 
 std::unique_ptr<View> MakeView(const Options& options, const common::Output& output) {
-  if (options.json || options.quiet) return std::make_unique<Silence>();
-  if (TakesOverTerminal(options, output)) return std::make_unique<LiveView>(output);
+  if (options.json || options.quiet) {
+    return std::make_unique<Silence>();
+  }
+  if (TakesOverTerminal(options, output)) {
+    return std::make_unique<LiveView>(output);
+  }
   return std::make_unique<Lines>(output);
 }
 

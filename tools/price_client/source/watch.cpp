@@ -26,13 +26,19 @@ bool Watch::Run() {
   for (;;) {
     const auto now = Clock::now();
     m_client.Work(now);
-    if (!ObeyCommands(now)) return true;
+    if (!ObeyCommands(now)) {
+      return true;
+    }
     if (now >= nextTick) {
-      if (!Show(now)) return false;
+      if (!Show(now)) {
+        return false;
+      }
       CheckDispatchThread();
       nextTick = now + kTick;
     }
-    if (now >= end || !WaitUntil(std::min(nextTick, end))) return false;
+    if (now >= end || !WaitUntil(std::min(nextTick, end))) {
+      return false;
+    }
   }
 }
 
@@ -44,8 +50,12 @@ bool Watch::Show(Clock::time_point now) {
 
 bool Watch::WaitUntil(Clock::time_point deadline) {
   const int signal = m_signals.WaitUntil(deadline);
-  if (common::AsksToStop(signal)) return false;
-  if (signal != 0) m_view.Suspend();
+  if (common::AsksToStop(signal)) {
+    return false;
+  }
+  if (signal != 0) {
+    m_view.Suspend();
+  }
   return true;
 }
 
@@ -61,7 +71,9 @@ void Watch::CheckDispatchThread() {
 bool Watch::ObeyCommands(Clock::time_point now) {
   while (const auto command = m_client.NextCommand()) {
     Obey(*command, now);
-    if (m_hasQuit) return false;
+    if (m_hasQuit) {
+      return false;
+    }
   }
   return true;
 }

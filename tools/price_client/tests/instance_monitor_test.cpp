@@ -34,7 +34,9 @@ class InstanceMonitorTest : public testing::Test {
   }
 
   void ReceiveSequence(std::uint64_t session, std::initializer_list<std::uint64_t> sequences, unsigned segment = 0) {
-    for (const auto sequence : sequences) Receive({.segment = segment, .session = session, .sequence = sequence});
+    for (const auto sequence : sequences) {
+      Receive({.segment = segment, .session = session, .sequence = sequence});
+    }
   }
 
   Totals Read() const { return m_monitor.Read().totals; }

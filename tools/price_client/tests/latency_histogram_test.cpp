@@ -24,8 +24,12 @@ TEST(LatencyHistogram, QuantilesAreAtMostOneThirtySecondTooGreat) {
   std::lognormal_distribution<double> latencies(9, 2);
   LatencyHistogram histogram;
   std::vector<std::uint64_t> values;
-  for (int i = 0; i < 10'000; ++i) values.push_back(static_cast<std::uint64_t>(latencies(random)));
-  for (const auto value : values) histogram.Record(value);
+  for (int i = 0; i < 10'000; ++i) {
+    values.push_back(static_cast<std::uint64_t>(latencies(random)));
+  }
+  for (const auto value : values) {
+    histogram.Record(value);
+  }
   std::sort(values.begin(), values.end());
   const auto distribution = histogram.Read();
   for (const double fraction : {0.0, 0.001, 0.5, 0.9, 0.99, 0.999, 1.0}) {
@@ -40,7 +44,9 @@ TEST(LatencyHistogram, QuantilesAreAtMostOneThirtySecondTooGreat) {
 TEST(LatencyHistogram, SumsOfDistributionsCountBoth) {
   LatencyHistogram fast;
   LatencyHistogram slow;
-  for (int i = 0; i < 3; ++i) fast.Record(10);
+  for (int i = 0; i < 3; ++i) {
+    fast.Record(10);
+  }
   slow.Record(1000);
   auto both = fast.Read();
   both.Add(slow.Read());

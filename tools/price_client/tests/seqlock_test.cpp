@@ -27,7 +27,9 @@ TEST(Seqlock, ReadersSeeWholeValuesOnlyAndNeverGoBack) {
   bool whole = true;
   while (latest < kLast && whole) {
     const auto value = shared.Load();
-    for (const auto copy : value.copies) whole = whole && copy == value.copies[0];
+    for (const auto copy : value.copies) {
+      whole = whole && copy == value.copies[0];
+    }
     whole = whole && value.tail == static_cast<std::uint8_t>(value.copies[0]) && value.copies[0] >= latest;
     latest = value.copies[0];
   }

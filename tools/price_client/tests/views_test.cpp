@@ -51,7 +51,9 @@ std::vector<std::string> LinesOf(std::string frame) {
   frame.erase(0, 3);
   std::vector<std::string> lines;
   std::istringstream stream(frame);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line.substr(0, line.find('\x1b')));
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line.substr(0, line.find('\x1b')));
+  }
   return lines;
 }
 
@@ -84,7 +86,9 @@ TEST(LiveView, NeverLeavesTheScreen) {
       const auto lines = LinesOf(RenderFrame(snapshot, {columns, rows}, false));
       // After the last used row comes the rest of the screen, empty.
       ASSERT_LE(lines.size(), rows) << rows;
-      for (const auto& line : lines) ASSERT_LE(line.size(), columns);
+      for (const auto& line : lines) {
+        ASSERT_LE(line.size(), columns);
+      }
     }
   }
 }
@@ -169,10 +173,16 @@ TEST(Report, TablesHaveARowForEachInstanceAndFitATerminal) {
   snapshot.instances[1].totals.updates = 1'000'000'000;
   std::istringstream table(SummaryTable(snapshot));
   std::vector<std::string> rows;
-  for (std::string row; std::getline(table, row);) rows.push_back(row);
+  for (std::string row; std::getline(table, row);) {
+    rows.push_back(row);
+  }
   ASSERT_EQ(rows.size(), 13U);
-  for (const auto& row : rows) EXPECT_LE(row.size(), 80U);
-  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(rows[i].size(), rows[0].size());
+  for (const auto& row : rows) {
+    EXPECT_LE(row.size(), 80U);
+  }
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(rows[i].size(), rows[0].size());
+  }
   EXPECT_THAT(rows[1], testing::MatchesRegex("ONE +up +4 +3\\.0 +0 +0 +0 +0"));
   EXPECT_THAT(rows[3], testing::StartsWith("total"));
   EXPECT_THAT(rows[6], testing::MatchesRegex("ONE +1\\.50 us +1\\.50 us .*"));

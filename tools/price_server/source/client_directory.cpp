@@ -15,7 +15,9 @@ ClientDirectory::ClientDirectory(lbm::Context& ctx, SourceWatch& sources, TaskLo
 
 void ClientDirectory::NoteSource(const std::string& topic) {
   const auto client = ps_ns::TopicNames::ParseClientCommandResponseTopic(topic);
-  if (!client || m_receivers.contains(topic)) return;
+  if (!client || m_receivers.contains(topic)) {
+    return;
+  }
   if (m_receivers.size() >= kMaxClients) {
     ZQLOG(ZQLOG_WARNING, kServerStatement, "Too many clients, no answers will be received on topic=\"" << topic << '"');
     return;
@@ -30,7 +32,9 @@ void ClientDirectory::NoteSource(const std::string& topic) {
 }
 
 void ClientDirectory::Receive(const ps_ns::ClientCommandResponseTopic& client, const lbm::Message& message) {
-  if (message.Type() != LBM_MSG_DATA) return;
+  if (message.Type() != LBM_MSG_DATA) {
+    return;
+  }
   const auto answer = feed::DecodeCommandAnswer({message.Data(), message.Length()});
   if (!answer || !m_loop.Post([this, client, answer = *answer] { m_onAnswer(client, answer); })) {
     ZQLOG(ZQLOG_WARNING, kServerStatement, "Dropped an answer to a command: " << message.ToString());

@@ -29,7 +29,9 @@ void CommandConsole::Execute(const std::string& line) {
               << "\" shows how lines are written" << std::endl;
   };
   try {
-    if (const auto command = ParseConsoleLine(line)) m_sender.Send(*command);
+    if (const auto command = ParseConsoleLine(line)) {
+      m_sender.Send(*command);
+    }
   } catch (const BadConsoleLine& error) {
     refuse(error.what());
   } catch (const lbm::LbmError& error) {

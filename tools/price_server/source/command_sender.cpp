@@ -55,11 +55,15 @@ void CommandSender::NoteSourceEvent(const std::string& topic, int event) {
 
 void CommandSender::SendWhatWaits(const std::string& topic) {
   auto& destination = DestinationAt(topic);
-  if (destination.subscribers <= 0 || TaskLoop::Clock::now() < destination.settled) return;
+  if (destination.subscribers <= 0 || TaskLoop::Clock::now() < destination.settled) {
+    return;
+  }
   for (auto next = m_pending.begin(); next != m_pending.end();) {
     const auto current = next++;
     auto& [number, command] = *current;
-    if (command.topic != topic || command.state != State::kWaiting) continue;
+    if (command.topic != topic || command.state != State::kWaiting) {
+      continue;
+    }
     if (destination.source->SendEC(command.message.data(), command.message.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK) ==
         -1) {
       PrintOutcome(number, command, fmt::format("not sent, {}", lbm_errmsg()));
@@ -74,7 +78,9 @@ void CommandSender::SendWhatWaits(const std::string& topic) {
 
 void CommandSender::EndWaitForListener(Number number) {
   const auto found = m_pending.find(number);
-  if (found == m_pending.end() || found->second.state != State::kWaiting) return;
+  if (found == m_pending.end() || found->second.state != State::kWaiting) {
+    return;
+  }
   PrintOutcome(number, found->second, fmt::format("not sent, nobody listened for {:g} s", Seconds(m_timeout)));
   m_pending.erase(found);
 }
@@ -90,11 +96,17 @@ void CommandSender::EndWaitForAnswers(Number number) {
 void CommandSender::NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, const feed::CommandAnswer& answer) {
   const Number number = answer.id - m_session;
   // Answers to others' commands come on the same topics.
-  if (number == 0 || number > m_last) return;
-  if (const auto found = m_pending.find(number); found != m_pending.end()) found->second.state = State::kAnswered;
+  if (number == 0 || number > m_last) {
+    return;
+  }
+  if (const auto found = m_pending.find(number); found != m_pending.end()) {
+    found->second.state = State::kAnswered;
+  }
   auto line = fmt::format("#{} from {} on {}: {}", number, common::OneLine(client.m_clientID),
                           common::OneLine(client.m_hostname), answer.result);
-  if (!answer.text.empty()) line += "; " + answer.text;
+  if (!answer.text.empty()) {
+    line += "; " + answer.text;
+  }
   const char* separator = "; ";
   for (const auto& [name, figure] : answer.figures) {
     line += fmt::format("{}{}={}", std::exchange(separator, " "), name, figure);
@@ -104,8 +116,12 @@ void CommandSender::NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, 
 
 void CommandSender::Close() {
   for (const auto& [number, command] : m_pending) {
-    if (command.state == State::kWaiting) PrintOutcome(number, command, "not sent, the server ends");
-    if (command.state == State::kSent) PrintOutcome(number, command, "no answer, the server ends");
+    if (command.state == State::kWaiting) {
+      PrintOutcome(number, command, "not sent, the server ends");
+    }
+    if (command.state == State::kSent) {
+      PrintOutcome(number, command, "no answer, the server ends");
+    }
   }
   m_pending.clear();
 }

@@ -20,16 +20,25 @@ std::optional<ConsoleCommand> ParseConsoleLine(std::string_view line) {
   }
   std::istringstream text{std::string(line)};
   std::vector<std::string> words;
-  for (std::string word; text >> word;) words.push_back(word);
-  if (words.empty() || words[0].starts_with('#')) return std::nullopt;
+  for (std::string word; text >> word;) {
+    words.push_back(word);
+  }
+  if (words.empty() || words[0].starts_with('#')) {
+    return std::nullopt;
+  }
   for (const auto& word : words) {
-    if (word != common::OneLine(word)) throw BadConsoleLine("bytes that are not UTF-8, or control characters");
+    if (word != common::OneLine(word)) {
+      throw BadConsoleLine("bytes that are not UTF-8, or control characters");
+    }
   }
 
   const bool isForHost = words[0] == "host";
-  if (!isForHost && words[0] != "client") throw BadConsoleLine('"' + words[0] + "\" is neither host nor client");
-  if (words.size() < 3)
+  if (!isForHost && words[0] != "client") {
+    throw BadConsoleLine('"' + words[0] + "\" is neither host nor client");
+  }
+  if (words.size() < 3) {
     throw BadConsoleLine(isForHost ? "hostname or command missing" : "client id or command missing");
+  }
   ConsoleCommand result;
   result.receiver = words[0] + ' ' + words[1];
   result.command.name = words[2];

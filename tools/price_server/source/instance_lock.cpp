@@ -34,14 +34,20 @@ bool IsStillAt(const std::filesystem::path& path, int file) {
 InstanceLock::InstanceLock(const std::filesystem::path& directory, const std::string& name)
     : m_path(directory / (name + ".lock")) {
   do {
-    if (m_file >= 0) ::close(m_file);
+    if (m_file >= 0) {
+      ::close(m_file);
+    }
     m_file = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (m_file < 0) throw std::system_error(errno, std::generic_category(), "cannot open " + m_path.string());
+    if (m_file < 0) {
+      throw std::system_error(errno, std::generic_category(), "cannot open " + m_path.string());
+    }
     if (::flock(m_file, LOCK_EX | LOCK_NB) != 0) {
       const int error = errno;
       const auto owner = ReadOwner(m_file);
       ::close(m_file);
-      if (error == EWOULDBLOCK) throw InstanceRunning("already running" + owner);
+      if (error == EWOULDBLOCK) {
+        throw InstanceRunning("already running" + owner);
+      }
       throw std::system_error(error, std::generic_category(), "cannot lock " + m_path.string());
     }
   } while (!IsStillAt(m_path, m_file));

@@ -45,7 +45,9 @@ std::filesystem::path LockDirectory(const lbm::Context& context) {
 common::ExitCode Run(int argc, const char* const* argv) {
   const common::Output output;
   const auto options = ParseOptions(argc, argv, output);
-  if (!options) return common::ExitCode::kOk;
+  if (!options) {
+    return common::ExitCode::kOk;
+  }
   const auto file = ReadPrices(*options);
 
   common::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
@@ -54,7 +56,9 @@ common::ExitCode Run(int argc, const char* const* argv) {
   SourceWatch sources(loop);
   lbm::ContextAttributes attributes;
   attributes.SetString("context_name", options->contextName.c_str());
-  if (options->hasConsole) sources.Install(attributes);
+  if (options->hasConsole) {
+    sources.Install(attributes);
+  }
   lbm::Context context(attributes);
   std::optional<InstanceLock> lock;
   try {

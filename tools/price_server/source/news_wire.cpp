@@ -22,7 +22,9 @@ NewsWire::NewsWire(const feed::PricesFile& file) : m_file(file) {
 }
 
 std::optional<feed::News> NewsWire::Next() {
-  if (m_moves.empty()) return std::nullopt;
+  if (m_moves.empty()) {
+    return std::nullopt;
+  }
   const auto& [before, after, percent] = m_moves[m_next];
   m_next = (m_next + 1) % m_moves.size();
   const auto symbol = m_file.symbols[after->symbol].View();

@@ -75,21 +75,29 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
   app.add_flag("--quiet", options.quiet, "Print the summary only, and what --console gives");
   common::AddCommonOptions(app);
 
-  if (!common::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+  if (!common::ParseCommandLine(app, argc, argv, output)) {
+    return std::nullopt;
+  }
 
   if (!options.instance.m_marketName.empty() && !feed::IsMarketName(options.instance.m_marketName)) {
     throw common::UsageError(
         "bad --market-name; expected 1 to 32 visible "
         "characters without blanks");
   }
-  if (options.statusPeriod.count() == 0) throw common::UsageError("bad --status-every 0; expected a number above 0");
+  if (options.statusPeriod.count() == 0) {
+    throw common::UsageError("bad --status-every 0; expected a number above 0");
+  }
   options.symbolOfDailyValues = SymbolFromFileName(options.pricesFile);
   if (!symbol.empty()) {
     const auto parsed = feed::Symbol::Parse(symbol);
-    if (!parsed) throw common::UsageError("bad --symbol \"" + symbol + "\"; expected 1 to 20 visible characters");
+    if (!parsed) {
+      throw common::UsageError("bad --symbol \"" + symbol + "\"; expected 1 to 20 visible characters");
+    }
     options.symbolOfDailyValues = *parsed;
   }
-  if (options.contextName.empty()) options.contextName = app.get_name();
+  if (options.contextName.empty()) {
+    options.contextName = app.get_name();
+  }
   return options;
 }
 

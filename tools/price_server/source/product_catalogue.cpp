@@ -11,7 +11,9 @@ ProductCatalogue::ProductCatalogue(const feed::PricesFile& file, unsigned short 
   }
   for (const auto& price : file.prices) {
     auto& product = m_products[price.symbol];
-    if (product.prices++ == 0) product.firstDate = price.date;
+    if (product.prices++ == 0) {
+      product.firstDate = price.date;
+    }
     product.lastDate = price.date;
   }
 }

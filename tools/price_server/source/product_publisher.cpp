@@ -13,14 +13,18 @@ ProductPublisher::ProductPublisher(lbm::Context& ctx, const ps_ns::ServerInstanc
 }
 
 void ProductPublisher::PublishSoon() {
-  if (m_isDue.exchange(true)) return;
+  if (m_isDue.exchange(true)) {
+    return;
+  }
   const bool isPosted = m_loop.Post([this] {
     m_isDue = false;
     for (std::uint32_t product = 0; product < m_catalogue.Size(); ++product) {
       m_publisher.Publish(feed::Encode(m_catalogue.At(product)));
     }
   });
-  if (!isPosted) m_isDue = false;
+  if (!isPosted) {
+    m_isDue = false;
+  }
 }
 
 }  // namespace price_server

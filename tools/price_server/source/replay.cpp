@@ -17,26 +17,38 @@ constexpr auto kPause = std::chrono::milliseconds(1);
 }  // namespace
 
 void Replay::Run() {
-  if (m_options.waitForClient && !WaitForClient()) return;
+  if (m_options.waitForClient && !WaitForClient()) {
+    return;
+  }
   m_start = Clock::now();
-  if (m_options.seconds) m_end = m_start + std::chrono::duration_cast<Clock::duration>(*m_options.seconds);
+  if (m_options.seconds) {
+    m_end = m_start + std::chrono::duration_cast<Clock::duration>(*m_options.seconds);
+  }
   ReplaySchedule schedule(m_options.updatesPerSecond, m_start);
   auto lastLook = m_start;
   for (std::size_t next = 0; !m_options.count || m_progress.UpdatesSent() < *m_options.count;) {
     const auto now = Clock::now();
-    if (now >= m_end) return;
+    if (now >= m_end) {
+      return;
+    }
     if (schedule.NextDue() > now || now - lastLook > kPause) {
-      if (StopsBefore(schedule.NextDue())) return;
+      if (StopsBefore(schedule.NextDue())) {
+        return;
+      }
       lastLook = now;
       continue;
     }
     if (!Send(m_file.prices[next])) {
-      if (StopsBefore(now + kPause)) return;
+      if (StopsBefore(now + kPause)) {
+        return;
+      }
       continue;
     }
     schedule.Advance(now);
     if (++next == m_file.prices.size()) {
-      if (!m_options.loop) return;
+      if (!m_options.loop) {
+        return;
+      }
       next = 0;
     }
   }
@@ -65,7 +77,9 @@ bool Replay::Send(const feed::RecordedPrice& price) {
 
 bool Replay::WaitForClient() {
   while (!m_publisher.EverySegmentHasSubscriber()) {
-    if (StopsBefore(Clock::now() + kPause)) return false;
+    if (StopsBefore(Clock::now() + kPause)) {
+      return false;
+    }
   }
   return true;
 }

@@ -6,7 +6,9 @@ ReplaySchedule::ReplaySchedule(double updatesPerSecond, Clock::time_point start)
     : m_secondsPerUpdate(updatesPerSecond > 0 ? 1 / updatesPerSecond : 0), m_origin(start), m_nextDue(start) {}
 
 void ReplaySchedule::Advance(Clock::time_point now) {
-  if (m_secondsPerUpdate == 0) return;
+  if (m_secondsPerUpdate == 0) {
+    return;
+  }
   if (now - m_nextDue > kMaxLag) {
     m_origin = now;
     m_sentSinceOrigin = 0;

@@ -61,9 +61,13 @@ void RequestService::Answer(const lbm::Message& message) const {
 
 std::vector<feed::ClientResponse> RequestService::ResponsesTo(const feed::ClientRequest& request) const {
   if (request.request == feed::kProductsRequest) {
-    if (!request.symbol) return AllProducts();
+    if (!request.symbol) {
+      return AllProducts();
+    }
     const auto product = m_catalogue.Find(*request.symbol);
-    if (!product) return {Error("unknown symbol \"" + std::string(request.symbol->View()) + '"')};
+    if (!product) {
+      return {Error("unknown symbol \"" + std::string(request.symbol->View()) + '"')};
+    }
     auto response = Good();
     response.products.push_back(m_catalogue.At(*product));
     return {response};

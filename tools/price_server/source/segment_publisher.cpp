@@ -16,8 +16,12 @@ SegmentPublisher::SegmentPublisher(lbm::Context& ctx, const ps_ns::ServerInstanc
     segment.message.sequence = 1;
     segment.message.segment = number;
     const auto countSubscribers = [&segment](int event, void*) {
-      if (event == LBM_SRC_EVENT_CONNECT) ++segment.subscribers;
-      if (event == LBM_SRC_EVENT_DISCONNECT) --segment.subscribers;
+      if (event == LBM_SRC_EVENT_CONNECT) {
+        ++segment.subscribers;
+      }
+      if (event == LBM_SRC_EVENT_DISCONNECT) {
+        --segment.subscribers;
+      }
     };
     const lbm::SourceTopic topic(ctx, ps_ns::TopicNames::CreateSegmentTopic(instance, number), attributes);
     segment.source = std::make_unique<lbm::Source>(ctx, topic, countSubscribers);
@@ -33,7 +37,9 @@ bool SegmentPublisher::Send(unsigned short segment, const feed::Symbol& symbol, 
   const auto bytes = feed::Encode(message);
   const auto* data = reinterpret_cast<const char*>(bytes.data());
   if (source->SendEC(data, bytes.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK) == -1) {
-    if (lbm_errnum() == LBM_EWOULDBLOCK) return false;
+    if (lbm_errnum() == LBM_EWOULDBLOCK) {
+      return false;
+    }
     throw lbm::LbmError("Failed to send a price");
   }
   ++message.sequence;

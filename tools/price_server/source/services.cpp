@@ -38,7 +38,9 @@ Services::Services(const Surroundings& surroundings, std::uint64_t session, std:
                       surroundings.output);
   }
   const auto every = [this](std::chrono::duration<double> period, void (Services::*publish)()) {
-    if (period.count() == 0) return;
+    if (period.count() == 0) {
+      return;
+    }
     m_loop.RunEvery(std::chrono::duration_cast<TaskLoop::Clock::duration>(period),
                     [this, publish] { (this->*publish)(); });
   };
@@ -52,14 +54,18 @@ Services::~Services() { m_loop.Stop(); }
 void Services::Close() {
   m_loop.Post([this] {
     m_status.ChangeState(feed::ServerState::kClosing);
-    if (m_console) m_console->Close();
+    if (m_console) {
+      m_console->Close();
+    }
   });
   m_loop.Stop();
   m_loop.RethrowFailure();
 }
 
 void Services::PublishNews() {
-  if (const auto news = m_newsWire.Next()) m_news.Publish(feed::Encode(*news));
+  if (const auto news = m_newsWire.Next()) {
+    m_news.Publish(feed::Encode(*news));
+  }
 }
 
 void Services::PublishRequestForQuote() {

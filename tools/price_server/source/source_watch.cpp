@@ -15,9 +15,13 @@ void SourceWatch::Install(lbm::ContextAttributes& attributes) {
 int SourceWatch::OnSource(const char* topic, const char*, void* clientd) {
   auto& self = *static_cast<SourceWatch*>(clientd);
   const bool isPosted = self.m_loop.Post([&self, name = std::string(topic)] {
-    if (self.m_handler) self.m_handler(name);
+    if (self.m_handler) {
+      self.m_handler(name);
+    }
   });
-  if (!isPosted) ZQLOG(ZQLOG_WARNING, kServerStatement, "Too busy to look at a source on topic=\"" << topic << '"');
+  if (!isPosted) {
+    ZQLOG(ZQLOG_WARNING, kServerStatement, "Too busy to look at a source on topic=\"" << topic << '"');
+  }
   return 0;
 }
 

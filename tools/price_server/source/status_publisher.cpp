@@ -30,7 +30,9 @@ void StatusPublisher::ChangeState(feed::ServerState state) {
 }
 
 void StatusPublisher::Publish() {
-  if (m_state != feed::ServerState::kClosing) m_publisher.Publish(feed::Encode(Status()));
+  if (m_state != feed::ServerState::kClosing) {
+    m_publisher.Publish(feed::Encode(Status()));
+  }
 }
 
 }  // namespace price_server

@@ -16,7 +16,9 @@ void TaskLoop::Stop() {
     m_isStopping = true;
   }
   m_changed.notify_one();
-  if (m_thread.joinable()) m_thread.join();
+  if (m_thread.joinable()) {
+    m_thread.join();
+  }
   // Outside the lock: the end of a task may be the end of a message.
   std::exchange(m_posted, {}).clear();
   std::exchange(m_timed, {}).clear();
@@ -25,7 +27,9 @@ void TaskLoop::Stop() {
 bool TaskLoop::Post(Task task) {
   {
     const std::lock_guard lock(m_mutex);
-    if (m_isStopping || m_posted.size() >= kMaxPosted) return false;
+    if (m_isStopping || m_posted.size() >= kMaxPosted) {
+      return false;
+    }
     m_posted.push_back(std::move(task));
   }
   m_changed.notify_one();
@@ -35,7 +39,9 @@ bool TaskLoop::Post(Task task) {
 void TaskLoop::RunAt(Clock::time_point time, Task task) {
   {
     const std::lock_guard lock(m_mutex);
-    if (m_isStopping) return;
+    if (m_isStopping) {
+      return;
+    }
     m_timed.emplace(time, std::move(task));
   }
   m_changed.notify_one();
@@ -55,12 +61,16 @@ void TaskLoop::RunPeriodically(Clock::time_point due, Clock::duration period, Ta
 }
 
 void TaskLoop::RethrowFailure() const {
-  if (m_failure) std::rethrow_exception(m_failure);
+  if (m_failure) {
+    std::rethrow_exception(m_failure);
+  }
 }
 
 void TaskLoop::Run() {
   try {
-    while (const auto task = Next()) task();
+    while (const auto task = Next()) {
+      task();
+    }
   } catch (...) {
     m_failure = std::current_exception();
     m_hasFailed = true;
@@ -80,7 +90,9 @@ TaskLoop::Task TaskLoop::Next() {
       m_posted.pop_front();
       return task;
     }
-    if (m_isStopping) return {};
+    if (m_isStopping) {
+      return {};
+    }
     if (m_timed.empty()) {
       m_changed.wait(lock);
     } else {

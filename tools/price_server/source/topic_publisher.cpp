@@ -7,7 +7,9 @@ namespace price_server {
 
 TopicPublisher::TopicPublisher(lbm::Context& ctx, const std::string& topic, const std::function<void()>& onSubscriber)
     : m_source(ctx, lbm::SourceTopic(ctx, topic, lbm::SourceTopicAttributes()), [onSubscriber](int event, void*) {
-        if (event == LBM_SRC_EVENT_CONNECT && onSubscriber) onSubscriber();
+        if (event == LBM_SRC_EVENT_CONNECT && onSubscriber) {
+          onSubscriber();
+        }
       }) {}
 
 void TopicPublisher::Publish(const std::string& message) {

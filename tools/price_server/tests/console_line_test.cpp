@@ -28,12 +28,16 @@ TEST(ConsoleLine, ThatIsACommandIsRead) {
     EXPECT_EQ(read->receiver, receiver);
     EXPECT_EQ(read->command, command);
   }
-  for (const char* nothing : {"", " \t\r", "# client alice report"}) EXPECT_FALSE(ParseConsoleLine(nothing)) << nothing;
+  for (const char* nothing : {"", " \t\r", "# client alice report"}) {
+    EXPECT_FALSE(ParseConsoleLine(nothing)) << nothing;
+  }
 }
 
 TEST(ConsoleLine, ThatIsNoneIsRefusedWithAReason) {
   std::string manyArguments = "client alice report";
-  for (int i = 0; i < 17; ++i) manyArguments += " a";
+  for (int i = 0; i < 17; ++i) {
+    manyArguments += " a";
+  }
   const std::pair<std::string, const char*> cases[] = {
       {"report", "\"report\" is neither host nor client"},
       {"Client alice report", "\"Client\" is neither"},

@@ -43,7 +43,9 @@ TEST_F(InstanceLockTest, GoesWithAKilledProcess) {
   if (child == 0) {
     const InstanceLock lock(m_directory, "a");
     [[maybe_unused]] const auto written = ::write(ready[1], "x", 1);
-    for (;;) ::pause();
+    for (;;) {
+      ::pause();
+    }
   }
   char byte = 0;
   ASSERT_EQ(::read(ready[0], &byte, 1), 1);

@@ -15,7 +15,9 @@ class LineReaderTest : public testing::Test {
   LineReaderTest() { EXPECT_EQ(::pipe(m_pipe.data()), 0); }
   ~LineReaderTest() override {
     ::close(m_pipe[0]);
-    if (m_pipe[1] >= 0) ::close(m_pipe[1]);
+    if (m_pipe[1] >= 0) {
+      ::close(m_pipe[1]);
+    }
   }
 
   void Write(const std::string& text) const {
@@ -36,9 +38,13 @@ TEST_F(LineReaderTest, GivesEveryLineOnceItIsTakenAndTheLastOneWithoutAnEnd) {
   Write("one\n\ntw");
   const LineReader reader(m_pipe[0], [&](const std::string& line) {
     isRefused = !isRefused;
-    if (isRefused) return false;
+    if (isRefused) {
+      return false;
+    }
     lines.push_back(line);
-    if (line == "last") isLast.set_value();
+    if (line == "last") {
+      isLast.set_value();
+    }
     return true;
   });
   Write("o\n" + std::string(LineReader::kMaxLength + 10, 'a') + "\nlast");
@@ -55,7 +61,9 @@ TEST_F(LineReaderTest, EndsAtAnyTime) {
   bool isFirst = true;
   Write("line\nline\n");
   const LineReader refused(m_pipe[0], [&](const std::string&) {
-    if (std::exchange(isFirst, false)) isOffered.set_value();
+    if (std::exchange(isFirst, false)) {
+      isOffered.set_value();
+    }
     return false;
   });
   isOffered.get_future().wait();

@@ -23,7 +23,9 @@ TEST(NewsWire, TellsTheGreatestMovesFirstAndThenStartsOver) {
       "A up 1.0% to 101.00 on 2000-01-05",
   };
   for (int round = 0; round < 2; ++round) {
-    for (const auto* headline : expected) EXPECT_EQ(wire.Next().value().headline, headline);
+    for (const auto* headline : expected) {
+      EXPECT_EQ(wire.Next().value().headline, headline);
+    }
   }
   EXPECT_EQ(wire.Next()->text, "B was at 5.00 on 2000-01-04.");
 }

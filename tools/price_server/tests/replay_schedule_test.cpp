@@ -12,13 +12,17 @@ const ReplaySchedule::Clock::time_point kStart{1000s};
 TEST(ReplaySchedule, KeepsTheRateOverAnyNumberOfUpdates) {
   ReplaySchedule schedule(3, kStart);
   EXPECT_EQ(schedule.NextDue(), kStart);
-  for (int i = 0; i < 3'000'000; ++i) schedule.Advance(schedule.NextDue());
+  for (int i = 0; i < 3'000'000; ++i) {
+    schedule.Advance(schedule.NextDue());
+  }
   EXPECT_LT(std::chrono::abs(schedule.NextDue() - (kStart + 1'000'000s)), 1us);
 }
 
 TEST(ReplaySchedule, CatchesUpAfterASmallDelay) {
   ReplaySchedule schedule(10, kStart);
-  for (int i = 0; i < 10; ++i) schedule.Advance(kStart + 900ms);
+  for (int i = 0; i < 10; ++i) {
+    schedule.Advance(kStart + 900ms);
+  }
   EXPECT_EQ(schedule.NextDue(), kStart + 1s);
 }
 
@@ -30,7 +34,9 @@ TEST(ReplaySchedule, SkipsWhatAStallHeldUp) {
 
 TEST(ReplaySchedule, WithoutARateEveryUpdateIsDue) {
   ReplaySchedule schedule(0, kStart);
-  for (int i = 0; i < 10; ++i) schedule.Advance(kStart + 5s);
+  for (int i = 0; i < 10; ++i) {
+    schedule.Advance(kStart + 5s);
+  }
   EXPECT_EQ(schedule.NextDue(), kStart);
 }
 

@@ -34,7 +34,9 @@ TEST(TaskLoop, RunsTimedTasksByTheirTimesAndStopsAfterWhatWasPosted) {
 TEST(TaskLoop, KeepsNoMoreThanItsLimitOfWaitingTasks) {
   TaskLoop loop;
   std::size_t ran = 0;
-  for (std::size_t i = 0; i < TaskLoop::kMaxPosted; ++i) ASSERT_TRUE(loop.Post([&] { ++ran; }));
+  for (std::size_t i = 0; i < TaskLoop::kMaxPosted; ++i) {
+    ASSERT_TRUE(loop.Post([&] { ++ran; }));
+  }
   EXPECT_FALSE(loop.Post([&] { ++ran; }));
   loop.Start([] {});
   loop.Stop();
@@ -46,7 +48,9 @@ TEST(TaskLoop, RepeatsATaskUntilItThrowsAndHandsThatOn) {
   int runs = 0;
   std::promise<void> hasFailed;
   loop.RunEvery(0s, [&] {
-    if (++runs == 3) throw std::runtime_error("third");
+    if (++runs == 3) {
+      throw std::runtime_error("third");
+    }
   });
   loop.Start([&] { hasFailed.set_value(); });
   hasFailed.get_future().wait();

@@ -26,8 +26,12 @@ lbm::ContextAttributes Attributes() {
 
 Answer ReadAnswer(const std::string& data, const std::string& requestId) {
   TriageResponse response;
-  if (!response.ParseFromString(data) || !response.has_status()) return {.status = "unreadable answer"};
-  if (response.request_id() != requestId) return {.status = "answer to another request"};
+  if (!response.ParseFromString(data) || !response.has_status()) {
+    return {.status = "unreadable answer"};
+  }
+  if (response.request_id() != requestId) {
+    return {.status = "answer to another request"};
+  }
   switch (response.status()) {
     case zq::messaging::triage::TRIAGE_RESPONSE_STATUS_SUCCESS:
       return {.status = "success", .success = true};
@@ -56,8 +60,12 @@ Outcome Enquiry::Run(Clock::duration timeout, std::optional<std::size_t> expecte
       continue;
     }
     auto outcome = Read();
-    if (now >= end || (expected && outcome.answers.size() >= *expected)) return outcome;
-    if (common::AsksToStop(m_signals.WaitUntil(askAt ? std::min(*askAt, end) : end))) return Read();
+    if (now >= end || (expected && outcome.answers.size() >= *expected)) {
+      return outcome;
+    }
+    if (common::AsksToStop(m_signals.WaitUntil(askAt ? std::min(*askAt, end) : end))) {
+      return Read();
+    }
   }
 }
 
@@ -70,7 +78,9 @@ void Enquiry::Hear(int event, const char* name) {
   } else if (event == LBM_SRC_EVENT_DISCONNECT) {
     const auto gone = std::find_if(m_listeners.begin(), m_listeners.end(),
                                    [name](const Listener& listener) { return listener.name == name; });
-    if (gone != m_listeners.end()) m_listeners.erase(gone);
+    if (gone != m_listeners.end()) {
+      m_listeners.erase(gone);
+    }
   }
   m_signals.Wake();
 }
@@ -83,7 +93,9 @@ void Enquiry::Take(Round& round, const lbm::Message& message) {
   answer.roundTrip = arrivedAt - round.sentAt;
   // Without a name, the first answer to one send is taken for the first one to another, and so on.
   const auto key = answer.process.empty() ? std::to_string(++round.nameless) : answer.process;
-  if (m_answered.insert(key).second) m_answers.push_back(std::move(answer));
+  if (m_answered.insert(key).second) {
+    m_answers.push_back(std::move(answer));
+  }
   m_signals.Wake();
 }
 
@@ -102,7 +114,9 @@ void Enquiry::Ask() {
   Round* round = nullptr;
   {
     const std::lock_guard lock(m_mutex);
-    for (auto& listener : m_listeners) listener.asked = true;
+    for (auto& listener : m_listeners) {
+      listener.asked = true;
+    }
     round = &m_rounds.emplace_back(Round{Clock::now()});
   }
   // Requests stay where they were made.
@@ -125,7 +139,9 @@ Outcome Enquiry::Read() const {
   const auto strangers = static_cast<std::size_t>(std::count_if(
       m_answers.begin(), m_answers.end(), [this](const Answer& answer) { return !m_heard.contains(answer.process); }));
   outcome.silentCount = outcome.silent.size() - std::min(strangers, outcome.silent.size());
-  if (strangers > 0) outcome.silent.clear();
+  if (strangers > 0) {
+    outcome.silent.clear();
+  }
   return outcome;
 }
 

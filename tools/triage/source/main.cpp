@@ -20,7 +20,9 @@ namespace {
 // Tells this run from others in the logs of those who answer.
 std::string MakeRequestId() {
   std::array<char, 256> host{};
-  if (::gethostname(host.data(), host.size() - 1) != 0) host[0] = '?';
+  if (::gethostname(host.data(), host.size() - 1) != 0) {
+    host[0] = '?';
+  }
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return std::string("triage-") + host.data() + '-' + std::to_string(::getpid()) + '-' +
          std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
@@ -38,7 +40,9 @@ Question QuestionOf(const Options& options) {
 common::ExitCode Run(int argc, const char* const* argv) {
   const common::Output output;
   const auto options = ParseOptions(argc, argv, output);
-  if (!options) return common::ExitCode::kOk;
+  if (!options) {
+    return common::ExitCode::kOk;
+  }
 
   // This process asks; it is not one of those to be asked.
   ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "this is the triage tool", 1);
@@ -52,7 +56,9 @@ common::ExitCode Run(int argc, const char* const* argv) {
   const Report report{*options, question, outcome, Enquiry::Clock::now() - start};
   output.Write(options->json ? Json(report) : Table(report));
   const auto verdict = Judge(report);
-  if (!verdict.complaint.empty()) std::cerr << "triage: " << verdict.complaint << std::endl;
+  if (!verdict.complaint.empty()) {
+    std::cerr << "triage: " << verdict.complaint << std::endl;
+  }
   return verdict.code;
 }
 

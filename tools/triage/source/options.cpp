@@ -62,7 +62,9 @@ void Resolve(const Target& target, Options& options) {
   };
   options.environment = orVariable(target.environment, protocol::kEnvironmentVariable);
   options.topicPrefix = orVariable(target.topicPrefix, protocol::kTopicPrefixVariable);
-  if (!target.allDataCenters) options.dataCenter = orVariable(target.dataCenter, protocol::kDataCenterVariable);
+  if (!target.allDataCenters) {
+    options.dataCenter = orVariable(target.dataCenter, protocol::kDataCenterVariable);
+  }
   if (options.environment.empty()) {
     throw common::UsageError(std::string("which environment? Give --environment or set ") +
                              protocol::kEnvironmentVariable);
@@ -115,7 +117,9 @@ NakKill Read(const NakKillFlags& flags) {
   if (!protocol::LBMContext_Parse(protocol::UpperCase(flags.contexts), &contexts)) {
     throw common::UsageError("--context: \"" + flags.contexts + "\" is none of " + ContextGroups());
   }
-  if (!flags.enable && !flags.disable) throw common::UsageError("nak-kill needs --enable or --disable");
+  if (!flags.enable && !flags.disable) {
+    throw common::UsageError("nak-kill needs --enable or --disable");
+  }
   return {contexts, flags.enable};
 }
 
@@ -140,9 +144,13 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
     command->footer(kFooter);
   }
 
-  if (!common::ParseCommandLine(app, argc, argv, output)) return std::nullopt;
+  if (!common::ParseCommandLine(app, argc, argv, output)) {
+    return std::nullopt;
+  }
 
-  if (nak->parsed()) options.nakKill = Read(nakKill);
+  if (nak->parsed()) {
+    options.nakKill = Read(nakKill);
+  }
   Resolve(target, options);
   return options;
 }

@@ -20,11 +20,15 @@ using Row = std::array<std::string, kColumns>;
 std::string AlignedRows(const std::vector<Row>& rows) {
   std::array<std::size_t, kColumns> widths{};
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i < kColumns; ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < kColumns; ++i) {
+      widths[i] = std::max(widths[i], row[i].size());
+    }
   }
   std::string text;
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i + 1 < kColumns; ++i) text += fmt::format("{:<{}}  ", row[i], widths[i]);
+    for (std::size_t i = 0; i + 1 < kColumns; ++i) {
+      text += fmt::format("{:<{}}  ", row[i], widths[i]);
+    }
     text += fmt::format("{:>{}}\n", row.back(), widths.back());  // a number
   }
   return text;
@@ -134,13 +138,21 @@ std::string Json(const Report& report) {
 Verdict Judge(const Report& report) {
   using common::ExitCode;
   const auto& outcome = report.outcome;
-  if (outcome.answers.empty()) return {ExitCode::kNoAnswer, NobodyAnswered(report)};
+  if (outcome.answers.empty()) {
+    return {ExitCode::kNoAnswer, NobodyAnswered(report)};
+  }
   const auto failures = static_cast<std::size_t>(std::count_if(outcome.answers.begin(), outcome.answers.end(),
                                                                [](const Answer& answer) { return !answer.success; }));
-  if (failures > 0) return {ExitCode::kRefused, Answers(failures) + " without success"};
-  if (HasEnough(report)) return {};
+  if (failures > 0) {
+    return {ExitCode::kRefused, Answers(failures) + " without success"};
+  }
+  if (HasEnough(report)) {
+    return {};
+  }
   std::string complaint = Answers(outcome.answers.size());
-  if (report.options.expected) complaint += fmt::format(" instead of {}", *report.options.expected);
+  if (report.options.expected) {
+    complaint += fmt::format(" instead of {}", *report.options.expected);
+  }
   if (outcome.silentCount > 0) {
     complaint +=
         fmt::format("; {} got the request and did not answer: {}", Processes(outcome.silentCount), Silent(outcome));

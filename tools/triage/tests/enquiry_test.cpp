@@ -46,7 +46,9 @@ class Listener {
       : m_context(Attributes(name)),
         m_receiver(m_context, {m_context, "ASK", lbm::ReceiverTopicAttributes()},
                    [behaviour = std::move(behaviour)](const lbm::Message& message) {
-                     if (message.Type() == LBM_MSG_REQUEST) behaviour(message);
+                     if (message.Type() == LBM_MSG_REQUEST) {
+                       behaviour(message);
+                     }
                    }) {}
 
  private:

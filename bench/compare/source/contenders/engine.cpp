@@ -9,7 +9,7 @@ namespace compare {
 
 namespace {
 
-lbm::ContextAttributes contextAttributes(const NodeSetup& setup) {
+lbm::ContextAttributes ContextAttributes(const NodeSetup& setup) {
   lbm::ContextAttributes attributes;
   attributes.SetString("operational_mode", setup.subscribes.empty() ? "embedded" : "sequential");
   return attributes;
@@ -17,7 +17,7 @@ lbm::ContextAttributes contextAttributes(const NodeSetup& setup) {
 
 class EngineNode : public Node {
  public:
-  explicit EngineNode(const NodeSetup& setup) : m_context(contextAttributes(setup)) {
+  explicit EngineNode(const NodeSetup& setup) : m_context(ContextAttributes(setup)) {
     lbm::SourceTopicAttributes lossless;
     lossless.SetString("transport_pacing", "receiver");
     for (const std::string& topic : setup.publishes) {
@@ -28,17 +28,17 @@ class EngineNode : public Node {
       m_receivers.push_back(std::make_unique<lbm::Receiver>(m_context, lbm::ReceiverTopic(m_context, topic, {}),
                                                             [sink = setup.sink](const lbm::Message& message) {
                                                               if (message.Type() == LBM_MSG_DATA) {
-                                                                sink->take(message.Data(), message.Length());
+                                                                sink->Take(message.Data(), message.Length());
                                                               }
                                                             }));
     }
   }
 
-  void send(std::size_t topic, const char* data, std::size_t length) override {
+  void Send(std::size_t topic, const char* data, std::size_t length) override {
     m_sources[topic]->Send(data, length, 0);
   }
 
-  void poll(int timeoutMs) override { m_context.Poll(static_cast<lbm_ulong_t>(timeoutMs)); }
+  void Poll(int timeoutMs) override { m_context.Poll(static_cast<lbm_ulong_t>(timeoutMs)); }
 
  private:
   lbm::Context m_context;
@@ -54,7 +54,7 @@ class Engine : public Contender {
     ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "1", 1);
   }
 
-  Description describe() const override {
+  Description Describe() const override {
     return {.name = "this engine, std::function",
             .version = lbm_version(),
             .transport = "its own, default options",
@@ -62,12 +62,12 @@ class Engine : public Contender {
             .spins = true,
             .pinned = true};
   }
-  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
+  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
 };
 
 }  // namespace
 
-std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
   return std::make_unique<Engine>(directory);
 }
 

@@ -10,7 +10,7 @@ namespace compare {
 
 namespace {
 
-void check(int result) {
+void Check(int result) {
   if (result == -1) {
     throw std::runtime_error(lbm_errmsg());
   }
@@ -20,24 +20,24 @@ class EngineNode : public Node {
  public:
   explicit EngineNode(const NodeSetup& setup) : m_polled(!setup.subscribes.empty()), m_sink(setup.sink) {
     lbm_context_attr_t* attributes = nullptr;
-    check(lbm_context_attr_create(&attributes));
-    check(lbm_context_attr_str_setopt(attributes, "operational_mode", m_polled ? "sequential" : "embedded"));
-    check(lbm_context_create(&m_context, attributes, nullptr, nullptr));
-    check(lbm_context_attr_delete(attributes));
+    Check(lbm_context_attr_create(&attributes));
+    Check(lbm_context_attr_str_setopt(attributes, "operational_mode", m_polled ? "sequential" : "embedded"));
+    Check(lbm_context_create(&m_context, attributes, nullptr, nullptr));
+    Check(lbm_context_attr_delete(attributes));
 
     lbm_src_topic_attr_t* lossless = nullptr;
-    check(lbm_src_topic_attr_create(&lossless));
-    check(lbm_src_topic_attr_str_setopt(lossless, "transport_pacing", "receiver"));
+    Check(lbm_src_topic_attr_create(&lossless));
+    Check(lbm_src_topic_attr_str_setopt(lossless, "transport_pacing", "receiver"));
     for (const std::string& name : setup.publishes) {
       lbm_topic_t* topic = nullptr;
-      check(lbm_src_topic_alloc(&topic, m_context, name.c_str(), lossless));
-      check(lbm_src_create(&m_sources.emplace_back(), m_context, topic, nullptr, nullptr, nullptr));
+      Check(lbm_src_topic_alloc(&topic, m_context, name.c_str(), lossless));
+      Check(lbm_src_create(&m_sources.emplace_back(), m_context, topic, nullptr, nullptr, nullptr));
     }
-    check(lbm_src_topic_attr_delete(lossless));
+    Check(lbm_src_topic_attr_delete(lossless));
     for (const std::string& name : setup.subscribes) {
       lbm_topic_t* topic = nullptr;
-      check(lbm_rcv_topic_lookup(&topic, m_context, name.c_str(), nullptr));
-      check(lbm_rcv_create(&m_receivers.emplace_back(), m_context, topic, deliver, this, nullptr));
+      Check(lbm_rcv_topic_lookup(&topic, m_context, name.c_str(), nullptr));
+      Check(lbm_rcv_create(&m_receivers.emplace_back(), m_context, topic, Deliver, this, nullptr));
     }
   }
 
@@ -51,18 +51,18 @@ class EngineNode : public Node {
     lbm_context_delete(m_context);
   }
 
-  void send(std::size_t topic, const char* data, std::size_t length) override {
-    check(lbm_src_send(m_sources[topic], data, length, 0));
+  void Send(std::size_t topic, const char* data, std::size_t length) override {
+    Check(lbm_src_send(m_sources[topic], data, length, 0));
   }
 
-  void poll(int timeoutMs) override {
-    check(lbm_context_process_events(m_context, static_cast<lbm_ulong_t>(timeoutMs)));
+  void Poll(int timeoutMs) override {
+    Check(lbm_context_process_events(m_context, static_cast<lbm_ulong_t>(timeoutMs)));
   }
 
  private:
-  static int deliver(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
+  static int Deliver(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     if (message->type == LBM_MSG_DATA) {
-      static_cast<EngineNode*>(clientd)->m_sink->take(message->data, message->len);
+      static_cast<EngineNode*>(clientd)->m_sink->Take(message->data, message->len);
     }
     return 0;
   }
@@ -78,7 +78,7 @@ class Engine : public Contender {
  public:
   explicit Engine(const std::filesystem::path& directory) { ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1); }
 
-  Description describe() const override {
+  Description Describe() const override {
     return {.name = "this engine, C interface",
             .version = lbm_version(),
             .transport = "its own, default options",
@@ -86,12 +86,12 @@ class Engine : public Contender {
             .spins = true,
             .pinned = true};
   }
-  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
+  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
 };
 
 }  // namespace
 
-std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
   return std::make_unique<Engine>(directory);
 }
 

@@ -20,7 +20,7 @@ namespace {
 constexpr const char* kServerProgram = "/usr/sbin/nats-server";
 constexpr std::size_t kWindow = 4096;
 
-void check(natsStatus status) {
+void Check(natsStatus status) {
   if (status != NATS_OK) {
     throw std::runtime_error(std::string("nats: ") + ::natsStatus_GetText(status));
   }
@@ -44,7 +44,7 @@ class Server {
     }
     ::close(output[1]);
     m_log = ::fdopen(output[0], "r");
-    readPort();
+    ReadPort();
   }
   ~Server() {
     ::kill(m_process, SIGTERM);
@@ -54,11 +54,11 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  std::string url() const { return "nats://127.0.0.1:" + m_port; }
-  const std::string& version() const { return m_version; }
+  std::string Url() const { return "nats://127.0.0.1:" + m_port; }
+  const std::string& Version() const { return m_version; }
 
  private:
-  void readPort() {
+  void ReadPort() {
     const std::regex versionText("Version: +([0-9.]+)");
     const std::regex portText("client connections on 127\\.0\\.0\\.1:([0-9]+)");
     std::array<char, 512> line;
@@ -87,19 +87,19 @@ class NatsNode : public Node {
  public:
   NatsNode(const std::string& url, const NodeSetup& setup) : m_sink(setup.sink), m_topics(setup.publishes) {
     natsOptions* options = nullptr;
-    check(::natsOptions_Create(&options));
-    check(::natsOptions_SetURL(options, url.c_str()));
+    Check(::natsOptions_Create(&options));
+    Check(::natsOptions_SetURL(options, url.c_str()));
     // One thread for all subscriptions, instead of one for each.
-    check(::natsOptions_UseGlobalMessageDelivery(options, true));
+    Check(::natsOptions_UseGlobalMessageDelivery(options, true));
     // A publisher's messages are collected by the library as it does by default; answers go out at once.
-    check(::natsOptions_SetSendAsap(options, !setup.publishes.empty() && !setup.subscribes.empty()));
-    check(::natsConnection_Connect(&m_connection, options));
+    Check(::natsOptions_SetSendAsap(options, !setup.publishes.empty() && !setup.subscribes.empty()));
+    Check(::natsConnection_Connect(&m_connection, options));
     ::natsOptions_Destroy(options);
     for (const std::string& topic : setup.subscribes) {
-      check(::natsConnection_Subscribe(&m_subscriptions.emplace_back(), m_connection, topic.c_str(), deliver, this));
+      Check(::natsConnection_Subscribe(&m_subscriptions.emplace_back(), m_connection, topic.c_str(), Deliver, this));
     }
     if (!setup.subscribes.empty()) {
-      check(::natsConnection_Flush(m_connection));
+      Check(::natsConnection_Flush(m_connection));
     }
   }
   ~NatsNode() override {
@@ -110,20 +110,20 @@ class NatsNode : public Node {
     ::natsConnection_Destroy(m_connection);
   }
 
-  void send(std::size_t topic, const char* data, std::size_t length) override {
-    check(::natsConnection_Publish(m_connection, m_topics[topic].c_str(), data, static_cast<int>(length)));
+  void Send(std::size_t topic, const char* data, std::size_t length) override {
+    Check(::natsConnection_Publish(m_connection, m_topics[topic].c_str(), data, static_cast<int>(length)));
   }
 
   // The library delivers on a thread of its own.
-  void poll(int timeoutMs) override {
+  void Poll(int timeoutMs) override {
     if (timeoutMs > 0) {
       ::nats_Sleep(1);
     }
   }
 
  private:
-  static void deliver(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
-    static_cast<NatsNode*>(closure)->m_sink->take(::natsMsg_GetData(message),
+  static void Deliver(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+    static_cast<NatsNode*>(closure)->m_sink->Take(::natsMsg_GetData(message),
                                                   static_cast<std::size_t>(::natsMsg_GetDataLength(message)));
     ::natsMsg_Destroy(message);
   }
@@ -136,15 +136,15 @@ class NatsNode : public Node {
 
 class Nats : public Contender {
  public:
-  Description describe() const override {
+  Description Describe() const override {
     return {.name = "NATS",
-            .version = m_server.version() + ", client " + ::nats_GetVersion(),
+            .version = m_server.Version() + ", client " + ::nats_GetVersion(),
             .transport = "core publish/subscribe over loopback TCP through a server",
             .pacing = "none of its own; at most " + std::to_string(kWindow) + " messages ahead",
             .window = kWindow};
   }
-  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override {
-    return std::make_unique<NatsNode>(m_server.url(), setup);
+  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
+    return std::make_unique<NatsNode>(m_server.Url(), setup);
   }
 
  private:
@@ -153,6 +153,6 @@ class Nats : public Contender {
 
 }  // namespace
 
-std::unique_ptr<Contender> makeContender(const std::filesystem::path&) { return std::make_unique<Nats>(); }
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path&) { return std::make_unique<Nats>(); }
 
 }  // namespace compare

@@ -15,7 +15,7 @@ constexpr int kBuffer = 8192;          // messages, the most that the library ta
 constexpr std::size_t kWindow = 4096;  // both buffers hold it, so nothing is dropped
 constexpr int kBatchMax = 256;         // messages in one poll
 
-void check(int result) {
+void Check(int result) {
   if (result != 0) {
     throw std::runtime_error(::nng_strerror(result));
   }
@@ -27,20 +27,20 @@ class NngNode : public Node {
       : m_sink(setup.sink), m_topics(setup.publishes) {
     const std::string place = "ipc://" + directory.string() + "/";
     if (!setup.publishes.empty()) {
-      check(::nng_pub0_open(&m_publisher));
-      check(::nng_socket_set_int(m_publisher, NNG_OPT_SENDBUF, kBuffer));
-      check(::nng_listen(m_publisher, (place + setup.name).c_str(), nullptr, 0));
+      Check(::nng_pub0_open(&m_publisher));
+      Check(::nng_socket_set_int(m_publisher, NNG_OPT_SENDBUF, kBuffer));
+      Check(::nng_listen(m_publisher, (place + setup.name).c_str(), nullptr, 0));
     }
     if (!setup.subscribes.empty()) {
-      check(::nng_sub0_open(&m_subscriber));
-      check(::nng_socket_set_int(m_subscriber, NNG_OPT_RECVBUF, kBuffer));
-      check(::nng_socket_set_ms(m_subscriber, NNG_OPT_RECONNMINT, kReconnectMs));
-      check(::nng_socket_set_ms(m_subscriber, NNG_OPT_RECONNMAXT, kReconnectMs));
+      Check(::nng_sub0_open(&m_subscriber));
+      Check(::nng_socket_set_int(m_subscriber, NNG_OPT_RECVBUF, kBuffer));
+      Check(::nng_socket_set_ms(m_subscriber, NNG_OPT_RECONNMINT, kReconnectMs));
+      Check(::nng_socket_set_ms(m_subscriber, NNG_OPT_RECONNMAXT, kReconnectMs));
       for (const std::string& topic : setup.subscribes) {
-        check(::nng_socket_set(m_subscriber, NNG_OPT_SUB_SUBSCRIBE, topic.data(), topic.size()));
+        Check(::nng_socket_set(m_subscriber, NNG_OPT_SUB_SUBSCRIBE, topic.data(), topic.size()));
       }
       for (const std::string& publisher : setup.publishers) {
-        check(::nng_dial(m_subscriber, (place + publisher).c_str(), nullptr, NNG_FLAG_NONBLOCK));
+        Check(::nng_dial(m_subscriber, (place + publisher).c_str(), nullptr, NNG_FLAG_NONBLOCK));
       }
     }
   }
@@ -49,18 +49,18 @@ class NngNode : public Node {
     ::nng_close(m_subscriber);
   }
 
-  void send(std::size_t topic, const char* data, std::size_t length) override {
+  void Send(std::size_t topic, const char* data, std::size_t length) override {
     nng_msg* message = nullptr;
-    check(::nng_msg_alloc(&message, 0));
-    check(::nng_msg_reserve(message, kTopicLength + length));
-    check(::nng_msg_append(message, m_topics[topic].data(), kTopicLength));
-    check(::nng_msg_append(message, data, length));
-    check(::nng_sendmsg(m_publisher, message, 0));
+    Check(::nng_msg_alloc(&message, 0));
+    Check(::nng_msg_reserve(message, kTopicLength + length));
+    Check(::nng_msg_append(message, m_topics[topic].data(), kTopicLength));
+    Check(::nng_msg_append(message, data, length));
+    Check(::nng_sendmsg(m_publisher, message, 0));
   }
 
-  void poll(int timeoutMs) override {
+  void Poll(int timeoutMs) override {
     if (timeoutMs != m_timeoutMs) {
-      check(::nng_socket_set_ms(m_subscriber, NNG_OPT_RECVTIMEO, timeoutMs));
+      Check(::nng_socket_set_ms(m_subscriber, NNG_OPT_RECVTIMEO, timeoutMs));
       m_timeoutMs = timeoutMs;
     }
     for (int i = 0, flags = timeoutMs == 0 ? NNG_FLAG_NONBLOCK : 0; i < kBatchMax; ++i, flags = NNG_FLAG_NONBLOCK) {
@@ -69,8 +69,8 @@ class NngNode : public Node {
       if (result == NNG_EAGAIN || result == NNG_ETIMEDOUT) {
         return;
       }
-      check(result);
-      m_sink->take(static_cast<const char*>(::nng_msg_body(message)) + kTopicLength,
+      Check(result);
+      m_sink->Take(static_cast<const char*>(::nng_msg_body(message)) + kTopicLength,
                    ::nng_msg_len(message) - kTopicLength);
       ::nng_msg_free(message);
     }
@@ -90,7 +90,7 @@ class Nng : public Contender {
  public:
   explicit Nng(std::filesystem::path directory) : m_directory(std::move(directory)) {}
 
-  Description describe() const override {
+  Description Describe() const override {
     return {.name = "nng",
             .version = ::nng_version(),
             .transport = "pub0/sub0 over ipc://",
@@ -98,7 +98,7 @@ class Nng : public Contender {
                       std::to_string(kBuffer),
             .window = kWindow};
   }
-  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override {
+  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
     return std::make_unique<NngNode>(m_directory, setup);
   }
 
@@ -108,7 +108,7 @@ class Nng : public Contender {
 
 }  // namespace
 
-std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
   return std::make_unique<Nng>(directory);
 }
 

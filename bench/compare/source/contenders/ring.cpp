@@ -22,7 +22,7 @@ constexpr std::size_t kRingBytes = 1 << 20;
 constexpr std::size_t kPrefix = sizeof(std::uint64_t);
 constexpr std::uint64_t kWrap = ~std::uint64_t{0};
 
-constexpr std::uint64_t frameBytes(std::size_t length) { return (kPrefix + length + kPrefix - 1) / kPrefix * kPrefix; }
+constexpr std::uint64_t FrameBytes(std::size_t length) { return (kPrefix + length + kPrefix - 1) / kPrefix * kPrefix; }
 
 // Counts of bytes since the beginning; the place in data is the remainder. Zero bytes are an empty ring.
 struct Memory {
@@ -49,46 +49,46 @@ class Ring {
   Ring(const Ring&) = delete;
   Ring& operator=(const Ring&) = delete;
 
-  void write(const char* data, std::uint64_t length) {
-    const std::uint64_t bytes = frameBytes(length);
+  void Write(const char* data, std::uint64_t length) {
+    const std::uint64_t bytes = FrameBytes(length);
     const std::uint64_t toEnd = kRingBytes - m_position % kRingBytes;
     if (toEnd < bytes) {
-      waitForRoom(toEnd + bytes);
-      std::memcpy(at(m_position), &kWrap, kPrefix);
+      WaitForRoom(toEnd + bytes);
+      std::memcpy(At(m_position), &kWrap, kPrefix);
       m_position += toEnd;
     } else {
-      waitForRoom(bytes);
+      WaitForRoom(bytes);
     }
-    std::memcpy(at(m_position), &length, kPrefix);
-    std::memcpy(at(m_position) + kPrefix, data, length);
+    std::memcpy(At(m_position), &length, kPrefix);
+    std::memcpy(At(m_position) + kPrefix, data, length);
     m_position += bytes;
     m_memory->written.store(m_position, std::memory_order_release);
   }
 
   // Whether there was anything.
-  bool readInto(Sink& sink) {
+  bool ReadInto(Sink& sink) {
     const std::uint64_t end = m_memory->written.load(std::memory_order_acquire);
     if (m_position == end) {
       return false;
     }
     while (m_position != end) {
       std::uint64_t length = 0;
-      std::memcpy(&length, at(m_position), kPrefix);
+      std::memcpy(&length, At(m_position), kPrefix);
       if (length == kWrap) {
         m_position += kRingBytes - m_position % kRingBytes;
         continue;
       }
-      sink.take(at(m_position) + kPrefix, length);
-      m_position += frameBytes(length);
+      sink.Take(At(m_position) + kPrefix, length);
+      m_position += FrameBytes(length);
       m_memory->read.store(m_position, std::memory_order_release);
     }
     return true;
   }
 
  private:
-  char* at(std::uint64_t position) const { return m_memory->data + position % kRingBytes; }
+  char* At(std::uint64_t position) const { return m_memory->data + position % kRingBytes; }
 
-  void waitForRoom(std::uint64_t bytes) {
+  void WaitForRoom(std::uint64_t bytes) {
     while (m_position + bytes - m_other > kRingBytes) {
       m_other = m_memory->read.load(std::memory_order_acquire);
       if (m_position + bytes - m_other > kRingBytes) {
@@ -113,16 +113,16 @@ class RingNode : public Node {
     }
   }
 
-  void send(std::size_t, const char* data, std::size_t length) override {
+  void Send(std::size_t, const char* data, std::size_t length) override {
     for (const auto& ring : m_out) {
-      ring->write(data, length);
+      ring->Write(data, length);
     }
   }
 
-  void poll(int timeoutMs) override {
+  void Poll(int timeoutMs) override {
     bool any = false;
     for (const auto& ring : m_in) {
-      any = ring->readInto(*m_sink) || any;
+      any = ring->ReadInto(*m_sink) || any;
     }
     if (!any && timeoutMs > 0) {
       ::sched_yield();
@@ -139,7 +139,7 @@ class Rings : public Contender {
  public:
   explicit Rings(std::filesystem::path directory) : m_directory(std::move(directory)) {}
 
-  Description describe() const override {
+  Description Describe() const override {
     return {.name = "bare ring",
             .version = "-",
             .transport = "1 MiB of shared memory for each receiver",
@@ -148,7 +148,7 @@ class Rings : public Contender {
             .topics = false,
             .pinned = true};
   }
-  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override {
+  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
     return std::make_unique<RingNode>(m_directory, setup);
   }
 
@@ -158,7 +158,7 @@ class Rings : public Contender {
 
 }  // namespace
 
-std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
   return std::make_unique<Rings>(directory);
 }
 

@@ -14,7 +14,7 @@ namespace {
 constexpr int kHighWaterMark = 1000;  // the library's default
 constexpr int kBatchMax = 256;        // messages in one poll
 
-int check(int result) {
+int Check(int result) {
   if (result == -1) {
     throw std::runtime_error(::zmq_strerror(::zmq_errno()));
   }
@@ -27,17 +27,17 @@ class Socket {
     if (m_socket == nullptr) {
       throw std::runtime_error(::zmq_strerror(::zmq_errno()));
     }
-    set(ZMQ_LINGER, 0);
-    set(ZMQ_SNDHWM, kHighWaterMark);
-    set(ZMQ_RCVHWM, kHighWaterMark);
+    Set(ZMQ_LINGER, 0);
+    Set(ZMQ_SNDHWM, kHighWaterMark);
+    Set(ZMQ_RCVHWM, kHighWaterMark);
   }
   ~Socket() { ::zmq_close(m_socket); }
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
 
-  void set(int option, int value) { check(::zmq_setsockopt(m_socket, option, &value, sizeof value)); }
-  void subscribe(const std::string& topic) {
-    check(::zmq_setsockopt(m_socket, ZMQ_SUBSCRIBE, topic.data(), topic.size()));
+  void Set(int option, int value) { Check(::zmq_setsockopt(m_socket, option, &value, sizeof value)); }
+  void Subscribe(const std::string& topic) {
+    Check(::zmq_setsockopt(m_socket, ZMQ_SUBSCRIBE, topic.data(), topic.size()));
   }
   operator void*() const { return m_socket; }
 
@@ -52,47 +52,47 @@ class ZmqNode : public Node {
     const std::string place = "ipc://" + directory.string() + "/";
     if (!setup.publishes.empty()) {
       m_publisher = std::make_unique<Socket>(m_context.get(), ZMQ_PUB);
-      m_publisher->set(ZMQ_XPUB_NODROP, 1);
-      m_publisher->set(ZMQ_RCVHWM, 0);
-      check(::zmq_bind(*m_publisher, (place + setup.name).c_str()));
+      m_publisher->Set(ZMQ_XPUB_NODROP, 1);
+      m_publisher->Set(ZMQ_RCVHWM, 0);
+      Check(::zmq_bind(*m_publisher, (place + setup.name).c_str()));
     }
     if (!setup.subscribes.empty()) {
       m_subscriber = std::make_unique<Socket>(m_context.get(), ZMQ_SUB);
       // The mark counts for subscriptions too, and those above it would be dropped.
-      m_subscriber->set(ZMQ_SNDHWM, 0);
+      m_subscriber->Set(ZMQ_SNDHWM, 0);
       for (const std::string& topic : setup.subscribes) {
-        m_subscriber->subscribe(topic);
+        m_subscriber->Subscribe(topic);
       }
       for (const std::string& publisher : setup.publishers) {
-        check(::zmq_connect(*m_subscriber, (place + publisher).c_str()));
+        Check(::zmq_connect(*m_subscriber, (place + publisher).c_str()));
       }
     }
     ::zmq_msg_init(&m_received);
   }
   ~ZmqNode() override { ::zmq_msg_close(&m_received); }
 
-  void send(std::size_t topic, const char* data, std::size_t length) override {
+  void Send(std::size_t topic, const char* data, std::size_t length) override {
     zmq_msg_t message;
-    check(::zmq_msg_init_size(&message, kTopicLength + length));
+    Check(::zmq_msg_init_size(&message, kTopicLength + length));
     char* bytes = static_cast<char*>(::zmq_msg_data(&message));
     std::memcpy(bytes, m_topics[topic].data(), kTopicLength);
     std::memcpy(bytes + kTopicLength, data, length);
-    check(::zmq_msg_send(&message, *m_publisher, 0));
+    Check(::zmq_msg_send(&message, *m_publisher, 0));
   }
 
-  void poll(int timeoutMs) override {
+  void Poll(int timeoutMs) override {
     if (timeoutMs != m_timeoutMs) {
-      m_subscriber->set(ZMQ_RCVTIMEO, timeoutMs);
+      m_subscriber->Set(ZMQ_RCVTIMEO, timeoutMs);
       m_timeoutMs = timeoutMs;
     }
     for (int i = 0, flags = 0; i < kBatchMax; ++i, flags = ZMQ_DONTWAIT) {
       if (::zmq_msg_recv(&m_received, *m_subscriber, flags) == -1) {
         if (::zmq_errno() != EAGAIN) {
-          check(-1);
+          Check(-1);
         }
         return;
       }
-      m_sink->take(static_cast<const char*>(::zmq_msg_data(&m_received)) + kTopicLength,
+      m_sink->Take(static_cast<const char*>(::zmq_msg_data(&m_received)) + kTopicLength,
                    ::zmq_msg_size(&m_received) - kTopicLength);
     }
   }
@@ -115,7 +115,7 @@ class ZeroMq : public Contender {
  public:
   explicit ZeroMq(std::filesystem::path directory) : m_directory(std::move(directory)) {}
 
-  Description describe() const override {
+  Description Describe() const override {
     int major = 0;
     int minor = 0;
     int patch = 0;
@@ -125,7 +125,7 @@ class ZeroMq : public Contender {
             .transport = "PUB/SUB over ipc://, one I/O thread a process",
             .pacing = "ZMQ_XPUB_NODROP and high-water marks of " + std::to_string(kHighWaterMark) + ": a send waits"};
   }
-  std::unique_ptr<Node> makeNode(const NodeSetup& setup) override {
+  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
     return std::make_unique<ZmqNode>(m_directory, setup);
   }
 
@@ -135,7 +135,7 @@ class ZeroMq : public Contender {
 
 }  // namespace
 
-std::unique_ptr<Contender> makeContender(const std::filesystem::path& directory) {
+std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
   return std::make_unique<ZeroMq>(directory);
 }
 

@@ -43,7 +43,7 @@ void Keep(CapturedStatement statement) {
 
 }  // namespace
 
-namespace LogCapture {
+namespace log_capture {
 
 void Clear() {
   auto& store = TheStore();
@@ -97,7 +97,7 @@ std::vector<CapturedStatement> Find(const std::string& part) {
       deadline);
 }
 
-}  // namespace LogCapture
+}  // namespace log_capture
 }  // namespace testing
 
 void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType, const std::shared_ptr<const Source>& source,

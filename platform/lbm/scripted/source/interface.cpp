@@ -195,7 +195,7 @@ const char* lbm_version(void) {
   return "scripted 6.13.1";
 }
 
-int lbm_config(const char* file_name) { return Run("lbm_config", {Text("file_name", file_name)}); }
+int lbm_config(const char* fileName) { return Run("lbm_config", {Text("file_name", fileName)}); }
 
 int lbm_log(lbm_log_cb_proc proc, void* clientd) {
   return Run("lbm_log", {Function("proc", proc), Pointer("clientd", clientd)});

@@ -31,7 +31,7 @@ std::string Address(const void* pointer) {
 std::string Examine(const State& state, Input& input) {
   const void* const handle = std::get<const void*>(input.argument.value);
   if (handle == nullptr) {
-    return input.handle == Input::Handle::required ? input.argument.name + " is null" : std::string();
+    return input.handle == Input::Handle::kRequired ? input.argument.name + " is null" : std::string();
   }
   const std::shared_ptr<Object> object = state.Find(handle);
   if (object == nullptr) {
@@ -87,11 +87,11 @@ Input Bytes(const char* name, const void* data, std::size_t size) {
 }
 
 Input Handle(const char* name, const void* handle) {
-  return {{name, Address(handle), handle}, Input::Handle::required};
+  return {{name, Address(handle), handle}, Input::Handle::kRequired};
 }
 
 Input OptionalHandle(const char* name, const void* handle) {
-  return {{name, Address(handle), handle}, Input::Handle::optional};
+  return {{name, Address(handle), handle}, Input::Handle::kOptional};
 }
 
 LastError& ThreadError() {
@@ -124,7 +124,7 @@ int State::Run(const char* function, std::vector<Input> inputs, const Body& body
   call->thread = std::this_thread::get_id();
   std::string wrong;
   for (Input& input : inputs) {
-    if (input.handle != Input::Handle::none && wrong.empty()) {
+    if (input.handle != Input::Handle::kNone && wrong.empty()) {
       wrong = Examine(*this, input);
     }
     call->arguments.push_back(std::move(input.argument));

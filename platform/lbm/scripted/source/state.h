@@ -111,10 +111,10 @@ namespace lbm_scripted {
 
 // An argument as the C function got it.
 struct Input {
-  enum class Handle { none, required, optional };
+  enum class Handle { kNone, kRequired, kOptional };
 
   Argument argument;
-  Handle handle = Handle::none;
+  Handle handle = Handle::kNone;
 };
 
 Input Number(const char* name, std::int64_t value);

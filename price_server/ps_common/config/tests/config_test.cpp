@@ -181,13 +181,13 @@ TEST(ConfigTest, NestingHasALimitThatIsAnErrorAndNotACrash) {
 
 // Comparing each attribute with all before it would run into the time-out of a build with a sanitizer.
 TEST(ConfigTest, ManyAttributesOfOneElementAreReadInTime) {
-  constexpr int count = 90'000;  // nearly as many as the largest file holds
+  constexpr int kCount = 90'000;  // nearly as many as the largest file holds
   std::string xml = "<A";
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < kCount; ++i) {
     xml += " a" + std::to_string(i) + "=''";
   }
   EXPECT_THAT(ParseError(xml + " a0=''/>"), HasSubstr("a0 twice"));
-  EXPECT_EQ(Config::Parse(xml + "/>")->GetCompositeNode("A")->GetPTree().get_child("<xmlattr>").size(), count);
+  EXPECT_EQ(Config::Parse(xml + "/>")->GetCompositeNode("A")->GetPTree().get_child("<xmlattr>").size(), kCount);
 }
 
 TEST(ConfigTest, LoadReadsTheFile) {

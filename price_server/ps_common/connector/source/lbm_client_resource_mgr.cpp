@@ -100,7 +100,9 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
                                            std::function<bool()> backgroundTaskExecutor, unsigned int maxTasksToExecute)
     : LbmClientResourceMgr(config, shouldOnload, lbmThreadCPUAffinity, lbmProcessEventTimeout_ms,
                            std::move(backgroundTaskExecutor), maxTasksToExecute) {
-  if (!config) throw std::invalid_argument("LbmClientResourceMgr needs a configuration; it was given none");
+  if (!config) {
+    throw std::invalid_argument("LbmClientResourceMgr needs a configuration; it was given none");
+  }
   ZQLOG(ZQLOG_INFO, kManagerStatement,
         "Creating LbmClientResourceMgr. shouldOnload="
             << std::boolalpha << shouldOnload << " lbmThreadCPUAffinity=" << lbmThreadCPUAffinity
@@ -110,7 +112,9 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
   m_contextAttr = new lbm::ContextAttributes;
   m_contextAttr->SetString("operational_mode", "sequential");
   RegisterSourceNotification();
-  if (!contextName.empty()) m_contextAttr->SetString("context_name", contextName.c_str());
+  if (!contextName.empty()) {
+    m_contextAttr->SetString("context_name", contextName.c_str());
+  }
   m_onloadStackName = m_config->GetCompositeNode("General")->GetAttrValue<std::string>("OnloadStackName", "lbm_pc_ctx");
   m_ctx = new lbm::Context(*m_contextAttr);
 
@@ -134,10 +138,16 @@ void LbmClientResourceMgr::RegisterSourceNotification() {
 void LbmClientResourceMgr::Shutdown() {
   ZQLOG(ZQLOG_INFO, kManagerStatement, "Shutting down LbmClientResourceMgr");
   const std::atomic_ref running(m_running);
-  if (!running) return;
+  if (!running) {
+    return;
+  }
   running = false;
-  if (m_ctx != nullptr) lbm_context_unblock(*m_ctx);
-  if (m_thread.joinable()) m_thread.join();
+  if (m_ctx != nullptr) {
+    lbm_context_unblock(*m_ctx);
+  }
+  if (m_thread.joinable()) {
+    m_thread.join();
+  }
 }
 
 LbmClientResourceMgr::~LbmClientResourceMgr() {
@@ -156,13 +166,17 @@ std::string LbmClientResourceMgr::GetPriceMulticastInterface() const {
 
 void LbmClientResourceMgr::ContextThreadFunc() {
   ZQLOG(ZQLOG_INFO, kThreadStatement, "Started LBM Context dispatch loop thread. thread_id=" << gettid());
-  if (m_lbmThreadCPUAffinity != kNoAffinity) PinThread();
+  if (m_lbmThreadCPUAffinity != kNoAffinity) {
+    PinThread();
+  }
   if (prctl(PR_SET_NAME, kThreadName) != 0) {
     const int error = errno;
     ZQLOG(ZQLOG_ERROR, kThreadStatement,
           "Error occured while setting LBM Context thread name to " << kThreadName << ". errno=" << error);
   }
-  if (m_shouldOnload && onload_is_present() == 1) UseOnload();
+  if (m_shouldOnload && onload_is_present() == 1) {
+    UseOnload();
+  }
 
   const std::atomic_ref running(m_running);
   while (running) {
@@ -180,7 +194,9 @@ void LbmClientResourceMgr::PinThread() const {
   cpu_set_t cpus;
   CPU_ZERO(&cpus);
   // A CPU that the set has no room for leaves it empty, and the call below says so.
-  if (m_lbmThreadCPUAffinity >= 0 && m_lbmThreadCPUAffinity < CPU_SETSIZE) CPU_SET(m_lbmThreadCPUAffinity, &cpus);
+  if (m_lbmThreadCPUAffinity >= 0 && m_lbmThreadCPUAffinity < CPU_SETSIZE) {
+    CPU_SET(m_lbmThreadCPUAffinity, &cpus);
+  }
   // Not through m_thread: the constructor may still be assigning it.
   const int error = pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
   if (error != 0) {
@@ -196,9 +212,13 @@ void LbmClientResourceMgr::UseOnload() const {
 }
 
 void LbmClientResourceMgr::RunBackgroundTask() const {
-  if (!m_backgroundTaskExecutor) return;
+  if (!m_backgroundTaskExecutor) {
+    return;
+  }
   for (std::uint32_t calls = 0; calls < m_maxTasksToExecute; ++calls) {
-    if (!m_backgroundTaskExecutor()) break;
+    if (!m_backgroundTaskExecutor()) {
+      break;
+    }
   }
 }
 
@@ -206,14 +226,18 @@ void LbmClientResourceMgr::RunBackgroundTask() const {
 
 bool LbmClientResourceMgr::RegisterSocketForReadEvents(int socket, lbm_fd_cb_proc callback, void* callbackData) {
   const int ret = lbm_register_fd(*m_ctx, socket, callback, callbackData, nullptr, LBM_FD_EVENT_READ);
-  if (ret == 0) return true;
+  if (ret == 0) {
+    return true;
+  }
   ZQLOG(ZQLOG_ERROR, kManagerStatement,
         "Error occured while registering socket with context for read events.ret=" << ret);
   return false;
 }
 
 bool LbmClientResourceMgr::UnregisterSocketForReadEvents(int socket) {
-  if (lbm_cancel_fd(*m_ctx, socket, LBM_FD_EVENT_READ) == 0) return true;
+  if (lbm_cancel_fd(*m_ctx, socket, LBM_FD_EVENT_READ) == 0) {
+    return true;
+  }
   ZQLOG(ZQLOG_ERROR, kManagerStatement, "Error occured while unregistering socket with context for read events");
   return false;
 }
@@ -222,7 +246,9 @@ bool LbmClientResourceMgr::UnregisterSocketForReadEventsEx(int socket, lbm_event
                                                            lbm_event_queue_cancel_cb_proc callback,
                                                            void* callbackData) {
   const lbm_event_queue_cancel_cb_info_t info{queue, callback, callbackData};
-  if (lbm_cancel_fd_ex(*m_ctx, socket, LBM_FD_EVENT_READ, &info) == 0) return true;
+  if (lbm_cancel_fd_ex(*m_ctx, socket, LBM_FD_EVENT_READ, &info) == 0) {
+    return true;
+  }
   ZQLOG(ZQLOG_ERROR, kManagerStatement, "Error occured while unregistering socket (ex) with context for read events");
   return false;
 }
@@ -275,7 +301,9 @@ ReceiverPtr LbmClientResourceMgr::CreateClientNewsReceiver(const ServerInstance&
 ReceiverPtr LbmClientResourceMgr::CreateServerStatusReceiver(const ServerInstance& serverInstance,
                                                              lbm::Receiver::Callback callback) {
   lbm::ReceiverTopicAttributes attributes;
-  if (m_logNotifications) SetSourceNotification(attributes);
+  if (m_logNotifications) {
+    SetSourceNotification(attributes);
+  }
   const std::string topicName = CreateServerStatusTopic(serverInstance);
   ReceiverPtr receiver;
   {
@@ -321,7 +349,9 @@ ReceiverPtr LbmClientResourceMgr::GetResponseReceiver(const ServerInstance& serv
 
 ReceiverPtr LbmClientResourceMgr::GetDataReceiver(const ServerInstance& serverInstance, unsigned short segment) const {
   const auto found = m_dataReceiversByServerInstance.find(serverInstance);
-  if (found == m_dataReceiversByServerInstance.end() || segment >= found->second.size()) return nullptr;
+  if (found == m_dataReceiversByServerInstance.end() || segment >= found->second.size()) {
+    return nullptr;
+  }
   return found->second[segment];
 }
 

@@ -21,17 +21,21 @@ SourcePtr LbmResourceMgr::GetSourceByTopicName(const std::string& topicName) con
 }
 
 std::map<std::string, std::string> LbmResourceMgr::GetAllContextAttributes(lbm_context_t* context) {
-  constexpr std::size_t usualCount = 128;
-  std::vector<lbm_option_text_t> options(usualCount);
+  constexpr std::size_t kUsualCount = 128;
+  std::vector<lbm_option_text_t> options(kUsualCount);
   std::size_t count = options.size();
   while (lbm::details::Failed(lbm_context_str_getopt_all(context, options.data(), &count))) {
     // With too little room the call says how much it needs; any other failure leaves the count alone.
-    if (count <= options.size()) lbm::details::ThrowLbmError("Failed to get LBM context attributes");
+    if (count <= options.size()) {
+      lbm::details::ThrowLbmError("Failed to get LBM context attributes");
+    }
     options.resize(count);
   }
 
   std::map<std::string, std::string> attributes;
-  for (std::size_t i = 0; i < count; ++i) attributes.emplace(options[i].name, options[i].value);
+  for (std::size_t i = 0; i < count; ++i) {
+    attributes.emplace(options[i].name, options[i].value);
+  }
   return attributes;
 }
 

@@ -29,7 +29,7 @@ constexpr Kind<ServerInstance> kClientRequest{kServerPrefix, "request"};
 constexpr Kind<ServerInstance> kServerResponse{kServerPrefix, "response"};
 constexpr Kind<ServerInstance, unsigned short> kSegment{kServerPrefix, "segment"};
 constexpr Kind<ServerInstance> kProductResponse{kServerPrefix, "product"};
-constexpr Kind<ServerInstance> kRFQ_Broadcast{kServerPrefix, "rfq"};
+constexpr Kind<ServerInstance> kRfqBroadcast{kServerPrefix, "rfq"};
 constexpr Kind<ServerInstance> kNewsBroadcast{kServerPrefix, "news"};
 constexpr Kind<ServerInstance> kServerStatus{kServerPrefix, "status"};
 constexpr Kind<ServerInstance> kCommand{kServerPrefix, "command"};
@@ -50,15 +50,15 @@ void AppendText(std::string& name, const ServerInstance& serverInstance) { name 
 void AppendText(std::string& name, unsigned short number) { name += std::to_string(number); }
 
 void AppendText(std::string& name, const std::string& identity) {
-  constexpr std::string_view digits = "0123456789ABCDEF";
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
   for (const char c : identity) {
     if (IsPlain(c)) {
       name += c;
     } else {
       const auto byte = static_cast<unsigned char>(c);
       name += kEscape;
-      name += digits[byte >> 4];
-      name += digits[byte & 0xF];
+      name += kDigits[byte >> 4];
+      name += kDigits[byte & 0xF];
     }
   }
 }
@@ -104,7 +104,9 @@ class Reader {
   bool AtEnd() const { return m_rest.empty(); }
 
   bool Skip(std::string_view text) {
-    if (m_rest.substr(0, text.size()) != text) return false;
+    if (m_rest.substr(0, text.size()) != text) {
+      return false;
+    }
     m_rest.remove_prefix(text.size());
     return true;
   }
@@ -112,7 +114,9 @@ class Reader {
   template <typename Number>
   bool ReadField(Number& number) {
     std::string_view text;
-    if (!ReadFieldText(text)) return false;
+    if (!ReadFieldText(text)) {
+      return false;
+    }
     const char* const end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, number);
     return result.ec == std::errc() && result.ptr == end;
@@ -125,7 +129,9 @@ class Reader {
 
   bool ReadField(std::string& identity) {
     std::string_view text;
-    if (!ReadFieldText(text) || text.empty()) return false;
+    if (!ReadFieldText(text) || text.empty()) {
+      return false;
+    }
     for (std::size_t i = 0; i < text.size(); ++i) {
       if (text[i] != kEscape) {
         identity += text[i];
@@ -134,7 +140,9 @@ class Reader {
       std::uint8_t byte = 0;
       const std::string_view digits = text.substr(i + 1, 2);
       const char* const end = digits.data() + digits.size();
-      if (std::from_chars(digits.data(), end, byte, 16).ptr != end || digits.size() != 2) return false;
+      if (std::from_chars(digits.data(), end, byte, 16).ptr != end || digits.size() != 2) {
+        return false;
+      }
       identity += static_cast<char>(byte);
       i += digits.size();
     }
@@ -143,7 +151,9 @@ class Reader {
 
  private:
   bool ReadFieldText(std::string_view& text) {
-    if (!Skip(kSeparator)) return false;
+    if (!Skip(kSeparator)) {
+      return false;
+    }
     text = m_rest.substr(0, m_rest.find(kSeparator));
     m_rest.remove_prefix(text.size());
     return true;
@@ -155,9 +165,13 @@ class Reader {
 // Value is made of the kind's fields.
 template <typename Value, typename... Fields>
 std::optional<Value> Parse(const Kind<Fields...>& kind, std::string_view topicName) {
-  if (topicName.size() > LBM_TOPIC_NAME_MAX) return std::nullopt;
+  if (topicName.size() > LBM_TOPIC_NAME_MAX) {
+    return std::nullopt;
+  }
   Reader reader(topicName);
-  if (!reader.Skip(kind.m_prefix) || !reader.Skip(kSeparator) || !reader.Skip(kind.m_word)) return std::nullopt;
+  if (!reader.Skip(kind.m_prefix) || !reader.Skip(kSeparator) || !reader.Skip(kind.m_word)) {
+    return std::nullopt;
+  }
 
   const auto readFields = [&](Fields... fields) -> std::optional<Value> {
     if (!(reader.ReadField(fields) && ...) || !reader.AtEnd() || Write(kind, fields...) != topicName) {
@@ -187,7 +201,7 @@ std::string TopicNames::CreateProductResponseTopic(const ServerInstance& serverI
 }
 
 std::string TopicNames::CreateRFQ_BroadcastTopic(const ServerInstance& serverInstance) {
-  return Create(kRFQ_Broadcast, serverInstance);
+  return Create(kRfqBroadcast, serverInstance);
 }
 
 std::string TopicNames::CreateNewsBroadcastTopic(const ServerInstance& serverInstance) {
@@ -235,7 +249,7 @@ std::optional<ServerInstance> TopicNames::ParseProductResponseTopic(std::string_
 }
 
 std::optional<ServerInstance> TopicNames::ParseRFQ_BroadcastTopic(std::string_view topicName) {
-  return Parse<ServerInstance>(kRFQ_Broadcast, topicName);
+  return Parse<ServerInstance>(kRfqBroadcast, topicName);
 }
 
 std::optional<ServerInstance> TopicNames::ParseNewsBroadcastTopic(std::string_view topicName) {

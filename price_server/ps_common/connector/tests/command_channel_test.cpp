@@ -36,7 +36,7 @@ class CommandChannel : public ManagerTest {
 
   // From here on only what comes later is seen.
   void Mark() {
-    LogCapture::Clear();
+    log_capture::Clear();
     m_mark = OwnCalls().size();
   }
   std::vector<lbm_scripted::Call> CallsSinceMark() const { return OwnCalls(m_mark); }
@@ -86,7 +86,7 @@ TEST_F(CommandChannel, IsReplacedOneByOneByASecondCall) {
   SourcePtr earlier = m_manager->GetCommandResponseSource();
   Mark();
   CreateSecond();
-  EXPECT_THAT(LogCapture::Texts(),
+  EXPECT_THAT(log_capture::Texts(),
               ElementsAre("Creating receiver on topic=" + kSecond.host, "Deleting receiver on topic=" + kFirst.host,
                           "Created ClientHostCommandReceiver on topic=\"" + kSecond.host + '"',
                           "Creating receiver on topic=" + kSecond.id, "Deleting receiver on topic=" + kFirst.id,
@@ -130,7 +130,9 @@ TEST_P(CommandChannelFailure, KeepsWhatWasReplacedBeforeAndLeaksNothing) {
   const FailingStep& step = GetParam();
   Start();
   CreateFirst();
-  if (step.successesBefore > 0) lbm_scripted::Script(step.function, {}, step.successesBefore);
+  if (step.successesBefore > 0) {
+    lbm_scripted::Script(step.function, {}, step.successesBefore);
+  }
   lbm_scripted::Script(step.function, Failure(LBM_EINVAL, "no"));
   try {
     CreateSecond();

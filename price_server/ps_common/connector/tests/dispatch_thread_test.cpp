@@ -62,7 +62,9 @@ TEST_F(DispatchThread, BearsItsNameAndGoesOnAfterEachEvent) {
 TEST_F(DispatchThread, StaysOnTheCpuItWasGiven) {
   const cpu_set_t allowed = AllowedCPUs();
   int cpu = CPU_SETSIZE - 1;
-  while (!CPU_ISSET(cpu, &allowed)) --cpu;
+  while (!CPU_ISSET(cpu, &allowed)) {
+    --cpu;
+  }
 
   const cpu_set_t pinned = OnDispatchThread(Start({.affinity = cpu}), AllowedCPUs);
   EXPECT_EQ(CPU_COUNT(&pinned), 1);
@@ -73,7 +75,7 @@ TEST_F(DispatchThread, RunsUnpinnedWithoutACpuOrWithAnImpossibleOne) {
   const cpu_set_t allowed = AllowedCPUs();
   const Statement refused{ZQLOG_ERROR, 0, "Error settign CPU affinity for LBM context thread. error=22"};
   for (const int cpu : {-1, -2, CPU_SETSIZE, CPU_SETSIZE + 1}) {
-    LogCapture::Clear();
+    log_capture::Clear();
     const cpu_set_t actual = OnDispatchThread(Start({.affinity = cpu}), AllowedCPUs);
     EXPECT_TRUE(CPU_EQUAL(&actual, &allowed)) << cpu;
     EXPECT_THAT(ManagerStatements(), Contains(refused).Times(cpu == -1 ? 0 : 1)) << cpu;
@@ -114,7 +116,7 @@ TEST_F(DispatchThread, LeavesOnloadAloneWhereItIsAbsentOrUnwanted) {
   fake_onload::Reset(1);
   Start();
   EXPECT_THAT(fake_onload::Calls(), IsEmpty());
-  EXPECT_THAT(LogCapture::Find("Onload is present"), IsEmpty());
+  EXPECT_THAT(log_capture::Find("Onload is present"), IsEmpty());
 }
 
 TEST_F(DispatchThread, EndsWithTheFirstEventProcessingError) {
@@ -123,7 +125,7 @@ TEST_F(DispatchThread, EndsWithTheFirstEventProcessingError) {
   std::atomic<int> calls = 0;
   const auto task = [&calls] { return ++calls < 0; };
   LbmClientResourceMgr& manager = Start({.task = task, .maxTasks = 5});
-  ASSERT_TRUE(LogCapture::WaitForText(kExitText));
+  ASSERT_TRUE(log_capture::WaitForText(kExitText));
   EXPECT_THAT(ManagerStatements(),
               Contains(Statement{ZQLOG_ERROR, 13, "Error calling lbm_context_process_events. error=4 not possible"}));
   EXPECT_EQ(lbm_scripted::CallsTo("lbm_context_process_events").size(), 2U);
@@ -136,7 +138,7 @@ TEST_F(DispatchThread, EndsWithTheFirstEventProcessingError) {
 TEST_F(DispatchThread, TakesAnyResultButZeroForAnError) {
   lbm_scripted::Script("lbm_context_process_events", {1, 0, {}});
   Start();
-  EXPECT_TRUE(LogCapture::WaitForText(kExitText));
+  EXPECT_TRUE(log_capture::WaitForText(kExitText));
 }
 
 struct Background {

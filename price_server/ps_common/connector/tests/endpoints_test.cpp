@@ -55,7 +55,7 @@ INSTANTIATE_TEST_SUITE_P(, ReceiverEndpoints, testing::ValuesIn(kKinds),
 
 TEST_P(ReceiverEndpoints, ListenOnTheTopicOfTheInstance) {
   Start();
-  LogCapture::Clear();
+  log_capture::Clear();
   const std::size_t before = OwnCalls().size();
   std::string received;
   const auto callback = [&received](const lbm::Message& message) { received.assign(message.Data(), message.Length()); };
@@ -86,7 +86,7 @@ TEST_P(ReceiverEndpoints, FailWithTheTopicNamedAndNothingLeft) {
       {"lbm_rcv_topic_lookup", "Failed to lookup LBM topic: no"},
       {"lbm_rcv_create", "Failed to create LBM receiver: no"}};
   for (const auto& [function, error] : failures) {
-    LogCapture::Clear();
+    log_capture::Clear();
     lbm_scripted::Script(function, Failure(LBM_EINVAL, "no"));
     std::string topicName;
     try {
@@ -108,13 +108,13 @@ TEST_P(ReceiverEndpoints, FailWithTheTopicNamedAndNothingLeft) {
 
 TEST_F(Endpoints, ARequestSourceSendsOnTheTopicOfTheInstance) {
   Start();
-  LogCapture::Clear();
+  log_capture::Clear();
   const std::size_t before = OwnCalls().size();
   const std::string topic = TopicNames::CreateClientRequestTopic(kInstance);
   const SourcePtr source = m_manager->CreateClientSource(kInstance);
   ASSERT_TRUE(source);
   EXPECT_EQ(source.use_count(), 1);
-  EXPECT_THAT(LogCapture::Texts(),
+  EXPECT_THAT(log_capture::Texts(),
               ElementsAre("Creating source on topic=" + topic, "Created RequestSource on topic=\"" + topic + '"'));
 
   const auto calls = OwnCalls(before);
@@ -136,10 +136,10 @@ TEST_F(Endpoints, AreReturnedAlthoughTheirAttributesCannotBeDeleted) {
   lbm_scripted::Script("lbm_rcv_topic_attr_delete", Failure(LBM_EINVAL, "no"));
   std::string topicName;
   EXPECT_TRUE(m_manager->CreateClientReceiver(kInstance, {}, topicName));
-  EXPECT_TRUE(LogCapture::WaitForText("Failed to delete LBM receiver topic attributes: no"));
+  EXPECT_TRUE(log_capture::WaitForText("Failed to delete LBM receiver topic attributes: no"));
   lbm_scripted::Script("lbm_src_topic_attr_delete", Failure(LBM_EINVAL, "no"));
   EXPECT_TRUE(m_manager->CreateClientSource(kInstance));
-  EXPECT_TRUE(LogCapture::WaitForText("Failed to delete LBM source topic attributes: no"));
+  EXPECT_TRUE(log_capture::WaitForText("Failed to delete LBM source topic attributes: no"));
   m_manager->Shutdown();
   m_manager.reset();
   lbm_scripted::Reset();  // the two attribute objects are lost, as the test asked
@@ -158,12 +158,12 @@ TEST_F(Endpoints, AreNotRecordedByTheirCreation) {
 
 TEST_F(Endpoints, ClosedGateLogsNothing) {
   Start();
-  LogCapture::Clear();
-  LogCapture::SetMinLevel(zq::logging::ZQLOG_INFO_LOCAL);
+  log_capture::Clear();
+  log_capture::SetMinLevel(zq::logging::ZQLOG_INFO_LOCAL);
   std::string topicName;
   m_manager->CreateClientReceiver(kInstance, {}, topicName);
   m_manager->CreateClientSource(kInstance);
-  EXPECT_THAT(LogCapture::Texts(), IsEmpty());
+  EXPECT_THAT(log_capture::Texts(), IsEmpty());
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 namespace ps_ns {
 namespace {
 
-namespace LogCapture = zq::logging::testing::LogCapture;
+namespace log_capture = zq::logging::testing::log_capture;
 using testing::SizeIs;
 
 const ServerInstance kInstance{7, 1, 2, 0, "CME"};
@@ -30,7 +30,9 @@ class Inbox {
  public:
   lbm::Receiver::Callback Callback() {
     return [this](const lbm::Message& message) {
-      if (message.Type() != LBM_MSG_DATA) return;
+      if (message.Type() != LBM_MSG_DATA) {
+        return;
+      }
       const std::lock_guard lock(m_mutex);
       m_messages.insert(message.TopicName() + std::string("=") + std::string(message.Data(), message.Length()));
       m_changed.notify_all();
@@ -54,14 +56,16 @@ testing::AssertionResult Reaches(lbm::Source& source, const std::string& text, I
   const std::string message = source.GetTopic() + '=' + text;
   do {
     source.Send(text.data(), text.size(), LBM_SRC_FLUSH);
-    if (inbox.WaitFor(message, std::chrono::milliseconds(10))) return testing::AssertionSuccess();
+    if (inbox.WaitFor(message, std::chrono::milliseconds(10))) {
+      return testing::AssertionSuccess();
+    }
   } while (std::chrono::steady_clock::now() < deadline);
   return testing::AssertionFailure() << "waited in vain for " << message;
 }
 
 class ManagerOnTheEngine : public testing::Test {
  protected:
-  ManagerOnTheEngine() { LogCapture::Clear(); }
+  ManagerOnTheEngine() { log_capture::Clear(); }
 
   void EndManager() {
     m_manager->Shutdown();
@@ -69,7 +73,9 @@ class ManagerOnTheEngine : public testing::Test {
   }
 
   ~ManagerOnTheEngine() override {
-    if (m_manager) EndManager();
+    if (m_manager) {
+      EndManager();
+    }
   }
 
   std::unique_ptr<lbm::Source> MakeServerSource(const std::string& topic) {
@@ -88,17 +94,17 @@ TEST_F(ManagerOnTheEngine, LogsAServersComingAndGoingOnce) {
   ReceiverPtr first = m_manager->CreateServerStatusReceiver(kInstance, inbox.Callback());
   ReceiverPtr second = m_manager->CreateServerStatusReceiver(kInstance, {});
   auto status = MakeServerSource(TopicNames::CreateServerStatusTopic(kInstance));
-  EXPECT_TRUE(LogCapture::WaitForText("receiver_src_notify_create src="));
+  EXPECT_TRUE(log_capture::WaitForText("receiver_src_notify_create src="));
   EXPECT_TRUE(Reaches(*status, "up", inbox));
-  EXPECT_THAT(LogCapture::Find("receiver_src_notify_delete"), SizeIs(0));
+  EXPECT_THAT(log_capture::Find("receiver_src_notify_delete"), SizeIs(0));
   status.reset();
-  EXPECT_TRUE(LogCapture::WaitForText("receiver_src_notify_delete src="));
+  EXPECT_TRUE(log_capture::WaitForText("receiver_src_notify_delete src="));
 
   first.reset();
   second.reset();
   EndManager();
-  EXPECT_THAT(LogCapture::Find("receiver_src_notify_create"), SizeIs(1));
-  EXPECT_THAT(LogCapture::Find("receiver_src_notify_delete"), SizeIs(1));
+  EXPECT_THAT(log_capture::Find("receiver_src_notify_create"), SizeIs(1));
+  EXPECT_THAT(log_capture::Find("receiver_src_notify_delete"), SizeIs(1));
 }
 
 TEST_F(ManagerOnTheEngine, CarriesCommandsToTheClientAndItsAnswersBack) {

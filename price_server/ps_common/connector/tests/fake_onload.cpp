@@ -7,26 +7,26 @@
 namespace fake_onload {
 namespace {
 
-std::mutex mutex;
-int present = 0;
-std::vector<Call> calls;
+std::mutex g_mutex;
+int g_present = 0;
+std::vector<Call> g_calls;
 
 void Record(std::string text) {
-  const std::lock_guard lock(mutex);
-  calls.push_back({std::move(text), std::this_thread::get_id()});
+  const std::lock_guard lock(g_mutex);
+  g_calls.push_back({std::move(text), std::this_thread::get_id()});
 }
 
 }  // namespace
 
 void Reset(int isPresent) {
-  const std::lock_guard lock(mutex);
-  present = isPresent;
-  calls.clear();
+  const std::lock_guard lock(g_mutex);
+  g_present = isPresent;
+  g_calls.clear();
 }
 
 std::vector<Call> Calls() {
-  const std::lock_guard lock(mutex);
-  return calls;
+  const std::lock_guard lock(g_mutex);
+  return g_calls;
 }
 
 }  // namespace fake_onload
@@ -35,8 +35,8 @@ using fake_onload::Record;
 
 int onload_is_present(void) {
   Record("onload_is_present()");
-  const std::lock_guard lock(fake_onload::mutex);
-  return fake_onload::present;
+  const std::lock_guard lock(fake_onload::g_mutex);
+  return fake_onload::g_present;
 }
 
 int onload_thread_set_spin(int type, int spin) {

@@ -43,11 +43,13 @@ TEST_F(ResourceMgr, ReadsOneOptionOfTheContext) {
 }
 
 TEST_F(ResourceMgr, ReadsAllOptionsHoweverManyThereAre) {
-  constexpr int count = 1000;
-  for (int i = 0; i < count; ++i) lbm_scripted::SetOption("context", "option_" + std::to_string(i), std::to_string(i));
+  constexpr int kCount = 1000;
+  for (int i = 0; i < kCount; ++i) {
+    lbm_scripted::SetOption("context", "option_" + std::to_string(i), std::to_string(i));
+  }
   lbm_context_t* const context = *Start().GetContext();
   const auto attributes = LbmResourceMgr::GetAllContextAttributes(context);
-  EXPECT_GE(attributes.size(), std::size_t{count});
+  EXPECT_GE(attributes.size(), std::size_t{kCount});
   EXPECT_THAT(attributes, Contains(Pair("option_0", "0")));
   EXPECT_THAT(attributes, Contains(Pair("option_999", "999")));
   EXPECT_THAT(attributes, Contains(Pair("operational_mode", "sequential")));

@@ -40,7 +40,7 @@ std::vector<std::string> OptionsSet() {
 }
 
 TEST_F(Lifecycle, AManagerSetsUpItsContextAndTakesItDownInOrder) {
-  Start({.config = R"(<Logging lbmNotifications="yes"/><General/>)", .timeout_ms = 250});
+  Start({.config = R"(<Logging lbmNotifications="yes"/><General/>)", .timeoutMs = 250});
   EXPECT_THAT(OptionsSet(), ElementsAre("operational_mode=sequential", "resolver_source_notification_function",
                                         "context_name=a_client"));
   EXPECT_EQ(lbm_scripted::CallsTo("lbm_context_process_events").front().Number("msec"), 250);
@@ -71,7 +71,7 @@ TEST_F(Lifecycle, AManagerSetsUpItsContextAndTakesItDownInOrder) {
 TEST_F(Lifecycle, WithoutAContextNameLbmChoosesOne) {
   Start({.contextName = "", .shouldOnload = true, .affinity = 1024});
   EXPECT_THAT(OptionsSet(), ElementsAre("operational_mode=sequential"));
-  EXPECT_THAT(LogCapture::Texts(),
+  EXPECT_THAT(log_capture::Texts(),
               Contains("Creating LbmClientResourceMgr. shouldOnload=true lbmThreadCPUAffinity=1024 "
                        "context_name=<default> lbmProcessEventTimeout_ms=3600000"));
 }
@@ -82,8 +82,8 @@ TEST_F(Lifecycle, FoundSourcesAreLoggedWhenTheConfigurationAsksForIt) {
   EXPECT_EQ(lbm_scripted::NotifyContext(context, "PRICES", "TCP:1"), 0);
   EXPECT_THAT(ManagerStatements(), Contains(Statement{ZQLOG_INFO, 9999, "context_src_notify topic=PRICES src=TCP:1"}));
 
-  LogCapture::Clear();
-  LogCapture::SetMinLevel(ZQLOG_WARNING);
+  log_capture::Clear();
+  log_capture::SetMinLevel(ZQLOG_WARNING);
   EXPECT_EQ(lbm_scripted::NotifyContext(context, "PRICES", "TCP:1"), 0);
   EXPECT_THAT(ManagerStatements(), IsEmpty());
 }
@@ -118,8 +118,10 @@ TEST_F(Lifecycle, AFailedConstructionSaysWhyAndLeavesNothingBehind) {
                            Step{"lbm_context_attr_str_setopt", 1, "Failed to set LBM context attribute: out of luck"},
                            Step{"lbm_context_create", 0, "Failed to create LBM context: out of luck"}}) {
     lbm_scripted::Reset();
-    LogCapture::Clear();
-    if (step.successesBefore > 0) lbm_scripted::Script(step.function, {}, step.successesBefore);
+    log_capture::Clear();
+    if (step.successesBefore > 0) {
+      lbm_scripted::Script(step.function, {}, step.successesBefore);
+    }
     lbm_scripted::Script(step.function, Failure(LBM_ENOMEM, "out of luck"));
     try {
       Start();
@@ -128,7 +130,7 @@ TEST_F(Lifecycle, AFailedConstructionSaysWhyAndLeavesNothingBehind) {
       EXPECT_STREQ(error.what(), step.error);
     }
     EXPECT_THAT(lbm_scripted::LiveHandles(), IsEmpty()) << step.function;
-    EXPECT_THAT(LogCapture::Find("About to start"), IsEmpty());
+    EXPECT_THAT(log_capture::Find("About to start"), IsEmpty());
   }
 
   EXPECT_THROW(Start({.config = "<Logging/>"}), boost::property_tree::ptree_bad_path);

@@ -19,7 +19,7 @@
 namespace ps_ns {
 
 using zq::logging::LogLevel;
-namespace LogCapture = zq::logging::testing::LogCapture;
+namespace log_capture = zq::logging::testing::log_capture;
 
 inline constexpr const char* kManagerSource = "price_server/ps_common/connector/source/lbm_client_resource_mgr.cpp";
 
@@ -40,8 +40,10 @@ struct Statement {
 // What the manager logged since the start of the test.
 inline std::vector<Statement> ManagerStatements() {
   std::vector<Statement> statements;
-  for (const auto& captured : LogCapture::Statements()) {
-    if (captured.file != kManagerSource) continue;
+  for (const auto& captured : log_capture::Statements()) {
+    if (captured.file != kManagerSource) {
+      continue;
+    }
     EXPECT_EQ(captured.decodeType, zq::logging::ZQLOG_DECODE_AS_KV);
     EXPECT_GT(captured.line, 0);
     statements.push_back({captured.level, captured.id, captured.text});
@@ -53,7 +55,9 @@ inline std::vector<Statement> ManagerStatements() {
 inline std::vector<lbm_scripted::Call> OwnCalls(std::size_t from = 0) {
   std::vector<lbm_scripted::Call> own;
   for (auto& call : lbm_scripted::Calls()) {
-    if (call.thread == std::this_thread::get_id()) own.push_back(std::move(call));
+    if (call.thread == std::this_thread::get_id()) {
+      own.push_back(std::move(call));
+    }
   }
   own.erase(own.begin(), own.begin() + static_cast<std::ptrdiff_t>(from));
   return own;
@@ -61,7 +65,9 @@ inline std::vector<lbm_scripted::Call> OwnCalls(std::size_t from = 0) {
 
 inline std::vector<std::string> Functions(const std::vector<lbm_scripted::Call>& calls) {
   std::vector<std::string> functions;
-  for (const auto& call : calls) functions.push_back(call.function);
+  for (const auto& call : calls) {
+    functions.push_back(call.function);
+  }
   return functions;
 }
 
@@ -72,7 +78,7 @@ struct Settings {
   bool shouldOnload = false;
   int affinity = -1;
   // So long that only an unblock in time lets a test end.
-  unsigned int timeout_ms = 3'600'000;
+  unsigned int timeoutMs = 3'600'000;
   std::function<bool()> task = {};
   unsigned int maxTasks = 0;
 };
@@ -81,12 +87,14 @@ class ManagerTest : public testing::Test {
  protected:
   ManagerTest() {
     lbm_scripted::Reset();
-    LogCapture::Clear();
+    log_capture::Clear();
     fake_onload::Reset(0);
   }
 
   ~ManagerTest() override {
-    if (m_manager) m_manager->Shutdown();
+    if (m_manager) {
+      m_manager->Shutdown();
+    }
     m_manager.reset();
     EXPECT_THAT(lbm_scripted::Problems(), testing::IsEmpty());
     EXPECT_THAT(lbm_scripted::LiveHandles(), testing::IsEmpty());
@@ -96,7 +104,7 @@ class ManagerTest : public testing::Test {
   LbmClientResourceMgr& Start(const Settings& settings = {}) {
     m_manager = std::make_unique<LbmClientResourceMgr>(Config::Parse("<PSConfig>" + settings.config + "</PSConfig>"),
                                                        settings.contextName, settings.shouldOnload, settings.affinity,
-                                                       settings.timeout_ms, settings.task, settings.maxTasks);
+                                                       settings.timeoutMs, settings.task, settings.maxTasks);
     WaitForRounds(1);
     return *m_manager;
   }

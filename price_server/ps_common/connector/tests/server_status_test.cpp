@@ -23,7 +23,7 @@ using ServerStatus = ManagerTest;
 
 TEST_F(ServerStatus, ReceiversOfOneTopicShareItsLookUp) {
   Start({.config = "<Logging/><General/>"});
-  LogCapture::Clear();
+  log_capture::Clear();
   const std::size_t before = OwnCalls().size();
   std::string received;
   const ReceiverPtr first = m_manager->CreateServerStatusReceiver(kInstance, {});
@@ -66,22 +66,22 @@ TEST_F(ServerStatus, SourcesThatComeAndGoAreLoggedWhenTheConfigurationAsksForIt)
   EXPECT_EQ(notification.create_func, &receiver_src_notify_create);
   EXPECT_EQ(notification.delete_func, &receiver_src_notify_delete);
 
-  LogCapture::Clear();
+  log_capture::Clear();
   EXPECT_EQ(lbm_scripted::NotifySourceCreated(*receiver, "TCP:1"), nullptr);
   EXPECT_EQ(lbm_scripted::NotifySourceDeleted(*receiver, "TCP:1", nullptr), 0);
   EXPECT_THAT(ManagerStatements(), ElementsAre(Statement{ZQLOG_INFO, 9999, "receiver_src_notify_create src=TCP:1"},
                                                Statement{ZQLOG_INFO, 9999, "receiver_src_notify_delete src=TCP:1"}));
 
-  LogCapture::Clear();
-  LogCapture::SetMinLevel(ZQLOG_WARNING);
+  log_capture::Clear();
+  log_capture::SetMinLevel(ZQLOG_WARNING);
   EXPECT_EQ(lbm_scripted::NotifySourceCreated(*receiver, "TCP:1"), nullptr);
   EXPECT_EQ(lbm_scripted::NotifySourceDeleted(*receiver, "TCP:1", nullptr), 0);
-  EXPECT_THAT(LogCapture::Texts(), IsEmpty());
+  EXPECT_THAT(log_capture::Texts(), IsEmpty());
 }
 
 TEST_F(ServerStatus, IsReceivedAlthoughItsSourcesCannotBeWatched) {
   Start({.config = kNotificationsOn});
-  LogCapture::Clear();
+  log_capture::Clear();
   lbm_scripted::Script("lbm_rcv_topic_attr_setopt", Failure(LBM_EINVAL, "unknown option"));
   EXPECT_TRUE(m_manager->CreateServerStatusReceiver(kInstance, {}));
   EXPECT_THAT(ManagerStatements(),
@@ -91,7 +91,7 @@ TEST_F(ServerStatus, IsReceivedAlthoughItsSourcesCannotBeWatched) {
 TEST_F(ServerStatus, AFailureLeavesTheManagerReadyForTheNextCall) {
   Start();
   const auto expectFailure = [this](const char* function, const char* text) {
-    LogCapture::Clear();
+    log_capture::Clear();
     lbm_scripted::Script(function, Failure(LBM_EINVAL, "no"));
     try {
       m_manager->CreateServerStatusReceiver(kInstance, {});
@@ -116,7 +116,9 @@ TEST_F(ServerStatus, AThreadWaitsForTheTopicThatAnotherLooksUp) {
   std::atomic_flag first = ATOMIC_FLAG_INIT;
   std::future<ReceiverPtr> other;
   lbm_scripted::OnCall("lbm_rcv_topic_lookup", [&](const lbm_scripted::Call&) {
-    if (first.test_and_set()) return;
+    if (first.test_and_set()) {
+      return;
+    }
     other = std::async(std::launch::async, [&] { return m_manager->CreateServerStatusReceiver(kInstance, {}); });
     EXPECT_TRUE(lbm_scripted::WaitForCalls("lbm_rcv_topic_attr_create", 2));
     EXPECT_FALSE(lbm_scripted::WaitForCalls("lbm_rcv_topic_lookup", 2, std::chrono::milliseconds(50)));

@@ -35,7 +35,9 @@ const std::vector<std::pair<InstanceCreate, InstanceParse>> kInstanceKinds{
 // How many operations can read the name.
 int CountReaders(const std::string& name) {
   int count = 0;
-  for (const auto& [create, parse] : kInstanceKinds) count += parse(name).has_value() ? 1 : 0;
+  for (const auto& [create, parse] : kInstanceKinds) {
+    count += parse(name).has_value() ? 1 : 0;
+  }
   count += TopicNames::ParseSegmentTopic(name).has_value() ? 1 : 0;
   count += TopicNames::ParseClientHostCommandTopic(name).has_value() ? 1 : 0;
   count += TopicNames::ParseClientIDCommandTopic(name).has_value() ? 1 : 0;
@@ -70,7 +72,9 @@ std::vector<std::string> NastyAndRandomIdentities() {
   std::uniform_int_distribution<int> byte(0, 255);
   for (int i = 0; i < 1000; ++i) {
     std::string& identity = identities.emplace_back(length(random), ' ');
-    for (char& c : identity) c = static_cast<char>(byte(random));
+    for (char& c : identity) {
+      c = static_cast<char>(byte(random));
+    }
   }
   return identities;
 }
@@ -110,7 +114,9 @@ TEST(TopicNames, IdentitiesSurviveAndOnlyTheirOwnKindReadsThem) {
 
     for (const std::string& name : {byHost, byID, response}) {
       EXPECT_EQ(CountReaders(name), 1) << name;
-      for (const char c : name) EXPECT_TRUE(c > ' ' && c < '\x7F') << name;
+      for (const char c : name) {
+        EXPECT_TRUE(c > ' ' && c < '\x7F') << name;
+      }
     }
   }
 }
@@ -175,7 +181,9 @@ TEST(TopicNames, TextsThatCreateDoesNotMakeAreRefused) {
       "client_command.host." + std::string(LBM_TOPIC_NAME_MAX, 'a'),
       "client_command.host." + std::string(200, ' '),
   };
-  for (const std::string& name : refused) EXPECT_EQ(CountReaders(name), 0) << name;
+  for (const std::string& name : refused) {
+    EXPECT_EQ(CountReaders(name), 0) << name;
+  }
 }
 
 TEST(TopicNames, DamagedNamesAreNotReadAsSomethingElse) {
@@ -186,7 +194,9 @@ TEST(TopicNames, DamagedNamesAreNotReadAsSomethingElse) {
   for (int i = 0; i < 20000; ++i) {
     std::string name = names[random() % names.size()];
     name[random() % name.size()] = alphabet[random() % alphabet.size()];
-    if (random() % 2 == 0) name.erase(random() % name.size(), 1);
+    if (random() % 2 == 0) {
+      name.erase(random() % name.size(), 1);
+    }
     if (const auto segment = TopicNames::ParseSegmentTopic(name)) {
       EXPECT_EQ(TopicNames::CreateSegmentTopic(segment->m_serverInstance, segment->m_segment), name);
     }
@@ -240,11 +250,15 @@ std::map<std::string, std::string> DocumentedExamples() {
     std::vector<std::string> quoted;
     for (std::size_t begin = line.find('`'); begin != std::string::npos; begin = line.find('`', begin)) {
       const std::size_t end = line.find('`', begin + 1);
-      if (end == std::string::npos) break;
+      if (end == std::string::npos) {
+        break;
+      }
       quoted.push_back(line.substr(begin + 1, end - begin - 1));
       begin = end + 1;
     }
-    if (line.rfind("| `Create", 0) == 0 && quoted.size() >= 2) examples[quoted[0]] = quoted[1];
+    if (line.rfind("| `Create", 0) == 0 && quoted.size() >= 2) {
+      examples[quoted[0]] = quoted[1];
+    }
   }
   return examples;
 }

@@ -10,14 +10,16 @@
 namespace engine::api {
 
 template <class T>
-void requireNotNull(T* argument, const char* name) {
-  if (argument == nullptr) throw Error(LBM_EINVAL, std::string("the argument ") + name + " is null");
+void RequireNotNull(T* argument, const char* name) {
+  if (argument == nullptr) {
+    throw Error(LBM_EINVAL, std::string("the argument ") + name + " is null");
+  }
 }
 
 // What the argument points to.
 template <class T>
-T& required(T* argument, const char* name) {
-  requireNotNull(argument, name);
+T& Required(T* argument, const char* name) {
+  RequireNotNull(argument, name);
   return *argument;
 }
 

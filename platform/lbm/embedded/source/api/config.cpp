@@ -5,8 +5,8 @@
 #include "core/notice.h"
 #include "options/process_defaults.h"
 
-using engine::api::guarded;
-using engine::api::required;
+using engine::api::Guarded;
+using engine::api::Required;
 
 #define LBM_TEXT_OF(number) #number
 #define LBM_VERSION_TEXT(major, minor, sp) LBM_TEXT_OF(major) "." LBM_TEXT_OF(minor) "." LBM_TEXT_OF(sp)
@@ -15,16 +15,16 @@ const char* lbm_version() {
   return "LBM embedded engine " LBM_VERSION_TEXT(LBM_VERS_MAJOR, LBM_VERS_MINOR, LBM_VERS_SP);
 }
 
-int lbm_config(const char* file_name) {
-  return guarded(__func__, [&] {
-    engine::ProcessDefaults::instance().load(&required(file_name, "file_name"));
+int lbm_config(const char* fileName) {
+  return Guarded(__func__, [fileName] {
+    engine::ProcessDefaults::Instance().Load(&Required(fileName, "file_name"));
     return 0;
   });
 }
 
 int lbm_log(lbm_log_cb_proc proc, void* clientd) {
-  return guarded(__func__, [&] {
-    engine::setNoticeReceiver(proc, clientd);
+  return Guarded(__func__, [&] {
+    engine::SetNoticeReceiver(proc, clientd);
     return 0;
   });
 }

@@ -12,88 +12,88 @@
 
 using engine::Error;
 using engine::OptionSet;
-using engine::api::guarded;
-using engine::api::required;
+using engine::api::Guarded;
+using engine::api::Required;
 namespace option = engine::option;
 
 namespace {
 
 // The one place that chooses how a context's messages travel.
-std::unique_ptr<engine::transport::Transport> join(OptionSet& options) {
-  const auto runtimeDirectory = engine::transport::host::runtimeDirectory();
-  options.provide(option::domainDirectory, runtimeDirectory + '/' + options.get(option::domain));
-  return engine::transport::host::joinHostDomain({.runtimeDirectory = runtimeDirectory,
-                                                  .domain = options.get(option::domain),
-                                                  .contextName = options.get(option::contextName),
-                                                  .ringBytes = options.get(option::transportRingSize),
-                                                  .notice = engine::notice});
+std::unique_ptr<engine::transport::Transport> Join(OptionSet& options) {
+  const auto runtimeDirectory = engine::transport::host::RuntimeDirectory();
+  options.Provide(option::kDomainDirectory, runtimeDirectory + '/' + options.Get(option::kDomain));
+  return engine::transport::host::JoinHostDomain({.runtimeDirectory = runtimeDirectory,
+                                                  .domain = options.Get(option::kDomain),
+                                                  .contextName = options.Get(option::kContextName),
+                                                  .ringBytes = options.Get(option::kTransportRingSize),
+                                                  .notice = engine::Notice});
 }
 
-engine::core::Context& contextOf(lbm_context_t* ctx) { return *required(ctx, "ctx").context; }
+engine::core::Context& ContextOf(lbm_context_t* ctx) { return *Required(ctx, "ctx").context; }
 
 }  // namespace
 
 int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_daemon_event_cb_proc, void*) {
-  return guarded(__func__, [&] {
-    required(ctx, "ctx");
-    OptionSet options = engine::api::options(attr);
+  return Guarded(__func__, [&] {
+    Required(ctx, "ctx");
+    OptionSet options = engine::api::CreationOptions(attr);
     auto handle = std::make_unique<lbm_context_t>();
-    auto transport = join(options);
-    handle->context = engine::core::Context::create(std::move(options), std::move(transport), handle.get());
+    auto transport = Join(options);
+    handle->context = engine::core::Context::Create(std::move(options), std::move(transport), handle.get());
     *ctx = handle.release();
     return 0;
   });
 }
 
 int lbm_context_delete(lbm_context_t* ctx) {
-  return guarded(__func__, [&] {
-    const std::shared_ptr<lbm_context_t> handle(&required(ctx, "ctx"));
-    handle->context->remove(handle);
+  return Guarded(__func__, [&] {
+    const std::shared_ptr<lbm_context_t> handle(&Required(ctx, "ctx"));
+    handle->context->Remove(handle);
     return 0;
   });
 }
 
 int lbm_context_process_events(lbm_context_t* ctx, lbm_ulong_t msec) {
-  return guarded(__func__, [&] {
-    const auto context = required(ctx, "ctx").context;  // a callback may delete the context
-    context->processEvents(msec);
+  return Guarded(__func__, [&] {
+    const auto context = Required(ctx, "ctx").context;  // a callback may delete the context
+    context->ProcessEvents(msec);
     return 0;
   });
 }
 
 int lbm_context_unblock(lbm_context_t* ctx) {
-  return guarded(__func__, [&] {
-    contextOf(ctx).unblock();
+  return Guarded(__func__, [&] {
+    ContextOf(ctx).Unblock();
     return 0;
   });
 }
 
 int lbm_context_setopt(lbm_context_t* ctx, const char* optname, const void* optval, size_t optlen) {
-  return guarded(__func__, [&] { return engine::api::setOption(contextOf(ctx).options(), optname, optval, optlen); });
+  return Guarded(__func__, [&] { return engine::api::SetOption(ContextOf(ctx).Options(), optname, optval, optlen); });
 }
 
 int lbm_context_getopt(lbm_context_t* ctx, const char* optname, void* optval, size_t* optlen) {
-  return guarded(__func__, [&] { return engine::api::getOption(contextOf(ctx).options(), optname, optval, optlen); });
+  return Guarded(__func__, [&] { return engine::api::GetOption(ContextOf(ctx).Options(), optname, optval, optlen); });
 }
 
 int lbm_context_str_setopt(lbm_context_t* ctx, const char* optname, const char* optval) {
-  return guarded(__func__, [&] { return engine::api::setTextOption(contextOf(ctx).options(), optname, optval); });
+  return Guarded(__func__, [&] { return engine::api::SetTextOption(ContextOf(ctx).Options(), optname, optval); });
 }
 
 int lbm_context_str_getopt(lbm_context_t* ctx, const char* optname, char* optval, size_t* optlen) {
-  return guarded(__func__,
-                 [&] { return engine::api::getTextOption(contextOf(ctx).options(), optname, optval, optlen); });
+  return Guarded(__func__,
+                 [&] { return engine::api::GetTextOption(ContextOf(ctx).Options(), optname, optval, optlen); });
 }
 
 int lbm_context_str_getopt_all(lbm_context_t* ctx, lbm_option_text_t* opts, size_t* count) {
-  return guarded(__func__, [&] {
-    const auto texts = contextOf(ctx).options().texts();
-    const std::size_t room = std::exchange(required(count, "count"), texts.size());
+  return Guarded(__func__, [&] {
+    const auto texts = ContextOf(ctx).Options().Texts();
+    const std::size_t room = std::exchange(Required(count, "count"), texts.size());
     if (room < texts.size()) {
       throw Error(LBM_EINVAL, "there is room for " + std::to_string(room) + " options and " +
                                   std::to_string(texts.size()) + " are needed");
     }
-    engine::api::requireNotNull(opts, "opts");
+    engine::api::RequireNotNull(opts, "opts");
     for (const auto& [name, value] : texts) {
       lbm_option_text_t& text = *opts++ = {};
       name.copy(text.name, sizeof(text.name) - 1);
@@ -105,26 +105,26 @@ int lbm_context_str_getopt_all(lbm_context_t* ctx, lbm_option_text_t* opts, size
 
 int lbm_register_fd(lbm_context_t* ctx, int fd, lbm_fd_cb_proc proc, void* clientd, lbm_event_queue_t* evq,
                     lbm_ulong_t ev) {
-  return guarded(__func__, [&] {
-    engine::api::requireNotNull(proc, "proc");
-    contextOf(ctx).registerDescriptor(fd, ev, proc, clientd, engine::api::queueOf(evq));
+  return Guarded(__func__, [&] {
+    engine::api::RequireNotNull(proc, "proc");
+    ContextOf(ctx).RegisterDescriptor(fd, ev, proc, clientd, engine::api::QueueOf(evq));
     return 0;
   });
 }
 
 int lbm_cancel_fd(lbm_context_t* ctx, int fd, lbm_ulong_t ev) {
-  return guarded(__func__, [&] {
-    contextOf(ctx).cancelDescriptor(fd, ev);
+  return Guarded(__func__, [&] {
+    ContextOf(ctx).CancelDescriptor(fd, ev);
     return 0;
   });
 }
 
 int lbm_cancel_fd_ex(lbm_context_t* ctx, int fd, lbm_ulong_t ev, const lbm_event_queue_cancel_cb_info_t* info) {
-  return guarded(__func__, [&] {
-    const lbm_event_queue_cancel_cb_info_t& notice = required(info, "info");
-    engine::api::requireNotNull(notice.cancel_cb, "info->cancel_cb");
-    contextOf(ctx).cancelDescriptorWithNotice(fd, ev, notice.cancel_cb, notice.clientd,
-                                              engine::api::queueOf(notice.event_queue));
+  return Guarded(__func__, [&] {
+    const lbm_event_queue_cancel_cb_info_t& notice = Required(info, "info");
+    engine::api::RequireNotNull(notice.cancel_cb, "info->cancel_cb");
+    ContextOf(ctx).CancelDescriptorWithNotice(fd, ev, notice.cancel_cb, notice.clientd,
+                                              engine::api::QueueOf(notice.event_queue));
     return 0;
   });
 }

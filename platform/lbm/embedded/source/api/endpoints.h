@@ -11,20 +11,20 @@
 
 namespace engine::api {
 
-inline std::shared_ptr<core::EventQueue> queueOf(const lbm_event_queue_t* evq) {
+inline std::shared_ptr<core::EventQueue> QueueOf(const lbm_event_queue_t* evq) {
   return evq != nullptr ? evq->queue : nullptr;
 }
 
 // The topic, when it was made on this context and for this kind of endpoint.
-inline const core::Topic& topicFor(const core::Context& context, const lbm_topic_t* topic, Scope scope) {
-  const core::Topic& known = required(topic, "topic");
+inline const core::Topic& TopicFor(const core::Context& context, const lbm_topic_t* topic, Scope scope) {
+  const core::Topic& known = Required(topic, "topic");
   if (&known.context != &context) {
     throw Error(LBM_EINVAL, "the topic " + known.name + " belongs to another context");
   }
-  if (known.options->scope() != scope) {
+  if (known.options->GetScope() != scope) {
     throw Error(LBM_EINVAL, "the topic " + known.name + " was made for a " +
-                                std::string(nameOf(known.options->scope())) + " and not for a " +
-                                std::string(nameOf(scope)));
+                                std::string(NameOf(known.options->GetScope())) + " and not for a " +
+                                std::string(NameOf(scope)));
   }
   return known;
 }

@@ -6,40 +6,41 @@
 #include "api/attributes.h"
 #include "api/errors.h"
 
-using engine::api::guarded;
-using engine::api::required;
+using engine::api::Guarded;
+using engine::api::Required;
 
 int lbm_event_queue_create(lbm_event_queue_t** evq, lbm_event_queue_monitor_proc, void*,
                            const lbm_event_queue_attr_t* attr) {
-  return guarded(__func__, [&] {
-    const bool cancellations = engine::api::options(attr).get(engine::option::queueCancellationCallbacksEnabled);
-    required(evq, "evq") = new lbm_event_queue_t{std::make_shared<engine::core::EventQueue>(cancellations)};
+  return Guarded(__func__, [&] {
+    const bool cancellations =
+        engine::api::CreationOptions(attr).Get(engine::option::kQueueCancellationCallbacksEnabled);
+    Required(evq, "evq") = new lbm_event_queue_t{std::make_shared<engine::core::EventQueue>(cancellations)};
     return 0;
   });
 }
 
 int lbm_event_dispatch(lbm_event_queue_t* evq, lbm_ulong_t msec) {
-  return guarded(__func__, [&] { return required(evq, "evq").queue->dispatch(msec); });
+  return Guarded(__func__, [&] { return Required(evq, "evq").queue->Dispatch(msec); });
 }
 
 int lbm_event_dispatch_unblock(lbm_event_queue_t* evq) {
-  return guarded(__func__, [&] {
-    required(evq, "evq").queue->unblock();
+  return Guarded(__func__, [&] {
+    Required(evq, "evq").queue->Unblock();
     return 0;
   });
 }
 
 int lbm_event_queue_shutdown(lbm_event_queue_t* evq) {
-  return guarded(__func__, [&] {
-    required(evq, "evq").queue->shutdown();
+  return Guarded(__func__, [&] {
+    Required(evq, "evq").queue->Shutdown();
     return 0;
   });
 }
 
 int lbm_event_queue_delete(lbm_event_queue_t* evq) {
-  return guarded(__func__, [&] {
-    const std::unique_ptr<lbm_event_queue_t> handle(&required(evq, "evq"));
-    handle->queue->shutdown();
+  return Guarded(__func__, [&] {
+    const std::unique_ptr<lbm_event_queue_t> handle(&Required(evq, "evq"));
+    handle->queue->Shutdown();
     return 0;
   });
 }

@@ -6,29 +6,29 @@
 #include "core/message_pool.h"
 
 using engine::Error;
-using engine::api::guarded;
-using engine::api::required;
+using engine::api::Guarded;
+using engine::api::Required;
 using engine::core::Message;
 
 int lbm_msg_retain(lbm_msg_t* msg) {
   if (msg == nullptr) {
-    return engine::api::fail(LBM_EINVAL, "lbm_msg_retain: the argument msg is null");
+    return engine::api::Fail(LBM_EINVAL, "lbm_msg_retain: the argument msg is null");
   }
-  Message::of(*msg).retain();
+  Message::Of(*msg).Retain();
   return 0;
 }
 
 int lbm_msg_delete(lbm_msg_t* msg) {
   if (msg == nullptr) {
-    return engine::api::fail(LBM_EINVAL, "lbm_msg_delete: the argument msg is null");
+    return engine::api::Fail(LBM_EINVAL, "lbm_msg_delete: the argument msg is null");
   }
-  Message::of(*msg).release();
+  Message::Of(*msg).Release();
   return 0;
 }
 
 int lbm_msg_send_explicit_ack(lbm_msg_t* msg) {
-  return guarded(__func__, [&]() -> int {
-    if ((required(msg, "msg").flags & LBM_MSG_FLAG_EXPLICIT_ACK) == 0) {
+  return Guarded(__func__, [&]() -> int {
+    if ((Required(msg, "msg").flags & LBM_MSG_FLAG_EXPLICIT_ACK) == 0) {
       throw Error(LBM_EOP, "the message was not sent for explicit acknowledgement");
     }
     return 0;
@@ -36,16 +36,16 @@ int lbm_msg_send_explicit_ack(lbm_msg_t* msg) {
 }
 
 int lbm_send_response(lbm_response_t* response, const char* data, size_t len, int flags) {
-  return guarded(__func__, [&] {
-    const iovec piece = engine::api::pieceOf(data, len);
+  return Guarded(__func__, [&] {
+    const iovec piece = engine::api::PieceOf(data, len);
     const std::span payload(static_cast<const std::byte*>(piece.iov_base), piece.iov_len);
-    return engine::api::resultOf("lbm_send_response", required(response, "response").send(payload, flags));
+    return engine::api::ResultOf("lbm_send_response", Required(response, "response").Send(payload, flags));
   });
 }
 
 int lbm_response_delete(lbm_response_t* response) {
-  return guarded(__func__, [&] {
-    delete &required(response, "response");
+  return Guarded(__func__, [&] {
+    delete &Required(response, "response");
     return 0;
   });
 }

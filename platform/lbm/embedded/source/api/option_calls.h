@@ -9,34 +9,34 @@
 namespace engine::api {
 
 template <class Options>
-int setOption(Options& options, const char* optname, const void* optval, std::size_t optlen) {
-  requireNotNull(optname, "optname");
-  requireNotNull(optval, "optval");
-  options.setBinary(optname, optval, optlen);
+int SetOption(Options& options, const char* optname, const void* optval, std::size_t optlen) {
+  RequireNotNull(optname, "optname");
+  RequireNotNull(optval, "optval");
+  options.SetBinary(optname, optval, optlen);
   return 0;
 }
 
 template <class Options>
-int getOption(const Options& options, const char* optname, void* optval, std::size_t* optlen) {
-  requireNotNull(optname, "optname");
-  requireNotNull(optval, "optval");
-  options.getBinary(optname, optval, required(optlen, "optlen"));
+int GetOption(const Options& options, const char* optname, void* optval, std::size_t* optlen) {
+  RequireNotNull(optname, "optname");
+  RequireNotNull(optval, "optval");
+  options.GetBinary(optname, optval, Required(optlen, "optlen"));
   return 0;
 }
 
 template <class Options>
-int setTextOption(Options& options, const char* optname, const char* optval) {
-  requireNotNull(optname, "optname");
-  requireNotNull(optval, "optval");
-  options.setText(optname, optval);
+int SetTextOption(Options& options, const char* optname, const char* optval) {
+  RequireNotNull(optname, "optname");
+  RequireNotNull(optval, "optval");
+  options.SetText(optname, optval);
   return 0;
 }
 
 template <class Options>
-int getTextOption(const Options& options, const char* optname, char* optval, std::size_t* optlen) {
-  requireNotNull(optname, "optname");
-  requireNotNull(optval, "optval");
-  options.getText(optname, optval, required(optlen, "optlen"));
+int GetTextOption(const Options& options, const char* optname, char* optval, std::size_t* optlen) {
+  RequireNotNull(optname, "optname");
+  RequireNotNull(optval, "optval");
+  options.GetText(optname, optval, Required(optlen, "optlen"));
   return 0;
 }
 

@@ -14,19 +14,19 @@
 namespace engine::api {
 
 // The bytes of a message as one piece.
-inline iovec pieceOf(const char* data, std::size_t len) {
+inline iovec PieceOf(const char* data, std::size_t len) {
   if (len != 0) {
-    requireNotNull(data, "data");
+    RequireNotNull(data, "data");
   }
   return {const_cast<char*>(data), len};
 }
 
 // A send that would block is an expected outcome, so it takes no exception.
-inline int resultOf(const char* function, transport::SendResult result) {
-  if (result == transport::SendResult::sent) {
+inline int ResultOf(const char* function, transport::SendResult result) {
+  if (result == transport::SendResult::kSent) {
     return 0;
   }
-  return fail(LBM_EWOULDBLOCK, (std::string(function) + ": no room at the moment; try again later").c_str());
+  return Fail(LBM_EWOULDBLOCK, (std::string(function) + ": no room at the moment; try again later").c_str());
 }
 
 }  // namespace engine::api

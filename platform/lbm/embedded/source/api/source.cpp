@@ -8,8 +8,8 @@
 #include "api/send.h"
 
 using engine::LiveOptions;
-using engine::api::guarded;
-using engine::api::required;
+using engine::api::Guarded;
+using engine::api::Required;
 using engine::core::Request;
 using engine::core::Source;
 using engine::transport::OutboundMessage;
@@ -17,42 +17,42 @@ using engine::transport::OutboundMessage;
 namespace {
 
 // A source has the options of its topic and its own place on the transport; none can be changed once it lives.
-LiveOptions optionsOf(const lbm_src_t* src) { return LiveOptions(required(src, "src").source->options()); }
+LiveOptions OptionsOf(const lbm_src_t* src) { return LiveOptions(Required(src, "src").source->Options()); }
 
-int send(const char* function, lbm_src_t* src, std::span<const iovec> pieces, int flags,
+int Send(const char* function, lbm_src_t* src, std::span<const iovec> pieces, int flags,
          const lbm_src_send_ex_info_t* info) {
   OutboundMessage message{.pieces = pieces, .requestId = 0, .channel = {}};
   if (info != nullptr && (info->flags & LBM_SRC_SEND_EX_FLAG_CHANNEL) != 0) {
     message.channel = info->channel_number;
   }
-  return engine::api::resultOf(function, required(src, "src").source->send(message, flags));
+  return engine::api::ResultOf(function, Required(src, "src").source->Send(message, flags));
 }
 
-int sendPieces(const char* function, lbm_src_t* src, const iovec* iov, int num, int flags,
+int SendPieces(const char* function, lbm_src_t* src, const iovec* iov, int num, int flags,
                const lbm_src_send_ex_info_t* info) noexcept {
-  return guarded(function, [&] {
+  return Guarded(function, [&] {
     if (num < 0 || num > IOV_MAX) {
       throw engine::Error(LBM_EINVAL,
                           "num is " + std::to_string(num) + "; it has to be 0 to " + std::to_string(IOV_MAX));
     }
     if (num != 0) {
-      engine::api::requireNotNull(iov, "iov");
+      engine::api::RequireNotNull(iov, "iov");
     }
     const std::span pieces(iov, static_cast<std::size_t>(num));
     for (const iovec& piece : pieces) {
       if (piece.iov_len != 0) {
-        engine::api::requireNotNull(piece.iov_base, "iov[].iov_base");
+        engine::api::RequireNotNull(piece.iov_base, "iov[].iov_base");
       }
     }
-    return send(function, src, pieces, flags, info);
+    return Send(function, src, pieces, flags, info);
   });
 }
 
-int sendOne(const char* function, lbm_src_t* src, const char* data, size_t len, int flags,
+int SendOne(const char* function, lbm_src_t* src, const char* data, size_t len, int flags,
             const lbm_src_send_ex_info_t* info) noexcept {
-  return guarded(function, [&] {
-    const iovec piece = engine::api::pieceOf(data, len);
-    return send(function, src, {&piece, 1}, flags, info);
+  return Guarded(function, [&] {
+    const iovec piece = engine::api::PieceOf(data, len);
+    return Send(function, src, {&piece, 1}, flags, info);
   });
 }
 
@@ -60,89 +60,89 @@ int sendOne(const char* function, lbm_src_t* src, const char* data, size_t len, 
 
 int lbm_src_create(lbm_src_t** src, lbm_context_t* ctx, lbm_topic_t* topic, lbm_src_cb_proc proc, void* clientd,
                    lbm_event_queue_t* evq) {
-  return guarded(__func__, [&] {
-    required(src, "src");
-    const auto& context = required(ctx, "ctx").context;
+  return Guarded(__func__, [&] {
+    Required(src, "src");
+    const auto& context = Required(ctx, "ctx").context;
     auto handle = std::make_unique<lbm_src_t>();
     handle->source = std::make_shared<Source>(
-        context, engine::api::topicFor(*context, topic, engine::Scope::source),
-        Source::Callback{.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::queueOf(evq));
-    handle->source->start();
+        context, engine::api::TopicFor(*context, topic, engine::Scope::kSource),
+        Source::Callback{.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::QueueOf(evq));
+    handle->source->Start();
     *src = handle.release();
     return 0;
   });
 }
 
 int lbm_src_delete(lbm_src_t* src) {
-  return guarded(__func__, [&] {
-    const std::unique_ptr<lbm_src_t> handle(&required(src, "src"));
-    handle->source->stop();
+  return Guarded(__func__, [&] {
+    const std::unique_ptr<lbm_src_t> handle(&Required(src, "src"));
+    handle->source->Stop();
     return 0;
   });
 }
 
 int lbm_src_setopt(lbm_src_t* src, const char* optname, const void* optval, size_t optlen) {
-  return guarded(__func__, [&] {
-    LiveOptions options = optionsOf(src);
-    return engine::api::setOption(options, optname, optval, optlen);
+  return Guarded(__func__, [&] {
+    LiveOptions options = OptionsOf(src);
+    return engine::api::SetOption(options, optname, optval, optlen);
   });
 }
 
 int lbm_src_getopt(lbm_src_t* src, const char* optname, void* optval, size_t* optlen) {
-  return guarded(__func__, [&] { return engine::api::getOption(optionsOf(src), optname, optval, optlen); });
+  return Guarded(__func__, [&] { return engine::api::GetOption(OptionsOf(src), optname, optval, optlen); });
 }
 
 int lbm_src_str_setopt(lbm_src_t* src, const char* optname, const char* optval) {
-  return guarded(__func__, [&] {
-    LiveOptions options = optionsOf(src);
-    return engine::api::setTextOption(options, optname, optval);
+  return Guarded(__func__, [&] {
+    LiveOptions options = OptionsOf(src);
+    return engine::api::SetTextOption(options, optname, optval);
   });
 }
 
 int lbm_src_str_getopt(lbm_src_t* src, const char* optname, char* optval, size_t* optlen) {
-  return guarded(__func__, [&] { return engine::api::getTextOption(optionsOf(src), optname, optval, optlen); });
+  return Guarded(__func__, [&] { return engine::api::GetTextOption(OptionsOf(src), optname, optval, optlen); });
 }
 
 int lbm_src_send(lbm_src_t* src, const char* data, size_t len, int flags) {
-  return sendOne(__func__, src, data, len, flags, nullptr);
+  return SendOne(__func__, src, data, len, flags, nullptr);
 }
 
 int lbm_src_sendv(lbm_src_t* src, const struct iovec* iov, int num, int flags) {
-  return sendPieces(__func__, src, iov, num, flags, nullptr);
+  return SendPieces(__func__, src, iov, num, flags, nullptr);
 }
 
 int lbm_src_send_ex(lbm_src_t* src, const char* data, size_t len, int flags, const lbm_src_send_ex_info_t* info) {
-  return sendOne(__func__, src, data, len, flags, info);
+  return SendOne(__func__, src, data, len, flags, info);
 }
 
 int lbm_src_sendv_ex(lbm_src_t* src, const struct iovec* iov, int num, int flags, const lbm_src_send_ex_info_t* info) {
-  return sendPieces(__func__, src, iov, num, flags, info);
+  return SendPieces(__func__, src, iov, num, flags, info);
 }
 
 int lbm_send_request(lbm_request_t** req, lbm_src_t* src, const char* data, size_t len, lbm_request_cb_proc proc,
                      void* clientd, lbm_event_queue_t* evq, int flags) {
   constexpr const char* kFunction = "lbm_send_request";
-  return guarded(kFunction, [&] {
-    required(req, "req");
-    engine::api::requireNotNull(proc, "proc");
-    Source& source = *required(src, "src").source;
-    const iovec piece = engine::api::pieceOf(data, len);
+  return Guarded(kFunction, [&] {
+    Required(req, "req");
+    engine::api::RequireNotNull(proc, "proc");
+    Source& source = *Required(src, "src").source;
+    const iovec piece = engine::api::PieceOf(data, len);
     auto handle = std::make_unique<lbm_request_t>();
     handle->request = std::make_shared<Request>(
-        source.context(), source.topic().name,
-        Request::Callback{.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::queueOf(evq));
+        source.GetContext(), source.GetTopic().name,
+        Request::Callback{.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::QueueOf(evq));
     struct Withdraw {
       lbm_request_t& request;
       bool sent = false;
       ~Withdraw() {
         if (!sent) {
-          request.request->stop();
+          request.request->Stop();
         }
       }
     } withdraw{*handle};
-    handle->request->start();
-    const int result = engine::api::resultOf(
-        kFunction, source.send({.pieces = {&piece, 1}, .requestId = handle->request->id(), .channel = {}}, flags));
+    handle->request->Start();
+    const int result = engine::api::ResultOf(
+        kFunction, source.Send({.pieces = {&piece, 1}, .requestId = handle->request->Id(), .channel = {}}, flags));
     if (result == 0) {
       withdraw.sent = true;
       *req = handle.release();
@@ -152,9 +152,9 @@ int lbm_send_request(lbm_request_t** req, lbm_src_t* src, const char* data, size
 }
 
 int lbm_request_delete(lbm_request_t* req) {
-  return guarded(__func__, [&] {
-    const std::unique_ptr<lbm_request_t> handle(&required(req, "req"));
-    handle->request->stop();
+  return Guarded(__func__, [&] {
+    const std::unique_ptr<lbm_request_t> handle(&Required(req, "req"));
+    handle->request->Stop();
     return 0;
   });
 }

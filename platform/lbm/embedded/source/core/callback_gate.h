@@ -11,7 +11,7 @@ namespace engine::core {
 // Runs a function of the application's. It must not throw: nobody up the stack could handle it, so an exception ends
 // the process, as from any thread's function.
 template <class Callback>
-void callApplication(Callback&& callback) noexcept {
+void CallApplication(Callback&& callback) noexcept {
   callback();
 }
 
@@ -24,8 +24,8 @@ class Callee {
   virtual ~Callee() = default;
 
   // No callback begins after this; one that is running goes on.
-  void close() noexcept { m_closed.store(true); }
-  bool closed() const noexcept { return m_closed.load(); }
+  void Close() noexcept { m_closed.store(true); }
+  bool Closed() const noexcept { return m_closed.load(); }
 
  private:
   std::atomic<bool> m_closed{false};
@@ -53,22 +53,22 @@ class CallbackGate {
 
   // Runs the callback unless the callee is closed. Threads: inside a Scope.
   template <class Callback>
-  void call(const Callee& callee, Callback&& callback) {
+  void Call(const Callee& callee, Callback&& callback) {
     m_running.store(&callee);
-    if (!callee.closed() && !shut()) {
-      callApplication(callback);
+    if (!callee.Closed() && !Shut()) {
+      CallApplication(callback);
     }
     m_running.store(nullptr);
     if (m_waiters.load() != 0) {
-      wake();
+      Wake();
     }
   }
 
   // Closes the callee and returns when none of its callbacks runs here. On the dispatching thread itself it does not
   // wait: there the running callback, if any, is a caller of this.
-  void closeAndWait(Callee& callee) noexcept {
-    callee.close();
-    if (dispatching() || m_running.load() != &callee) {
+  void CloseAndWait(Callee& callee) noexcept {
+    callee.Close();
+    if (Dispatching() || m_running.load() != &callee) {
       return;
     }
     std::unique_lock lock(m_mutex);
@@ -78,14 +78,14 @@ class CallbackGate {
   }
 
   // No callback of anything begins here any more.
-  void shutDown() noexcept { m_shut.store(true); }
-  bool shut() const noexcept { return m_shut.load(); }
+  void ShutDown() noexcept { m_shut.store(true); }
+  bool Shut() const noexcept { return m_shut.load(); }
 
   // Whether the calling thread is the one that dispatches here.
-  bool dispatching() const noexcept { return m_thread.load() == std::this_thread::get_id(); }
+  bool Dispatching() const noexcept { return m_thread.load() == std::this_thread::get_id(); }
 
  private:
-  void wake() noexcept {
+  void Wake() noexcept {
     const std::lock_guard lock(m_mutex);
     m_idle.notify_all();
   }

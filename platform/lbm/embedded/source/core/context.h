@@ -32,77 +32,77 @@ namespace engine::core {
 class Context : public std::enable_shared_from_this<Context>, private transport::Listener, private Dispatcher::Work {
  public:
   // handle is what callbacks get. In embedded mode the context's thread runs when it returns.
-  static std::shared_ptr<Context> create(OptionSet options, std::unique_ptr<transport::Transport> transport,
+  static std::shared_ptr<Context> Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
                                          lbm_context_t* handle);
 
   // See lbm_context_delete. handle: kept until no callback can be using it.
-  void remove(std::shared_ptr<const void> handle);
-  bool deleted() const noexcept { return m_dispatcher.ended(); }
+  void Remove(std::shared_ptr<const void> handle);
+  bool Deleted() const noexcept { return m_dispatcher.Ended(); }
 
   // See lbm_context_process_events. Throws Error when the mode is not sequential.
-  void processEvents(lbm_ulong_t msec);
-  void unblock() { m_dispatcher.unblock(); }
+  void ProcessEvents(lbm_ulong_t msec);
+  void Unblock() { m_dispatcher.Unblock(); }
 
   // A repeated look-up of a name with equal options (of scope source or receiver) gives the same topic.
-  lbm_topic_t& topic(std::string_view name, const OptionSet& options);
+  lbm_topic_t& GetTopic(std::string_view name, const OptionSet& options);
 
   // Sets publication before anybody is told of its subscribers. source: whom to tell; null for nobody.
-  void advertise(const transport::PublicationInfo& info, const std::shared_ptr<Source>& source,
+  void Advertise(const transport::PublicationInfo& info, const std::shared_ptr<Source>& source,
                  std::shared_ptr<transport::Publication>& publication);
-  void withdraw(transport::Publication& publication);
+  void Withdraw(transport::Publication& publication);
 
-  void registerDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,
+  void RegisterDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,
                           const std::shared_ptr<EventQueue>& queue);
-  void cancelDescriptor(int fd, lbm_ulong_t events) { m_dispatcher.descriptors().cancel(fd, events); }
+  void CancelDescriptor(int fd, lbm_ulong_t events) { m_dispatcher.GetDescriptors().Cancel(fd, events); }
   // queue: where the notice is given; null for the dispatching thread.
-  void cancelDescriptorWithNotice(int fd, lbm_ulong_t events, lbm_event_queue_cancel_cb_proc proc, void* clientd,
+  void CancelDescriptorWithNotice(int fd, lbm_ulong_t events, lbm_event_queue_cancel_cb_proc proc, void* clientd,
                                   const std::shared_ptr<EventQueue>& queue);
 
   // Runs the task on the dispatching thread; never, when the context is deleted.
-  void post(Dispatcher::Task task) { m_dispatcher.post(std::move(task)); }
+  void Post(Dispatcher::Task task) { m_dispatcher.Post(std::move(task)); }
   // Threads: the dispatching one only.
-  void runAfter(std::chrono::milliseconds delay, Dispatcher::Task task);
+  void RunAfter(std::chrono::milliseconds delay, Dispatcher::Task task);
 
-  LiveOptions& options() noexcept { return m_options; }
-  transport::Transport& transport() noexcept { return *m_transport; }
-  CallbackGate& gate() noexcept { return m_dispatcher.gate(); }
-  RequestTable& requests() noexcept { return m_requests; }
+  LiveOptions& Options() noexcept { return m_options; }
+  transport::Transport& Transport() noexcept { return *m_transport; }
+  CallbackGate& Gate() noexcept { return m_dispatcher.Gate(); }
+  RequestTable& Requests() noexcept { return m_requests; }
   // Threads: the dispatching one only.
-  Directory& directory() noexcept { return m_directory; }
+  Directory& GetDirectory() noexcept { return m_directory; }
 
   // Unique among the context's sources.
-  std::uint32_t nextSourceId() noexcept { return ++m_lastSourceId; }
+  std::uint32_t NextSourceId() noexcept { return ++m_lastSourceId; }
   // Unique in the domain.
-  std::string sessionName(std::uint32_t sourceId) const;
+  std::string SessionName(std::uint32_t sourceId) const;
 
   // When what is being delivered now was taken in. Threads: the dispatching one only.
-  timespec arrivalTime();
+  timespec ArrivalTime();
 
  private:
   Context(OptionSet options, std::unique_ptr<transport::Transport> transport, lbm_context_t* handle);
 
-  void runThread();
-  void finish();
-  void runAt(const std::shared_ptr<EventQueue>& queue, Dispatcher::Task task);
-  void notifySource(transport::Publication& publication, int event, const std::string& text);
+  void RunThread();
+  void Finish();
+  void RunAt(const std::shared_ptr<EventQueue>& queue, Dispatcher::Task task);
+  void NotifySource(transport::Publication& publication, int event, const std::string& text);
 
   // Dispatcher::Work
-  int descriptor() const noexcept override { return m_transport->descriptor(); }
-  std::size_t drainMemory() override;
-  std::size_t drain() override;
-  bool arm() override { return m_transport->arm(); }
-  void disarm() noexcept override { m_transport->disarm(); }
-  std::chrono::microseconds spinTime() const override;
+  int GetDescriptor() const noexcept override { return m_transport->GetDescriptor(); }
+  std::size_t DrainMemory() override;
+  std::size_t Drain() override;
+  bool Arm() override { return m_transport->Arm(); }
+  void Disarm() noexcept override { m_transport->Disarm(); }
+  std::chrono::microseconds SpinTime() const override;
 
   // transport::Listener
-  void sourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;
-  void sourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
-  void message(transport::RemoteSource& source, transport::InboundMessage& message) override;
-  void loss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
-  void response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
-  void subscriberJoined(transport::Publication& publication, const std::string& contextName) override;
-  void subscriberLeft(transport::Publication& publication, const std::string& contextName) override;
-  void writable(transport::Publication& publication) override;
+  void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;
+  void OnSourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
+  void OnMessage(transport::RemoteSource& source, transport::InboundMessage& message) override;
+  void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
+  void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
+  void OnSubscriberJoined(transport::Publication& publication, const std::string& contextName) override;
+  void OnSubscriberLeft(transport::Publication& publication, const std::string& contextName) override;
+  void OnWritable(transport::Publication& publication) override;
 
   lbm_context_t* const m_handle;
   LiveOptions m_options;

@@ -26,7 +26,7 @@ constexpr std::array<EventName, 3> kEvents{{{LBM_FD_EVENT_READ, EPOLLIN | EPOLLH
                                             {LBM_FD_EVENT_EXCEPT, EPOLLPRI}}};
 constexpr lbm_ulong_t kAllEvents = LBM_FD_EVENT_READ | LBM_FD_EVENT_WRITE | LBM_FD_EVENT_EXCEPT;
 
-std::uint32_t epollEventsOf(lbm_ulong_t event) {
+std::uint32_t EpollEventsOf(lbm_ulong_t event) {
   for (const EventName& known : kEvents) {
     if (known.event == event) {
       return known.epoll;
@@ -35,7 +35,7 @@ std::uint32_t epollEventsOf(lbm_ulong_t event) {
   return 0;
 }
 
-void checkEvents(lbm_ulong_t events) {
+void CheckEvents(lbm_ulong_t events) {
   if (events == 0 || (events & ~kAllEvents) != 0) {
     throw Error(LBM_EINVAL, "the event mask " + std::to_string(events) + " is not a combination of LBM_FD_EVENT_...");
   }
@@ -48,15 +48,15 @@ class Descriptors::Registration : public Target {
   Registration(Descriptors& owner, int fd, lbm_ulong_t event, const DescriptorCallback& callback)
       : Target(owner.m_gate, callback.queue), m_owner(owner), m_fd(fd), m_event(event), m_callback(callback) {}
 
-  void run(Event&) override {
+  void Run(Event&) override {
     m_callback.proc(m_callback.context, m_fd, m_event, m_callback.clientd);
-    if (queue() != nullptr) {
-      m_owner.rearm(*this);
+    if (Queue() != nullptr) {
+      m_owner.Rearm(*this);
     }
   }
 
-  int fd() const noexcept { return m_fd; }
-  lbm_ulong_t event() const noexcept { return m_event; }
+  int Fd() const noexcept { return m_fd; }
+  lbm_ulong_t GetEvent() const noexcept { return m_event; }
 
   // Guarded by the owner's mutex. Not armed: a callback is queued and the descriptor is left alone until it has run.
   bool armed = true;
@@ -68,16 +68,16 @@ class Descriptors::Registration : public Target {
   const DescriptorCallback m_callback;
 };
 
-bool Descriptors::watch(int fd, Watched& watched) noexcept {
+bool Descriptors::Watch(int fd, Watched& watched) noexcept {
   epoll_event wanted{};
   wanted.data.fd = fd;
   for (const auto& registration : watched.registrations) {
     if (registration->armed) {
-      wanted.events |= epollEventsOf(registration->event());
+      wanted.events |= EpollEventsOf(registration->GetEvent());
     }
   }
   if (wanted.events == 0) {
-    ignore(fd, watched);
+    Ignore(fd, watched);
     return true;
   }
   if (::epoll_ctl(m_epoll, watched.inEpoll ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &wanted) == -1) {
@@ -88,21 +88,21 @@ bool Descriptors::watch(int fd, Watched& watched) noexcept {
 }
 
 // An empty mask would not do: epoll reports errors and hang-ups whatever the mask.
-void Descriptors::ignore(int fd, Watched& watched) noexcept {
+void Descriptors::Ignore(int fd, Watched& watched) noexcept {
   if (std::exchange(watched.inEpoll, false)) {
     static_cast<void>(::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr));
   }
 }
 
-void Descriptors::add(int fd, lbm_ulong_t events, const DescriptorCallback& callback) {
-  checkEvents(events);
+void Descriptors::Add(int fd, lbm_ulong_t events, const DescriptorCallback& callback) {
+  CheckEvents(events);
   const std::lock_guard lock(m_mutex);
   const auto found = m_watched.find(fd);
   Watched watched = found != m_watched.end() ? found->second : Watched{};
   for (const auto& registration : watched.registrations) {
-    if ((registration->event() & events) != 0) {
+    if ((registration->GetEvent() & events) != 0) {
       throw Error(LBM_EINVAL, "descriptor " + std::to_string(fd) + " is registered for event " +
-                                  std::to_string(registration->event()) + " already; cancel that first");
+                                  std::to_string(registration->GetEvent()) + " already; cancel that first");
     }
   }
   std::size_t added = 0;
@@ -112,25 +112,25 @@ void Descriptors::add(int fd, lbm_ulong_t events, const DescriptorCallback& call
       ++added;
     }
   }
-  if (!watch(fd, watched)) {
+  if (!Watch(fd, watched)) {
     throw std::system_error(errno, std::system_category(), "cannot watch descriptor " + std::to_string(fd));
   }
   m_watched[fd] = std::move(watched);
   m_count += added;
 }
 
-Descriptors::Registrations Descriptors::take(int fd, lbm_ulong_t events) {
-  checkEvents(events);
+Descriptors::Registrations Descriptors::Take(int fd, lbm_ulong_t events) {
+  CheckEvents(events);
   Registrations taken;
   const std::lock_guard lock(m_mutex);
   const auto found = m_watched.find(fd);
   if (found != m_watched.end()) {
     Registrations& registrations = found->second.registrations;
     const auto kept = std::stable_partition(registrations.begin(), registrations.end(),
-                                            [&](const auto& one) { return (one->event() & events) == 0; });
+                                            [&](const auto& one) { return (one->GetEvent() & events) == 0; });
     taken.assign(kept, registrations.end());
     registrations.erase(kept, registrations.end());
-    watch(fd, found->second);
+    Watch(fd, found->second);
     if (registrations.empty()) {
       m_watched.erase(found);
     }
@@ -143,22 +143,22 @@ Descriptors::Registrations Descriptors::take(int fd, lbm_ulong_t events) {
   return taken;
 }
 
-void Descriptors::cancel(int fd, lbm_ulong_t events) {
-  for (const auto& registration : take(fd, events)) {
-    registration->closeAndWait();
+void Descriptors::Cancel(int fd, lbm_ulong_t events) {
+  for (const auto& registration : Take(fd, events)) {
+    registration->CloseAndWait();
   }
 }
 
-std::vector<std::shared_ptr<EventQueue>> Descriptors::cancelWithoutWaiting(int fd, lbm_ulong_t events) {
+std::vector<std::shared_ptr<EventQueue>> Descriptors::CancelWithoutWaiting(int fd, lbm_ulong_t events) {
   std::vector<std::shared_ptr<EventQueue>> queues;
-  for (const auto& registration : take(fd, events)) {
-    registration->close();
-    queues.push_back(registration->queue());
+  for (const auto& registration : Take(fd, events)) {
+    registration->Close();
+    queues.push_back(registration->Queue());
   }
   return queues;
 }
 
-std::size_t Descriptors::ready(int fd, std::uint32_t epollEvents) {
+std::size_t Descriptors::Ready(int fd, std::uint32_t epollEvents) {
   Registrations due;
   {
     bool disarmed = false;
@@ -168,48 +168,48 @@ std::size_t Descriptors::ready(int fd, std::uint32_t epollEvents) {
       return 0;
     }
     for (const auto& registration : found->second.registrations) {
-      if (registration->armed && (epollEventsOf(registration->event()) & epollEvents) != 0) {
+      if (registration->armed && (EpollEventsOf(registration->GetEvent()) & epollEvents) != 0) {
         due.push_back(registration);
-        if (registration->queue() != nullptr) {
+        if (registration->Queue() != nullptr) {
           registration->armed = false;
           disarmed = true;
         }
       }
     }
     if (disarmed) {
-      watch(fd, found->second);
+      Watch(fd, found->second);
     } else if (due.empty() && (epollEvents & (EPOLLHUP | EPOLLERR)) != 0) {
-      ignore(fd, found->second);  // nobody is there for it, and it would be reported without end
+      Ignore(fd, found->second);  // nobody is there for it, and it would be reported without end
     }
   }
   for (const auto& registration : due) {
-    registration->dispatch({});
+    registration->Dispatch({});
   }
   return due.size();
 }
 
-void Descriptors::rearm(Registration& registration) {
+void Descriptors::Rearm(Registration& registration) {
   const std::lock_guard lock(m_mutex);
-  const auto found = m_watched.find(registration.fd());
-  if (found != m_watched.end() && !registration.closed()) {
+  const auto found = m_watched.find(registration.Fd());
+  if (found != m_watched.end() && !registration.Closed()) {
     registration.armed = true;
-    watch(registration.fd(), found->second);
+    Watch(registration.Fd(), found->second);
   }
 }
 
-void Descriptors::clear() {
+void Descriptors::Clear() {
   std::map<int, Watched> ended;
   {
     const std::lock_guard lock(m_mutex);
     ended.swap(m_watched);
     m_count = 0;
     for (auto& [fd, watched] : ended) {
-      ignore(fd, watched);
+      Ignore(fd, watched);
     }
   }
   for (const auto& [fd, watched] : ended) {
     for (const auto& registration : watched.registrations) {
-      registration->closeAndWait();
+      registration->CloseAndWait();
     }
   }
 }

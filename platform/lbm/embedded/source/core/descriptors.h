@@ -32,23 +32,23 @@ class Descriptors {
   Descriptors(int epoll, CallbackGate& gate) noexcept : m_epoll(epoll), m_gate(gate) {}
 
   // events: a mask of LBM_FD_EVENT_... Throws Error when the descriptor is registered for one of them already.
-  void add(int fd, lbm_ulong_t events, const DescriptorCallback& callback);
+  void Add(int fd, lbm_ulong_t events, const DescriptorCallback& callback);
 
   // Ends the registrations for the events. No callback of them runs after it has returned, but the one that it is
   // called from. Throws Error when there is none.
-  void cancel(int fd, lbm_ulong_t events);
+  void Cancel(int fd, lbm_ulong_t events);
 
   // The same without waiting. Returns the queues whose threads may be inside a callback of the ended registrations,
   // null for the context's own thread.
-  std::vector<std::shared_ptr<EventQueue>> cancelWithoutWaiting(int fd, lbm_ulong_t events);
+  std::vector<std::shared_ptr<EventQueue>> CancelWithoutWaiting(int fd, lbm_ulong_t events);
 
   // Makes the callbacks for what epoll said of the descriptor, and returns how many. Threads: the dispatching one only.
-  std::size_t ready(int fd, std::uint32_t epollEvents);
+  std::size_t Ready(int fd, std::uint32_t epollEvents);
 
-  bool empty() const noexcept { return m_count.load(std::memory_order_relaxed) == 0; }
+  bool Empty() const noexcept { return m_count.load(std::memory_order_relaxed) == 0; }
 
   // Ends all registrations and returns when no callback of them runs.
-  void clear();
+  void Clear();
 
  private:
   class Registration;
@@ -59,12 +59,12 @@ class Descriptors {
     bool inEpoll = false;
   };
 
-  void rearm(Registration& registration);
+  void Rearm(Registration& registration);
   // Lets epoll report what the armed registrations want. False, with errno, when it cannot: the descriptor is none that
   // can be watched, or the application closed it.
-  bool watch(int fd, Watched& watched) noexcept;
-  void ignore(int fd, Watched& watched) noexcept;
-  Registrations take(int fd, lbm_ulong_t events);
+  bool Watch(int fd, Watched& watched) noexcept;
+  void Ignore(int fd, Watched& watched) noexcept;
+  Registrations Take(int fd, lbm_ulong_t events);
 
   const int m_epoll;
   CallbackGate& m_gate;

@@ -8,9 +8,9 @@
 
 namespace engine::core {
 
-Directory::TopicEntry& Directory::entryOf(const std::string& topic) { return m_topics[topic]; }
+Directory::TopicEntry& Directory::EntryOf(const std::string& topic) { return m_topics[topic]; }
 
-void Directory::forgetIfEmpty(const std::string& topic) {
+void Directory::ForgetIfEmpty(const std::string& topic) {
   const auto found = m_topics.find(topic);
   if (found != m_topics.end() && found->second.receivers.empty() && found->second.streams.empty() &&
       found->second.notifying.empty()) {
@@ -18,30 +18,30 @@ void Directory::forgetIfEmpty(const std::string& topic) {
   }
 }
 
-void Directory::addReceiver(const std::shared_ptr<Receiver>& receiver) {
-  if (receiver->closed()) {
+void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
+  if (receiver->Closed()) {
     return;
   }
-  const Topic& topic = receiver->topic();
-  TopicEntry& entry = entryOf(topic.name);
+  const Topic& topic = receiver->GetTopic();
+  TopicEntry& entry = EntryOf(topic.name);
   entry.receivers.push_back(receiver);
-  const bool notifies = topic.options->get(option::receiverSourceNotification).create_func != nullptr;
+  const bool notifies = topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr;
   if (notifies && std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
     entry.notifying.push_back(&topic);
     for (const auto& stream : entry.streams) {
-      notifyCreate(*stream, topic);
+      NotifyCreate(*stream, topic);
     }
   }
   for (const auto& stream : entry.streams) {
-    addLeg(*stream, receiver);
+    AddLeg(*stream, receiver);
   }
   if (entry.streams.empty()) {
-    watchForSources(receiver);
+    WatchForSources(receiver);
   }
 }
 
-void Directory::removeReceiver(const Receiver& receiver) {
-  const auto found = m_topics.find(receiver.topic().name);
+void Directory::RemoveReceiver(const Receiver& receiver) {
+  const auto found = m_topics.find(receiver.GetTopic().name);
   if (found == m_topics.end()) {
     return;
   }
@@ -51,126 +51,126 @@ void Directory::removeReceiver(const Receiver& receiver) {
     const std::size_t erased =
         std::erase_if(stream->legs, [&](const Leg& leg) { return leg.receiver.get() == &receiver; });
     if (erased != 0 && stream->legs.empty()) {
-      m_context.transport().unsubscribe(*stream->source);
+      m_context.Transport().Unsubscribe(*stream->source);
     }
   }
-  forgetIfEmpty(receiver.topic().name);
+  ForgetIfEmpty(receiver.GetTopic().name);
 }
 
-void Directory::addLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver) {
+void Directory::AddLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver) {
   Leg leg{.receiver = receiver};
   for (const Notified& notified : stream.notified) {
-    if (notified.topic == &receiver->topic()) {
+    if (notified.topic == &receiver->GetTopic()) {
       leg.sourceClientd = notified.sourceClientd;
     }
   }
   stream.legs.push_back(std::move(leg));
   if (stream.legs.size() == 1) {
-    m_context.transport().subscribe(*stream.source);
+    m_context.Transport().Subscribe(*stream.source);
   }
 }
 
-void Directory::watchForSources(const std::shared_ptr<Receiver>& receiver) {
-  const auto delay = receiver->topic().options->get(option::noSourceNotificationDelay);
+void Directory::WatchForSources(const std::shared_ptr<Receiver>& receiver) {
+  const auto delay = receiver->GetTopic().options->Get(option::kNoSourceNotificationDelay);
   if (delay.count() == 0) {
     return;
   }
-  m_context.runAfter(delay, [this, weak = std::weak_ptr(receiver)] {
+  m_context.RunAfter(delay, [this, weak = std::weak_ptr(receiver)] {
     const auto waiting = weak.lock();
-    if (waiting == nullptr || waiting->closed()) {
+    if (waiting == nullptr || waiting->Closed()) {
       return;
     }
-    const std::string& topic = waiting->topic().name;
-    if (entryOf(topic).streams.empty()) {
+    const std::string& topic = waiting->GetTopic().name;
+    if (EntryOf(topic).streams.empty()) {
       const auto nobody = std::make_shared<transport::RemoteSource>(topic, "");
-      waiting->deliver(blank(LBM_MSG_NO_SOURCE_NOTIFICATION, nobody, 0));
+      waiting->Deliver(Blank(LBM_MSG_NO_SOURCE_NOTIFICATION, nobody, 0));
     }
   });
 }
 
-void Directory::sourceUp(const std::shared_ptr<transport::RemoteSource>& source) {
-  TopicEntry& entry = entryOf(source->topic());
+void Directory::OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) {
+  TopicEntry& entry = EntryOf(source->GetTopic());
   Stream& stream = *entry.streams.emplace_back(std::make_unique<Stream>());
   stream.source = source;
   stream.entry = &entry;
   source->listenerData = &stream;
   for (const Topic* topic : entry.notifying) {
-    notifyCreate(stream, *topic);
+    NotifyCreate(stream, *topic);
   }
   for (const auto& receiver : entry.receivers) {
-    addLeg(stream, receiver);
+    AddLeg(stream, receiver);
   }
 }
 
-void Directory::sourceDown(transport::RemoteSource& source) {
-  Stream* stream = streamOf(source);
+void Directory::OnSourceDown(transport::RemoteSource& source) {
+  Stream* stream = StreamOf(source);
   if (stream == nullptr) {
     return;
   }
   for (Leg& leg : stream->legs) {
     if (leg.begun) {
-      deliverEvent(*stream, leg, LBM_MSG_EOS, 0);
+      DeliverEvent(*stream, leg, LBM_MSG_EOS, 0);
     }
   }
-  notifyDelete(*stream);
+  NotifyDelete(*stream);
   source.listenerData = nullptr;
-  const std::string topic = source.topic();
+  const std::string topic = source.GetTopic();
   std::erase_if(stream->entry->streams, [&](const auto& one) { return one.get() == stream; });
-  forgetIfEmpty(topic);
+  ForgetIfEmpty(topic);
 }
 
-void Directory::notifyCreate(Stream& stream, const Topic& topic) {
-  if (m_context.deleted()) {
+void Directory::NotifyCreate(Stream& stream, const Topic& topic) {
+  if (m_context.Deleted()) {
     return;
   }
-  const lbm_rcv_src_notification_func_t function = topic.options->get(option::receiverSourceNotification);
+  const lbm_rcv_src_notification_func_t function = topic.options->Get(option::kReceiverSourceNotification);
   void* clientd = nullptr;
-  callApplication([&] { clientd = function.create_func(stream.source->session().c_str(), function.clientd); });
+  CallApplication([&] { clientd = function.create_func(stream.source->Session().c_str(), function.clientd); });
   stream.notified.push_back({&topic, clientd});
   for (Leg& leg : stream.legs) {
-    if (&leg.receiver->topic() == &topic) {
+    if (&leg.receiver->GetTopic() == &topic) {
       leg.sourceClientd = clientd;
     }
   }
 }
 
-void Directory::notifyDelete(Stream& stream) {
+void Directory::NotifyDelete(Stream& stream) {
   for (const Notified& notified : stream.notified) {
-    const lbm_rcv_src_notification_func_t function = notified.topic->options->get(option::receiverSourceNotification);
+    const lbm_rcv_src_notification_func_t function = notified.topic->options->Get(option::kReceiverSourceNotification);
     if (function.delete_func != nullptr) {
-      callApplication(
-          [&] { function.delete_func(stream.source->session().c_str(), function.clientd, notified.sourceClientd); });
+      CallApplication(
+          [&] { function.delete_func(stream.source->Session().c_str(), function.clientd, notified.sourceClientd); });
     }
   }
 }
 
-MessageRef Directory::blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence) {
-  MessageRef message = m_pool->acquire();
+MessageRef Directory::Blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence) {
+  MessageRef message = m_pool->Acquire();
   message->type = type;
   message->sequence_number = sequence;
-  message->timestamp = m_context.arrivalTime();
-  message->setSource(origin);
+  message->timestamp = m_context.ArrivalTime();
+  message->SetSource(origin);
   return message;
 }
 
-void Directory::deliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count) {
-  MessageRef message = blank(type, stream.source, sequence);
+void Directory::DeliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count) {
+  MessageRef message = Blank(type, stream.source, sequence);
   message->len = count;
   message->source_clientd = leg.sourceClientd;
-  leg.receiver->deliver(message);
-  m_pool->recycle(std::move(message));
+  leg.receiver->Deliver(message);
+  m_pool->Recycle(std::move(message));
 }
 
-void Directory::deliver(Stream& stream, Leg& leg, MessageRef& message) {
+void Directory::Deliver(Stream& stream, Leg& leg, MessageRef& message) {
   if (!leg.begun) {
     leg.begun = true;
-    deliverEvent(stream, leg, LBM_MSG_BOS, message->sequence_number);
+    DeliverEvent(stream, leg, LBM_MSG_BOS, message->sequence_number);
   }
-  leg.receiver->deliver(message);
+  leg.receiver->Deliver(message);
 }
 
-void Directory::message(transport::RemoteSource& source, transport::InboundMessage& inbound) {
-  Stream* stream = streamOf(source);
+void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound) {
+  Stream* stream = StreamOf(source);
   if (stream == nullptr) {
     return;
   }
@@ -180,52 +180,52 @@ void Directory::message(transport::RemoteSource& source, transport::InboundMessa
     // source notification, or a response that each of them may take over.
     if (!message || inbound.replyPath != nullptr || message->source_clientd != leg.sourceClientd) {
       if (message) {
-        m_pool->recycle(std::move(message));
+        m_pool->Recycle(std::move(message));
       }
-      message = blank(inbound.replyPath != nullptr ? LBM_MSG_REQUEST : LBM_MSG_DATA, stream->source, inbound.sequence);
-      message->setPayload(inbound.payload);
+      message = Blank(inbound.replyPath != nullptr ? LBM_MSG_REQUEST : LBM_MSG_DATA, stream->source, inbound.sequence);
+      message->SetPayload(inbound.payload);
       message->source_clientd = leg.sourceClientd;
       if (inbound.channel) {
-        message->setChannel(*inbound.channel);
+        message->SetChannel(*inbound.channel);
       }
       if (inbound.replyPath != nullptr) {
-        message->setResponse(Response(m_context.shared_from_this(), inbound.replyPath));
+        message->SetResponse(Response(m_context.shared_from_this(), inbound.replyPath));
       }
     }
-    deliver(*stream, leg, message);
+    Deliver(*stream, leg, message);
   }
   if (message) {
-    m_pool->recycle(std::move(message));
+    m_pool->Recycle(std::move(message));
   }
 }
 
-void Directory::loss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) {
-  Stream* stream = streamOf(source);
+void Directory::OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) {
+  Stream* stream = StreamOf(source);
   if (stream == nullptr) {
     return;
   }
   for (Leg& leg : stream->legs) {
     if (!leg.begun) {
       leg.begun = true;
-      deliverEvent(*stream, leg, LBM_MSG_BOS, first);
+      DeliverEvent(*stream, leg, LBM_MSG_BOS, first);
     }
-    if (count > leg.receiver->lossBurstThreshold()) {
-      deliverEvent(*stream, leg, LBM_MSG_UNRECOVERABLE_LOSS_BURST, first, count);
+    if (count > leg.receiver->LossBurstThreshold()) {
+      DeliverEvent(*stream, leg, LBM_MSG_UNRECOVERABLE_LOSS_BURST, first, count);
     } else {
       for (std::uint32_t lost = 0; lost < count; ++lost) {
-        deliverEvent(*stream, leg, LBM_MSG_UNRECOVERABLE_LOSS, first + lost);
+        DeliverEvent(*stream, leg, LBM_MSG_UNRECOVERABLE_LOSS, first + lost);
       }
     }
   }
 }
 
-void Directory::clear() {
+void Directory::Clear() {
   for (auto& [name, entry] : m_topics) {
     for (const auto& receiver : entry.receivers) {
-      receiver->closeAndWait();
+      receiver->CloseAndWait();
     }
     for (const auto& stream : entry.streams) {
-      notifyDelete(*stream);
+      NotifyDelete(*stream);
       stream->source->listenerData = nullptr;
     }
   }

@@ -22,25 +22,25 @@ class Context;
 // Threads: the context's dispatching one only, so it needs no lock; other threads post tasks to it.
 class Directory {
  public:
-  explicit Directory(Context& context) : m_context(context), m_pool(MessagePool::create()) {}
+  explicit Directory(Context& context) : m_context(context), m_pool(MessagePool::Create()) {}
 
-  void addReceiver(const std::shared_ptr<Receiver>& receiver);
-  void removeReceiver(const Receiver& receiver);
+  void AddReceiver(const std::shared_ptr<Receiver>& receiver);
+  void RemoveReceiver(const Receiver& receiver);
 
   // See transport::Listener.
-  void sourceUp(const std::shared_ptr<transport::RemoteSource>& source);
-  void sourceDown(transport::RemoteSource& source);
-  void message(transport::RemoteSource& source, transport::InboundMessage& inbound);
-  void loss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count);
+  void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source);
+  void OnSourceDown(transport::RemoteSource& source);
+  void OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound);
+  void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count);
 
   // A blank message of the type and origin.
-  MessageRef blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence);
+  MessageRef Blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence);
 
-  MessagePool& pool() noexcept { return *m_pool; }
+  MessagePool& Pool() noexcept { return *m_pool; }
 
   // Closes all receivers and returns when no callback of them runs; the source notifications that are due by then are
   // given.
-  void clear();
+  void Clear();
 
  private:
   struct TopicEntry;
@@ -72,16 +72,16 @@ class Directory {
     std::vector<const Topic*> notifying;  // topics of receivers, past ones too, that want source notifications
   };
 
-  static Stream* streamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }
+  static Stream* StreamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }
 
-  TopicEntry& entryOf(const std::string& topic);
-  void forgetIfEmpty(const std::string& topic);
-  void addLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver);
-  void notifyCreate(Stream& stream, const Topic& topic);
-  void notifyDelete(Stream& stream);
-  void watchForSources(const std::shared_ptr<Receiver>& receiver);
-  void deliver(Stream& stream, Leg& leg, MessageRef& message);
-  void deliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count = 0);
+  TopicEntry& EntryOf(const std::string& topic);
+  void ForgetIfEmpty(const std::string& topic);
+  void AddLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver);
+  void NotifyCreate(Stream& stream, const Topic& topic);
+  void NotifyDelete(Stream& stream);
+  void WatchForSources(const std::shared_ptr<Receiver>& receiver);
+  void Deliver(Stream& stream, Leg& leg, MessageRef& message);
+  void DeliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count = 0);
 
   Context& m_context;
   MessagePool::Owner m_pool;

@@ -19,14 +19,14 @@ namespace engine::core {
 
 namespace {
 
-Descriptor checked(int fd, const char* what) {
+Descriptor Checked(int fd, const char* what) {
   if (fd == -1) {
     throw std::system_error(errno, std::system_category(), what);
   }
   return Descriptor(fd);
 }
 
-void watchForInput(int epoll, int fd) {
+void WatchForInput(int epoll, int fd) {
   epoll_event wanted{};
   wanted.events = EPOLLIN;
   wanted.data.fd = fd;
@@ -36,7 +36,7 @@ void watchForInput(int epoll, int fd) {
 }
 
 // What is ready, of at most as many as there is room for; nothing when the time has passed or a signal came.
-std::span<const epoll_event> poll(int epoll, std::span<epoll_event> events, int timeoutMs) {
+std::span<const epoll_event> Poll(int epoll, std::span<epoll_event> events, int timeoutMs) {
   const int count = ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), timeoutMs);
   if (count == -1 && errno != EINTR) {
     throw std::system_error(errno, std::system_category(), "cannot wait for events");
@@ -47,21 +47,21 @@ std::span<const epoll_event> poll(int epoll, std::span<epoll_event> events, int 
 }  // namespace
 
 Dispatcher::Dispatcher()
-    : m_epoll(checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create an epoll descriptor")),
-      m_wake(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "cannot create an event descriptor")),
-      m_descriptors(m_epoll.get(), m_gate) {
-  watchForInput(m_epoll.get(), m_wake.get());
+    : m_epoll(Checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create an epoll descriptor")),
+      m_wake(Checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "cannot create an event descriptor")),
+      m_descriptors(m_epoll.Get(), m_gate) {
+  WatchForInput(m_epoll.Get(), m_wake.Get());
 }
 
-void Dispatcher::setWork(Work& work) {
+void Dispatcher::SetWork(Work& work) {
   m_work = &work;
-  watchForInput(m_epoll.get(), work.descriptor());
+  WatchForInput(m_epoll.Get(), work.GetDescriptor());
 }
 
-void Dispatcher::process(lbm_ulong_t msec) {
+void Dispatcher::Process(lbm_ulong_t msec) {
   {
     const std::lock_guard lock(m_occupancyMutex);
-    if (ended()) {
+    if (Ended()) {
       throw Error(LBM_EOP, "the context is deleted");
     }
     if (std::exchange(m_occupied, true)) {
@@ -70,23 +70,23 @@ void Dispatcher::process(lbm_ulong_t msec) {
   }
   struct Leave {
     Dispatcher& dispatcher;
-    ~Leave() { dispatcher.leave(); }
+    ~Leave() { dispatcher.Leave(); }
   } const leave{*this};
   const CallbackGate::Scope scope(m_gate);
   struct RunLast {
     Dispatcher& dispatcher;
-    ~RunLast() { dispatcher.runLast(); }
+    ~RunLast() { dispatcher.RunLast(); }
   } const last{*this};
 
   std::optional<Clock::time_point> deadline;
   std::optional<Clock::time_point> spinDeadline;
   while (true) {
-    const std::size_t done = runWithoutSystemCalls();
+    const std::size_t done = RunWithoutSystemCalls();
     const bool unblocked = m_unblocked.load(std::memory_order_relaxed) && m_unblocked.exchange(false);
-    const bool stop = done != 0 || unblocked || ended();
+    const bool stop = done != 0 || unblocked || Ended();
     if (stop || msec == 0) {
-      if (!m_descriptors.empty() || lookIsDue()) {
-        look(0);
+      if (!m_descriptors.Empty() || LookIsDue()) {
+        Look(0);
       }
       return;
     }
@@ -95,25 +95,25 @@ void Dispatcher::process(lbm_ulong_t msec) {
       // Far enough for any purpose, near enough for the clock's arithmetic.
       constexpr lbm_ulong_t kLongest = 1000UL * 60 * 60 * 24 * 365;
       deadline = now + std::chrono::milliseconds(std::min(msec, kLongest));
-      spinDeadline = std::min(*deadline, now + m_work->spinTime());
+      spinDeadline = std::min(*deadline, now + m_work->SpinTime());
     }
     if (now < *spinDeadline) {
-      if ((!m_descriptors.empty() || lookIsDue()) && look(0) != 0) {
+      if ((!m_descriptors.Empty() || LookIsDue()) && Look(0) != 0) {
         return;
       }
-      pauseProcessor();
+      PauseProcessor();
       continue;
     }
-    const int timeoutMs = remainingMs(*deadline);
-    if (waitAndLook(timeoutMs) != 0 || ended() || timeoutMs == 0) {
+    const int timeoutMs = RemainingMs(*deadline);
+    if (WaitAndLook(timeoutMs) != 0 || Ended() || timeoutMs == 0) {
       return;
     }
   }
 }
 
-std::size_t Dispatcher::runWithoutSystemCalls() { return runTasks() + runTimers() + m_work->drainMemory(); }
+std::size_t Dispatcher::RunWithoutSystemCalls() { return RunTasks() + RunTimers() + m_work->DrainMemory(); }
 
-bool Dispatcher::lookIsDue() {
+bool Dispatcher::LookIsDue() {
   const Clock::time_point now = Clock::now();
   if (now < m_nextLook) {
     return false;
@@ -122,16 +122,16 @@ bool Dispatcher::lookIsDue() {
   return true;
 }
 
-void Dispatcher::runLast() {
+void Dispatcher::RunLast() {
   if (m_last) {
     const Task last = std::move(m_last);
     last();
-    forget();
+    Forget();
   }
 }
 
 // Tasks and timers may own what owns this dispatcher: they must not wait for its end.
-void Dispatcher::forget() {
+void Dispatcher::Forget() {
   std::vector<Task> tasks;
   {
     const std::lock_guard lock(m_tasksMutex);
@@ -140,7 +140,7 @@ void Dispatcher::forget() {
   m_timers.clear();
 }
 
-void Dispatcher::leave() {
+void Dispatcher::Leave() {
   {
     const std::lock_guard lock(m_occupancyMutex);
     m_occupied = false;
@@ -148,33 +148,33 @@ void Dispatcher::leave() {
   m_vacant.notify_all();
 }
 
-void Dispatcher::unblock() {
+void Dispatcher::Unblock() {
   m_unblocked.store(true);
-  wake();
+  Wake();
 }
 
-void Dispatcher::wake() noexcept {
+void Dispatcher::Wake() noexcept {
   const std::uint64_t one = 1;
   // Fails only when the counter is full: then the descriptor is readable anyhow.
-  static_cast<void>(::write(m_wake.get(), &one, sizeof(one)));
+  static_cast<void>(::write(m_wake.Get(), &one, sizeof(one)));
 }
 
-void Dispatcher::post(Task task) {
+void Dispatcher::Post(Task task) {
   {
     const std::lock_guard lock(m_tasksMutex);
-    if (ended()) {
+    if (Ended()) {
       return;
     }
     m_tasks.push_back(std::move(task));
   }
   if (!m_tasksPosted.exchange(true)) {
-    wake();
+    Wake();
   }
 }
 
-void Dispatcher::runAt(Clock::time_point time, Task task) { m_timers.emplace(time, std::move(task)); }
+void Dispatcher::RunAt(Clock::time_point time, Task task) { m_timers.emplace(time, std::move(task)); }
 
-std::size_t Dispatcher::runTasks() {
+std::size_t Dispatcher::RunTasks() {
   if (!m_tasksPosted.load(std::memory_order_relaxed) || !m_tasksPosted.exchange(false)) {
     return 0;
   }
@@ -184,7 +184,7 @@ std::size_t Dispatcher::runTasks() {
     tasks.swap(m_tasks);
   }
   for (const Task& task : tasks) {
-    if (ended()) {
+    if (Ended()) {
       break;
     }
     task();
@@ -192,7 +192,7 @@ std::size_t Dispatcher::runTasks() {
   return tasks.size();
 }
 
-std::size_t Dispatcher::runTimers() {
+std::size_t Dispatcher::RunTimers() {
   if (m_timers.empty()) {
     return 0;
   }
@@ -204,21 +204,21 @@ std::size_t Dispatcher::runTimers() {
   return done;
 }
 
-int Dispatcher::remainingMs(Clock::time_point deadline) const {
+int Dispatcher::RemainingMs(Clock::time_point deadline) const {
   const Clock::time_point first = m_timers.empty() ? deadline : std::min(deadline, m_timers.begin()->first);
   const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(first - Clock::now()).count();
   return static_cast<int>(std::clamp<std::int64_t>(remaining, 0, INT_MAX));
 }
 
 // Looks at what takes a system call to look at.
-std::size_t Dispatcher::look(int timeoutMs) {
+std::size_t Dispatcher::Look(int timeoutMs) {
   std::array<epoll_event, 32> events;
-  return handleEvents(poll(m_epoll.get(), events, timeoutMs));
+  return HandleEvents(Poll(m_epoll.Get(), events, timeoutMs));
 }
 
 // The same, waiting until something arrives in memory, too.
-std::size_t Dispatcher::waitAndLook(int timeoutMs) {
-  if (!m_work->arm()) {
+std::size_t Dispatcher::WaitAndLook(int timeoutMs) {
+  if (!m_work->Arm()) {
     return 0;
   }
   std::array<epoll_event, 32> events;
@@ -226,42 +226,42 @@ std::size_t Dispatcher::waitAndLook(int timeoutMs) {
   {
     struct Disarm {
       Work& work;
-      ~Disarm() { work.disarm(); }
+      ~Disarm() { work.Disarm(); }
     } const disarm{*m_work};
-    ready = poll(m_epoll.get(), events, timeoutMs);
+    ready = Poll(m_epoll.Get(), events, timeoutMs);
   }
-  return handleEvents(ready);
+  return HandleEvents(ready);
 }
 
-std::size_t Dispatcher::handleEvents(std::span<const epoll_event> events) {
+std::size_t Dispatcher::HandleEvents(std::span<const epoll_event> events) {
   std::size_t done = 0;
   for (const epoll_event& event : events) {
-    if (event.data.fd == m_wake.get()) {
+    if (event.data.fd == m_wake.Get()) {
       std::uint64_t ignored = 0;
-      static_cast<void>(::read(m_wake.get(), &ignored, sizeof(ignored)));
-    } else if (event.data.fd == m_work->descriptor()) {
-      done += m_work->drain();
+      static_cast<void>(::read(m_wake.Get(), &ignored, sizeof(ignored)));
+    } else if (event.data.fd == m_work->GetDescriptor()) {
+      done += m_work->Drain();
     } else {
-      done += m_descriptors.ready(event.data.fd, event.events);
+      done += m_descriptors.Ready(event.data.fd, event.events);
     }
   }
   return done;
 }
 
-void Dispatcher::end(Task last) {
-  if (m_gate.dispatching()) {
-    m_gate.shutDown();
+void Dispatcher::End(Task last) {
+  if (m_gate.Dispatching()) {
+    m_gate.ShutDown();
     m_last = std::move(last);
     return;
   }
   std::unique_lock lock(m_occupancyMutex);
-  m_gate.shutDown();
-  wake();
+  m_gate.ShutDown();
+  Wake();
   m_vacant.wait(lock, [this] { return !m_occupied; });
   m_occupied = true;
   lock.unlock();
   last();
-  forget();
+  Forget();
 }
 
 }  // namespace engine::core

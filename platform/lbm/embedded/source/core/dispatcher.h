@@ -32,58 +32,58 @@ class Dispatcher {
   class Work {
    public:
     virtual ~Work() = default;
-    virtual int descriptor() const noexcept = 0;
-    virtual std::size_t drainMemory() = 0;
-    virtual std::size_t drain() = 0;
-    virtual bool arm() = 0;
-    virtual void disarm() noexcept = 0;
-    virtual std::chrono::microseconds spinTime() const = 0;  // for which to look before waiting
+    virtual int GetDescriptor() const noexcept = 0;
+    virtual std::size_t DrainMemory() = 0;
+    virtual std::size_t Drain() = 0;
+    virtual bool Arm() = 0;
+    virtual void Disarm() noexcept = 0;
+    virtual std::chrono::microseconds SpinTime() const = 0;  // for which to look before waiting
   };
 
   Dispatcher();
 
   // Threads: before the first process().
-  void setWork(Work& work);
+  void SetWork(Work& work);
 
   // Does what there is to do; when that is nothing, waits up to msec milliseconds for something. Returns early after
-  // unblock(), once. Throws Error when another thread is inside, or after end().
+  // unblock(), once. Throws Error when another thread is inside, or after End().
   //
   // Memory shared with peers is looked at always. What takes a system call to look at is looked at always only before
   // waiting; otherwise (msec is 0, or there is no end of messages) the registered descriptors, if any, are, and all
   // else once in kLookEvery.
-  void process(lbm_ulong_t msec);
-  void unblock();  // threads: any
+  void Process(lbm_ulong_t msec);
+  void Unblock();  // threads: any
 
   static constexpr std::chrono::milliseconds kLookEvery{1};
 
   // Runs the task on the dispatching thread, before it looks for other work. Tasks run in the order of their posting,
-  // those posted after end() never. Threads: any.
-  void post(Task task);
+  // those posted after End() never. Threads: any.
+  void Post(Task task);
 
   // Runs the task when the time has come. Threads: the dispatching one only.
-  void runAt(Clock::time_point time, Task task);
+  void RunAt(Clock::time_point time, Task task);
 
   // Ends all dispatching for good and runs the last task with nobody else inside. When the calling thread is the one
-  // dispatching, that happens as soon as its present callback has returned; otherwise before end() returns.
-  void end(Task last);
-  bool ended() const noexcept { return m_gate.shut(); }
+  // dispatching, that happens as soon as its present callback has returned; otherwise before End() returns.
+  void End(Task last);
+  bool Ended() const noexcept { return m_gate.Shut(); }
 
-  CallbackGate& gate() noexcept { return m_gate; }
-  Descriptors& descriptors() noexcept { return m_descriptors; }
+  CallbackGate& Gate() noexcept { return m_gate; }
+  Descriptors& GetDescriptors() noexcept { return m_descriptors; }
 
  private:
-  std::size_t runTasks();
-  std::size_t runTimers();
-  std::size_t runWithoutSystemCalls();
-  bool lookIsDue();
-  std::size_t look(int timeoutMs);
-  std::size_t waitAndLook(int timeoutMs);
-  std::size_t handleEvents(std::span<const epoll_event> events);
-  int remainingMs(Clock::time_point deadline) const;
-  void wake() noexcept;
-  void runLast();
-  void forget();
-  void leave();
+  std::size_t RunTasks();
+  std::size_t RunTimers();
+  std::size_t RunWithoutSystemCalls();
+  bool LookIsDue();
+  std::size_t Look(int timeoutMs);
+  std::size_t WaitAndLook(int timeoutMs);
+  std::size_t HandleEvents(std::span<const epoll_event> events);
+  int RemainingMs(Clock::time_point deadline) const;
+  void Wake() noexcept;
+  void RunLast();
+  void Forget();
+  void Leave();
 
   const Descriptor m_epoll;
   const Descriptor m_wake;
@@ -96,7 +96,7 @@ class Dispatcher {
   // The dispatching thread's own:
   Clock::time_point m_nextLook;
   std::multimap<Clock::time_point, Task> m_timers;
-  Task m_last;  // set by end() on the dispatching thread
+  Task m_last;  // set by End() on the dispatching thread
 
   std::mutex m_tasksMutex;
   std::vector<Task> m_tasks;  // guarded by m_tasksMutex

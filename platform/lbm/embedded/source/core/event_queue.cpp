@@ -7,7 +7,7 @@
 
 namespace engine::core {
 
-void EventQueue::post(std::shared_ptr<Target> target, Event event) {
+void EventQueue::Post(std::shared_ptr<Target> target, Event event) {
   {
     const std::lock_guard lock(m_mutex);
     if (m_shutDown) {
@@ -18,7 +18,7 @@ void EventQueue::post(std::shared_ptr<Target> target, Event event) {
   m_changed.notify_one();
 }
 
-int EventQueue::dispatch(lbm_ulong_t msec) {
+int EventQueue::Dispatch(lbm_ulong_t msec) {
   using Clock = std::chrono::steady_clock;
   const bool forEver = msec >= LBM_EVENT_QUEUE_BLOCK;
   const Clock::time_point deadline =
@@ -52,7 +52,7 @@ int EventQueue::dispatch(lbm_ulong_t msec) {
     }
     lock.unlock();
     Entry entry = std::move(m_taken[m_done++]);
-    m_gate.call(*entry.target, [&entry] { entry.target->run(entry.event); });
+    m_gate.Call(*entry.target, [&entry] { entry.target->Run(entry.event); });
     entry = {};
     ++dispatched;
     const bool late = !forEver && msec != LBM_EVENT_QUEUE_POLL && Clock::now() >= deadline;
@@ -66,7 +66,7 @@ int EventQueue::dispatch(lbm_ulong_t msec) {
   return dispatched;
 }
 
-void EventQueue::unblock() {
+void EventQueue::Unblock() {
   {
     const std::lock_guard lock(m_mutex);
     m_unblocked = true;
@@ -74,7 +74,7 @@ void EventQueue::unblock() {
   m_changed.notify_all();
 }
 
-void EventQueue::shutdown() {
+void EventQueue::Shutdown() {
   std::vector<Entry> dropped;
   {
     const std::lock_guard lock(m_mutex);

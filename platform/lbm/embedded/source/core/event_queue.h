@@ -19,20 +19,20 @@ class EventQueue {
   explicit EventQueue(bool cancellationCallbacks) noexcept : m_cancellationCallbacks(cancellationCallbacks) {}
 
   // Appends an event; dropped after shutdown(). Threads: any.
-  void post(std::shared_ptr<Target> target, Event event);
+  void Post(std::shared_ptr<Target> target, Event event);
 
   // Runs events until msec milliseconds have passed (LBM_EVENT_QUEUE_BLOCK: for ever; 0: those that are there now), or
   // unblock(). Returns how many ran. Throws Error when another thread is dispatching.
-  int dispatch(lbm_ulong_t msec);
+  int Dispatch(lbm_ulong_t msec);
 
   // Ends the dispatch in progress after its present event; when there is none, the next one at once. Threads: any.
-  void unblock();
+  void Unblock();
 
   // Drops what is queued and takes nothing more. Threads: any.
-  void shutdown();
+  void Shutdown();
 
-  CallbackGate& gate() noexcept { return m_gate; }
-  bool cancellationCallbacks() const noexcept { return m_cancellationCallbacks; }
+  CallbackGate& Gate() noexcept { return m_gate; }
+  bool CancellationCallbacks() const noexcept { return m_cancellationCallbacks; }
 
  private:
   struct Entry {

@@ -5,13 +5,13 @@
 
 namespace engine::core {
 
-void Message::release() noexcept {
+void Message::Release() noexcept {
   if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    m_pool.putBack(*this);
+    m_pool.PutBack(*this);
   }
 }
 
-void Message::setPayload(std::span<const std::byte> payload) {
+void Message::SetPayload(std::span<const std::byte> payload) {
   if (payload.size() > m_capacity) {
     const std::size_t capacity = std::bit_ceil(payload.size());
     m_buffer = std::make_unique_for_overwrite<std::byte[]>(capacity);
@@ -26,25 +26,25 @@ void Message::setPayload(std::span<const std::byte> payload) {
   len = payload.size();
 }
 
-void Message::setChannel(std::uint32_t number) noexcept {
+void Message::SetChannel(std::uint32_t number) noexcept {
   m_channel.channel_number = number;
   channel_info = &m_channel;
 }
 
-void Message::setResponse(Response value) {
+void Message::SetResponse(Response value) {
   m_response = std::make_unique<lbm_response_t>(std::move(value));
   response = m_response.get();
 }
 
-void Message::setSource(const std::shared_ptr<transport::RemoteSource>& value) noexcept {
+void Message::SetSource(const std::shared_ptr<transport::RemoteSource>& value) noexcept {
   if (m_source != value) {
     m_source = value;
   }
-  source = value->session().c_str();
-  topic_name = value->topic().c_str();
+  source = value->Session().c_str();
+  topic_name = value->GetTopic().c_str();
 }
 
-void Message::clear() noexcept {
+void Message::Clear() noexcept {
   if (m_response != nullptr) {
     if (response == nullptr) {
       static_cast<void>(m_response.release());  // the receiver took it over
@@ -64,7 +64,7 @@ void Message::clear() noexcept {
   channel_info = nullptr;
 }
 
-MessageRef MessagePool::acquire() {
+MessageRef MessagePool::Acquire() {
   if (m_free == nullptr) {
     const std::lock_guard lock(m_mutex);
     m_free = std::exchange(m_returned, nullptr);
@@ -80,19 +80,19 @@ MessageRef MessagePool::acquire() {
   return MessageRef(message);
 }
 
-void MessagePool::recycle(MessageRef reference) noexcept {
+void MessagePool::Recycle(MessageRef reference) noexcept {
   // With a count of one this reference is the last: nobody is left who could raise it.
   if (reference->m_references.load(std::memory_order_acquire) != 1) {
     return;
   }
-  Message* message = reference.detach();
-  message->clear();
+  Message* message = reference.Detach();
+  message->Clear();
   message->m_next = m_free;
   m_free = message;
 }
 
-void MessagePool::putBack(Message& message) noexcept {
-  message.clear();
+void MessagePool::PutBack(Message& message) noexcept {
+  message.Clear();
   bool last = false;
   {
     const std::lock_guard lock(m_mutex);
@@ -109,11 +109,11 @@ void MessagePool::putBack(Message& message) noexcept {
   }
 }
 
-void MessagePool::abandon() noexcept {
+void MessagePool::Abandon() noexcept {
   bool empty = false;
   {
     const std::lock_guard lock(m_mutex);
-    m_out = m_made - destroy(m_free) - destroy(m_returned);
+    m_out = m_made - Destroy(m_free) - Destroy(m_returned);
     m_abandoned = true;
     empty = m_out == 0;
   }
@@ -122,7 +122,7 @@ void MessagePool::abandon() noexcept {
   }
 }
 
-std::size_t MessagePool::destroy(Message* list) noexcept {
+std::size_t MessagePool::Destroy(Message* list) noexcept {
   std::size_t count = 0;
   while (list != nullptr) {
     delete std::exchange(list, list->m_next);

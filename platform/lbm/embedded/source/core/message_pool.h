@@ -21,26 +21,26 @@ class MessagePool;
 // A message with its own copy of the payload, counted by whoever holds it. Made by MessagePool only.
 class Message : public lbm_msg_t_stct {
  public:
-  static Message& of(lbm_msg_t& message) noexcept { return static_cast<Message&>(message); }
+  static Message& Of(lbm_msg_t& message) noexcept { return static_cast<Message&>(message); }
 
-  void retain() noexcept { m_references.fetch_add(1, std::memory_order_relaxed); }
+  void Retain() noexcept { m_references.fetch_add(1, std::memory_order_relaxed); }
   // Threads: any.
-  void release() noexcept;
+  void Release() noexcept;
 
   // Copies the payload in; allocates only when it is larger than any that this message carried before.
-  void setPayload(std::span<const std::byte> payload);
-  void setChannel(std::uint32_t number) noexcept;
-  void setResponse(Response value);
+  void SetPayload(std::span<const std::byte> payload);
+  void SetChannel(std::uint32_t number) noexcept;
+  void SetResponse(Response value);
   // Keeps the source's strings for as long as the message needs them.
-  void setSource(const std::shared_ptr<transport::RemoteSource>& value) noexcept;
+  void SetSource(const std::shared_ptr<transport::RemoteSource>& value) noexcept;
 
  private:
   friend class MessagePool;
 
   explicit Message(MessagePool& pool) noexcept : lbm_msg_t_stct{}, m_pool(pool) {}
-  ~Message() { clear(); }
+  ~Message() { Clear(); }
 
-  void clear() noexcept;
+  void Clear() noexcept;
 
   MessagePool& m_pool;
   std::atomic<std::uint32_t> m_references{0};
@@ -60,7 +60,7 @@ class MessageRef {
   explicit MessageRef(Message* counted) noexcept : m_message(counted) {}
   MessageRef(const MessageRef& other) noexcept : m_message(other.m_message) {
     if (m_message != nullptr) {
-      m_message->retain();
+      m_message->Retain();
     }
   }
   MessageRef(MessageRef&& other) noexcept : m_message(std::exchange(other.m_message, nullptr)) {}
@@ -70,17 +70,17 @@ class MessageRef {
   }
   ~MessageRef() {
     if (m_message != nullptr) {
-      m_message->release();
+      m_message->Release();
     }
   }
 
-  Message* get() const noexcept { return m_message; }
+  Message* Get() const noexcept { return m_message; }
   Message* operator->() const noexcept { return m_message; }
   Message& operator*() const noexcept { return *m_message; }
   explicit operator bool() const noexcept { return m_message != nullptr; }
 
   // Gives the counted reference out of this object's hands.
-  Message* detach() noexcept { return std::exchange(m_message, nullptr); }
+  Message* Detach() noexcept { return std::exchange(m_message, nullptr); }
 
  private:
   Message* m_message = nullptr;
@@ -91,18 +91,18 @@ class MessageRef {
 class MessagePool {
  public:
   struct Abandon {
-    void operator()(MessagePool* pool) const noexcept { pool->abandon(); }
+    void operator()(MessagePool* pool) const noexcept { pool->Abandon(); }
   };
   using Owner = std::unique_ptr<MessagePool, Abandon>;
 
-  static Owner create() { return Owner(new MessagePool); }
+  static Owner Create() { return Owner(new MessagePool); }
 
   // A message with one reference. Type, source, sequence number and time are for the caller to set, all else is blank.
   // Threads: the context's dispatcher only.
-  MessageRef acquire();
+  MessageRef Acquire();
 
   // Gives a reference back; takes no lock when nobody else holds the message. Threads: the context's dispatcher only.
-  void recycle(MessageRef reference) noexcept;
+  void Recycle(MessageRef reference) noexcept;
 
  private:
   friend class Message;
@@ -113,9 +113,9 @@ class MessagePool {
   MessagePool() = default;
   ~MessagePool() = default;
 
-  void abandon() noexcept;
-  void putBack(Message& message) noexcept;  // threads: any
-  static std::size_t destroy(Message* list) noexcept;
+  void Abandon() noexcept;
+  void PutBack(Message& message) noexcept;  // threads: any
+  static std::size_t Destroy(Message* list) noexcept;
 
   // The dispatcher's own:
   Message* m_free = nullptr;

@@ -7,7 +7,7 @@
 namespace engine {
 namespace {
 
-int writeToStandardError(int level, const char* message, void* /*clientData*/) {
+int WriteToStandardError(int level, const char* message, void* /*clientData*/) {
   if (level >= LBM_LOG_WARNING) {
     std::fprintf(stderr, "lbm %s: %s\n", level == LBM_LOG_WARNING ? "warning" : "error", message);
   }
@@ -17,19 +17,19 @@ int writeToStandardError(int level, const char* message, void* /*clientData*/) {
 // Shared while a receiver runs, so that threads with notices do not wait for each other: one of them may hold a lock of
 // the application that the other one's receiver wants.
 std::shared_mutex g_mutex;
-lbm_log_cb_proc g_receiver = &writeToStandardError;  // guarded by g_mutex
+lbm_log_cb_proc g_receiver = &WriteToStandardError;  // guarded by g_mutex
 void* g_clientData = nullptr;                        // guarded by g_mutex
 
 }  // namespace
 
-void notice(int level, const std::string& text) noexcept {
+void Notice(int level, const std::string& text) noexcept {
   const std::shared_lock lock(g_mutex);
   g_receiver(level, text.c_str(), g_clientData);
 }
 
-void setNoticeReceiver(lbm_log_cb_proc receiver, void* clientData) noexcept {
+void SetNoticeReceiver(lbm_log_cb_proc receiver, void* clientData) noexcept {
   const std::unique_lock lock(g_mutex);
-  g_receiver = receiver == nullptr ? &writeToStandardError : receiver;
+  g_receiver = receiver == nullptr ? &WriteToStandardError : receiver;
   g_clientData = clientData;
 }
 

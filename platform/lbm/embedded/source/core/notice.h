@@ -9,10 +9,10 @@ namespace engine {
 
 // Hands one line, without an end of line, to the process's receiver of notices. level: LBM_LOG_... Any thread. Must not
 // be called with a lock of the engine held: it runs the application's function.
-void notice(int level, const std::string& text) noexcept;
+void Notice(int level, const std::string& text) noexcept;
 
 // Null restores the default receiver, which writes warnings and errors to standard error. When it returns, the previous
 // receiver is not running and will not run.
-void setNoticeReceiver(lbm_log_cb_proc receiver, void* clientData) noexcept;
+void SetNoticeReceiver(lbm_log_cb_proc receiver, void* clientData) noexcept;
 
 }  // namespace engine

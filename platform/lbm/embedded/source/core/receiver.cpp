@@ -9,21 +9,21 @@ namespace engine::core {
 
 Receiver::Receiver(std::shared_ptr<Context> context, const Topic& topic, const Callback& callback,
                    std::shared_ptr<EventQueue> queue)
-    : Target(context->gate(), std::move(queue)),
+    : Target(context->Gate(), std::move(queue)),
       m_context(std::move(context)),
       m_topic(topic),
       m_callback(callback),
-      m_lossBurstThreshold(topic.options->get(option::lossBurstThreshold)) {}
+      m_lossBurstThreshold(topic.options->Get(option::kLossBurstThreshold)) {}
 
-std::shared_ptr<Receiver> Receiver::self() { return std::static_pointer_cast<Receiver>(shared_from_this()); }
+std::shared_ptr<Receiver> Receiver::Self() { return std::static_pointer_cast<Receiver>(shared_from_this()); }
 
-void Receiver::start() {
-  m_context->post([self = self()] { self->m_context->directory().addReceiver(self); });
+void Receiver::Start() {
+  m_context->Post([self = Self()] { self->m_context->GetDirectory().AddReceiver(self); });
 }
 
-void Receiver::stop() {
-  closeAndWait();
-  m_context->post([self = self()] { self->m_context->directory().removeReceiver(*self); });
+void Receiver::Stop() {
+  CloseAndWait();
+  m_context->Post([self = Self()] { self->m_context->GetDirectory().RemoveReceiver(*self); });
 }
 
 }  // namespace engine::core

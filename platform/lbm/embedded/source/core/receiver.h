@@ -25,29 +25,29 @@ class Receiver : public Target {
            std::shared_ptr<EventQueue> queue);
 
   // Begins to receive. Threads: any.
-  void start();
+  void Start();
 
   // After this no callback runs, but the one that it is called from. Threads: any.
-  void stop();
+  void Stop();
 
   // As dispatch(), for messages: costs no reference count when the callback is made here.
-  void deliver(const MessageRef& message) {
-    if (queue() != nullptr) {
-      dispatch({.message = message});
+  void Deliver(const MessageRef& message) {
+    if (Queue() != nullptr) {
+      Dispatch({.message = message});
     } else {
-      contextGate().call(*this, [&] { call(*message); });
+      ContextGate().Call(*this, [&] { Call(*message); });
     }
   }
 
-  void run(Event& event) override { call(*event.message); }
+  void Run(Event& event) override { Call(*event.message); }
 
-  const Topic& topic() const noexcept { return m_topic; }
-  std::uint32_t lossBurstThreshold() const noexcept { return m_lossBurstThreshold; }
+  const Topic& GetTopic() const noexcept { return m_topic; }
+  std::uint32_t LossBurstThreshold() const noexcept { return m_lossBurstThreshold; }
 
  private:
-  void call(Message& message) { m_callback.proc(m_callback.handle, &message, m_callback.clientd); }
+  void Call(Message& message) { m_callback.proc(m_callback.handle, &message, m_callback.clientd); }
 
-  std::shared_ptr<Receiver> self();
+  std::shared_ptr<Receiver> Self();
 
   const std::shared_ptr<Context> m_context;
   const Topic& m_topic;

@@ -30,20 +30,20 @@ class Request : public Target {
           std::shared_ptr<EventQueue> queue);
 
   // Expects responses from now on. Threads: any.
-  void start();
+  void Start();
 
   // After this no callback runs, but the one that it is called from. Threads: any.
-  void stop();
+  void Stop();
 
   // The event's message is a response.
-  void run(Event& event) override { m_callback.proc(m_callback.handle, event.message.get(), m_callback.clientd); }
+  void Run(Event& event) override { m_callback.proc(m_callback.handle, event.message.Get(), m_callback.clientd); }
 
   // Unique among the context's requests, never 0.
-  std::uint64_t id() const noexcept { return m_id; }
+  std::uint64_t Id() const noexcept { return m_id; }
 
   // Where a response is said to come from: the request's topic, and the responder as its source. Threads: the context's
   // dispatching one only.
-  const std::shared_ptr<transport::RemoteSource>& origin(const std::string& responder);
+  const std::shared_ptr<transport::RemoteSource>& Origin(const std::string& responder);
 
  private:
   const std::shared_ptr<Context> m_context;
@@ -56,12 +56,12 @@ class Request : public Target {
 // The open requests of a context. Threads: any.
 class RequestTable {
  public:
-  std::uint64_t nextId();
-  void add(const std::shared_ptr<Request>& request);
-  void remove(std::uint64_t id);
-  std::shared_ptr<Request> find(std::uint64_t id);
+  std::uint64_t NextId();
+  void Add(const std::shared_ptr<Request>& request);
+  void Remove(std::uint64_t id);
+  std::shared_ptr<Request> Find(std::uint64_t id);
   // Closes them all, and returns when no callback of them runs.
-  void clear();
+  void Clear();
 
  private:
   std::mutex m_mutex;

@@ -5,18 +5,18 @@
 
 namespace engine::core {
 
-transport::SendResult Response::send(std::span<const std::byte> payload, int flags) const {
+transport::SendResult Response::Send(std::span<const std::byte> payload, int flags) const {
   const auto refuse = [] { throw Error(LBM_EOP, "the context that received the request is deleted"); };
-  if (m_context->deleted()) {
+  if (m_context->Deleted()) {
     refuse();
   }
   const iovec piece{const_cast<std::byte*>(payload.data()), payload.size()};
-  const bool block = (flags & LBM_SRC_NONBLOCK) == 0 && !m_context->gate().dispatching();
-  const transport::SendResult result = m_context->transport().respond(*m_path, std::span(&piece, 1), block);
-  if (result == transport::SendResult::closed) {
+  const bool block = (flags & LBM_SRC_NONBLOCK) == 0 && !m_context->Gate().Dispatching();
+  const transport::SendResult result = m_context->Transport().Respond(*m_path, std::span(&piece, 1), block);
+  if (result == transport::SendResult::kClosed) {
     refuse();
   }
-  if (result == transport::SendResult::peerGone) {
+  if (result == transport::SendResult::kPeerGone) {
     throw Error(LBM_EOP, "the requester is gone");
   }
   return result;

@@ -19,7 +19,7 @@ class Response {
       : m_context(std::move(context)), m_path(std::move(path)) {}
 
   // Sends one answer; flags as for lbm_send_response. Threads: any. Throws Error when the requester is gone.
-  transport::SendResult send(std::span<const std::byte> payload, int flags) const;
+  transport::SendResult Send(std::span<const std::byte> payload, int flags) const;
 
  private:
   std::shared_ptr<Context> m_context;

@@ -30,22 +30,22 @@ class Source : public Target {
          std::shared_ptr<EventQueue> queue);
 
   // Announces the source. Threads: any.
-  void start();
+  void Start();
 
   // Withdraws it; after this no callback runs, but the one that it is called from. Threads: any.
-  void stop();
+  void Stop();
 
   // flags: LBM_SRC_FLUSH, LBM_SRC_NONBLOCK. On the context's dispatching thread, which is the one that makes room, a
   // send never waits. Threads: any. Throws Error when the context is deleted.
-  transport::SendResult send(const transport::OutboundMessage& message, int flags);
+  transport::SendResult Send(const transport::OutboundMessage& message, int flags);
 
   // The event's code is one of LBM_SRC_EVENT_..., its text the event data, if any.
-  void run(Event& event) override;
+  void Run(Event& event) override;
 
   // The options of the topic with the values that only a live source has.
-  OptionSet options() const;
-  const std::shared_ptr<Context>& context() const noexcept { return m_context; }
-  const Topic& topic() const noexcept { return m_topic; }
+  OptionSet Options() const;
+  const std::shared_ptr<Context>& GetContext() const noexcept { return m_context; }
+  const Topic& GetTopic() const noexcept { return m_topic; }
 
  private:
   const std::shared_ptr<Context> m_context;

@@ -4,14 +4,14 @@
 
 namespace engine::core {
 
-void Target::dispatch(Event event) {
+void Target::Dispatch(Event event) {
   if (m_queue != nullptr) {
-    m_queue->post(shared_from_this(), std::move(event));
+    m_queue->Post(shared_from_this(), std::move(event));
   } else {
-    m_contextGate.call(*this, [&] { run(event); });
+    m_contextGate.Call(*this, [&] { Run(event); });
   }
 }
 
-void Target::closeAndWait() noexcept { (m_queue != nullptr ? m_queue->gate() : m_contextGate).closeAndWait(*this); }
+void Target::CloseAndWait() noexcept { (m_queue != nullptr ? m_queue->Gate() : m_contextGate).CloseAndWait(*this); }
 
 }  // namespace engine::core

@@ -30,18 +30,18 @@ class Target : public Callee, public std::enable_shared_from_this<Target> {
       : m_contextGate(contextGate), m_queue(std::move(queue)) {}
 
   // Runs the event here, or posts it to the event queue. Threads: the context's dispatching one.
-  void dispatch(Event event);
+  void Dispatch(Event event);
 
   // After this no callback runs, but the one that it is called from. Threads: any.
-  void closeAndWait() noexcept;
+  void CloseAndWait() noexcept;
 
   // Makes the callback. Called through a CallbackGate.
-  virtual void run(Event& event) = 0;
+  virtual void Run(Event& event) = 0;
 
-  const std::shared_ptr<EventQueue>& queue() const noexcept { return m_queue; }
+  const std::shared_ptr<EventQueue>& Queue() const noexcept { return m_queue; }
 
  protected:
-  CallbackGate& contextGate() const noexcept { return m_contextGate; }
+  CallbackGate& ContextGate() const noexcept { return m_contextGate; }
 
  private:
   CallbackGate& m_contextGate;

@@ -7,41 +7,41 @@ namespace engine {
 namespace {
 
 // Unknown and read-only options are left to the set, which says more about them.
-void checkChangeable(Scope scope, std::string_view name) {
-  const auto rows = optionsOf(scope);
-  const auto place = placeOf(scope, name);
-  if (place != rows.size() && rows[place].change == Change::atCreation) {
-    throw Error(LBM_EOP, describe(rows[place]) + " can only be set before the object is created");
+void CheckChangeable(Scope scope, std::string_view name) {
+  const auto rows = OptionsOf(scope);
+  const auto place = PlaceOf(scope, name);
+  if (place != rows.size() && rows[place].change == Change::kAtCreation) {
+    throw Error(LBM_EOP, Describe(rows[place]) + " can only be set before the object is created");
   }
 }
 
 }  // namespace
 
-void LiveOptions::setText(std::string_view name, std::string_view value) {
+void LiveOptions::SetText(std::string_view name, std::string_view value) {
   const std::lock_guard lock(m_mutex);
-  checkChangeable(m_options.scope(), name);
-  m_options.setText(name, value);
+  CheckChangeable(m_options.GetScope(), name);
+  m_options.SetText(name, value);
 }
 
-void LiveOptions::setBinary(std::string_view name, const void* value, std::size_t size) {
+void LiveOptions::SetBinary(std::string_view name, const void* value, std::size_t size) {
   const std::lock_guard lock(m_mutex);
-  checkChangeable(m_options.scope(), name);
-  m_options.setBinary(name, value, size);
+  CheckChangeable(m_options.GetScope(), name);
+  m_options.SetBinary(name, value, size);
 }
 
-void LiveOptions::getText(std::string_view name, char* buffer, std::size_t& size) const {
+void LiveOptions::GetText(std::string_view name, char* buffer, std::size_t& size) const {
   const std::lock_guard lock(m_mutex);
-  m_options.getText(name, buffer, size);
+  m_options.GetText(name, buffer, size);
 }
 
-void LiveOptions::getBinary(std::string_view name, void* buffer, std::size_t& size) const {
+void LiveOptions::GetBinary(std::string_view name, void* buffer, std::size_t& size) const {
   const std::lock_guard lock(m_mutex);
-  m_options.getBinary(name, buffer, size);
+  m_options.GetBinary(name, buffer, size);
 }
 
-std::vector<std::pair<std::string_view, std::string>> LiveOptions::texts() const {
+std::vector<std::pair<std::string_view, std::string>> LiveOptions::Texts() const {
   const std::lock_guard lock(m_mutex);
-  return m_options.texts();
+  return m_options.Texts();
 }
 
 }  // namespace engine

@@ -14,22 +14,22 @@ class LiveOptions {
  public:
   explicit LiveOptions(OptionSet options) : m_options(std::move(options)) {}
 
-  void setText(std::string_view name, std::string_view value);
-  void setBinary(std::string_view name, const void* value, std::size_t size);
-  void getText(std::string_view name, char* buffer, std::size_t& size) const;
-  void getBinary(std::string_view name, void* buffer, std::size_t& size) const;
-  std::vector<std::pair<std::string_view, std::string>> texts() const;
+  void SetText(std::string_view name, std::string_view value);
+  void SetBinary(std::string_view name, const void* value, std::size_t size);
+  void GetText(std::string_view name, char* buffer, std::size_t& size) const;
+  void GetBinary(std::string_view name, void* buffer, std::size_t& size) const;
+  std::vector<std::pair<std::string_view, std::string>> Texts() const;
 
   template <class T>
-  T get(const OptionKey<T>& key) const {
+  T Get(const OptionKey<T>& key) const {
     const std::lock_guard lock(m_mutex);
-    return m_options.get(key);
+    return m_options.Get(key);
   }
 
   template <class T>
-  void provide(const OptionKey<T>& key, T value) {
+  void Provide(const OptionKey<T>& key, T value) {
     const std::lock_guard lock(m_mutex);
-    m_options.provide(key, std::move(value));
+    m_options.Provide(key, std::move(value));
   }
 
  private:

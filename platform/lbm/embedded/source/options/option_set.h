@@ -30,28 +30,28 @@ class OptionSet {
   explicit OptionSet(Scope scope);
 
   // With the defaults of the table.
-  static OptionSet builtIn(Scope scope);
+  static OptionSet BuiltInDefaults(Scope scope);
 
-  Scope scope() const noexcept { return m_scope; }
+  Scope GetScope() const noexcept { return m_scope; }
 
-  void setText(std::string_view name, std::string_view value);
-  std::string getText(std::string_view name) const;
+  void SetText(std::string_view name, std::string_view value);
+  std::string GetText(std::string_view name) const;
 
   // Binary forms: see OptionType. size is that of the value, exactly.
-  void setBinary(std::string_view name, const void* value, std::size_t size);
+  void SetBinary(std::string_view name, const void* value, std::size_t size);
 
   // Forms of getText and its binary twin for a caller's buffer. size is the room on entry and the used length on
   // return. A text is followed by a zero where there is room for it.
-  void getText(std::string_view name, char* buffer, std::size_t& size) const;
-  void getBinary(std::string_view name, void* buffer, std::size_t& size) const;
+  void GetText(std::string_view name, char* buffer, std::size_t& size) const;
+  void GetBinary(std::string_view name, void* buffer, std::size_t& size) const;
 
   // All options that have a value and a text form, in the order of their names.
-  std::vector<std::pair<std::string_view, std::string>> texts() const;
+  std::vector<std::pair<std::string_view, std::string>> Texts() const;
 
   // Typed reading: a reference for texts, else a copy. For options that only live objects have: after provide() only.
   template <class T>
-  decltype(auto) get(const OptionKey<T>& key) const {
-    const OptionValue& value = valueOf(key.scope(), key.place());
+  decltype(auto) Get(const OptionKey<T>& key) const {
+    const OptionValue& value = ValueOf(key.GetScope(), key.Place());
     if constexpr (std::is_same_v<T, std::string>) {
       return static_cast<const std::string&>(std::get<std::string>(value));
     } else if constexpr (std::is_enum_v<T>) {
@@ -63,8 +63,8 @@ class OptionSet {
 
   // Gives the value of an option that nobody else may change (Change::never).
   template <class T>
-  void provide(const OptionKey<T>& key, T value) {
-    provideValue(key.scope(), key.place(), OptionValue(std::in_place_type<T>, std::move(value)));
+  void Provide(const OptionKey<T>& key, T value) {
+    ProvideValue(key.GetScope(), key.Place(), OptionValue(std::in_place_type<T>, std::move(value)));
   }
 
   friend bool operator==(const OptionSet& left, const OptionSet& right) noexcept;
@@ -73,10 +73,10 @@ class OptionSet {
   struct BuiltIn {};
   OptionSet(Scope scope, BuiltIn);
 
-  const OptionValue& valueOf(Scope scope, std::size_t place) const;
-  const OptionValue& presentValue(const OptionDefinition& option) const;
-  void provideValue(Scope scope, std::size_t place, OptionValue value);
-  std::size_t place(const OptionDefinition& option) const noexcept;
+  const OptionValue& ValueOf(Scope scope, std::size_t place) const;
+  const OptionValue& PresentValue(const OptionDefinition& option) const;
+  void ProvideValue(Scope scope, std::size_t place, OptionValue value);
+  std::size_t Place(const OptionDefinition& option) const noexcept;
 
   Scope m_scope;
   std::vector<OptionValue> m_values;  // in the order of optionsOf(m_scope)

@@ -7,10 +7,10 @@
 namespace engine {
 namespace {
 
-constexpr std::size_t quotedBytesMax = 64;
+constexpr std::size_t kQuotedBytesMax = 64;
 
 // Number of insertions, deletions and replacements that turn one text into the other.
-std::size_t editDistance(std::string_view from, std::string_view to) {
+std::size_t EditDistance(std::string_view from, std::string_view to) {
   std::vector<std::size_t> row(to.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
   for (std::size_t i = 0; i < from.size(); ++i) {
@@ -25,12 +25,14 @@ std::size_t editDistance(std::string_view from, std::string_view to) {
 }
 
 // The known name that the unknown one most likely stands for, or null.
-const OptionDefinition* nearest(std::span<const OptionDefinition> options, std::string_view name) {
-  if (name.size() >= LBM_OPTION_NAME_MAX) return nullptr;
+const OptionDefinition* Nearest(std::span<const OptionDefinition> options, std::string_view name) {
+  if (name.size() >= LBM_OPTION_NAME_MAX) {
+    return nullptr;
+  }
   const OptionDefinition* best = nullptr;
   std::size_t bestDistance = std::max<std::size_t>(2, name.size() / 4) + 1;
   for (const auto& option : options) {
-    const std::size_t distance = editDistance(name, option.name);
+    const std::size_t distance = EditDistance(name, option.name);
     if (distance < bestDistance) {
       best = &option;
       bestDistance = distance;
@@ -39,94 +41,102 @@ const OptionDefinition* nearest(std::span<const OptionDefinition> options, std::
   return best;
 }
 
-std::string range(const OptionDefinition& option) {
+std::string Range(const OptionDefinition& option) {
   return std::to_string(option.minimum) + " to " + std::to_string(option.maximum) + (option.unit.empty() ? "" : " ") +
          std::string(option.unit);
 }
 
 }  // namespace
 
-std::string describe(const OptionDefinition& option) {
-  return std::string(nameOf(option.scope)) + " option \"" + std::string(option.name) + "\"";
+std::string Describe(const OptionDefinition& option) {
+  return std::string(NameOf(option.scope)) + " option \"" + std::string(option.name) + "\"";
 }
 
-std::string allowedValues(const OptionDefinition& option) {
+std::string AllowedValues(const OptionDefinition& option) {
   switch (option.type) {
-    case OptionType::text:
-      return range(option) + (option.textRule == nullptr ? "" : "; " + std::string(option.textRule->allowed));
-    case OptionType::word:
-      return alternatives(option.words);
-    case OptionType::flag:
+    case OptionType::kText:
+      return Range(option) + (option.textRule == nullptr ? "" : "; " + std::string(option.textRule->allowed));
+    case OptionType::kWord:
+      return Alternatives(option.words);
+    case OptionType::kFlag:
       return "0 or 1";
-    case OptionType::number:
-    case OptionType::milliseconds:
-    case OptionType::size:
-      return range(option);
-    case OptionType::resolverSourceNotification:
-    case OptionType::receiverSourceNotification:
+    case OptionType::kNumber:
+    case OptionType::kMilliseconds:
+    case OptionType::kSize:
+      return Range(option);
+    case OptionType::kResolverSourceNotification:
+    case OptionType::kReceiverSourceNotification:
       break;
   }
   return {};
 }
 
-std::string_view binaryForm(OptionType type) {
+std::string_view BinaryForm(OptionType type) {
   switch (type) {
-    case OptionType::text:
-    case OptionType::word:
+    case OptionType::kText:
+    case OptionType::kWord:
       break;
-    case OptionType::flag:
+    case OptionType::kFlag:
       return "int";
-    case OptionType::number:
+    case OptionType::kNumber:
       return "uint32_t";
-    case OptionType::milliseconds:
+    case OptionType::kMilliseconds:
       return "lbm_ulong_t";
-    case OptionType::size:
+    case OptionType::kSize:
       return "size_t";
-    case OptionType::resolverSourceNotification:
+    case OptionType::kResolverSourceNotification:
       return "lbm_src_notify_func_t";
-    case OptionType::receiverSourceNotification:
+    case OptionType::kReceiverSourceNotification:
       return "lbm_rcv_src_notification_func_t";
   }
   return "characters";
 }
 
-std::string quoted(std::string_view text) {
-  static constexpr std::string_view digits = "0123456789abcdef";
+std::string Quoted(std::string_view text) {
+  static constexpr std::string_view kDigits = "0123456789abcdef";
   std::string result = "\"";
-  for (const char c : text.substr(0, quotedBytesMax)) {
+  for (const char c : text.substr(0, kQuotedBytesMax)) {
     if (c >= ' ' && c <= '~') {
       result += c;
     } else {
       const auto byte = static_cast<unsigned char>(c);
-      result += {'\\', 'x', digits[byte / 16], digits[byte % 16]};
+      result += {'\\', 'x', kDigits[byte / 16], kDigits[byte % 16]};
     }
   }
   result += '"';
-  if (text.size() > quotedBytesMax) result += "... (" + std::to_string(text.size()) + " bytes)";
+  if (text.size() > kQuotedBytesMax) {
+    result += "... (" + std::to_string(text.size()) + " bytes)";
+  }
   return result;
 }
 
-std::string alternatives(std::span<const std::string_view> words) {
+std::string Alternatives(std::span<const std::string_view> words) {
   std::string result;
   for (std::size_t i = 0; i < words.size(); ++i) {
-    if (i > 0) result += i + 1 == words.size() ? " or " : ", ";
+    if (i > 0) {
+      result += i + 1 == words.size() ? " or " : ", ";
+    }
     result += words[i];
   }
   return result;
 }
 
-std::string unknownOptionText(Scope scope, std::string_view name) {
-  std::string text = "there is no " + std::string(nameOf(scope)) + " option " + quoted(name);
-  for (const auto& option : optionTable) {
-    if (option.name == name) return text + "; it is a " + std::string(nameOf(option.scope)) + " option";
+std::string UnknownOptionText(Scope scope, std::string_view name) {
+  std::string text = "there is no " + std::string(NameOf(scope)) + " option " + Quoted(name);
+  for (const auto& option : kOptionTable) {
+    if (option.name == name) {
+      return text + "; it is a " + std::string(NameOf(option.scope)) + " option";
+    }
   }
-  const auto options = optionsOf(scope);
-  if (const auto* option = nearest(options, name)) {
+  const auto options = OptionsOf(scope);
+  if (const auto* option = Nearest(options, name)) {
     return text + "; did you mean \"" + std::string(option->name) + "\"?";
   }
   std::vector<std::string_view> names;
-  for (const auto& option : options) names.push_back(option.name);
-  return text + "; known: " + alternatives(names);
+  for (const auto& option : options) {
+    names.push_back(option.name);
+  }
+  return text + "; known: " + Alternatives(names);
 }
 
 }  // namespace engine

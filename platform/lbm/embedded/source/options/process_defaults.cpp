@@ -13,108 +13,124 @@
 namespace engine {
 namespace {
 
-constexpr std::string_view blanks = " \t";
+constexpr std::string_view kBlanks = " \t";
 
-std::string readWhole(const std::string& fileName) {
+std::string ReadWhole(const std::string& fileName) {
   struct Close {
     void operator()(FILE* file) const { std::fclose(file); }
   };
   const auto fail = [&fileName](int reason) {
-    throw std::system_error(reason, std::generic_category(), "cannot read the configuration file " + quoted(fileName));
+    throw std::system_error(reason, std::generic_category(), "cannot read the configuration file " + Quoted(fileName));
   };
   const std::unique_ptr<FILE, Close> file(std::fopen(fileName.c_str(), "rbe"));
-  if (!file) fail(errno);
-  std::string content(configFileBytesMax + 1, '\0');
+  if (!file) {
+    fail(errno);
+  }
+  std::string content(kConfigFileBytesMax + 1, '\0');
   content.resize(std::fread(content.data(), 1, content.size(), file.get()));
-  if (std::ferror(file.get()) != 0) fail(errno);
-  if (content.size() > configFileBytesMax) {
-    throw Error(LBM_EINVAL, "the configuration file " + quoted(fileName) + " has more than " +
-                                std::to_string(configFileBytesMax) + " bytes");
+  if (std::ferror(file.get()) != 0) {
+    fail(errno);
+  }
+  if (content.size() > kConfigFileBytesMax) {
+    throw Error(LBM_EINVAL, "the configuration file " + Quoted(fileName) + " has more than " +
+                                std::to_string(kConfigFileBytesMax) + " bytes");
   }
   return content;
 }
 
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+std::string_view Trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) {
+    return {};
+  }
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-std::string_view withoutComment(std::string_view line) {
+std::string_view WithoutComment(std::string_view line) {
   for (std::size_t i = 0; i < line.size(); ++i) {
-    if (line[i] == '#' && (i == 0 || blanks.find(line[i - 1]) != std::string_view::npos)) return line.substr(0, i);
+    if (line[i] == '#' && (i == 0 || kBlanks.find(line[i - 1]) != std::string_view::npos)) {
+      return line.substr(0, i);
+    }
   }
   return line;
 }
 
 // Cuts the first word off.
-std::string_view takeWord(std::string_view& text) {
-  const auto word = text.substr(0, text.find_first_of(blanks));
-  text = trimmed(text.substr(word.size()));
+std::string_view TakeWord(std::string_view& text) {
+  const auto word = text.substr(0, text.find_first_of(kBlanks));
+  text = Trimmed(text.substr(word.size()));
   return word;
 }
 
-Scope parseScope(std::string_view word) {
-  const auto name = std::find(scopeNames.begin(), scopeNames.end(), word);
-  if (name == scopeNames.end()) {
-    throw Error(LBM_EINVAL, "unknown scope " + quoted(word) + "; known: " + alternatives(scopeNames));
+Scope ParseScope(std::string_view word) {
+  const auto name = std::find(kScopeNames.begin(), kScopeNames.end(), word);
+  if (name == kScopeNames.end()) {
+    throw Error(LBM_EINVAL, "unknown scope " + Quoted(word) + "; known: " + Alternatives(kScopeNames));
   }
-  return static_cast<Scope>(name - scopeNames.begin());
+  return static_cast<Scope>(name - kScopeNames.begin());
 }
 
-void applyLine(std::string_view line, std::span<OptionSet> sets) {
-  if (line.ends_with('\r')) line.remove_suffix(1);
-  std::string_view rest = trimmed(withoutComment(line));
-  if (rest.empty()) return;
-  const Scope scope = parseScope(takeWord(rest));
-  const auto name = takeWord(rest);
-  if (rest.empty()) throw Error(LBM_EINVAL, "a line has a scope, an option and a value");
-  sets[static_cast<std::size_t>(scope)].setText(name, rest);
+void ApplyLine(std::string_view line, std::span<OptionSet> sets) {
+  if (line.ends_with('\r')) {
+    line.remove_suffix(1);
+  }
+  std::string_view rest = Trimmed(WithoutComment(line));
+  if (rest.empty()) {
+    return;
+  }
+  const Scope scope = ParseScope(TakeWord(rest));
+  const auto name = TakeWord(rest);
+  if (rest.empty()) {
+    throw Error(LBM_EINVAL, "a line has a scope, an option and a value");
+  }
+  sets[static_cast<std::size_t>(scope)].SetText(name, rest);
 }
 
-void applyFile(const std::string& fileName, std::span<OptionSet> sets) {
-  const std::string content = readWhole(fileName);
+void ApplyFile(const std::string& fileName, std::span<OptionSet> sets) {
+  const std::string content = ReadWhole(fileName);
   std::string_view rest = content;
   for (std::size_t lineNumber = 1; !rest.empty(); ++lineNumber) {
     const auto line = rest.substr(0, rest.find('\n'));
     rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     try {
-      applyLine(line, sets);
+      ApplyLine(line, sets);
     } catch (const Error& error) {
-      throw Error(error.number(), fileName + ":" + std::to_string(lineNumber) + ": " + error.what());
+      throw Error(error.Number(), fileName + ":" + std::to_string(lineNumber) + ": " + error.what());
     }
   }
 }
 
 }  // namespace
 
-ProcessDefaults& ProcessDefaults::instance() {
+ProcessDefaults& ProcessDefaults::Instance() {
   // Never destroyed: destructors of static objects may still create contexts.
   static auto* const defaults = [] {
-    const char* const fileName = std::getenv(configFileVariable);
+    const char* const fileName = std::getenv(kConfigFileVariable);
     return new ProcessDefaults(fileName == nullptr ? "" : fileName);
   }();
   return *defaults;
 }
 
-OptionSet ProcessDefaults::options(Scope scope) {
+OptionSet ProcessDefaults::Options(Scope scope) {
   const std::lock_guard lock(m_mutex);
-  loadInitialFile();
+  LoadInitialFile();
   return m_sets[static_cast<std::size_t>(scope)];
 }
 
-void ProcessDefaults::load(const std::string& fileName) {
+void ProcessDefaults::Load(const std::string& fileName) {
   const std::lock_guard lock(m_mutex);
-  loadInitialFile();
+  LoadInitialFile();
   Sets sets = m_sets;
-  applyFile(fileName, sets);
+  ApplyFile(fileName, sets);
   m_sets = std::move(sets);
 }
 
-void ProcessDefaults::loadInitialFile() {
-  if (m_initialFile.empty()) return;
+void ProcessDefaults::LoadInitialFile() {
+  if (m_initialFile.empty()) {
+    return;
+  }
   Sets sets = m_sets;
-  applyFile(m_initialFile, sets);
+  ApplyFile(m_initialFile, sets);
   m_sets = std::move(sets);
   m_initialFile.clear();
 }

@@ -13,8 +13,8 @@
 
 namespace engine {
 
-inline constexpr const char* configFileVariable = "LBM_CONFIG_FILE";
-inline constexpr std::size_t configFileBytesMax = 1 << 20;
+inline constexpr const char* kConfigFileVariable = "LBM_CONFIG_FILE";
+inline constexpr std::size_t kConfigFileBytesMax = 1 << 20;
 
 // Threads: any.
 class ProcessDefaults {
@@ -23,23 +23,24 @@ class ProcessDefaults {
   explicit ProcessDefaults(std::string initialFile) : m_initialFile(std::move(initialFile)) {}
 
   // Those of this process; its initial file is the one that LBM_CONFIG_FILE names at the first call.
-  static ProcessDefaults& instance();
+  static ProcessDefaults& Instance();
 
-  OptionSet options(Scope scope);
+  OptionSet Options(Scope scope);
 
   // Changes the defaults as the file says; changes nothing when it is wrong. A wrong line is an Error whose text begins
   // with file and line, a file that cannot be read a std::system_error.
-  void load(const std::string& fileName);
+  void Load(const std::string& fileName);
 
  private:
-  using Sets = std::array<OptionSet, scopeNames.size()>;  // in the order of Scope
+  using Sets = std::array<OptionSet, kScopeNames.size()>;  // in the order of Scope
 
-  void loadInitialFile();  // with m_mutex held
+  void LoadInitialFile();  // with m_mutex held
 
   std::mutex m_mutex;
   std::string m_initialFile;  // guarded by m_mutex; empty once it is read
-  Sets m_sets{OptionSet::builtIn(Scope::context), OptionSet::builtIn(Scope::eventQueue),
-              OptionSet::builtIn(Scope::receiver), OptionSet::builtIn(Scope::source)};  // guarded by m_mutex
+  Sets m_sets{OptionSet::BuiltInDefaults(Scope::kContext), OptionSet::BuiltInDefaults(Scope::kEventQueue),
+              OptionSet::BuiltInDefaults(Scope::kReceiver),
+              OptionSet::BuiltInDefaults(Scope::kSource)};  // guarded by m_mutex
 };
 
 }  // namespace engine

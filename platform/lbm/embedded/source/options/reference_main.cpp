@@ -4,6 +4,6 @@
 #include "options/reference_page.h"
 
 int main() {
-  std::cout << engine::referencePage() << std::flush;
+  std::cout << engine::ReferencePage() << std::flush;
   return std::cout ? 0 : 1;
 }

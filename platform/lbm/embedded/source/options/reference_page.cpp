@@ -13,43 +13,49 @@ struct Section {
   Scope scope;
   std::string_view setThrough;  // function families
 };
-constexpr std::array sections{
-    Section{Scope::context, "`lbm_context_attr_...`, and `lbm_context_...` on a live context"},
-    Section{Scope::source, "`lbm_src_topic_attr_...`, and `lbm_src_...` on a live source"},
-    Section{Scope::receiver, "`lbm_rcv_topic_attr_...`, and `lbm_rcv_...` on a live receiver"},
-    Section{Scope::eventQueue, "`lbm_event_queue_attr_...`"}};
-static_assert(sections.size() == scopeNames.size());
+constexpr std::array kSections{
+    Section{Scope::kContext, "`lbm_context_attr_...`, and `lbm_context_...` on a live context"},
+    Section{Scope::kSource, "`lbm_src_topic_attr_...`, and `lbm_src_...` on a live source"},
+    Section{Scope::kReceiver, "`lbm_rcv_topic_attr_...`, and `lbm_rcv_...` on a live receiver"},
+    Section{Scope::kEventQueue, "`lbm_event_queue_attr_...`"}};
+static_assert(kSections.size() == kScopeNames.size());
 
-std::string changeText(Change change) {
+std::string ChangeText(Change change) {
   switch (change) {
-    case Change::atCreation:
+    case Change::kAtCreation:
       break;
-    case Change::anytime:
+    case Change::kAnytime:
       return "any time";
-    case Change::never:
+    case Change::kNever:
       return "read-only";
   }
   return "at creation";
 }
 
-std::string defaultText(const OptionDefinition& option) {
-  if (option.change == Change::never) return "";
-  if (!hasTextForm(option.type)) return "none";
-  if (option.defaultText.empty()) return "empty";
+std::string DefaultText(const OptionDefinition& option) {
+  if (option.change == Change::kNever) {
+    return "";
+  }
+  if (!HasTextForm(option.type)) {
+    return "none";
+  }
+  if (option.defaultText.empty()) {
+    return "empty";
+  }
   return std::string("`").append(option.defaultText).append("`");
 }
 
-std::string row(const OptionDefinition& option) {
+std::string Row(const OptionDefinition& option) {
   std::string text = "| `" + std::string(option.name) + "` | ";
-  text += std::string(binaryForm(option.type)) + " | ";
-  text += defaultText(option) + " | ";
-  text += (option.change == Change::never ? "" : allowedValues(option)) + " | ";
-  text += changeText(option.change) + " | ";
+  text += std::string(BinaryForm(option.type)) + " | ";
+  text += DefaultText(option) + " | ";
+  text += (option.change == Change::kNever ? "" : AllowedValues(option)) + " | ";
+  text += ChangeText(option.change) + " | ";
   text += std::string(option.documentation) + " |\n";
   return text;
 }
 
-std::string introduction() {
+std::string Introduction() {
   return "# Options of the embedded engine\n"
          "\n"
          "Every option can be set on an attribute object before its object is created, as text (`..._str_setopt`) or "
@@ -60,13 +66,13 @@ std::string introduction() {
          "\n"
          "Defaults for the whole process come from a text file, read by `lbm_config` or, at the first use of the\n"
          "library, from the file that the environment variable `" +
-         std::string(configFileVariable) +
+         std::string(kConfigFileVariable) +
          "` names: one \"scope option value\" a line.\n"
          "The value goes to the end of the line; `#` at the start of a line or after a blank starts a comment; when "
          "an\n"
          "option stands there twice, the later line holds. A file with a wrong line changes nothing, and the error\n"
          "names file and line. A file has at most " +
-         std::to_string(configFileBytesMax) +
+         std::to_string(kConfigFileBytesMax) +
          " bytes.\n"
          "\n"
          "```\n"
@@ -78,15 +84,17 @@ std::string introduction() {
 
 }  // namespace
 
-std::string referencePage() {
-  std::string page = introduction();
-  for (const auto& section : sections) {
-    page += "\n## Scope `" + std::string(nameOf(section.scope)) + "`\n\nSet and read through " +
+std::string ReferencePage() {
+  std::string page = Introduction();
+  for (const auto& section : kSections) {
+    page += "\n## Scope `" + std::string(NameOf(section.scope)) + "`\n\nSet and read through " +
             std::string(section.setThrough) +
             ".\n\n"
             "| Option | Binary form | Default | Allowed | Can be set | Meaning |\n"
             "|---|---|---|---|---|---|\n";
-    for (const auto& option : optionsOf(section.scope)) page += row(option);
+    for (const auto& option : OptionsOf(section.scope)) {
+      page += Row(option);
+    }
   }
   return page +
          "\nThis page is made from the table in `platform/lbm/embedded/source/options/option_table.h` by the build\n"

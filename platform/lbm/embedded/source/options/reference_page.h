@@ -5,6 +5,6 @@
 
 namespace engine {
 
-std::string referencePage();
+std::string ReferencePage();
 
 }  // namespace engine

@@ -10,16 +10,16 @@
 namespace engine {
 namespace {
 
-bool isPrintable(char c) { return c > ' ' && c <= '~'; }
+bool IsPrintable(char c) { return c > ' ' && c <= '~'; }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-bool isAddress(const std::string& text) {
+bool IsAddress(const std::string& text) {
   in_addr address{};
   return inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-bool isPrefixLength(std::string_view text) {
+bool IsPrefixLength(std::string_view text) {
   unsigned length = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
   return error == std::errc{} && end == text.data() + text.size() && length <= 32;
@@ -27,20 +27,22 @@ bool isPrefixLength(std::string_view text) {
 
 }  // namespace
 
-bool isFileName(std::string_view text) {
+bool IsFileName(std::string_view text) {
   return !text.empty() && text != "." && text != ".." &&
-         std::all_of(text.begin(), text.end(), [](char c) { return isPrintable(c) && c != '/'; });
+         std::all_of(text.begin(), text.end(), [](char c) { return IsPrintable(c) && c != '/'; });
 }
 
-bool isNetworkInterface(std::string_view text) {
+bool IsNetworkInterface(std::string_view text) {
   const auto slash = text.find('/');
   if (slash != std::string_view::npos) {
-    return isAddress(std::string(text.substr(0, slash))) && isPrefixLength(text.substr(slash + 1));
+    return IsAddress(std::string(text.substr(0, slash))) && IsPrefixLength(text.substr(slash + 1));
   }
   // A mistyped address must not pass for a name.
-  const bool looksLikeAddress = std::all_of(text.begin(), text.end(), [](char c) { return isDigit(c) || c == '.'; });
-  if (looksLikeAddress) return isAddress(std::string(text));
-  return isFileName(text) && text.size() < IFNAMSIZ;
+  const bool looksLikeAddress = std::all_of(text.begin(), text.end(), [](char c) { return IsDigit(c) || c == '.'; });
+  if (looksLikeAddress) {
+    return IsAddress(std::string(text));
+  }
+  return IsFileName(text) && text.size() < IFNAMSIZ;
 }
 
 }  // namespace engine

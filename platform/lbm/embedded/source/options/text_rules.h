@@ -11,12 +11,12 @@ struct TextRule {
 };
 
 // One component of a path, so that it names an entry of a directory and nothing outside of it.
-bool isFileName(std::string_view text);
-inline constexpr TextRule fileNameRule{&isFileName, "a file name: printable, without '/', not \".\" or \"..\""};
+bool IsFileName(std::string_view text);
+inline constexpr TextRule kFileNameRule{&IsFileName, "a file name: printable, without '/', not \".\" or \"..\""};
 
 // An IPv4 address, one with a prefix length, or an interface's name. Whether the machine has it is not looked at.
-bool isNetworkInterface(std::string_view text);
-inline constexpr TextRule networkInterfaceRule{
-    &isNetworkInterface, "an IPv4 address, \"address/prefix length\", or the name of a network interface"};
+bool IsNetworkInterface(std::string_view text);
+inline constexpr TextRule kNetworkInterfaceRule{
+    &IsNetworkInterface, "an IPv4 address, \"address/prefix length\", or the name of a network interface"};
 
 }  // namespace engine

@@ -11,37 +11,37 @@ namespace engine {
 
 namespace {
 
-long membarrier(int command) noexcept { return ::syscall(SYS_membarrier, command, 0, 0); }
+long Membarrier(int command) noexcept { return ::syscall(SYS_membarrier, command, 0, 0); }
 
 // For commands that have worked before. The system may refuse them all the same: to a process that has filtered its
 // system calls since, or without memory. No barrier is in sight then, but what the other threads have stored takes
 // effect by itself, in far less time than this.
-void membarrierOrWait(int command) noexcept {
+void MembarrierOrWait(int command) noexcept {
   constexpr std::chrono::milliseconds kLongEnough{1};
-  if (membarrier(command) != 0) {
+  if (Membarrier(command) != 0) {
     std::this_thread::sleep_for(kLongEnough);
   }
 }
 
 }  // namespace
 
-bool processBarrierWorks() noexcept {
-  static const bool works = membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
+bool ProcessBarrierWorks() noexcept {
+  static const bool works = Membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
   return works;
 }
 
-void processBarrier() noexcept { membarrierOrWait(MEMBARRIER_CMD_PRIVATE_EXPEDITED); }
+void ProcessBarrier() noexcept { MembarrierOrWait(MEMBARRIER_CMD_PRIVATE_EXPEDITED); }
 
-bool letGlobalBarrierReachUs() noexcept {
-  static const bool reaches = membarrier(MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED) == 0;
+bool LetGlobalBarrierReachUs() noexcept {
+  static const bool reaches = Membarrier(MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED) == 0;
   return reaches;
 }
 
-bool globalBarrierWorks() noexcept {
-  static const bool works = membarrier(MEMBARRIER_CMD_GLOBAL_EXPEDITED) == 0;
+bool GlobalBarrierWorks() noexcept {
+  static const bool works = Membarrier(MEMBARRIER_CMD_GLOBAL_EXPEDITED) == 0;
   return works;
 }
 
-void globalBarrier() noexcept { membarrierOrWait(MEMBARRIER_CMD_GLOBAL_EXPEDITED); }
+void GlobalBarrier() noexcept { MembarrierOrWait(MEMBARRIER_CMD_GLOBAL_EXPEDITED); }
 
 }  // namespace engine

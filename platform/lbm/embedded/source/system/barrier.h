@@ -11,15 +11,15 @@
 
 namespace engine {
 
-inline void keepOrder() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
+inline void KeepOrder() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
 // Threads of this process:
-bool processBarrierWorks() noexcept;
-void processBarrier() noexcept;  // only when it works
+bool ProcessBarrierWorks() noexcept;
+void ProcessBarrier() noexcept;  // only when it works
 
 // Threads of all processes that let them be reached. A process does so for the rest of its life.
-bool letGlobalBarrierReachUs() noexcept;  // false when the system cannot
-bool globalBarrierWorks() noexcept;
-void globalBarrier() noexcept;  // only when it works
+bool LetGlobalBarrierReachUs() noexcept;  // false when the system cannot
+bool GlobalBarrierWorks() noexcept;
+void GlobalBarrier() noexcept;  // only when it works
 
 }  // namespace engine

@@ -19,10 +19,10 @@ constexpr std::chrono::microseconds kWhileOwnerIsInside{20};
 
 }  // namespace
 
-void BiasedMutex::lockAsAnybody() {
+void BiasedMutex::LockAsAnybody() {
   m_mutex.lock();
   if (Owner* const owner = m_owner.exchange(nullptr)) {
-    processBarrier();
+    ProcessBarrier();
     while (owner->inside.load(std::memory_order_acquire)) {
       std::this_thread::sleep_for(kWhileOwnerIsInside);
     }
@@ -35,16 +35,16 @@ void BiasedMutex::lockAsAnybody() {
   }
 }
 
-void BiasedMutex::unlockAsAnybody() noexcept {
+void BiasedMutex::UnlockAsAnybody() noexcept {
   if (++m_times >= kOwnerAfter && m_canBeOwned) {
     m_times = 0;
-    m_owner.store(ownerFor(m_last), std::memory_order_release);
+    m_owner.store(OwnerFor(m_last), std::memory_order_release);
   }
   m_mutex.unlock();
 }
 
 // Null when there is none to be had.
-BiasedMutex::Owner* BiasedMutex::ownerFor(std::thread::id thread) noexcept {
+BiasedMutex::Owner* BiasedMutex::OwnerFor(std::thread::id thread) noexcept {
   const auto known =
       std::find_if(m_owners.begin(), m_owners.end(), [&](const auto& owner) { return owner->thread == thread; });
   if (known != m_owners.end()) {

@@ -21,8 +21,8 @@ namespace engine {
 class BiasedMutex {
  public:
   void lock() {
-    if (!lockAsOwner()) {
-      lockAsAnybody();
+    if (!LockAsOwner()) {
+      LockAsAnybody();
     }
   }
 
@@ -30,7 +30,7 @@ class BiasedMutex {
     if (m_insideAsOwner != nullptr) {
       m_insideAsOwner->inside.store(false, std::memory_order_release);
     } else {
-      unlockAsAnybody();
+      UnlockAsAnybody();
     }
   }
 
@@ -43,7 +43,7 @@ class BiasedMutex {
     std::atomic<bool> inside{false};
   };
 
-  bool lockAsOwner() noexcept {
+  bool LockAsOwner() noexcept {
     Owner* const owner = m_owner.load(std::memory_order_acquire);
     if (owner == nullptr || owner->thread != std::this_thread::get_id()) {
       return false;
@@ -51,7 +51,7 @@ class BiasedMutex {
     // Acquired, because the id may have been that of another thread, which has ended.
     static_cast<void>(owner->inside.load(std::memory_order_acquire));
     owner->inside.store(true, std::memory_order_relaxed);
-    keepOrder();
+    KeepOrder();
     if (m_owner.load(std::memory_order_relaxed) != owner) {
       owner->inside.store(false, std::memory_order_release);
       return false;
@@ -60,11 +60,11 @@ class BiasedMutex {
     return true;
   }
 
-  void lockAsAnybody();
-  void unlockAsAnybody() noexcept;
-  Owner* ownerFor(std::thread::id thread) noexcept;
+  void LockAsAnybody();
+  void UnlockAsAnybody() noexcept;
+  Owner* OwnerFor(std::thread::id thread) noexcept;
 
-  const bool m_canBeOwned = processBarrierWorks();  // asked here, since the first question is a system call
+  const bool m_canBeOwned = ProcessBarrierWorks();  // asked here, since the first question is a system call
   std::atomic<Owner*> m_owner{nullptr};
   Owner* m_insideAsOwner = nullptr;  // for whoever has locked it
 

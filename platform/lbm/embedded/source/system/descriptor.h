@@ -22,8 +22,8 @@ class Descriptor {
     }
   }
 
-  int get() const noexcept { return m_value; }
-  int release() noexcept { return std::exchange(m_value, -1); }
+  int Get() const noexcept { return m_value; }
+  int Release() noexcept { return std::exchange(m_value, -1); }
   explicit operator bool() const noexcept { return m_value >= 0; }
 
  private:

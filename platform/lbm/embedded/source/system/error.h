@@ -12,7 +12,7 @@ class Error : public std::runtime_error {
   // number: one of LBM_E...; text: what was wrong and what to do, without the name of the function called.
   Error(int number, const std::string& text) : std::runtime_error(text), m_number(number) {}
 
-  int number() const noexcept { return m_number; }
+  int Number() const noexcept { return m_number; }
 
  private:
   int m_number;

@@ -27,12 +27,12 @@ namespace engine::transport {
 
 // Who gives way when a subscriber cannot keep up: the source (the message is dropped for that subscriber, who is told
 // of the loss) or nobody (the publisher has to wait).
-enum class Pacing : std::uint8_t { source, receiver };
+enum class Pacing : std::uint8_t { kSource, kReceiver };
 
 struct PublicationInfo {
   std::string topic;
   std::string session;  // names this source of this run to receivers; unique in the domain
-  Pacing pacing = Pacing::source;
+  Pacing pacing = Pacing::kSource;
 };
 
 // A source of this context, made by Transport::advertise.
@@ -49,8 +49,8 @@ class RemoteSource {
   RemoteSource(const RemoteSource&) = delete;
   RemoteSource& operator=(const RemoteSource&) = delete;
 
-  const std::string& topic() const noexcept { return m_topic; }
-  const std::string& session() const noexcept { return m_session; }
+  const std::string& GetTopic() const noexcept { return m_topic; }
+  const std::string& Session() const noexcept { return m_session; }
 
   // For the listener's use; touched only from inside drain().
   void* listenerData = nullptr;
@@ -83,10 +83,10 @@ struct InboundMessage {
 };
 
 enum class SendResult : std::uint8_t {
-  sent,
-  wouldBlock,
-  peerGone,  // the requester is no longer there
-  closed     // the transport is, maybe since the call began
+  kSent,
+  kWouldBlock,
+  kPeerGone,  // the requester is no longer there
+  kClosed     // the transport is, maybe since the call began
 };
 
 class Listener {
@@ -95,24 +95,25 @@ class Listener {
 
   // Once for each appearance and disappearance, for every source of the domain, subscribed or not. Messages that a
   // source had published before it went come before sourceDown. sourceDown does not end the RemoteSource's life.
-  virtual void sourceUp(const std::shared_ptr<RemoteSource>& source) = 0;
-  virtual void sourceDown(const std::shared_ptr<RemoteSource>& source) = 0;
+  virtual void OnSourceUp(const std::shared_ptr<RemoteSource>& source) = 0;
+  virtual void OnSourceDown(const std::shared_ptr<RemoteSource>& source) = 0;
 
-  virtual void message(RemoteSource& source, InboundMessage& message) = 0;
+  virtual void OnMessage(RemoteSource& source, InboundMessage& message) = 0;
 
   // count messages of the source, from sequence number first on, will not arrive. Told before any later message, and
   // also when the lost ones were the last.
-  virtual void loss(RemoteSource& source, std::uint32_t first, std::uint32_t count) = 0;
+  virtual void OnLoss(RemoteSource& source, std::uint32_t first, std::uint32_t count) = 0;
 
   // responder names the context that sent it; unique in the domain.
-  virtual void response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) = 0;
+  virtual void OnResponse(std::uint64_t requestId, const std::string& responder,
+                          std::span<const std::byte> payload) = 0;
 
   // A context subscribed to the publication, or stopped. One without a name is given as it is when it responds.
-  virtual void subscriberJoined(Publication& publication, const std::string& contextName) = 0;
-  virtual void subscriberLeft(Publication& publication, const std::string& contextName) = 0;
+  virtual void OnSubscriberJoined(Publication& publication, const std::string& contextName) = 0;
+  virtual void OnSubscriberLeft(Publication& publication, const std::string& contextName) = 0;
 
   // After a publish that gave wouldBlock: there is room again.
-  virtual void writable(Publication& publication) = 0;
+  virtual void OnWritable(Publication& publication) = 0;
 };
 
 class Transport {
@@ -121,40 +122,40 @@ class Transport {
 
   // Announces a source. The listener hears nothing of the publication once withdraw() has returned, except on the
   // thread that is inside drain() at that moment.
-  virtual std::shared_ptr<Publication> advertise(const PublicationInfo& info) = 0;
-  virtual void withdraw(Publication& publication) = 0;
+  virtual std::shared_ptr<Publication> Advertise(const PublicationInfo& info) = 0;
+  virtual void Withdraw(Publication& publication) = 0;
 
   // Asks for a remote source's messages, from those published after the source has heard of it. Idempotent.
-  virtual void subscribe(RemoteSource& source) = 0;
-  virtual void unsubscribe(RemoteSource& source) = 0;
+  virtual void Subscribe(RemoteSource& source) = 0;
+  virtual void Unsubscribe(RemoteSource& source) = 0;
 
   // Sends to every present subscriber; sent when there is none. The publication's messages are numbered in the order of
   // the calls, the first one 0. With Pacing::receiver, a subscriber without room makes it give wouldBlock, sending
   // nothing to anybody, or wait when block is set; with Pacing::source it never waits. Inside drain() block counts for
   // nothing: the room may depend on that very drain().
-  virtual SendResult publish(Publication& publication, const OutboundMessage& message, bool block) = 0;
+  virtual SendResult Publish(Publication& publication, const OutboundMessage& message, bool block) = 0;
 
   // Answers a request. Inside drain() block counts for nothing, as for publish().
-  virtual SendResult respond(ReplyPath& path, std::span<const iovec> pieces, bool block) = 0;
+  virtual SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, bool block) = 0;
 
   // Takes in what arrived in memory shared with peers, calling the listener, and returns the number of things done; 0
   // when there was nothing. Bounded, so that a busy peer cannot keep the caller. Never waits, and makes no system call
   // on its own account but to tell a sender of room that it asked for.
-  virtual std::size_t drainMemory(Listener& listener) = 0;
+  virtual std::size_t DrainMemory(Listener& listener) = 0;
 
   // The same for all that has arrived; makes system calls. What is not in shared memory is sources and contexts that
   // come and go, subscriptions and responses: a caller that never waits has to look for it now and then.
-  virtual std::size_t drain(Listener& listener) = 0;
+  virtual std::size_t Drain(Listener& listener) = 0;
 
   // Between arm() and disarm() the descriptor becomes readable when drain() has something to do; at other times, only
   // when drainMemory() would not find it. False, and nothing to be disarmed, when there is something already.
-  virtual int descriptor() const noexcept = 0;
-  virtual bool arm() = 0;
-  virtual void disarm() noexcept = 0;
+  virtual int GetDescriptor() const noexcept = 0;
+  virtual bool Arm() = 0;
+  virtual void Disarm() noexcept = 0;
 
   // Leaves the domain: sources are withdrawn, and what was accepted but not yet handed to the operating system is given
   // up to linger to go out. Blocked publishers return. No operation but the destructor may follow.
-  virtual void close(std::chrono::milliseconds linger) noexcept = 0;
+  virtual void Close(std::chrono::milliseconds linger) noexcept = 0;
 };
 
 }  // namespace engine::transport

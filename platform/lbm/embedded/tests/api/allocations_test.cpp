@@ -5,8 +5,8 @@
 
 namespace {
 
-using engine_test::makeContext;
-using engine_test::makeSource;
+using engine_test::MakeContext;
+using engine_test::MakeSource;
 
 class Allocations : public engine_test::PrivateDomain, public testing::WithParamInterface<std::size_t> {};
 
@@ -21,7 +21,7 @@ class Keeper {
     }
   }
 
-  static int receive(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
+  static int Receive(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     Keeper& self = *static_cast<Keeper*>(clientd);
     if (message->type == LBM_MSG_DATA) {
       lbm_msg_t*& place = self.m_kept[self.count++ % self.m_kept.size()];
@@ -42,13 +42,13 @@ class Keeper {
 TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
   const std::string payload(GetParam(), 'x');
   Keeper keeper;
-  lbm_context_t* publisher = makeContext();
-  lbm_context_t* subscriber = makeContext();
-  lbm_src_t* source = makeSource(publisher, "T");
+  lbm_context_t* publisher = MakeContext();
+  lbm_context_t* subscriber = MakeContext();
+  lbm_src_t* source = MakeSource(publisher, "T");
   lbm_rcv_t* receiver = nullptr;
-  ASSERT_EQ(0, lbm_rcv_create(&receiver, subscriber, engine_test::receiverTopic(subscriber, "T"), &Keeper::receive,
+  ASSERT_EQ(0, lbm_rcv_create(&receiver, subscriber, engine_test::ReceiverTopic(subscriber, "T"), &Keeper::Receive,
                               &keeper, nullptr));
-  engine_test::settle({publisher, subscriber});
+  engine_test::Settle({publisher, subscriber});
   // In turns: a message larger than the ring's half goes in several.
   const auto exchange = [&](std::size_t messages) {
     for (std::size_t wanted = keeper.count + 1; messages != 0; ++wanted, --messages) {

@@ -21,7 +21,7 @@ namespace engine_test {
 // A runtime directory for the life of a test.
 class PrivateDomain : public ::testing::Test {
  protected:
-  const std::filesystem::path& directory() const { return m_domain.Directory(); }
+  const std::filesystem::path& GetDirectory() const { return m_domain.Directory(); }
 
  private:
   const test_support::PrivateDomain m_domain;
@@ -29,7 +29,7 @@ class PrivateDomain : public ::testing::Test {
 
 using Options = std::initializer_list<std::pair<const char*, const char*>>;
 
-inline lbm_context_t* makeContext(Options options = {{"operational_mode", "sequential"}}) {
+inline lbm_context_t* MakeContext(Options options = {{"operational_mode", "sequential"}}) {
   lbm_context_attr_t* attr = nullptr;
   lbm_context_t* context = nullptr;
   EXPECT_EQ(0, lbm_context_attr_create(&attr)) << lbm_errmsg();
@@ -41,7 +41,7 @@ inline lbm_context_t* makeContext(Options options = {{"operational_mode", "seque
   return context;
 }
 
-inline lbm_topic_t* receiverTopic(lbm_context_t* context, const char* name, Options options = {}) {
+inline lbm_topic_t* ReceiverTopic(lbm_context_t* context, const char* name, Options options = {}) {
   lbm_rcv_topic_attr_t* attr = nullptr;
   lbm_topic_t* topic = nullptr;
   EXPECT_EQ(0, lbm_rcv_topic_attr_create(&attr));
@@ -53,7 +53,7 @@ inline lbm_topic_t* receiverTopic(lbm_context_t* context, const char* name, Opti
   return topic;
 }
 
-inline lbm_src_t* makeSource(lbm_context_t* context, const char* name, lbm_src_cb_proc proc = nullptr,
+inline lbm_src_t* MakeSource(lbm_context_t* context, const char* name, lbm_src_cb_proc proc = nullptr,
                              void* clientd = nullptr, lbm_event_queue_t* queue = nullptr) {
   lbm_topic_t* topic = nullptr;
   lbm_src_t* source = nullptr;
@@ -62,7 +62,7 @@ inline lbm_src_t* makeSource(lbm_context_t* context, const char* name, lbm_src_c
   return source;
 }
 
-inline int sendText(lbm_src_t* source, const std::string& text) {
+inline int SendText(lbm_src_t* source, const std::string& text) {
   return lbm_src_send(source, text.data(), text.size(), LBM_SRC_FLUSH);
 }
 
@@ -70,15 +70,15 @@ inline int sendText(lbm_src_t* source, const std::string& text) {
 class Recorder {
  public:
   Recorder(lbm_context_t* context, const char* topic, lbm_event_queue_t* queue = nullptr)
-      : Recorder(context, receiverTopic(context, topic), queue) {}
+      : Recorder(context, ReceiverTopic(context, topic), queue) {}
   Recorder(lbm_context_t* context, lbm_topic_t* topic, lbm_event_queue_t* queue = nullptr) {
-    EXPECT_EQ(0, lbm_rcv_create(&m_receiver, context, topic, &Recorder::receive, this, queue)) << lbm_errmsg();
+    EXPECT_EQ(0, lbm_rcv_create(&m_receiver, context, topic, &Recorder::Receive, this, queue)) << lbm_errmsg();
   }
-  ~Recorder() { stop(); }
+  ~Recorder() { Stop(); }
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
-  void stop() {
+  void Stop() {
     if (m_receiver != nullptr) {
       EXPECT_EQ(0, lbm_rcv_delete(std::exchange(m_receiver, nullptr)));
     }
@@ -88,7 +88,7 @@ class Recorder {
   std::function<void(lbm_msg_t&)> onEvent;
   std::vector<std::string> lines;
 
-  static std::string describe(const lbm_msg_t& message) {
+  static std::string Describe(const lbm_msg_t& message) {
     const std::string sequence = " " + std::to_string(message.sequence_number);
     const std::string text = message.data != nullptr ? " " + std::string(message.data, message.len) : "";
     switch (message.type) {
@@ -114,9 +114,9 @@ class Recorder {
   }
 
  private:
-  static int receive(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
+  static int Receive(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     auto& self = *static_cast<Recorder*>(clientd);
-    self.lines.push_back(describe(*message));
+    self.lines.push_back(Describe(*message));
     if (self.onEvent) {
       self.onEvent(*message);
     }
@@ -127,7 +127,7 @@ class Recorder {
 };
 
 // Processes the contexts' events until the condition holds, and fails the test when that takes too long.
-inline bool pumpUntil(std::initializer_list<lbm_context_t*> contexts, const char* what,
+inline bool PumpUntil(std::initializer_list<lbm_context_t*> contexts, const char* what,
                       const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (!condition()) {
@@ -143,7 +143,7 @@ inline bool pumpUntil(std::initializer_list<lbm_context_t*> contexts, const char
 }
 
 // Processes until nothing has happened for a few passes: what was under way has arrived.
-inline void settle(std::initializer_list<lbm_context_t*> contexts) {
+inline void Settle(std::initializer_list<lbm_context_t*> contexts) {
   for (int pass = 0; pass < 10; ++pass) {
     for (lbm_context_t* context : contexts) {
       EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();

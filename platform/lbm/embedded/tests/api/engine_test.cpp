@@ -18,9 +18,9 @@ using Lines = std::vector<std::string>;
 using EngineTest = PrivateDomain;
 
 TEST_F(EngineTest, DeliversInOrderBetweenBeginningAndEndOfSession) {
-  lbm_context_t* publisher = makeContext();
-  lbm_context_t* subscriber = makeContext();
-  lbm_src_t* source = makeSource(publisher, "PRICES");
+  lbm_context_t* publisher = MakeContext();
+  lbm_context_t* subscriber = MakeContext();
+  lbm_src_t* source = MakeSource(publisher, "PRICES");
   Recorder recorder(subscriber, "PRICES");
   std::string session;
   recorder.onEvent = [&](lbm_msg_t& message) {
@@ -29,63 +29,63 @@ TEST_F(EngineTest, DeliversInOrderBetweenBeginningAndEndOfSession) {
     EXPECT_EQ(nullptr, message.response);
     EXPECT_GT(message.timestamp.tv_sec, 0);
   };
-  settle({publisher, subscriber});
+  Settle({publisher, subscriber});
   for (const char* text : {"one", "two", ""}) {
-    EXPECT_EQ(0, sendText(source, text)) << lbm_errmsg();
+    EXPECT_EQ(0, SendText(source, text)) << lbm_errmsg();
   }
   std::array<char, 256> name{};
   std::size_t length = name.size();
   EXPECT_EQ(0, lbm_src_str_getopt(source, "transport_source", name.data(), &length));
-  pumpUntil({publisher, subscriber}, "three messages", [&] { return recorder.lines.size() >= 4; });
+  PumpUntil({publisher, subscriber}, "three messages", [&] { return recorder.lines.size() >= 4; });
   EXPECT_EQ(0, lbm_src_delete(source));
-  pumpUntil({publisher, subscriber}, "the end of the session", [&] { return recorder.lines.size() >= 5; });
+  PumpUntil({publisher, subscriber}, "the end of the session", [&] { return recorder.lines.size() >= 5; });
   EXPECT_EQ((Lines{"BOS 0", "data 0 one", "data 1 two", "data 2", "EOS"}), recorder.lines);
   EXPECT_EQ(name.data(), session);
-  recorder.stop();
+  recorder.Stop();
   EXPECT_EQ(0, lbm_context_delete(subscriber));
   EXPECT_EQ(0, lbm_context_delete(publisher));
 }
 
 TEST_F(EngineTest, AContextHearsItsOwnSourcesAndEveryReceiverGetsEveryMessage) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   Recorder first(context, "LOOP");
   Recorder second(context, "LOOP");
   Recorder other(context, "LOOP.OTHER");
-  lbm_src_t* source = makeSource(context, "LOOP");
-  settle({context});
-  sendText(source, "hello");
-  pumpUntil({context}, "both receivers", [&] { return first.lines.size() >= 2 && second.lines.size() >= 2; });
+  lbm_src_t* source = MakeSource(context, "LOOP");
+  Settle({context});
+  SendText(source, "hello");
+  PumpUntil({context}, "both receivers", [&] { return first.lines.size() >= 2 && second.lines.size() >= 2; });
   EXPECT_EQ((Lines{"BOS 0", "data 0 hello"}), first.lines);
   EXPECT_EQ(first.lines, second.lines);
   EXPECT_TRUE(other.lines.empty());
-  first.stop();
-  second.stop();
-  other.stop();
+  first.Stop();
+  second.Stop();
+  other.Stop();
   lbm_src_delete(source);
   lbm_context_delete(context);
 }
 
 TEST_F(EngineTest, AReceiverThatComesLateStartsItsSessionAtTheNextMessage) {
-  lbm_context_t* context = makeContext();
-  lbm_src_t* source = makeSource(context, "LATE");
+  lbm_context_t* context = MakeContext();
+  lbm_src_t* source = MakeSource(context, "LATE");
   Recorder early(context, "LATE");
-  settle({context});
-  sendText(source, "a");
-  pumpUntil({context}, "the first message", [&] { return early.lines.size() >= 2; });
+  Settle({context});
+  SendText(source, "a");
+  PumpUntil({context}, "the first message", [&] { return early.lines.size() >= 2; });
   Recorder late(context, "LATE");
-  settle({context});
-  sendText(source, "b");
-  pumpUntil({context}, "the second message", [&] { return late.lines.size() >= 2; });
+  Settle({context});
+  SendText(source, "b");
+  PumpUntil({context}, "the second message", [&] { return late.lines.size() >= 2; });
   EXPECT_EQ((Lines{"BOS 1", "data 1 b"}), late.lines);
   lbm_src_delete(source);
-  early.stop();
-  late.stop();
+  early.Stop();
+  late.Stop();
   lbm_context_delete(context);
 }
 
 TEST_F(EngineTest, ARetainedMessageOutlivesEverythingItCameFrom) {
-  lbm_context_t* context = makeContext();
-  lbm_src_t* source = makeSource(context, "KEEP");
+  lbm_context_t* context = MakeContext();
+  lbm_src_t* source = MakeSource(context, "KEEP");
   auto recorder = std::make_unique<Recorder>(context, "KEEP");
   lbm_msg_t* kept = nullptr;
   recorder->onEvent = [&](lbm_msg_t& message) {
@@ -93,9 +93,9 @@ TEST_F(EngineTest, ARetainedMessageOutlivesEverythingItCameFrom) {
       lbm_msg_retain(kept = &message);
     }
   };
-  settle({context});
-  sendText(source, std::string(100'000, 'x'));
-  pumpUntil({context}, "the message", [&] { return kept != nullptr; });
+  Settle({context});
+  SendText(source, std::string(100'000, 'x'));
+  PumpUntil({context}, "the message", [&] { return kept != nullptr; });
   recorder.reset();
   lbm_src_delete(source);
   lbm_context_delete(context);
@@ -106,46 +106,46 @@ TEST_F(EngineTest, ARetainedMessageOutlivesEverythingItCameFrom) {
 }
 
 TEST_F(EngineTest, ChildrenMayOutliveTheirContext) {
-  lbm_context_t* context = makeContext();
-  lbm_src_t* source = makeSource(context, "ORPHAN");
+  lbm_context_t* context = MakeContext();
+  lbm_src_t* source = MakeSource(context, "ORPHAN");
   Recorder recorder(context, "ORPHAN");
-  settle({context});
+  Settle({context});
   EXPECT_EQ(0, lbm_context_delete(context));
-  EXPECT_EQ(-1, sendText(source, "nobody"));
+  EXPECT_EQ(-1, SendText(source, "nobody"));
   EXPECT_EQ(LBM_EOP, lbm_errnum());
   EXPECT_EQ(0, lbm_src_delete(source));
-  recorder.stop();
+  recorder.Stop();
 }
 
 TEST_F(EngineTest, AReceiverDeletedInItsOwnCallbackHearsNothingMore) {
-  lbm_context_t* context = makeContext();
-  lbm_src_t* source = makeSource(context, "SELF");
+  lbm_context_t* context = MakeContext();
+  lbm_src_t* source = MakeSource(context, "SELF");
   Recorder doomed(context, "SELF");
   Recorder witness(context, "SELF");
-  doomed.onEvent = [&](lbm_msg_t&) { doomed.stop(); };
-  settle({context});
-  sendText(source, "a");
-  sendText(source, "b");
-  pumpUntil({context}, "the other receiver", [&] { return witness.lines.size() >= 3; });
+  doomed.onEvent = [&](lbm_msg_t&) { doomed.Stop(); };
+  Settle({context});
+  SendText(source, "a");
+  SendText(source, "b");
+  PumpUntil({context}, "the other receiver", [&] { return witness.lines.size() >= 3; });
   EXPECT_EQ((Lines{"BOS 0"}), doomed.lines);
   lbm_src_delete(source);
-  witness.stop();
+  witness.Stop();
   lbm_context_delete(context);
 }
 
 // A source that says when its first subscriber is there.
 class ConnectedSource {
  public:
-  ConnectedSource(lbm_context_t* context, const char* topic) : m_source(makeSource(context, topic, &event, this)) {}
+  ConnectedSource(lbm_context_t* context, const char* topic) : m_source(MakeSource(context, topic, &GetEvent, this)) {}
   ~ConnectedSource() { EXPECT_EQ(0, lbm_src_delete(m_source)); }
 
-  lbm_src_t* get() const { return m_source; }
-  void waitForSubscriber() {
+  lbm_src_t* Get() const { return m_source; }
+  void WaitForSubscriber() {
     ASSERT_EQ(std::future_status::ready, m_connected.get_future().wait_for(std::chrono::seconds(30)));
   }
 
  private:
-  static int event(lbm_src_t*, int event, void* data, void* clientd) {
+  static int GetEvent(lbm_src_t*, int event, void* data, void* clientd) {
     if (event == LBM_SRC_EVENT_CONNECT) {
       EXPECT_NE(nullptr, data);
       static_cast<ConnectedSource*>(clientd)->m_connected.set_value();
@@ -158,11 +158,11 @@ class ConnectedSource {
 };
 
 TEST_F(EngineTest, ASourceIsReadyForUseInItsFirstCallback) {
-  lbm_context_t* context = makeContext({});
+  lbm_context_t* context = MakeContext({});
   Recorder recorder(context, "READY");
   const auto onEvent = [](lbm_src_t* source, int event, void*, void* clientd) {
     if (event == LBM_SRC_EVENT_CONNECT) {
-      EXPECT_EQ(0, sendText(source, "welcome"));
+      EXPECT_EQ(0, SendText(source, "welcome"));
       EXPECT_EQ(0, lbm_src_delete(source));
       static_cast<std::promise<void>*>(clientd)->set_value();
     }
@@ -170,15 +170,15 @@ TEST_F(EngineTest, ASourceIsReadyForUseInItsFirstCallback) {
   };
   for (int round = 0; round < 50; ++round) {
     std::promise<void> connected;
-    makeSource(context, "READY", onEvent, &connected);
+    MakeSource(context, "READY", onEvent, &connected);
     ASSERT_EQ(std::future_status::ready, connected.get_future().wait_for(std::chrono::seconds(30)));
   }
-  recorder.stop();
+  recorder.Stop();
   lbm_context_delete(context);
 }
 
 TEST_F(EngineTest, DeletingAReceiverWaitsForItsRunningCallback) {
-  lbm_context_t* context = makeContext({});  // runs a thread of its own
+  lbm_context_t* context = MakeContext({});  // runs a thread of its own
   std::promise<void> inside;
   std::promise<void> goOn;
   Recorder recorder(context, "WAIT");
@@ -190,10 +190,10 @@ TEST_F(EngineTest, DeletingAReceiverWaitsForItsRunningCallback) {
   };
   {
     ConnectedSource source(context, "WAIT");
-    source.waitForSubscriber();
-    sendText(source.get(), "stay");
+    source.WaitForSubscriber();
+    SendText(source.Get(), "stay");
     inside.get_future().wait();
-    std::future<void> deleted = std::async(std::launch::async, [&] { recorder.stop(); });
+    std::future<void> deleted = std::async(std::launch::async, [&] { recorder.Stop(); });
     EXPECT_EQ(std::future_status::timeout, deleted.wait_for(std::chrono::milliseconds(50)));
     goOn.set_value();
     EXPECT_EQ(std::future_status::ready, deleted.wait_for(std::chrono::seconds(30)));
@@ -203,8 +203,8 @@ TEST_F(EngineTest, DeletingAReceiverWaitsForItsRunningCallback) {
 
 TEST_F(EngineTest, AContextMayBeDeletedInItsOwnCallback) {
   for (const bool sequential : {true, false}) {
-    lbm_context_t* context = makeContext({{"operational_mode", sequential ? "sequential" : "embedded"}});
-    lbm_src_t* source = makeSource(context, "END");
+    lbm_context_t* context = MakeContext({{"operational_mode", sequential ? "sequential" : "embedded"}});
+    lbm_src_t* source = MakeSource(context, "END");
     Recorder recorder(context, "END");
     Recorder after(context, "END");
     std::promise<void> deleted;
@@ -216,21 +216,21 @@ TEST_F(EngineTest, AContextMayBeDeletedInItsOwnCallback) {
     };
     std::future<void> done = deleted.get_future();
     while (done.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-      static_cast<void>(sendText(source, "x"));
+      static_cast<void>(SendText(source, "x"));
       if (sequential) {
         EXPECT_EQ(0, lbm_context_process_events(context, 1));
       }
     }
     lbm_src_delete(source);
-    recorder.stop();
-    after.stop();
+    recorder.Stop();
+    after.Stop();
     EXPECT_EQ((Lines{}), after.lines);
     EXPECT_EQ(1U, recorder.lines.size());
   }
 }
 
 TEST_F(EngineTest, AnEventQueueMovesCallbacksToTheDispatchingThread) {
-  lbm_context_t* context = makeContext({});
+  lbm_context_t* context = MakeContext({});
   lbm_event_queue_t* queue = nullptr;
   ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
   Recorder queued(context, "QUEUE", queue);
@@ -243,13 +243,13 @@ TEST_F(EngineTest, AnEventQueueMovesCallbacksToTheDispatchingThread) {
   };
   {
     ConnectedSource source(context, "QUEUE");
-    source.waitForSubscriber();
+    source.WaitForSubscriber();
     for (const char* text : {"a", "b", "c"}) {
-      sendText(source.get(), text);
+      SendText(source.Get(), text);
     }
     EXPECT_EQ(4, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_BLOCK));
   }
-  queued.stop();
+  queued.Stop();
   lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL);
   EXPECT_EQ((Lines{"BOS 0", "data 0 a", "data 1 b", "data 2 c"}), queued.lines)
       << "events after the deletion are dropped";
@@ -262,10 +262,10 @@ TEST_F(EngineTest, AnEventQueueMovesCallbacksToTheDispatchingThread) {
 }
 
 TEST_F(EngineTest, DeletingAContextSilencesItsReceiversOnEventQueues) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   lbm_event_queue_t* queue = nullptr;
   ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
-  lbm_src_t* source = makeSource(context, "SILENCE");
+  lbm_src_t* source = MakeSource(context, "SILENCE");
   Recorder recorder(context, "SILENCE", queue);
   std::promise<void> inside;
   std::promise<void> goOn;
@@ -273,9 +273,9 @@ TEST_F(EngineTest, DeletingAContextSilencesItsReceiversOnEventQueues) {
     inside.set_value();
     goOn.get_future().wait();
   };
-  settle({context});
-  EXPECT_EQ(0, sendText(source, "a"));
-  settle({context});
+  Settle({context});
+  EXPECT_EQ(0, SendText(source, "a"));
+  Settle({context});
   std::future<int> dispatched =
       std::async(std::launch::async, [&] { return lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL); });
   inside.get_future().wait();
@@ -286,38 +286,38 @@ TEST_F(EngineTest, DeletingAContextSilencesItsReceiversOnEventQueues) {
   EXPECT_EQ(0, deleted.get());
   dispatched.get();
   EXPECT_EQ((Lines{"BOS 0"}), recorder.lines) << "the message behind it is dropped";
-  recorder.stop();
+  recorder.Stop();
   lbm_src_delete(source);
   lbm_event_queue_delete(queue);
 }
 
 TEST_F(EngineTest, PollingAnEventQueueIsDoneWithWhatIsThere) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   lbm_event_queue_t* queue = nullptr;
   ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
-  lbm_src_t* source = makeSource(context, "ENDLESS");
+  lbm_src_t* source = MakeSource(context, "ENDLESS");
   Recorder recorder(context, "ENDLESS", queue);
   recorder.onEvent = [&](lbm_msg_t&) {
     if (recorder.lines.size() < 100) {
-      sendText(source, "another");
-      settle({context});
+      SendText(source, "another");
+      Settle({context});
     }
   };
-  settle({context});
-  sendText(source, "first");
-  settle({context});
+  Settle({context});
+  SendText(source, "first");
+  Settle({context});
   EXPECT_EQ(2, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL)) << "beginning of session and the message";
   EXPECT_EQ(2, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL)) << "one of each callback";
-  recorder.stop();
+  recorder.Stop();
   lbm_src_delete(source);
   lbm_event_queue_delete(queue);
   lbm_context_delete(context);
 }
 
 TEST_F(EngineTest, RequestsAreAnsweredUntilTheyAreDeleted) {
-  lbm_context_t* asker = makeContext();
-  lbm_context_t* server = makeContext();
-  lbm_src_t* source = makeSource(asker, "ASK");
+  lbm_context_t* asker = MakeContext();
+  lbm_context_t* server = MakeContext();
+  lbm_src_t* source = MakeSource(asker, "ASK");
   Recorder first(server, "ASK");
   Recorder second(server, "ASK");
   lbm_response_t* takenOver = nullptr;
@@ -332,43 +332,43 @@ TEST_F(EngineTest, RequestsAreAnsweredUntilTheyAreDeleted) {
       takenOver = std::exchange(message.response, nullptr);
     }
   };
-  settle({asker, server});
+  Settle({asker, server});
   Lines answers;
   lbm_request_t* request = nullptr;
   const auto onAnswer = [](lbm_request_t*, lbm_msg_t* message, void* clientd) {
-    static_cast<Lines*>(clientd)->push_back(Recorder::describe(*message));
+    static_cast<Lines*>(clientd)->push_back(Recorder::Describe(*message));
     return 0;
   };
   ASSERT_EQ(0, lbm_send_request(&request, source, "?", 1, onAnswer, &answers, nullptr, 0)) << lbm_errmsg();
-  pumpUntil({asker, server}, "two answers", [&] { return answers.size() >= 2 && takenOver != nullptr; });
+  PumpUntil({asker, server}, "two answers", [&] { return answers.size() >= 2 && takenOver != nullptr; });
   EXPECT_EQ(0, lbm_send_response(takenOver, "three", 5, 0));
-  pumpUntil({asker, server}, "the third answer", [&] { return answers.size() >= 3; });
+  PumpUntil({asker, server}, "the third answer", [&] { return answers.size() >= 3; });
   EXPECT_EQ((Lines{"response one", "response two", "response three"}), answers);
   EXPECT_EQ("request 0 ?", second.lines.back());
   EXPECT_EQ(0, lbm_request_delete(request));
   EXPECT_EQ(0, lbm_send_response(takenOver, "late", 4, 0));
-  settle({asker, server});
+  Settle({asker, server});
   EXPECT_EQ(3U, answers.size());
   lbm_src_delete(source);
   lbm_context_delete(asker);
-  pumpUntil({server}, "the asker's end", [&] { return second.lines.back() == "EOS"; });
+  PumpUntil({server}, "the asker's end", [&] { return second.lines.back() == "EOS"; });
   EXPECT_EQ(-1, lbm_send_response(takenOver, "gone", 4, 0));
   EXPECT_EQ(LBM_EOP, lbm_errnum());
   EXPECT_EQ(0, lbm_response_delete(takenOver));
-  first.stop();
-  second.stop();
+  first.Stop();
+  second.Stop();
   lbm_context_delete(server);
 }
 
 TEST_F(EngineTest, TellsWhenNoSourceIsFound) {
-  lbm_context_t* context = makeContext();
-  Recorder impatient(context, receiverTopic(context, "NOBODY", {{"no_source_notification_delay", "1"}}));
-  Recorder never(context, receiverTopic(context, "NOBODY", {{"no_source_notification_delay", "0"}}));
-  pumpUntil({context}, "the notification", [&] { return !impatient.lines.empty(); });
+  lbm_context_t* context = MakeContext();
+  Recorder impatient(context, ReceiverTopic(context, "NOBODY", {{"no_source_notification_delay", "1"}}));
+  Recorder never(context, ReceiverTopic(context, "NOBODY", {{"no_source_notification_delay", "0"}}));
+  PumpUntil({context}, "the notification", [&] { return !impatient.lines.empty(); });
   EXPECT_EQ((Lines{"no source"}), impatient.lines);
   EXPECT_TRUE(never.lines.empty());
-  impatient.stop();
-  never.stop();
+  impatient.Stop();
+  never.Stop();
   lbm_context_delete(context);
 }
 
@@ -414,22 +414,22 @@ TEST_F(EngineTest, NotifiesOnceOfEachSourceThatComesAndGoes) {
       clientData.push_back(message.source_clientd);
     }
   };
-  lbm_context_t* publisher = makeContext();
-  lbm_src_t* status = makeSource(publisher, "STATUS");
-  lbm_src_t* other = makeSource(publisher, "OTHER");
-  pumpUntil({subscriber, publisher}, "both sources", [&] { return resolver.size() >= 2; });
-  settle({subscriber, publisher});
-  sendText(status, "up");
-  pumpUntil({subscriber, publisher}, "the message", [&] { return clientData.size() >= 2; });
+  lbm_context_t* publisher = MakeContext();
+  lbm_src_t* status = MakeSource(publisher, "STATUS");
+  lbm_src_t* other = MakeSource(publisher, "OTHER");
+  PumpUntil({subscriber, publisher}, "both sources", [&] { return resolver.size() >= 2; });
+  Settle({subscriber, publisher});
+  SendText(status, "up");
+  PumpUntil({subscriber, publisher}, "the message", [&] { return clientData.size() >= 2; });
   EXPECT_EQ((std::vector<void*>{&notified, nullptr}), clientData);
   lbm_src_delete(status);
-  pumpUntil({subscriber, publisher}, "the end", [&] { return notified.size() >= 2; });
-  status = makeSource(publisher, "STATUS");
-  pumpUntil({subscriber, publisher}, "the return", [&] { return notified.size() >= 3; });
+  PumpUntil({subscriber, publisher}, "the end", [&] { return notified.size() >= 2; });
+  status = MakeSource(publisher, "STATUS");
+  PumpUntil({subscriber, publisher}, "the return", [&] { return notified.size() >= 3; });
   EXPECT_EQ((Lines{"STATUS named", "OTHER named", "STATUS named"}), resolver);
-  first.stop();
-  second.stop();
-  plain.stop();
+  first.Stop();
+  second.Stop();
+  plain.Stop();
   lbm_context_delete(subscriber);
   EXPECT_EQ((Lines{"create", "delete", "create", "delete"}), notified) << "the last when the context was deleted";
   lbm_src_delete(status);
@@ -443,22 +443,22 @@ struct Pipe {
   Pipe() { EXPECT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK)); }
   ~Pipe() {
     ::close(ends[0]);
-    hangUp();
+    HangUp();
   }
-  void hangUp() {
+  void HangUp() {
     if (ends[1] >= 0) {
       ::close(std::exchange(ends[1], -1));
     }
   }
-  void put() const { EXPECT_EQ(1, ::write(ends[1], "x", 1)); }
-  void take() const {
+  void Put() const { EXPECT_EQ(1, ::write(ends[1], "x", 1)); }
+  void Take() const {
     char byte = 0;
     EXPECT_EQ(1, ::read(ends[0], &byte, 1));
   }
 };
 
 TEST_F(EngineTest, WatchesDescriptorsUntilTheyAreCancelled) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   struct Watch {
     Pipe pipe;
     int calls = 0;
@@ -472,7 +472,7 @@ TEST_F(EngineTest, WatchesDescriptorsUntilTheyAreCancelled) {
     if (self.cancelInside) {
       EXPECT_EQ(0, lbm_cancel_fd(ctx, fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
     } else {
-      self.pipe.take();
+      self.pipe.Take();
     }
     return 0;
   };
@@ -481,12 +481,12 @@ TEST_F(EngineTest, WatchesDescriptorsUntilTheyAreCancelled) {
   EXPECT_EQ(-1, lbm_register_fd(context, fd, onReadable, &watch, nullptr, LBM_FD_EVENT_READ));
   EXPECT_EQ(-1, lbm_register_fd(context, fd, onReadable, &watch, nullptr, 64));
   EXPECT_EQ(-1, lbm_register_fd(context, -1, onReadable, &watch, nullptr, LBM_FD_EVENT_READ));
-  watch.pipe.put();
-  pumpUntil({context}, "the first byte", [&] { return watch.calls == 1; });
+  watch.pipe.Put();
+  PumpUntil({context}, "the first byte", [&] { return watch.calls == 1; });
   watch.cancelInside = true;
-  watch.pipe.put();
-  pumpUntil({context}, "the second byte", [&] { return watch.calls == 2; });
-  settle({context});
+  watch.pipe.Put();
+  PumpUntil({context}, "the second byte", [&] { return watch.calls == 2; });
+  Settle({context});
   EXPECT_EQ(2, watch.calls);
   EXPECT_EQ(-1, lbm_cancel_fd(context, fd, LBM_FD_EVENT_READ));
   EXPECT_EQ(LBM_EINVAL, lbm_errnum());
@@ -494,7 +494,7 @@ TEST_F(EngineTest, WatchesDescriptorsUntilTheyAreCancelled) {
 }
 
 TEST_F(EngineTest, ACancellationNoticeComesAfterTheLastCallback) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   lbm_event_queue_attr_t* attr = nullptr;
   lbm_event_queue_t* queue = nullptr;
   lbm_event_queue_t* silent = nullptr;
@@ -512,16 +512,16 @@ TEST_F(EngineTest, ACancellationNoticeComesAfterTheLastCallback) {
   };
   const auto onCancelled = [](int, void* clientd) { static_cast<Lines*>(clientd)->push_back("cancelled"); };
   ASSERT_EQ(0, lbm_register_fd(context, pipe.ends[0], onReadable, &lines, queue, LBM_FD_EVENT_READ));
-  pipe.put();
+  pipe.Put();
   for (int round = 1; round <= 2; ++round) {
-    pumpUntil({context}, "the readable descriptor", [&] { return lbm_event_dispatch(queue, 0) > 0; });
+    PumpUntil({context}, "the readable descriptor", [&] { return lbm_event_dispatch(queue, 0) > 0; });
   }
   EXPECT_EQ((Lines{"readable", "readable"}), lines) << "once for each look while it stays readable";
   const lbm_event_queue_cancel_cb_info_t wrong{silent, onCancelled, &lines};
   EXPECT_EQ(-1, lbm_cancel_fd_ex(context, pipe.ends[0], LBM_FD_EVENT_READ, &wrong)) << "gives no such notices";
   const lbm_event_queue_cancel_cb_info_t info{queue, onCancelled, &lines};
   EXPECT_EQ(0, lbm_cancel_fd_ex(context, pipe.ends[0], LBM_FD_EVENT_READ, &info)) << lbm_errmsg();
-  pumpUntil({context}, "the notice", [&] {
+  PumpUntil({context}, "the notice", [&] {
     lbm_event_dispatch(queue, 0);
     return lines.back() == "cancelled";
   });
@@ -532,14 +532,14 @@ TEST_F(EngineTest, ACancellationNoticeComesAfterTheLastCallback) {
 }
 
 // What the thread has used of a processor.
-std::chrono::nanoseconds threadTime() {
+std::chrono::nanoseconds ThreadTime() {
   timespec used{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
   return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
 }
 
 TEST_F(EngineTest, AHangUpThatNobodyTakesKeepsNoThreadBusy) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   lbm_event_queue_t* queue = nullptr;
   ASSERT_EQ(0, lbm_event_queue_create(&queue, nullptr, nullptr, nullptr));
   const auto count = [](lbm_context_t*, int, lbm_ulong_t, void* clientd) {
@@ -547,20 +547,20 @@ TEST_F(EngineTest, AHangUpThatNobodyTakesKeepsNoThreadBusy) {
     return 0;
   };
   const auto expectIdle = [&] {
-    settle({context});
-    const auto before = threadTime();
+    Settle({context});
+    const auto before = ThreadTime();
     EXPECT_EQ(0, lbm_context_process_events(context, 300)) << lbm_errmsg();
-    EXPECT_LT(threadTime() - before, std::chrono::milliseconds(40));
+    EXPECT_LT(ThreadTime() - before, std::chrono::milliseconds(40));
   };
   Pipe pipe;
   int calls = 0;
   const int fd = pipe.ends[0];
   ASSERT_EQ(0, lbm_register_fd(context, fd, count, &calls, queue, LBM_FD_EVENT_READ)) << lbm_errmsg();
-  pipe.hangUp();
+  pipe.HangUp();
   expectIdle();
   for (int round = 1; round <= 2; ++round) {
     EXPECT_EQ(1, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL));
-    settle({context});
+    Settle({context});
   }
   EXPECT_EQ(2, calls);
   EXPECT_EQ(0, lbm_cancel_fd(context, fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
@@ -569,13 +569,13 @@ TEST_F(EngineTest, AHangUpThatNobodyTakesKeepsNoThreadBusy) {
   expectIdle();
   EXPECT_EQ(2, calls);
   ASSERT_EQ(0, lbm_register_fd(context, fd, count, &calls, nullptr, LBM_FD_EVENT_READ)) << lbm_errmsg();
-  pumpUntil({context}, "the hang-up", [&] { return calls > 2; });
+  PumpUntil({context}, "the hang-up", [&] { return calls > 2; });
   lbm_event_queue_delete(queue);
   lbm_context_delete(context);
 }
 
 TEST_F(EngineTest, NothingIsCalledAfterTheNoticeThatDeletesTheContext) {
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   Pipe pipe;
   int calls = 0;
   const auto count = [](lbm_context_t*, int, lbm_ulong_t, void*) { return 0; };
@@ -602,8 +602,8 @@ TEST_F(EngineTest, NothingIsCalledAfterTheNoticeThatDeletesTheContext) {
 }
 
 TEST_F(EngineTest, ProcessingWaitsUntilUnblockedAndIsForOneThread) {
-  lbm_context_t* context = makeContext();
-  settle({context});
+  lbm_context_t* context = MakeContext();
+  Settle({context});
   std::future<void> waiting = std::async(std::launch::async, [&] {
     while (lbm_context_process_events(context, 3'600'000) != 0) {  // turned away: this thread is inside
     }
@@ -617,26 +617,26 @@ TEST_F(EngineTest, ProcessingWaitsUntilUnblockedAndIsForOneThread) {
   EXPECT_EQ(0, lbm_context_process_events(context, 3'600'000)) << "an unblock before the call counts";
   lbm_context_delete(context);
 
-  lbm_context_t* threaded = makeContext({});
+  lbm_context_t* threaded = MakeContext({});
   EXPECT_EQ(-1, lbm_context_process_events(threaded, 0));
   EXPECT_NE(nullptr, std::strstr(lbm_errmsg(), "operational_mode"));
   lbm_context_delete(threaded);
 }
 
 TEST_F(EngineTest, WaitingForAMessageTakesNoProcessor) {
-  lbm_context_t* publisher = makeContext();
-  lbm_context_t* subscriber = makeContext();
-  lbm_src_t* source = makeSource(publisher, "T");
+  lbm_context_t* publisher = MakeContext();
+  lbm_context_t* subscriber = MakeContext();
+  lbm_src_t* source = MakeSource(publisher, "T");
   Recorder recorder(subscriber, "T");
-  settle({publisher, subscriber});
-  sendText(source, "so that there is a ring");
-  settle({publisher, subscriber});
+  Settle({publisher, subscriber});
+  SendText(source, "so that there is a ring");
+  Settle({publisher, subscriber});
   std::future<std::chrono::nanoseconds> waiting = std::async(std::launch::async, [&] {
     std::chrono::nanoseconds used{};
     while (recorder.lines.size() < 3) {
-      const auto before = threadTime();
+      const auto before = ThreadTime();
       if (lbm_context_process_events(subscriber, 3'600'000) == 0) {  // not turned away: the other thread was outside
-        used += threadTime() - before;
+        used += ThreadTime() - before;
       }
     }
     return used;
@@ -644,19 +644,19 @@ TEST_F(EngineTest, WaitingForAMessageTakesNoProcessor) {
   while (lbm_context_process_events(subscriber, 0) == 0) {  // until the other thread is inside
   }
   EXPECT_EQ(0, lbm_context_process_events(publisher, 300)) << "lets time pass";
-  sendText(source, "wake up");
+  SendText(source, "wake up");
   EXPECT_LT(waiting.get(), std::chrono::milliseconds(40));
   EXPECT_EQ("data 1 wake up", recorder.lines.back());
-  recorder.stop();
+  recorder.Stop();
   lbm_src_delete(source);
   lbm_context_delete(subscriber);
   lbm_context_delete(publisher);
 }
 
 TEST_F(EngineTest, RefusesWhatCannotWorkAndSaysWhy) {
-  lbm_context_t* context = makeContext();
-  lbm_context_t* other = makeContext();
-  lbm_topic_t* topic = receiverTopic(context, "T");
+  lbm_context_t* context = MakeContext();
+  lbm_context_t* other = MakeContext();
+  lbm_topic_t* topic = ReceiverTopic(context, "T");
   const auto proc = [](lbm_rcv_t*, lbm_msg_t*, void*) { return 0; };
   lbm_rcv_t* receiver = nullptr;
   lbm_src_t* source = nullptr;
@@ -671,24 +671,24 @@ TEST_F(EngineTest, RefusesWhatCannotWorkAndSaysWhy) {
   EXPECT_EQ(-1, lbm_src_send(nullptr, "x", 1, 0));
   EXPECT_EQ(LBM_EINVAL, lbm_errnum());
   Recorder recorder(context, "PIECES");
-  lbm_src_t* pieces = makeSource(context, "PIECES");
-  settle({context});
+  lbm_src_t* pieces = MakeSource(context, "PIECES");
+  Settle({context});
   const std::array<iovec, 2> torn{{{nullptr, 0}, {nullptr, 5}}};
   EXPECT_EQ(-1, lbm_src_sendv(pieces, torn.data(), 2, 0));
   EXPECT_EQ(LBM_EINVAL, lbm_errnum());
   EXPECT_EQ(0, lbm_src_sendv(pieces, torn.data(), 1, 0));
-  pumpUntil({context}, "the message after the refused one", [&] { return recorder.lines.size() == 2; });
+  PumpUntil({context}, "the message after the refused one", [&] { return recorder.lines.size() == 2; });
   lbm_src_delete(pieces);
-  recorder.stop();
-  EXPECT_EQ(receiverTopic(context, "SAME"), receiverTopic(context, "SAME"));
-  EXPECT_NE(receiverTopic(context, "SAME"), receiverTopic(context, "SAME", {{"loss_burst_threshold", "3"}}));
+  recorder.Stop();
+  EXPECT_EQ(ReceiverTopic(context, "SAME"), ReceiverTopic(context, "SAME"));
+  EXPECT_NE(ReceiverTopic(context, "SAME"), ReceiverTopic(context, "SAME", {{"loss_burst_threshold", "3"}}));
   lbm_context_delete(other);
   lbm_context_delete(context);
 }
 
 TEST_F(EngineTest, ALiveContextTellsItsOptions) {
   const std::string longName(1023, 'n');
-  lbm_context_t* context = makeContext({{"operational_mode", "sequential"}, {"context_name", longName.c_str()}});
+  lbm_context_t* context = MakeContext({{"operational_mode", "sequential"}, {"context_name", longName.c_str()}});
   std::array<char, 1024> name{};
   std::size_t length = name.size() - 1;
   EXPECT_EQ(0, lbm_context_str_getopt(context, "context_name", name.data(), &length)) << lbm_errmsg();
@@ -708,12 +708,12 @@ TEST_F(EngineTest, ALiveContextTellsItsOptions) {
 }
 
 TEST_F(EngineTest, EndpointsComeAndGoOnManyThreadsWhileMessagesFlow) {
-  lbm_context_t* context = makeContext({});
+  lbm_context_t* context = MakeContext({});
   std::atomic<bool> stop{false};
-  lbm_src_t* steady = makeSource(context, "BUSY");
+  lbm_src_t* steady = MakeSource(context, "BUSY");
   std::thread sender([&] {
     while (!stop) {
-      EXPECT_EQ(0, sendText(steady, "tick"));
+      EXPECT_EQ(0, SendText(steady, "tick"));
     }
   });
   std::vector<std::thread> threads;
@@ -721,8 +721,8 @@ TEST_F(EngineTest, EndpointsComeAndGoOnManyThreadsWhileMessagesFlow) {
     threads.emplace_back([&] {
       for (int round = 0; round < 50; ++round) {
         Recorder recorder(context, "BUSY");
-        lbm_src_t* source = makeSource(context, "BUSY");
-        EXPECT_EQ(0, sendText(source, "hello"));
+        lbm_src_t* source = MakeSource(context, "BUSY");
+        EXPECT_EQ(0, SendText(source, "hello"));
         EXPECT_EQ(0, lbm_src_delete(source));
       }
     });

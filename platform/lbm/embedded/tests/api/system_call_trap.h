@@ -13,6 +13,6 @@ struct SystemCalls {
 
 // From here on this thread can make no system call but those that SystemCalls counts and the one that ends the process;
 // any other ends it. False when the system does not allow traps, or this is no machine for which they are written.
-bool trapSystemCalls(SystemCalls& calls);
+bool TrapSystemCalls(SystemCalls& calls);
 
 }  // namespace engine_test

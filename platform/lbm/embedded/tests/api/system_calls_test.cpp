@@ -23,56 +23,56 @@ constexpr int kNoTraps = 77;              // exit code
 // Answers every message of PING with one of PONG, from the warm-up on without system calls, and exits.
 class Answerer {
  public:
-  [[noreturn]] static void run(SystemCalls& calls) {
+  [[noreturn]] static void Run(SystemCalls& calls) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     Answerer answerer;
     // Whoever hears PING being received is listening to PONG by then.
     while (!answerer.m_heard) {
-      answerer.process(1);
+      answerer.Process(1);
     }
     lbm_rcv_t* receiver = nullptr;
-    check(lbm_rcv_create(&receiver, answerer.m_context, receiverTopic(answerer.m_context, "PING"), &answer, &answerer,
+    Check(lbm_rcv_create(&receiver, answerer.m_context, ReceiverTopic(answerer.m_context, "PING"), &Answer, &answerer,
                          nullptr));
     while (answerer.m_answers < kWarmUp) {
-      answerer.process(answerer.m_answers == 0 ? 1 : 0);
+      answerer.Process(answerer.m_answers == 0 ? 1 : 0);
     }
     using Clock = std::chrono::steady_clock;
     const auto begin = Clock::now();
-    if (!trapSystemCalls(calls)) {
+    if (!TrapSystemCalls(calls)) {
       ::_exit(kNoTraps);
     }
     while (answerer.m_answers < kWarmUp + kTrapped) {
-      answerer.process(0);
+      answerer.Process(0);
     }
     const auto looksDue = (Clock::now() - begin) / engine::core::Dispatcher::kLookEvery + 1;
     ::_exit(calls.looks <= looksDue ? 0 : 2);
   }
 
  private:
-  static void check(int result) {
+  static void Check(int result) {
     if (result != 0) {
       ::_exit(3);
     }
   }
 
-  void process(lbm_ulong_t msec) { check(lbm_context_process_events(m_context, msec)); }
+  void Process(lbm_ulong_t msec) { Check(lbm_context_process_events(m_context, msec)); }
 
-  static int connected(lbm_src_t*, int event, void*, void* clientd) {
+  static int Connected(lbm_src_t*, int event, void*, void* clientd) {
     static_cast<Answerer*>(clientd)->m_heard = event == LBM_SRC_EVENT_CONNECT;
     return 0;
   }
 
-  static int answer(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
+  static int Answer(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     auto& self = *static_cast<Answerer*>(clientd);
     if (message->type == LBM_MSG_DATA) {
-      check(lbm_src_send(self.m_source, message->data, message->len, LBM_SRC_FLUSH));
+      Check(lbm_src_send(self.m_source, message->data, message->len, LBM_SRC_FLUSH));
       ++self.m_answers;
     }
     return 0;
   }
 
-  lbm_context_t* const m_context = makeContext();
-  lbm_src_t* const m_source = makeSource(m_context, "PONG", &connected, this);
+  lbm_context_t* const m_context = MakeContext();
+  lbm_src_t* const m_source = MakeSource(m_context, "PONG", &Connected, this);
   bool m_heard = false;
   std::size_t m_answers = 0;
 };
@@ -87,29 +87,29 @@ TEST_F(SystemCallsTest, AreNotMadeByPollingAndSendingToContextsThatAreAwake) {
   const pid_t answerer = ::fork();
   ASSERT_NE(-1, answerer);
   if (answerer == 0) {
-    Answerer::run(calls);
+    Answerer::Run(calls);
   }
 
-  lbm_context_t* context = makeContext();
+  lbm_context_t* context = MakeContext();
   bool connected = false;
   const auto onSourceEvent = [](lbm_src_t*, int event, void*, void* clientd) {
     *static_cast<bool*>(clientd) = event == LBM_SRC_EVENT_CONNECT;
     return 0;
   };
-  lbm_src_t* source = makeSource(context, "PING", onSourceEvent, &connected);
+  lbm_src_t* source = MakeSource(context, "PING", onSourceEvent, &connected);
   std::size_t answers = 0;
   const auto count = [](lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     *static_cast<std::size_t*>(clientd) += message->type == LBM_MSG_DATA ? 1 : 0;
     return 0;
   };
   lbm_rcv_t* receiver = nullptr;
-  ASSERT_EQ(0, lbm_rcv_create(&receiver, context, receiverTopic(context, "PONG"), count, &answers, nullptr));
+  ASSERT_EQ(0, lbm_rcv_create(&receiver, context, ReceiverTopic(context, "PONG"), count, &answers, nullptr));
   const std::string payload(64, 'x');
   int status = 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   for (std::size_t sent = 0; ::waitpid(answerer, &status, WNOHANG) == 0;) {
     if (connected && sent - answers < kInFlight) {
-      ASSERT_EQ(0, sendText(source, payload)) << lbm_errmsg();
+      ASSERT_EQ(0, SendText(source, payload)) << lbm_errmsg();
       ++sent;
     }
     // Never waits once there are answers: then this context is awake for the one that sends them.

@@ -27,7 +27,7 @@ TEST(CallbackGate, NoCallbackRunsOnceTheCalleeIsClosed) {
     const CallbackGate::Scope scope(gate);
     for (int round = 0; round < kRounds; round = current) {
       Counted& callee = *callees[static_cast<std::size_t>(round)];
-      gate.call(callee, [&] {
+      gate.Call(callee, [&] {
         if (callee.gone) {
           violated = true;
         }
@@ -35,7 +35,7 @@ TEST(CallbackGate, NoCallbackRunsOnceTheCalleeIsClosed) {
     }
   });
   for (auto& callee : callees) {
-    gate.closeAndWait(*callee);
+    gate.CloseAndWait(*callee);
     callee->gone = true;
     ++current;
   }
@@ -49,9 +49,9 @@ TEST(CallbackGate, ClosesInsideTheCalleesOwnCallbackWithoutWaiting) {
   Callee callee;
   int calls = 0;
   for (int i = 0; i < 2; ++i) {
-    gate.call(callee, [&] {
+    gate.Call(callee, [&] {
       ++calls;
-      gate.closeAndWait(callee);
+      gate.CloseAndWait(callee);
     });
   }
   EXPECT_EQ(1, calls);

@@ -17,23 +17,23 @@ namespace {
 // A transport whose events the test makes up.
 class ScriptedTransport : public transport::Transport {
  public:
-  std::shared_ptr<transport::Publication> advertise(const transport::PublicationInfo&) override {
+  std::shared_ptr<transport::Publication> Advertise(const transport::PublicationInfo&) override {
     return std::make_shared<transport::Publication>();
   }
-  void withdraw(transport::Publication&) override {}
-  void subscribe(transport::RemoteSource& source) override { subscriptions.push_back("+" + source.topic()); }
-  void unsubscribe(transport::RemoteSource& source) override { subscriptions.push_back("-" + source.topic()); }
-  transport::SendResult publish(transport::Publication&, const transport::OutboundMessage&, bool) override {
-    return transport::SendResult::sent;
+  void Withdraw(transport::Publication&) override {}
+  void Subscribe(transport::RemoteSource& source) override { subscriptions.push_back("+" + source.GetTopic()); }
+  void Unsubscribe(transport::RemoteSource& source) override { subscriptions.push_back("-" + source.GetTopic()); }
+  transport::SendResult Publish(transport::Publication&, const transport::OutboundMessage&, bool) override {
+    return transport::SendResult::kSent;
   }
-  transport::SendResult respond(transport::ReplyPath&, std::span<const iovec>, bool) override {
-    return transport::SendResult::sent;
+  transport::SendResult Respond(transport::ReplyPath&, std::span<const iovec>, bool) override {
+    return transport::SendResult::kSent;
   }
-  int descriptor() const noexcept override { return m_event.get(); }
-  bool arm() override { return events.empty(); }
-  void disarm() noexcept override {}
-  std::size_t drain(transport::Listener& listener) override { return drainMemory(listener); }
-  std::size_t drainMemory(transport::Listener& listener) override {
+  int GetDescriptor() const noexcept override { return m_event.Get(); }
+  bool Arm() override { return events.empty(); }
+  void Disarm() noexcept override {}
+  std::size_t Drain(transport::Listener& listener) override { return DrainMemory(listener); }
+  std::size_t DrainMemory(transport::Listener& listener) override {
     std::size_t done = 0;
     for (; !events.empty(); ++done) {
       const auto event = std::move(events.front());
@@ -42,7 +42,7 @@ class ScriptedTransport : public transport::Transport {
     }
     return done;
   }
-  void close(std::chrono::milliseconds) noexcept override { closed = true; }
+  void Close(std::chrono::milliseconds) noexcept override { closed = true; }
 
   std::deque<std::function<void(transport::Listener&)>> events;
   std::vector<std::string> subscriptions;
@@ -57,30 +57,30 @@ class DirectoryTest : public ::testing::Test {
   DirectoryTest() {
     auto transport = std::make_unique<ScriptedTransport>();
     m_transport = transport.get();
-    OptionSet options = OptionSet::builtIn(Scope::context);
-    options.setText("operational_mode", "sequential");
-    m_context = Context::create(options, std::move(transport), nullptr);
+    OptionSet options = OptionSet::BuiltInDefaults(Scope::kContext);
+    options.SetText("operational_mode", "sequential");
+    m_context = Context::Create(options, std::move(transport), nullptr);
   }
-  ~DirectoryTest() override { m_context->remove(nullptr); }
+  ~DirectoryTest() override { m_context->Remove(nullptr); }
 
-  std::shared_ptr<Receiver> receive(const char* topic, std::vector<std::string>& lines) {
-    OptionSet options = OptionSet::builtIn(Scope::receiver);
-    options.setText("loss_burst_threshold", "2");
+  std::shared_ptr<Receiver> Receive(const char* topic, std::vector<std::string>& lines) {
+    OptionSet options = OptionSet::BuiltInDefaults(Scope::kReceiver);
+    options.SetText("loss_burst_threshold", "2");
     const auto record = [](lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
       static_cast<std::vector<std::string>*>(clientd)->push_back(std::to_string(message->type) + " " +
                                                                  std::to_string(message->sequence_number) + " " +
                                                                  std::to_string(message->len));
       return 0;
     };
-    auto receiver = std::make_shared<Receiver>(m_context, m_context->topic(topic, options),
+    auto receiver = std::make_shared<Receiver>(m_context, m_context->GetTopic(topic, options),
                                                Receiver::Callback{.proc = record, .clientd = &lines}, nullptr);
-    receiver->start();
+    receiver->Start();
     return receiver;
   }
 
-  void play(std::function<void(transport::Listener&)> event) {
+  void Play(std::function<void(transport::Listener&)> event) {
     m_transport->events.push_back(std::move(event));
-    m_context->processEvents(0);
+    m_context->ProcessEvents(0);
   }
 
   ScriptedTransport* m_transport;
@@ -90,56 +90,56 @@ class DirectoryTest : public ::testing::Test {
 
 TEST_F(DirectoryTest, ADeletionInACallbackHoldsThoughProcessingFailsAfterIt) {
   m_transport->events.push_back([&](transport::Listener&) {
-    m_context->remove(nullptr);
+    m_context->Remove(nullptr);
     throw std::runtime_error("broken");
   });
-  EXPECT_THROW(m_context->processEvents(0), std::runtime_error);
+  EXPECT_THROW(m_context->ProcessEvents(0), std::runtime_error);
   EXPECT_TRUE(m_transport->closed);
 }
 
 TEST_F(DirectoryTest, ReportsLossOneByOneUpToTheThresholdAndThenAsABurst) {
   std::vector<std::string> lines;
-  const auto receiver = receive("T", lines);
-  play([&](transport::Listener& listener) {
-    listener.sourceUp(m_source);
-    listener.loss(*m_source, 0xffffffff, 2);
-    listener.loss(*m_source, 1, 3);
+  const auto receiver = Receive("T", lines);
+  Play([&](transport::Listener& listener) {
+    listener.OnSourceUp(m_source);
+    listener.OnLoss(*m_source, 0xffffffff, 2);
+    listener.OnLoss(*m_source, 1, 3);
   });
   EXPECT_EQ((std::vector<std::string>{"20 4294967295 0", "4 4294967295 0", "4 0 0", "5 1 3"}), lines);
-  receiver->stop();
+  receiver->Stop();
 }
 
 TEST_F(DirectoryTest, SubscribesWhileThereIsAReceiver) {
   std::vector<std::string> lines;
-  play([&](transport::Listener& listener) { listener.sourceUp(m_source); });
+  Play([&](transport::Listener& listener) { listener.OnSourceUp(m_source); });
   EXPECT_TRUE(m_transport->subscriptions.empty());
-  const auto first = receive("T", lines);
-  const auto second = receive("T", lines);
-  m_context->processEvents(0);
-  first->stop();
-  m_context->processEvents(0);
+  const auto first = Receive("T", lines);
+  const auto second = Receive("T", lines);
+  m_context->ProcessEvents(0);
+  first->Stop();
+  m_context->ProcessEvents(0);
   EXPECT_EQ((std::vector<std::string>{"+T"}), m_transport->subscriptions);
-  second->stop();
-  m_context->processEvents(0);
+  second->Stop();
+  m_context->ProcessEvents(0);
   EXPECT_EQ((std::vector<std::string>{"+T", "-T"}), m_transport->subscriptions);
-  play([&](transport::Listener& listener) {
+  Play([&](transport::Listener& listener) {
     transport::InboundMessage late;
-    listener.message(*m_source, late);
-    listener.sourceDown(m_source);
-    listener.message(*m_source, late);
+    listener.OnMessage(*m_source, late);
+    listener.OnSourceDown(m_source);
+    listener.OnMessage(*m_source, late);
   });
   EXPECT_TRUE(lines.empty());
 }
 
 TEST_F(DirectoryTest, ASourceThatNeverSpokeEndsInSilence) {
   std::vector<std::string> lines;
-  const auto receiver = receive("T", lines);
-  play([&](transport::Listener& listener) {
-    listener.sourceUp(m_source);
-    listener.sourceDown(m_source);
+  const auto receiver = Receive("T", lines);
+  Play([&](transport::Listener& listener) {
+    listener.OnSourceUp(m_source);
+    listener.OnSourceDown(m_source);
   });
   EXPECT_TRUE(lines.empty());
-  receiver->stop();
+  receiver->Stop();
 }
 
 }  // namespace

@@ -37,36 +37,38 @@ struct Family {
       &prefix##_str_setopt, &prefix##_str_getopt
 
 template <class Attr>
-std::string textOf(const Family<Attr>& family, const Attr* attr) {
+std::string TextOf(const Family<Attr>& family, const Attr* attr) {
   char text[LBM_OPTION_VALUE_MAX];
   std::size_t size = sizeof text;
-  if (family.getText(attr, family.option, text, &size) != 0) return lbm_errmsg();
+  if (family.getText(attr, family.option, text, &size) != 0) {
+    return lbm_errmsg();
+  }
   EXPECT_EQ(size, std::string(text).size());
   return text;
 }
 
 template <class Attr>
-void checkFamily(const Family<Attr>& family) {
+void CheckFamily(const Family<Attr>& family) {
   SCOPED_TRACE(family.prefix);
   Attr* attr = nullptr;
   Attr* copy = nullptr;
   ASSERT_EQ(family.create(&attr), 0);
-  EXPECT_EQ(textOf(family, attr), family.before);
+  EXPECT_EQ(TextOf(family, attr), family.before);
 
   // A copy goes its own way.
   ASSERT_EQ(family.dup(&copy, attr), 0);
   EXPECT_EQ(family.setText(copy, family.option, family.after.c_str()), 0);
-  EXPECT_EQ(textOf(family, attr), family.before);
-  EXPECT_EQ(textOf(family, copy), family.after);
-  EXPECT_EQ(api::options(copy).getText(family.option), family.after);
-  EXPECT_EQ(api::options(static_cast<const Attr*>(nullptr)).getText(family.option), family.before);
+  EXPECT_EQ(TextOf(family, attr), family.before);
+  EXPECT_EQ(TextOf(family, copy), family.after);
+  EXPECT_EQ(api::CreationOptions(copy).GetText(family.option), family.after);
+  EXPECT_EQ(api::CreationOptions(static_cast<const Attr*>(nullptr)).GetText(family.option), family.before);
 
   // The binary form of one is accepted by the other.
   char value[64];
   std::size_t size = sizeof value;
   EXPECT_EQ(family.getopt(copy, family.option, value, &size), 0);
   EXPECT_EQ(family.setopt(attr, family.option, value, size), 0);
-  EXPECT_EQ(textOf(family, attr), family.after);
+  EXPECT_EQ(TextOf(family, attr), family.after);
 
   const auto null = [&](const std::string& call, const std::string& argument) {
     return family.prefix + "_" + call + ": the argument " + argument + " is null";
@@ -89,10 +91,10 @@ void checkFamily(const Family<Attr>& family) {
 }
 
 TEST(Attributes, OfEveryKindCarryTheirOptions) {
-  checkFamily<lbm_context_attr_t>({FAMILY(lbm_context_attr), "operational_mode", "embedded", "sequential"});
-  checkFamily<lbm_src_topic_attr_t>({FAMILY(lbm_src_topic_attr), "transport_pacing", "source", "receiver"});
-  checkFamily<lbm_rcv_topic_attr_t>({FAMILY(lbm_rcv_topic_attr), "loss_burst_threshold", "16", "0"});
-  checkFamily<lbm_event_queue_attr_t>({FAMILY(lbm_event_queue_attr), "queue_cancellation_callbacks_enabled", "0", "1"});
+  CheckFamily<lbm_context_attr_t>({FAMILY(lbm_context_attr), "operational_mode", "embedded", "sequential"});
+  CheckFamily<lbm_src_topic_attr_t>({FAMILY(lbm_src_topic_attr), "transport_pacing", "source", "receiver"});
+  CheckFamily<lbm_rcv_topic_attr_t>({FAMILY(lbm_rcv_topic_attr), "loss_burst_threshold", "16", "0"});
+  CheckFamily<lbm_event_queue_attr_t>({FAMILY(lbm_event_queue_attr), "queue_cancellation_callbacks_enabled", "0", "1"});
 }
 
 TEST(Attributes, AContextNameOf1023BytesIsReadWhole) {
@@ -118,22 +120,22 @@ TEST(Attributes, AContextNameOf1023BytesIsReadWhole) {
 
 using Notices = std::vector<std::pair<int, std::string>>;
 
-int record(int level, const char* message, void* clientData) {
+int Record(int level, const char* message, void* clientData) {
   static_cast<Notices*>(clientData)->emplace_back(level, message);
   return 0;
 }
 
 TEST(Notices, GoToTheReceiverAndElseToStandardError) {
   Notices notices;
-  ASSERT_EQ(lbm_log(&record, &notices), 0);
-  notice(LBM_LOG_INFO, "hello");
+  ASSERT_EQ(lbm_log(&Record, &notices), 0);
+  Notice(LBM_LOG_INFO, "hello");
   EXPECT_THAT(notices, ElementsAre(Pair(LBM_LOG_INFO, "hello")));
 
   ASSERT_EQ(lbm_log(nullptr, nullptr), 0);
   testing::internal::CaptureStderr();
-  notice(LBM_LOG_INFO, "not shown");
-  notice(LBM_LOG_WARNING, "odd");
-  notice(LBM_LOG_ERROR, "bad");
+  Notice(LBM_LOG_INFO, "not shown");
+  Notice(LBM_LOG_WARNING, "odd");
+  Notice(LBM_LOG_ERROR, "bad");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "lbm warning: odd\nlbm error: bad\n");
   EXPECT_EQ(notices.size(), 1U);
 }

@@ -18,52 +18,52 @@ namespace engine::api {
 namespace {
 
 TEST(Errors, AThreadHasItsOwnAndStartsWithNone) {
-  fail(LBM_EOP, "mine");
+  Fail(LBM_EOP, "mine");
   std::thread([] {
     EXPECT_EQ(lbm_errnum(), 0);
     EXPECT_STREQ(lbm_errmsg(), "");
-    fail(LBM_EINVAL, "other");
+    Fail(LBM_EINVAL, "other");
   }).join();
   EXPECT_EQ(lbm_errnum(), LBM_EOP);
   EXPECT_STREQ(lbm_errmsg(), "mine");
 }
 
 template <class Exception>
-int throwing(const Exception& exception) {
-  return guarded("lbm_call", [&]() -> int { throw exception; });
+int Throwing(const Exception& exception) {
+  return Guarded("lbm_call", [&]() -> int { throw exception; });
 }
 
 TEST(Errors, EveryExceptionGetsItsNumberAndTheFunctionsName) {
-  EXPECT_FAILS(throwing(Error(LBM_EWOULDBLOCK, "no room")), LBM_EWOULDBLOCK, "lbm_call: no room");
-  EXPECT_FAILS(throwing(std::bad_alloc()), LBM_ENOMEM, "lbm_call: out of memory");
-  EXPECT_FAILS(throwing(std::system_error(EACCES, std::generic_category(), "open")), LBM_EOS,
+  EXPECT_FAILS(Throwing(Error(LBM_EWOULDBLOCK, "no room")), LBM_EWOULDBLOCK, "lbm_call: no room");
+  EXPECT_FAILS(Throwing(std::bad_alloc()), LBM_ENOMEM, "lbm_call: out of memory");
+  EXPECT_FAILS(Throwing(std::system_error(EACCES, std::generic_category(), "open")), LBM_EOS,
                "lbm_call: open: Permission denied");
-  EXPECT_FAILS(throwing(std::invalid_argument("bad")), LBM_EINVAL, "lbm_call: bad");
-  EXPECT_FAILS(throwing(std::runtime_error("closed")), LBM_EOP, "lbm_call: closed");
-  EXPECT_FAILS(throwing(7), LBM_EOP, "lbm_call: an exception of unknown type");
-  EXPECT_EQ(guarded("lbm_call", [] { return 3; }), 3);
+  EXPECT_FAILS(Throwing(std::invalid_argument("bad")), LBM_EINVAL, "lbm_call: bad");
+  EXPECT_FAILS(Throwing(std::runtime_error("closed")), LBM_EOP, "lbm_call: closed");
+  EXPECT_FAILS(Throwing(7), LBM_EOP, "lbm_call: an exception of unknown type");
+  EXPECT_EQ(Guarded("lbm_call", [] { return 3; }), 3);
   EXPECT_EQ(lbm_errnum(), LBM_EOP) << "a success must leave the last error alone";
 }
 
 TEST(Errors, ALongTextIsCutBetweenCharacters) {
-  const std::string longest(errorTextRoom - 1, 'a');
-  fail(LBM_EOP, longest.c_str());
+  const std::string longest(kErrorTextRoom - 1, 'a');
+  Fail(LBM_EOP, longest.c_str());
   EXPECT_EQ(lbm_errmsg(), longest);
 
-  fail(LBM_EOP, (longest + "a").c_str());
+  Fail(LBM_EOP, (longest + "a").c_str());
   EXPECT_EQ(lbm_errmsg(), longest.substr(3) + "...");
 
   // A three-byte character that starts where the mark has to begin, or one or two bytes before.
   for (std::size_t before = 0; before < 3; ++before) {
-    const std::string head(errorTextRoom - 1 - 3 - before, 'a');
-    fail(LBM_EOP, (head + "\xe2\x82\xac" + longest).c_str());
+    const std::string head(kErrorTextRoom - 1 - 3 - before, 'a');
+    Fail(LBM_EOP, (head + "\xe2\x82\xac" + longest).c_str());
     EXPECT_EQ(lbm_errmsg(), head + "...");
   }
 }
 
 TEST(Errors, ATextMayBeReportedAgain) {
-  fail(LBM_EOP, "head: tail");
-  EXPECT_FAILS(fail(LBM_EINVAL, lbm_errmsg() + 6), LBM_EINVAL, "tail");
+  Fail(LBM_EOP, "head: tail");
+  EXPECT_FAILS(Fail(LBM_EINVAL, lbm_errmsg() + 6), LBM_EINVAL, "tail");
 }
 
 TEST(Errors, ShortMemoryFailsTheCallAndChangesNothing) {
@@ -77,7 +77,9 @@ TEST(Errors, ShortMemoryFailsTheCallAndChangesNothing) {
         const test::AllocationLimit limit(allocations);
         return call();
       }();
-      if (result == 0) return allocations;
+      if (result == 0) {
+        return allocations;
+      }
       EXPECT_FAILS(result, LBM_ENOMEM, text);
       EXPECT_TRUE(isUnchanged());
     }
@@ -86,7 +88,7 @@ TEST(Errors, ShortMemoryFailsTheCallAndChangesNothing) {
                                    "lbm_context_attr_dup: out of memory"),
             0U);
   EXPECT_GT(failsAtEveryAllocation([&] { return lbm_context_attr_str_setopt(attr, "context_name", longName.c_str()); },
-                                   [&] { return options(attr) == options(copy); },
+                                   [&] { return CreationOptions(attr) == CreationOptions(copy); },
                                    "lbm_context_attr_str_setopt: out of memory"),
             0U);
   EXPECT_EQ(lbm_context_attr_delete(copy), 0);

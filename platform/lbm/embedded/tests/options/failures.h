@@ -12,11 +12,11 @@ namespace engine::test {
 
 // The Error that the action throws, as "number text"; "no error" when it throws none.
 template <class Action>
-std::string errorOf(Action&& action) {
+std::string ErrorOf(Action&& action) {
   try {
     action();
   } catch (const Error& error) {
-    return std::to_string(error.number()) + " " + error.what();
+    return std::to_string(error.Number()) + " " + error.what();
   }
   return "no error";
 }

@@ -16,22 +16,22 @@
 namespace engine {
 namespace {
 
-using test::errorOf;
+using test::ErrorOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 class ConfigFile : public testing::Test {
  protected:
-  std::string path() const { return m_directory.Path() / "lbm.cfg"; }
+  std::string Path() const { return m_directory.Path() / "lbm.cfg"; }
 
-  void write(const std::string& content) const { std::ofstream(path(), std::ios::binary) << content; }
+  void Write(const std::string& content) const { std::ofstream(Path(), std::ios::binary) << content; }
 
   const test_support::TemporaryDirectory m_directory;
 };
 
 TEST_F(ConfigFile, SetsWhatEveryLaterSetBeginsWith) {
   ProcessDefaults defaults("");
-  write(
+  Write(
       "# a comment\r\n"
       "\r\n"
       "  context\tcontext_name   two words#1 # the name\r\n"
@@ -39,13 +39,13 @@ TEST_F(ConfigFile, SetsWhatEveryLaterSetBeginsWith) {
       "source transport_pacing receiver\n"
       "receiver no_source_notification_delay 0\n"
       "event_queue queue_cancellation_callbacks_enabled 1");
-  const auto before = defaults.options(Scope::context);
-  defaults.load(path());
-  EXPECT_EQ(before, OptionSet::builtIn(Scope::context));
-  EXPECT_EQ(defaults.options(Scope::context).get(option::contextName), "two words#1");
-  EXPECT_EQ(defaults.options(Scope::source).get(option::transportPacing), TransportPacing::receiver);
-  EXPECT_EQ(defaults.options(Scope::receiver).get(option::noSourceNotificationDelay).count(), 0);
-  EXPECT_TRUE(defaults.options(Scope::eventQueue).get(option::queueCancellationCallbacksEnabled));
+  const auto before = defaults.Options(Scope::kContext);
+  defaults.Load(Path());
+  EXPECT_EQ(before, OptionSet::BuiltInDefaults(Scope::kContext));
+  EXPECT_EQ(defaults.Options(Scope::kContext).Get(option::kContextName), "two words#1");
+  EXPECT_EQ(defaults.Options(Scope::kSource).Get(option::kTransportPacing), TransportPacing::kReceiver);
+  EXPECT_EQ(defaults.Options(Scope::kReceiver).Get(option::kNoSourceNotificationDelay).count(), 0);
+  EXPECT_TRUE(defaults.Options(Scope::kEventQueue).Get(option::kQueueCancellationCallbacksEnabled));
 }
 
 TEST_F(ConfigFile, AWrongLineIsNamedAndNothingChanges) {
@@ -65,37 +65,37 @@ TEST_F(ConfigFile, AWrongLineIsNamedAndNothingChanges) {
              "context option \"resolver_source_notification_function\" has no text form; its value is a "
              "lbm_src_notify_func_t"}}) {
     ProcessDefaults defaults("");
-    write(std::string("context domain other\n\n") + line + "\ncontext domain third\n");
-    EXPECT_EQ(errorOf([&] { defaults.load(path()); }), "1 " + path() + ":3: " + complaint);
-    EXPECT_EQ(defaults.options(Scope::context), OptionSet::builtIn(Scope::context));
+    Write(std::string("context domain other\n\n") + line + "\ncontext domain third\n");
+    EXPECT_EQ(ErrorOf([&] { defaults.Load(Path()); }), "1 " + Path() + ":3: " + complaint);
+    EXPECT_EQ(defaults.Options(Scope::kContext), OptionSet::BuiltInDefaults(Scope::kContext));
   }
 }
 
 TEST_F(ConfigFile, OneThatCannotBeReadOrIsTooLargeIsRefused) {
   ProcessDefaults defaults("");
-  EXPECT_THROW(defaults.load(path()), std::system_error);
-  EXPECT_THROW(defaults.load(m_directory.Path()), std::system_error);
-  write(std::string(configFileBytesMax, '#'));
-  defaults.load(path());
-  write(std::string(configFileBytesMax + 1, '#'));
-  EXPECT_THAT(errorOf([&] { defaults.load(path()); }), HasSubstr("has more than 1048576 bytes"));
+  EXPECT_THROW(defaults.Load(Path()), std::system_error);
+  EXPECT_THROW(defaults.Load(m_directory.Path()), std::system_error);
+  Write(std::string(kConfigFileBytesMax, '#'));
+  defaults.Load(Path());
+  Write(std::string(kConfigFileBytesMax + 1, '#'));
+  EXPECT_THAT(ErrorOf([&] { defaults.Load(Path()); }), HasSubstr("has more than 1048576 bytes"));
 }
 
 TEST_F(ConfigFile, TheInitialOneFailsEveryUseUntilItIsRightAndIsThenReadNoMore) {
-  ProcessDefaults defaults(path());
-  EXPECT_THROW(defaults.options(Scope::source), std::system_error);
-  write("context domain a/b");
+  ProcessDefaults defaults(Path());
+  EXPECT_THROW(defaults.Options(Scope::kSource), std::system_error);
+  Write("context domain a/b");
   for (int use = 0; use < 2; ++use) {
-    EXPECT_THAT(errorOf([&] { defaults.options(Scope::source); }), StartsWith("1 " + path() + ":1: "));
+    EXPECT_THAT(ErrorOf([&] { defaults.Options(Scope::kSource); }), StartsWith("1 " + Path() + ":1: "));
   }
-  write("context domain first\ncontext close_linger_time 5");
-  EXPECT_EQ(defaults.options(Scope::context).get(option::domain), "first");
-  write("context domain second");
-  EXPECT_EQ(defaults.options(Scope::context).get(option::domain), "first");
+  Write("context domain first\ncontext close_linger_time 5");
+  EXPECT_EQ(defaults.Options(Scope::kContext).Get(option::kDomain), "first");
+  Write("context domain second");
+  EXPECT_EQ(defaults.Options(Scope::kContext).Get(option::kDomain), "first");
 
-  defaults.load(path());
-  EXPECT_EQ(defaults.options(Scope::context).get(option::domain), "second");
-  EXPECT_EQ(defaults.options(Scope::context).get(option::closeLingerTime).count(), 5);
+  defaults.Load(Path());
+  EXPECT_EQ(defaults.Options(Scope::kContext).Get(option::kDomain), "second");
+  EXPECT_EQ(defaults.Options(Scope::kContext).Get(option::kCloseLingerTime).count(), 5);
 }
 
 // In processes of their own, which have not used their defaults yet.
@@ -103,9 +103,11 @@ class ProcessConfig : public ConfigFile {
  protected:
   ProcessConfig() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  static std::string domainOfNewAttributes() {
+  static std::string DomainOfNewAttributes() {
     lbm_context_attr_t* attr = nullptr;
-    if (lbm_context_attr_create(&attr) != 0) return lbm_errmsg();
+    if (lbm_context_attr_create(&attr) != 0) {
+      return lbm_errmsg();
+    }
     char text[LBM_OPTION_VALUE_MAX];
     std::size_t size = sizeof text;
     const int result = lbm_context_attr_str_getopt(attr, "domain", text, &size);
@@ -113,7 +115,7 @@ class ProcessConfig : public ConfigFile {
     return result == 0 ? text : lbm_errmsg();
   }
 
-  [[noreturn]] void printAndExit(const std::string& text) {
+  [[noreturn]] void PrintAndExit(const std::string& text) {
     std::fputs(text.c_str(), stderr);
     std::filesystem::remove_all(m_directory.Path());
     std::_Exit(0);
@@ -123,16 +125,16 @@ class ProcessConfig : public ConfigFile {
 TEST_F(ProcessConfig, IsReadFromTheFileThatTheEnvironmentNames) {
   EXPECT_EXIT(
       {
-        write("context domain from-environment");
-        setenv(configFileVariable, path().c_str(), 1);
-        printAndExit(domainOfNewAttributes());
+        Write("context domain from-environment");
+        setenv(kConfigFileVariable, Path().c_str(), 1);
+        PrintAndExit(DomainOfNewAttributes());
       },
       testing::ExitedWithCode(0), "^from-environment$");
   EXPECT_EXIT(
       {
-        write("\ncontext domain /");
-        setenv(configFileVariable, path().c_str(), 1);
-        printAndExit(domainOfNewAttributes());
+        Write("\ncontext domain /");
+        setenv(kConfigFileVariable, Path().c_str(), 1);
+        PrintAndExit(DomainOfNewAttributes());
       },
       testing::ExitedWithCode(0), "^lbm_context_attr_create: .*lbm.cfg:2: context option \"domain\"");
 }
@@ -140,15 +142,15 @@ TEST_F(ProcessConfig, IsReadFromTheFileThatTheEnvironmentNames) {
 TEST_F(ProcessConfig, IsChangedByTheConfigCall) {
   EXPECT_EXIT(
       {
-        unsetenv(configFileVariable);
-        write("context domain from-file");
-        if (lbm_config(path().c_str()) != 0) printAndExit(lbm_errmsg());
-        printAndExit(domainOfNewAttributes());
+        unsetenv(kConfigFileVariable);
+        Write("context domain from-file");
+        if (lbm_config(Path().c_str()) != 0) PrintAndExit(lbm_errmsg());
+        PrintAndExit(DomainOfNewAttributes());
       },
       testing::ExitedWithCode(0), "^from-file$");
   EXPECT_FAILS(lbm_config(nullptr), LBM_EINVAL, "lbm_config: the argument file_name is null");
-  EXPECT_FAILS(lbm_config(path().c_str()), LBM_EOS,
-               "lbm_config: cannot read the configuration file \"" + path() + "\": No such file or directory");
+  EXPECT_FAILS(lbm_config(Path().c_str()), LBM_EOS,
+               "lbm_config: cannot read the configuration file \"" + Path() + "\": No such file or directory");
 }
 
 }  // namespace

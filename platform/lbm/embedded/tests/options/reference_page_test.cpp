@@ -13,7 +13,7 @@ TEST(ReferencePage, IsThatOfTheTable) {
   ASSERT_TRUE(file) << ENGINE_OPTIONS_PAGE;
   std::ostringstream page;
   page << file.rdbuf();
-  EXPECT_EQ(page.str(), referencePage()) << "build the target engine_options_page to write it anew";
+  EXPECT_EQ(page.str(), ReferencePage()) << "build the target engine_options_page to write it anew";
 }
 
 }  // namespace

@@ -6,22 +6,28 @@
 
 namespace {
 
-constexpr std::size_t unlimited = std::numeric_limits<std::size_t>::max();
-thread_local std::size_t t_allocationsLeft = unlimited;
+constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
+thread_local std::size_t t_allocationsLeft = kUnlimited;
 
 }  // namespace
 
 namespace engine::test {
 
 AllocationLimit::AllocationLimit(std::size_t allocations) noexcept { t_allocationsLeft = allocations; }
-AllocationLimit::~AllocationLimit() { t_allocationsLeft = unlimited; }
+AllocationLimit::~AllocationLimit() { t_allocationsLeft = kUnlimited; }
 
 }  // namespace engine::test
 
 void* operator new(std::size_t size) {
-  if (t_allocationsLeft == 0) throw std::bad_alloc();
-  if (t_allocationsLeft != unlimited) --t_allocationsLeft;
-  if (void* const memory = std::malloc(size)) return memory;
+  if (t_allocationsLeft == 0) {
+    throw std::bad_alloc();
+  }
+  if (t_allocationsLeft != kUnlimited) {
+    --t_allocationsLeft;
+  }
+  if (void* const memory = std::malloc(size)) {
+    return memory;
+  }
   throw std::bad_alloc();
 }
 // A sanitizer's own would not match the delete below.

@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kOften = 3000;
 
 struct Counted {
-  void add(std::size_t times) {
+  void Add(std::size_t times) {
     for (std::size_t i = 0; i < times; ++i) {
       const std::lock_guard lock(mutex);
       count = count + 1;
@@ -33,12 +33,12 @@ TEST(BiasedMutex, LetsOnlyOneInsideWhileItsOwnerChanges) {
   std::size_t expected = 0;
   std::thread busy([&] {
     for (; !enough; expected += kOften) {
-      counted.add(kOften);
+      counted.Add(kOften);
     }
   });
   const auto takeAway = [&] {
     for (std::size_t i = 0; i < kTakenAway; ++i) {
-      counted.add(i % 100 == 0 ? kOften : 1);
+      counted.Add(i % 100 == 0 ? kOften : 1);
       std::this_thread::yield();
     }
   };
@@ -55,11 +55,11 @@ TEST(BiasedMutex, OutlivesItsOwners) {
   constexpr std::size_t kThreads = 50;
   Counted counted;
   for (std::size_t i = 0; i < kThreads; ++i) {
-    std::thread first([&] { counted.add(kOften); });
+    std::thread first([&] { counted.Add(kOften); });
     if (i % 2 == 0) {
       first.join();
     }
-    std::thread second([&] { counted.add(kOften); });
+    std::thread second([&] { counted.Add(kOften); });
     if (first.joinable()) {
       first.join();
     }

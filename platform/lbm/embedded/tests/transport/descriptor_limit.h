@@ -8,15 +8,15 @@
 
 namespace engine::transport::host {
 
-inline rlimit descriptorLimit() {
+inline rlimit DescriptorLimit() {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   return limit;
 }
 
 // As many as the system allows. Returns how many that are.
-inline rlim_t raiseDescriptorLimit() {
-  rlimit limit = descriptorLimit();
+inline rlim_t RaiseDescriptorLimit() {
+  rlimit limit = DescriptorLimit();
   limit.rlim_cur = limit.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &limit);
   return limit.rlim_cur;
@@ -27,7 +27,7 @@ class NoDescriptors {
  public:
   NoDescriptors() {
     rlimit tight = m_usual;
-    tight.rlim_cur = static_cast<rlim_t>(Descriptor(::dup(STDIN_FILENO)).get());
+    tight.rlim_cur = static_cast<rlim_t>(Descriptor(::dup(STDIN_FILENO)).Get());
     ::setrlimit(RLIMIT_NOFILE, &tight);
   }
   ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_usual); }
@@ -35,7 +35,7 @@ class NoDescriptors {
   NoDescriptors& operator=(const NoDescriptors&) = delete;
 
  private:
-  const rlimit m_usual = descriptorLimit();
+  const rlimit m_usual = DescriptorLimit();
 };
 
 }  // namespace engine::transport::host

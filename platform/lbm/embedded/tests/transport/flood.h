@@ -12,7 +12,7 @@ namespace engine::transport::host {
 inline constexpr std::size_t kFloodRingBytes = std::size_t{64} << 10;
 
 // The number and so many bytes made from it, now and then more than fit in one frame of the ring or in all of it.
-inline std::vector<std::byte> floodMessage(std::uint32_t number) {
+inline std::vector<std::byte> FloodMessage(std::uint32_t number) {
   std::size_t size = sizeof(number) + number * 7919U % 3000U;
   if (number % 50 == 0) {
     size += number % 100 == 0 ? kFloodRingBytes / 4 : kFloodRingBytes * 2;

@@ -13,7 +13,7 @@ struct Holdings {
   std::size_t mappings = 0;
   bool operator==(const Holdings&) const = default;
 
-  static Holdings now() {
+  static Holdings Now() {
     Holdings held;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
       ++held.descriptors;

@@ -15,18 +15,18 @@ using testing::HasSubstr;
 using FrameBytes = std::vector<std::byte>;
 
 template <typename T>
-FrameBytes frameOf(const T& value) {
-  const wire::Bytes bytes = wire::bytesOf(value);
+FrameBytes FrameOf(const T& value) {
+  const wire::Bytes bytes = wire::BytesOf(value);
   return {bytes.begin(), bytes.end()};
 }
 
-FrameBytes advertisement(std::uint32_t id) {
+FrameBytes Advertisement(std::uint32_t id) {
   wire::AdvertiseBatch batch;
-  batch.add(id, "raw topic", "raw session");
-  return {batch.frame().begin(), batch.frame().end()};
+  batch.Add(id, "raw topic", "raw session");
+  return {batch.Frame().begin(), batch.Frame().end()};
 }
 
-wire::FragmentHeader fragmentHeader(std::uint32_t source, std::uint32_t sequence, std::uint64_t total) {
+wire::FragmentHeader FragmentHeader(std::uint32_t source, std::uint32_t sequence, std::uint64_t total) {
   wire::FragmentHeader header;
   header.source = source;
   header.sequence = sequence;
@@ -36,15 +36,15 @@ wire::FragmentHeader fragmentHeader(std::uint32_t source, std::uint32_t sequence
 
 class HostilePeer : public testing::Test {
  protected:
-  HostilePeer() : m_member(settingsIn(m_directory)), m_address(m_directory.sockets().at(0)) {
-    m_publication = m_member.transport->advertise({"T", "s", Pacing::source});
-    settle({&m_member});
+  HostilePeer() : m_member(SettingsIn(m_directory)), m_address(m_directory.Sockets().at(0)) {
+    m_publication = m_member.transport->Advertise({"T", "s", Pacing::kSource});
+    Settle({&m_member});
   }
 
-  void expectUnharmed() {
+  void ExpectUnharmed() {
     m_member.events.clear();
-    publish(*m_member.transport, *m_publication, "still here");
-    settle({&m_member});
+    Publish(*m_member.transport, *m_publication, "still here");
+    Settle({&m_member});
     EXPECT_THAT(m_member.events, ElementsAre("T: still here"));
   }
 
@@ -56,9 +56,9 @@ class HostilePeer : public testing::Test {
 
 TEST_F(HostilePeer, SayingNothingHarmsNobody) {
   const RawPeer silent(m_address);
-  settle({&m_member});
-  expectUnharmed();
-  EXPECT_FALSE(silent.cutOff());
+  Settle({&m_member});
+  ExpectUnharmed();
+  EXPECT_FALSE(silent.CutOff());
   EXPECT_TRUE(m_member.notices.empty());
 }
 
@@ -70,22 +70,22 @@ TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
   for (const auto& [hello, text] : {std::pair(otherProtocol, "does not speak this engine's protocol"),
                                     std::pair(otherVersion, "run the same release")}) {
     const RawPeer peer(m_address);
-    peer.send(wire::bytesOf(hello));
-    settle({&m_member});
-    EXPECT_TRUE(peer.cutOff());
+    peer.Send(wire::BytesOf(hello));
+    Settle({&m_member});
+    EXPECT_TRUE(peer.CutOff());
     ASSERT_FALSE(m_member.notices.empty());
     EXPECT_THAT(m_member.notices.back(), HasSubstr(text));
   }
-  expectUnharmed();
+  ExpectUnharmed();
 }
 
 TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
   wire::Withdraw withdraw;
   withdraw.source = 9;
   wire::Hello secondHello;
-  FrameBytes longWithdraw = frameOf(withdraw);
+  FrameBytes longWithdraw = FrameOf(withdraw);
   longWithdraw.push_back(std::byte{0});
-  FrameBytes cutAdvertisement = advertisement(1);
+  FrameBytes cutAdvertisement = Advertisement(1);
   cutAdvertisement.pop_back();
   const wire::Subscribe subscribe;
   const auto responseOf = [](std::uint32_t total) {
@@ -94,37 +94,37 @@ TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
     return header;
   };
   const std::vector<std::vector<FrameBytes>> conversations = {
-      {frameOf(withdraw)},
-      {frameOf(secondHello)},
+      {FrameOf(withdraw)},
+      {FrameOf(secondHello)},
       {longWithdraw},
       {FrameBytes(1)},
       {cutAdvertisement},
-      {advertisement(1), advertisement(1)},
-      {frameOf(subscribe)},                // without a wake word
-      {frameOf(responseOf(10))},           // a fragment of nothing
-      {frameOf(responseOf(0xffffffff))},   // a response beyond the bound
+      {Advertisement(1), Advertisement(1)},
+      {FrameOf(subscribe)},                // without a wake word
+      {FrameOf(responseOf(10))},           // a fragment of nothing
+      {FrameOf(responseOf(0xffffffff))},   // a response beyond the bound
       {FrameBytes(wire::kPacketMax + 1)},  // a packet beyond the bound
-      {frameOf(wire::Type::ring)},         // without a descriptor
-      {frameOf(wire::Type::message)},      // not in a ring
+      {FrameOf(wire::Type::kRing)},        // without a descriptor
+      {FrameOf(wire::Type::kMessage)},     // not in a ring
   };
   for (std::size_t i = 0; i < conversations.size(); ++i) {
     const RawPeer peer(m_address);
-    peer.greet();
+    peer.Greet();
     for (const FrameBytes& frame : conversations[i]) {
-      peer.send(frame);
+      peer.Send(frame);
     }
-    settle({&m_member});
-    EXPECT_TRUE(peer.cutOff()) << "conversation " << i;
+    Settle({&m_member});
+    EXPECT_TRUE(peer.CutOff()) << "conversation " << i;
     EXPECT_EQ(m_member.notices.size(), i + 1);
   }
-  expectUnharmed();
+  ExpectUnharmed();
 }
 
 TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   const auto memory = [](std::size_t size, bool sealed) {
-    Descriptor made = makeSharedMemory("test", size);
+    Descriptor made = MakeSharedMemory("test", size);
     if (sealed) {
-      seal(made, Sealing::size);
+      Seal(made, Sealing::kSize);
     }
     return made;
   };
@@ -133,12 +133,12 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   std::size_t cutOff = 0;
   const auto expectCutOff = [&](std::initializer_list<std::pair<wire::Type, const Descriptor*>> frames) {
     const RawPeer peer(m_address);
-    peer.greet();
+    peer.Greet();
     for (const auto& [type, descriptor] : frames) {
-      peer.send(type, descriptor->get());
+      peer.Send(type, descriptor->Get());
     }
-    settle({&m_member});
-    EXPECT_TRUE(peer.cutOff());
+    Settle({&m_member});
+    EXPECT_TRUE(peer.CutOff());
     EXPECT_EQ(m_member.notices.size(), ++cutOff);
   };
   const Descriptor ring = memory(control + kRingBytesMin, true);
@@ -147,91 +147,93 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   const Descriptor small = memory(control, true);
   const Descriptor empty = memory(1, true);
   for (const Descriptor* wrong : {&plainFile, &unsealed, &odd, &small, &empty}) {
-    expectCutOff({{wire::Type::ring, wrong}});
+    expectCutOff({{wire::Type::kRing, wrong}});
   }
-  expectCutOff({{wire::Type::ring, &ring}, {wire::Type::ring, &ring}});
+  expectCutOff({{wire::Type::kRing, &ring}, {wire::Type::kRing, &ring}});
   for (const Descriptor* wrong : {&plainFile, &unsealed, &ring, &empty}) {
-    expectCutOff({{wire::Type::wakeWord, wrong}});
+    expectCutOff({{wire::Type::kWakeWord, wrong}});
   }
-  expectCutOff({{wire::Type::wakeWord, &small}, {wire::Type::wakeWord, &small}});
-  expectCutOff({{wire::Type::bell, &ring}});
-  expectUnharmed();
+  expectCutOff({{wire::Type::kWakeWord, &small}, {wire::Type::kWakeWord, &small}});
+  expectCutOff({{wire::Type::kBell, &ring}});
+  ExpectUnharmed();
 }
 
 TEST_F(HostilePeer, ItsSourcesAndSubscriptionsEndWithTheLink) {
   const RawPeer peer(m_address);
   const WakeWord wakeWord;
-  peer.greet();
-  peer.send(advertisement(4));
-  peer.send(wire::Type::wakeWord, wakeWord.descriptor());
-  peer.send(wire::bytesOf(wire::Subscribe{}));
-  settle({&m_member});
+  peer.Greet();
+  peer.Send(Advertisement(4));
+  peer.Send(wire::Type::kWakeWord, wakeWord.GetDescriptor());
+  peer.Send(wire::BytesOf(wire::Subscribe{}));
+  Settle({&m_member});
   m_member.events.clear();
-  peer.send(wire::bytesOf(wire::Subscribe{}));  // a second time
-  settle({&m_member});
+  peer.Send(wire::BytesOf(wire::Subscribe{}));  // a second time
+  Settle({&m_member});
   EXPECT_THAT(m_member.events, ElementsAre("down raw topic", "left raw"));
   EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("context \"raw\" (process 2")));
 }
 
 TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
   const auto cutAt = [](auto frame, std::size_t size) {
-    FrameBytes bytes = frameOf(frame);
+    FrameBytes bytes = FrameOf(frame);
     bytes.resize(size);
     return bytes;
   };
   using Scribble = std::function<void(RawRing&)>;
   const std::vector<Scribble> scribbles = {
-      [](RawRing& ring) { ring.put(wire::Type::bell, {}); },
-      [&](RawRing& ring) { ring.put(wire::Type::message, cutAt(wire::MessageHeader{}, 7)); },
-      [&](RawRing& ring) { ring.put(wire::Type::loss, cutAt(wire::Loss{}, 13)); },
-      [](RawRing& ring) { ring.put(wire::Type::withdrawn, wire::bytesOf(wire::Withdrawn{9})); },
-      [](RawRing& ring) { ring.put(wire::Type::fragment, wire::bytesOf(fragmentHeader(0, 0, 10))); },
-      [](RawRing& ring) { ring.put(wire::Type::fragment, wire::bytesOf(fragmentHeader(0, 0, wire::kMessageMax + 1))); },
-      [](RawRing& ring) { ring.control().tail = kRingBytesMin + 8; },  // more than there can be
-      [](RawRing& ring) { ring.control().tail = 12; },                 // not at a frame's end
-      [](RawRing& ring) { ring.control().tail = ~RingCounter{7}; },    // before the beginning
+      [](RawRing& ring) { ring.Put(wire::Type::kBell, {}); },
+      [&](RawRing& ring) { ring.Put(wire::Type::kMessage, cutAt(wire::MessageHeader{}, 7)); },
+      [&](RawRing& ring) { ring.Put(wire::Type::kLoss, cutAt(wire::Loss{}, 13)); },
+      [](RawRing& ring) { ring.Put(wire::Type::kWithdrawn, wire::BytesOf(wire::Withdrawn{9})); },
+      [](RawRing& ring) { ring.Put(wire::Type::kFragment, wire::BytesOf(FragmentHeader(0, 0, 10))); },
+      [](RawRing& ring) {
+        ring.Put(wire::Type::kFragment, wire::BytesOf(FragmentHeader(0, 0, wire::kMessageMax + 1)));
+      },
+      [](RawRing& ring) { ring.Control().tail = kRingBytesMin + 8; },  // more than there can be
+      [](RawRing& ring) { ring.Control().tail = 12; },                 // not at a frame's end
+      [](RawRing& ring) { ring.Control().tail = ~RingCounter{7}; },    // before the beginning
       [](RawRing& ring) {                                              // a frame that ends behind the tail
         const RingFrameHeader header{16, 1};
-        std::memcpy(ring.bytes().data(), &header, sizeof(header));
-        ring.control().tail = 16;
+        std::memcpy(ring.Bytes().data(), &header, sizeof(header));
+        ring.Control().tail = 16;
       },
       [](RawRing& ring) {  // padding of any length
         const RingFrameHeader header{0xffffffff, kRingPadding};
-        std::memcpy(ring.bytes().data(), &header, sizeof(header));
-        ring.control().tail = kRingBytesMin;
+        std::memcpy(ring.Bytes().data(), &header, sizeof(header));
+        ring.Control().tail = kRingBytesMin;
       },
   };
   for (std::size_t i = 0; i < scribbles.size(); ++i) {
     const RawPeer peer(m_address);
-    peer.greet();
+    peer.Greet();
     RawRing ring(peer);
-    settle({&m_member});
+    Settle({&m_member});
     EXPECT_EQ(m_member.notices.size(), i);
     scribbles[i](ring);
-    settle({&m_member});
-    EXPECT_TRUE(peer.cutOff()) << "scribble " << i;
+    Settle({&m_member});
+    EXPECT_TRUE(peer.CutOff()) << "scribble " << i;
     EXPECT_EQ(m_member.notices.size(), i + 1);
   }
-  expectUnharmed();
+  ExpectUnharmed();
 }
 
 // A subscriber that writes its place in the ring where the publisher has not been.
 TEST_F(HostilePeer, AnImpossiblePlaceOfTheReaderEndsTheLink) {
   const RawPeer peer(m_address);
   const WakeWord wakeWord;
-  peer.greet();
-  peer.send(wire::Type::wakeWord, wakeWord.descriptor());
-  peer.send(wire::bytesOf(wire::Subscribe{}));
-  settle({&m_member});
-  const RingMemory ring(peer.receiveDescriptor());
-  ring.control().head = RingCounter{1} << 40;
+  peer.Greet();
+  peer.Send(wire::Type::kWakeWord, wakeWord.GetDescriptor());
+  peer.Send(wire::BytesOf(wire::Subscribe{}));
+  Settle({&m_member});
+  const RingMemory ring(peer.ReceiveDescriptor());
+  ring.Control().head = RingCounter{1} << 40;
   for (std::size_t i = 0; i < 10'000; ++i) {
-    publish(*m_member.transport, *m_publication, std::string(200, 'x'));
+    Publish(*m_member.transport, *m_publication, std::string(200, 'x'));
   }
-  settle({&m_member});
-  EXPECT_TRUE(peer.cutOff());
+  Settle({&m_member});
+  EXPECT_TRUE(peer.CutOff());
   EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("impossible")));
-  expectUnharmed();
+  ExpectUnharmed();
 }
 
 TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
@@ -240,21 +242,21 @@ TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
   wire::Withdraw withdraw;
   withdraw.source = 1;
   const WakeWord wakeWord;
-  const std::vector<FrameBytes> honest = {wire::encodeHello({1, 2, "raw"}),
-                                          advertisement(1),
-                                          frameOf(wire::Type::wakeWord),
-                                          frameOf(subscribe),
-                                          frameOf(unsubscribe),
-                                          frameOf(wire::Type::room),
-                                          frameOf(withdraw)};
-  FrameBytes fragment = frameOf(fragmentHeader(1, 3, 200));
+  const std::vector<FrameBytes> honest = {wire::EncodeHello({1, 2, "raw"}),
+                                          Advertisement(1),
+                                          FrameOf(wire::Type::kWakeWord),
+                                          FrameOf(subscribe),
+                                          FrameOf(unsubscribe),
+                                          FrameOf(wire::Type::kRoom),
+                                          FrameOf(withdraw)};
+  FrameBytes fragment = FrameOf(FragmentHeader(1, 3, 200));
   fragment.resize(fragment.size() + 100);
   const std::vector<std::pair<wire::Type, FrameBytes>> inRing = {
-      {wire::Type::subscribed, frameOf(wire::Subscribed{1, 1, 0})},
-      {wire::Type::loss, frameOf(wire::Loss{1, 0, 3})},
-      {wire::Type::fragment, fragment},
-      {wire::Type::fragment, fragment},
-      {wire::Type::message, frameOf(wire::MessageHeader{1, 4})}};
+      {wire::Type::kSubscribed, FrameOf(wire::Subscribed{1, 1, 0})},
+      {wire::Type::kLoss, FrameOf(wire::Loss{1, 0, 3})},
+      {wire::Type::kFragment, fragment},
+      {wire::Type::kFragment, fragment},
+      {wire::Type::kMessage, FrameOf(wire::MessageHeader{1, 4})}};
   std::mt19937 random(20240607);
   const auto below = [&](std::size_t bound) {
     return std::uniform_int_distribution<std::size_t>(0, bound - 1)(random);
@@ -273,40 +275,40 @@ TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
         damage(frame);
         frame.resize(below(4) == 0 ? 1 + below(frame.size() + 20) : frame.size());
       }
-      peer.send(frame, honest[i] == frameOf(wire::Type::wakeWord) ? wakeWord.descriptor() : -1);
+      peer.Send(frame, honest[i] == FrameOf(wire::Type::kWakeWord) ? wakeWord.GetDescriptor() : -1);
       if (i == 1) {
         RawRing ring(peer);
         for (const auto& [type, content] : inRing) {
-          ring.put(type, content);
+          ring.Put(type, content);
         }
         if (damaged == honest.size()) {
-          damage(ring.bytes().first(400));
+          damage(ring.Bytes().first(400));
         } else if (damaged == honest.size() + 1) {
-          damage(std::as_writable_bytes(std::span(&ring.control(), 1)));
+          damage(std::as_writable_bytes(std::span(&ring.Control(), 1)));
         }
-        settle({&m_member});
+        Settle({&m_member});
       }
     }
-    settle({&m_member});
+    Settle({&m_member});
   }
-  EXPECT_TRUE(m_member.heard("raw topic: "));
-  EXPECT_TRUE(m_member.heard("down raw topic"));
+  EXPECT_TRUE(m_member.Heard("raw topic: "));
+  EXPECT_TRUE(m_member.Heard("down raw topic"));
   EXPECT_FALSE(m_member.notices.empty());
-  expectUnharmed();
+  ExpectUnharmed();
 }
 
 TEST_F(HostilePeer, NeverReadingIsCutOffInTheEnd) {
   const RawPeer peer(m_address);
-  peer.greet();
-  settle({&m_member});
+  peer.Greet();
+  Settle({&m_member});
   const std::string topic(4000, 't');
   for (int i = 0; i < 40'000 && m_member.notices.empty(); ++i) {
-    m_member.transport->withdraw(*m_member.transport->advertise({topic, "s", Pacing::source}));
-    m_member.drain();
+    m_member.transport->Withdraw(*m_member.transport->Advertise({topic, "s", Pacing::kSource}));
+    m_member.Drain();
   }
   EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("does not read")));
-  settle({&m_member});
-  expectUnharmed();
+  Settle({&m_member});
+  ExpectUnharmed();
 }
 
 }  // namespace

@@ -22,9 +22,9 @@ namespace engine::transport::host {
 // A runtime directory of the test's own.
 class ScratchDirectory {
  public:
-  std::string path() const { return m_directory.Path(); }
+  std::string Path() const { return m_directory.Path(); }
 
-  std::vector<std::string> sockets() const {
+  std::vector<std::string> Sockets() const {
     std::vector<std::string> found;
     for (const auto& entry : std::filesystem::directory_iterator(m_directory.Path() / "test")) {
       if (entry.is_socket()) {
@@ -38,71 +38,71 @@ class ScratchDirectory {
   const test_support::TemporaryDirectory m_directory;
 };
 
-inline HostSettings settingsIn(const ScratchDirectory& directory, const std::string& name = "") {
+inline HostSettings SettingsIn(const ScratchDirectory& directory, const std::string& name = "") {
   HostSettings settings;
-  settings.runtimeDirectory = directory.path();
+  settings.runtimeDirectory = directory.Path();
   settings.domain = "test";
   settings.contextName = name;
   return settings;
 }
 
-inline std::string textOf(std::span<const std::byte> bytes) {
+inline std::string TextOf(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-inline SendResult publish(Transport& transport, Publication& publication, std::string text, bool block = false,
+inline SendResult Publish(Transport& transport, Publication& publication, std::string text, bool block = false,
                           std::uint64_t request = 0) {
   const iovec piece{text.data(), text.size()};
   OutboundMessage message;
   message.pieces = {&piece, 1};
   message.requestId = request;
-  return transport.publish(publication, message, block);
+  return transport.Publish(publication, message, block);
 }
 
 class Member : public Listener {
  public:
   explicit Member(HostSettings settings, bool subscribes = true) : m_subscribes(subscribes) {
     settings.notice = [this](int, const std::string& text) { notices.push_back(text); };
-    transport = joinHostDomain(settings);
+    transport = JoinHostDomain(settings);
   }
 
-  void sourceUp(const std::shared_ptr<RemoteSource>& source) override {
-    hear("up " + source->topic());
-    sources[source->topic()] = source;
+  void OnSourceUp(const std::shared_ptr<RemoteSource>& source) override {
+    Hear("up " + source->GetTopic());
+    sources[source->GetTopic()] = source;
     if (m_subscribes) {
-      transport->subscribe(*source);
+      transport->Subscribe(*source);
     }
   }
-  void sourceDown(const std::shared_ptr<RemoteSource>& source) override { hear("down " + source->topic()); }
-  void message(RemoteSource& source, InboundMessage& message) override {
+  void OnSourceDown(const std::shared_ptr<RemoteSource>& source) override { Hear("down " + source->GetTopic()); }
+  void OnMessage(RemoteSource& source, InboundMessage& message) override {
     ++messages;
     sequences.push_back(message.sequence);
     bytes += message.payload.size();
     if (message.payload.size() < 100) {
-      hear(source.topic() + ": " + textOf(message.payload));
+      Hear(source.GetTopic() + ": " + TextOf(message.payload));
     }
     if (onMessage) {
       onMessage(source, message);
     }
   }
-  void loss(RemoteSource& source, std::uint32_t first, std::uint32_t count) override {
+  void OnLoss(RemoteSource& source, std::uint32_t first, std::uint32_t count) override {
     lost += count;
     longestLoss = std::max<std::size_t>(longestLoss, count);
     for (std::uint32_t i = 0; i < std::min(count, kLossesNoted); ++i) {
       sequences.push_back(first + i);
     }
-    hear("loss " + source.topic());
+    Hear("loss " + source.GetTopic());
   }
-  void response(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
+  void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
     responders.push_back(responder);
-    hear("response " + std::to_string(requestId) + ": " + textOf(payload));
+    Hear("response " + std::to_string(requestId) + ": " + TextOf(payload));
   }
-  void subscriberJoined(Publication&, const std::string& name) override { hear("joined " + name); }
-  void subscriberLeft(Publication&, const std::string& name) override { hear("left " + name); }
-  void writable(Publication&) override { hear("writable"); }
+  void OnSubscriberJoined(Publication&, const std::string& name) override { Hear("joined " + name); }
+  void OnSubscriberLeft(Publication&, const std::string& name) override { Hear("left " + name); }
+  void OnWritable(Publication&) override { Hear("writable"); }
 
-  std::size_t drain() { return transport->drain(*this); }
-  bool heard(const std::string& event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
+  std::size_t Drain() { return transport->Drain(*this); }
+  bool Heard(const std::string& event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
 
   std::unique_ptr<Transport> transport;
   std::vector<std::string> events;
@@ -119,19 +119,19 @@ class Member : public Listener {
  private:
   static constexpr std::uint32_t kLossesNoted = 1'000'000;  // a faulty peer may tell of billions
 
-  void hear(const std::string& event) { events.push_back(event); }
+  void Hear(const std::string& event) { events.push_back(event); }
 
   const bool m_subscribes;
 };
 
 // Drains the members until the condition holds; a failure of the test if it does not within a time.
-inline void drainUntil(const std::vector<Member*>& members, const std::string& what,
+inline void DrainUntil(const std::vector<Member*>& members, const std::string& what,
                        const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition()) {
     std::size_t done = 0;
     for (Member* member : members) {
-      done += member->drain();
+      done += member->Drain();
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
@@ -141,26 +141,26 @@ inline void drainUntil(const std::vector<Member*>& members, const std::string& w
       std::vector<pollfd> descriptors;
       bool nothing = true;
       for (Member* member : members) {
-        nothing = nothing && member->transport->arm();
-        descriptors.push_back({member->transport->descriptor(), POLLIN, 0});
+        nothing = nothing && member->transport->Arm();
+        descriptors.push_back({member->transport->GetDescriptor(), POLLIN, 0});
       }
       if (nothing) {
         ::poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
       }
       for (Member* member : members) {
-        member->transport->disarm();
+        member->transport->Disarm();
       }
     }
   }
 }
 
 // Drains the members until none has anything to do.
-inline void settle(const std::vector<Member*>& members) {
+inline void Settle(const std::vector<Member*>& members) {
   std::size_t done = 1;
   while (done != 0) {
     done = 0;
     for (Member* member : members) {
-      done += member->drain();
+      done += member->Drain();
     }
   }
 }

@@ -14,28 +14,28 @@ constexpr std::size_t kTooMany = 4000;
 // A publisher and a subscriber that does not take anything in unless it is drained.
 class PacedLink : public testing::Test {
  protected:
-  void start(Pacing pacing, std::uint32_t firstSequence = 0) {
-    HostSettings settings = settingsIn(m_directory);
+  void Start(Pacing pacing, std::uint32_t firstSequence = 0) {
+    HostSettings settings = SettingsIn(m_directory);
     settings.ringBytes = 100'000;
     settings.firstSequence = firstSequence;
     m_source = std::make_unique<Member>(settings, false);
-    m_publication = m_source->transport->advertise({"T", "s", pacing});
-    m_slow = std::make_unique<Member>(settingsIn(m_directory, "slow"));
-    settle({m_source.get(), m_slow.get()});
+    m_publication = m_source->transport->Advertise({"T", "s", pacing});
+    m_slow = std::make_unique<Member>(SettingsIn(m_directory, "slow"));
+    Settle({m_source.get(), m_slow.get()});
   }
 
-  SendResult send(bool block = false) { return publish(*m_source->transport, *m_publication, kPayload, block); }
+  SendResult Send(bool block = false) { return Publish(*m_source->transport, *m_publication, kPayload, block); }
 
-  std::size_t sendUntilFull() {
+  std::size_t SendUntilFull() {
     std::size_t sent = 0;
-    while (send() == SendResult::sent) {
+    while (Send() == SendResult::kSent) {
       ++sent;
     }
     return sent;
   }
 
   // Every message arrived or was reported as lost, in order, none twice.
-  void expectAccountOf(const Member& member, std::uint32_t first, std::size_t count) {
+  void ExpectAccountOf(const Member& member, std::uint32_t first, std::size_t count) {
     ASSERT_EQ(member.sequences.size(), count);
     for (std::size_t i = 0; i < count; ++i) {
       ASSERT_EQ(member.sequences[i], first + static_cast<std::uint32_t>(i));
@@ -51,161 +51,161 @@ class PacedLink : public testing::Test {
 class Losses : public PacedLink, public testing::WithParamInterface<std::uint32_t> {};
 
 TEST_P(Losses, AreDroppedForTheSlowSubscriberAloneAndToldEvenWhenTheLast) {
-  start(Pacing::source, GetParam());
-  Member fast(settingsIn(m_directory));
-  settle({m_source.get(), m_slow.get(), &fast});
+  Start(Pacing::kSource, GetParam());
+  Member fast(SettingsIn(m_directory));
+  Settle({m_source.get(), m_slow.get(), &fast});
   for (std::size_t i = 0; i < kTooMany; ++i) {
-    ASSERT_EQ(send(i % 2 != 0), SendResult::sent);
-    fast.drain();
+    ASSERT_EQ(Send(i % 2 != 0), SendResult::kSent);
+    fast.Drain();
   }
-  settle({m_source.get(), m_slow.get(), &fast});
+  Settle({m_source.get(), m_slow.get(), &fast});
   EXPECT_GT(m_slow->lost, 0U);
   EXPECT_EQ(m_slow->events.back(), "loss T");
-  expectAccountOf(*m_slow, GetParam(), kTooMany);
+  ExpectAccountOf(*m_slow, GetParam(), kTooMany);
   EXPECT_EQ(fast.messages, kTooMany);
 
   const std::size_t lostBefore = m_slow->lost;
-  ASSERT_EQ(send(), SendResult::sent);
-  settle({m_source.get(), m_slow.get()});
+  ASSERT_EQ(Send(), SendResult::kSent);
+  Settle({m_source.get(), m_slow.get()});
   EXPECT_EQ(m_slow->lost, lostBefore);
-  expectAccountOf(*m_slow, GetParam(), kTooMany + 1);
+  ExpectAccountOf(*m_slow, GetParam(), kTooMany + 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sequences, Losses, testing::Values(0U, 0xffffff00U, 0xffffffffU - kTooMany / 2));
 
 TEST_F(PacedLink, ALongRunOfLossesIsToldInPortionsThatSequenceArithmeticTakes) {
-  start(Pacing::source);
+  Start(Pacing::kSource);
   constexpr std::size_t kMany = 3'000'000;
   for (std::size_t i = 0; i < kMany; ++i) {
-    publish(*m_source->transport, *m_publication, "x");
+    Publish(*m_source->transport, *m_publication, "x");
   }
-  settle({m_source.get(), m_slow.get()});
+  Settle({m_source.get(), m_slow.get()});
   EXPECT_EQ(m_slow->lost + m_slow->messages, kMany);
   EXPECT_LE(m_slow->longestLoss, std::size_t{1} << 20);
   EXPECT_TRUE(m_slow->notices.empty());
 }
 
 TEST_F(PacedLink, LossesAreToldBeforeTheEndOfTheSource) {
-  start(Pacing::source);
+  Start(Pacing::kSource);
   for (std::size_t i = 0; i < kTooMany; ++i) {
-    send();
+    Send();
   }
-  m_source->transport->withdraw(*m_publication);
-  settle({m_source.get(), m_slow.get()});
+  m_source->transport->Withdraw(*m_publication);
+  Settle({m_source.get(), m_slow.get()});
   ASSERT_GE(m_slow->events.size(), 2U);
   EXPECT_EQ(m_slow->events.back(), "down T");
   EXPECT_EQ(*(m_slow->events.end() - 2), "loss T");
-  expectAccountOf(*m_slow, 0, kTooMany);
+  ExpectAccountOf(*m_slow, 0, kTooMany);
 }
 
 TEST_F(PacedLink, WouldBlockSendsToNobodyAndIsFollowedByOneWritable) {
-  start(Pacing::receiver);
-  Member fast(settingsIn(m_directory));
-  settle({m_source.get(), m_slow.get(), &fast});
+  Start(Pacing::kReceiver);
+  Member fast(SettingsIn(m_directory));
+  Settle({m_source.get(), m_slow.get(), &fast});
   std::size_t sent = 0;
-  while (send() == SendResult::sent) {
+  while (Send() == SendResult::kSent) {
     ++sent;
-    fast.drain();
+    fast.Drain();
   }
-  EXPECT_EQ(send(), SendResult::wouldBlock);
-  settle({m_source.get(), &fast});
+  EXPECT_EQ(Send(), SendResult::kWouldBlock);
+  Settle({m_source.get(), &fast});
   EXPECT_EQ(fast.messages, sent);
-  EXPECT_FALSE(m_source->heard("writable"));
+  EXPECT_FALSE(m_source->Heard("writable"));
 
-  settle({m_source.get(), m_slow.get()});
+  Settle({m_source.get(), m_slow.get()});
   EXPECT_EQ(std::count(m_source->events.begin(), m_source->events.end(), "writable"), 1);
-  EXPECT_EQ(send(), SendResult::sent);
-  settle({m_source.get(), m_slow.get(), &fast});
+  EXPECT_EQ(Send(), SendResult::kSent);
+  Settle({m_source.get(), m_slow.get(), &fast});
   EXPECT_EQ(std::count(m_source->events.begin(), m_source->events.end(), "writable"), 1);
-  expectAccountOf(*m_slow, 0, sent + 1);
+  ExpectAccountOf(*m_slow, 0, sent + 1);
   EXPECT_EQ(m_slow->lost, 0U);
   EXPECT_EQ(fast.messages, sent + 1);
 }
 
 TEST_F(PacedLink, LeavingOfTheSlowSubscriberMakesRoom) {
-  start(Pacing::receiver);
-  sendUntilFull();
+  Start(Pacing::kReceiver);
+  SendUntilFull();
   m_slow.reset();
-  settle({m_source.get()});
+  Settle({m_source.get()});
   EXPECT_THAT(m_source->events, testing::UnorderedElementsAre("up T", "joined slow", "left slow", "writable"));
-  EXPECT_EQ(send(), SendResult::sent);
+  EXPECT_EQ(Send(), SendResult::kSent);
 }
 
 TEST_F(PacedLink, BlockedPublishersWaitForTheSubscriber) {
-  start(Pacing::receiver);
-  const std::size_t sent = sendUntilFull();
+  Start(Pacing::kReceiver);
+  const std::size_t sent = SendUntilFull();
   std::atomic<bool> done{false};
   std::thread publisher([&] {
     for (std::size_t i = 0; i < kTooMany; ++i) {
-      EXPECT_EQ(send(true), SendResult::sent);
+      EXPECT_EQ(Send(true), SendResult::kSent);
     }
     done = true;
   });
-  m_source->drain();
+  m_source->Drain();
   EXPECT_FALSE(done);
-  drainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == sent + kTooMany; });
+  DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == sent + kTooMany; });
   publisher.join();
-  expectAccountOf(*m_slow, 0, sent + kTooMany);
+  ExpectAccountOf(*m_slow, 0, sent + kTooMany);
   EXPECT_EQ(m_slow->lost, 0U);
 }
 
 TEST_F(PacedLink, BlockedPublishersReturnWhenTheSubscriberGoesOrTheContextCloses) {
-  start(Pacing::receiver);
-  sendUntilFull();
-  std::thread forSubscriber([&] { EXPECT_EQ(send(true), SendResult::sent); });
+  Start(Pacing::kReceiver);
+  SendUntilFull();
+  std::thread forSubscriber([&] { EXPECT_EQ(Send(true), SendResult::kSent); });
   m_slow.reset();
   forSubscriber.join();
 
-  m_slow = std::make_unique<Member>(settingsIn(m_directory));
-  settle({m_source.get(), m_slow.get()});
-  sendUntilFull();
-  std::thread forRoom([&] { EXPECT_EQ(send(true), SendResult::closed); });
-  m_source->transport->close(std::chrono::milliseconds(0));
+  m_slow = std::make_unique<Member>(SettingsIn(m_directory));
+  Settle({m_source.get(), m_slow.get()});
+  SendUntilFull();
+  std::thread forRoom([&] { EXPECT_EQ(Send(true), SendResult::kClosed); });
+  m_source->transport->Close(std::chrono::milliseconds(0));
   forRoom.join();
 }
 
 TEST_F(PacedLink, WaitingInsideACallbackIsRefusedWhereItWouldBeForEver) {
-  start(Pacing::receiver);
+  Start(Pacing::kReceiver);
   std::optional<SendResult> result;
   m_source->onMessage = [&](RemoteSource&, InboundMessage&) {
     m_source->onMessage = nullptr;
-    sendUntilFull();
-    result = send(true);
+    SendUntilFull();
+    result = Send(true);
   };
-  m_source->transport->subscribe(*m_source->sources.at("T"));
-  settle({m_source.get()});
-  ASSERT_EQ(send(), SendResult::sent);
-  drainUntil({m_source.get()}, "the callback", [&] { return result.has_value(); });
-  EXPECT_EQ(result, SendResult::wouldBlock);
+  m_source->transport->Subscribe(*m_source->sources.at("T"));
+  Settle({m_source.get()});
+  ASSERT_EQ(Send(), SendResult::kSent);
+  DrainUntil({m_source.get()}, "the callback", [&] { return result.has_value(); });
+  EXPECT_EQ(result, SendResult::kWouldBlock);
 }
 
 TEST_F(PacedLink, ClosingLingersUntilThePeerHasTakenEverything) {
-  start(Pacing::receiver);
-  const std::size_t sent = sendUntilFull();
-  std::thread closing([&] { m_source->transport->close(std::chrono::seconds(60)); });
-  drainUntil({m_slow.get()}, "the end of the source", [&] { return m_slow->heard("down T"); });
+  Start(Pacing::kReceiver);
+  const std::size_t sent = SendUntilFull();
+  std::thread closing([&] { m_source->transport->Close(std::chrono::seconds(60)); });
+  DrainUntil({m_slow.get()}, "the end of the source", [&] { return m_slow->Heard("down T"); });
   closing.join();
   EXPECT_EQ(m_slow->messages, sent);
 }
 
 TEST_F(PacedLink, PublishersOfSeveralThreadsKeepTheirSourcesInOrder) {
-  start(Pacing::receiver);
-  const auto other = m_source->transport->advertise({"U", "s", Pacing::receiver});
-  settle({m_source.get(), m_slow.get()});
+  Start(Pacing::kReceiver);
+  const auto other = m_source->transport->Advertise({"U", "s", Pacing::kReceiver});
+  Settle({m_source.get(), m_slow.get()});
   constexpr std::size_t kEach = 2000;
   std::map<std::string, std::vector<std::uint32_t>> sequences;
   m_slow->onMessage = [&](RemoteSource& source, InboundMessage& message) {
-    sequences[source.topic()].push_back(message.sequence);
+    sequences[source.GetTopic()].push_back(message.sequence);
   };
   std::vector<std::thread> publishers;
   for (Publication* publication : {m_publication.get(), m_publication.get(), other.get()}) {
     publishers.emplace_back([this, publication] {
       for (std::size_t i = 0; i < kEach; ++i) {
-        publish(*m_source->transport, *publication, kPayload, true);
+        Publish(*m_source->transport, *publication, kPayload, true);
       }
     });
   }
-  drainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == 3 * kEach; });
+  DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == 3 * kEach; });
   for (std::thread& publisher : publishers) {
     publisher.join();
   }

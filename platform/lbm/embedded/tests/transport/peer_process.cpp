@@ -19,18 +19,18 @@ namespace {
 class Subscriber : public Listener {
  public:
   explicit Subscriber(Transport& transport) : m_transport(transport) {}
-  void sourceUp(const std::shared_ptr<RemoteSource>& source) override {
-    if (source->topic() == "ours") {
-      m_transport.subscribe(*source);
+  void OnSourceUp(const std::shared_ptr<RemoteSource>& source) override {
+    if (source->GetTopic() == "ours") {
+      m_transport.Subscribe(*source);
     }
   }
-  void sourceDown(const std::shared_ptr<RemoteSource>&) override {}
-  void message(RemoteSource&, InboundMessage&) override { greeted = true; }
-  void loss(RemoteSource&, std::uint32_t, std::uint32_t) override {}
-  void response(std::uint64_t, const std::string&, std::span<const std::byte>) override {}
-  void subscriberJoined(Publication&, const std::string&) override {}
-  void subscriberLeft(Publication&, const std::string&) override {}
-  void writable(Publication&) override {}
+  void OnSourceDown(const std::shared_ptr<RemoteSource>&) override {}
+  void OnMessage(RemoteSource&, InboundMessage&) override { greeted = true; }
+  void OnLoss(RemoteSource&, std::uint32_t, std::uint32_t) override {}
+  void OnResponse(std::uint64_t, const std::string&, std::span<const std::byte>) override {}
+  void OnSubscriberJoined(Publication&, const std::string&) override {}
+  void OnSubscriberLeft(Publication&, const std::string&) override {}
+  void OnWritable(Publication&) override {}
 
   bool greeted = false;
 
@@ -38,27 +38,27 @@ class Subscriber : public Listener {
   Transport& m_transport;
 };
 
-void drain(Transport& transport, Subscriber& subscriber) {
-  if (transport.arm()) {
-    pollfd entry{transport.descriptor(), POLLIN, 0};
+void Drain(Transport& transport, Subscriber& subscriber) {
+  if (transport.Arm()) {
+    pollfd entry{transport.GetDescriptor(), POLLIN, 0};
     ::poll(&entry, 1, -1);
-    transport.disarm();
+    transport.Disarm();
   }
-  transport.drain(subscriber);
+  transport.Drain(subscriber);
 }
 
-int sayLastWords(Transport& transport, Publication& publication, Subscriber& subscriber) {
+int SayLastWords(Transport& transport, Publication& publication, Subscriber& subscriber) {
   while (!subscriber.greeted) {
-    drain(transport, subscriber);
+    Drain(transport, subscriber);
   }
   char text[] = "last words";
   const iovec piece{text, sizeof(text) - 1};
   OutboundMessage message;
   message.pieces = {&piece, 1};
-  transport.publish(publication, message, false);
-  transport.publish(publication, message, false);
+  transport.Publish(publication, message, false);
+  transport.Publish(publication, message, false);
   message.requestId = 5;
-  transport.publish(publication, message, false);
+  transport.Publish(publication, message, false);
   if (::write(STDOUT_FILENO, "!", 1) != 1) {
     return 1;
   }
@@ -67,18 +67,18 @@ int sayLastWords(Transport& transport, Publication& publication, Subscriber& sub
   }
 }
 
-[[noreturn]] void flood(Transport& transport, Publication& publication, Subscriber& subscriber) {
+[[noreturn]] void Flood(Transport& transport, Publication& publication, Subscriber& subscriber) {
   for (std::uint32_t number = 0;; ++number) {
-    std::vector<std::byte> content = host::floodMessage(number);
+    std::vector<std::byte> content = host::FloodMessage(number);
     const iovec piece{content.data(), content.size()};
     OutboundMessage message;
     message.pieces = {&piece, 1};
-    transport.drainMemory(subscriber);
-    while (transport.publish(publication, message, false) != SendResult::sent) {
-      drain(transport, subscriber);
+    transport.DrainMemory(subscriber);
+    while (transport.Publish(publication, message, false) != SendResult::kSent) {
+      Drain(transport, subscriber);
     }
     if (number % 64 == 0) {
-      transport.drain(subscriber);
+      transport.Drain(subscriber);
     }
   }
 }
@@ -94,11 +94,11 @@ int main(int argc, char** argv) {
   settings.domain = "test";
   settings.contextName = "peer";
   settings.ringBytes = host::kFloodRingBytes;
-  const auto transport = host::joinHostDomain(settings);
-  const auto publication = transport->advertise({"peer", "s", Pacing::receiver});
+  const auto transport = host::JoinHostDomain(settings);
+  const auto publication = transport->Advertise({"peer", "s", Pacing::kReceiver});
   Subscriber subscriber(*transport);
   if (std::string_view(argv[2]) == "flood") {
-    flood(*transport, *publication, subscriber);
+    Flood(*transport, *publication, subscriber);
   }
-  return sayLastWords(*transport, *publication, subscriber);
+  return SayLastWords(*transport, *publication, subscriber);
 }

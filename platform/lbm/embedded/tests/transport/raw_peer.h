@@ -25,13 +25,13 @@ class RawPeer {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    m_connected = ::connect(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    m_connected = ::connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
   }
 
-  bool connected() const { return m_connected; }
+  bool Connected() const { return m_connected; }
 
   // descriptor: to pass with the frame; none if negative.
-  void send(wire::Bytes frame, int descriptor = -1) const {
+  void Send(wire::Bytes frame, int descriptor = -1) const {
     iovec part{const_cast<std::byte*>(frame.data()), frame.size()};
     msghdr message{};
     message.msg_iov = &part;
@@ -46,13 +46,13 @@ class RawPeer {
       header->cmsg_len = CMSG_LEN(sizeof(descriptor));
       std::memcpy(CMSG_DATA(header), &descriptor, sizeof(descriptor));
     }
-    ::sendmsg(m_socket.get(), &message, MSG_NOSIGNAL);
+    ::sendmsg(m_socket.Get(), &message, MSG_NOSIGNAL);
   }
-  void send(wire::Type type, int descriptor = -1) const { send(wire::bytesOf(wire::Signal{type}), descriptor); }
-  void greet() const { send(wire::encodeHello({1, 2, "raw"})); }
+  void Send(wire::Type type, int descriptor = -1) const { Send(wire::BytesOf(wire::Signal{type}), descriptor); }
+  void Greet() const { Send(wire::EncodeHello({1, 2, "raw"})); }
 
   // Reads frames up to one with a descriptor.
-  Descriptor receiveDescriptor() const {
+  Descriptor ReceiveDescriptor() const {
     std::vector<std::byte> frame(wire::kPacketMax);
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
     int descriptor = -1;
@@ -63,7 +63,7 @@ class RawPeer {
       message.msg_iovlen = 1;
       message.msg_control = control.data();
       message.msg_controllen = control.size();
-      length = ::recvmsg(m_socket.get(), &message, MSG_CMSG_CLOEXEC);
+      length = ::recvmsg(m_socket.Get(), &message, MSG_CMSG_CLOEXEC);
       if (const cmsghdr* const header = CMSG_FIRSTHDR(&message); length > 0 && header != nullptr) {
         std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
       }
@@ -72,16 +72,16 @@ class RawPeer {
   }
 
   // What the context sent before it hung up; nothing when it has not.
-  std::optional<std::size_t> bytesUntilHangUp() const {
+  std::optional<std::size_t> BytesUntilHangUp() const {
     std::vector<std::byte> frame(wire::kPacketMax);
     std::size_t bytes = 0;
     ssize_t length = 0;
-    while ((length = ::recv(m_socket.get(), frame.data(), frame.size(), 0)) > 0) {
+    while ((length = ::recv(m_socket.Get(), frame.data(), frame.size(), 0)) > 0) {
       bytes += static_cast<std::size_t>(length);
     }
     return length == 0 || errno != EAGAIN ? std::optional(bytes) : std::nullopt;
   }
-  bool cutOff() const { return bytesUntilHangUp().has_value(); }
+  bool CutOff() const { return BytesUntilHangUp().has_value(); }
 
  private:
   Descriptor m_socket;
@@ -91,19 +91,19 @@ class RawPeer {
 // A ring in which such a process writes what it likes.
 class RawRing {
  public:
-  explicit RawRing(const RawPeer& peer) { peer.send(wire::Type::ring, m_made.memory.get()); }
+  explicit RawRing(const RawPeer& peer) { peer.Send(wire::Type::kRing, m_made.memory.Get()); }
 
-  void put(wire::Type type, wire::Bytes content) {
-    std::byte* const to = m_writer.reserve(content.size(), static_cast<std::uint32_t>(type));
+  void Put(wire::Type type, wire::Bytes content) {
+    std::byte* const to = m_writer.Reserve(content.size(), static_cast<std::uint32_t>(type));
     std::copy(content.begin(), content.end(), to);
-    m_writer.commit();
+    m_writer.Commit();
   }
-  RingControl<RingCounter>& control() { return m_made.ring.control(); }
-  std::span<std::byte> bytes() { return m_made.ring.bytes(); }
+  RingControl<RingCounter>& Control() { return m_made.ring.Control(); }
+  std::span<std::byte> Bytes() { return m_made.ring.Bytes(); }
 
  private:
-  RingMemory::Made m_made = RingMemory::make(kRingBytesMin);
-  RingWriter<RingCounter> m_writer{m_made.ring.control(), m_made.ring.bytes()};
+  RingMemory::Made m_made = RingMemory::Make(kRingBytesMin);
+  RingWriter<RingCounter> m_writer{m_made.ring.Control(), m_made.ring.Bytes()};
 };
 
 }  // namespace engine::transport::host

@@ -5,7 +5,7 @@
 
 namespace engine::transport::host {
 
-enum class Call : std::uint8_t { memfdCreate, posixFallocate, watch, mkdirat, bind };
+enum class Call : std::uint8_t { kMemfdCreate, kPosixFallocate, kWatch, kMkdirat, kBind };
 
 // While it lives, the call fails with the error on every thread. One at a time for each call.
 class Refusal {

@@ -14,9 +14,9 @@ using testing::HasSubstr;
 class RuntimeDirectory : public testing::Test {
  protected:
   // The text with which the directory is refused.
-  std::string refusal(const std::string& path, const std::string& domain = "test") const {
+  std::string Refusal(const std::string& path, const std::string& domain = "test") const {
     try {
-      openDomain(path, domain);
+      OpenDomain(path, domain);
     } catch (const std::exception& error) {
       EXPECT_THAT(error.what(), HasSubstr("\"" + path.substr(0, path.find_last_not_of('/') + 1)));
       return error.what();
@@ -28,83 +28,83 @@ class RuntimeDirectory : public testing::Test {
 };
 
 TEST_F(RuntimeDirectory, IsCreatedForThisUserAlone) {
-  const std::string path = m_scratch.path() + "/run/";
-  openDomain(path, "test");
+  const std::string path = m_scratch.Path() + "/run/";
+  OpenDomain(path, "test");
   for (const char* each : {"run", "run/test"}) {
     struct stat status {};
-    ASSERT_EQ(::stat((m_scratch.path() + "/" + each).c_str(), &status), 0);
+    ASSERT_EQ(::stat((m_scratch.Path() + "/" + each).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0700U) << each;
   }
-  openDomain(path, "test");
+  OpenDomain(path, "test");
 }
 
 TEST_F(RuntimeDirectory, IsRefusedWhereOthersMightTamperWithIt) {
-  const std::string open = m_scratch.path() + "/open";
+  const std::string open = m_scratch.Path() + "/open";
   ASSERT_EQ(::mkdir(open.c_str(), 0700), 0);
   ASSERT_EQ(::chmod(open.c_str(), 0770), 0);
-  EXPECT_THAT(refusal(open), HasSubstr("chmod go-w"));
+  EXPECT_THAT(Refusal(open), HasSubstr("chmod go-w"));
   ASSERT_EQ(::chmod(open.c_str(), 0702), 0);
-  EXPECT_THAT(refusal(open), HasSubstr("chmod go-w"));
+  EXPECT_THAT(Refusal(open), HasSubstr("chmod go-w"));
 
-  const std::string own = m_scratch.path() + "/own";
-  const std::string link = m_scratch.path() + "/link";
-  openDomain(own, "test");
+  const std::string own = m_scratch.Path() + "/own";
+  const std::string link = m_scratch.Path() + "/link";
+  OpenDomain(own, "test");
   std::filesystem::create_directory_symlink(own, link);
-  EXPECT_THAT(refusal(link), HasSubstr("symbolic link"));
-  EXPECT_THAT(refusal(link + "/"), HasSubstr("symbolic link"));
+  EXPECT_THAT(Refusal(link), HasSubstr("symbolic link"));
+  EXPECT_THAT(Refusal(link + "/"), HasSubstr("symbolic link"));
   std::filesystem::create_directory_symlink(own + "/test", own + "/linked");
-  EXPECT_THAT(refusal(own, "linked"), HasSubstr("symbolic link"));
+  EXPECT_THAT(Refusal(own, "linked"), HasSubstr("symbolic link"));
 
   std::string foreign = "/";
   if (::geteuid() == 0) {
-    foreign = m_scratch.path() + "/foreign";
+    foreign = m_scratch.Path() + "/foreign";
     ASSERT_EQ(::mkdir(foreign.c_str(), 0700), 0);
     ASSERT_EQ(::chown(foreign.c_str(), 12345, 12345), 0);
   }
-  EXPECT_THAT(refusal(foreign), HasSubstr("belongs to user"));
+  EXPECT_THAT(Refusal(foreign), HasSubstr("belongs to user"));
 }
 
 TEST_F(RuntimeDirectory, FaultsOfThePathSayWhatToDo) {
-  const std::string file = m_scratch.path() + "/file";
+  const std::string file = m_scratch.Path() + "/file";
   ASSERT_TRUE(Descriptor(::open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));
-  EXPECT_THAT(refusal(file), HasSubstr("not a directory"));
-  EXPECT_THAT(refusal(m_scratch.path() + "/no/such"), HasSubstr("create the directories above it"));
-  EXPECT_THAT(refusal(m_scratch.path() + "/" + std::string(300, 'x')), HasSubstr("shorten it"));
+  EXPECT_THAT(Refusal(file), HasSubstr("not a directory"));
+  EXPECT_THAT(Refusal(m_scratch.Path() + "/no/such"), HasSubstr("create the directories above it"));
+  EXPECT_THAT(Refusal(m_scratch.Path() + "/" + std::string(300, 'x')), HasSubstr("shorten it"));
   for (const std::string domain : {"", ".", "..", "a/b", "/"}) {
-    EXPECT_THROW(openDomain(m_scratch.path(), domain), std::runtime_error) << domain;
+    EXPECT_THROW(OpenDomain(m_scratch.Path(), domain), std::runtime_error) << domain;
   }
-  EXPECT_THROW(openDomain(m_scratch.path(), std::string(256, 'x')), std::runtime_error);
+  EXPECT_THROW(OpenDomain(m_scratch.Path(), std::string(256, 'x')), std::runtime_error);
 }
 
 TEST_F(RuntimeDirectory, HasToBeWritable) {
   constexpr uid_t kSomebody = 12345;
   const uid_t user = ::geteuid();
   if (user == 0) {  // for whom every directory is writable
-    ASSERT_EQ(::chown(m_scratch.path().c_str(), kSomebody, kSomebody), 0);
+    ASSERT_EQ(::chown(m_scratch.Path().c_str(), kSomebody, kSomebody), 0);
     ASSERT_EQ(::seteuid(kSomebody), 0);
   }
-  ASSERT_EQ(::chmod(m_scratch.path().c_str(), 0500), 0);
-  EXPECT_THAT(refusal(m_scratch.path()), HasSubstr("make it writable"));
-  ASSERT_EQ(::chmod(m_scratch.path().c_str(), 0700), 0);
+  ASSERT_EQ(::chmod(m_scratch.Path().c_str(), 0500), 0);
+  EXPECT_THAT(Refusal(m_scratch.Path()), HasSubstr("make it writable"));
+  ASSERT_EQ(::chmod(m_scratch.Path().c_str(), 0700), 0);
   ASSERT_EQ(::seteuid(user), 0);
 }
 
 TEST_F(RuntimeDirectory, MayBeLongerThanASocketAddress) {
-  HostSettings settings = settingsIn(m_scratch);
+  HostSettings settings = SettingsIn(m_scratch);
   settings.runtimeDirectory += "/" + std::string(250, 'x');
   settings.domain = std::string(250, 'y');
   Member a(settings);
   Member b(settings);
-  const auto publication = a.transport->advertise({"T", "s", Pacing::source});
-  settle({&a, &b});
-  EXPECT_TRUE(b.heard("up T"));
+  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  Settle({&a, &b});
+  EXPECT_TRUE(b.Heard("up T"));
 }
 
 TEST_F(RuntimeDirectory, FollowsTheEnvironment) {
   const auto with = [](const char* own, const char* session) {
     ::setenv("LBM_RUNTIME_DIR", own, 1);
     ::setenv("XDG_RUNTIME_DIR", session, 1);
-    return runtimeDirectory();
+    return host::RuntimeDirectory();
   };
   EXPECT_EQ(with("/own", "/session"), "/own");
   EXPECT_EQ(with("", "/session"), "/session/lbm");

@@ -18,32 +18,32 @@ namespace engine::transport::host {
 namespace {
 
 // Narrow counters and a few bytes, so that everything wraps all the time.
-template <typename Counter, std::size_t capacity>
+template <typename Counter, std::size_t Capacity>
 struct TinyRing {
   RingControl<Counter> control{};
-  alignas(8) std::array<std::byte, capacity> bytes{};
+  alignas(8) std::array<std::byte, Capacity> bytes{};
   RingWriter<Counter> writer{control, bytes};
   RingReader<Counter> reader{control, bytes};
 
-  bool put(const std::string& text, std::uint32_t tag = 1) {
-    std::byte* const to = writer.reserve(text.size(), tag);
+  bool Put(const std::string& text, std::uint32_t tag = 1) {
+    std::byte* const to = writer.Reserve(text.size(), tag);
     if (to == nullptr) {
       return false;
     }
     std::memcpy(to, text.data(), text.size());
-    writer.commit();
+    writer.Commit();
     return true;
   }
 
   // The next frame's content; empty when there is none.
-  std::string take() {
+  std::string Take() {
     RingFrame frame;
-    if (!reader.look() || !reader.next(frame)) {
-      reader.release();
+    if (!reader.Look() || !reader.Next(frame)) {
+      reader.Release();
       return {};
     }
     std::string text(reinterpret_cast<const char*>(frame.content.data()), frame.content.size());
-    reader.release();
+    reader.Release();
     return text;
   }
 };
@@ -62,17 +62,17 @@ TYPED_TEST(RingTest, GivesEveryFrameOnceInOrderWhateverTheirSizes) {
   for (int step = 0; step < 200'000; ++step) {
     if (random() % 2 == 0) {
       const std::string text(1 + random() % (ring.bytes.size() / 2), static_cast<char>('a' + step % 26));
-      if (ring.writer.hasRoom(text.size())) {
-        ASSERT_TRUE(ring.put(text));
+      if (ring.writer.HasRoom(text.size())) {
+        ASSERT_TRUE(ring.Put(text));
         inside.push_back(text);
       } else {
-        ASSERT_FALSE(ring.put(text));
+        ASSERT_FALSE(ring.Put(text));
         ++refused;
       }
     } else if (inside.empty()) {
-      ASSERT_EQ(ring.take(), "");
+      ASSERT_EQ(ring.Take(), "");
     } else {
-      ASSERT_EQ(ring.take(), inside.front());
+      ASSERT_EQ(ring.Take(), inside.front());
       inside.pop_front();
       ++taken;
     }
@@ -86,26 +86,26 @@ TYPED_TEST(RingTest, HasItsEdgesAtEveryPlace) {
   for (std::size_t place = 0; place < std::size_t{2} * 256; place += 8) {
     TypeParam ring;
     for (std::size_t i = 0; i < place; i += 8) {
-      ASSERT_TRUE(ring.put(""));
-      ring.take();
+      ASSERT_TRUE(ring.Put(""));
+      ring.Take();
     }
-    ASSERT_EQ(ring.writer.room(), capacity);
+    ASSERT_EQ(ring.writer.Room(), capacity);
     for (std::size_t i = 0; i < capacity; i += 8) {  // to the last byte
-      ASSERT_TRUE(ring.put(""));
+      ASSERT_TRUE(ring.Put(""));
     }
-    ASSERT_EQ(ring.writer.room(), 0U);
-    ASSERT_FALSE(ring.put(""));
+    ASSERT_EQ(ring.writer.Room(), 0U);
+    ASSERT_FALSE(ring.Put(""));
     RingFrame frame;
-    ASSERT_TRUE(ring.reader.look());
+    ASSERT_TRUE(ring.reader.Look());
     for (std::size_t i = 0; i < capacity; i += 8) {
-      ASSERT_TRUE(ring.reader.next(frame));
+      ASSERT_TRUE(ring.reader.Next(frame));
     }
-    ASSERT_FALSE(ring.reader.next(frame));
-    ASSERT_FALSE(ring.reader.look());
-    ring.reader.release();
+    ASSERT_FALSE(ring.reader.Next(frame));
+    ASSERT_FALSE(ring.reader.Look());
+    ring.reader.Release();
     // With a quarter free there is room for an eighth wherever the end is.
-    while (ring.writer.room() >= capacity / 4) {
-      ASSERT_TRUE(ring.put(std::string(capacity / 8 - sizeof(RingFrameHeader), 'x')));
+    while (ring.writer.Room() >= capacity / 4) {
+      ASSERT_TRUE(ring.Put(std::string(capacity / 8 - sizeof(RingFrameHeader), 'x')));
     }
   }
 }
@@ -114,20 +114,20 @@ TYPED_TEST(RingTest, TellsOfRoomOnceAndOnlyWhenHalfIsFree) {
   TypeParam ring;
   const std::size_t frames = ring.bytes.size() / 8;
   for (std::size_t i = 0; i < frames; ++i) {
-    ASSERT_TRUE(ring.put(""));
+    ASSERT_TRUE(ring.Put(""));
   }
-  const std::uint32_t told = ring.writer.wantRoom();
-  EXPECT_EQ(ring.writer.wantRoom(), told);
+  const std::uint32_t told = ring.writer.WantRoom();
+  EXPECT_EQ(ring.writer.WantRoom(), told);
   RingFrame frame;
-  ASSERT_TRUE(ring.reader.look());
+  ASSERT_TRUE(ring.reader.Look());
   for (std::size_t i = 0; i < frames; ++i) {
-    EXPECT_EQ(ring.reader.release(), i >= frames / 2) << i;
-    ASSERT_TRUE(ring.reader.next(frame));
+    EXPECT_EQ(ring.reader.Release(), i >= frames / 2) << i;
+    ASSERT_TRUE(ring.reader.Next(frame));
   }
-  EXPECT_NE(ring.reader.told(), told);
-  EXPECT_FALSE(ring.reader.release());
-  ring.writer.wantRoom();
-  EXPECT_TRUE(ring.reader.release());
+  EXPECT_NE(ring.reader.Told(), told);
+  EXPECT_FALSE(ring.reader.Release());
+  ring.writer.WantRoom();
+  EXPECT_TRUE(ring.reader.Release());
 }
 
 // Both at the same moment, over and over: a writer that looks whether the reader is still busy, and a reader that stops
@@ -136,40 +136,40 @@ TEST(RingThreads, ABusyReaderFallsAsleepOverNoFrame) {
   constexpr int kTimes = 30'000;
   TinyRing<std::uint16_t, 256> ring;
   WakeWord wakeWord;
-  RemoteWakeWord remoteWord{Descriptor(::dup(wakeWord.descriptor()))};
+  RemoteWakeWord remoteWord{Descriptor(::dup(wakeWord.GetDescriptor()))};
   std::atomic<int> begun{0};
   std::atomic<int> written{0};
   bool rung = false;
   const auto waitFor = [](const std::atomic<int>& counter, int value) {
     for (int looks = 0; counter.load() < value; ++looks) {
-      looks < 1000 ? pauseProcessor() : std::this_thread::yield();
+      looks < 1000 ? PauseProcessor() : std::this_thread::yield();
     }
   };
   std::thread writer([&] {
     for (int time = 1; time <= kTimes; ++time) {
       waitFor(begun, time);
-      static_cast<void>(remoteWord.busy());  // so that the word is at hand and the ring is not
-      ring.put("frame");
+      static_cast<void>(remoteWord.Busy());  // so that the word is at hand and the ring is not
+      ring.Put("frame");
       rung = false;
-      if (!remoteWord.busy()) {
-        ring.writer.orderCommit();
-        rung = remoteWord.toBeRung();
+      if (!remoteWord.Busy()) {
+        ring.writer.OrderCommit();
+        rung = remoteWord.ToBeRung();
       }
       written = time;
     }
   });
   for (int time = 1; time <= kTimes; ++time) {
-    wakeWord.noteFrames(WakeWord::kBusyAfter);
+    wakeWord.NoteFrames(WakeWord::kBusyAfter);
     begun = time;
     for (int i = 0; i < time % 32; ++i) {
-      pauseProcessor();
+      PauseProcessor();
     }
-    wakeWord.arm();
-    const bool seen = ring.reader.look();
+    wakeWord.Arm();
+    const bool seen = ring.reader.Look();
     waitFor(written, time);
     EXPECT_TRUE(seen || rung) << time;
-    ASSERT_EQ(ring.take(), "frame");
-    wakeWord.disarm();
+    ASSERT_EQ(ring.Take(), "frame");
+    wakeWord.Disarm();
   }
   writer.join();
 }
@@ -181,48 +181,48 @@ TEST(RingThreads, NobodyIsForgotten) {
   constexpr std::chrono::seconds kPatience{60};
   TinyRing<std::uint8_t, 64> ring;
   WakeWord wakeWord;
-  RemoteWakeWord remoteWord{Descriptor(::dup(wakeWord.descriptor()))};
+  RemoteWakeWord remoteWord{Descriptor(::dup(wakeWord.GetDescriptor()))};
   std::counting_semaphore<> bell{0};
   std::counting_semaphore<> room{0};
   std::atomic<bool> failed{false};
   std::thread writer([&] {
     for (std::size_t i = 0; i < kFrames && !failed;) {
       const std::string text(1 + i % 20, static_cast<char>('a' + i % 26));
-      if (!ring.put(text)) {
-        ring.writer.wantRoom();
-        if (!ring.writer.hasRoom(text.size()) && !room.try_acquire_for(kPatience)) {
+      if (!ring.Put(text)) {
+        ring.writer.WantRoom();
+        if (!ring.writer.HasRoom(text.size()) && !room.try_acquire_for(kPatience)) {
           failed = true;
         }
         continue;
       }
       ++i;
-      if (remoteWord.busy()) {
+      if (remoteWord.Busy()) {
         continue;
       }
-      ring.writer.orderCommit();
-      if (remoteWord.toBeRung()) {
+      ring.writer.OrderCommit();
+      if (remoteWord.ToBeRung()) {
         bell.release();
       }
     }
   });
   RingFrame frame;
   for (std::size_t i = 0; i < kFrames && !failed;) {
-    for (bool any = ring.reader.look(); any && ring.reader.next(frame); ++i) {
+    for (bool any = ring.reader.Look(); any && ring.reader.Next(frame); ++i) {
       ASSERT_EQ(frame.content.size(), 1 + i % 20);
       ASSERT_EQ(static_cast<char>(frame.content.back()), static_cast<char>('a' + i % 26));
     }
-    if (ring.reader.release()) {
-      ring.reader.told();
+    if (ring.reader.Release()) {
+      ring.reader.Told();
       room.release();
     }
     if (i == kFrames) {
       break;
     }
-    wakeWord.arm();
-    if (!ring.reader.look() && !ring.reader.toldIsDue() && !bell.try_acquire_for(kPatience)) {
+    wakeWord.Arm();
+    if (!ring.reader.Look() && !ring.reader.ToldIsDue() && !bell.try_acquire_for(kPatience)) {
       failed = true;
     }
-    wakeWord.disarm();
+    wakeWord.Disarm();
   }
   writer.join();
   EXPECT_FALSE(failed);

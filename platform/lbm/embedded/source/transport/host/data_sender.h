@@ -32,40 +32,40 @@ class DataSender {
  public:
   DataSender(std::shared_ptr<Link> link, RingMemory memory, RemoteWakeWord wakeWord);
 
-  const std::shared_ptr<Link>& link() const noexcept { return m_link; }
+  const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
 
   // Whether a message of so many bytes would be taken. Also true when the peer is out of reach and takes nothing.
-  bool hasRoom(std::size_t bytes);
+  bool HasRoom(std::size_t bytes);
   // The same if it can be said without looking; false otherwise.
-  bool knowsOfRoom(std::size_t bytes) const noexcept {
+  bool KnowsOfRoom(std::size_t bytes) const noexcept {
     const std::size_t inOneFrame = bytes + sizeof(wire::FragmentHeader);
-    return inOneFrame <= m_contentMax && nothingWaits() && m_ring.knowsOfRoom(inOneFrame);
+    return inOneFrame <= m_contentMax && NothingWaits() && m_ring.KnowsOfRoom(inOneFrame);
   }
 
   // Takes a message if there is room. If not, the peer will be told of the loss before anything else is taken.
-  void sendOrDrop(const wire::FragmentHeader& header, std::span<const iovec> pieces);
+  void SendOrDrop(const wire::FragmentHeader& header, std::span<const iovec> pieces);
 
   // The source's messages follow, from the sequence number on.
-  void subscribed(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence);
+  void Subscribed(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence);
   // No message of the source follows.
-  void withdrawn(std::uint32_t source);
+  void Withdrawn(std::uint32_t source);
   // Nothing of the source needs to be told any more.
-  void unsubscribed(std::uint32_t source);
+  void Unsubscribed(std::uint32_t source);
 
   // Asks to be told of room. Returns what awaitRoom() takes; look for room between the two.
-  std::uint32_t wantRoom();
+  std::uint32_t WantRoom();
   // Waits a moment until the peer has told of room since, or has gone. Threads: any.
-  void awaitRoom(std::uint32_t told);
+  void AwaitRoom(std::uint32_t told);
 
   // Notes a publication to be named by takeWaiting().
-  void notifyOfRoom(std::uint32_t publication) { m_publications.push_back(publication); }
-  std::vector<std::uint32_t> takeWaiting() { return std::exchange(m_publications, {}); }
+  void NotifyOfRoom(std::uint32_t publication) { m_publications.push_back(publication); }
+  std::vector<std::uint32_t> TakeWaiting() { return std::exchange(m_publications, {}); }
 
   // Looks whether the peer is still there.
-  bool withinReach();
+  bool WithinReach();
 
   // Gives what waits to the ring, as far as there is room. True when nothing is left.
-  bool flush();
+  bool Flush();
 
  private:
   // What is to be told of a source, in this order.
@@ -78,21 +78,21 @@ class DataSender {
     bool withdrawn = false;
   };
 
-  bool nothingWaits() const noexcept { return m_rest.empty() && m_notices.empty(); }
-  bool sendNow(const wire::FragmentHeader& header, std::span<const iovec> pieces);
-  void sendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
-  bool flushWaiting();
-  bool tell(std::uint32_t source, Notice& notice);
+  bool NothingWaits() const noexcept { return m_rest.Empty() && m_notices.empty(); }
+  bool SendNow(const wire::FragmentHeader& header, std::span<const iovec> pieces);
+  void SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
+  bool FlushWaiting();
+  bool Tell(std::uint32_t source, Notice& notice);
   template <typename T>
-  bool put(wire::Type type, const T& frame);
-  void commit() {
-    m_ring.commit();
-    if (!m_wakeWord.busy()) {
-      wake();
+  bool Put(wire::Type type, const T& frame);
+  void Commit() {
+    m_ring.Commit();
+    if (!m_wakeWord.Busy()) {
+      Wake();
     }
   }
-  void wake();
-  void giveUp(std::string_view fault);
+  void Wake();
+  void GiveUp(std::string_view fault);
 
   const std::shared_ptr<Link> m_link;
   const RingMemory m_memory;

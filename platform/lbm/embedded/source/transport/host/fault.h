@@ -16,7 +16,7 @@ class Fault : public std::runtime_error {
 inline constexpr const char* kOutOfMemory = "out of memory";
 
 // What is told of an error that ends a link, whosever fault it is.
-inline const char* textOf(const std::exception& error) noexcept {
+inline const char* TextOf(const std::exception& error) noexcept {
   return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? kOutOfMemory : error.what();
 }
 

@@ -11,7 +11,7 @@ constexpr std::size_t kKept = std::size_t{4} << 20;
 
 }  // namespace
 
-void FrameQueue::push(std::span<const iovec> parts) {
+void FrameQueue::Push(std::span<const iovec> parts) {
   // What was taken off the front is given back once it is the larger half, so that moving never costs more than
   // pushing.
   if (m_head > m_bytes.size() / 2) {
@@ -34,20 +34,20 @@ void FrameQueue::push(std::span<const iovec> parts) {
   }
 }
 
-std::span<std::byte> FrameQueue::front() {
+std::span<std::byte> FrameQueue::Front() {
   std::size_t length = 0;
   std::memcpy(&length, &m_bytes[m_head], sizeof(length));
   return std::span(m_bytes).subspan(m_head + sizeof(length), length);
 }
 
-void FrameQueue::pop() {
-  m_head += sizeof(std::size_t) + front().size();
-  if (empty()) {
-    clear();
+void FrameQueue::Pop() {
+  m_head += sizeof(std::size_t) + Front().size();
+  if (Empty()) {
+    Clear();
   }
 }
 
-void FrameQueue::clear() {
+void FrameQueue::Clear() {
   m_bytes.clear();
   m_head = 0;
   if (m_bytes.capacity() > kKept) {

@@ -52,16 +52,16 @@ constexpr std::chrono::milliseconds kWokenAllTheTime{1};
 // Until what the system refused for the moment is tried again.
 constexpr timespec kRetryDelay{0, 50'000'000};
 
-[[noreturn]] void throwErrno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
+[[noreturn]] void ThrowErrno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
-Descriptor checked(int descriptor, const char* what) {
+Descriptor Checked(int descriptor, const char* what) {
   if (descriptor < 0) {
-    throwErrno(what);
+    ThrowErrno(what);
   }
   return Descriptor(descriptor);
 }
 
-std::uint64_t randomSession() {
+std::uint64_t RandomSession() {
   std::random_device device;
   return (std::uint64_t{device()} << 32) | device();
 }
@@ -69,28 +69,28 @@ std::uint64_t randomSession() {
 class HostTransport final : public Transport {
  public:
   explicit HostTransport(const HostSettings& settings);
-  ~HostTransport() override { close(std::chrono::milliseconds(0)); }
+  ~HostTransport() override { Close(std::chrono::milliseconds(0)); }
 
-  std::shared_ptr<Publication> advertise(const PublicationInfo& info) override {
-    return m_publications.advertise(info);
+  std::shared_ptr<Publication> Advertise(const PublicationInfo& info) override {
+    return m_publications.Advertise(info);
   }
-  void withdraw(Publication& publication) override {
-    m_publications.withdraw(static_cast<HostPublication&>(publication));
+  void Withdraw(Publication& publication) override {
+    m_publications.Withdraw(static_cast<HostPublication&>(publication));
   }
-  void subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).subscribe(); }
-  void unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).unsubscribe(); }
-  SendResult publish(Publication& publication, const OutboundMessage& message, bool block) override {
-    return static_cast<HostPublication&>(publication).publish(message, block && !draining(), m_closed);
+  void Subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Subscribe(); }
+  void Unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Unsubscribe(); }
+  SendResult Publish(Publication& publication, const OutboundMessage& message, bool block) override {
+    return static_cast<HostPublication&>(publication).Publish(message, block && !Draining(), m_closed);
   }
-  SendResult respond(ReplyPath& path, std::span<const iovec> pieces, bool block) override {
-    return static_cast<HostReplyPath&>(path).respond(pieces, block && !draining(), m_closed);
+  SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, bool block) override {
+    return static_cast<HostReplyPath&>(path).Respond(pieces, block && !Draining(), m_closed);
   }
-  int descriptor() const noexcept override { return m_poller.get(); }
-  bool arm() override;
-  void disarm() noexcept override { m_wakeWord.disarm(); }
-  std::size_t drainMemory(Listener& listener) override;
-  std::size_t drain(Listener& listener) override;
-  void close(std::chrono::milliseconds linger) noexcept override;
+  int GetDescriptor() const noexcept override { return m_poller.Get(); }
+  bool Arm() override;
+  void Disarm() noexcept override { m_wakeWord.Disarm(); }
+  std::size_t DrainMemory(Listener& listener) override;
+  std::size_t Drain(Listener& listener) override;
+  void Close(std::chrono::milliseconds linger) noexcept override;
 
  private:
   using Peers = std::unordered_map<std::uint64_t, Peer>;
@@ -110,31 +110,31 @@ class HostTransport final : public Transport {
   };
 
   // Whether the calling thread is inside drain(), where waiting for room would keep the room from coming.
-  bool draining() const noexcept {
+  bool Draining() const noexcept {
     return m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
   }
 
-  void watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
-  void link(Descriptor& socket, LinkKind kind);
-  void tryToLink(Descriptor socket);
-  void connectSelf();
-  std::size_t acceptPeers();
-  void pauseAccepting();
-  std::string tryToOpenRing(Peer& peer, Listener& listener);
-  void retry(Listener& listener);
-  void retryLater();
-  bool hasData() noexcept;
-  std::size_t receiveData(Listener& listener);
-  std::size_t serve(Peer& peer, std::uint32_t events, Listener& listener);
-  void endPeer(Peer& peer, Listener& listener);
-  void flushPeers(std::chrono::milliseconds linger);
+  void Watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
+  void GetLink(Descriptor& socket, LinkKind kind);
+  void TryToLink(Descriptor socket);
+  void ConnectSelf();
+  std::size_t AcceptPeers();
+  void PauseAccepting();
+  std::string TryToOpenRing(Peer& peer, Listener& listener);
+  void Retry(Listener& listener);
+  void RetryLater();
+  bool HasData() noexcept;
+  std::size_t ReceiveData(Listener& listener);
+  std::size_t Serve(Peer& peer, std::uint32_t events, Listener& listener);
+  void EndPeer(Peer& peer, Listener& listener);
+  void FlushPeers(std::chrono::milliseconds linger);
   template <typename Compose>
-  void notice(Compose compose) const noexcept;
+  void Notice(Compose compose) const noexcept;
   template <typename Compose>
-  void noticeRefusal(Compose compose) noexcept;
+  void NoticeRefusal(Compose compose) noexcept;
 
   const HostSettings m_settings;
-  const std::uint64_t m_session = randomSession();
+  const std::uint64_t m_session = RandomSession();
   const std::vector<std::byte> m_greeting;
   const Descriptor m_poller;
   const Descriptor m_timer;
@@ -158,7 +158,7 @@ class HostTransport final : public Transport {
 
 // Tells the text that compose() makes, if any. Without memory for that nothing is told, and the context goes on.
 template <typename Compose>
-void HostTransport::notice(Compose compose) const noexcept {
+void HostTransport::Notice(Compose compose) const noexcept {
   try {
     if (const std::string text = compose(); m_settings.notice && !text.empty()) {
       m_settings.notice(kNoticeWarning, text);
@@ -169,71 +169,71 @@ void HostTransport::notice(Compose compose) const noexcept {
 
 // Tells the first of the refusals only: while the system refuses, it is asked again and again.
 template <typename Compose>
-void HostTransport::noticeRefusal(Compose compose) noexcept {
+void HostTransport::NoticeRefusal(Compose compose) noexcept {
   if (!std::exchange(m_refusalTold, true)) {
-    notice(compose);
+    Notice(compose);
   }
 }
 
 HostTransport::HostTransport(const HostSettings& settings)
     : m_settings(settings),
-      m_greeting(wire::encodeHello({m_session, static_cast<std::uint32_t>(::getpid()), settings.contextName})),
-      m_poller(checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create a poller for the links")),
-      m_timer(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "cannot create a timer")),
+      m_greeting(wire::EncodeHello({m_session, static_cast<std::uint32_t>(::getpid()), settings.contextName})),
+      m_poller(Checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create a poller for the links")),
+      m_timer(Checked(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "cannot create a timer")),
       m_publications(settings.firstSequence),
-      m_rendezvous(settings.runtimeDirectory.empty() ? runtimeDirectory() : settings.runtimeDirectory, settings.domain,
+      m_rendezvous(settings.runtimeDirectory.empty() ? RuntimeDirectory() : settings.runtimeDirectory, settings.domain,
                    m_session),
       m_packet(wire::kPacketMax) {
-  watch(m_timer.get(), kTimerId, EPOLL_CTL_ADD, EPOLLIN);
-  connectSelf();
-  for (Rendezvous::Neighbour& neighbour : m_rendezvous.join(settings.joinPatience)) {
+  Watch(m_timer.Get(), kTimerId, EPOLL_CTL_ADD, EPOLLIN);
+  ConnectSelf();
+  for (Rendezvous::Neighbour& neighbour : m_rendezvous.Join(settings.joinPatience)) {
     if (neighbour.socket) {
-      link(neighbour.socket, LinkKind::peer);
+      GetLink(neighbour.socket, LinkKind::kPeer);
     } else {
       m_busyNeighbours.push_back(std::move(neighbour));
     }
   }
-  watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_ADD, EPOLLIN);
+  Watch(m_rendezvous.Listener(), kListenerId, EPOLL_CTL_ADD, EPOLLIN);
   if (!m_busyNeighbours.empty()) {
-    retryLater();
+    RetryLater();
   }
 }
 
-bool HostTransport::arm() {
+bool HostTransport::Arm() {
   // Woken all the time, it first lets writers have the processor that share it: the more they have written, the fewer
   // wake-ups. Otherwise it sleeps at once, since any other neighbour might keep the processor for a while.
   const auto now = std::chrono::steady_clock::now();
   if (now - std::exchange(m_armedAt, now) < kWokenAllTheTime) {
     std::this_thread::yield();
-    if (hasData()) {
+    if (HasData()) {
       return false;
     }
   }
-  m_wakeWord.arm();
-  if (hasData()) {
-    m_wakeWord.disarm();
+  m_wakeWord.Arm();
+  if (HasData()) {
+    m_wakeWord.Disarm();
     return false;
   }
   return true;
 }
 
-bool HostTransport::hasData() noexcept {
-  return std::any_of(m_senders.begin(), m_senders.end(), [](Peer* peer) { return peer->hasData(); });
+bool HostTransport::HasData() noexcept {
+  return std::any_of(m_senders.begin(), m_senders.end(), [](Peer* peer) { return peer->HasData(); });
 }
 
-std::size_t HostTransport::drainMemory(Listener& listener) {
+std::size_t HostTransport::DrainMemory(Listener& listener) {
   const DrainScope scope(*this);
-  return receiveData(listener);
+  return ReceiveData(listener);
 }
 
-std::size_t HostTransport::drain(Listener& listener) {
+std::size_t HostTransport::Drain(Listener& listener) {
   const DrainScope scope(*this);
-  std::size_t done = receiveData(listener);
+  std::size_t done = ReceiveData(listener);
   std::array<epoll_event, kEventsMax> events;
   int count = 0;
-  while ((count = ::epoll_wait(m_poller.get(), events.data(), kEventsMax, 0)) < 0) {
+  while ((count = ::epoll_wait(m_poller.Get(), events.data(), kEventsMax, 0)) < 0) {
     if (errno != EINTR) {
-      throwErrno("cannot poll the links");
+      ThrowErrno("cannot poll the links");
     }
   }
   for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(count))) {
@@ -241,98 +241,98 @@ std::size_t HostTransport::drain(Listener& listener) {
       break;
     }
     if (event.data.u64 == kListenerId) {
-      done += acceptPeers();
+      done += AcceptPeers();
     } else if (event.data.u64 == kTimerId) {
-      retry(listener);
+      Retry(listener);
       ++done;
     } else if (const auto found = m_peers.find(event.data.u64); found != m_peers.end()) {
-      done += serve(found->second, event.events, listener);
+      done += Serve(found->second, event.events, listener);
     }
   }
   return done;
 }
 
-void HostTransport::close(std::chrono::milliseconds linger) noexcept {
+void HostTransport::Close(std::chrono::milliseconds linger) noexcept {
   if (m_closed.exchange(true)) {
     return;
   }
-  m_rendezvous.leave();
+  m_rendezvous.Leave();
   try {
-    m_publications.withdrawAll();
-    flushPeers(linger);
+    m_publications.WithdrawAll();
+    FlushPeers(linger);
   } catch (const std::exception& error) {
-    notice([&] { return std::string("left the domain without sending everything: ") + textOf(error); });
+    Notice([&] { return std::string("left the domain without sending everything: ") + TextOf(error); });
   }
-  for (const auto& link : m_publications.links()) {
-    link->end();
+  for (const auto& link : m_publications.Links()) {
+    link->End();
   }
 }
 
-void HostTransport::watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events) {
+void HostTransport::Watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = id;
-  if (::epoll_ctl(m_poller.get(), operation, descriptor, &event) != 0) {
-    throwErrno("cannot watch another descriptor; free memory, or raise fs.epoll.max_user_watches");
+  if (::epoll_ctl(m_poller.Get(), operation, descriptor, &event) != 0) {
+    ThrowErrno("cannot watch another descriptor; free memory, or raise fs.epoll.max_user_watches");
   }
 }
 
 // Throws std::system_error, and leaves the socket to the caller, when the system does not let this context watch it.
-void HostTransport::link(Descriptor& socket, LinkKind kind) {
-  if (!sameUser(socket.get())) {
-    notice([] { return "refused a context that runs as another user"; });
+void HostTransport::GetLink(Descriptor& socket, LinkKind kind) {
+  if (!SameUser(socket.Get())) {
+    Notice([] { return "refused a context that runs as another user"; });
     return;
   }
   const std::uint64_t id = m_nextLinkId++;
-  watch(socket.get(), id, EPOLL_CTL_ADD, EPOLLIN);
-  const auto made = std::make_shared<Link>(id, kind, std::move(socket), m_poller.get(), m_wakeWord.descriptor());
-  m_peers.try_emplace(made->id(), made,
+  Watch(socket.Get(), id, EPOLL_CTL_ADD, EPOLLIN);
+  const auto made = std::make_shared<Link>(id, kind, std::move(socket), m_poller.Get(), m_wakeWord.GetDescriptor());
+  m_peers.try_emplace(made->Id(), made,
                       Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes)});
-  m_publications.attach(made, m_greeting);
+  m_publications.Attach(made, m_greeting);
 }
 
 // The same for a context that is one of many: what is wrong with it is not to be this context's end.
-void HostTransport::tryToLink(Descriptor socket) {
+void HostTransport::TryToLink(Descriptor socket) {
   const std::uint64_t id = m_nextLinkId;
   try {
     m_unlinked.reserve(m_unlinked.size() + 1);  // so that keeping the socket cannot fail below
-    link(socket, LinkKind::peer);
+    GetLink(socket, LinkKind::kPeer);
     m_refusalTold = false;
   } catch (const std::system_error& error) {
-    noticeRefusal([&] { return kNotTakenIn + error.what(); });
+    NoticeRefusal([&] { return kNotTakenIn + error.what(); });
     m_unlinked.push_back(std::move(socket));
-    retryLater();
+    RetryLater();
   } catch (const std::exception& error) {
-    notice([&] { return kNotTakenIn + textOf(error); });
+    Notice([&] { return kNotTakenIn + TextOf(error); });
     if (const auto made = m_peers.find(id); made != m_peers.end()) {
-      made->second.link()->breakOff({});
+      made->second.GetLink()->BreakOff({});
     }
   }
 }
 
-void HostTransport::connectSelf() {
+void HostTransport::ConnectSelf() {
   int ends[2];
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
-    throwErrno("cannot connect a context to itself");
+    ThrowErrno("cannot connect a context to itself");
   }
   Descriptor announcing(ends[0]);
   Descriptor finding(ends[1]);
-  link(announcing, LinkKind::selfAnnouncing);
-  link(finding, LinkKind::selfFinding);
+  GetLink(announcing, LinkKind::kSelfAnnouncing);
+  GetLink(finding, LinkKind::kSelfFinding);
 }
 
-std::size_t HostTransport::acceptPeers() {
+std::size_t HostTransport::AcceptPeers() {
   std::size_t accepted = 0;
   for (int attempt = 0; attempt < kAcceptedMax; ++attempt) {
-    Descriptor socket(::accept4(m_rendezvous.listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    Descriptor socket(::accept4(m_rendezvous.Listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
-      tryToLink(std::move(socket));
+      TryToLink(std::move(socket));
       ++accepted;
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-      noticeRefusal([error = errno] {
+      NoticeRefusal([error = errno] {
         return kNotTakenIn + std::generic_category().message(error) + "; raise the limit of open files (ulimit -n)";
       });
-      pauseAccepting();
+      PauseAccepting();
       break;
     } else if (errno != EINTR && errno != ECONNABORTED) {
       break;
@@ -342,171 +342,171 @@ std::size_t HostTransport::acceptPeers() {
 }
 
 // The listener stays readable while the system refuses; looking at it all the time would not help.
-void HostTransport::pauseAccepting() {
-  watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_MOD, 0);
-  retryLater();
+void HostTransport::PauseAccepting() {
+  Watch(m_rendezvous.Listener(), kListenerId, EPOLL_CTL_MOD, 0);
+  RetryLater();
 }
 
 // Gives the system's refusal, after which it is tried again later; empty when there was none.
-std::string HostTransport::tryToOpenRing(Peer& peer, Listener& listener) {
+std::string HostTransport::TryToOpenRing(Peer& peer, Listener& listener) {
   try {
-    peer.openRing(listener);
+    peer.OpenRing(listener);
     return {};
   } catch (const std::system_error& error) {
-    retryLater();
+    RetryLater();
     return error.what();
   }
 }
 
-void HostTransport::retry(Listener& listener) {
+void HostTransport::Retry(Listener& listener) {
   std::uint64_t expirations = 0;
-  if (::read(m_timer.get(), &expirations, sizeof(expirations)) < 0) {
+  if (::read(m_timer.Get(), &expirations, sizeof(expirations)) < 0) {
     return;
   }
-  watch(m_rendezvous.listener(), kListenerId, EPOLL_CTL_MOD, EPOLLIN);
+  Watch(m_rendezvous.Listener(), kListenerId, EPOLL_CTL_MOD, EPOLLIN);
   for (auto& [id, peer] : m_peers) {
-    if (peer.awaitsRing()) {
+    if (peer.AwaitsRing()) {
       try {
-        tryToOpenRing(peer, listener);
+        TryToOpenRing(peer, listener);
       } catch (const std::exception& error) {
-        peer.link()->breakOff(textOf(error));
+        peer.GetLink()->BreakOff(TextOf(error));
       }
     }
   }
   for (Descriptor& socket : std::exchange(m_unlinked, {})) {
-    tryToLink(std::move(socket));
+    TryToLink(std::move(socket));
   }
   for (auto neighbour = m_busyNeighbours.begin(); neighbour != m_busyNeighbours.end();) {
-    auto outcome = Rendezvous::Outcome::busy;
+    auto outcome = Rendezvous::Outcome::kBacklogFull;
     try {
-      outcome = m_rendezvous.connect(*neighbour);
+      outcome = m_rendezvous.Connect(*neighbour);
     } catch (const std::exception& error) {
-      noticeRefusal([&] { return textOf(error); });
+      NoticeRefusal([&] { return TextOf(error); });
     }
-    if (outcome == Rendezvous::Outcome::connected) {
-      tryToLink(std::move(neighbour->socket));
+    if (outcome == Rendezvous::Outcome::kConnected) {
+      TryToLink(std::move(neighbour->socket));
     }
-    neighbour = outcome == Rendezvous::Outcome::busy ? neighbour + 1 : m_busyNeighbours.erase(neighbour);
+    neighbour = outcome == Rendezvous::Outcome::kBacklogFull ? neighbour + 1 : m_busyNeighbours.erase(neighbour);
   }
   if (!m_busyNeighbours.empty()) {
-    retryLater();
+    RetryLater();
   }
 }
 
-void HostTransport::retryLater() {
+void HostTransport::RetryLater() {
   const itimerspec delay{{}, kRetryDelay};
-  if (::timerfd_settime(m_timer.get(), 0, &delay, nullptr) != 0) {
-    throwErrno("cannot set a timer");
+  if (::timerfd_settime(m_timer.Get(), 0, &delay, nullptr) != 0) {
+    ThrowErrno("cannot set a timer");
   }
 }
 
 // Takes in what is in the rings.
-std::size_t HostTransport::receiveData(Listener& listener) {
-  if (m_lookPause.due()) {
-    LookPause::pass();
+std::size_t HostTransport::ReceiveData(Listener& listener) {
+  if (m_lookPause.Due()) {
+    LookPause::Pass();
   }
   std::size_t done = 0;
   for (std::size_t i = 0; i < m_senders.size() && !m_closed.load(std::memory_order_relaxed);) {
     Peer& peer = *m_senders[i];
     try {
-      done += peer.receiveData(kFramesPerRingMax, listener);
+      done += peer.ReceiveData(kFramesPerRingMax, listener);
       ++i;
       continue;
     } catch (const std::exception& error) {
-      peer.link()->breakOff(textOf(error));
+      peer.GetLink()->BreakOff(TextOf(error));
     }
-    endPeer(peer, listener);  // takes it out of m_senders
+    EndPeer(peer, listener);  // takes it out of m_senders
     ++done;
   }
-  m_wakeWord.noteFrames(done);
-  m_lookPause.note(done);
+  m_wakeWord.NoteFrames(done);
+  m_lookPause.Note(done);
   return done;
 }
 
-std::size_t HostTransport::serve(Peer& peer, std::uint32_t events, Listener& listener) {
+std::size_t HostTransport::Serve(Peer& peer, std::uint32_t events, Listener& listener) {
   constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
   std::size_t done = 0;
   try {
     if ((events & EPOLLOUT) != 0) {
       ++done;
-      peer.link()->flush();
+      peer.GetLink()->Flush();
     }
     for (int frames = 0;; ++frames) {
       if (frames == kFramesPerLinkMax || m_closed) {
         return done;
       }
-      Link::Arrival arrival = peer.link()->receive(m_packet);
-      if (arrival.what == Link::Received::nothing) {
+      Link::Arrival arrival = peer.GetLink()->Receive(m_packet);
+      if (arrival.what == Link::Received::kNothing) {
         return done;
       }
       ++done;
-      const bool hangUp = arrival.what == Link::Received::hangUp;
-      if (!hangUp || peer.link()->fault().empty()) {
-        done += peer.receiveData(kAll, listener);
+      const bool hangUp = arrival.what == Link::Received::kHangUp;
+      if (!hangUp || peer.GetLink()->FaultText().empty()) {
+        done += peer.ReceiveData(kAll, listener);
       }
       if (hangUp) {
         break;
       }
-      const bool sentData = peer.sendsData();
-      const bool awaitedRing = peer.awaitsRing();
-      peer.handle(std::move(arrival), listener);
-      if (peer.sendsData() != sentData) {
+      const bool sentData = peer.SendsData();
+      const bool awaitedRing = peer.AwaitsRing();
+      peer.Handle(std::move(arrival), listener);
+      if (peer.SendsData() != sentData) {
         m_senders.push_back(&peer);
       }
-      if (peer.awaitsRing() && !awaitedRing) {
-        if (const std::string refusal = tryToOpenRing(peer, listener); !refusal.empty()) {
-          notice([&] { return "cannot send to " + peer.description() + " yet: " + refusal; });
+      if (peer.AwaitsRing() && !awaitedRing) {
+        if (const std::string refusal = TryToOpenRing(peer, listener); !refusal.empty()) {
+          Notice([&] { return "cannot send to " + peer.Description() + " yet: " + refusal; });
         }
       }
     }
   } catch (const std::exception& error) {
-    peer.link()->breakOff(textOf(error));
+    peer.GetLink()->BreakOff(TextOf(error));
   }
-  endPeer(peer, listener);
+  EndPeer(peer, listener);
   return done;
 }
 
 // For a link that is hung up, by either side.
-void HostTransport::endPeer(Peer& peer, Listener& listener) {
+void HostTransport::EndPeer(Peer& peer, Listener& listener) {
   std::erase(m_senders, &peer);
   HostPublications publications;
   try {
-    publications = m_publications.detach(*peer.link());
+    publications = m_publications.Detach(*peer.GetLink());
   } catch (const std::bad_alloc&) {
     return;  // the link will be found hung up again
   }
-  notice([&] {
-    const std::string fault = peer.link()->fault();
-    return fault.empty() ? fault : "cut off " + peer.description() + ": " + fault;
+  Notice([&] {
+    const std::string fault = peer.GetLink()->FaultText();
+    return fault.empty() ? fault : "cut off " + peer.Description() + ": " + fault;
   });
-  const auto node = m_peers.extract(peer.link()->id());
-  peer.link()->end();
-  peer.end(listener);
+  const auto node = m_peers.extract(peer.GetLink()->Id());
+  peer.GetLink()->End();
+  peer.End(listener);
   for (const auto& publication : publications) {
-    if (!publication->withdrawn()) {
-      listener.subscriberLeft(*publication, peer.name());
+    if (!publication->Withdrawn()) {
+      listener.OnSubscriberLeft(*publication, peer.Name());
     }
   }
   for (const auto& publication : publications) {
     // It may have been the one without room.
-    if (publication->takeWaiting() && !publication->withdrawn()) {
-      listener.writable(*publication);
+    if (publication->TakeWaiting() && !publication->Withdrawn()) {
+      listener.OnWritable(*publication);
     }
   }
 }
 
-void HostTransport::flushPeers(std::chrono::milliseconds linger) {
+void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
   // Room in a ring does not show on a descriptor.
   constexpr std::chrono::milliseconds kLookAgain{1};
   const auto deadline = std::chrono::steady_clock::now() + linger;
   std::vector<pollfd> unsent;
   for (;;) {
     unsent.clear();
-    const bool waiting = !m_publications.flushSenders();
-    for (const auto& link : m_publications.links()) {
+    const bool waiting = !m_publications.FlushSenders();
+    for (const auto& link : m_publications.Links()) {
       // Nobody is left at the other end of the links to this context itself.
-      if (link->kind() == LinkKind::peer && !link->flush()) {
-        unsent.push_back({link->descriptor(), POLLOUT, 0});
+      if (link->Kind() == LinkKind::kPeer && !link->Flush()) {
+        unsent.push_back({link->GetDescriptor(), POLLOUT, 0});
       }
     }
     const auto left = deadline - std::chrono::steady_clock::now();
@@ -520,7 +520,7 @@ void HostTransport::flushPeers(std::chrono::milliseconds linger) {
 
 }  // namespace
 
-std::unique_ptr<Transport> joinHostDomain(const HostSettings& settings) {
+std::unique_ptr<Transport> JoinHostDomain(const HostSettings& settings) {
   if (settings.contextName.size() > wire::kNameMax) {
     throw std::runtime_error("the context name has " + std::to_string(settings.contextName.size()) +
                              " bytes; at most " + std::to_string(wire::kNameMax) + " are possible");

@@ -27,9 +27,9 @@ struct HostSettings {
 };
 
 // The directory that holds the domains: LBM_RUNTIME_DIR, else $XDG_RUNTIME_DIR/lbm, else /tmp/lbm-<uid>.
-std::string runtimeDirectory();
+std::string RuntimeDirectory();
 
 // Joins the domain and returns when every context that was there is connected.
-std::unique_ptr<Transport> joinHostDomain(const HostSettings& settings);
+std::unique_ptr<Transport> JoinHostDomain(const HostSettings& settings);
 
 }  // namespace engine::transport::host

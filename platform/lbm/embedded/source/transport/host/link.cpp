@@ -33,7 +33,7 @@ constexpr int kSocketBufferBytes = 1 << 20;
 constexpr int kLookAgainMilliseconds = 10;
 
 // The descriptor that came with a frame, if any. There was room for one; the system closes what is beyond.
-Descriptor passedIn(msghdr& message) {
+Descriptor PassedIn(msghdr& message) {
   const cmsghdr* const header = CMSG_FIRSTHDR(&message);
   if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
       header->cmsg_len != CMSG_LEN(sizeof(int))) {
@@ -44,7 +44,7 @@ Descriptor passedIn(msghdr& message) {
   return Descriptor(descriptor);
 }
 
-iovec partOf(wire::Bytes bytes) {
+iovec PartOf(wire::Bytes bytes) {
   // The structure of the system call serves both directions, hence no const.
   return {const_cast<std::byte*>(bytes.data()), bytes.size()};
 }
@@ -59,38 +59,38 @@ Link::Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int w
       m_wakeWord(wakeWord),
       m_queueMax(kUnreadMax) {
   // As much as the system grants; less is no fault.
-  ::setsockopt(m_socket.get(), SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof(kSocketBufferBytes));
+  ::setsockopt(m_socket.Get(), SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof(kSocketBufferBytes));
 }
 
-void Link::sendControl(wire::Bytes frame) {
+void Link::SendControl(wire::Bytes frame) {
   const std::lock_guard lock(m_mutex);
-  const iovec part = partOf(frame);
-  take({&part, 1});
-  if (m_queue.size() > m_queueMax) {
-    cutOff("it does not read what it is sent");
+  const iovec part = PartOf(frame);
+  Take({&part, 1});
+  if (m_queue.Size() > m_queueMax) {
+    CutOff("it does not read what it is sent");
   }
 }
 
-void Link::passWakeWord() {
+void Link::PassWakeWord() {
   const std::lock_guard lock(m_mutex);
   if (!std::exchange(m_wakeWordPassed, true)) {
-    const wire::Signal frame{wire::Type::wakeWord};
-    const iovec part = partOf(wire::bytesOf(frame));
-    take({&part, 1});
+    const wire::Signal frame{wire::Type::kWakeWord};
+    const iovec part = PartOf(wire::BytesOf(frame));
+    Take({&part, 1});
   }
 }
 
-void Link::passRing(Descriptor memory) {
+void Link::PassRing(Descriptor memory) {
   const std::lock_guard lock(m_mutex);
   m_ring = std::move(memory);
-  const wire::Signal frame{wire::Type::ring};
-  const iovec part = partOf(wire::bytesOf(frame));
-  take({&part, 1});
+  const wire::Signal frame{wire::Type::kRing};
+  const iovec part = PartOf(wire::BytesOf(frame));
+  Take({&part, 1});
 }
 
-bool Link::sendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces) {
+bool Link::SendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces) {
   const std::lock_guard lock(m_mutex);
-  if (!roomFor(header.total)) {
+  if (!RoomFor(header.total)) {
     return false;
   }
   if (header.total > kUnreadWithRoom) {
@@ -100,43 +100,43 @@ bool Link::sendResponse(const wire::ResponseHeader& header, std::span<const iove
   PieceCursor cursor(pieces);
   std::size_t left = header.total;
   do {
-    m_parts.assign(1, partOf(wire::bytesOf(header)));
-    left -= cursor.take(std::min(left, kPayloadMax), IOV_MAX - 1, m_parts);
-    take(m_parts);
+    m_parts.assign(1, PartOf(wire::BytesOf(header)));
+    left -= cursor.Take(std::min(left, kPayloadMax), IOV_MAX - 1, m_parts);
+    Take(m_parts);
   } while (left > 0 && !m_broken);
   return true;
 }
 
-bool Link::flush() {
+bool Link::Flush() {
   const std::lock_guard lock(m_mutex);
-  return flushQueue();
+  return FlushQueue();
 }
 
-void Link::awaitWritable() const {
-  pollfd entry{m_socket.get(), POLLOUT, 0};
+void Link::AwaitWritable() const {
+  pollfd entry{m_socket.Get(), POLLOUT, 0};
   ::poll(&entry, 1, kLookAgainMilliseconds);
 }
 
-void Link::lookForHangUp() {
-  pollfd entry{m_socket.get(), POLLRDHUP, 0};
+void Link::LookForHangUp() {
+  pollfd entry{m_socket.Get(), POLLRDHUP, 0};
   if (::poll(&entry, 1, 0) > 0) {
     const std::lock_guard lock(m_mutex);
     m_broken = true;
-    m_queue.clear();
+    m_queue.Clear();
   }
 }
 
-void Link::breakOff(std::string_view fault) noexcept {
+void Link::BreakOff(std::string_view fault) noexcept {
   const std::lock_guard lock(m_mutex);
-  cutOff(fault);
+  CutOff(fault);
 }
 
-bool Link::broken() const {
+bool Link::Broken() const {
   const std::lock_guard lock(m_mutex);
   return m_broken;
 }
 
-Link::Arrival Link::receive(std::span<std::byte> buffer) {
+Link::Arrival Link::Receive(std::span<std::byte> buffer) {
   for (;;) {
     iovec part{buffer.data(), buffer.size()};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
@@ -145,65 +145,65 @@ Link::Arrival Link::receive(std::span<std::byte> buffer) {
     message.msg_iovlen = 1;
     message.msg_control = control.data();
     message.msg_controllen = CMSG_LEN(sizeof(int));  // without the padding, which a second descriptor would fit
-    const ssize_t length = ::recvmsg(m_socket.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    const ssize_t length = ::recvmsg(m_socket.Get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (length > 0) {
-      Descriptor descriptor = passedIn(message);
+      Descriptor descriptor = PassedIn(message);
       if ((message.msg_flags & MSG_TRUNC) != 0) {
         throw Fault("a frame is larger than allowed");
       }
       const wire::Bytes frame = buffer.first(static_cast<std::size_t>(length));
-      if (wire::carriesDescriptor(wire::typeOf(frame)) != static_cast<bool>(descriptor)) {
+      if (wire::CarriesDescriptor(wire::TypeOf(frame)) != static_cast<bool>(descriptor)) {
         throw Fault(descriptor ? "a descriptor came with a frame that needs none"
                                : "a descriptor did not arrive; if this process has all the files open that it may "
                                  "have, raise the limit (ulimit -n)");
       }
-      return {Received::frame, frame, std::move(descriptor)};
+      return {Received::kFrame, frame, std::move(descriptor)};
     }
     if (length == 0) {
-      return {Received::hangUp, {}, {}};
+      return {Received::kHangUp, {}, {}};
     }
     if (errno == EAGAIN) {
-      return {Received::nothing, {}, {}};
+      return {Received::kNothing, {}, {}};
     }
     // A peer that went with frames unread resets the connection, once; what it had sent still follows.
     if (errno == ECONNRESET && !std::exchange(m_resetSeen, true)) {
       continue;
     }
     if (errno != EINTR) {
-      return {Received::hangUp, {}, {}};
+      return {Received::kHangUp, {}, {}};
     }
   }
 }
 
-void Link::end() {
+void Link::End() {
   const std::lock_guard lock(m_mutex);
-  cutOff({});
-  ::epoll_ctl(m_poller, EPOLL_CTL_DEL, m_socket.get(), nullptr);
+  CutOff({});
+  ::epoll_ctl(m_poller, EPOLL_CTL_DEL, m_socket.Get(), nullptr);
 }
 
-std::string Link::fault() const {
+std::string Link::FaultText() const {
   const std::lock_guard lock(m_mutex);
   return m_fault;
 }
 
 // Takes one frame: to the socket, or behind those that wait for it.
-void Link::take(std::span<const iovec> parts) {
-  if (m_broken || (m_queue.empty() && transmit(parts)) || m_broken) {
+void Link::Take(std::span<const iovec> parts) {
+  if (m_broken || (m_queue.Empty() && Transmit(parts)) || m_broken) {
     return;
   }
-  m_queue.push(parts);
-  watchWritable(true);
+  m_queue.Push(parts);
+  WatchWritable(true);
 }
 
 // Gives one frame to the socket. False when it has to wait or the peer is gone.
-bool Link::transmit(std::span<const iovec> parts) {
+bool Link::Transmit(std::span<const iovec> parts) {
   msghdr message{};
   message.msg_iov = const_cast<iovec*>(parts.data());
   message.msg_iovlen = parts.size();
-  const wire::Type type = wire::typeOf({static_cast<const std::byte*>(parts[0].iov_base), parts[0].iov_len});
+  const wire::Type type = wire::TypeOf({static_cast<const std::byte*>(parts[0].iov_base), parts[0].iov_len});
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-  if (wire::carriesDescriptor(type)) {
-    const int descriptor = type == wire::Type::ring ? m_ring.get() : m_wakeWord;
+  if (wire::CarriesDescriptor(type)) {
+    const int descriptor = type == wire::Type::kRing ? m_ring.Get() : m_wakeWord;
     message.msg_control = control.data();
     message.msg_controllen = control.size();
     cmsghdr* const header = CMSG_FIRSTHDR(&message);
@@ -212,52 +212,52 @@ bool Link::transmit(std::span<const iovec> parts) {
     header->cmsg_len = CMSG_LEN(sizeof(int));
     std::memcpy(CMSG_DATA(header), &descriptor, sizeof(int));
   }
-  while (::sendmsg(m_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+  while (::sendmsg(m_socket.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
     if (errno == EAGAIN || errno == ENOBUFS) {
       return false;
     }
     if (errno == EPIPE || errno == ECONNRESET) {
       // Not hung up here: what the peer had sent before it went is still to be received.
       m_broken = true;
-      m_queue.clear();
+      m_queue.Clear();
       return false;
     }
     if (errno != EINTR) {
-      cutOff("a frame cannot be sent to it: " + std::generic_category().message(errno));
+      CutOff("a frame cannot be sent to it: " + std::generic_category().message(errno));
       return false;
     }
   }
-  if (type == wire::Type::ring) {
+  if (type == wire::Type::kRing) {
     m_ring = Descriptor();
   }
   return true;
 }
 
 // Ends the interest in a writable socket when nothing waits for it any more.
-bool Link::flushQueue() {
-  while (!m_queue.empty()) {
-    const iovec part = partOf(m_queue.front());
-    if (!transmit({&part, 1})) {
+bool Link::FlushQueue() {
+  while (!m_queue.Empty()) {
+    const iovec part = PartOf(m_queue.Front());
+    if (!Transmit({&part, 1})) {
       break;
     }
-    m_queue.pop();
+    m_queue.Pop();
   }
-  if (m_queue.empty()) {
+  if (m_queue.Empty()) {
     m_queueMax = kUnreadMax;
-    watchWritable(false);
+    WatchWritable(false);
   }
-  return m_queue.empty();
+  return m_queue.Empty();
 }
 
-bool Link::roomFor(std::size_t bytes) {
-  const auto fits = [&] { return m_broken || m_queue.empty() || m_queue.size() + bytes <= kUnreadWithRoom; };
-  return fits() || (flushQueue(), fits());
+bool Link::RoomFor(std::size_t bytes) {
+  const auto fits = [&] { return m_broken || m_queue.Empty() || m_queue.Size() + bytes <= kUnreadWithRoom; };
+  return fits() || (FlushQueue(), fits());
 }
 
-void Link::cutOff(std::string_view fault) noexcept {
+void Link::CutOff(std::string_view fault) noexcept {
   m_broken = true;
-  m_queue.clear();
-  ::shutdown(m_socket.get(), SHUT_RDWR);
+  m_queue.Clear();
+  ::shutdown(m_socket.Get(), SHUT_RDWR);
   if (m_fault.empty()) {
     try {
       m_fault = fault;
@@ -267,7 +267,7 @@ void Link::cutOff(std::string_view fault) noexcept {
   }
 }
 
-void Link::watchWritable(bool on) {
+void Link::WatchWritable(bool on) {
   if (on == m_watchingWritable) {
     return;
   }
@@ -275,7 +275,7 @@ void Link::watchWritable(bool on) {
   event.events = EPOLLIN | (on ? EPOLLOUT : 0U);
   event.data.u64 = m_id;
   // Fails only for a link that has ended and is no longer registered.
-  ::epoll_ctl(m_poller, EPOLL_CTL_MOD, m_socket.get(), &event);
+  ::epoll_ctl(m_poller, EPOLL_CTL_MOD, m_socket.Get(), &event);
   m_watchingWritable = on;
 }
 

@@ -4,7 +4,7 @@
 // it in the link's queue. Responses are taken only while the queue has room; everything else is taken always, up to a
 // bound at which a peer that never reads is cut off.
 //
-// Threads: receive() and end() are for the thread inside drain(); all else may be called on any thread.
+// Threads: receive() and End() are for the thread inside drain(); all else may be called on any thread.
 #pragma once
 
 #include <sys/uio.h>
@@ -25,67 +25,67 @@ namespace engine::transport::host {
 
 // Where the peer is. A context is linked to itself by two links, the ends of one connection: it announces its sources
 // on the first and finds them on the second, like any other context would.
-enum class LinkKind : std::uint8_t { peer, selfAnnouncing, selfFinding };
+enum class LinkKind : std::uint8_t { kPeer, kSelfAnnouncing, kSelfFinding };
 
 class Link {
  public:
   // Takes over a connected socket. poller is the epoll descriptor in which the socket is registered for input under the
-  // link's id, wakeWord the descriptor that passWakeWord() passes; both stay open until end().
+  // link's id, wakeWord the descriptor that passWakeWord() passes; both stay open until End().
   Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int wakeWord);
 
-  std::uint64_t id() const noexcept { return m_id; }
-  LinkKind kind() const noexcept { return m_kind; }
-  int descriptor() const noexcept { return m_socket.get(); }
+  std::uint64_t Id() const noexcept { return m_id; }
+  LinkKind Kind() const noexcept { return m_kind; }
+  int GetDescriptor() const noexcept { return m_socket.Get(); }
 
   // Takes a frame that is not a response.
-  void sendControl(wire::Bytes frame);
-  void sendSignal(wire::Type type) { sendControl(wire::bytesOf(wire::Signal{type})); }
+  void SendControl(wire::Bytes frame);
+  void SendSignal(wire::Type type) { SendControl(wire::BytesOf(wire::Signal{type})); }
 
   // Lets the peer see when this context sleeps. Idempotent.
-  void passWakeWord();
+  void PassWakeWord();
   // Lets the peer read the ring. Once.
-  void passRing(Descriptor memory);
+  void PassRing(Descriptor memory);
 
   // Takes a response if there is room for it.
-  bool sendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces);
+  bool SendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces);
 
   // Sends what is waiting, as far as the socket takes it. True when nothing is left.
-  bool flush();
+  bool Flush();
 
   // Waits a moment for the socket to take more.
-  void awaitWritable() const;
+  void AwaitWritable() const;
 
   // Looks whether the peer has hung up; broken() tells from then on.
-  void lookForHangUp();
+  void LookForHangUp();
 
   // Gives up on the peer, for the reason told by fault(). The thread inside drain() will find the link hung up.
-  void breakOff(std::string_view fault) noexcept;
+  void BreakOff(std::string_view fault) noexcept;
 
   // Whether the peer is out of reach. What it had sent may still be there to receive.
-  bool broken() const;
+  bool Broken() const;
 
-  enum class Received : std::uint8_t { frame, nothing, hangUp };
+  enum class Received : std::uint8_t { kFrame, kNothing, kHangUp };
   struct Arrival {
-    Received what = Received::nothing;
+    Received what = Received::kNothing;
     wire::Bytes frame;      // in the buffer
     Descriptor descriptor;  // that came with the frame
   };
   // Takes in one frame.
-  Arrival receive(std::span<std::byte> buffer);
+  Arrival Receive(std::span<std::byte> buffer);
 
   // Hangs up.
-  void end();
+  void End();
 
   // Why this side broke the link; empty when it did not.
-  std::string fault() const;
+  std::string FaultText() const;
 
  private:
-  void take(std::span<const iovec> parts);
-  bool transmit(std::span<const iovec> parts);
-  bool flushQueue();
-  bool roomFor(std::size_t bytes);
-  void cutOff(std::string_view fault) noexcept;
-  void watchWritable(bool on);
+  void Take(std::span<const iovec> parts);
+  bool Transmit(std::span<const iovec> parts);
+  bool FlushQueue();
+  bool RoomFor(std::size_t bytes);
+  void CutOff(std::string_view fault) noexcept;
+  void WatchWritable(bool on);
 
   const std::uint64_t m_id;
   const LinkKind m_kind;

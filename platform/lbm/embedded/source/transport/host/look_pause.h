@@ -15,24 +15,24 @@ namespace engine::transport::host {
 class LookPause {
  public:
   // Whether there is to be one before the next look.
-  bool due() const noexcept { return m_few == kLooks; }
+  bool Due() const noexcept { return m_few == kLooks; }
 
-  static void pass() noexcept {
+  static void Pass() noexcept {
     for (int i = 0; i < kPauses; ++i) {
-      pauseProcessor();
+      PauseProcessor();
     }
   }
 
   // To be called after each look.
-  void note(std::size_t frames) noexcept {
+  void Note(std::size_t frames) noexcept {
     if (m_without > 0) {
       --m_without;
-    } else if (due() && frames == 1) {
+    } else if (Due() && frames == 1) {
       m_few = 0;
       m_without = kLooksWithout;
     } else if (frames == 0 || frames > kFewFrames) {
       m_few = 0;
-    } else if (!due()) {
+    } else if (!Due()) {
       ++m_few;
     }
   }

@@ -12,7 +12,7 @@
 
 namespace engine::transport::host {
 
-void HostRemoteSource::subscribe() {
+void HostRemoteSource::Subscribe() {
   const std::lock_guard lock(m_mutex);
   const auto link = m_link.lock();
   if (!link || m_wantedToken != 0) {
@@ -25,11 +25,11 @@ void HostRemoteSource::subscribe() {
   wire::Subscribe frame;
   frame.source = m_id;
   frame.token = m_lastToken;
-  link->passWakeWord();
-  link->sendControl(wire::bytesOf(frame));
+  link->PassWakeWord();
+  link->SendControl(wire::BytesOf(frame));
 }
 
-void HostRemoteSource::unsubscribe() {
+void HostRemoteSource::Unsubscribe() {
   const std::lock_guard lock(m_mutex);
   const auto link = m_link.lock();
   if (m_wantedToken.exchange(0) == 0 || !link) {
@@ -37,76 +37,76 @@ void HostRemoteSource::unsubscribe() {
   }
   wire::Unsubscribe frame;
   frame.source = m_id;
-  link->sendControl(wire::bytesOf(frame));
+  link->SendControl(wire::BytesOf(frame));
 }
 
-void HostRemoteSource::activate(std::uint32_t token, std::uint32_t nextSequence) {
+void HostRemoteSource::Activate(std::uint32_t token, std::uint32_t nextSequence) {
   if (token == m_wantedToken) {
     m_activeToken = token;
     m_expected = nextSequence;
   }
 }
 
-SendResult HostReplyPath::respond(std::span<const iovec> pieces, bool mayWait, const std::atomic<bool>& closed) {
-  const std::size_t size = messageSize(pieces);
+SendResult HostReplyPath::Respond(std::span<const iovec> pieces, bool mayWait, const std::atomic<bool>& closed) {
+  const std::size_t size = MessageSize(pieces);
   wire::ResponseHeader header;
   header.request = m_request;
   header.total = static_cast<std::uint32_t>(size);
   static_assert(wire::kMessageMax <= std::numeric_limits<decltype(header.total)>::max());
   for (;;) {
     if (closed) {
-      return SendResult::closed;
+      return SendResult::kClosed;
     }
     const auto link = m_link.lock();
-    if (!link || link->broken()) {
-      return SendResult::peerGone;
+    if (!link || link->Broken()) {
+      return SendResult::kPeerGone;
     }
-    if (link->sendResponse(header, pieces)) {
-      return SendResult::sent;
+    if (link->SendResponse(header, pieces)) {
+      return SendResult::kSent;
     }
     if (!mayWait) {
-      return SendResult::wouldBlock;
+      return SendResult::kWouldBlock;
     }
-    link->awaitWritable();
+    link->AwaitWritable();
   }
 }
 
-std::string Peer::description() const {
+std::string Peer::Description() const {
   if (!m_greeted) {
     return "a context that has not introduced itself";
   }
   return "context \"" + m_greeting.name + "\" (process " + std::to_string(m_greeting.process) + ", session " +
-         wire::sessionText(m_greeting.session) + ")";
+         wire::SessionText(m_greeting.session) + ")";
 }
 
-void Peer::handle(Link::Arrival arrival, Listener& listener) {
+void Peer::Handle(Link::Arrival arrival, Listener& listener) {
   const wire::Bytes frame = arrival.frame;
   if (!m_greeted) {
-    m_greeting = wire::decodeHello(frame);
-    m_identity = "host:" + std::to_string(m_greeting.process) + '.' + wire::sessionText(m_greeting.session);
+    m_greeting = wire::DecodeHello(frame);
+    m_identity = "host:" + std::to_string(m_greeting.process) + '.' + wire::SessionText(m_greeting.session);
     m_greeted = true;
     return;
   }
-  switch (wire::typeOf(frame)) {
-    case wire::Type::advertise:
-      return advertised(frame, listener);
-    case wire::Type::withdraw:
-      return withdrawn(wire::decode<wire::Withdraw>(frame).source, listener);
-    case wire::Type::subscribe:
-      return subscribed(wire::decode<wire::Subscribe>(frame), listener);
-    case wire::Type::unsubscribe:
-      return unsubscribed(wire::decode<wire::Unsubscribe>(frame), listener);
-    case wire::Type::response:
-      return response(frame, listener);
-    case wire::Type::wakeWord:
-      return wakeWordPassed(arrival.descriptor);
-    case wire::Type::ring:
-      return ringPassed(arrival.descriptor);
-    case wire::Type::bell:
+  switch (wire::TypeOf(frame)) {
+    case wire::Type::kAdvertise:
+      return Advertised(frame, listener);
+    case wire::Type::kWithdraw:
+      return Withdrawn(wire::Decode<wire::Withdraw>(frame).source, listener);
+    case wire::Type::kSubscribe:
+      return Subscribed(wire::Decode<wire::Subscribe>(frame), listener);
+    case wire::Type::kUnsubscribe:
+      return Unsubscribed(wire::Decode<wire::Unsubscribe>(frame), listener);
+    case wire::Type::kResponse:
+      return OnResponse(frame, listener);
+    case wire::Type::kWakeWord:
+      return WakeWordPassed(arrival.descriptor);
+    case wire::Type::kRing:
+      return RingPassed(arrival.descriptor);
+    case wire::Type::kBell:
       return;
-    case wire::Type::room:
+    case wire::Type::kRoom:
       if (m_sender) {
-        tellWritable(m_surroundings.publications.flush(*m_sender), listener);
+        TellWritable(m_surroundings.publications.Flush(*m_sender), listener);
       }
       return;
     default:
@@ -114,172 +114,174 @@ void Peer::handle(Link::Arrival arrival, Listener& listener) {
   }
 }
 
-std::size_t Peer::receiveData(std::size_t framesMax, Listener& listener) {
+std::size_t Peer::ReceiveData(std::size_t framesMax, Listener& listener) {
   if (!m_receiver) {
     return 0;
   }
   RingReader<RingCounter>& ring = m_receiver->ring;
   std::size_t frames = 0;
-  if (ring.look()) {
+  if (ring.Look()) {
     RingFrame frame;
-    while (frames < framesMax && !m_surroundings.closed.load(std::memory_order_relaxed) && ring.next(frame)) {
+    while (frames < framesMax && !m_surroundings.closed.load(std::memory_order_relaxed) && ring.Next(frame)) {
       ++frames;
-      handleData(frame, listener);
+      HandleData(frame, listener);
     }
   }
-  if (ring.release()) {
-    std::atomic<std::uint32_t>& word = ring.told();
+  if (ring.Release()) {
+    std::atomic<std::uint32_t>& word = ring.Told();
     ::syscall(SYS_futex, &word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-    m_link->sendSignal(wire::Type::room);
+    m_link->SendSignal(wire::Type::kRoom);
   }
   return frames;
 }
 
-bool Peer::hasData() noexcept {
+bool Peer::HasData() noexcept {
   try {
-    return m_receiver && (m_receiver->ring.look() || m_receiver->ring.toldIsDue());
+    return m_receiver && (m_receiver->ring.Look() || m_receiver->ring.ToldIsDue());
   } catch (const Fault&) {
     return true;  // receiveData() will find it as well
   }
 }
 
-void Peer::end(Listener& listener) {
+void Peer::End(Listener& listener) {
   m_lastSource = nullptr;
   for (const auto& [id, source] : std::exchange(m_sources, {})) {
-    listener.sourceDown(source);
+    listener.OnSourceDown(source);
   }
 }
 
-void Peer::tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
+void Peer::TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
   for (const std::uint32_t id : publications) {
-    const auto publication = m_surroundings.publications.find(id);
-    if (publication && publication->takeWaiting()) {
-      listener.writable(*publication);
+    const auto publication = m_surroundings.publications.Find(id);
+    if (publication && publication->TakeWaiting()) {
+      listener.OnWritable(*publication);
     }
   }
 }
 
-void Peer::advertised(wire::Bytes frame, Listener& listener) {
-  wire::decodeAdvertise(frame, [&](std::uint32_t id, std::string_view topic, std::string_view session) {
+void Peer::Advertised(wire::Bytes frame, Listener& listener) {
+  wire::DecodeAdvertise(frame, [&](std::uint32_t id, std::string_view topic, std::string_view session) {
     auto source = std::make_shared<HostRemoteSource>(std::string(topic), std::string(session), id, m_link);
     if (!m_sources.emplace(id, source).second) {
       throw Fault("it announced a source twice");
     }
-    listener.sourceUp(source);
+    listener.OnSourceUp(source);
   });
 }
 
-void Peer::withdrawn(std::uint32_t source, Listener& listener) {
+void Peer::Withdrawn(std::uint32_t source, Listener& listener) {
   const auto node = m_sources.extract(source);
   if (!node) {
     throw Fault("it withdrew a source that it had not announced");
   }
   m_lastSource = nullptr;
-  listener.sourceDown(node.mapped());
+  listener.OnSourceDown(node.mapped());
 }
 
-void Peer::wakeWordPassed(const Descriptor& memory) {
+void Peer::WakeWordPassed(const Descriptor& memory) {
   if (m_wakeWord || m_sender) {
     throw Fault("it passed two wake words");
   }
   m_wakeWord.emplace(memory);
 }
 
-void Peer::ringPassed(const Descriptor& memory) {
+void Peer::RingPassed(const Descriptor& memory) {
   if (m_receiver) {
     throw Fault("it passed two rings");
   }
   m_receiver.emplace(memory);
 }
 
-void Peer::subscribed(const wire::Subscribe& frame, Listener& listener) {
+void Peer::Subscribed(const wire::Subscribe& frame, Listener& listener) {
   if (m_sender) {
-    return answer(frame.source, frame.token, listener);
+    return Answer(frame.source, frame.token, listener);
   }
   if (!m_wakeWord) {
     throw Fault("it subscribed without a wake word");
   }
-  if (m_surroundings.publications.find(frame.source)) {
+  if (m_surroundings.publications.Find(frame.source)) {
     m_unanswered[frame.source] = frame.token;
   }
 }
 
-void Peer::openRing(Listener& listener) {
-  RingMemory::Made made = RingMemory::make(m_surroundings.ringBytes);
-  m_link->passRing(std::move(made.memory));
+void Peer::OpenRing(Listener& listener) {
+  RingMemory::Made made = RingMemory::Make(m_surroundings.ringBytes);
+  m_link->PassRing(std::move(made.memory));
   m_sender = std::make_shared<DataSender>(m_link, std::move(made.ring), *std::exchange(m_wakeWord, std::nullopt));
-  m_surroundings.publications.addSender(m_sender);
+  m_surroundings.publications.AddSender(m_sender);
   for (const auto& [source, token] : std::exchange(m_unanswered, {})) {
-    answer(source, token, listener);
+    Answer(source, token, listener);
   }
 }
 
-void Peer::answer(std::uint32_t source, std::uint32_t token, Listener& listener) {
+void Peer::Answer(std::uint32_t source, std::uint32_t token, Listener& listener) {
   // A publication that is not there was withdrawn while the subscription was on its way.
-  const auto publication = m_surroundings.publications.find(source);
-  if (publication && publication->addSubscriber(m_sender, token)) {
-    listener.subscriberJoined(*publication, name());
+  const auto publication = m_surroundings.publications.Find(source);
+  if (publication && publication->AddSubscriber(m_sender, token)) {
+    listener.OnSubscriberJoined(*publication, Name());
   }
 }
 
-void Peer::unsubscribed(const wire::Unsubscribe& frame, Listener& listener) {
+void Peer::Unsubscribed(const wire::Unsubscribe& frame, Listener& listener) {
   m_unanswered.erase(frame.source);
-  const auto publication = m_surroundings.publications.find(frame.source);
-  if (!publication || !publication->removeSubscriber(*m_link)) {
+  const auto publication = m_surroundings.publications.Find(frame.source);
+  if (!publication || !publication->RemoveSubscriber(*m_link)) {
     return;
   }
-  listener.subscriberLeft(*publication, name());
+  listener.OnSubscriberLeft(*publication, Name());
   // It may have been the one without room.
-  if (publication->takeWaiting()) {
-    listener.writable(*publication);
+  if (publication->TakeWaiting()) {
+    listener.OnWritable(*publication);
   }
 }
 
-void Peer::response(wire::Bytes frame, Listener& listener) {
-  const auto header = wire::take<wire::ResponseHeader>(frame);
-  m_responses.add(header, frame, [&](wire::Bytes message) { listener.response(header.request, m_identity, message); });
+void Peer::OnResponse(wire::Bytes frame, Listener& listener) {
+  const auto header = wire::Take<wire::ResponseHeader>(frame);
+  m_responses.Add(header, frame,
+                  [&](wire::Bytes message) { listener.OnResponse(header.request, m_identity, message); });
 }
 
-void Peer::handleData(const RingFrame& frame, Listener& listener) {
+void Peer::HandleData(const RingFrame& frame, Listener& listener) {
   wire::Bytes content = frame.content;
   switch (static_cast<wire::Type>(frame.tag)) {
-    case wire::Type::message: {
-      const auto plain = wire::take<wire::MessageHeader>(content);
+    case wire::Type::kMessage: {
+      const auto plain = wire::Take<wire::MessageHeader>(content);
       wire::FragmentHeader header;
       header.source = plain.source;
       header.sequence = plain.sequence;
-      return message(header, content, listener);
+      return OnMessage(header, content, listener);
     }
-    case wire::Type::fragment: {
-      const auto header = wire::take<wire::FragmentHeader>(content);
-      return m_receiver->reassembly.add(header, content, [&](wire::Bytes whole) { message(header, whole, listener); });
+    case wire::Type::kFragment: {
+      const auto header = wire::Take<wire::FragmentHeader>(content);
+      return m_receiver->reassembly.Add(header, content,
+                                        [&](wire::Bytes whole) { OnMessage(header, whole, listener); });
     }
-    case wire::Type::subscribed: {
-      const auto answer = wire::decode<wire::Subscribed>(content);
-      if (HostRemoteSource* const source = findSource(answer.source)) {
-        source->activate(answer.token, answer.nextSequence);
+    case wire::Type::kSubscribed: {
+      const auto answer = wire::Decode<wire::Subscribed>(content);
+      if (HostRemoteSource* const source = FindSource(answer.source)) {
+        source->Activate(answer.token, answer.nextSequence);
       }
       return;
     }
-    case wire::Type::loss:
-      return lost(wire::decode<wire::Loss>(content), listener);
-    case wire::Type::withdrawn:
-      return withdrawn(wire::decode<wire::Withdrawn>(content).source, listener);
+    case wire::Type::kLoss:
+      return Lost(wire::Decode<wire::Loss>(content), listener);
+    case wire::Type::kWithdrawn:
+      return Withdrawn(wire::Decode<wire::Withdrawn>(content).source, listener);
     default:
       throw Fault("a frame in a ring has no known type");
   }
 }
 
-void Peer::message(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener) {
-  HostRemoteSource* const source = findSource(header.source);
-  if (source != nullptr && source->active()) {
-    skipTo(*source, header.sequence, listener);
+void Peer::OnMessage(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener) {
+  HostRemoteSource* const source = FindSource(header.source);
+  if (source != nullptr && source->Active()) {
+    SkipTo(*source, header.sequence, listener);
   }
   // Asked again, because the listener may have unsubscribed.
-  if (source == nullptr || !source->active()) {
+  if (source == nullptr || !source->Active()) {
     return;
   }
-  source->expect(header.sequence + 1);
+  source->Expect(header.sequence + 1);
   InboundMessage inbound;
   inbound.payload = payload;
   inbound.sequence = header.sequence;
@@ -289,31 +291,31 @@ void Peer::message(const wire::FragmentHeader& header, wire::Bytes payload, List
   if (header.request != 0) {
     inbound.replyPath = std::make_shared<HostReplyPath>(m_link, header.request);
   }
-  listener.message(*source, inbound);
+  listener.OnMessage(*source, inbound);
 }
 
-void Peer::lost(const wire::Loss& frame, Listener& listener) {
-  HostRemoteSource* const source = findSource(frame.source);
-  if (source != nullptr && source->active()) {
-    skipTo(*source, frame.first + frame.count, listener);
+void Peer::Lost(const wire::Loss& frame, Listener& listener) {
+  HostRemoteSource* const source = FindSource(frame.source);
+  if (source != nullptr && source->Active()) {
+    SkipTo(*source, frame.first + frame.count, listener);
   }
 }
 
 // The messages up to the sequence number will not come. Sequence numbers wrap, hence the comparison by difference.
-void Peer::skipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener) {
-  const std::uint32_t first = source.expected();
+void Peer::SkipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener) {
+  const std::uint32_t first = source.Expected();
   const std::uint32_t count = sequence - first;
   if (static_cast<std::int32_t>(count) < 0) {
     throw Fault("the sequence numbers of a source went back");
   }
   if (count != 0) {
-    source.expect(sequence);
-    listener.loss(source, first, count);
+    source.Expect(sequence);
+    listener.OnLoss(source, first, count);
   }
 }
 
 // Null when it was withdrawn: messages of a subscription that had ended before may follow that.
-HostRemoteSource* Peer::findSource(std::uint32_t id) {
+HostRemoteSource* Peer::FindSource(std::uint32_t id) {
   if (m_lastSource == nullptr || id != m_lastId) {
     const auto found = m_sources.find(id);
     if (found == m_sources.end()) {

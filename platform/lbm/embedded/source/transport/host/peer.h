@@ -27,18 +27,18 @@ class HostRemoteSource final : public RemoteSource {
   HostRemoteSource(std::string topic, std::string session, std::uint32_t id, std::weak_ptr<Link> link)
       : RemoteSource(std::move(topic), std::move(session)), m_id(id), m_link(std::move(link)) {}
 
-  void subscribe();
-  void unsubscribe();
+  void Subscribe();
+  void Unsubscribe();
 
   // The peer has taken the subscription with the token; the first message will have the sequence number.
-  void activate(std::uint32_t token, std::uint32_t nextSequence);
+  void Activate(std::uint32_t token, std::uint32_t nextSequence);
 
   // Whether its messages are wanted and the peer knows.
-  bool active() const noexcept { return m_activeToken != 0 && m_activeToken == m_wantedToken; }
+  bool Active() const noexcept { return m_activeToken != 0 && m_activeToken == m_wantedToken; }
 
   // The next sequence number to come.
-  std::uint32_t expected() const noexcept { return m_expected; }
-  void expect(std::uint32_t sequence) noexcept { m_expected = sequence; }
+  std::uint32_t Expected() const noexcept { return m_expected; }
+  void Expect(std::uint32_t sequence) noexcept { m_expected = sequence; }
 
  private:
   const std::uint32_t m_id;
@@ -56,7 +56,7 @@ class HostReplyPath final : public ReplyPath {
   HostReplyPath(std::weak_ptr<Link> link, std::uint64_t request) : m_link(std::move(link)), m_request(request) {}
 
   // Without room waits until there is or closed becomes true, or gives wouldBlock when mayWait is not set.
-  SendResult respond(std::span<const iovec> pieces, bool mayWait, const std::atomic<bool>& closed);
+  SendResult Respond(std::span<const iovec> pieces, bool mayWait, const std::atomic<bool>& closed);
 
  private:
   const std::weak_ptr<Link> m_link;
@@ -65,7 +65,7 @@ class HostReplyPath final : public ReplyPath {
 
 // The subscriber's end of the ring from a peer.
 struct DataReceiver {
-  explicit DataReceiver(const Descriptor& passed) : memory(passed), ring(memory.control(), memory.bytes()) {}
+  explicit DataReceiver(const Descriptor& passed) : memory(passed), ring(memory.Control(), memory.Bytes()) {}
 
   const RingMemory memory;
   RingReader<RingCounter> ring;
@@ -85,50 +85,50 @@ class Peer {
   Peer(std::shared_ptr<Link> link, const Surroundings& surroundings)
       : m_link(std::move(link)), m_surroundings(surroundings) {}
 
-  const std::shared_ptr<Link>& link() const noexcept { return m_link; }
+  const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
   // Of the context, or what stands for it if it has none.
-  const std::string& name() const noexcept { return m_greeting.name.empty() ? m_identity : m_greeting.name; }
-  std::string description() const;  // for notices
+  const std::string& Name() const noexcept { return m_greeting.name.empty() ? m_identity : m_greeting.name; }
+  std::string Description() const;  // for notices
 
   // Acts on one frame of the link. Throws Fault when the peer is to be cut off.
-  void handle(Link::Arrival arrival, Listener& listener);
+  void Handle(Link::Arrival arrival, Listener& listener);
 
   // Whether there are subscriptions that openRing() has to answer.
-  bool awaitsRing() const noexcept { return !m_unanswered.empty(); }
+  bool AwaitsRing() const noexcept { return !m_unanswered.empty(); }
 
   // Makes the ring to the peer and answers its subscriptions. Throws std::system_error when the system refuses; they
   // wait on then.
-  void openRing(Listener& listener);
+  void OpenRing(Listener& listener);
 
   // Whether the peer has passed a ring to read.
-  bool sendsData() const noexcept { return m_receiver.has_value(); }
+  bool SendsData() const noexcept { return m_receiver.has_value(); }
 
   // Acts on what is in the ring, up to that many frames, and returns how many there were. Throws Fault.
-  std::size_t receiveData(std::size_t framesMax, Listener& listener);
+  std::size_t ReceiveData(std::size_t framesMax, Listener& listener);
 
   // Whether receiveData() has something to do. After WakeWord::arm() the peer rings for whatever comes later.
-  bool hasData() noexcept;
+  bool HasData() noexcept;
 
   // The link is gone, and with it all that came over it.
-  void end(Listener& listener);
+  void End(Listener& listener);
 
   // Tells of room for the publications.
-  void tellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
+  void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
 
  private:
-  void advertised(wire::Bytes frame, Listener& listener);
-  void withdrawn(std::uint32_t source, Listener& listener);
-  void wakeWordPassed(const Descriptor& memory);
-  void ringPassed(const Descriptor& memory);
-  void subscribed(const wire::Subscribe& frame, Listener& listener);
-  void answer(std::uint32_t source, std::uint32_t token, Listener& listener);
-  void unsubscribed(const wire::Unsubscribe& frame, Listener& listener);
-  void response(wire::Bytes frame, Listener& listener);
-  void handleData(const RingFrame& frame, Listener& listener);
-  void message(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener);
-  void lost(const wire::Loss& frame, Listener& listener);
-  void skipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener);
-  HostRemoteSource* findSource(std::uint32_t id);
+  void Advertised(wire::Bytes frame, Listener& listener);
+  void Withdrawn(std::uint32_t source, Listener& listener);
+  void WakeWordPassed(const Descriptor& memory);
+  void RingPassed(const Descriptor& memory);
+  void Subscribed(const wire::Subscribe& frame, Listener& listener);
+  void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);
+  void Unsubscribed(const wire::Unsubscribe& frame, Listener& listener);
+  void OnResponse(wire::Bytes frame, Listener& listener);
+  void HandleData(const RingFrame& frame, Listener& listener);
+  void OnMessage(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener);
+  void Lost(const wire::Loss& frame, Listener& listener);
+  void SkipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener);
+  HostRemoteSource* FindSource(std::uint32_t id);
 
   const std::shared_ptr<Link> m_link;
   const Surroundings m_surroundings;

@@ -7,12 +7,12 @@
 
 namespace engine::transport::host {
 
-void refuseSize(std::size_t size) {
+void RefuseSize(std::size_t size) {
   throw std::runtime_error("a message of " + std::to_string(size) + " bytes cannot be sent; the most is " +
                            std::to_string(wire::kMessageMax));
 }
 
-void copyPieces(std::span<const iovec> pieces, std::byte* to) noexcept {
+void CopyPieces(std::span<const iovec> pieces, std::byte* to) noexcept {
   for (const iovec& piece : pieces) {
     if (piece.iov_len != 0) {
       std::memcpy(to, piece.iov_base, piece.iov_len);
@@ -21,7 +21,7 @@ void copyPieces(std::span<const iovec> pieces, std::byte* to) noexcept {
   }
 }
 
-std::size_t PieceCursor::take(std::size_t wanted, std::size_t partsMax, std::vector<iovec>& parts) {
+std::size_t PieceCursor::Take(std::size_t wanted, std::size_t partsMax, std::vector<iovec>& parts) {
   std::size_t size = 0;
   while (size < wanted && partsMax > 0) {
     const iovec& piece = m_pieces.front();

@@ -11,21 +11,21 @@
 
 namespace engine::transport::host {
 
-[[noreturn]] void refuseSize(std::size_t size);
+[[noreturn]] void RefuseSize(std::size_t size);
 
 // Bytes of a message. Throws std::runtime_error when they are too many to be sent.
-inline std::size_t messageSize(std::span<const iovec> pieces) {
+inline std::size_t MessageSize(std::span<const iovec> pieces) {
   std::size_t size = 0;
   for (const iovec& piece : pieces) {
     size += piece.iov_len;
   }
   if (size > wire::kMessageMax) {
-    refuseSize(size);
+    RefuseSize(size);
   }
   return size;
 }
 
-void copyPieces(std::span<const iovec> pieces, std::byte* to) noexcept;
+void CopyPieces(std::span<const iovec> pieces, std::byte* to) noexcept;
 
 // Cuts a message into fragments.
 class PieceCursor {
@@ -33,7 +33,7 @@ class PieceCursor {
   explicit PieceCursor(std::span<const iovec> pieces) noexcept : m_pieces(pieces) {}
 
   // Appends what makes up the next wanted bytes, in at most partsMax parts. Returns how many bytes that are.
-  std::size_t take(std::size_t wanted, std::size_t partsMax, std::vector<iovec>& parts);
+  std::size_t Take(std::size_t wanted, std::size_t partsMax, std::vector<iovec>& parts);
 
  private:
   std::span<const iovec> m_pieces;  // not yet taken whole

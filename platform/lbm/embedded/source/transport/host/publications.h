@@ -25,29 +25,29 @@ class HostPublication final : public Publication {
  public:
   HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence, PublishingMutex& mutex);
 
-  std::uint32_t id() const noexcept { return m_id; }
-  const PublicationInfo& info() const noexcept { return m_info; }
+  std::uint32_t Id() const noexcept { return m_id; }
+  const PublicationInfo& Info() const noexcept { return m_info; }
 
   // Sends to the subscribers. Without room on one of them and with Pacing::receiver: when mayWait is set waits until
   // there is or closed becomes true; otherwise asks to be told and gives wouldBlock.
-  SendResult publish(const OutboundMessage& message, bool mayWait, const std::atomic<bool>& closed);
+  SendResult Publish(const OutboundMessage& message, bool mayWait, const std::atomic<bool>& closed);
 
   // From here on messages go to the peer. Answers the subscription; false when the publication is withdrawn.
-  bool addSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token);
+  bool AddSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token);
   // False when the link had no subscription, or the publication is withdrawn.
-  bool removeSubscriber(const Link& link);
+  bool RemoveSubscriber(const Link& link);
 
   // Tells the subscribers, and returns them.
-  std::vector<std::shared_ptr<DataSender>> withdraw();
-  bool withdrawn() const;
+  std::vector<std::shared_ptr<DataSender>> Withdraw();
+  bool Withdrawn() const;
 
   // Whether a publish gave wouldBlock since the last call.
-  bool takeWaiting() noexcept { return m_waiting.exchange(false); }
+  bool TakeWaiting() noexcept { return m_waiting.exchange(false); }
 
  private:
-  bool subscribersKnowOfRoom(std::size_t bytes) const noexcept;
-  std::shared_ptr<DataSender> fullSubscriber(std::size_t bytes) const;
-  std::shared_ptr<DataSender> askForRoom(std::size_t bytes, std::uint32_t& told) const;
+  bool SubscribersKnowOfRoom(std::size_t bytes) const noexcept;
+  std::shared_ptr<DataSender> FullSubscriber(std::size_t bytes) const;
+  std::shared_ptr<DataSender> AskForRoom(std::size_t bytes, std::uint32_t& told) const;
 
   const std::uint32_t m_id;
   const PublicationInfo m_info;
@@ -67,32 +67,32 @@ class PublicationRegistry {
  public:
   explicit PublicationRegistry(std::uint32_t firstSequence) : m_firstSequence(firstSequence) {}
 
-  std::shared_ptr<HostPublication> advertise(const PublicationInfo& info);
-  void withdraw(HostPublication& publication);
-  void withdrawAll();
+  std::shared_ptr<HostPublication> Advertise(const PublicationInfo& info);
+  void Withdraw(HostPublication& publication);
+  void WithdrawAll();
 
   // Null when there is none of that id (any more).
-  std::shared_ptr<HostPublication> find(std::uint32_t id) const;
+  std::shared_ptr<HostPublication> Find(std::uint32_t id) const;
 
   // Sends the greeting on the link and announces what there is and will be.
-  void attach(const std::shared_ptr<Link>& link, wire::Bytes greeting);
+  void Attach(const std::shared_ptr<Link>& link, wire::Bytes greeting);
   // Returns the publications to which the link was subscribed.
-  HostPublications detach(const Link& link);
+  HostPublications Detach(const Link& link);
 
-  std::vector<std::shared_ptr<Link>> links() const;
+  std::vector<std::shared_ptr<Link>> Links() const;
 
   // A link's, until the link is detached.
-  void addSender(const std::shared_ptr<DataSender>& sender);
+  void AddSender(const std::shared_ptr<DataSender>& sender);
 
   // Gives to the ring what waits for room there. When nothing is left, names the publications to be told of room.
-  std::vector<std::uint32_t> flush(DataSender& sender);
+  std::vector<std::uint32_t> Flush(DataSender& sender);
 
   // The same for all other contexts that are within reach. True when nothing is left.
-  bool flushSenders();
+  bool FlushSenders();
 
  private:
   template <typename Selects>
-  void announce(wire::Bytes frame, Selects selects);  // with m_mutex held
+  void Announce(wire::Bytes frame, Selects selects);  // with m_mutex held
 
   const std::uint32_t m_firstSequence;
   PublishingMutex m_publishing;

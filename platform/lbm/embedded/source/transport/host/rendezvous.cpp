@@ -32,11 +32,11 @@ constexpr int kBacklog = 4096;
 
 const std::string kRemedy = "or set LBM_RUNTIME_DIR to another directory";
 
-[[noreturn]] void refuse(const std::string& path, const std::string& fault) {
+[[noreturn]] void Refuse(const std::string& path, const std::string& fault) {
   throw std::runtime_error("cannot meet other contexts in \"" + path + "\": " + fault);
 }
 
-[[noreturn]] void refuseErrno(const std::string& path, const std::string& action) {
+[[noreturn]] void RefuseErrno(const std::string& path, const std::string& action) {
   const int error = errno;
   const char* advice = "correct this ";
   if (error == ENOSPC || error == EDQUOT) {
@@ -54,33 +54,33 @@ const std::string kRemedy = "or set LBM_RUNTIME_DIR to another directory";
                           "cannot meet other contexts in \"" + path + "\": " + action + " failed; " + advice + kRemedy);
 }
 
-Descriptor openOwnDirectory(int parent, const std::string& name, const std::string& path) {
+Descriptor OpenOwnDirectory(int parent, const std::string& name, const std::string& path) {
   if (::mkdirat(parent, name.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-    refuseErrno(path, "creating the directory");
+    RefuseErrno(path, "creating the directory");
   }
   // A link is never followed: somebody else may have put it there.
   Descriptor directory(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) {
     if (errno == ENOTDIR || errno == ELOOP) {
-      refuse(path, "it is a symbolic link or not a directory; remove it " + kRemedy);
+      Refuse(path, "it is a symbolic link or not a directory; remove it " + kRemedy);
     }
-    refuseErrno(path, "opening the directory");
+    RefuseErrno(path, "opening the directory");
   }
   struct stat status {};
-  if (::fstat(directory.get(), &status) != 0) {
-    refuseErrno(path, "examining the directory");
+  if (::fstat(directory.Get(), &status) != 0) {
+    RefuseErrno(path, "examining the directory");
   }
   if (status.st_uid != ::geteuid()) {
-    refuse(path, "it belongs to user " + std::to_string(status.st_uid) + " and this process runs as user " +
+    Refuse(path, "it belongs to user " + std::to_string(status.st_uid) + " and this process runs as user " +
                      std::to_string(::geteuid()) + "; remove it " + kRemedy);
   }
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    refuse(path, "other users may write to it; take that right away (chmod go-w) " + kRemedy);
+    Refuse(path, "other users may write to it; take that right away (chmod go-w) " + kRemedy);
   }
   return directory;
 }
 
-void checkDomain(const std::string& domain) {
+void CheckDomain(const std::string& domain) {
   if (domain.empty() || domain == "." || domain == ".." || domain.size() > NAME_MAX ||
       domain.find('/') != std::string::npos || domain.find('\0') != std::string::npos) {
     throw std::runtime_error("\"" + domain + "\" cannot be a domain: give it the form of a file name, 1 to " +
@@ -89,7 +89,7 @@ void checkDomain(const std::string& domain) {
 }
 
 // The address of a socket in a directory. The way through the descriptor is short however long the directory's path is.
-sockaddr_un addressOf(int directory, const std::string& name) {
+sockaddr_un AddressOf(int directory, const std::string& name) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/" + name;
@@ -100,42 +100,42 @@ sockaddr_un addressOf(int directory, const std::string& name) {
   return address;
 }
 
-const sockaddr* generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
+const sockaddr* Generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-Descriptor openSocket() { return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
+Descriptor OpenSocket() { return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
 
-std::string socketName(std::uint64_t session) {
-  return std::to_string(::getpid()) + "-" + wire::sessionText(session) + std::string(kSocketSuffix);
+std::string SocketName(std::uint64_t session) {
+  return std::to_string(::getpid()) + "-" + wire::SessionText(session) + std::string(kSocketSuffix);
 }
 
-std::string firstLine(const Descriptor& file) {
+std::string FirstLine(const Descriptor& file) {
   std::array<char, 64> text;
-  const ssize_t length = ::pread(file.get(), text.data(), text.size(), 0);
+  const ssize_t length = ::pread(file.Get(), text.data(), text.size(), 0);
   const std::string_view read(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
   return std::string(read.substr(0, read.find('\n')));
 }
 
 // Held until destroyed. The file names whoever has it, so that those who wait can tell a crowd that moves on from a
 // process that stands still, and say which one that is.
-Descriptor lockDomain(int directory, const std::string& path, const std::string& self,
+Descriptor LockDomain(int directory, const std::string& path, const std::string& self,
                       std::chrono::milliseconds patience) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kLookAgain{1};
   Descriptor file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (!file) {
-    refuseErrno(path, "creating the lock file");
+    RefuseErrno(path, "creating the lock file");
   }
-  std::string holder = firstLine(file);
+  std::string holder = FirstLine(file);
   auto deadline = Clock::now() + patience;
-  while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+  while (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EINTR && errno != EWOULDBLOCK) {
-      refuseErrno(path, "locking the lock file");
+      RefuseErrno(path, "locking the lock file");
     }
-    if (std::string present = firstLine(file); present != holder) {
+    if (std::string present = FirstLine(file); present != holder) {
       holder = std::move(present);
       deadline = Clock::now() + patience;
     } else if (Clock::now() >= deadline) {
-      refuse(path, (holder.empty() ? "another process" : holder) + " has been joining for more than " +
+      Refuse(path, (holder.empty() ? "another process" : holder) + " has been joining for more than " +
                        std::to_string(patience.count()) +
                        " ms and keeps all others out; if it is stopped, continue it (kill -CONT) or end it");
     }
@@ -143,15 +143,15 @@ Descriptor lockDomain(int directory, const std::string& path, const std::string&
   }
   const std::string line = self + '\n';
   // Only others' patience depends on it.
-  if (::pwrite(file.get(), line.data(), line.size(), 0) < 0) {
-    static_cast<void>(::ftruncate(file.get(), 0));
+  if (::pwrite(file.Get(), line.data(), line.size(), 0) < 0) {
+    static_cast<void>(::ftruncate(file.Get(), 0));
   }
   return file;
 }
 
 }  // namespace
 
-std::string runtimeDirectory() {
+std::string RuntimeDirectory() {
   const auto set = [](const char* value) { return value != nullptr && *value != '\0'; };
   if (const char* own = std::getenv("LBM_RUNTIME_DIR"); set(own)) {
     return own;
@@ -162,85 +162,85 @@ std::string runtimeDirectory() {
   return "/tmp/lbm-" + std::to_string(::geteuid());
 }
 
-Descriptor openDomain(const std::string& runtimeDirectory, const std::string& domain) {
-  checkDomain(domain);
+Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain) {
+  CheckDomain(domain);
   std::string path = runtimeDirectory;
   // With a slash at its end, a link would be followed.
   while (path.size() > 1 && path.back() == '/') {
     path.pop_back();
   }
-  const Descriptor runtime = openOwnDirectory(AT_FDCWD, path, path);
-  return openOwnDirectory(runtime.get(), domain, path + "/" + domain);
+  const Descriptor runtime = OpenOwnDirectory(AT_FDCWD, path, path);
+  return OpenOwnDirectory(runtime.Get(), domain, path + "/" + domain);
 }
 
 Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session)
     : m_path(runtimeDirectory + "/" + domain),
-      m_name(socketName(session)),
-      m_directory(openDomain(runtimeDirectory, domain)),
-      m_listener(openSocket()) {
+      m_name(SocketName(session)),
+      m_directory(OpenDomain(runtimeDirectory, domain)),
+      m_listener(OpenSocket()) {
   if (!m_listener) {
-    refuseErrno(m_path, "opening a socket");
+    RefuseErrno(m_path, "opening a socket");
   }
 }
 
-std::vector<Rendezvous::Neighbour> Rendezvous::join(std::chrono::milliseconds patience) {
+std::vector<Rendezvous::Neighbour> Rendezvous::Join(std::chrono::milliseconds patience) {
   const Descriptor lock =
-      lockDomain(m_directory.get(), m_path, "process " + std::to_string(::getpid()) + ", " + m_name, patience);
-  const sockaddr_un address = addressOf(m_directory.get(), m_name);
-  if (::bind(m_listener.get(), generic(address), sizeof(address)) != 0) {
-    refuseErrno(m_path, "creating a socket");
+      LockDomain(m_directory.Get(), m_path, "process " + std::to_string(::getpid()) + ", " + m_name, patience);
+  const sockaddr_un address = AddressOf(m_directory.Get(), m_name);
+  if (::bind(m_listener.Get(), Generic(address), sizeof(address)) != 0) {
+    RefuseErrno(m_path, "creating a socket");
   }
   m_bound = true;
-  if (::listen(m_listener.get(), kBacklog) != 0) {
-    refuseErrno(m_path, "listening");
+  if (::listen(m_listener.Get(), kBacklog) != 0) {
+    RefuseErrno(m_path, "listening");
   }
   std::vector<Neighbour> neighbours;
-  for (std::string& name : otherSockets()) {
+  for (std::string& name : OtherSockets()) {
     Neighbour neighbour{std::move(name), {}};
-    if (connect(neighbour) != Outcome::gone) {
+    if (Connect(neighbour) != Outcome::kGone) {
       neighbours.push_back(std::move(neighbour));
     }
   }
   return neighbours;
 }
 
-Rendezvous::Outcome Rendezvous::connect(Neighbour& neighbour) const {
-  Descriptor socket = openSocket();
+Rendezvous::Outcome Rendezvous::Connect(Neighbour& neighbour) const {
+  Descriptor socket = OpenSocket();
   if (!socket) {
-    refuseErrno(m_path, "opening a socket");
+    RefuseErrno(m_path, "opening a socket");
   }
-  const sockaddr_un address = addressOf(m_directory.get(), neighbour.name);
-  while (::connect(socket.get(), generic(address), sizeof(address)) != 0) {
+  const sockaddr_un address = AddressOf(m_directory.Get(), neighbour.name);
+  while (::connect(socket.Get(), Generic(address), sizeof(address)) != 0) {
     if (errno == EAGAIN) {
-      return Outcome::busy;
+      return Outcome::kBacklogFull;
     }
     if (errno == ECONNREFUSED) {
       // Names are never used twice, so this cannot hit a living context.
-      ::unlinkat(m_directory.get(), neighbour.name.c_str(), 0);
+      ::unlinkat(m_directory.Get(), neighbour.name.c_str(), 0);
     }
     if (errno != EINTR) {
-      return Outcome::gone;
+      return Outcome::kGone;
     }
   }
   neighbour.socket = std::move(socket);
-  return Outcome::connected;
+  return Outcome::kConnected;
 }
 
-void Rendezvous::leave() noexcept {
+void Rendezvous::Leave() noexcept {
   if (m_bound) {
-    ::unlinkat(m_directory.get(), m_name.c_str(), 0);
+    ::unlinkat(m_directory.Get(), m_name.c_str(), 0);
     m_listener = Descriptor();
     m_bound = false;
   }
 }
 
-std::vector<std::string> Rendezvous::otherSockets() const {
-  Descriptor descriptor(::openat(m_directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  DIR* opened = descriptor ? ::fdopendir(descriptor.get()) : nullptr;
+std::vector<std::string> Rendezvous::OtherSockets() const {
+  Descriptor descriptor(::openat(m_directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  DIR* opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
   if (opened == nullptr) {
-    refuseErrno(m_path, "listing the directory");
+    RefuseErrno(m_path, "listing the directory");
   }
-  descriptor.release();
+  descriptor.Release();
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(opened, &::closedir);
   std::vector<std::string> names;
   while (const dirent* entry = ::readdir(directory.get())) {
@@ -253,7 +253,7 @@ std::vector<std::string> Rendezvous::otherSockets() const {
   return names;
 }
 
-bool sameUser(int socket) noexcept {
+bool SameUser(int socket) noexcept {
   ucred peer{};
   socklen_t size = sizeof(peer);
   return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();

@@ -16,7 +16,7 @@ namespace engine::transport::host {
 
 // Opens the domain's directory, creating it and the runtime directory when missing. Refuses what others might tamper
 // with, with a text that names the path and the remedy.
-Descriptor openDomain(const std::string& runtimeDirectory, const std::string& domain);
+Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain);
 
 class Rendezvous {
  public:
@@ -27,26 +27,26 @@ class Rendezvous {
   };
 
   Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session);
-  ~Rendezvous() { leave(); }
+  ~Rendezvous() { Leave(); }
   Rendezvous(const Rendezvous&) = delete;
   Rendezvous& operator=(const Rendezvous&) = delete;
 
   // Takes a place in the domain and connects to every other context.
   // Fails when another process keeps it from that for so long.
-  std::vector<Neighbour> join(std::chrono::milliseconds patience);
+  std::vector<Neighbour> Join(std::chrono::milliseconds patience);
 
-  enum class Outcome : std::uint8_t { connected, busy, gone };
+  enum class Outcome : std::uint8_t { kConnected, kBacklogFull, kGone };
   // Tries once, without waiting.
-  Outcome connect(Neighbour& neighbour) const;
+  Outcome Connect(Neighbour& neighbour) const;
 
   // The socket on which other contexts connect.
-  int listener() const noexcept { return m_listener.get(); }
+  int Listener() const noexcept { return m_listener.Get(); }
 
   // Gives the place up: nobody can connect any more, and who was about to is hung up on. Idempotent.
-  void leave() noexcept;
+  void Leave() noexcept;
 
  private:
-  std::vector<std::string> otherSockets() const;
+  std::vector<std::string> OtherSockets() const;
 
   const std::string m_path;  // of the domain's directory, for error texts
   const std::string m_name;  // of the own socket in it
@@ -56,6 +56,6 @@ class Rendezvous {
 };
 
 // Whether the process at the other end of a connection runs as the same user.
-bool sameUser(int socket) noexcept;
+bool SameUser(int socket) noexcept;
 
 }  // namespace engine::transport::host

@@ -72,8 +72,8 @@ inline std::atomic<unsigned> ringCommits{0};
 inline void showCommit() noexcept { ringCommits.fetch_add(1, std::memory_order_release); }
 inline void showLook() noexcept { static_cast<void>(ringCommits.load(std::memory_order_acquire)); }
 #else
-inline void showCommit() noexcept {}
-inline void showLook() noexcept {}
+inline void ShowCommit() noexcept {}
+inline void ShowLook() noexcept {}
 #endif
 
 struct RingFrameHeader {
@@ -82,7 +82,7 @@ struct RingFrameHeader {
 
   // Bytes that a frame takes up in a ring.
   static constexpr std::uint64_t kAlignment = 8;
-  static constexpr std::uint64_t footprint(std::uint64_t size) {
+  static constexpr std::uint64_t Footprint(std::uint64_t size) {
     return (sizeof(RingFrameHeader) + size + kAlignment - 1) & ~(kAlignment - 1);
   }
 };
@@ -92,7 +92,7 @@ inline constexpr std::uint32_t kRingPadding = 0;
 template <std::unsigned_integral Counter>
 class RingEnd {
  public:
-  std::size_t capacity() const noexcept { return m_bytes.size(); }
+  std::size_t Capacity() const noexcept { return m_bytes.size(); }
 
  protected:
   // bytes: a power of two of them, at least 64, fewer than a Counter counts; aligned to eight.
@@ -102,27 +102,27 @@ class RingEnd {
     }
   }
 
-  static Counter distance(Counter from, Counter to) noexcept { return static_cast<Counter>(to - from); }
-  std::size_t placeOf(Counter counter) const noexcept { return counter & (m_bytes.size() - 1); }
-  RingControl<Counter>& control() const noexcept { return *m_control; }
+  static Counter Distance(Counter from, Counter to) noexcept { return static_cast<Counter>(to - from); }
+  std::size_t PlaceOf(Counter counter) const noexcept { return counter & (m_bytes.size() - 1); }
+  RingControl<Counter>& Control() const noexcept { return *m_control; }
 
   // Bytes that are fetched ahead; none in a ring that is not much larger.
   static constexpr std::size_t kFetchedAhead = 512;
-  Counter fetchedAhead() const noexcept {
-    return static_cast<Counter>(capacity() >= 8 * kFetchedAhead ? kFetchedAhead : 0);
+  Counter FetchedAhead() const noexcept {
+    return static_cast<Counter>(Capacity() >= 8 * kFetchedAhead ? kFetchedAhead : 0);
   }
 
   // The addresses of the cache lines that begin between the two counters.
   template <class Function>
-  void forLinesBetween(Counter from, Counter to, Function function) const {
+  void ForLinesBetween(Counter from, Counter to, Function function) const {
     constexpr std::uint64_t kLine = 64;
-    const std::uint64_t end = distance(from, to);
+    const std::uint64_t end = Distance(from, to);
     for (std::uint64_t offset = -std::uint64_t{from} % kLine; offset < end; offset += kLine) {
-      function(at(placeOf(static_cast<Counter>(from + offset))));
+      function(At(PlaceOf(static_cast<Counter>(from + offset))));
     }
   }
 
-  std::byte* at(std::size_t place) const noexcept { return m_bytes.data() + place; }
+  std::byte* At(std::size_t place) const noexcept { return m_bytes.data() + place; }
 
  private:
   RingControl<Counter>* m_control;
@@ -136,48 +136,48 @@ class RingWriter : public RingEnd<Counter> {
 
   // The place for the content of a frame, to be filled before commit(); null when there is no room for it. A frame of
   // up to an eighth of the ring finds room whenever a quarter is free.
-  std::byte* reserve(std::size_t size, std::uint32_t tag) {
-    const Plan plan = planFor(size);
-    if (!hasRoomFor(plan)) {
+  std::byte* Reserve(std::size_t size, std::uint32_t tag) {
+    const Plan plan = PlanFor(size);
+    if (!HasRoomFor(plan)) {
       return nullptr;
     }
-    std::size_t place = this->placeOf(m_tail);
+    std::size_t place = this->PlaceOf(m_tail);
     if (plan.padding != 0) {
-      writeHeader(place, static_cast<std::uint32_t>(plan.padding - sizeof(RingFrameHeader)), kRingPadding);
+      WriteHeader(place, static_cast<std::uint32_t>(plan.padding - sizeof(RingFrameHeader)), kRingPadding);
       place = 0;
     }
-    writeHeader(place, static_cast<std::uint32_t>(size), tag);
+    WriteHeader(place, static_cast<std::uint32_t>(size), tag);
     m_next = static_cast<Counter>(m_tail + plan.padding + plan.footprint);
-    return this->at(place + sizeof(RingFrameHeader));
+    return this->At(place + sizeof(RingFrameHeader));
   }
 
   // Hands the reserved frame to the reader.
-  void commit() noexcept {
-    fetchAhead();
+  void Commit() noexcept {
+    FetchAhead();
     m_tail = m_next;
-    showCommit();
-    this->control().tail.store(m_tail, std::memory_order_release);
+    ShowCommit();
+    this->Control().tail.store(m_tail, std::memory_order_release);
   }
 
   // To be called after commit() and before looking whether a reader that is not busy sleeps.
-  void orderCommit() noexcept { this->control().tail.store(m_tail, std::memory_order_seq_cst); }
+  void OrderCommit() noexcept { this->Control().tail.store(m_tail, std::memory_order_seq_cst); }
 
-  bool hasRoom(std::size_t size) { return hasRoomFor(planFor(size)); }
+  bool HasRoom(std::size_t size) { return HasRoomFor(PlanFor(size)); }
   // The same without looking at what the reader has given back since.
-  bool knowsOfRoom(std::size_t size) const noexcept { return planFor(size).needed() <= known(); }
+  bool KnowsOfRoom(std::size_t size) const noexcept { return PlanFor(size).Needed() <= Known(); }
 
   // Bytes not taken up, padding that may be needed included.
-  std::size_t room() {
-    lookAtHead();
-    return known();
+  std::size_t Room() {
+    LookAtHead();
+    return Known();
   }
 
   // Asks to be told when half of the ring is free. Look for room after this and before waiting. Returns the value of
   // roomTold that means that nothing was told since.
-  std::uint32_t wantRoom() {
-    const std::uint32_t told = this->control().roomTold.load(std::memory_order_acquire);
+  std::uint32_t WantRoom() {
+    const std::uint32_t told = this->Control().roomTold.load(std::memory_order_acquire);
     if (told == m_wanted) {
-      this->control().roomWanted.store(++m_wanted, std::memory_order_seq_cst);
+      this->Control().roomWanted.store(++m_wanted, std::memory_order_seq_cst);
     }
     return told;
   }
@@ -186,43 +186,43 @@ class RingWriter : public RingEnd<Counter> {
   struct Plan {
     std::uint64_t padding;
     std::uint64_t footprint;
-    std::uint64_t needed() const noexcept { return padding + footprint; }
+    std::uint64_t Needed() const noexcept { return padding + footprint; }
   };
 
-  Plan planFor(std::size_t size) const noexcept {
-    const std::uint64_t footprint = RingFrameHeader::footprint(size);
-    const std::uint64_t toEnd = this->capacity() - this->placeOf(m_tail);
+  Plan PlanFor(std::size_t size) const noexcept {
+    const std::uint64_t footprint = RingFrameHeader::Footprint(size);
+    const std::uint64_t toEnd = this->Capacity() - this->PlaceOf(m_tail);
     return {footprint > toEnd ? toEnd : 0, footprint};
   }
 
-  bool hasRoomFor(const Plan& plan) {
-    if (plan.needed() > known()) {
-      lookAtHead();
+  bool HasRoomFor(const Plan& plan) {
+    if (plan.Needed() > Known()) {
+      LookAtHead();
     }
-    return plan.needed() <= known();
+    return plan.Needed() <= Known();
   }
 
-  std::size_t known() const noexcept { return this->capacity() - this->distance(m_head, m_tail); }
+  std::size_t Known() const noexcept { return this->Capacity() - this->Distance(m_head, m_tail); }
 
-  void lookAtHead() {
-    const Counter head = this->control().head.load(std::memory_order_seq_cst);
-    if (this->distance(head, m_tail) > this->distance(m_head, m_tail)) {
+  void LookAtHead() {
+    const Counter head = this->Control().head.load(std::memory_order_seq_cst);
+    if (this->Distance(head, m_tail) > this->Distance(m_head, m_tail)) {
       throw Fault("the reader's place in a ring is impossible");
     }
     m_head = head;
   }
 
   // The lines that the window of what is fetched ahead takes in while it moves on by the reserved frame.
-  void fetchAhead() const noexcept {
-    const Counter window = this->fetchedAhead();
-    const Counter moved = std::min(this->distance(m_tail, m_next), window);
+  void FetchAhead() const noexcept {
+    const Counter window = this->FetchedAhead();
+    const Counter moved = std::min(this->Distance(m_tail, m_next), window);
     const Counter end = static_cast<Counter>(m_next + window);
-    this->forLinesBetween(static_cast<Counter>(end - moved), end, [](std::byte* line) { prefetchToWrite(line); });
+    this->ForLinesBetween(static_cast<Counter>(end - moved), end, [](std::byte* line) { PrefetchToWrite(line); });
   }
 
-  void writeHeader(std::size_t place, std::uint32_t size, std::uint32_t tag) noexcept {
+  void WriteHeader(std::size_t place, std::uint32_t size, std::uint32_t tag) noexcept {
     const RingFrameHeader header{size, tag};
-    std::memcpy(this->at(place), &header, sizeof(header));
+    std::memcpy(this->At(place), &header, sizeof(header));
   }
 
   Counter m_tail = 0;  // as the reader knows it
@@ -243,23 +243,23 @@ class RingReader : public RingEnd<Counter> {
 
   // Takes the next of the frames that the last look found. The content may be used until the next call of anything
   // here. False when there is none left.
-  bool next(RingFrame& frame) {
-    if (this->distance(m_released, m_position) >= this->capacity() / kReleases) {
-      giveBack();
+  bool Next(RingFrame& frame) {
+    if (this->Distance(m_released, m_position) >= this->Capacity() / kReleases) {
+      GiveBack();
     }
     while (m_position != m_tail) {
       RingFrameHeader header;
-      const std::size_t place = this->placeOf(m_position);
-      std::memcpy(&header, this->at(place), sizeof(header));
-      const std::uint64_t footprint = RingFrameHeader::footprint(header.size);
-      if (footprint > this->distance(m_position, m_tail) || footprint > this->capacity() - place) {
+      const std::size_t place = this->PlaceOf(m_position);
+      std::memcpy(&header, this->At(place), sizeof(header));
+      const std::uint64_t footprint = RingFrameHeader::Footprint(header.size);
+      if (footprint > this->Distance(m_position, m_tail) || footprint > this->Capacity() - place) {
         throw Fault("a frame in a ring runs past the end");
       }
       m_position = static_cast<Counter>(m_position + footprint);
-      const std::uint64_t window = this->fetchedAhead();
-      fetchAhead(m_tail, window - std::min(window, footprint));
+      const std::uint64_t window = this->FetchedAhead();
+      FetchAhead(m_tail, window - std::min(window, footprint));
       if (header.tag != kRingPadding) {
-        frame = {header.tag, {this->at(place + sizeof(header)), header.size}};
+        frame = {header.tag, {this->At(place + sizeof(header)), header.size}};
         return true;
       }
     }
@@ -267,41 +267,41 @@ class RingReader : public RingEnd<Counter> {
   }
 
   // Looks for frames behind those known already. False when there are none at all.
-  bool look() {
-    const Counter tail = this->control().tail.load(std::memory_order_seq_cst);
-    showLook();
+  bool Look() {
+    const Counter tail = this->Control().tail.load(std::memory_order_seq_cst);
+    ShowLook();
     if (tail == m_tail) {
       return m_position != m_tail;
     }
-    if (this->distance(m_position, tail) > this->capacity() ||
-        this->distance(m_position, tail) < this->distance(m_position, m_tail) ||
+    if (this->Distance(m_position, tail) > this->Capacity() ||
+        this->Distance(m_position, tail) < this->Distance(m_position, m_tail) ||
         tail % RingFrameHeader::kAlignment != 0) {
       throw Fault("the writer's place in a ring is impossible");
     }
-    fetchAhead(tail, this->distance(m_position, m_tail));
+    FetchAhead(tail, this->Distance(m_position, m_tail));
     m_tail = tail;
     return true;
   }
 
   // Gives back the room of all frames taken. True when the writer is to be told of room, see told().
-  bool release() noexcept {
+  bool Release() noexcept {
     if (m_released != m_position) {
-      giveBack();
+      GiveBack();
     }
-    return toldIsDue();
+    return ToldIsDue();
   }
 
   // Whether the writer wants to be told of room, and half of the ring is free.
-  bool toldIsDue() const noexcept {
-    return this->control().roomWanted.load(std::memory_order_seq_cst) != m_told &&
-           this->distance(m_released, m_tail) <= this->capacity() / 2;
+  bool ToldIsDue() const noexcept {
+    return this->Control().roomWanted.load(std::memory_order_seq_cst) != m_told &&
+           this->Distance(m_released, m_tail) <= this->Capacity() / 2;
   }
 
   // Answers the writer's want. Returns the word that writers wait on.
-  std::atomic<std::uint32_t>& told() noexcept {
-    m_told = this->control().roomWanted.load(std::memory_order_seq_cst);
-    this->control().roomTold.store(m_told, std::memory_order_release);
-    return this->control().roomTold;
+  std::atomic<std::uint32_t>& Told() noexcept {
+    m_told = this->Control().roomWanted.load(std::memory_order_seq_cst);
+    this->Control().roomTold.store(m_told, std::memory_order_release);
+    return this->Control().roomTold;
   }
 
  private:
@@ -309,17 +309,17 @@ class RingReader : public RingEnd<Counter> {
   static constexpr std::size_t kReleases = 16;
 
   // The lines of the next bytes up to the tail, but for the first ones, which are fetched already.
-  void fetchAhead(Counter tail, std::uint64_t fetched) const noexcept {
-    const std::uint64_t end = std::min<std::uint64_t>(this->fetchedAhead(), this->distance(m_position, tail));
+  void FetchAhead(Counter tail, std::uint64_t fetched) const noexcept {
+    const std::uint64_t end = std::min<std::uint64_t>(this->FetchedAhead(), this->Distance(m_position, tail));
     if (fetched < end) {
-      this->forLinesBetween(static_cast<Counter>(m_position + fetched), static_cast<Counter>(m_position + end),
-                            [](const std::byte* line) { prefetchToRead(line); });
+      this->ForLinesBetween(static_cast<Counter>(m_position + fetched), static_cast<Counter>(m_position + end),
+                            [](const std::byte* line) { PrefetchToRead(line); });
     }
   }
 
-  void giveBack() noexcept {
+  void GiveBack() noexcept {
     m_released = m_position;
-    this->control().head.store(m_released, std::memory_order_seq_cst);
+    this->Control().head.store(m_released, std::memory_order_seq_cst);
   }
 
   Counter m_position = 0;  // of the next frame

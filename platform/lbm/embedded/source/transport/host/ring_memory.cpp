@@ -11,8 +11,8 @@ namespace {
 constexpr std::size_t kControlBytes = 4096;
 static_assert(sizeof(RingControl<RingCounter>) <= kControlBytes);
 
-std::size_t checkedSize(const Descriptor& memory) {
-  const std::size_t size = sealedSize(memory);
+std::size_t CheckedSize(const Descriptor& memory) {
+  const std::size_t size = SealedSize(memory);
   if (size < kControlBytes + kRingBytesMin || size > kControlBytes + kRingBytesMax ||
       !std::has_single_bit(size - kControlBytes)) {
     throw Fault("it passed a ring of an impossible size");
@@ -22,18 +22,18 @@ std::size_t checkedSize(const Descriptor& memory) {
 
 }  // namespace
 
-RingMemory::Made RingMemory::make(std::size_t bytes) {
-  Descriptor memory = makeSharedMemory("lbm_ring", kControlBytes + bytes);
-  seal(memory, Sealing::size);
+RingMemory::Made RingMemory::Make(std::size_t bytes) {
+  Descriptor memory = MakeSharedMemory("lbm_ring", kControlBytes + bytes);
+  Seal(memory, Sealing::kSize);
   RingMemory ring(memory);
   return {std::move(ring), std::move(memory)};
 }
 
 RingMemory::RingMemory(const Descriptor& memory)
-    : m_mapping(memory, checkedSize(memory), Mapping::Access::readAndWrite) {}
+    : m_mapping(memory, CheckedSize(memory), Mapping::Access::kReadAndWrite) {}
 
-std::span<std::byte> RingMemory::bytes() const noexcept {
-  return {static_cast<std::byte*>(m_mapping.address()) + kControlBytes, m_mapping.size() - kControlBytes};
+std::span<std::byte> RingMemory::Bytes() const noexcept {
+  return {static_cast<std::byte*>(m_mapping.Address()) + kControlBytes, m_mapping.Size() - kControlBytes};
 }
 
 }  // namespace engine::transport::host

@@ -21,15 +21,15 @@ class RingMemory {
  public:
   struct Made;
   // A new ring of so many bytes, a power of two, and the descriptor to pass on. Throws std::system_error.
-  static Made make(std::size_t bytes);
+  static Made Make(std::size_t bytes);
 
   // A ring that came from a peer. Throws Fault when it is none, std::system_error when the system refuses.
   explicit RingMemory(const Descriptor& memory);
 
-  RingControl<RingCounter>& control() const noexcept {
-    return *static_cast<RingControl<RingCounter>*>(m_mapping.address());
+  RingControl<RingCounter>& Control() const noexcept {
+    return *static_cast<RingControl<RingCounter>*>(m_mapping.Address());
   }
-  std::span<std::byte> bytes() const noexcept;
+  std::span<std::byte> Bytes() const noexcept;
 
  private:
   Mapping m_mapping;

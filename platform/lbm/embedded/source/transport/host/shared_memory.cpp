@@ -13,7 +13,7 @@ namespace engine::transport::host {
 
 namespace {
 
-[[noreturn]] void throwErrno(int error) {
+[[noreturn]] void ThrowErrno(int error) {
   throw std::system_error(error, std::generic_category(),
                           "cannot share memory with another context; free memory, or raise the limits of open files "
                           "(ulimit -n) and of address space (ulimit -v)");
@@ -22,10 +22,10 @@ namespace {
 }  // namespace
 
 Mapping::Mapping(const Descriptor& memory, std::size_t size, Access access) : m_size(size) {
-  const int protection = access == Access::read ? PROT_READ : PROT_READ | PROT_WRITE;
-  void* const address = ::mmap(nullptr, size, protection, MAP_SHARED, memory.get(), 0);
+  const int protection = access == Access::kRead ? PROT_READ : PROT_READ | PROT_WRITE;
+  void* const address = ::mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0);
   if (address == MAP_FAILED) {
-    throwErrno(errno);
+    ThrowErrno(errno);
   }
   m_address = address;
 }
@@ -36,29 +36,29 @@ Mapping::~Mapping() {
   }
 }
 
-Descriptor makeSharedMemory(const char* name, std::size_t size) {
+Descriptor MakeSharedMemory(const char* name, std::size_t size) {
   Descriptor memory(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!memory) {
-    throwErrno(errno);
+    ThrowErrno(errno);
   }
-  if (const int error = ::posix_fallocate(memory.get(), 0, static_cast<off_t>(size)); error != 0) {
-    throwErrno(error);
+  if (const int error = ::posix_fallocate(memory.Get(), 0, static_cast<off_t>(size)); error != 0) {
+    ThrowErrno(error);
   }
   return memory;
 }
 
-void seal(const Descriptor& memory, Sealing sealing) {
-  const int writing = sealing == Sealing::sizeAndWriting ? F_SEAL_FUTURE_WRITE : 0;
-  if (::fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | writing | F_SEAL_SEAL) != 0) {
-    throwErrno(errno);
+void Seal(const Descriptor& memory, Sealing sealing) {
+  const int writing = sealing == Sealing::kSizeAndWriting ? F_SEAL_FUTURE_WRITE : 0;
+  if (::fcntl(memory.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | writing | F_SEAL_SEAL) != 0) {
+    ThrowErrno(errno);
   }
 }
 
-std::size_t sealedSize(const Descriptor& memory) {
+std::size_t SealedSize(const Descriptor& memory) {
   constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW;
-  const int seals = ::fcntl(memory.get(), F_GET_SEALS);
+  const int seals = ::fcntl(memory.Get(), F_GET_SEALS);
   struct stat status {};
-  if (seals < 0 || (seals & kNeeded) != kNeeded || ::fstat(memory.get(), &status) != 0) {
+  if (seals < 0 || (seals & kNeeded) != kNeeded || ::fstat(memory.Get(), &status) != 0) {
     throw Fault("it passed memory whose size is not sealed");
   }
   return static_cast<std::size_t>(status.st_size);

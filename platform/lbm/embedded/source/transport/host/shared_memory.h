@@ -12,7 +12,7 @@ namespace engine::transport::host {
 // Memory in this process's address space.
 class Mapping {
  public:
-  enum class Access { read, readAndWrite };
+  enum class Access { kRead, kReadAndWrite };
 
   Mapping() = default;
   // Throws std::system_error.
@@ -26,8 +26,8 @@ class Mapping {
   }
   ~Mapping();
 
-  void* address() const noexcept { return m_address; }
-  std::size_t size() const noexcept { return m_size; }
+  void* Address() const noexcept { return m_address; }
+  std::size_t Size() const noexcept { return m_size; }
 
  private:
   void* m_address = nullptr;
@@ -36,14 +36,14 @@ class Mapping {
 
 // Makes zeroed memory that is really there: it cannot run out when it is first touched. name: as the system shows it.
 // Throws std::system_error.
-Descriptor makeSharedMemory(const char* name, std::size_t size);
+Descriptor MakeSharedMemory(const char* name, std::size_t size);
 
 // After this nobody can change the size; with forbidWriting, nor can anybody write but through mappings that exist.
 // Throws std::system_error.
-enum class Sealing { size, sizeAndWriting };
-void seal(const Descriptor& memory, Sealing sealing);
+enum class Sealing { kSize, kSizeAndWriting };
+void Seal(const Descriptor& memory, Sealing sealing);
 
 // The size of memory that came from a peer. Throws Fault when it is not memory whose size is sealed.
-std::size_t sealedSize(const Descriptor& memory);
+std::size_t SealedSize(const Descriptor& memory);
 
 }  // namespace engine::transport::host

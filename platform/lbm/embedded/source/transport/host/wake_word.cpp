@@ -10,8 +10,8 @@ namespace {
 
 constexpr std::size_t kBytes = 4096;  // what can be mapped at least
 
-std::size_t checkedSize(const Descriptor& memory) {
-  if (sealedSize(memory) != kBytes) {
+std::size_t CheckedSize(const Descriptor& memory) {
+  if (SealedSize(memory) != kBytes) {
     throw Fault("it passed a wake word of an impossible size");
   }
   return kBytes;
@@ -20,22 +20,22 @@ std::size_t checkedSize(const Descriptor& memory) {
 }  // namespace
 
 WakeWord::WakeWord()
-    : m_memory(makeSharedMemory("lbm_wake", kBytes)), m_mapping(m_memory, kBytes, Mapping::Access::readAndWrite) {
-  seal(m_memory, Sealing::sizeAndWriting);
+    : m_memory(MakeSharedMemory("lbm_wake", kBytes)), m_mapping(m_memory, kBytes, Mapping::Access::kReadAndWrite) {
+  Seal(m_memory, Sealing::kSizeAndWriting);
   // For the wake words of peers. The first time it takes milliseconds, which nobody waits for now.
-  letGlobalBarrierReachUs();
+  LetGlobalBarrierReachUs();
 }
 
-void WakeWord::arm() noexcept {
+void WakeWord::Arm() noexcept {
   if (std::exchange(m_frames, 0) >= kBusyAfter && m_canBeBusy) {
-    set(m_sleeps, std::memory_order_relaxed);
-    globalBarrier();
+    Set(m_sleeps, std::memory_order_relaxed);
+    GlobalBarrier();
   }
   m_sleeps += kOneSleep;
-  set(m_sleeps | kAsleep, std::memory_order_seq_cst);
+  Set(m_sleeps | kAsleep, std::memory_order_seq_cst);
 }
 
 RemoteWakeWord::RemoteWakeWord(const Descriptor& memory)
-    : m_mapping(memory, checkedSize(memory), Mapping::Access::read) {}
+    : m_mapping(memory, CheckedSize(memory), Mapping::Access::kRead) {}
 
 }  // namespace engine::transport::host

@@ -32,30 +32,30 @@ class WakeWord {
  public:
   WakeWord();  // throws std::system_error
 
-  int descriptor() const noexcept { return m_memory.get(); }  // to pass on
+  int GetDescriptor() const noexcept { return m_memory.Get(); }  // to pass on
 
   // Counts frames that were read in a run, and declares to be busy when they were many since the last arm().
-  void noteFrames(std::size_t count) noexcept {
+  void NoteFrames(std::size_t count) noexcept {
     if (m_frames < kBusyAfter && (m_frames += count) >= kBusyAfter && m_canBeBusy) {
-      set(m_sleeps | kBusy, std::memory_order_release);
+      Set(m_sleeps | kBusy, std::memory_order_release);
     }
   }
 
-  void arm() noexcept;
-  void disarm() noexcept { set(m_sleeps, std::memory_order_release); }
+  void Arm() noexcept;
+  void Disarm() noexcept { Set(m_sleeps, std::memory_order_release); }
 
   // Frames without which nobody is busy.
   static constexpr std::size_t kBusyAfter = 4096;
 
  private:
-  void set(WakeEpoch value, std::memory_order order) noexcept {
-    static_cast<std::atomic<WakeEpoch>*>(m_mapping.address())->store(value, order);
+  void Set(WakeEpoch value, std::memory_order order) noexcept {
+    static_cast<std::atomic<WakeEpoch>*>(m_mapping.Address())->store(value, order);
   }
 
   Descriptor m_memory;
   Mapping m_mapping;
   WakeEpoch m_sleeps = 0;
-  const bool m_canBeBusy = globalBarrierWorks();
+  const bool m_canBeBusy = GlobalBarrierWorks();
   std::size_t m_frames = 0;  // since the last arm(), not counted on from kBusyAfter
 };
 
@@ -66,14 +66,14 @@ class RemoteWakeWord {
   explicit RemoteWakeWord(const Descriptor& memory);
 
   // To be asked after a tail was stored: whether the peer is busy, and nothing else is to be done.
-  bool busy() const noexcept {
-    keepOrder();
-    return m_reached && (load(std::memory_order_relaxed) & kBusy) != 0;
+  bool Busy() const noexcept {
+    KeepOrder();
+    return m_reached && (Load(std::memory_order_relaxed) & kBusy) != 0;
   }
 
   // Otherwise, after the store was ordered: whether the peer sleeps and this was not yet answered true while it does.
-  bool toBeRung() noexcept {
-    const WakeEpoch epoch = load(std::memory_order_seq_cst);
+  bool ToBeRung() noexcept {
+    const WakeEpoch epoch = Load(std::memory_order_seq_cst);
     if ((epoch & kAsleep) == 0 || epoch == m_rung) {
       return false;
     }
@@ -82,12 +82,12 @@ class RemoteWakeWord {
   }
 
  private:
-  WakeEpoch load(std::memory_order order) const noexcept {
-    return static_cast<const std::atomic<WakeEpoch>*>(m_mapping.address())->load(order);
+  WakeEpoch Load(std::memory_order order) const noexcept {
+    return static_cast<const std::atomic<WakeEpoch>*>(m_mapping.Address())->load(order);
   }
 
   Mapping m_mapping;
-  const bool m_reached = letGlobalBarrierReachUs();
+  const bool m_reached = LetGlobalBarrierReachUs();
   WakeEpoch m_rung = 0;
 };
 

@@ -8,15 +8,15 @@ namespace engine::transport::host::wire {
 
 namespace {
 
-void append(std::vector<std::byte>& out, Bytes bytes) {
+void Append(std::vector<std::byte>& out, Bytes bytes) {
   const std::size_t position = out.size();
   out.resize(position + bytes.size());
   std::copy(bytes.begin(), bytes.end(), out.begin() + static_cast<std::ptrdiff_t>(position));
 }
 
-void append(std::vector<std::byte>& out, std::string_view text) { append(out, std::as_bytes(std::span(text))); }
+void Append(std::vector<std::byte>& out, std::string_view text) { Append(out, std::as_bytes(std::span(text))); }
 
-std::string_view takeText(Bytes& bytes, std::size_t length) {
+std::string_view TakeText(Bytes& bytes, std::size_t length) {
   if (length > kNameMax || length > bytes.size()) {
     throw Fault("a name runs past the end of its frame");
   }
@@ -27,27 +27,27 @@ std::string_view takeText(Bytes& bytes, std::size_t length) {
 
 }  // namespace
 
-Type typeOf(Bytes frame) { return take<Type>(frame); }
+Type TypeOf(Bytes frame) { return Take<Type>(frame); }
 
-std::string sessionText(std::uint64_t session) {
+std::string SessionText(std::uint64_t session) {
   std::array<char, 16> digits;
   return {digits.data(), std::to_chars(digits.begin(), digits.end(), session, 16).ptr};
 }
 
-std::vector<std::byte> encodeHello(const Greeting& greeting) {
+std::vector<std::byte> EncodeHello(const Greeting& greeting) {
   Hello hello;
   hello.nameLength = static_cast<std::uint16_t>(greeting.name.size());
   hello.session = greeting.session;
   hello.process = greeting.process;
   std::vector<std::byte> frame;
-  append(frame, bytesOf(hello));
-  append(frame, greeting.name);
+  Append(frame, BytesOf(hello));
+  Append(frame, greeting.name);
   return frame;
 }
 
-Greeting decodeHello(Bytes frame) {
-  const auto hello = take<Hello>(frame);
-  if (hello.type != Type::hello || hello.magic != kMagic) {
+Greeting DecodeHello(Bytes frame) {
+  const auto hello = Take<Hello>(frame);
+  if (hello.type != Type::kHello || hello.magic != kMagic) {
     throw Fault("it does not speak this engine's protocol");
   }
   if (hello.version != kVersion) {
@@ -57,14 +57,14 @@ Greeting decodeHello(Bytes frame) {
   Greeting greeting;
   greeting.session = hello.session;
   greeting.process = hello.process;
-  greeting.name = takeText(frame, hello.nameLength);
+  greeting.name = TakeText(frame, hello.nameLength);
   if (!frame.empty()) {
     throw Fault("a frame is longer than its type");
   }
   return greeting;
 }
 
-bool AdvertiseBatch::add(std::uint32_t source, std::string_view topic, std::string_view session) {
+bool AdvertiseBatch::Add(std::uint32_t source, std::string_view topic, std::string_view session) {
   if (m_frame.size() + sizeof(AdvertiseEntry) + topic.size() + session.size() > kAdvertisePacketMax) {
     return false;
   }
@@ -72,23 +72,23 @@ bool AdvertiseBatch::add(std::uint32_t source, std::string_view topic, std::stri
   entry.source = source;
   entry.topicLength = static_cast<std::uint16_t>(topic.size());
   entry.sessionLength = static_cast<std::uint16_t>(session.size());
-  append(m_frame, bytesOf(entry));
-  append(m_frame, topic);
-  append(m_frame, session);
+  Append(m_frame, BytesOf(entry));
+  Append(m_frame, topic);
+  Append(m_frame, session);
   return true;
 }
 
-void AdvertiseBatch::clear() {
+void AdvertiseBatch::Clear() {
   m_frame.clear();
-  append(m_frame, bytesOf(AdvertiseHeader{}));
+  Append(m_frame, BytesOf(AdvertiseHeader{}));
 }
 
-void decodeAdvertise(Bytes frame, const AdvertiseHandler& handler) {
-  take<AdvertiseHeader>(frame);
+void DecodeAdvertise(Bytes frame, const AdvertiseHandler& handler) {
+  Take<AdvertiseHeader>(frame);
   while (!frame.empty()) {
-    const auto entry = take<AdvertiseEntry>(frame);
-    const std::string_view topic = takeText(frame, entry.topicLength);
-    const std::string_view session = takeText(frame, entry.sessionLength);
+    const auto entry = Take<AdvertiseEntry>(frame);
+    const std::string_view topic = TakeText(frame, entry.topicLength);
+    const std::string_view session = TakeText(frame, entry.sessionLength);
     handler(entry.source, topic, session);
   }
 }

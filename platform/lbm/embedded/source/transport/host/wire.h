@@ -33,35 +33,35 @@ using Bytes = std::span<const std::byte>;
 
 enum class Type : std::uint16_t {
   // On the socket:
-  hello = 1,
-  advertise,
-  withdraw,
-  subscribe,
-  unsubscribe,
-  response,
-  wakeWord,  // with the descriptor of the sender's; once, before the first subscription
-  ring,      // with the descriptor of the ring in which the sender will write; once, before anything is in it
-  bell,      // wakes the peer because its wake word says that it sleeps
-  room,      // half of the peer's ring is free, as it wanted to be told
+  kHello = 1,
+  kAdvertise,
+  kWithdraw,
+  kSubscribe,
+  kUnsubscribe,
+  kResponse,
+  kWakeWord,  // with the descriptor of the sender's; once, before the first subscription
+  kRing,      // with the descriptor of the ring in which the sender will write; once, before anything is in it
+  kBell,      // wakes the peer because its wake word says that it sleeps
+  kRoom,      // half of the peer's ring is free, as it wanted to be told
   // In a ring:
-  message = 0x100,
-  fragment,
-  subscribed,
-  loss,
-  withdrawn
+  kMessage = 0x100,
+  kFragment,
+  kSubscribed,
+  kLoss,
+  kWithdrawn
 };
 
 // Whether a descriptor goes along with frames of the type.
-constexpr bool carriesDescriptor(Type type) { return type == Type::wakeWord || type == Type::ring; }
+constexpr bool CarriesDescriptor(Type type) { return type == Type::kWakeWord || type == Type::kRing; }
 
 // A frame that says everything with its type.
 struct Signal {
-  Type type = Type::bell;
+  Type type = Type::kBell;
 };
 
 // The first frame in either direction. The context's name follows.
 struct Hello {
-  Type type = Type::hello;
+  Type type = Type::kHello;
   std::uint16_t nameLength = 0;
   std::uint32_t version = kVersion;
   std::uint64_t magic = kMagic;
@@ -71,7 +71,7 @@ struct Hello {
 };
 
 struct AdvertiseHeader {
-  Type type = Type::advertise;
+  Type type = Type::kAdvertise;
   std::uint16_t reserved = 0;
 };
 
@@ -84,21 +84,21 @@ struct AdvertiseEntry {
 
 // To whom the source's messages do not go; subscribers find it behind the last of them in the ring.
 struct Withdraw {
-  Type type = Type::withdraw;
+  Type type = Type::kWithdraw;
   std::uint16_t reserved = 0;
   std::uint32_t source = 0;
 };
 
 // The token comes back in the answer, so that the answer to an earlier subscription of the source is not taken for it.
 struct Subscribe {
-  Type type = Type::subscribe;
+  Type type = Type::kSubscribe;
   std::uint16_t reserved = 0;
   std::uint32_t source = 0;
   std::uint32_t token = 0;
 };
 
 struct Unsubscribe {
-  Type type = Type::unsubscribe;
+  Type type = Type::kUnsubscribe;
   std::uint16_t reserved = 0;
   std::uint32_t source = 0;
 };
@@ -106,7 +106,7 @@ struct Unsubscribe {
 // Leads a response or a fragment of one; the payload follows. A response that is larger than its packet goes on in the
 // next response frame of the link.
 struct ResponseHeader {
-  Type type = Type::response;
+  Type type = Type::kResponse;
   std::uint16_t reserved = 0;
   std::uint32_t total = 0;  // bytes of the whole response
   std::uint64_t request = 0;
@@ -155,13 +155,13 @@ template <typename T>
 concept Frame = std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>;
 
 template <Frame T>
-Bytes bytesOf(const T& frame) {
+Bytes BytesOf(const T& frame) {
   return std::as_bytes(std::span(&frame, 1));
 }
 
 // Takes a T off the front of the bytes.
 template <Frame T>
-T take(Bytes& bytes) {
+T Take(Bytes& bytes) {
   if (bytes.size() < sizeof(T)) {
     throw Fault("a frame is cut short");
   }
@@ -173,15 +173,15 @@ T take(Bytes& bytes) {
 
 // The frame as a T and nothing but a T.
 template <Frame T>
-T decode(Bytes frame) {
-  const T value = take<T>(frame);
+T Decode(Bytes frame) {
+  const T value = Take<T>(frame);
   if (!frame.empty()) {
     throw Fault("a frame is longer than its type");
   }
   return value;
 }
 
-Type typeOf(Bytes frame);
+Type TypeOf(Bytes frame);
 
 struct Greeting {
   std::uint64_t session = 0;
@@ -190,27 +190,27 @@ struct Greeting {
 };
 
 // A session as operators read it, in notices and in the names of sockets.
-std::string sessionText(std::uint64_t session);
+std::string SessionText(std::uint64_t session);
 
-std::vector<std::byte> encodeHello(const Greeting& greeting);
-Greeting decodeHello(Bytes frame);
+std::vector<std::byte> EncodeHello(const Greeting& greeting);
+Greeting DecodeHello(Bytes frame);
 
 // Collects advertisements into as few frames as they need. Give what frame() holds to the link when add() says that it
 // is full, clear() and add again.
 class AdvertiseBatch {
  public:
-  AdvertiseBatch() { clear(); }
-  bool add(std::uint32_t source, std::string_view topic, std::string_view session);
-  bool empty() const { return m_frame.size() == sizeof(AdvertiseHeader); }
-  Bytes frame() const { return m_frame; }
-  void clear();
+  AdvertiseBatch() { Clear(); }
+  bool Add(std::uint32_t source, std::string_view topic, std::string_view session);
+  bool Empty() const { return m_frame.size() == sizeof(AdvertiseHeader); }
+  Bytes Frame() const { return m_frame; }
+  void Clear();
 
  private:
   std::vector<std::byte> m_frame;
 };
 
 using AdvertiseHandler = std::function<void(std::uint32_t source, std::string_view topic, std::string_view session)>;
-void decodeAdvertise(Bytes frame, const AdvertiseHandler& handler);
+void DecodeAdvertise(Bytes frame, const AdvertiseHandler& handler);
 
 // Joins the fragments of one link's messages, or of its responses.
 template <typename Header>
@@ -218,7 +218,7 @@ class Reassembly {
  public:
   // Calls complete(Bytes) when this is the last fragment of a message, or all of it.
   template <typename Complete>
-  void add(const Header& header, Bytes payload, Complete complete) {
+  void Add(const Header& header, Bytes payload, Complete complete) {
     if (!m_partial) {
       if (payload.size() == header.total) {
         return complete(payload);

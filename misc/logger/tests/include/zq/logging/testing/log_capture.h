@@ -31,7 +31,7 @@ using StatementPredicate = std::function<bool(const CapturedStatement&)>;
 inline constexpr std::chrono::seconds kDefaultDeadline{20};
 
 // All functions may be called from any thread.
-namespace LogCapture {
+namespace log_capture {
 
 // Forgets everything and sets the minimum level back to the lowest, as at the start of the program.
 void Clear();
@@ -56,6 +56,6 @@ std::vector<CapturedStatement> Find(const std::string& part);
 [[nodiscard]] ::testing::AssertionResult WaitForText(const std::string& part,
                                                      std::chrono::milliseconds deadline = kDefaultDeadline);
 
-}  // namespace LogCapture
+}  // namespace log_capture
 
 }  // namespace zq::logging::testing
