@@ -6,10 +6,10 @@
 #include <array>
 #include <cerrno>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "system/error.h"
+#include "zq/posix/error.h"
 
 namespace engine::core {
 
@@ -113,7 +113,7 @@ void Descriptors::Add(int fd, lbm_ulong_t events, const DescriptorCallback& call
     }
   }
   if (!Watch(fd, watched)) {
-    throw std::system_error(errno, std::system_category(), "cannot watch descriptor " + std::to_string(fd));
+    zq::posix::ThrowErrno("cannot watch descriptor " + std::to_string(fd));
   }
   m_watched[fd] = std::move(watched);
   m_count += added;

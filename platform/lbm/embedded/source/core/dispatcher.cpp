@@ -1,7 +1,6 @@
 #include "core/dispatcher.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <array>
@@ -9,7 +8,6 @@
 #include <climits>
 #include <cstdint>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "system/error.h"
@@ -19,19 +17,12 @@ namespace engine::core {
 
 namespace {
 
-Descriptor Checked(int fd, const char* what) {
-  if (fd == -1) {
-    throw std::system_error(errno, std::system_category(), what);
-  }
-  return Descriptor(fd);
-}
-
 void WatchForInput(int epoll, int fd) {
   epoll_event wanted{};
   wanted.events = EPOLLIN;
   wanted.data.fd = fd;
   if (::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &wanted) == -1) {
-    throw std::system_error(errno, std::system_category(), "cannot watch a descriptor of the engine's own");
+    zq::posix::ThrowErrno("cannot watch a descriptor of the engine's own");
   }
 }
 
@@ -39,7 +30,7 @@ void WatchForInput(int epoll, int fd) {
 std::span<const epoll_event> Poll(int epoll, std::span<epoll_event> events, int timeoutMs) {
   const int count = ::epoll_wait(epoll, events.data(), static_cast<int>(events.size()), timeoutMs);
   if (count == -1 && errno != EINTR) {
-    throw std::system_error(errno, std::system_category(), "cannot wait for events");
+    zq::posix::ThrowErrno("cannot wait for events");
   }
   return events.first(static_cast<std::size_t>(std::max(count, 0)));
 }
@@ -47,10 +38,9 @@ std::span<const epoll_event> Poll(int epoll, std::span<epoll_event> events, int 
 }  // namespace
 
 Dispatcher::Dispatcher()
-    : m_epoll(Checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create an epoll descriptor")),
-      m_wake(Checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "cannot create an event descriptor")),
+    : m_epoll(zq::posix::Checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create an epoll descriptor")),
       m_descriptors(m_epoll.Get(), m_gate) {
-  WatchForInput(m_epoll.Get(), m_wake.Get());
+  WatchForInput(m_epoll.Get(), m_wake.GetDescriptor());
 }
 
 void Dispatcher::SetWork(Work& work) {
@@ -150,13 +140,7 @@ void Dispatcher::Leave() {
 
 void Dispatcher::Unblock() {
   m_unblocked.store(true);
-  Wake();
-}
-
-void Dispatcher::Wake() noexcept {
-  const std::uint64_t one = 1;
-  // Fails only when the counter is full: then the descriptor is readable anyhow.
-  static_cast<void>(::write(m_wake.Get(), &one, sizeof(one)));
+  m_wake.Notify();
 }
 
 void Dispatcher::Post(Task task) {
@@ -168,7 +152,7 @@ void Dispatcher::Post(Task task) {
     m_tasks.push_back(std::move(task));
   }
   if (!m_tasksPosted.exchange(true)) {
-    Wake();
+    m_wake.Notify();
   }
 }
 
@@ -236,9 +220,8 @@ std::size_t Dispatcher::WaitAndLook(int timeoutMs) {
 std::size_t Dispatcher::HandleEvents(std::span<const epoll_event> events) {
   std::size_t done = 0;
   for (const epoll_event& event : events) {
-    if (event.data.fd == m_wake.Get()) {
-      std::uint64_t ignored = 0;
-      static_cast<void>(::read(m_wake.Get(), &ignored, sizeof(ignored)));
+    if (event.data.fd == m_wake.GetDescriptor()) {
+      m_wake.Clear();
     } else if (event.data.fd == m_work->GetDescriptor()) {
       done += m_work->Drain();
     } else {
@@ -256,7 +239,7 @@ void Dispatcher::End(Task last) {
   }
   std::unique_lock lock(m_occupancyMutex);
   m_gate.ShutDown();
-  Wake();
+  m_wake.Notify();
   m_vacant.wait(lock, [this] { return !m_occupied; });
   m_occupied = true;
   lock.unlock();

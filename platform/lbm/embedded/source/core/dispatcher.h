@@ -17,7 +17,8 @@
 
 #include "core/callback_gate.h"
 #include "core/descriptors.h"
-#include "system/descriptor.h"
+#include "zq/posix/descriptor.h"
+#include "zq/posix/event.h"
 
 struct epoll_event;
 
@@ -80,13 +81,12 @@ class Dispatcher {
   std::size_t WaitAndLook(int timeoutMs);
   std::size_t HandleEvents(std::span<const epoll_event> events);
   int RemainingMs(Clock::time_point deadline) const;
-  void Wake() noexcept;
   void RunLast();
   void Forget();
   void Leave();
 
-  const Descriptor m_epoll;
-  const Descriptor m_wake;
+  const zq::posix::Descriptor m_epoll;
+  zq::posix::Event m_wake;
   CallbackGate m_gate;
   Descriptors m_descriptors;
   Work* m_work = nullptr;

@@ -1,14 +1,13 @@
 #include "options/process_defaults.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <span>
 #include <system_error>
 
 #include "options/option_text.h"
 #include "system/error.h"
+#include "zq/posix/environment.h"
+#include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace engine {
 namespace {
@@ -16,26 +15,15 @@ namespace {
 constexpr std::string_view kBlanks = " \t";
 
 std::string ReadWhole(const std::string& fileName) {
-  struct Close {
-    void operator()(FILE* file) const { std::fclose(file); }
-  };
-  const auto fail = [&fileName](int reason) {
-    throw std::system_error(reason, std::generic_category(), "cannot read the configuration file " + Quoted(fileName));
-  };
-  const std::unique_ptr<FILE, Close> file(std::fopen(fileName.c_str(), "rbe"));
-  if (!file) {
-    fail(errno);
+  try {
+    return zq::posix::ReadFile(fileName, kConfigFileBytesMax);
+  } catch (const std::system_error& error) {
+    if (error.code() == std::errc::file_too_large) {
+      throw Error(LBM_EINVAL, "the configuration file " + Quoted(fileName) + " has more than " +
+                                  std::to_string(kConfigFileBytesMax) + " bytes");
+    }
+    zq::posix::ThrowError(error.code().value(), "cannot read the configuration file " + Quoted(fileName));
   }
-  std::string content(kConfigFileBytesMax + 1, '\0');
-  content.resize(std::fread(content.data(), 1, content.size(), file.get()));
-  if (std::ferror(file.get()) != 0) {
-    fail(errno);
-  }
-  if (content.size() > kConfigFileBytesMax) {
-    throw Error(LBM_EINVAL, "the configuration file " + Quoted(fileName) + " has more than " +
-                                std::to_string(kConfigFileBytesMax) + " bytes");
-  }
-  return content;
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -104,10 +92,7 @@ void ApplyFile(const std::string& fileName, std::span<OptionSet> sets) {
 
 ProcessDefaults& ProcessDefaults::Instance() {
   // Never destroyed: destructors of static objects may still create contexts.
-  static auto* const defaults = [] {
-    const char* const fileName = std::getenv(kConfigFileVariable);
-    return new ProcessDefaults(fileName == nullptr ? "" : fileName);
-  }();
+  static auto* const defaults = new ProcessDefaults(zq::posix::Environment(kConfigFileVariable));
   return *defaults;
 }
 

@@ -9,7 +9,7 @@
 
 #include "core/context.h"
 #include "options/option_keys.h"
-#include "system/descriptor.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::core {
 namespace {
@@ -49,7 +49,7 @@ class ScriptedTransport : public transport::Transport {
   bool closed = false;
 
  private:
-  Descriptor m_event{::eventfd(0, EFD_CLOEXEC)};
+  zq::posix::Descriptor m_event{::eventfd(0, EFD_CLOEXEC)};
 };
 
 class DirectoryTest : public ::testing::Test {

@@ -4,7 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "system/descriptor.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
@@ -27,7 +27,7 @@ class NoDescriptors {
  public:
   NoDescriptors() {
     rlimit tight = m_usual;
-    tight.rlim_cur = static_cast<rlim_t>(Descriptor(::dup(STDIN_FILENO)).Get());
+    tight.rlim_cur = static_cast<rlim_t>(zq::posix::Descriptor(::dup(STDIN_FILENO)).Get());
     ::setrlimit(RLIMIT_NOFILE, &tight);
   }
   ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_usual); }

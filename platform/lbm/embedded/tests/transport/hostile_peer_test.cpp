@@ -122,16 +122,16 @@ TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
 
 TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   const auto memory = [](std::size_t size, bool sealed) {
-    Descriptor made = MakeSharedMemory("test", size);
+    zq::posix::Descriptor made = MakeSharedMemory("test", size);
     if (sealed) {
       Seal(made, Sealing::kSize);
     }
     return made;
   };
-  const Descriptor plainFile(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  const zq::posix::Descriptor plainFile(::open("/dev/null", O_RDWR | O_CLOEXEC));
   const std::size_t control = 4096;
   std::size_t cutOff = 0;
-  const auto expectCutOff = [&](std::initializer_list<std::pair<wire::Type, const Descriptor*>> frames) {
+  const auto expectCutOff = [&](std::initializer_list<std::pair<wire::Type, const zq::posix::Descriptor*>> frames) {
     const RawPeer peer(m_address);
     peer.Greet();
     for (const auto& [type, descriptor] : frames) {
@@ -141,16 +141,16 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
     EXPECT_TRUE(peer.CutOff());
     EXPECT_EQ(m_member.notices.size(), ++cutOff);
   };
-  const Descriptor ring = memory(control + kRingBytesMin, true);
-  const Descriptor unsealed = memory(control + kRingBytesMin, false);
-  const Descriptor odd = memory(control + kRingBytesMin + 8, true);
-  const Descriptor small = memory(control, true);
-  const Descriptor empty = memory(1, true);
-  for (const Descriptor* wrong : {&plainFile, &unsealed, &odd, &small, &empty}) {
+  const zq::posix::Descriptor ring = memory(control + kRingBytesMin, true);
+  const zq::posix::Descriptor unsealed = memory(control + kRingBytesMin, false);
+  const zq::posix::Descriptor odd = memory(control + kRingBytesMin + 8, true);
+  const zq::posix::Descriptor small = memory(control, true);
+  const zq::posix::Descriptor empty = memory(1, true);
+  for (const zq::posix::Descriptor* wrong : {&plainFile, &unsealed, &odd, &small, &empty}) {
     expectCutOff({{wire::Type::kRing, wrong}});
   }
   expectCutOff({{wire::Type::kRing, &ring}, {wire::Type::kRing, &ring}});
-  for (const Descriptor* wrong : {&plainFile, &unsealed, &ring, &empty}) {
+  for (const zq::posix::Descriptor* wrong : {&plainFile, &unsealed, &ring, &empty}) {
     expectCutOff({{wire::Type::kWakeWord, wrong}});
   }
   expectCutOff({{wire::Type::kWakeWord, &small}, {wire::Type::kWakeWord, &small}});

@@ -52,10 +52,10 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   const auto publication = a.transport->Advertise({"ours", "s", Pacing::kSource});
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const Descriptor reading(ends[0]);
-  Descriptor writing(ends[1]);
+  const zq::posix::Descriptor reading(ends[0]);
+  zq::posix::Descriptor writing(ends[1]);
   const pid_t process = StartPeer(m_directory, "last-words", writing.Get());
-  writing = Descriptor();
+  writing = zq::posix::Descriptor();
 
   DrainUntil({&a}, "the process", [&] { return a.Heard("up peer") && a.Heard("joined peer"); });
   std::shared_ptr<ReplyPath> replyPath;
@@ -264,7 +264,7 @@ TEST_F(Membership, AProcessThatStopsWhileItJoinsKeepsOthersNotForEver) {
   HostSettings settings = SettingsIn(m_directory);
   settings.joinPatience = std::chrono::milliseconds(20);
   { const Member a(settings); }
-  const Descriptor stopped(::open((m_directory.Path() + "/test/lock").c_str(), O_RDWR | O_CLOEXEC));
+  const zq::posix::Descriptor stopped(::open((m_directory.Path() + "/test/lock").c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(stopped.Get(), LOCK_EX), 0);
   try {
     JoinHostDomain(settings);

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "system/descriptor.h"
 #include "transport/host/ring_memory.h"
 #include "transport/host/wake_word.h"
 #include "transport/host/wire.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
@@ -52,7 +52,7 @@ class RawPeer {
   void Greet() const { Send(wire::EncodeHello({1, 2, "raw"})); }
 
   // Reads frames up to one with a descriptor.
-  Descriptor ReceiveDescriptor() const {
+  zq::posix::Descriptor ReceiveDescriptor() const {
     std::vector<std::byte> frame(wire::kPacketMax);
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
     int descriptor = -1;
@@ -68,7 +68,7 @@ class RawPeer {
         std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
       }
     }
-    return Descriptor(descriptor);
+    return zq::posix::Descriptor(descriptor);
   }
 
   // What the context sent before it hung up; nothing when it has not.
@@ -84,7 +84,7 @@ class RawPeer {
   bool CutOff() const { return BytesUntilHangUp().has_value(); }
 
  private:
-  Descriptor m_socket;
+  zq::posix::Descriptor m_socket;
   bool m_connected = false;
 };
 

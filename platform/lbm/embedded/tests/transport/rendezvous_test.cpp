@@ -66,7 +66,7 @@ TEST_F(RuntimeDirectory, IsRefusedWhereOthersMightTamperWithIt) {
 
 TEST_F(RuntimeDirectory, FaultsOfThePathSayWhatToDo) {
   const std::string file = m_scratch.Path() + "/file";
-  ASSERT_TRUE(Descriptor(::open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));
+  ASSERT_TRUE(zq::posix::Descriptor(::open(file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));
   EXPECT_THAT(Refusal(file), HasSubstr("not a directory"));
   EXPECT_THAT(Refusal(m_scratch.Path() + "/no/such"), HasSubstr("create the directories above it"));
   EXPECT_THAT(Refusal(m_scratch.Path() + "/" + std::string(300, 'x')), HasSubstr("shorten it"));

@@ -136,7 +136,7 @@ TEST(RingThreads, ABusyReaderFallsAsleepOverNoFrame) {
   constexpr int kTimes = 30'000;
   TinyRing<std::uint16_t, 256> ring;
   WakeWord wakeWord;
-  RemoteWakeWord remoteWord{Descriptor(::dup(wakeWord.GetDescriptor()))};
+  RemoteWakeWord remoteWord{zq::posix::Descriptor(::dup(wakeWord.GetDescriptor()))};
   std::atomic<int> begun{0};
   std::atomic<int> written{0};
   bool rung = false;
@@ -181,7 +181,7 @@ TEST(RingThreads, NobodyIsForgotten) {
   constexpr std::chrono::seconds kPatience{60};
   TinyRing<std::uint8_t, 64> ring;
   WakeWord wakeWord;
-  RemoteWakeWord remoteWord{Descriptor(::dup(wakeWord.GetDescriptor()))};
+  RemoteWakeWord remoteWord{zq::posix::Descriptor(::dup(wakeWord.GetDescriptor()))};
   std::counting_semaphore<> bell{0};
   std::counting_semaphore<> room{0};
   std::atomic<bool> failed{false};

@@ -19,7 +19,6 @@
 #include <utility>
 #include <vector>
 
-#include "system/descriptor.h"
 #include "transport/host/fault.h"
 #include "transport/host/link.h"
 #include "transport/host/look_pause.h"
@@ -28,10 +27,15 @@
 #include "transport/host/rendezvous.h"
 #include "transport/host/wake_word.h"
 #include "transport/host/wire.h"
+#include "zq/posix/descriptor.h"
+#include "zq/posix/error.h"
 
 namespace engine::transport::host {
 
 namespace {
+
+using zq::posix::Checked;
+using zq::posix::ThrowErrno;
 
 // What the poller reports: these two, or a link by its id.
 constexpr std::uint64_t kListenerId = 0;
@@ -51,15 +55,6 @@ constexpr std::chrono::milliseconds kWokenAllTheTime{1};
 
 // Until what the system refused for the moment is tried again.
 constexpr timespec kRetryDelay{0, 50'000'000};
-
-[[noreturn]] void ThrowErrno(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
-
-Descriptor Checked(int descriptor, const char* what) {
-  if (descriptor < 0) {
-    ThrowErrno(what);
-  }
-  return Descriptor(descriptor);
-}
 
 std::uint64_t RandomSession() {
   std::random_device device;
@@ -115,8 +110,8 @@ class HostTransport final : public Transport {
   }
 
   void Watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
-  void GetLink(Descriptor& socket, LinkKind kind);
-  void TryToLink(Descriptor socket);
+  void GetLink(zq::posix::Descriptor& socket, LinkKind kind);
+  void TryToLink(zq::posix::Descriptor socket);
   void ConnectSelf();
   std::size_t AcceptPeers();
   void PauseAccepting();
@@ -136,8 +131,8 @@ class HostTransport final : public Transport {
   const HostSettings m_settings;
   const std::uint64_t m_session = RandomSession();
   const std::vector<std::byte> m_greeting;
-  const Descriptor m_poller;
-  const Descriptor m_timer;
+  const zq::posix::Descriptor m_poller;
+  const zq::posix::Descriptor m_timer;
   PublicationRegistry m_publications;
   Rendezvous m_rendezvous;
   WakeWord m_wakeWord;
@@ -151,8 +146,8 @@ class HostTransport final : public Transport {
   LookPause m_lookPause;
   std::chrono::steady_clock::time_point m_armedAt;
   std::vector<Rendezvous::Neighbour> m_busyNeighbours;
-  std::vector<Descriptor> m_unlinked;  // connections that the system did not let this context watch
-  bool m_refusalTold = false;          // since it last took somebody in
+  std::vector<zq::posix::Descriptor> m_unlinked;  // connections that the system did not let this context watch
+  bool m_refusalTold = false;                     // since it last took somebody in
   std::vector<std::byte> m_packet;
 };
 
@@ -278,7 +273,7 @@ void HostTransport::Watch(int descriptor, std::uint64_t id, int operation, std::
 }
 
 // Throws std::system_error, and leaves the socket to the caller, when the system does not let this context watch it.
-void HostTransport::GetLink(Descriptor& socket, LinkKind kind) {
+void HostTransport::GetLink(zq::posix::Descriptor& socket, LinkKind kind) {
   if (!SameUser(socket.Get())) {
     Notice([] { return "refused a context that runs as another user"; });
     return;
@@ -292,7 +287,7 @@ void HostTransport::GetLink(Descriptor& socket, LinkKind kind) {
 }
 
 // The same for a context that is one of many: what is wrong with it is not to be this context's end.
-void HostTransport::TryToLink(Descriptor socket) {
+void HostTransport::TryToLink(zq::posix::Descriptor socket) {
   const std::uint64_t id = m_nextLinkId;
   try {
     m_unlinked.reserve(m_unlinked.size() + 1);  // so that keeping the socket cannot fail below
@@ -315,8 +310,8 @@ void HostTransport::ConnectSelf() {
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
     ThrowErrno("cannot connect a context to itself");
   }
-  Descriptor announcing(ends[0]);
-  Descriptor finding(ends[1]);
+  zq::posix::Descriptor announcing(ends[0]);
+  zq::posix::Descriptor finding(ends[1]);
   GetLink(announcing, LinkKind::kSelfAnnouncing);
   GetLink(finding, LinkKind::kSelfFinding);
 }
@@ -324,13 +319,13 @@ void HostTransport::ConnectSelf() {
 std::size_t HostTransport::AcceptPeers() {
   std::size_t accepted = 0;
   for (int attempt = 0; attempt < kAcceptedMax; ++attempt) {
-    Descriptor socket(::accept4(m_rendezvous.Listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    zq::posix::Descriptor socket(::accept4(m_rendezvous.Listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
       TryToLink(std::move(socket));
       ++accepted;
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
       NoticeRefusal([error = errno] {
-        return kNotTakenIn + std::generic_category().message(error) + "; raise the limit of open files (ulimit -n)";
+        return kNotTakenIn + zq::posix::ErrorText(error) + "; raise the limit of open files (ulimit -n)";
       });
       PauseAccepting();
       break;
@@ -373,7 +368,7 @@ void HostTransport::Retry(Listener& listener) {
       }
     }
   }
-  for (Descriptor& socket : std::exchange(m_unlinked, {})) {
+  for (zq::posix::Descriptor& socket : std::exchange(m_unlinked, {})) {
     TryToLink(std::move(socket));
   }
   for (auto neighbour = m_busyNeighbours.begin(); neighbour != m_busyNeighbours.end();) {

@@ -15,6 +15,7 @@
 
 #include "transport/host/fault.h"
 #include "transport/host/pieces.h"
+#include "zq/posix/error.h"
 
 namespace engine::transport::host {
 
@@ -33,7 +34,7 @@ constexpr int kSocketBufferBytes = 1 << 20;
 constexpr int kLookAgainMilliseconds = 10;
 
 // The descriptor that came with a frame, if any. There was room for one; the system closes what is beyond.
-Descriptor PassedIn(msghdr& message) {
+zq::posix::Descriptor PassedIn(msghdr& message) {
   const cmsghdr* const header = CMSG_FIRSTHDR(&message);
   if (header == nullptr || header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS ||
       header->cmsg_len != CMSG_LEN(sizeof(int))) {
@@ -41,7 +42,7 @@ Descriptor PassedIn(msghdr& message) {
   }
   int descriptor = -1;
   std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
-  return Descriptor(descriptor);
+  return zq::posix::Descriptor(descriptor);
 }
 
 iovec PartOf(wire::Bytes bytes) {
@@ -51,7 +52,7 @@ iovec PartOf(wire::Bytes bytes) {
 
 }  // namespace
 
-Link::Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int wakeWord)
+Link::Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, int poller, int wakeWord)
     : m_id(id),
       m_kind(kind),
       m_socket(std::move(socket)),
@@ -80,7 +81,7 @@ void Link::PassWakeWord() {
   }
 }
 
-void Link::PassRing(Descriptor memory) {
+void Link::PassRing(zq::posix::Descriptor memory) {
   const std::lock_guard lock(m_mutex);
   m_ring = std::move(memory);
   const wire::Signal frame{wire::Type::kRing};
@@ -147,7 +148,7 @@ Link::Arrival Link::Receive(std::span<std::byte> buffer) {
     message.msg_controllen = CMSG_LEN(sizeof(int));  // without the padding, which a second descriptor would fit
     const ssize_t length = ::recvmsg(m_socket.Get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (length > 0) {
-      Descriptor descriptor = PassedIn(message);
+      zq::posix::Descriptor descriptor = PassedIn(message);
       if ((message.msg_flags & MSG_TRUNC) != 0) {
         throw Fault("a frame is larger than allowed");
       }
@@ -223,12 +224,12 @@ bool Link::Transmit(std::span<const iovec> parts) {
       return false;
     }
     if (errno != EINTR) {
-      CutOff("a frame cannot be sent to it: " + std::generic_category().message(errno));
+      CutOff("a frame cannot be sent to it: " + zq::posix::ErrorText(errno));
       return false;
     }
   }
   if (type == wire::Type::kRing) {
-    m_ring = Descriptor();
+    m_ring = zq::posix::Descriptor();
   }
   return true;
 }

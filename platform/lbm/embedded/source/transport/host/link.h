@@ -17,9 +17,9 @@
 #include <string_view>
 #include <vector>
 
-#include "system/descriptor.h"
 #include "transport/host/frame_queue.h"
 #include "transport/host/wire.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
@@ -31,7 +31,7 @@ class Link {
  public:
   // Takes over a connected socket. poller is the epoll descriptor in which the socket is registered for input under the
   // link's id, wakeWord the descriptor that passWakeWord() passes; both stay open until End().
-  Link(std::uint64_t id, LinkKind kind, Descriptor socket, int poller, int wakeWord);
+  Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, int poller, int wakeWord);
 
   std::uint64_t Id() const noexcept { return m_id; }
   LinkKind Kind() const noexcept { return m_kind; }
@@ -44,7 +44,7 @@ class Link {
   // Lets the peer see when this context sleeps. Idempotent.
   void PassWakeWord();
   // Lets the peer read the ring. Once.
-  void PassRing(Descriptor memory);
+  void PassRing(zq::posix::Descriptor memory);
 
   // Takes a response if there is room for it.
   bool SendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces);
@@ -67,8 +67,8 @@ class Link {
   enum class Received : std::uint8_t { kFrame, kNothing, kHangUp };
   struct Arrival {
     Received what = Received::kNothing;
-    wire::Bytes frame;      // in the buffer
-    Descriptor descriptor;  // that came with the frame
+    wire::Bytes frame;                 // in the buffer
+    zq::posix::Descriptor descriptor;  // that came with the frame
   };
   // Takes in one frame.
   Arrival Receive(std::span<std::byte> buffer);
@@ -89,7 +89,7 @@ class Link {
 
   const std::uint64_t m_id;
   const LinkKind m_kind;
-  const Descriptor m_socket;
+  const zq::posix::Descriptor m_socket;
   const int m_poller;
   const int m_wakeWord;
   bool m_resetSeen = false;  // for the thread inside drain()
@@ -97,9 +97,9 @@ class Link {
   mutable std::mutex m_mutex;
   // Guarded by m_mutex, as are all private functions:
   FrameQueue m_queue;
-  std::size_t m_queueMax;      // more than this, and the peer is cut off
-  std::vector<iovec> m_parts;  // of the frame being put together
-  Descriptor m_ring;           // until it is passed
+  std::size_t m_queueMax;        // more than this, and the peer is cut off
+  std::vector<iovec> m_parts;    // of the frame being put together
+  zq::posix::Descriptor m_ring;  // until it is passed
   bool m_wakeWordPassed = false;
   bool m_watchingWritable = false;
   bool m_broken = false;

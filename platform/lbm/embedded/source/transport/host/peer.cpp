@@ -178,14 +178,14 @@ void Peer::Withdrawn(std::uint32_t source, Listener& listener) {
   listener.OnSourceDown(node.mapped());
 }
 
-void Peer::WakeWordPassed(const Descriptor& memory) {
+void Peer::WakeWordPassed(const zq::posix::Descriptor& memory) {
   if (m_wakeWord || m_sender) {
     throw Fault("it passed two wake words");
   }
   m_wakeWord.emplace(memory);
 }
 
-void Peer::RingPassed(const Descriptor& memory) {
+void Peer::RingPassed(const zq::posix::Descriptor& memory) {
   if (m_receiver) {
     throw Fault("it passed two rings");
   }

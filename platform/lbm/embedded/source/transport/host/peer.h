@@ -65,7 +65,7 @@ class HostReplyPath final : public ReplyPath {
 
 // The subscriber's end of the ring from a peer.
 struct DataReceiver {
-  explicit DataReceiver(const Descriptor& passed) : memory(passed), ring(memory.Control(), memory.Bytes()) {}
+  explicit DataReceiver(const zq::posix::Descriptor& passed) : memory(passed), ring(memory.Control(), memory.Bytes()) {}
 
   const RingMemory memory;
   RingReader<RingCounter> ring;
@@ -118,8 +118,8 @@ class Peer {
  private:
   void Advertised(wire::Bytes frame, Listener& listener);
   void Withdrawn(std::uint32_t source, Listener& listener);
-  void WakeWordPassed(const Descriptor& memory);
-  void RingPassed(const Descriptor& memory);
+  void WakeWordPassed(const zq::posix::Descriptor& memory);
+  void RingPassed(const zq::posix::Descriptor& memory);
   void Subscribed(const wire::Subscribe& frame, Listener& listener);
   void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);
   void Unsubscribed(const wire::Unsubscribe& frame, Listener& listener);

@@ -7,20 +7,20 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "transport/host/host_transport.h"
 #include "transport/host/wire.h"
+#include "zq/posix/environment.h"
+#include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace engine::transport::host {
 
@@ -50,16 +50,16 @@ const std::string kRemedy = "or set LBM_RUNTIME_DIR to another directory";
   } else if (error == EMFILE || error == ENFILE) {
     advice = "raise the limit of open files (ulimit -n) ";
   }
-  throw std::system_error(error, std::generic_category(),
-                          "cannot meet other contexts in \"" + path + "\": " + action + " failed; " + advice + kRemedy);
+  zq::posix::ThrowError(error,
+                        "cannot meet other contexts in \"" + path + "\": " + action + " failed; " + advice + kRemedy);
 }
 
-Descriptor OpenOwnDirectory(int parent, const std::string& name, const std::string& path) {
+zq::posix::Descriptor OpenOwnDirectory(int parent, const std::string& name, const std::string& path) {
   if (::mkdirat(parent, name.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
     RefuseErrno(path, "creating the directory");
   }
   // A link is never followed: somebody else may have put it there.
-  Descriptor directory(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  zq::posix::Descriptor directory(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) {
     if (errno == ENOTDIR || errno == ELOOP) {
       Refuse(path, "it is a symbolic link or not a directory; remove it " + kRemedy);
@@ -102,26 +102,27 @@ sockaddr_un AddressOf(int directory, const std::string& name) {
 
 const sockaddr* Generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-Descriptor OpenSocket() { return Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
+zq::posix::Descriptor OpenSocket() {
+  return zq::posix::Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
 
 std::string SocketName(std::uint64_t session) {
   return std::to_string(::getpid()) + "-" + wire::SessionText(session) + std::string(kSocketSuffix);
 }
 
-std::string FirstLine(const Descriptor& file) {
-  std::array<char, 64> text;
-  const ssize_t length = ::pread(file.Get(), text.data(), text.size(), 0);
-  const std::string_view read(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-  return std::string(read.substr(0, read.find('\n')));
+std::string FirstLine(const zq::posix::Descriptor& file) {
+  const std::string text = zq::posix::ReadBeginning(file.Get(), 64);
+  return text.substr(0, text.find('\n'));
 }
 
 // Held until destroyed. The file names whoever has it, so that those who wait can tell a crowd that moves on from a
 // process that stands still, and say which one that is.
-Descriptor LockDomain(int directory, const std::string& path, const std::string& self,
-                      std::chrono::milliseconds patience) {
+zq::posix::Descriptor LockDomain(int directory, const std::string& path, const std::string& self,
+                                 std::chrono::milliseconds patience) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kLookAgain{1};
-  Descriptor file(::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  zq::posix::Descriptor file(
+      ::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (!file) {
     RefuseErrno(path, "creating the lock file");
   }
@@ -152,24 +153,23 @@ Descriptor LockDomain(int directory, const std::string& path, const std::string&
 }  // namespace
 
 std::string RuntimeDirectory() {
-  const auto set = [](const char* value) { return value != nullptr && *value != '\0'; };
-  if (const char* own = std::getenv("LBM_RUNTIME_DIR"); set(own)) {
+  if (std::string own = zq::posix::Environment("LBM_RUNTIME_DIR"); !own.empty()) {
     return own;
   }
-  if (const char* session = std::getenv("XDG_RUNTIME_DIR"); set(session)) {
-    return std::string(session) + "/lbm";
+  if (const std::string session = zq::posix::Environment("XDG_RUNTIME_DIR"); !session.empty()) {
+    return session + "/lbm";
   }
   return "/tmp/lbm-" + std::to_string(::geteuid());
 }
 
-Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain) {
+zq::posix::Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain) {
   CheckDomain(domain);
   std::string path = runtimeDirectory;
   // With a slash at its end, a link would be followed.
   while (path.size() > 1 && path.back() == '/') {
     path.pop_back();
   }
-  const Descriptor runtime = OpenOwnDirectory(AT_FDCWD, path, path);
+  const zq::posix::Descriptor runtime = OpenOwnDirectory(AT_FDCWD, path, path);
   return OpenOwnDirectory(runtime.Get(), domain, path + "/" + domain);
 }
 
@@ -184,7 +184,7 @@ Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& d
 }
 
 std::vector<Rendezvous::Neighbour> Rendezvous::Join(std::chrono::milliseconds patience) {
-  const Descriptor lock =
+  const zq::posix::Descriptor lock =
       LockDomain(m_directory.Get(), m_path, "process " + std::to_string(::getpid()) + ", " + m_name, patience);
   const sockaddr_un address = AddressOf(m_directory.Get(), m_name);
   if (::bind(m_listener.Get(), Generic(address), sizeof(address)) != 0) {
@@ -205,7 +205,7 @@ std::vector<Rendezvous::Neighbour> Rendezvous::Join(std::chrono::milliseconds pa
 }
 
 Rendezvous::Outcome Rendezvous::Connect(Neighbour& neighbour) const {
-  Descriptor socket = OpenSocket();
+  zq::posix::Descriptor socket = OpenSocket();
   if (!socket) {
     RefuseErrno(m_path, "opening a socket");
   }
@@ -229,13 +229,13 @@ Rendezvous::Outcome Rendezvous::Connect(Neighbour& neighbour) const {
 void Rendezvous::Leave() noexcept {
   if (m_bound) {
     ::unlinkat(m_directory.Get(), m_name.c_str(), 0);
-    m_listener = Descriptor();
+    m_listener = zq::posix::Descriptor();
     m_bound = false;
   }
 }
 
 std::vector<std::string> Rendezvous::OtherSockets() const {
-  Descriptor descriptor(::openat(m_directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  zq::posix::Descriptor descriptor(::openat(m_directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   DIR* opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
   if (opened == nullptr) {
     RefuseErrno(m_path, "listing the directory");

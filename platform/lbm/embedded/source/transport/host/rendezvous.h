@@ -10,20 +10,20 @@
 #include <string>
 #include <vector>
 
-#include "system/descriptor.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
 // Opens the domain's directory, creating it and the runtime directory when missing. Refuses what others might tamper
 // with, with a text that names the path and the remedy.
-Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain);
+zq::posix::Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain);
 
 class Rendezvous {
  public:
   // A connection to a context of the domain, or none while that context has too many waiting for it.
   struct Neighbour {
     std::string name;
-    Descriptor socket;
+    zq::posix::Descriptor socket;
   };
 
   Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session);
@@ -50,8 +50,8 @@ class Rendezvous {
 
   const std::string m_path;  // of the domain's directory, for error texts
   const std::string m_name;  // of the own socket in it
-  const Descriptor m_directory;
-  Descriptor m_listener;
+  const zq::posix::Descriptor m_directory;
+  zq::posix::Descriptor m_listener;
   bool m_bound = false;
 };
 

@@ -11,7 +11,7 @@ namespace {
 constexpr std::size_t kControlBytes = 4096;
 static_assert(sizeof(RingControl<RingCounter>) <= kControlBytes);
 
-std::size_t CheckedSize(const Descriptor& memory) {
+std::size_t CheckedSize(const zq::posix::Descriptor& memory) {
   const std::size_t size = SealedSize(memory);
   if (size < kControlBytes + kRingBytesMin || size > kControlBytes + kRingBytesMax ||
       !std::has_single_bit(size - kControlBytes)) {
@@ -23,13 +23,13 @@ std::size_t CheckedSize(const Descriptor& memory) {
 }  // namespace
 
 RingMemory::Made RingMemory::Make(std::size_t bytes) {
-  Descriptor memory = MakeSharedMemory("lbm_ring", kControlBytes + bytes);
+  zq::posix::Descriptor memory = MakeSharedMemory("lbm_ring", kControlBytes + bytes);
   Seal(memory, Sealing::kSize);
   RingMemory ring(memory);
   return {std::move(ring), std::move(memory)};
 }
 
-RingMemory::RingMemory(const Descriptor& memory)
+RingMemory::RingMemory(const zq::posix::Descriptor& memory)
     : m_mapping(memory, CheckedSize(memory), Mapping::Access::kReadAndWrite) {}
 
 std::span<std::byte> RingMemory::Bytes() const noexcept {

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <span>
 
-#include "system/descriptor.h"
 #include "transport/host/ring.h"
 #include "transport/host/shared_memory.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
@@ -24,7 +24,7 @@ class RingMemory {
   static Made Make(std::size_t bytes);
 
   // A ring that came from a peer. Throws Fault when it is none, std::system_error when the system refuses.
-  explicit RingMemory(const Descriptor& memory);
+  explicit RingMemory(const zq::posix::Descriptor& memory);
 
   RingControl<RingCounter>& Control() const noexcept {
     return *static_cast<RingControl<RingCounter>*>(m_mapping.Address());
@@ -37,7 +37,7 @@ class RingMemory {
 
 struct RingMemory::Made {
   RingMemory ring;
-  Descriptor memory;
+  zq::posix::Descriptor memory;
 };
 
 }  // namespace engine::transport::host

@@ -5,27 +5,27 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <system_error>
 
 #include "transport/host/fault.h"
+#include "zq/posix/error.h"
 
 namespace engine::transport::host {
 
 namespace {
 
-[[noreturn]] void ThrowErrno(int error) {
-  throw std::system_error(error, std::generic_category(),
-                          "cannot share memory with another context; free memory, or raise the limits of open files "
-                          "(ulimit -n) and of address space (ulimit -v)");
+[[noreturn]] void Refuse(int error) {
+  zq::posix::ThrowError(error,
+                        "cannot share memory with another context; free memory, or raise the limits of open files "
+                        "(ulimit -n) and of address space (ulimit -v)");
 }
 
 }  // namespace
 
-Mapping::Mapping(const Descriptor& memory, std::size_t size, Access access) : m_size(size) {
+Mapping::Mapping(const zq::posix::Descriptor& memory, std::size_t size, Access access) : m_size(size) {
   const int protection = access == Access::kRead ? PROT_READ : PROT_READ | PROT_WRITE;
   void* const address = ::mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0);
   if (address == MAP_FAILED) {
-    ThrowErrno(errno);
+    Refuse(errno);
   }
   m_address = address;
 }
@@ -36,25 +36,25 @@ Mapping::~Mapping() {
   }
 }
 
-Descriptor MakeSharedMemory(const char* name, std::size_t size) {
-  Descriptor memory(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+zq::posix::Descriptor MakeSharedMemory(const char* name, std::size_t size) {
+  zq::posix::Descriptor memory(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!memory) {
-    ThrowErrno(errno);
+    Refuse(errno);
   }
   if (const int error = ::posix_fallocate(memory.Get(), 0, static_cast<off_t>(size)); error != 0) {
-    ThrowErrno(error);
+    Refuse(error);
   }
   return memory;
 }
 
-void Seal(const Descriptor& memory, Sealing sealing) {
+void Seal(const zq::posix::Descriptor& memory, Sealing sealing) {
   const int writing = sealing == Sealing::kSizeAndWriting ? F_SEAL_FUTURE_WRITE : 0;
   if (::fcntl(memory.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | writing | F_SEAL_SEAL) != 0) {
-    ThrowErrno(errno);
+    Refuse(errno);
   }
 }
 
-std::size_t SealedSize(const Descriptor& memory) {
+std::size_t SealedSize(const zq::posix::Descriptor& memory) {
   constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW;
   const int seals = ::fcntl(memory.Get(), F_GET_SEALS);
   struct stat status {};

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "system/descriptor.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
@@ -16,7 +16,7 @@ class Mapping {
 
   Mapping() = default;
   // Throws std::system_error.
-  Mapping(const Descriptor& memory, std::size_t size, Access access);
+  Mapping(const zq::posix::Descriptor& memory, std::size_t size, Access access);
   Mapping(Mapping&& other) noexcept
       : m_address(std::exchange(other.m_address, nullptr)), m_size(std::exchange(other.m_size, 0)) {}
   Mapping& operator=(Mapping other) noexcept {
@@ -36,14 +36,14 @@ class Mapping {
 
 // Makes zeroed memory that is really there: it cannot run out when it is first touched. name: as the system shows it.
 // Throws std::system_error.
-Descriptor MakeSharedMemory(const char* name, std::size_t size);
+zq::posix::Descriptor MakeSharedMemory(const char* name, std::size_t size);
 
 // After this nobody can change the size; with forbidWriting, nor can anybody write but through mappings that exist.
 // Throws std::system_error.
 enum class Sealing { kSize, kSizeAndWriting };
-void Seal(const Descriptor& memory, Sealing sealing);
+void Seal(const zq::posix::Descriptor& memory, Sealing sealing);
 
 // The size of memory that came from a peer. Throws Fault when it is not memory whose size is sealed.
-std::size_t SealedSize(const Descriptor& memory);
+std::size_t SealedSize(const zq::posix::Descriptor& memory);
 
 }  // namespace engine::transport::host

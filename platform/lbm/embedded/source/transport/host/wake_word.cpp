@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kBytes = 4096;  // what can be mapped at least
 
-std::size_t CheckedSize(const Descriptor& memory) {
+std::size_t CheckedSize(const zq::posix::Descriptor& memory) {
   if (SealedSize(memory) != kBytes) {
     throw Fault("it passed a wake word of an impossible size");
   }
@@ -35,7 +35,7 @@ void WakeWord::Arm() noexcept {
   Set(m_sleeps | kAsleep, std::memory_order_seq_cst);
 }
 
-RemoteWakeWord::RemoteWakeWord(const Descriptor& memory)
+RemoteWakeWord::RemoteWakeWord(const zq::posix::Descriptor& memory)
     : m_mapping(memory, CheckedSize(memory), Mapping::Access::kRead) {}
 
 }  // namespace engine::transport::host

@@ -15,8 +15,8 @@
 #include <cstdint>
 
 #include "system/barrier.h"
-#include "system/descriptor.h"
 #include "transport/host/shared_memory.h"
+#include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
@@ -52,7 +52,7 @@ class WakeWord {
     static_cast<std::atomic<WakeEpoch>*>(m_mapping.Address())->store(value, order);
   }
 
-  Descriptor m_memory;
+  zq::posix::Descriptor m_memory;
   Mapping m_mapping;
   WakeEpoch m_sleeps = 0;
   const bool m_canBeBusy = GlobalBarrierWorks();
@@ -63,7 +63,7 @@ class WakeWord {
 class RemoteWakeWord {
  public:
   // Throws Fault when it is none, std::system_error when the system refuses.
-  explicit RemoteWakeWord(const Descriptor& memory);
+  explicit RemoteWakeWord(const zq::posix::Descriptor& memory);
 
   // To be asked after a tail was stored: whether the peer is busy, and nothing else is to be done.
   bool Busy() const noexcept {

@@ -1,17 +1,21 @@
+// Ownership of file descriptors.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace engine {
+#include "zq/posix/error.h"
 
-// Owns a file descriptor.
+namespace zq::posix {
+
+// Owns one file descriptor, or none, and closes it in the end.
 class Descriptor {
  public:
   Descriptor() = default;
+  // Takes over the result of a system call; a negative one is none.
   explicit Descriptor(int value) noexcept : m_value(value) {}
-  Descriptor(Descriptor&& other) noexcept : m_value(std::exchange(other.m_value, -1)) {}
+  Descriptor(Descriptor&& other) noexcept : m_value(other.Release()) {}
   Descriptor& operator=(Descriptor other) noexcept {
     std::swap(m_value, other.m_value);
     return *this;
@@ -30,4 +34,12 @@ class Descriptor {
   int m_value = -1;
 };
 
-}  // namespace engine
+// Takes over the result of a system call that must not fail: throws std::system_error from errno, what in front.
+inline Descriptor Checked(int value, const char* what) {
+  if (value < 0) {
+    ThrowErrno(what);
+  }
+  return Descriptor(value);
+}
+
+}  // namespace zq::posix
