@@ -6,9 +6,9 @@
 #include "api/endpoints.h"
 #include "api/errors.h"
 #include "api/option_calls.h"
-#include "core/context.h"
 #include "core/notice.h"
 #include "transport/host/host_transport.h"
+#include "transport/host/link/runtime_directory.h"
 
 using engine::Error;
 using engine::OptionSet;
@@ -20,13 +20,14 @@ namespace {
 
 // The one place that chooses how a context's messages travel.
 std::unique_ptr<engine::transport::Transport> Join(OptionSet& options) {
-  const auto runtimeDirectory = engine::transport::host::RuntimeDirectory();
+  namespace host = engine::transport::host;
+  const auto runtimeDirectory = host::RuntimeDirectory();
   options.Provide(option::kDomainDirectory, runtimeDirectory + '/' + options.Get(option::kDomain));
-  return engine::transport::host::JoinHostDomain({.runtimeDirectory = runtimeDirectory,
-                                                  .domain = options.Get(option::kDomain),
-                                                  .contextName = options.Get(option::kContextName),
-                                                  .ringBytes = options.Get(option::kTransportRingSize),
-                                                  .notice = engine::Notice});
+  return host::JoinHostDomain({.runtimeDirectory = runtimeDirectory,
+                               .domain = options.Get(option::kDomain),
+                               .contextName = options.Get(option::kContextName),
+                               .ringBytes = options.Get(option::kTransportRingSize),
+                               .warn = [](const std::string& text) { engine::Notice(LBM_LOG_WARNING, text); }});
 }
 
 engine::core::Context& ContextOf(lbm_context_t* ctx) { return *Required(ctx, "ctx").context; }

@@ -1,4 +1,4 @@
-// What the calls for sources and receivers share.
+// What the calls for sources, receivers and requests share.
 #pragma once
 
 #include <lbm/lbm.h>
@@ -7,7 +7,7 @@
 #include <string>
 
 #include "api/arguments.h"
-#include "core/context.h"
+#include "api/handles.h"
 
 namespace engine::api {
 
@@ -16,9 +16,9 @@ inline std::shared_ptr<core::EventQueue> QueueOf(const lbm_event_queue_t* evq) {
 }
 
 // The topic, when it was made on this context and for this kind of endpoint.
-inline const core::Topic& TopicFor(const core::Context& context, const lbm_topic_t* topic, Scope scope) {
+inline const core::Topic& TopicFor(core::Context& context, const lbm_topic_t* topic, Scope scope) {
   const core::Topic& known = Required(topic, "topic");
-  if (&known.context != &context) {
+  if (&known.table != &context.Topics()) {
     throw Error(LBM_EINVAL, "the topic " + known.name + " belongs to another context");
   }
   if (known.options->GetScope() != scope) {

@@ -1,10 +1,10 @@
-#include "core/event_queue.h"
-
 #include <memory>
 
 #include "api/arguments.h"
 #include "api/attributes.h"
 #include "api/errors.h"
+#include "api/handles.h"
+#include "options/option_keys.h"
 
 using engine::api::Guarded;
 using engine::api::Required;

@@ -1,6 +1,3 @@
-#include <memory>
-#include <span>
-
 #include "api/errors.h"
 #include "api/send.h"
 #include "core/message_pool.h"
@@ -37,8 +34,7 @@ int lbm_msg_send_explicit_ack(lbm_msg_t* msg) {
 
 int lbm_send_response(lbm_response_t* response, const char* data, size_t len, int flags) {
   return Guarded(__func__, [&] {
-    const iovec piece = engine::api::PieceOf(data, len);
-    const std::span payload(static_cast<const std::byte*>(piece.iov_base), piece.iov_len);
+    const iovec payload = engine::api::PieceOf(data, len);
     return engine::api::ResultOf("lbm_send_response", Required(response, "response").Send(payload, flags));
   });
 }

@@ -1,5 +1,5 @@
-// The option calls of the C interface, the same for attributes (OptionSet) and for live objects (LiveOptions). To be
-// run inside guarded().
+// The option calls of the C interface, the same for attributes (OptionSet) and for live objects (LiveOptions,
+// FixedOptions). To be run inside guarded().
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 namespace engine::api {
 
 template <class Options>
-int SetOption(Options& options, const char* optname, const void* optval, std::size_t optlen) {
+int SetOption(Options&& options, const char* optname, const void* optval, std::size_t optlen) {
   RequireNotNull(optname, "optname");
   RequireNotNull(optval, "optval");
   options.SetBinary(optname, optval, optlen);
@@ -25,7 +25,7 @@ int GetOption(const Options& options, const char* optname, void* optval, std::si
 }
 
 template <class Options>
-int SetTextOption(Options& options, const char* optname, const char* optval) {
+int SetTextOption(Options&& options, const char* optname, const char* optval) {
   RequireNotNull(optname, "optname");
   RequireNotNull(optval, "optval");
   options.SetText(optname, optval);

@@ -7,17 +7,15 @@
 #include "api/option_calls.h"
 #include "api/send.h"
 
-using engine::LiveOptions;
+using engine::FixedOptions;
 using engine::api::Guarded;
 using engine::api::Required;
-using engine::core::Request;
-using engine::core::Source;
 using engine::transport::OutboundMessage;
 
 namespace {
 
 // A source has the options of its topic and its own place on the transport; none can be changed once it lives.
-LiveOptions OptionsOf(const lbm_src_t* src) { return LiveOptions(Required(src, "src").source->Options()); }
+FixedOptions OptionsOf(const lbm_src_t* src) { return FixedOptions(Required(src, "src").source->Options()); }
 
 int Send(const char* function, lbm_src_t* src, std::span<const iovec> pieces, int flags,
          const lbm_src_send_ex_info_t* info) {
@@ -64,10 +62,10 @@ int lbm_src_create(lbm_src_t** src, lbm_context_t* ctx, lbm_topic_t* topic, lbm_
     Required(src, "src");
     const auto& context = Required(ctx, "ctx").context;
     auto handle = std::make_unique<lbm_src_t>();
-    handle->source = std::make_shared<Source>(
-        context, engine::api::TopicFor(*context, topic, engine::Scope::kSource),
-        Source::Callback{.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::QueueOf(evq));
-    handle->source->Start();
+    handle->context = context;
+    context->CreateSource(engine::api::TopicFor(*context, topic, engine::Scope::kSource),
+                          {.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::QueueOf(evq),
+                          handle->source);
     *src = handle.release();
     return 0;
   });
@@ -76,16 +74,13 @@ int lbm_src_create(lbm_src_t** src, lbm_context_t* ctx, lbm_topic_t* topic, lbm_
 int lbm_src_delete(lbm_src_t* src) {
   return Guarded(__func__, [&] {
     const std::unique_ptr<lbm_src_t> handle(&Required(src, "src"));
-    handle->source->Stop();
+    handle->context->DeleteSource(*handle->source);
     return 0;
   });
 }
 
 int lbm_src_setopt(lbm_src_t* src, const char* optname, const void* optval, size_t optlen) {
-  return Guarded(__func__, [&] {
-    LiveOptions options = OptionsOf(src);
-    return engine::api::SetOption(options, optname, optval, optlen);
-  });
+  return Guarded(__func__, [&] { return engine::api::SetOption(OptionsOf(src), optname, optval, optlen); });
 }
 
 int lbm_src_getopt(lbm_src_t* src, const char* optname, void* optval, size_t* optlen) {
@@ -93,10 +88,7 @@ int lbm_src_getopt(lbm_src_t* src, const char* optname, void* optval, size_t* op
 }
 
 int lbm_src_str_setopt(lbm_src_t* src, const char* optname, const char* optval) {
-  return Guarded(__func__, [&] {
-    LiveOptions options = OptionsOf(src);
-    return engine::api::SetTextOption(options, optname, optval);
-  });
+  return Guarded(__func__, [&] { return engine::api::SetTextOption(OptionsOf(src), optname, optval); });
 }
 
 int lbm_src_str_getopt(lbm_src_t* src, const char* optname, char* optval, size_t* optlen) {
@@ -125,26 +117,15 @@ int lbm_send_request(lbm_request_t** req, lbm_src_t* src, const char* data, size
   return Guarded(kFunction, [&] {
     Required(req, "req");
     engine::api::RequireNotNull(proc, "proc");
-    Source& source = *Required(src, "src").source;
-    const iovec piece = engine::api::PieceOf(data, len);
+    const lbm_src_t& sender = Required(src, "src");
+    const iovec payload = engine::api::PieceOf(data, len);
     auto handle = std::make_unique<lbm_request_t>();
-    handle->request = std::make_shared<Request>(
-        source.GetContext(), source.GetTopic().name,
-        Request::Callback{.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::QueueOf(evq));
-    struct Withdraw {
-      lbm_request_t& request;
-      bool sent = false;
-      ~Withdraw() {
-        if (!sent) {
-          request.request->Stop();
-        }
-      }
-    } withdraw{*handle};
-    handle->request->Start();
+    handle->context = sender.context;
     const int result = engine::api::ResultOf(
-        kFunction, source.Send({.pieces = {&piece, 1}, .requestId = handle->request->Id(), .channel = {}}, flags));
+        kFunction, sender.context->SendRequest(*sender.source, payload, flags,
+                                               {.proc = proc, .handle = handle.get(), .clientd = clientd},
+                                               engine::api::QueueOf(evq), handle->request));
     if (result == 0) {
-      withdraw.sent = true;
       *req = handle.release();
     }
     return result;
@@ -154,7 +135,7 @@ int lbm_send_request(lbm_request_t** req, lbm_src_t* src, const char* data, size
 int lbm_request_delete(lbm_request_t* req) {
   return Guarded(__func__, [&] {
     const std::unique_ptr<lbm_request_t> handle(&Required(req, "req"));
-    handle->request->Stop();
+    handle->context->DeleteRequest(*handle->request);
     return 0;
   });
 }

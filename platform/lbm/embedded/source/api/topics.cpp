@@ -8,7 +8,7 @@ using engine::api::Required;
 int lbm_rcv_topic_lookup(lbm_topic_t** topic, lbm_context_t* ctx, const char* name, const lbm_rcv_topic_attr_t* attr) {
   return Guarded(__func__, [&] {
     engine::api::RequireNotNull(name, "name");
-    Required(topic, "topic") = &Required(ctx, "ctx").context->GetTopic(name, engine::api::CreationOptions(attr));
+    Required(topic, "topic") = &Required(ctx, "ctx").context->Topics().Find(name, engine::api::CreationOptions(attr));
     return 0;
   });
 }
@@ -16,7 +16,7 @@ int lbm_rcv_topic_lookup(lbm_topic_t** topic, lbm_context_t* ctx, const char* na
 int lbm_src_topic_alloc(lbm_topic_t** topic, lbm_context_t* ctx, const char* name, const lbm_src_topic_attr_t* attr) {
   return Guarded(__func__, [&] {
     engine::api::RequireNotNull(name, "name");
-    Required(topic, "topic") = &Required(ctx, "ctx").context->GetTopic(name, engine::api::CreationOptions(attr));
+    Required(topic, "topic") = &Required(ctx, "ctx").context->Topics().Find(name, engine::api::CreationOptions(attr));
     return 0;
   });
 }

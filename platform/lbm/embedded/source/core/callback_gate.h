@@ -31,10 +31,26 @@ class Callee {
   std::atomic<bool> m_closed{false};
 };
 
+// While it lives, the calling thread is in a callback whose waits end when its callee is closed: whoever closes it
+// waits for the callback, which must not keep it for the sake of a peer that is stopped.
+class InterruptibleCallback {
+ public:
+  explicit InterruptibleCallback(const Callee& callee) noexcept;
+  ~InterruptibleCallback();
+  InterruptibleCallback(const InterruptibleCallback&) = delete;
+  InterruptibleCallback& operator=(const InterruptibleCallback&) = delete;
+
+  // Whether the calling thread is in such a callback and its callee is closed.
+  static bool Interrupted() noexcept;
+
+ private:
+  const Callee* const m_outer;  // a callback may dispatch an event queue, and so run another callback
+};
+
 // Runs the callbacks of one dispatching place (a context or an event queue), one at a time, and lets a deleting thread
 // wait for a callback that is running.
 //
-// call() announces the callee before it looks whether it is closed, and a deleter closes the callee before it looks
+// Call announces the callee before it looks whether it is closed, and a deleter closes the callee before it looks
 // whether it is announced. All four accesses are sequentially consistent, so at least one of the two sees the other:
 // either the callback does not begin or the deleter waits for its end.
 class CallbackGate {
@@ -60,7 +76,7 @@ class CallbackGate {
     }
     m_running.store(nullptr);
     if (m_waiters.load() != 0) {
-      Wake();
+      WakeWaiters();
     }
   }
 
@@ -85,7 +101,7 @@ class CallbackGate {
   bool Dispatching() const noexcept { return m_thread.load() == std::this_thread::get_id(); }
 
  private:
-  void Wake() noexcept {
+  void WakeWaiters() noexcept {
     const std::lock_guard lock(m_mutex);
     m_idle.notify_all();
   }

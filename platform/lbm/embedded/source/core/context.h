@@ -1,35 +1,32 @@
-// The root object: what the application makes its sources and receivers from, and the seam to the transport.
+// The root object: owns everything of a context and makes the application's sources, receivers and requests.
 #pragma once
 
 #include <lbm/lbm.h>
+#include <sys/uio.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <span>
-#include <string>
-#include <string_view>
 #include <thread>
-#include <unordered_map>
-#include <vector>
 
+#include "core/arrival_clock.h"
 #include "core/directory.h"
 #include "core/dispatcher.h"
+#include "core/membership.h"
+#include "core/receiver.h"
 #include "core/request.h"
 #include "core/source.h"
-#include "core/topic.h"
+#include "core/tasks.h"
+#include "core/topics.h"
 #include "options/live_options.h"
 #include "transport/transport.h"
 
 namespace engine::core {
 
-// Threads: any, unless said otherwise. Sources, receivers, requests and responses share its ownership, so that it
-// outlives them; remove() is what ends its activity.
-class Context : public std::enable_shared_from_this<Context>, private transport::Listener, private Dispatcher::Work {
+// Shared with the handles of what it made, so that they may be deleted in any order; Remove is what ends its activity.
+// A queue argument is the event queue that runs the callbacks; null for the context's dispatching thread.
+//
+// Threads: any.
+class Context : public std::enable_shared_from_this<Context> {
  public:
   // handle is what callbacks get. In embedded mode the context's thread runs when it returns.
   static std::shared_ptr<Context> Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
@@ -37,97 +34,61 @@ class Context : public std::enable_shared_from_this<Context>, private transport:
 
   // See lbm_context_delete. handle: kept until no callback can be using it.
   void Remove(std::shared_ptr<const void> handle);
-  bool Deleted() const noexcept { return m_dispatcher.Ended(); }
 
   // See lbm_context_process_events. Throws Error when the mode is not sequential.
   void ProcessEvents(lbm_ulong_t msec);
   void Unblock() { m_dispatcher.Unblock(); }
 
-  // A repeated look-up of a name with equal options (of scope source or receiver) gives the same topic.
-  lbm_topic_t& GetTopic(std::string_view name, const OptionSet& options);
+  LiveOptions& Options() noexcept { return m_options; }
+  TopicTable& Topics() noexcept { return m_topics; }
 
-  // Sets publication before anybody is told of its subscribers. source: whom to tell; null for nobody.
-  void Advertise(const transport::PublicationInfo& info, const std::shared_ptr<Source>& source,
-                 std::shared_ptr<transport::Publication>& publication);
-  void Withdraw(transport::Publication& publication);
+  // The receiver hears the topic's sources until DeleteReceiver; after that none of its callbacks runs, except the one
+  // that it is called from. The same holds for the other pairs below. What is created is in the last argument before
+  // its first callback. Those that create throw Error when the context is deleted.
+  void CreateReceiver(const Topic& topic, const Receiver::Callback& callback, const std::shared_ptr<EventQueue>& queue,
+                      std::shared_ptr<Receiver>& receiver);
+  void DeleteReceiver(const std::shared_ptr<Receiver>& receiver);
+
+  void CreateSource(const Topic& topic, const Source::Callback& callback, const std::shared_ptr<EventQueue>& queue,
+                    std::shared_ptr<Source>& source);
+  void DeleteSource(Source& source);
+
+  // Sends a request, of whose responses the callback is told. Unless the result is kSent, there is no request.
+  transport::SendResult SendRequest(Source& source, const iovec& payload, int flags, const Request::Callback& callback,
+                                    const std::shared_ptr<EventQueue>& queue, std::shared_ptr<Request>& request);
+  void DeleteRequest(Request& request) { m_requests.Close(request); }
 
   void RegisterDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,
                           const std::shared_ptr<EventQueue>& queue);
   void CancelDescriptor(int fd, lbm_ulong_t events) { m_dispatcher.GetDescriptors().Cancel(fd, events); }
-  // queue: where the notice is given; null for the dispatching thread.
+  // queue: where the notice is given.
   void CancelDescriptorWithNotice(int fd, lbm_ulong_t events, lbm_event_queue_cancel_cb_proc proc, void* clientd,
                                   const std::shared_ptr<EventQueue>& queue);
-
-  // Runs the task on the dispatching thread; never, when the context is deleted.
-  void Post(Dispatcher::Task task) { m_dispatcher.Post(std::move(task)); }
-  // Threads: the dispatching one only.
-  void RunAfter(std::chrono::milliseconds delay, Dispatcher::Task task);
-
-  LiveOptions& Options() noexcept { return m_options; }
-  transport::Transport& Transport() noexcept { return *m_transport; }
-  CallbackGate& Gate() noexcept { return m_dispatcher.Gate(); }
-  RequestTable& Requests() noexcept { return m_requests; }
-  // Threads: the dispatching one only.
-  Directory& GetDirectory() noexcept { return m_directory; }
-
-  // Unique among the context's sources.
-  std::uint32_t NextSourceId() noexcept { return ++m_lastSourceId; }
-  // Unique in the domain.
-  std::string SessionName(std::uint32_t sourceId) const;
-
-  // When what is being delivered now was taken in. Threads: the dispatching one only.
-  timespec ArrivalTime();
 
  private:
   Context(OptionSet options, std::unique_ptr<transport::Transport> transport, lbm_context_t* handle);
 
   void RunThread();
   void Finish();
-  void RunAt(const std::shared_ptr<EventQueue>& queue, Dispatcher::Task task);
-  void NotifySource(transport::Publication& publication, int event, const std::string& text);
-
-  // Dispatcher::Work
-  int GetDescriptor() const noexcept override { return m_transport->GetDescriptor(); }
-  std::size_t DrainMemory() override;
-  std::size_t Drain() override;
-  bool Arm() override { return m_transport->Arm(); }
-  void Disarm() noexcept override { m_transport->Disarm(); }
-  std::chrono::microseconds SpinTime() const override;
-
-  // transport::Listener
-  void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;
-  void OnSourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
-  void OnMessage(transport::RemoteSource& source, transport::InboundMessage& message) override;
-  void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
-  void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
-  void OnSubscriberJoined(transport::Publication& publication, const std::string& contextName) override;
-  void OnSubscriberLeft(transport::Publication& publication, const std::string& contextName) override;
-  void OnWritable(transport::Publication& publication) override;
+  void RunAt(const std::shared_ptr<EventQueue>& queue, Task task);
 
   lbm_context_t* const m_handle;
   LiveOptions m_options;
   const bool m_sequential;
-  const lbm_src_notify_func_t m_resolverNotification;
-  const std::string m_sessionPrefix;
-  std::atomic<std::uint32_t> m_lastSourceId{0};
-  Dispatcher m_dispatcher;
-  const std::unique_ptr<transport::Transport> m_transport;
+  const std::shared_ptr<Membership> m_membership;
+  TopicTable m_topics;
+  SourceTable m_sources;
   RequestTable m_requests;
-  std::thread m_thread;  // embedded mode only
 
   // The dispatching thread's own:
+  Timers m_timers;
+  ArrivalClock m_arrivalClock;
   Directory m_directory;
-  std::optional<timespec> m_arrivalTime;
 
-  std::mutex m_mutex;
-  // Guarded by m_mutex:
-  std::unordered_multimap<std::string_view, std::unique_ptr<lbm_topic_t>> m_topics;    // by their names
-  std::vector<std::shared_ptr<const OptionSet>> m_topicOptions;                        // all different
-  std::unordered_map<const transport::Publication*, std::weak_ptr<Source>> m_sources;  // those with a callback
+  Dispatcher m_dispatcher;
+
+  std::mutex m_threadMutex;  // locked until m_thread is set
+  std::thread m_thread;      // embedded mode only
 };
 
 }  // namespace engine::core
-
-struct lbm_context_t_stct {
-  std::shared_ptr<engine::core::Context> context;
-};

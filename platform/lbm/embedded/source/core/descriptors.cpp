@@ -1,13 +1,11 @@
 #include "core/descriptors.h"
 
-#include <sys/epoll.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <string>
 #include <utility>
 
+#include "core/target.h"
 #include "system/error.h"
 #include "zq/posix/error.h"
 
@@ -46,7 +44,7 @@ void CheckEvents(lbm_ulong_t events) {
 class Descriptors::Registration : public Target {
  public:
   Registration(Descriptors& owner, int fd, lbm_ulong_t event, const DescriptorCallback& callback)
-      : Target(owner.m_gate, callback.queue), m_owner(owner), m_fd(fd), m_event(event), m_callback(callback) {}
+      : Target(owner.m_membership, callback.queue), m_owner(owner), m_fd(fd), m_event(event), m_callback(callback) {}
 
   void Run(Event&) override {
     m_callback.proc(m_callback.context, m_fd, m_event, m_callback.clientd);
@@ -69,28 +67,28 @@ class Descriptors::Registration : public Target {
 };
 
 bool Descriptors::Watch(int fd, Watched& watched) noexcept {
-  epoll_event wanted{};
-  wanted.data.fd = fd;
+  std::uint32_t interest = 0;
   for (const auto& registration : watched.registrations) {
     if (registration->armed) {
-      wanted.events |= EpollEventsOf(registration->GetEvent());
+      interest |= EpollEventsOf(registration->GetEvent());
     }
   }
-  if (wanted.events == 0) {
+  if (interest == 0) {
     Ignore(fd, watched);
     return true;
   }
-  if (::epoll_ctl(m_epoll, watched.inEpoll ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &wanted) == -1) {
+  const auto token = static_cast<Poller::Token>(fd);
+  if (!(watched.inPoller ? m_poller.Change(fd, token, interest) : m_poller.TryAdd(fd, token, interest))) {
     return false;
   }
-  watched.inEpoll = true;
+  watched.inPoller = true;
   return true;
 }
 
-// An empty mask would not do: epoll reports errors and hang-ups whatever the mask.
+// An empty mask would not do: errors and hang-ups are reported whatever the mask.
 void Descriptors::Ignore(int fd, Watched& watched) noexcept {
-  if (std::exchange(watched.inEpoll, false)) {
-    static_cast<void>(::epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr));
+  if (std::exchange(watched.inPoller, false)) {
+    m_poller.Remove(fd);
   }
 }
 

@@ -11,8 +11,9 @@
 #include <mutex>
 #include <vector>
 
-#include "core/callback_gate.h"
 #include "core/event_queue.h"
+#include "core/membership.h"
+#include "system/poller.h"
 
 namespace engine::core {
 
@@ -22,19 +23,20 @@ struct DescriptorCallback {
   lbm_fd_cb_proc proc = nullptr;
   void* clientd = nullptr;
   std::shared_ptr<EventQueue> queue;  // null: on the context's dispatching thread
-  std::shared_ptr<void> keepAlive;    // what has to outlive the callbacks
+  std::shared_ptr<void> keepAlive;    // has to outlive the callbacks: the owner of this table
 };
 
 // Threads: any, unless said otherwise.
 class Descriptors {
  public:
-  // epoll is where the descriptors are watched, gate where callbacks without an event queue run.
-  Descriptors(int epoll, CallbackGate& gate) noexcept : m_epoll(epoll), m_gate(gate) {}
+  // The descriptors are watched in the poller, with themselves as tokens.
+  Descriptors(Poller& poller, std::shared_ptr<Membership> membership) noexcept
+      : m_poller(poller), m_membership(std::move(membership)) {}
 
   // events: a mask of LBM_FD_EVENT_... Throws Error when the descriptor is registered for one of them already.
   void Add(int fd, lbm_ulong_t events, const DescriptorCallback& callback);
 
-  // Ends the registrations for the events. No callback of them runs after it has returned, but the one that it is
+  // Ends the registrations for the events. No callback of them runs after it has returned, except the one that it is
   // called from. Throws Error when there is none.
   void Cancel(int fd, lbm_ulong_t events);
 
@@ -42,7 +44,8 @@ class Descriptors {
   // null for the context's own thread.
   std::vector<std::shared_ptr<EventQueue>> CancelWithoutWaiting(int fd, lbm_ulong_t events);
 
-  // Makes the callbacks for what epoll said of the descriptor, and returns how many. Threads: the dispatching one only.
+  // Makes the callbacks for what the poller said of the descriptor, and returns how many. Threads: the dispatching one
+  // only.
   std::size_t Ready(int fd, std::uint32_t epollEvents);
 
   bool Empty() const noexcept { return m_count.load(std::memory_order_relaxed) == 0; }
@@ -56,18 +59,18 @@ class Descriptors {
 
   struct Watched {
     Registrations registrations;  // one an event
-    bool inEpoll = false;
+    bool inPoller = false;
   };
 
   void Rearm(Registration& registration);
-  // Lets epoll report what the armed registrations want. False, with errno, when it cannot: the descriptor is none that
-  // can be watched, or the application closed it.
+  // Lets the poller report what the armed registrations want. False, with errno, when it cannot: the descriptor is none
+  // that can be watched, or the application closed it.
   bool Watch(int fd, Watched& watched) noexcept;
   void Ignore(int fd, Watched& watched) noexcept;
   Registrations Take(int fd, lbm_ulong_t events);
 
-  const int m_epoll;
-  CallbackGate& m_gate;
+  Poller& m_poller;
+  const std::shared_ptr<Membership> m_membership;
   std::atomic<std::size_t> m_count{0};
 
   std::mutex m_mutex;

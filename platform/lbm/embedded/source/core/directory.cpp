@@ -3,12 +3,9 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/context.h"
 #include "options/option_keys.h"
 
 namespace engine::core {
-
-Directory::TopicEntry& Directory::EntryOf(const std::string& topic) { return m_topics[topic]; }
 
 void Directory::ForgetIfEmpty(const std::string& topic) {
   const auto found = m_topics.find(topic);
@@ -23,7 +20,7 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
     return;
   }
   const Topic& topic = receiver->GetTopic();
-  TopicEntry& entry = EntryOf(topic.name);
+  TopicEntry& entry = m_topics[topic.name];
   entry.receivers.push_back(receiver);
   const bool notifies = topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr;
   if (notifies && std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
@@ -33,7 +30,7 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
     }
   }
   for (const auto& stream : entry.streams) {
-    AddLeg(*stream, receiver);
+    Subscribe(*stream, receiver);
   }
   if (entry.streams.empty()) {
     WatchForSources(receiver);
@@ -45,28 +42,27 @@ void Directory::RemoveReceiver(const Receiver& receiver) {
   if (found == m_topics.end()) {
     return;
   }
+  const auto isOfReceiver = [&](const Subscription& subscription) { return subscription.receiver.get() == &receiver; };
   TopicEntry& entry = found->second;
   std::erase_if(entry.receivers, [&](const auto& one) { return one.get() == &receiver; });
   for (const auto& stream : entry.streams) {
-    const std::size_t erased =
-        std::erase_if(stream->legs, [&](const Leg& leg) { return leg.receiver.get() == &receiver; });
-    if (erased != 0 && stream->legs.empty()) {
-      m_context.Transport().Unsubscribe(*stream->source);
+    if (std::erase_if(stream->subscriptions, isOfReceiver) != 0 && stream->subscriptions.empty()) {
+      GetTransport().Unsubscribe(*stream->source);
     }
   }
   ForgetIfEmpty(receiver.GetTopic().name);
 }
 
-void Directory::AddLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver) {
-  Leg leg{.receiver = receiver};
+void Directory::Subscribe(Stream& stream, const std::shared_ptr<Receiver>& receiver) {
+  Subscription subscription{.receiver = receiver};
   for (const Notified& notified : stream.notified) {
     if (notified.topic == &receiver->GetTopic()) {
-      leg.sourceClientd = notified.sourceClientd;
+      subscription.sourceClientd = notified.sourceClientd;
     }
   }
-  stream.legs.push_back(std::move(leg));
-  if (stream.legs.size() == 1) {
-    m_context.Transport().Subscribe(*stream.source);
+  stream.subscriptions.push_back(std::move(subscription));
+  if (stream.subscriptions.size() == 1) {
+    GetTransport().Subscribe(*stream.source);
   }
 }
 
@@ -75,13 +71,13 @@ void Directory::WatchForSources(const std::shared_ptr<Receiver>& receiver) {
   if (delay.count() == 0) {
     return;
   }
-  m_context.RunAfter(delay, [this, weak = std::weak_ptr(receiver)] {
+  m_parts.timers.RunAfter(delay, [this, weak = std::weak_ptr(receiver)] {
     const auto waiting = weak.lock();
     if (waiting == nullptr || waiting->Closed()) {
       return;
     }
     const std::string& topic = waiting->GetTopic().name;
-    if (EntryOf(topic).streams.empty()) {
+    if (m_topics[topic].streams.empty()) {
       const auto nobody = std::make_shared<transport::RemoteSource>(topic, "");
       waiting->Deliver(Blank(LBM_MSG_NO_SOURCE_NOTIFICATION, nobody, 0));
     }
@@ -89,7 +85,16 @@ void Directory::WatchForSources(const std::shared_ptr<Receiver>& receiver) {
 }
 
 void Directory::OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) {
-  TopicEntry& entry = EntryOf(source->GetTopic());
+  if (m_parts.membership->Ended()) {
+    return;
+  }
+  if (m_parts.resolverNotification.notifyfunc != nullptr) {
+    CallApplication([&] {
+      m_parts.resolverNotification.notifyfunc(source->Topic().c_str(), source->Session().c_str(),
+                                              m_parts.resolverNotification.clientd);
+    });
+  }
+  TopicEntry& entry = m_topics[source->Topic()];
   Stream& stream = *entry.streams.emplace_back(std::make_unique<Stream>());
   stream.source = source;
   stream.entry = &entry;
@@ -98,38 +103,37 @@ void Directory::OnSourceUp(const std::shared_ptr<transport::RemoteSource>& sourc
     NotifyCreate(stream, *topic);
   }
   for (const auto& receiver : entry.receivers) {
-    AddLeg(stream, receiver);
+    Subscribe(stream, receiver);
   }
 }
 
-void Directory::OnSourceDown(transport::RemoteSource& source) {
-  Stream* stream = StreamOf(source);
+void Directory::OnSourceDown(const std::shared_ptr<transport::RemoteSource>& source) {
+  Stream* const stream = StreamOf(*source);
   if (stream == nullptr) {
     return;
   }
-  for (Leg& leg : stream->legs) {
-    if (leg.begun) {
-      DeliverEvent(*stream, leg, LBM_MSG_EOS, 0);
+  for (Subscription& subscription : stream->subscriptions) {
+    if (subscription.begun) {
+      DeliverEvent(*stream, subscription, LBM_MSG_EOS, 0);
     }
   }
   NotifyDelete(*stream);
-  source.listenerData = nullptr;
-  const std::string topic = source.GetTopic();
+  source->listenerData = nullptr;
   std::erase_if(stream->entry->streams, [&](const auto& one) { return one.get() == stream; });
-  ForgetIfEmpty(topic);
+  ForgetIfEmpty(source->Topic());
 }
 
 void Directory::NotifyCreate(Stream& stream, const Topic& topic) {
-  if (m_context.Deleted()) {
+  if (m_parts.membership->Ended()) {
     return;
   }
   const lbm_rcv_src_notification_func_t function = topic.options->Get(option::kReceiverSourceNotification);
   void* clientd = nullptr;
   CallApplication([&] { clientd = function.create_func(stream.source->Session().c_str(), function.clientd); });
   stream.notified.push_back({&topic, clientd});
-  for (Leg& leg : stream.legs) {
-    if (&leg.receiver->GetTopic() == &topic) {
-      leg.sourceClientd = clientd;
+  for (Subscription& subscription : stream.subscriptions) {
+    if (&subscription.receiver->GetTopic() == &topic) {
+      subscription.sourceClientd = clientd;
     }
   }
 }
@@ -144,55 +148,63 @@ void Directory::NotifyDelete(Stream& stream) {
   }
 }
 
+// A message of the type and origin, with nothing else in it.
 MessageRef Directory::Blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence) {
   MessageRef message = m_pool->Acquire();
   message->type = type;
   message->sequence_number = sequence;
-  message->timestamp = m_context.ArrivalTime();
+  message->timestamp = m_parts.arrivalClock.Now();
   message->SetSource(origin);
   return message;
 }
 
-void Directory::DeliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count) {
+MessageRef Directory::MakeMessage(const Stream& stream, const transport::InboundMessage& inbound, void* sourceClientd) {
+  const bool request = inbound.replyPath != nullptr;
+  MessageRef message = Blank(request ? LBM_MSG_REQUEST : LBM_MSG_DATA, stream.source, inbound.sequence);
+  message->SetPayload(inbound.payload);
+  message->source_clientd = sourceClientd;
+  if (inbound.channel) {
+    message->SetChannel(*inbound.channel);
+  }
+  if (request) {
+    message->SetResponse(Response(m_parts.membership, inbound.replyPath));
+  }
+  return message;
+}
+
+void Directory::DeliverEvent(Stream& stream, Subscription& subscription, int type, std::uint32_t sequence,
+                             std::uint32_t count) {
   MessageRef message = Blank(type, stream.source, sequence);
   message->len = count;
-  message->source_clientd = leg.sourceClientd;
-  leg.receiver->Deliver(message);
+  message->source_clientd = subscription.sourceClientd;
+  subscription.receiver->Deliver(message);
   m_pool->Recycle(std::move(message));
 }
 
-void Directory::Deliver(Stream& stream, Leg& leg, MessageRef& message) {
-  if (!leg.begun) {
-    leg.begun = true;
-    DeliverEvent(stream, leg, LBM_MSG_BOS, message->sequence_number);
+void Directory::BeginSession(Stream& stream, Subscription& subscription, std::uint32_t sequence) {
+  if (!subscription.begun) {
+    subscription.begun = true;
+    DeliverEvent(stream, subscription, LBM_MSG_BOS, sequence);
   }
-  leg.receiver->Deliver(message);
 }
 
 void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound) {
-  Stream* stream = StreamOf(source);
+  Stream* const stream = StreamOf(source);
   if (stream == nullptr) {
     return;
   }
   MessageRef message;
-  for (Leg& leg : stream->legs) {
+  for (Subscription& subscription : stream->subscriptions) {
     // One message serves all receivers unless they have to see something of their own in it: the client data of their
     // source notification, or a response that each of them may take over.
-    if (!message || inbound.replyPath != nullptr || message->source_clientd != leg.sourceClientd) {
+    if (!message || inbound.replyPath != nullptr || message->source_clientd != subscription.sourceClientd) {
       if (message) {
         m_pool->Recycle(std::move(message));
       }
-      message = Blank(inbound.replyPath != nullptr ? LBM_MSG_REQUEST : LBM_MSG_DATA, stream->source, inbound.sequence);
-      message->SetPayload(inbound.payload);
-      message->source_clientd = leg.sourceClientd;
-      if (inbound.channel) {
-        message->SetChannel(*inbound.channel);
-      }
-      if (inbound.replyPath != nullptr) {
-        message->SetResponse(Response(m_context.shared_from_this(), inbound.replyPath));
-      }
+      message = MakeMessage(*stream, inbound, subscription.sourceClientd);
     }
-    Deliver(*stream, leg, message);
+    BeginSession(*stream, subscription, inbound.sequence);
+    subscription.receiver->Deliver(message);
   }
   if (message) {
     m_pool->Recycle(std::move(message));
@@ -200,22 +212,46 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
 }
 
 void Directory::OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) {
-  Stream* stream = StreamOf(source);
+  Stream* const stream = StreamOf(source);
   if (stream == nullptr) {
     return;
   }
-  for (Leg& leg : stream->legs) {
-    if (!leg.begun) {
-      leg.begun = true;
-      DeliverEvent(*stream, leg, LBM_MSG_BOS, first);
-    }
-    if (count > leg.receiver->LossBurstThreshold()) {
-      DeliverEvent(*stream, leg, LBM_MSG_UNRECOVERABLE_LOSS_BURST, first, count);
+  for (Subscription& subscription : stream->subscriptions) {
+    BeginSession(*stream, subscription, first);
+    if (count > subscription.receiver->LossBurstThreshold()) {
+      DeliverEvent(*stream, subscription, LBM_MSG_UNRECOVERABLE_LOSS_BURST, first, count);
     } else {
       for (std::uint32_t lost = 0; lost < count; ++lost) {
-        DeliverEvent(*stream, leg, LBM_MSG_UNRECOVERABLE_LOSS, first + lost);
+        DeliverEvent(*stream, subscription, LBM_MSG_UNRECOVERABLE_LOSS, first + lost);
       }
     }
+  }
+}
+
+void Directory::OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) {
+  const auto request = m_parts.requests.Find(requestId);
+  if (request == nullptr) {
+    return;
+  }
+  MessageRef message = Blank(LBM_MSG_RESPONSE, request->Origin(responder), 0);
+  message->SetPayload(payload);
+  request->Dispatch({.message = message});
+  m_pool->Recycle(std::move(message));
+}
+
+void Directory::OnSubscriberJoined(transport::Publication& publication, const std::string& contextName) {
+  NotifySource(publication, LBM_SRC_EVENT_CONNECT, contextName);
+}
+
+void Directory::OnSubscriberLeft(transport::Publication& publication, const std::string& contextName) {
+  NotifySource(publication, LBM_SRC_EVENT_DISCONNECT, contextName);
+}
+
+void Directory::OnWritable(transport::Publication& publication) { NotifySource(publication, LBM_SRC_EVENT_WAKEUP, {}); }
+
+void Directory::NotifySource(const transport::Publication& publication, int event, const std::string& text) {
+  if (const auto source = m_parts.sources.Find(publication)) {
+    source->Dispatch({.code = event, .text = text});
   }
 }
 

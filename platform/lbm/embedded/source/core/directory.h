@@ -1,4 +1,5 @@
-// Who gets what: the receivers of a context by topic, and the domain's sources that they hear.
+// What a context does with what its transport finds: which receivers hear which of the domain's sources, and who is
+// told of responses and of the context's own sources' subscribers.
 #pragma once
 
 #include <lbm/lbm.h>
@@ -7,46 +8,56 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "core/arrival_clock.h"
+#include "core/membership.h"
 #include "core/message_pool.h"
 #include "core/receiver.h"
+#include "core/request.h"
+#include "core/source.h"
+#include "core/tasks.h"
 #include "transport/transport.h"
 
 namespace engine::core {
 
-class Context;
-
 // Threads: the context's dispatching one only, so it needs no lock; other threads post tasks to it.
-class Directory {
+class Directory : public transport::Listener {
  public:
-  explicit Directory(Context& context) : m_context(context), m_pool(MessagePool::Create()) {}
+  // What it works with; everything but the membership must outlive it.
+  struct Parts {
+    std::shared_ptr<Membership> membership;
+    SourceTable& sources;
+    RequestTable& requests;
+    Timers& timers;
+    ArrivalClock& arrivalClock;
+    lbm_src_notify_func_t resolverNotification;  // told of every source of the domain
+  };
+
+  explicit Directory(const Parts& parts) : m_parts(parts), m_pool(MessagePool::Create()) {}
 
   void AddReceiver(const std::shared_ptr<Receiver>& receiver);
   void RemoveReceiver(const Receiver& receiver);
-
-  // See transport::Listener.
-  void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source);
-  void OnSourceDown(transport::RemoteSource& source);
-  void OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound);
-  void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count);
-
-  // A blank message of the type and origin.
-  MessageRef Blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence);
-
-  MessagePool& Pool() noexcept { return *m_pool; }
 
   // Closes all receivers and returns when no callback of them runs; the source notifications that are due by then are
   // given.
   void Clear();
 
+  void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;
+  void OnSourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
+  void OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound) override;
+  void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
+  void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
+  void OnSubscriberJoined(transport::Publication& publication, const std::string& contextName) override;
+  void OnSubscriberLeft(transport::Publication& publication, const std::string& contextName) override;
+  void OnWritable(transport::Publication& publication) override;
+
  private:
   struct TopicEntry;
 
-  // One receiver's share of a source.
-  struct Leg {
+  // What one receiver gets from a source.
+  struct Subscription {
     std::shared_ptr<Receiver> receiver;
     void* sourceClientd = nullptr;
     bool begun = false;  // its beginning of session was delivered
@@ -62,7 +73,7 @@ class Directory {
   struct Stream {
     std::shared_ptr<transport::RemoteSource> source;
     TopicEntry* entry = nullptr;
-    std::vector<Leg> legs;
+    std::vector<Subscription> subscriptions;
     std::vector<Notified> notified;
   };
 
@@ -74,16 +85,20 @@ class Directory {
 
   static Stream* StreamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }
 
-  TopicEntry& EntryOf(const std::string& topic);
+  transport::Transport& GetTransport() const noexcept { return m_parts.membership->GetTransport(); }
   void ForgetIfEmpty(const std::string& topic);
-  void AddLeg(Stream& stream, const std::shared_ptr<Receiver>& receiver);
+  void Subscribe(Stream& stream, const std::shared_ptr<Receiver>& receiver);
   void NotifyCreate(Stream& stream, const Topic& topic);
   void NotifyDelete(Stream& stream);
   void WatchForSources(const std::shared_ptr<Receiver>& receiver);
-  void Deliver(Stream& stream, Leg& leg, MessageRef& message);
-  void DeliverEvent(Stream& stream, Leg& leg, int type, std::uint32_t sequence, std::uint32_t count = 0);
+  MessageRef Blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence);
+  MessageRef MakeMessage(const Stream& stream, const transport::InboundMessage& inbound, void* sourceClientd);
+  void BeginSession(Stream& stream, Subscription& subscription, std::uint32_t sequence);
+  void DeliverEvent(Stream& stream, Subscription& subscription, int type, std::uint32_t sequence,
+                    std::uint32_t count = 0);
+  void NotifySource(const transport::Publication& publication, int event, const std::string& text);
 
-  Context& m_context;
+  const Parts m_parts;
   MessagePool::Owner m_pool;
   std::unordered_map<std::string, TopicEntry> m_topics;
 };

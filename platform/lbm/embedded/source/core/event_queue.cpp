@@ -1,5 +1,6 @@
 #include "core/event_queue.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -7,13 +8,13 @@
 
 namespace engine::core {
 
-void EventQueue::Post(std::shared_ptr<Target> target, Event event) {
+void EventQueue::Post(std::shared_ptr<EventHandler> handler, Event event) {
   {
     const std::lock_guard lock(m_mutex);
     if (m_shutDown) {
       return;
     }
-    m_posted.push_back({std::move(target), std::move(event)});
+    m_posted.push_back({std::move(handler), std::move(event)});
   }
   m_changed.notify_one();
 }
@@ -30,7 +31,7 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
     throw Error(LBM_EOP, "another thread is dispatching this event queue");
   }
   const CallbackGate::Scope scope(m_gate);
-  // What callbacks and other threads post meanwhile is not waited for, nor is it polled without end.
+  // A poll runs what is there now: what callbacks and other threads post meanwhile is for the next one.
   const std::size_t polled = m_taken.size() - m_done + m_posted.size();
   const auto wakeUp = [this] { return m_unblocked || m_shutDown || !m_posted.empty(); };
   while (!m_unblocked && !m_shutDown) {
@@ -51,9 +52,7 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
       m_taken.swap(m_posted);
     }
     lock.unlock();
-    Entry entry = std::move(m_taken[m_done++]);
-    m_gate.Call(*entry.target, [&entry] { entry.target->Run(entry.event); });
-    entry = {};
+    RunNext();
     ++dispatched;
     const bool late = !forEver && msec != LBM_EVENT_QUEUE_POLL && Clock::now() >= deadline;
     lock.lock();
@@ -64,6 +63,12 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
   m_unblocked = false;
   m_dispatching = false;
   return dispatched;
+}
+
+void EventQueue::RunNext() {
+  Entry entry = std::move(m_taken[m_done++]);
+  const InterruptibleCallback interruptible(*entry.handler);
+  m_gate.Call(*entry.handler, [&entry] { entry.handler->Run(entry.event); });
 }
 
 void EventQueue::Unblock() {

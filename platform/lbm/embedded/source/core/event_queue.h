@@ -7,22 +7,37 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "core/callback_gate.h"
-#include "core/target.h"
+#include "core/message_pool.h"
 
 namespace engine::core {
+
+// One callback to be made. Which members mean something is the handler's affair.
+struct Event {
+  MessageRef message;
+  int code = 0;
+  std::string text;
+};
+
+// Something that turns events into the application's callbacks.
+class EventHandler : public Callee {
+ public:
+  // Makes the callback. Called through a CallbackGate.
+  virtual void Run(Event& event) = 0;
+};
 
 class EventQueue {
  public:
   explicit EventQueue(bool cancellationCallbacks) noexcept : m_cancellationCallbacks(cancellationCallbacks) {}
 
-  // Appends an event; dropped after shutdown(). Threads: any.
-  void Post(std::shared_ptr<Target> target, Event event);
+  // Appends an event; dropped after Shutdown. Threads: any.
+  void Post(std::shared_ptr<EventHandler> handler, Event event);
 
   // Runs events until msec milliseconds have passed (LBM_EVENT_QUEUE_BLOCK: for ever; 0: those that are there now), or
-  // unblock(). Returns how many ran. Throws Error when another thread is dispatching.
+  // Unblock. Returns how many ran. Throws Error when another thread is dispatching.
   int Dispatch(lbm_ulong_t msec);
 
   // Ends the dispatch in progress after its present event; when there is none, the next one at once. Threads: any.
@@ -36,9 +51,11 @@ class EventQueue {
 
  private:
   struct Entry {
-    std::shared_ptr<Target> target;
+    std::shared_ptr<EventHandler> handler;
     Event event;
   };
+
+  void RunNext();
 
   const bool m_cancellationCallbacks;
   CallbackGate m_gate;
@@ -57,7 +74,3 @@ class EventQueue {
 };
 
 }  // namespace engine::core
-
-struct lbm_event_queue_t_stct {
-  std::shared_ptr<engine::core::EventQueue> queue;
-};

@@ -41,7 +41,7 @@ void Message::SetSource(const std::shared_ptr<transport::RemoteSource>& value) n
     m_source = value;
   }
   source = value->Session().c_str();
-  topic_name = value->GetTopic().c_str();
+  topic_name = value->Topic().c_str();
 }
 
 void Message::Clear() noexcept {

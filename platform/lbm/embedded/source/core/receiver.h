@@ -5,58 +5,43 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "core/target.h"
-#include "core/topic.h"
+#include "core/topics.h"
+#include "options/option_keys.h"
 
 namespace engine::core {
 
 class Receiver : public Target {
  public:
-  // What lbm_rcv_create was told.
-  struct Callback {
-    lbm_rcv_cb_proc proc = nullptr;
-    lbm_rcv_t* handle = nullptr;
-    void* clientd = nullptr;
-  };
+  using Callback = ApplicationCallback<lbm_rcv_cb_proc, lbm_rcv_t>;
 
-  // queue: null for the context's dispatching thread.
-  Receiver(std::shared_ptr<Context> context, const Topic& topic, const Callback& callback,
-           std::shared_ptr<EventQueue> queue);
+  Receiver(std::shared_ptr<Membership> membership, const Topic& topic, const Callback& callback,
+           std::shared_ptr<EventQueue> queue)
+      : Target(std::move(membership), std::move(queue)),
+        m_topic(topic),
+        m_callback(callback),
+        m_lossBurstThreshold(topic.options->Get(option::kLossBurstThreshold)) {}
 
-  // Begins to receive. Threads: any.
-  void Start();
-
-  // After this no callback runs, but the one that it is called from. Threads: any.
-  void Stop();
-
-  // As dispatch(), for messages: costs no reference count when the callback is made here.
+  // As Dispatch, for messages: costs no reference count when the callback is made here.
   void Deliver(const MessageRef& message) {
     if (Queue() != nullptr) {
       Dispatch({.message = message});
     } else {
-      ContextGate().Call(*this, [&] { Call(*message); });
+      ContextGate().Call(*this, [&] { m_callback(message.Get()); });
     }
   }
 
-  void Run(Event& event) override { Call(*event.message); }
+  void Run(Event& event) override { m_callback(event.message.Get()); }
 
   const Topic& GetTopic() const noexcept { return m_topic; }
   std::uint32_t LossBurstThreshold() const noexcept { return m_lossBurstThreshold; }
 
  private:
-  void Call(Message& message) { m_callback.proc(m_callback.handle, &message, m_callback.clientd); }
-
-  std::shared_ptr<Receiver> Self();
-
-  const std::shared_ptr<Context> m_context;
   const Topic& m_topic;
   const Callback m_callback;
   const std::uint32_t m_lossBurstThreshold;
 };
 
 }  // namespace engine::core
-
-struct lbm_rcv_t_stct {
-  std::shared_ptr<engine::core::Receiver> receiver;
-};

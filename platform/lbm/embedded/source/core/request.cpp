@@ -1,25 +1,6 @@
 #include "core/request.h"
 
-#include <utility>
-
-#include "core/context.h"
-
 namespace engine::core {
-
-Request::Request(std::shared_ptr<Context> context, const std::string& topic, const Callback& callback,
-                 std::shared_ptr<EventQueue> queue)
-    : Target(context->Gate(), std::move(queue)),
-      m_context(std::move(context)),
-      m_callback(callback),
-      m_id(m_context->Requests().NextId()),
-      m_topic(topic) {}
-
-void Request::Start() { m_context->Requests().Add(std::static_pointer_cast<Request>(shared_from_this())); }
-
-void Request::Stop() {
-  m_context->Requests().Remove(m_id);
-  CloseAndWait();
-}
 
 const std::shared_ptr<transport::RemoteSource>& Request::Origin(const std::string& responder) {
   if (m_origin == nullptr || m_origin->Session() != responder) {
@@ -28,19 +9,20 @@ const std::shared_ptr<transport::RemoteSource>& Request::Origin(const std::strin
   return m_origin;
 }
 
-std::uint64_t RequestTable::NextId() {
+std::shared_ptr<Request> RequestTable::Open(std::shared_ptr<Membership> membership, const std::string& topic,
+                                            const Request::Callback& callback, std::shared_ptr<EventQueue> queue) {
   const std::lock_guard lock(m_mutex);
-  return ++m_lastId;
-}
-
-void RequestTable::Add(const std::shared_ptr<Request>& request) {
-  const std::lock_guard lock(m_mutex);
+  auto request = std::make_shared<Request>(std::move(membership), ++m_lastId, topic, callback, std::move(queue));
   m_requests.emplace(request->Id(), request);
+  return request;
 }
 
-void RequestTable::Remove(std::uint64_t id) {
-  const std::lock_guard lock(m_mutex);
-  m_requests.erase(id);
+void RequestTable::Close(Request& request) {
+  {
+    const std::lock_guard lock(m_mutex);
+    m_requests.erase(request.Id());
+  }
+  request.CloseAndWait();
 }
 
 std::shared_ptr<Request> RequestTable::Find(std::uint64_t id) {

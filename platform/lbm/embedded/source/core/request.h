@@ -8,37 +8,25 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "core/target.h"
 #include "transport/transport.h"
 
 namespace engine::core {
 
-class Context;
-
 class Request : public Target {
  public:
-  // What lbm_send_request was told.
-  struct Callback {
-    lbm_request_cb_proc proc = nullptr;
-    lbm_request_t* handle = nullptr;
-    void* clientd = nullptr;
-  };
+  using Callback = ApplicationCallback<lbm_request_cb_proc, lbm_request_t>;
 
-  // queue: null for the context's dispatching thread.
-  Request(std::shared_ptr<Context> context, const std::string& topic, const Callback& callback,
-          std::shared_ptr<EventQueue> queue);
-
-  // Expects responses from now on. Threads: any.
-  void Start();
-
-  // After this no callback runs, but the one that it is called from. Threads: any.
-  void Stop();
+  // id: unique among the context's requests, never 0. topic: on which it is sent.
+  Request(std::shared_ptr<Membership> membership, std::uint64_t id, std::string topic, const Callback& callback,
+          std::shared_ptr<EventQueue> queue)
+      : Target(std::move(membership), std::move(queue)), m_id(id), m_topic(std::move(topic)), m_callback(callback) {}
 
   // The event's message is a response.
-  void Run(Event& event) override { m_callback.proc(m_callback.handle, event.message.Get(), m_callback.clientd); }
+  void Run(Event& event) override { m_callback(event.message.Get()); }
 
-  // Unique among the context's requests, never 0.
   std::uint64_t Id() const noexcept { return m_id; }
 
   // Where a response is said to come from: the request's topic, and the responder as its source. Threads: the context's
@@ -46,20 +34,25 @@ class Request : public Target {
   const std::shared_ptr<transport::RemoteSource>& Origin(const std::string& responder);
 
  private:
-  const std::shared_ptr<Context> m_context;
-  const Callback m_callback;
   const std::uint64_t m_id;
   const std::string m_topic;
+  const Callback m_callback;
   std::shared_ptr<transport::RemoteSource> m_origin;  // of the last response
 };
 
 // The open requests of a context. Threads: any.
 class RequestTable {
  public:
-  std::uint64_t NextId();
-  void Add(const std::shared_ptr<Request>& request);
-  void Remove(std::uint64_t id);
+  // Makes a request that takes responses from now on.
+  std::shared_ptr<Request> Open(std::shared_ptr<Membership> membership, const std::string& topic,
+                                const Request::Callback& callback, std::shared_ptr<EventQueue> queue);
+
+  // After this no callback of it runs, except the one that this is called from.
+  void Close(Request& request);
+
+  // Null when it is no longer open.
   std::shared_ptr<Request> Find(std::uint64_t id);
+
   // Closes them all, and returns when no callback of them runs.
   void Clear();
 
@@ -71,7 +64,3 @@ class RequestTable {
 };
 
 }  // namespace engine::core
-
-struct lbm_request_t_stct {
-  std::shared_ptr<engine::core::Request> request;
-};

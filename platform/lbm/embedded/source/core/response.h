@@ -2,27 +2,28 @@
 #pragma once
 
 #include <lbm/lbm.h>
+#include <sys/uio.h>
 
-#include <cstddef>
 #include <memory>
 #include <span>
+#include <utility>
 
+#include "core/membership.h"
 #include "transport/transport.h"
 
 namespace engine::core {
 
-class Context;
-
 class Response {
  public:
-  Response(std::shared_ptr<Context> context, std::shared_ptr<transport::ReplyPath> path) noexcept
-      : m_context(std::move(context)), m_path(std::move(path)) {}
+  Response(std::shared_ptr<Membership> membership, std::shared_ptr<transport::ReplyPath> path) noexcept
+      : m_membership(std::move(membership)), m_path(std::move(path)) {}
 
-  // Sends one answer; flags as for lbm_send_response. Threads: any. Throws Error when the requester is gone.
-  transport::SendResult Send(std::span<const std::byte> payload, int flags) const;
+  // Sends one answer. flags: as for lbm_send_response; see Membership::Respond. Threads: any. Throws Error when the
+  // requester is gone or the context is deleted.
+  transport::SendResult Send(const iovec& payload, int flags) const;
 
  private:
-  std::shared_ptr<Context> m_context;
+  std::shared_ptr<Membership> m_membership;
   std::shared_ptr<transport::ReplyPath> m_path;
 };
 

@@ -2,9 +2,7 @@
 
 #include <utility>
 
-#include "core/context.h"
 #include "options/option_keys.h"
-#include "system/error.h"
 
 namespace engine::core {
 
@@ -17,53 +15,60 @@ transport::Pacing PacingOf(const Topic& topic) {
 
 }  // namespace
 
-Source::Source(std::shared_ptr<Context> context, const Topic& topic, const Callback& callback,
+Source::Source(std::shared_ptr<Membership> membership, const Topic& topic, const Callback& callback,
                std::shared_ptr<EventQueue> queue)
-    : Target(context->Gate(), std::move(queue)),
-      m_context(std::move(context)),
+    : Target(std::move(membership), std::move(queue)),
       m_topic(topic),
       m_callback(callback),
-      m_id(m_context->NextSourceId()),
-      m_session(m_context->SessionName(m_id)),
       m_pacing(PacingOf(topic)) {}
 
-void Source::Start() {
-  m_context->Advertise({.topic = m_topic.name, .session = m_session, .pacing = m_pacing},
-                       m_callback.proc != nullptr ? std::static_pointer_cast<Source>(shared_from_this()) : nullptr,
-                       m_publication);
-}
-
-void Source::Stop() {
-  m_context->Withdraw(*m_publication);
-  CloseAndWait();
-}
-
-transport::SendResult Source::Send(const transport::OutboundMessage& message, int flags) {
-  const auto refuse = [this] {
-    throw Error(LBM_EOP, "the context of the source on topic " + m_topic.name + " is deleted");
-  };
-  if (m_context->Deleted()) {
-    refuse();
-  }
-  const bool block =
-      m_pacing == transport::Pacing::kReceiver && (flags & LBM_SRC_NONBLOCK) == 0 && !ContextGate().Dispatching();
-  const transport::SendResult result = m_context->Transport().Publish(*m_publication, message, block);
-  if (result == transport::SendResult::kClosed) {
-    refuse();
-  }
-  return result;
-}
-
 void Source::Run(Event& event) {
-  void* data = event.code == LBM_SRC_EVENT_WAKEUP ? nullptr : event.text.data();
-  m_callback.proc(m_callback.handle, event.code, data, m_callback.clientd);
+  void* const data = event.code == LBM_SRC_EVENT_WAKEUP ? nullptr : event.text.data();
+  m_callback(event.code, data);
 }
 
 OptionSet Source::Options() const {
   OptionSet options = *m_topic.options;
-  options.Provide(option::kTransportId, m_id);
-  options.Provide(option::kTransportSource, m_session);
+  options.Provide(option::kTransportId, m_publication->Id());
+  options.Provide(option::kTransportSource, m_publication->Session());
   return options;
+}
+
+void SourceTable::Add(const std::shared_ptr<Source>& source) {
+  // Locked throughout, so that the first subscriber's event finds the source, and the source its publication.
+  const std::lock_guard lock(m_mutex);
+  source->m_publication = m_transport.Advertise({source->m_topic.name, source->m_pacing});
+  if (source->m_callback) {
+    m_sources.emplace(source->m_publication.get(), source);
+  }
+}
+
+void SourceTable::Remove(Source& source) {
+  m_transport.Withdraw(*source.m_publication);
+  {
+    const std::lock_guard lock(m_mutex);
+    m_sources.erase(source.m_publication.get());
+  }
+  source.CloseAndWait();
+}
+
+std::shared_ptr<Source> SourceTable::Find(const transport::Publication& publication) {
+  const std::lock_guard lock(m_mutex);
+  const auto found = m_sources.find(&publication);
+  return found != m_sources.end() ? found->second.lock() : nullptr;
+}
+
+void SourceTable::Clear() {
+  decltype(m_sources) sources;
+  {
+    const std::lock_guard lock(m_mutex);
+    sources.swap(m_sources);
+  }
+  for (const auto& [publication, weak] : sources) {
+    if (const auto source = weak.lock()) {
+      source->CloseAndWait();
+    }
+  }
 }
 
 }  // namespace engine::core

@@ -3,62 +3,68 @@
 
 #include <lbm/lbm.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <memory>
-#include <optional>
-#include <span>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "core/target.h"
-#include "core/topic.h"
+#include "core/topics.h"
 #include "transport/transport.h"
 
 namespace engine::core {
 
 class Source : public Target {
  public:
-  // What lbm_src_create was told.
-  struct Callback {
-    lbm_src_cb_proc proc = nullptr;  // null: no events
-    lbm_src_t* handle = nullptr;
-    void* clientd = nullptr;
-  };
+  using Callback = ApplicationCallback<lbm_src_cb_proc, lbm_src_t>;  // none: no events
 
-  // queue: null for the context's dispatching thread.
-  Source(std::shared_ptr<Context> context, const Topic& topic, const Callback& callback,
+  Source(std::shared_ptr<Membership> membership, const Topic& topic, const Callback& callback,
          std::shared_ptr<EventQueue> queue);
 
-  // Announces the source. Threads: any.
-  void Start();
-
-  // Withdraws it; after this no callback runs, but the one that it is called from. Threads: any.
-  void Stop();
-
-  // flags: LBM_SRC_FLUSH, LBM_SRC_NONBLOCK. On the context's dispatching thread, which is the one that makes room, a
-  // send never waits. Threads: any. Throws Error when the context is deleted.
-  transport::SendResult Send(const transport::OutboundMessage& message, int flags);
+  // flags: LBM_SRC_FLUSH, LBM_SRC_NONBLOCK; see Membership::Publish. Threads: any. Throws Error when the context is
+  // deleted.
+  transport::SendResult Send(const transport::OutboundMessage& message, int flags) {
+    const bool wait = m_pacing == transport::Pacing::kReceiver && (flags & LBM_SRC_NONBLOCK) == 0;
+    return GetMembership().Publish(*m_publication, message, wait);
+  }
 
   // The event's code is one of LBM_SRC_EVENT_..., its text the event data, if any.
   void Run(Event& event) override;
 
-  // The options of the topic with the values that only a live source has.
+  // The options of the topic, with the values that only a live source has.
   OptionSet Options() const;
-  const std::shared_ptr<Context>& GetContext() const noexcept { return m_context; }
   const Topic& GetTopic() const noexcept { return m_topic; }
 
  private:
-  const std::shared_ptr<Context> m_context;
+  friend class SourceTable;
+
   const Topic& m_topic;
   const Callback m_callback;
-  const std::uint32_t m_id;
-  const std::string m_session;
   const transport::Pacing m_pacing;
-  std::shared_ptr<transport::Publication> m_publication;  // set by start()
+  std::shared_ptr<transport::Publication> m_publication;  // set once, by the table
+};
+
+// The sources of a context. Threads: any.
+class SourceTable {
+ public:
+  explicit SourceTable(transport::Transport& transport) noexcept : m_transport(transport) {}
+
+  // Advertises the source; its first event may come before this returns.
+  void Add(const std::shared_ptr<Source>& source);
+
+  // Withdraws it; after this no callback of it runs, except the one that this is called from.
+  void Remove(Source& source);
+
+  // The source to be told of what happens to the publication; null when there is none.
+  std::shared_ptr<Source> Find(const transport::Publication& publication);
+
+  // Closes all that have events, and returns when no callback of them runs.
+  void Clear();
+
+ private:
+  transport::Transport& m_transport;
+  std::mutex m_mutex;
+  std::unordered_map<const transport::Publication*, std::weak_ptr<Source>> m_sources;  // with events; under m_mutex
 };
 
 }  // namespace engine::core
-
-struct lbm_src_t_stct {
-  std::shared_ptr<engine::core::Source> source;
-};

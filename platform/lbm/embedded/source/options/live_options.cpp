@@ -6,12 +6,15 @@
 namespace engine {
 namespace {
 
-// Unknown and read-only options are left to the set, which says more about them.
+[[noreturn]] void RefuseChange(const OptionDefinition& option) {
+  throw Error(LBM_EOP, Describe(option) + " can only be set before the object is created");
+}
+
+[[noreturn]] void RefuseEveryChange(Scope scope, std::string_view name) { RefuseChange(FindSettable(scope, name)); }
+
 void CheckChangeable(Scope scope, std::string_view name) {
-  const auto rows = OptionsOf(scope);
-  const auto place = PlaceOf(scope, name);
-  if (place != rows.size() && rows[place].change == Change::kAtCreation) {
-    throw Error(LBM_EOP, Describe(rows[place]) + " can only be set before the object is created");
+  if (const OptionDefinition& option = FindSettable(scope, name); option.change == Change::kAtCreation) {
+    RefuseChange(option);
   }
 }
 
@@ -42,6 +45,14 @@ void LiveOptions::GetBinary(std::string_view name, void* buffer, std::size_t& si
 std::vector<std::pair<std::string_view, std::string>> LiveOptions::Texts() const {
   const std::lock_guard lock(m_mutex);
   return m_options.Texts();
+}
+
+void FixedOptions::SetText(std::string_view name, std::string_view /*value*/) const {
+  RefuseEveryChange(m_options.GetScope(), name);
+}
+
+void FixedOptions::SetBinary(std::string_view name, const void* /*value*/, std::size_t /*size*/) const {
+  RefuseEveryChange(m_options.GetScope(), name);
 }
 
 }  // namespace engine

@@ -57,8 +57,7 @@ class OptionKey {
   }
 
   constexpr Scope GetScope() const noexcept { return m_scope; }
-  constexpr std::size_t Place() const noexcept { return m_place; }  // in optionsOf(scope())
-  constexpr const OptionDefinition& Definition() const noexcept { return OptionsOf(m_scope)[m_place]; }
+  constexpr std::size_t Place() const noexcept { return m_place; }  // in OptionsOf(GetScope())
 
  private:
   Scope m_scope;

@@ -21,14 +21,6 @@ const OptionDefinition& Find(Scope scope, std::string_view name) {
   return rows[place];
 }
 
-const OptionDefinition& FindSettable(Scope scope, std::string_view name) {
-  const auto& option = Find(scope, name);
-  if (option.change == Change::kNever) {
-    throw Error(LBM_EINVAL, Describe(option) + " is read-only");
-  }
-  return option;
-}
-
 [[noreturn]] void ThrowNotAcceptable(const OptionDefinition& option, std::string_view value) {
   throw Error(LBM_EINVAL,
               Describe(option) + ": " + Quoted(value) + " is not acceptable; allowed: " + AllowedValues(option));
@@ -202,6 +194,14 @@ struct SameValue {
 };
 
 }  // namespace
+
+const OptionDefinition& FindSettable(Scope scope, std::string_view name) {
+  const auto& option = Find(scope, name);
+  if (option.change == Change::kNever) {
+    throw Error(LBM_EINVAL, Describe(option) + " is read-only");
+  }
+  return option;
+}
 
 OptionSet::OptionSet(Scope scope) : OptionSet(ProcessDefaults::Instance().Options(scope)) {}
 

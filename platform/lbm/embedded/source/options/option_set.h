@@ -22,6 +22,9 @@ struct Word {
 using OptionValue = std::variant<std::monostate, std::string, Word, bool, std::uint32_t, std::chrono::milliseconds,
                                  std::size_t, lbm_src_notify_func_t, lbm_rcv_src_notification_func_t>;
 
+// The row of an option that may be set. Throws Error when the scope has no such option, or a read-only one.
+const OptionDefinition& FindSettable(Scope scope, std::string_view name);
+
 // Threads: one at a time, or any number that only read. Failures are Errors whose text names scope, option, the value
 // and what is allowed; they change nothing.
 class OptionSet {
@@ -48,7 +51,7 @@ class OptionSet {
   // All options that have a value and a text form, in the order of their names.
   std::vector<std::pair<std::string_view, std::string>> Texts() const;
 
-  // Typed reading: a reference for texts, else a copy. For options that only live objects have: after provide() only.
+  // Typed reading: a reference for texts, else a copy. For options that only live objects have: after Provide only.
   template <class T>
   decltype(auto) Get(const OptionKey<T>& key) const {
     const OptionValue& value = ValueOf(key.GetScope(), key.Place());
@@ -79,7 +82,7 @@ class OptionSet {
   std::size_t Place(const OptionDefinition& option) const noexcept;
 
   Scope m_scope;
-  std::vector<OptionValue> m_values;  // in the order of optionsOf(m_scope)
+  std::vector<OptionValue> m_values;  // in the order of OptionsOf(m_scope)
 };
 
 }  // namespace engine

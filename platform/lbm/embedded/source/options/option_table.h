@@ -232,7 +232,7 @@ constexpr std::span<const OptionDefinition> OptionsOf(Scope scope) {
           std::partition_point(kOptionTable.begin(), kOptionTable.end(), isUpTo)};
 }
 
-// The option's place in optionsOf(scope); their number when there is no such option.
+// The option's place in OptionsOf(scope); their number when there is no such option.
 constexpr std::size_t PlaceOf(Scope scope, std::string_view name) {
   const auto rows = OptionsOf(scope);
   return static_cast<std::size_t>(

@@ -8,42 +8,42 @@ namespace engine {
 
 namespace {
 
-// Locked so many times in a row, the mutex is the thread's own. Ending that costs little beside so many messages.
-constexpr unsigned kOwnerAfter = 1024;
+// So many that the cost of one revocation is small beside what the owner saved.
+constexpr unsigned kOwnerAfterLocks = 1024;
 
 // Threads that can ever own one mutex.
 constexpr std::size_t kOwnersMax = 16;
 
-// Asleep, not only yielding, so that an owner of lower priority gets on.
-constexpr std::chrono::microseconds kWhileOwnerIsInside{20};
+// Between looks whether the owner is still inside. Sleeping, not yielding, lets an owner of lower priority get on.
+constexpr std::chrono::microseconds kOwnerInsidePoll{20};
 
 }  // namespace
 
-void BiasedMutex::LockAsAnybody() {
+void BiasedMutex::LockOrdinarily() {
   m_mutex.lock();
   if (Owner* const owner = m_owner.exchange(nullptr)) {
-    ProcessBarrier();
+    HeavyProcessFence();
     while (owner->inside.load(std::memory_order_acquire)) {
-      std::this_thread::sleep_for(kWhileOwnerIsInside);
+      std::this_thread::sleep_for(kOwnerInsidePoll);
     }
   }
-  m_insideAsOwner = nullptr;
+  m_lockedAsOwner = nullptr;
   const std::thread::id self = std::this_thread::get_id();
-  if (m_last != self) {
-    m_last = self;
-    m_times = 0;
+  if (m_lastThread != self) {
+    m_lastThread = self;
+    m_locksInARow = 0;
   }
 }
 
-void BiasedMutex::UnlockAsAnybody() noexcept {
-  if (++m_times >= kOwnerAfter && m_canBeOwned) {
-    m_times = 0;
-    m_owner.store(OwnerFor(m_last), std::memory_order_release);
+void BiasedMutex::UnlockOrdinarily() noexcept {
+  if (++m_locksInARow >= kOwnerAfterLocks && m_biasable) {
+    m_locksInARow = 0;
+    m_owner.store(OwnerFor(m_lastThread), std::memory_order_release);
   }
   m_mutex.unlock();
 }
 
-// Null when there is none to be had.
+// Null when there are too many owners already, or no memory for another.
 BiasedMutex::Owner* BiasedMutex::OwnerFor(std::thread::id thread) noexcept {
   const auto known =
       std::find_if(m_owners.begin(), m_owners.end(), [&](const auto& owner) { return owner->thread == thread; });

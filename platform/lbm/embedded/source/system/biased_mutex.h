@@ -1,3 +1,4 @@
+// A mutex biased towards one thread.
 #pragma once
 
 #include <atomic>
@@ -6,36 +7,37 @@
 #include <thread>
 #include <vector>
 
-#include "system/barrier.h"
+#include "system/asymmetric_fence.h"
 
 namespace engine {
 
-// A mutex for what one thread locks nearly all the time. A thread that has locked it often, and nobody else meanwhile,
-// owns it: from then on it pays no locked instruction, which would also make it wait until all that it has written has
-// reached the cache. A thread that comes along pays some microseconds to end that; then it is a mutex like any other,
-// until somebody owns it again.
+// A mutex that nearly always the same thread locks. A thread that has locked it many times in a row becomes its owner;
+// the owner locks and unlocks without a locked instruction, which would also make it wait until its earlier stores have
+// left the store buffer. Another thread's lock revokes the ownership, at the cost of a heavy fence; from then on it is
+// an ordinary mutex until some thread earns the ownership again.
 //
-// The owner says that it is inside before it looks whether it still is the owner. Whoever ends the ownership says so,
-// puts a barrier into the owner's thread, and then looks whether the owner is inside: at least one of the two sees what
-// the other said.
+// Ownership and revocation are Dekker's pattern with an asymmetric fence: the owner stores that it is inside and then
+// loads whether it still owns the mutex; the revoking thread stores that there is no owner, issues the heavy fence, and
+// then loads whether the owner is inside. At least one of the two sees the other's store.
 class BiasedMutex {
  public:
   void lock() {
     if (!LockAsOwner()) {
-      LockAsAnybody();
+      LockOrdinarily();
     }
   }
 
   void unlock() noexcept {
-    if (m_insideAsOwner != nullptr) {
-      m_insideAsOwner->inside.store(false, std::memory_order_release);
+    if (m_lockedAsOwner != nullptr) {
+      m_lockedAsOwner->inside.store(false, std::memory_order_release);
     } else {
-      UnlockAsAnybody();
+      UnlockOrdinarily();
     }
   }
 
  private:
-  // One for each thread that ever was the owner: a late word of a past owner is not taken for the present one's.
+  // One for each thread that has ever owned the mutex, so that a late store of a former owner is not taken for one of
+  // the present owner.
   struct Owner {
     explicit Owner(std::thread::id id) : thread(id) {}
 
@@ -48,30 +50,30 @@ class BiasedMutex {
     if (owner == nullptr || owner->thread != std::this_thread::get_id()) {
       return false;
     }
-    // Acquired, because the id may have been that of another thread, which has ended.
+    // Acquires what a former thread of the same id has released: ids are used again.
     static_cast<void>(owner->inside.load(std::memory_order_acquire));
     owner->inside.store(true, std::memory_order_relaxed);
-    KeepOrder();
+    LightFence();
     if (m_owner.load(std::memory_order_relaxed) != owner) {
       owner->inside.store(false, std::memory_order_release);
       return false;
     }
-    m_insideAsOwner = owner;
+    m_lockedAsOwner = owner;
     return true;
   }
 
-  void LockAsAnybody();
-  void UnlockAsAnybody() noexcept;
+  void LockOrdinarily();
+  void UnlockOrdinarily() noexcept;
   Owner* OwnerFor(std::thread::id thread) noexcept;
 
-  const bool m_canBeOwned = ProcessBarrierWorks();  // asked here, since the first question is a system call
+  const bool m_biasable = ProcessFenceAvailable();  // asked here, because the first question is a system call
   std::atomic<Owner*> m_owner{nullptr};
-  Owner* m_insideAsOwner = nullptr;  // for whoever has locked it
+  Owner* m_lockedAsOwner = nullptr;  // for the thread that holds the lock
 
   std::mutex m_mutex;
   // Guarded by m_mutex:
-  std::thread::id m_last;
-  unsigned m_times = 0;  // that m_last locked it in a row
+  std::thread::id m_lastThread;
+  unsigned m_locksInARow = 0;  // by m_lastThread
   std::vector<std::unique_ptr<Owner>> m_owners;
 };
 

@@ -1,16 +1,16 @@
 // What the engine's core asks of a way to carry messages between contexts.
 //
-// A Transport belongs to one context. It finds the domain's other contexts, tells them of this context's sources
-// (publications), tells this context of theirs (remote sources), carries messages to whoever subscribed, and answers to
-// whoever asked. The context itself is one of the domain's contexts: it finds its own sources like those of others.
+// A Transport belongs to one context. It finds the domain's other contexts, advertises this context's sources to them
+// (publications), finds theirs (remote sources), carries messages to whoever subscribed, and responses to whoever
+// asked. The context itself is one of the domain's contexts: it finds its own sources as it finds those of others.
 //
-// Threads: drain(), drainMemory(), arm() and disarm() are called by one thread at a time; the Listener is called only
-// from inside the two drains, with no lock of the transport held, and may call every operation of the transport but
-// those four. All other operations may be called on any thread at any time. Where it says drain() below, both are
-// meant.
+// Threads: Drain, DrainMemory, Park and Unpark are called by one thread at a time; the Listener is called only from
+// inside the two drains, with no lock of the transport held, and may call every operation of the transport but those
+// four. All other operations may be called on any thread at any time. Where it says Drain below, both drains are meant.
 //
-// Errors: a fault of the operating system is thrown as std::system_error, anything else as std::runtime_error, both
-// with a text that says what to do. A fault of a peer ends the link to that peer and is nobody else's.
+// Errors: an argument that cannot be served is thrown as std::invalid_argument, a refusal of the operating system as
+// std::system_error, anything else as std::runtime_error, all with a text that says what to do. A fault of a peer ends
+// the link to that peer and is nobody else's.
 #pragma once
 
 #include <sys/uio.h>
@@ -22,26 +22,38 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 namespace engine::transport {
 
-// Who gives way when a subscriber cannot keep up: the source (the message is dropped for that subscriber, who is told
-// of the loss) or nobody (the publisher has to wait).
+// What happens when a subscriber cannot keep up. kSource: the message is dropped for that subscriber, who is told of
+// the loss. kReceiver: back-pressure; the publisher has to wait.
 enum class Pacing : std::uint8_t { kSource, kReceiver };
 
 struct PublicationInfo {
   std::string topic;
-  std::string session;  // names this source of this run to receivers; unique in the domain
   Pacing pacing = Pacing::kSource;
 };
 
-// A source of this context, made by Transport::advertise.
+// A source of this context, made by Transport::Advertise.
 class Publication {
  public:
+  Publication(std::uint32_t id, std::string session) : m_id(id), m_session(std::move(session)) {}
   virtual ~Publication() = default;
+  Publication(const Publication&) = delete;
+  Publication& operator=(const Publication&) = delete;
+
+  // Unique among the context's publications; never 0.
+  std::uint32_t Id() const noexcept { return m_id; }
+  // What RemoteSource::Session is to subscribers.
+  const std::string& Session() const noexcept { return m_session; }
+
+ private:
+  const std::uint32_t m_id;
+  const std::string m_session;
 };
 
-// A source of the domain as its subscribers see it. Shared: messages that are still held keep it for its strings.
+// A source of the domain as its subscribers see it. Shared: retained messages keep it for its strings.
 class RemoteSource {
  public:
   RemoteSource(std::string topic, std::string session) : m_topic(std::move(topic)), m_session(std::move(session)) {}
@@ -49,15 +61,16 @@ class RemoteSource {
   RemoteSource(const RemoteSource&) = delete;
   RemoteSource& operator=(const RemoteSource&) = delete;
 
-  const std::string& GetTopic() const noexcept { return m_topic; }
+  const std::string& Topic() const noexcept { return m_topic; }
+  // Names this source in this run; unique in the domain.
   const std::string& Session() const noexcept { return m_session; }
 
-  // For the listener's use; touched only from inside drain().
+  // For the listener's use; touched only from inside Drain.
   void* listenerData = nullptr;
 
  private:
-  std::string m_topic;
-  std::string m_session;
+  const std::string m_topic;
+  const std::string m_session;
 };
 
 // The way back to whoever sent a request.
@@ -73,8 +86,8 @@ struct OutboundMessage {
   std::optional<std::uint32_t> channel;
 };
 
-// One message that arrived, whole. Valid during the call; a faulty publisher may change the payload meanwhile, so it is
-// copied before it is interpreted.
+// One message that arrived, whole. Valid during the call; a faulty publisher may change the payload meanwhile, so copy
+// it before interpreting it.
 struct InboundMessage {
   std::span<const std::byte> payload;
   std::uint32_t sequence = 0;
@@ -82,19 +95,28 @@ struct InboundMessage {
   std::shared_ptr<ReplyPath> replyPath;  // set for requests
 };
 
+// Whether a send may wait for space, and what ends the wait. On the thread that is inside Drain a send never waits: the
+// space may depend on that very call.
+struct SendWait {
+  bool allowed = false;
+  bool (*abandoned)() noexcept = nullptr;  // asked now and then on the waiting thread; true ends the wait. Null: nothing
+
+  bool GoesOn() const noexcept { return allowed && (abandoned == nullptr || !abandoned()); }
+};
+
 enum class SendResult : std::uint8_t {
   kSent,
-  kWouldBlock,
-  kPeerGone,  // the requester is no longer there
-  kClosed     // the transport is, maybe since the call began
+  kWouldBlock,  // no space, and no waiting for it, or the wait was abandoned
+  kPeerGone,    // the requester is no longer there
+  kClosed       // the transport is closed, perhaps since the call began
 };
 
 class Listener {
  public:
   virtual ~Listener() = default;
 
-  // Once for each appearance and disappearance, for every source of the domain, subscribed or not. Messages that a
-  // source had published before it went come before sourceDown. sourceDown does not end the RemoteSource's life.
+  // Once for each appearance and disappearance of every source of the domain, subscribed or not. Messages that a source
+  // had published before it went come before OnSourceDown, which does not end the RemoteSource's life.
   virtual void OnSourceUp(const std::shared_ptr<RemoteSource>& source) = 0;
   virtual void OnSourceDown(const std::shared_ptr<RemoteSource>& source) = 0;
 
@@ -104,15 +126,15 @@ class Listener {
   // also when the lost ones were the last.
   virtual void OnLoss(RemoteSource& source, std::uint32_t first, std::uint32_t count) = 0;
 
-  // responder names the context that sent it; unique in the domain.
+  // responder is the identity of the context that sent it.
   virtual void OnResponse(std::uint64_t requestId, const std::string& responder,
                           std::span<const std::byte> payload) = 0;
 
-  // A context subscribed to the publication, or stopped. One without a name is given as it is when it responds.
+  // A context subscribed to the publication, or ended its subscription. contextName: its identity if it has no name.
   virtual void OnSubscriberJoined(Publication& publication, const std::string& contextName) = 0;
   virtual void OnSubscriberLeft(Publication& publication, const std::string& contextName) = 0;
 
-  // After a publish that gave wouldBlock: there is room again.
+  // After a publish that gave kWouldBlock: there is space again.
   virtual void OnWritable(Publication& publication) = 0;
 };
 
@@ -120,8 +142,11 @@ class Transport {
  public:
   virtual ~Transport() = default;
 
-  // Announces a source. The listener hears nothing of the publication once withdraw() has returned, except on the
-  // thread that is inside drain() at that moment.
+  // Names this context of this run; unique in the domain.
+  virtual const std::string& Identity() const noexcept = 0;
+
+  // Announces a source. Once Withdraw has returned, the listener hears nothing more of the publication, except on a
+  // thread that is inside Drain at that moment.
   virtual std::shared_ptr<Publication> Advertise(const PublicationInfo& info) = 0;
   virtual void Withdraw(Publication& publication) = 0;
 
@@ -129,32 +154,31 @@ class Transport {
   virtual void Subscribe(RemoteSource& source) = 0;
   virtual void Unsubscribe(RemoteSource& source) = 0;
 
-  // Sends to every present subscriber; sent when there is none. The publication's messages are numbered in the order of
-  // the calls, the first one 0. With Pacing::receiver, a subscriber without room makes it give wouldBlock, sending
-  // nothing to anybody, or wait when block is set; with Pacing::source it never waits. Inside drain() block counts for
-  // nothing: the room may depend on that very drain().
-  virtual SendResult Publish(Publication& publication, const OutboundMessage& message, bool block) = 0;
+  // Sends to every present subscriber; kSent when there is none. A publication's messages are numbered in the order of
+  // the calls, from 0. With Pacing::kReceiver, as long as a subscriber has no space nothing is sent to anybody; with
+  // Pacing::kSource it never waits.
+  virtual SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) = 0;
 
-  // Answers a request. Inside drain() block counts for nothing, as for publish().
-  virtual SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, bool block) = 0;
+  // Answers a request.
+  virtual SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) = 0;
 
-  // Takes in what arrived in memory shared with peers, calling the listener, and returns the number of things done; 0
-  // when there was nothing. Bounded, so that a busy peer cannot keep the caller. Never waits, and makes no system call
-  // on its own account but to tell a sender of room that it asked for.
+  // Handles what has arrived in memory shared with peers, calling the listener, and returns the number of things done;
+  // 0 when there was nothing. Bounded, so that a busy peer cannot keep the caller. Never waits, and makes no system
+  // call on its own account except to grant a publisher the credit that it requested.
   virtual std::size_t DrainMemory(Listener& listener) = 0;
 
-  // The same for all that has arrived; makes system calls. What is not in shared memory is sources and contexts that
-  // come and go, subscriptions and responses: a caller that never waits has to look for it now and then.
+  // The same for everything that has arrived; makes system calls. What does not arrive in shared memory is sources and
+  // contexts that come and go, subscriptions and responses: a caller that never waits has to look for it now and then.
   virtual std::size_t Drain(Listener& listener) = 0;
 
-  // Between arm() and disarm() the descriptor becomes readable when drain() has something to do; at other times, only
-  // when drainMemory() would not find it. False, and nothing to be disarmed, when there is something already.
+  // Parks: until Unpark, the descriptor becomes readable when Drain has something to do; otherwise only when
+  // DrainMemory would not find it. False, and not parked, when there is something to do already.
   virtual int GetDescriptor() const noexcept = 0;
-  virtual bool Arm() = 0;
-  virtual void Disarm() noexcept = 0;
+  virtual bool Park() = 0;
+  virtual void Unpark() noexcept = 0;
 
   // Leaves the domain: sources are withdrawn, and what was accepted but not yet handed to the operating system is given
-  // up to linger to go out. Blocked publishers return. No operation but the destructor may follow.
+  // up to linger to go out. Blocked sends return. Only sends, which give kClosed, and the destructor may follow.
   virtual void Close(std::chrono::milliseconds linger) noexcept = 0;
 };
 

@@ -5,10 +5,10 @@
 
 namespace {
 
-using engine_test::MakeContext;
-using engine_test::MakeSource;
+using engine_test::Driven;
+using engine_test::Sender;
 
-class Allocations : public engine_test::PrivateDomain, public testing::WithParamInterface<std::size_t> {};
+class Allocations : public engine_test::EngineTest, public testing::WithParamInterface<std::size_t> {};
 
 // Keeps the last messages, as an application with a history does.
 class Keeper {
@@ -42,13 +42,13 @@ class Keeper {
 TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
   const std::string payload(GetParam(), 'x');
   Keeper keeper;
-  lbm_context_t* publisher = MakeContext();
-  lbm_context_t* subscriber = MakeContext();
-  lbm_src_t* source = MakeSource(publisher, "T");
+  const Driven publisher;
+  const Driven subscriber;
+  const Sender source(publisher, "T");
   lbm_rcv_t* receiver = nullptr;
   ASSERT_EQ(0, lbm_rcv_create(&receiver, subscriber, engine_test::ReceiverTopic(subscriber, "T"), &Keeper::Receive,
                               &keeper, nullptr));
-  engine_test::Settle({publisher, subscriber});
+  source.AwaitSubscriber({publisher, subscriber});
   // In turns: a message larger than the ring's half goes in several.
   const auto exchange = [&](std::size_t messages) {
     for (std::size_t wanted = keeper.count + 1; messages != 0; ++wanted, --messages) {
@@ -68,9 +68,6 @@ TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
     exchange(messages);
   }
   EXPECT_EQ(0, lbm_rcv_delete(receiver));
-  EXPECT_EQ(0, lbm_src_delete(source));
-  EXPECT_EQ(0, lbm_context_delete(publisher));
-  EXPECT_EQ(0, lbm_context_delete(subscriber));
 }
 
 INSTANTIATE_TEST_SUITE_P(Bytes, Allocations, testing::Values(0, 64, 100'000, 300'000, 1'000'000));

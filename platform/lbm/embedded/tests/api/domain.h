@@ -2,14 +2,15 @@
 // callbacks saw.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <lbm/lbm.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,15 +19,7 @@
 
 namespace engine_test {
 
-// A runtime directory for the life of a test.
-class PrivateDomain : public ::testing::Test {
- protected:
-  const std::filesystem::path& GetDirectory() const { return m_domain.Directory(); }
-
- private:
-  const test_support::PrivateDomain m_domain;
-};
-
+using Lines = std::vector<std::string>;
 using Options = std::initializer_list<std::pair<const char*, const char*>>;
 
 inline lbm_context_t* MakeContext(Options options = {{"operational_mode", "sequential"}}) {
@@ -41,6 +34,50 @@ inline lbm_context_t* MakeContext(Options options = {{"operational_mode", "seque
   return context;
 }
 
+// Processes the contexts' events until the condition holds, and fails the test when that takes too long.
+inline bool PumpUntil(std::initializer_list<lbm_context_t*> contexts, const char* what,
+                      const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      ADD_FAILURE() << "waited in vain for " << what;
+      return false;
+    }
+    for (lbm_context_t* context : contexts) {
+      EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
+    }
+  }
+  return true;
+}
+
+// A runtime directory for the life of a test.
+class EngineTest : public ::testing::Test {
+ protected:
+  const std::filesystem::path& Directory() const { return m_domain.Directory(); }
+
+ private:
+  const test_support::PrivateDomain m_domain;
+};
+
+// A context that the test drives, deleted in the end.
+class Driven {
+ public:
+  explicit Driven(Options options = {{"operational_mode", "sequential"}}) : m_context(MakeContext(options)) {}
+  ~Driven() { Delete(); }
+  Driven(const Driven&) = delete;
+  Driven& operator=(const Driven&) = delete;
+
+  operator lbm_context_t*() const noexcept { return m_context; }
+  void Delete() {
+    if (m_context != nullptr) {
+      EXPECT_EQ(0, lbm_context_delete(std::exchange(m_context, nullptr)));
+    }
+  }
+
+ private:
+  lbm_context_t* m_context;
+};
+
 inline lbm_topic_t* ReceiverTopic(lbm_context_t* context, const char* name, Options options = {}) {
   lbm_rcv_topic_attr_t* attr = nullptr;
   lbm_topic_t* topic = nullptr;
@@ -53,18 +90,54 @@ inline lbm_topic_t* ReceiverTopic(lbm_context_t* context, const char* name, Opti
   return topic;
 }
 
-inline lbm_src_t* MakeSource(lbm_context_t* context, const char* name, lbm_src_cb_proc proc = nullptr,
-                             void* clientd = nullptr, lbm_event_queue_t* queue = nullptr) {
-  lbm_topic_t* topic = nullptr;
-  lbm_src_t* source = nullptr;
-  EXPECT_EQ(0, lbm_src_topic_alloc(&topic, context, name, nullptr)) << lbm_errmsg();
-  EXPECT_EQ(0, lbm_src_create(&source, context, topic, proc, clientd, queue)) << lbm_errmsg();
-  return source;
-}
+// A source that counts its subscribers.
+class Sender {
+ public:
+  Sender(lbm_context_t* context, const char* topic, Options options = {}) {
+    lbm_src_topic_attr_t* attr = nullptr;
+    lbm_topic_t* made = nullptr;
+    EXPECT_EQ(0, lbm_src_topic_attr_create(&attr));
+    for (const auto& [option, value] : options) {
+      EXPECT_EQ(0, lbm_src_topic_attr_str_setopt(attr, option, value)) << lbm_errmsg();
+    }
+    EXPECT_EQ(0, lbm_src_topic_alloc(&made, context, topic, attr)) << lbm_errmsg();
+    EXPECT_EQ(0, lbm_src_topic_attr_delete(attr));
+    EXPECT_EQ(0, lbm_src_create(&m_source, context, made, &Sender::OnEvent, this, nullptr)) << lbm_errmsg();
+  }
+  ~Sender() { Delete(); }
+  Sender(const Sender&) = delete;
+  Sender& operator=(const Sender&) = delete;
 
-inline int SendText(lbm_src_t* source, const std::string& text) {
-  return lbm_src_send(source, text.data(), text.size(), LBM_SRC_FLUSH);
-}
+  void Delete() {
+    if (m_source != nullptr) {
+      EXPECT_EQ(0, lbm_src_delete(std::exchange(m_source, nullptr)));
+    }
+  }
+
+  // What is sent after this reaches the subscriber. contexts: those that the test drives.
+  void AwaitSubscriber(std::initializer_list<lbm_context_t*> contexts) const {
+    PumpUntil(contexts, "the subscriber", [&] { return m_subscribers == 1; });
+  }
+
+  int Send(const std::string& text, int flags = LBM_SRC_FLUSH) const {
+    return lbm_src_send(m_source, text.data(), text.size(), flags);
+  }
+
+  operator lbm_src_t*() const noexcept { return m_source; }
+
+ private:
+  static int OnEvent(lbm_src_t*, int event, void* data, void* clientd) {
+    std::atomic<int>& subscribers = static_cast<Sender*>(clientd)->m_subscribers;
+    if (event == LBM_SRC_EVENT_CONNECT || event == LBM_SRC_EVENT_DISCONNECT) {
+      EXPECT_NE(nullptr, data);
+      subscribers += event == LBM_SRC_EVENT_CONNECT ? 1 : -1;
+    }
+    return 0;
+  }
+
+  lbm_src_t* m_source = nullptr;
+  std::atomic<int> m_subscribers{0};
+};
 
 // A receiver that keeps a line for each event: "data 0 text", "BOS 0", "EOS", "request 3 text", "loss 4", "burst 5 17".
 class Recorder {
@@ -86,7 +159,7 @@ class Recorder {
 
   // Called for each event after it was recorded.
   std::function<void(lbm_msg_t&)> onEvent;
-  std::vector<std::string> lines;
+  Lines lines;
 
   static std::string Describe(const lbm_msg_t& message) {
     const std::string sequence = " " + std::to_string(message.sequence_number);
@@ -126,29 +199,26 @@ class Recorder {
   lbm_rcv_t* m_receiver = nullptr;
 };
 
-// Processes the contexts' events until the condition holds, and fails the test when that takes too long.
-inline bool PumpUntil(std::initializer_list<lbm_context_t*> contexts, const char* what,
-                      const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      ADD_FAILURE() << "waited in vain for " << what;
-      return false;
-    }
-    for (lbm_context_t* context : contexts) {
-      EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
-    }
+// An event queue that the test dispatches, deleted in the end.
+class Queue {
+ public:
+  explicit Queue(bool cancellationCallbacks = false) {
+    lbm_event_queue_attr_t* attr = nullptr;
+    EXPECT_EQ(0, lbm_event_queue_attr_create(&attr));
+    const int enabled = cancellationCallbacks ? 1 : 0;
+    EXPECT_EQ(0, lbm_event_queue_attr_setopt(attr, "queue_cancellation_callbacks_enabled", &enabled, sizeof(enabled)));
+    EXPECT_EQ(0, lbm_event_queue_create(&m_queue, nullptr, nullptr, attr)) << lbm_errmsg();
+    EXPECT_EQ(0, lbm_event_queue_attr_delete(attr));
   }
-  return true;
-}
+  ~Queue() { EXPECT_EQ(0, lbm_event_queue_delete(m_queue)); }
+  Queue(const Queue&) = delete;
+  Queue& operator=(const Queue&) = delete;
 
-// Processes until nothing has happened for a few passes: what was under way has arrived.
-inline void Settle(std::initializer_list<lbm_context_t*> contexts) {
-  for (int pass = 0; pass < 10; ++pass) {
-    for (lbm_context_t* context : contexts) {
-      EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
-    }
-  }
-}
+  operator lbm_event_queue_t*() const noexcept { return m_queue; }
+  int Poll() const { return lbm_event_dispatch(m_queue, LBM_EVENT_QUEUE_POLL); }
+
+ private:
+  lbm_event_queue_t* m_queue = nullptr;
+};
 
 }  // namespace engine_test

@@ -13,12 +13,20 @@
 namespace engine_test {
 namespace {
 
-using SystemCallsTest = PrivateDomain;
+using SystemCallsTest = EngineTest;
 
 constexpr std::size_t kWarmUp = 5'000;    // messages, until all memory is there that will be needed
 constexpr std::size_t kTrapped = 50'000;  // messages
 constexpr std::size_t kInFlight = 1'000;  // far from filling half a ring, so that nobody has to be told of room
 constexpr int kNoTraps = 77;              // exit code
+
+lbm_src_t* MakeSource(lbm_context_t* context, const char* name, lbm_src_cb_proc proc, void* clientd) {
+  lbm_topic_t* topic = nullptr;
+  lbm_src_t* source = nullptr;
+  EXPECT_EQ(0, lbm_src_topic_alloc(&topic, context, name, nullptr)) << lbm_errmsg();
+  EXPECT_EQ(0, lbm_src_create(&source, context, topic, proc, clientd, nullptr)) << lbm_errmsg();
+  return source;
+}
 
 // Answers every message of PING with one of PONG, from the warm-up on without system calls, and exits.
 class Answerer {
@@ -44,7 +52,7 @@ class Answerer {
     while (answerer.m_answers < kWarmUp + kTrapped) {
       answerer.Process(0);
     }
-    const auto looksDue = (Clock::now() - begin) / engine::core::Dispatcher::kLookEvery + 1;
+    const auto looksDue = (Clock::now() - begin) / engine::core::Dispatcher::kLookInterval + 1;
     ::_exit(calls.looks <= looksDue ? 0 : 2);
   }
 
@@ -109,7 +117,7 @@ TEST_F(SystemCallsTest, AreNotMadeByPollingAndSendingToContextsThatAreAwake) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   for (std::size_t sent = 0; ::waitpid(answerer, &status, WNOHANG) == 0;) {
     if (connected && sent - answers < kInFlight) {
-      ASSERT_EQ(0, SendText(source, payload)) << lbm_errmsg();
+      ASSERT_EQ(0, lbm_src_send(source, payload.data(), payload.size(), LBM_SRC_FLUSH)) << lbm_errmsg();
       ++sent;
     }
     // Never waits once there are answers: then this context is awake for the one that sends them.

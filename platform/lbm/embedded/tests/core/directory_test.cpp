@@ -1,7 +1,6 @@
 #include "core/directory.h"
 
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 
 #include <deque>
 #include <functional>
@@ -9,7 +8,7 @@
 
 #include "core/context.h"
 #include "options/option_keys.h"
-#include "zq/posix/descriptor.h"
+#include "zq/posix/event.h"
 
 namespace engine::core {
 namespace {
@@ -17,21 +16,23 @@ namespace {
 // A transport whose events the test makes up.
 class ScriptedTransport : public transport::Transport {
  public:
+  const std::string& Identity() const noexcept override { return m_identity; }
   std::shared_ptr<transport::Publication> Advertise(const transport::PublicationInfo&) override {
-    return std::make_shared<transport::Publication>();
+    return std::make_shared<transport::Publication>(1, m_identity + ":1");
   }
   void Withdraw(transport::Publication&) override {}
-  void Subscribe(transport::RemoteSource& source) override { subscriptions.push_back("+" + source.GetTopic()); }
-  void Unsubscribe(transport::RemoteSource& source) override { subscriptions.push_back("-" + source.GetTopic()); }
-  transport::SendResult Publish(transport::Publication&, const transport::OutboundMessage&, bool) override {
+  void Subscribe(transport::RemoteSource& source) override { subscriptions.push_back("+" + source.Topic()); }
+  void Unsubscribe(transport::RemoteSource& source) override { subscriptions.push_back("-" + source.Topic()); }
+  transport::SendResult Publish(transport::Publication&, const transport::OutboundMessage&,
+                                const transport::SendWait&) override {
     return transport::SendResult::kSent;
   }
-  transport::SendResult Respond(transport::ReplyPath&, std::span<const iovec>, bool) override {
+  transport::SendResult Respond(transport::ReplyPath&, std::span<const iovec>, const transport::SendWait&) override {
     return transport::SendResult::kSent;
   }
-  int GetDescriptor() const noexcept override { return m_event.Get(); }
-  bool Arm() override { return events.empty(); }
-  void Disarm() noexcept override {}
+  int GetDescriptor() const noexcept override { return m_event.GetDescriptor(); }
+  bool Park() override { return events.empty(); }
+  void Unpark() noexcept override {}
   std::size_t Drain(transport::Listener& listener) override { return DrainMemory(listener); }
   std::size_t DrainMemory(transport::Listener& listener) override {
     std::size_t done = 0;
@@ -49,7 +50,8 @@ class ScriptedTransport : public transport::Transport {
   bool closed = false;
 
  private:
-  zq::posix::Descriptor m_event{::eventfd(0, EFD_CLOEXEC)};
+  const std::string m_identity = "scripted";
+  zq::posix::Event m_event;
 };
 
 class DirectoryTest : public ::testing::Test {
@@ -72,9 +74,9 @@ class DirectoryTest : public ::testing::Test {
                                                                  std::to_string(message->len));
       return 0;
     };
-    auto receiver = std::make_shared<Receiver>(m_context, m_context->GetTopic(topic, options),
-                                               Receiver::Callback{.proc = record, .clientd = &lines}, nullptr);
-    receiver->Start();
+    std::shared_ptr<Receiver> receiver;
+    m_context->CreateReceiver(m_context->Topics().Find(topic, options), {.proc = record, .clientd = &lines}, nullptr,
+                              receiver);
     return receiver;
   }
 
@@ -106,7 +108,7 @@ TEST_F(DirectoryTest, ReportsLossOneByOneUpToTheThresholdAndThenAsABurst) {
     listener.OnLoss(*m_source, 1, 3);
   });
   EXPECT_EQ((std::vector<std::string>{"20 4294967295 0", "4 4294967295 0", "4 0 0", "5 1 3"}), lines);
-  receiver->Stop();
+  m_context->DeleteReceiver(receiver);
 }
 
 TEST_F(DirectoryTest, SubscribesWhileThereIsAReceiver) {
@@ -116,10 +118,10 @@ TEST_F(DirectoryTest, SubscribesWhileThereIsAReceiver) {
   const auto first = Receive("T", lines);
   const auto second = Receive("T", lines);
   m_context->ProcessEvents(0);
-  first->Stop();
+  m_context->DeleteReceiver(first);
   m_context->ProcessEvents(0);
   EXPECT_EQ((std::vector<std::string>{"+T"}), m_transport->subscriptions);
-  second->Stop();
+  m_context->DeleteReceiver(second);
   m_context->ProcessEvents(0);
   EXPECT_EQ((std::vector<std::string>{"+T", "-T"}), m_transport->subscriptions);
   Play([&](transport::Listener& listener) {
@@ -139,7 +141,7 @@ TEST_F(DirectoryTest, ASourceThatNeverSpokeEndsInSilence) {
     listener.OnSourceDown(m_source);
   });
   EXPECT_TRUE(lines.empty());
-  receiver->Stop();
+  m_context->DeleteReceiver(receiver);
 }
 
 }  // namespace

@@ -223,21 +223,28 @@ TEST(LiveOptions, OnlyWhatMayChangeChanges) {
   EXPECT_THAT(ErrorOf([&] { context.SetText("closelinger_time", "7"); }), HasSubstr("did you mean"));
 }
 
-TEST(LiveOptions, ShowTheEnginesOwnValuesOnceProvided) {
-  LiveOptions source(OptionSet::BuiltInDefaults(Scope::kSource));
-  EXPECT_THAT(source.Texts(), ElementsAre(Pair("transport_pacing", "source")));
+TEST(FixedOptions, ShowTheEnginesOwnValuesAndRefuseEveryChange) {
+  OptionSet source = OptionSet::BuiltInDefaults(Scope::kSource);
   std::uint32_t id = 0;
   std::size_t size = sizeof id;
   EXPECT_EQ(ErrorOf([&] { source.GetBinary("transport_id", &id, size); }),
             "4 source option \"transport_id\" has a value on a live source only");
-
+  EXPECT_THAT(source.Texts(), ElementsAre(Pair("transport_pacing", "source")));
   source.Provide(option::kTransportId, std::uint32_t{17});
   source.Provide(option::kTransportSource, std::string("host:17"));
-  source.GetBinary("transport_id", &id, size);
-  EXPECT_EQ(id, 17U);
   EXPECT_THAT(source.Texts(), ElementsAre(Pair("transport_id", "17"), Pair("transport_pacing", "source"),
                                           Pair("transport_source", "host:17")));
-  EXPECT_THAT(ErrorOf([&] { source.SetText("transport_id", "1"); }), HasSubstr("is read-only"));
+
+  const FixedOptions fixed(source);
+  fixed.GetBinary("transport_id", &id, size);
+  EXPECT_EQ(id, 17U);
+  EXPECT_THAT(ErrorOf([&] { fixed.SetText("transport_id", "1"); }), HasSubstr("is read-only"));
+  EXPECT_THAT(ErrorOf([&] { fixed.SetText("transport_pacing", "receiver"); }),
+              HasSubstr("before the object is created"));
+  const FixedOptions context(OptionSet::BuiltInDefaults(Scope::kContext));
+  EXPECT_THAT(ErrorOf([&] { context.SetBinary("spin_time", &id, size); }), StartsWith("4 "))
+      << "what other objects allow would be lost here";
+  EXPECT_THAT(ErrorOf([&] { context.SetText("spintime", "1"); }), StartsWith("1 "));
 }
 
 }  // namespace

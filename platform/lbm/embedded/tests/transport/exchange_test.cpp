@@ -2,6 +2,7 @@
 #include <numeric>
 
 #include "member.h"
+#include "transport/host/wire/frames.h"
 
 namespace engine::transport::host {
 namespace {
@@ -15,11 +16,12 @@ class Exchange : public testing::Test {
 
 TEST_F(Exchange, ReachesEverySubscriberOfTheDomainAndTheContextItself) {
   Member a(SettingsIn(m_directory, "a"));
-  const auto publication = a.transport->Advertise({"T", "s1", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Member b(SettingsIn(m_directory, "b"));
   Member c(SettingsIn(m_directory, "c"), false);
   Settle({&a, &b, &c});
-  EXPECT_EQ(b.sources.at("T")->Session(), "s1");
+  EXPECT_EQ(b.sources.at("T")->Session(), publication->Session());
+  EXPECT_THAT(publication->Session(), testing::StartsWith(a.transport->Identity()));
   EXPECT_EQ(Publish(*a.transport, *publication, "one"), SendResult::kSent);
   EXPECT_EQ(Publish(*a.transport, *publication, ""), SendResult::kSent);
   Settle({&a, &b, &c});
@@ -31,7 +33,7 @@ TEST_F(Exchange, ReachesEverySubscriberOfTheDomainAndTheContextItself) {
 
 TEST_F(Exchange, SubscribersHearOnlyWhatFollowsTheirSubscription) {
   Member a(SettingsIn(m_directory), false);
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Publish(*a.transport, *publication, "early");
   Member b(SettingsIn(m_directory, "b"));
   Settle({&a, &b});
@@ -55,7 +57,7 @@ TEST_F(Exchange, SubscribersHearOnlyWhatFollowsTheirSubscription) {
 
 TEST_F(Exchange, UnsubscribingInsideACallbackHoldsAtOnce) {
   Member a(SettingsIn(m_directory), false);
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Member b(SettingsIn(m_directory));
   Settle({&a, &b});
   b.onMessage = [&](RemoteSource& source, InboundMessage&) { b.transport->Unsubscribe(source); };
@@ -67,13 +69,13 @@ TEST_F(Exchange, UnsubscribingInsideACallbackHoldsAtOnce) {
 
 TEST_F(Exchange, WithdrawingEndsASourceAfterItsMessages) {
   Member a(SettingsIn(m_directory), false);
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Member b(SettingsIn(m_directory, "b"));
   Settle({&a, &b});
   Publish(*a.transport, *publication, "one");
   a.transport->Withdraw(*publication);
   Publish(*a.transport, *publication, "too late");
-  const auto successor = a.transport->Advertise({"T", "s2", Pacing::kSource});
+  const auto successor = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a, &b});
   Publish(*a.transport, *successor, "two");
   a.transport->Close(std::chrono::seconds(10));
@@ -85,7 +87,7 @@ TEST_F(Exchange, WithdrawingEndsASourceAfterItsMessages) {
 TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {
   Member a(SettingsIn(m_directory));
   Member b(SettingsIn(m_directory));
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a, &b});
   std::shared_ptr<ReplyPath> path;
   b.onMessage = [&](RemoteSource&, InboundMessage& message) { path = message.replyPath; };
@@ -98,33 +100,51 @@ TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {
   const std::string answer(200'000, 'x');
   std::string start = "yes ";
   const iovec pieces[] = {{start.data(), start.size()}, {const_cast<char*>(answer.data()), answer.size()}};
-  EXPECT_EQ(b.transport->Respond(*path, pieces, false), SendResult::kSent);
-  EXPECT_EQ(b.transport->Respond(*path, {pieces, 1}, false), SendResult::kSent);
+  EXPECT_EQ(b.transport->Respond(*path, pieces, {}), SendResult::kSent);
+  EXPECT_EQ(b.transport->Respond(*path, {pieces, 1}, {}), SendResult::kSent);
   Settle({&a, &b});
   EXPECT_TRUE(a.Heard("response 77: yes " + answer));
   EXPECT_TRUE(a.Heard("response 77: yes "));
-  ASSERT_THAT(a.responders, ElementsAre(testing::StartsWith("host:"), a.responders.back()));
-  EXPECT_TRUE(a.Heard("joined " + a.responders.back())) << "the subscriber without a name can be told by its response";
+  EXPECT_THAT(a.responders, ElementsAre(b.transport->Identity(), b.transport->Identity()));
+  EXPECT_TRUE(a.Heard("joined " + b.transport->Identity()))
+      << "a subscriber without a name can be told by its response";
   a.transport->Close(std::chrono::milliseconds(0));
   Settle({&b});
-  EXPECT_EQ(b.transport->Respond(*path, pieces, true), SendResult::kPeerGone);
+  EXPECT_EQ(b.transport->Respond(*path, pieces, {true}), SendResult::kPeerGone);
 }
 
 TEST_F(Exchange, ChannelsTravelWithTheirMessages) {
   Member a(SettingsIn(m_directory));
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a});
   std::vector<std::optional<std::uint32_t>> channels;
   a.onMessage = [&](RemoteSource&, InboundMessage& message) { channels.push_back(message.channel); };
   OutboundMessage message;
   message.channel = 0;
-  a.transport->Publish(*publication, message, false);
+  a.transport->Publish(*publication, message, {});
   message.channel = 0xffffffff;
-  a.transport->Publish(*publication, message, false);
+  a.transport->Publish(*publication, message, {});
   message.channel.reset();
-  a.transport->Publish(*publication, message, false);
+  a.transport->Publish(*publication, message, {});
   Settle({&a});
   EXPECT_THAT(channels, ElementsAre(0U, 0xffffffffU, std::nullopt));
+}
+
+TEST_F(Exchange, ArgumentsThatTheProtocolCannotCarryAreRefused) {
+  HostSettings settings = SettingsIn(m_directory, std::string(wire::kNameMax + 1, 'n'));
+  EXPECT_THROW(JoinHostDomain(settings), std::invalid_argument);
+  Member a(SettingsIn(m_directory));
+  EXPECT_THROW(a.transport->Advertise({std::string(wire::kNameMax + 1, 't'), Pacing::kSource}), std::invalid_argument);
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  Settle({&a});
+  char byte = 'x';
+  const iovec tooLarge{&byte, wire::kMessageMax + 1};
+  OutboundMessage message;
+  message.pieces = {&tooLarge, 1};
+  EXPECT_THROW(a.transport->Publish(*publication, message, {}), std::invalid_argument);
+  Publish(*a.transport, *publication, "next");
+  Settle({&a});
+  EXPECT_THAT(a.sequences, ElementsAre(0));
 }
 
 class LargeMessages : public Exchange, public testing::WithParamInterface<Pacing> {};
@@ -132,7 +152,7 @@ class LargeMessages : public Exchange, public testing::WithParamInterface<Pacing
 TEST_P(LargeMessages, ArriveWhole) {
   Member a(SettingsIn(m_directory));
   Member b(SettingsIn(m_directory));
-  const auto publication = a.transport->Advertise({"T", "s", GetParam()});
+  const auto publication = a.transport->Advertise({"T", GetParam()});
   Settle({&a, &b});
   std::vector<unsigned> content(10'000'000 / sizeof(unsigned));
   std::iota(content.begin(), content.end(), 1U);
@@ -151,7 +171,7 @@ TEST_P(LargeMessages, ArriveWhole) {
     }
     OutboundMessage message;
     message.pieces = pieces;
-    EXPECT_EQ(a.transport->Publish(*publication, message, false), SendResult::kSent);
+    EXPECT_EQ(a.transport->Publish(*publication, message, {}), SendResult::kSent);
     Settle({&a, &b});
     EXPECT_EQ(Publish(*a.transport, *publication, "small"), SendResult::kSent);
     Settle({&a, &b});

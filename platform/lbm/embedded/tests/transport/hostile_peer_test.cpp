@@ -3,6 +3,7 @@
 #include <functional>
 #include <random>
 
+#include "holdings.h"
 #include "member.h"
 #include "raw_peer.h"
 
@@ -22,8 +23,15 @@ FrameBytes FrameOf(const T& value) {
 
 FrameBytes Advertisement(std::uint32_t id) {
   wire::AdvertiseBatch batch;
-  batch.Add(id, "raw topic", "raw session");
-  return {batch.Frame().begin(), batch.Frame().end()};
+  batch.Add(id, "raw topic");
+  return {batch.Packet().begin(), batch.Packet().end()};
+}
+
+// To the only source of the test's context.
+wire::Subscribe Subscription() {
+  wire::Subscribe frame;
+  frame.source = 1;
+  return frame;
 }
 
 wire::FragmentHeader FragmentHeader(std::uint32_t source, std::uint32_t sequence, std::uint64_t total) {
@@ -37,7 +45,7 @@ wire::FragmentHeader FragmentHeader(std::uint32_t source, std::uint32_t sequence
 class HostilePeer : public testing::Test {
  protected:
   HostilePeer() : m_member(SettingsIn(m_directory)), m_address(m_directory.Sockets().at(0)) {
-    m_publication = m_member.transport->Advertise({"T", "s", Pacing::kSource});
+    m_publication = m_member.transport->Advertise({"T", Pacing::kSource});
     Settle({&m_member});
   }
 
@@ -87,7 +95,7 @@ TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
   longWithdraw.push_back(std::byte{0});
   FrameBytes cutAdvertisement = Advertisement(1);
   cutAdvertisement.pop_back();
-  const wire::Subscribe subscribe;
+  const wire::Subscribe subscribe = Subscription();
   const auto responseOf = [](std::uint32_t total) {
     wire::ResponseHeader header;
     header.total = total;
@@ -100,7 +108,7 @@ TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
       {FrameBytes(1)},
       {cutAdvertisement},
       {Advertisement(1), Advertisement(1)},
-      {FrameOf(subscribe)},                // without a wake word
+      {FrameOf(subscribe)},                // without a parking word
       {FrameOf(responseOf(10))},           // a fragment of nothing
       {FrameOf(responseOf(0xffffffff))},   // a response beyond the bound
       {FrameBytes(wire::kPacketMax + 1)},  // a packet beyond the bound
@@ -151,23 +159,37 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   }
   expectCutOff({{wire::Type::kRing, &ring}, {wire::Type::kRing, &ring}});
   for (const zq::posix::Descriptor* wrong : {&plainFile, &unsealed, &ring, &empty}) {
-    expectCutOff({{wire::Type::kWakeWord, wrong}});
+    expectCutOff({{wire::Type::kParkingWord, wrong}});
   }
-  expectCutOff({{wire::Type::kWakeWord, &small}, {wire::Type::kWakeWord, &small}});
-  expectCutOff({{wire::Type::kBell, &ring}});
+  expectCutOff({{wire::Type::kParkingWord, &small}, {wire::Type::kParkingWord, &small}});
+  expectCutOff({{wire::Type::kDoorbell, &ring}});
+  ExpectUnharmed();
+}
+
+TEST_F(HostilePeer, ADescriptorThatComesWithNothingIsClosed) {
+  const Holdings before = Holdings::Now();
+  {
+    const zq::posix::Descriptor passed(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    const RawPeer peer(m_address);
+    peer.Greet();
+    peer.Send(wire::Bytes(), passed.Get());
+    Settle({&m_member});
+  }
+  Settle({&m_member});
+  EXPECT_EQ(Holdings::Now(), before);
   ExpectUnharmed();
 }
 
 TEST_F(HostilePeer, ItsSourcesAndSubscriptionsEndWithTheLink) {
   const RawPeer peer(m_address);
-  const WakeWord wakeWord;
+  const ParkingWord parkingWord;
   peer.Greet();
   peer.Send(Advertisement(4));
-  peer.Send(wire::Type::kWakeWord, wakeWord.GetDescriptor());
-  peer.Send(wire::BytesOf(wire::Subscribe{}));
+  peer.Send(wire::Type::kParkingWord, parkingWord.GetDescriptor());
+  peer.Send(wire::BytesOf(Subscription()));
   Settle({&m_member});
   m_member.events.clear();
-  peer.Send(wire::BytesOf(wire::Subscribe{}));  // a second time
+  peer.Send(wire::BytesOf(Subscription()));  // a second time
   Settle({&m_member});
   EXPECT_THAT(m_member.events, ElementsAre("down raw topic", "left raw"));
   EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("context \"raw\" (process 2")));
@@ -181,7 +203,7 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
   };
   using Scribble = std::function<void(RawRing&)>;
   const std::vector<Scribble> scribbles = {
-      [](RawRing& ring) { ring.Put(wire::Type::kBell, {}); },
+      [](RawRing& ring) { ring.Put(wire::Type::kDoorbell, {}); },
       [&](RawRing& ring) { ring.Put(wire::Type::kMessage, cutAt(wire::MessageHeader{}, 7)); },
       [&](RawRing& ring) { ring.Put(wire::Type::kLoss, cutAt(wire::Loss{}, 13)); },
       [](RawRing& ring) { ring.Put(wire::Type::kWithdrawn, wire::BytesOf(wire::Withdrawn{9})); },
@@ -191,7 +213,7 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
       },
       [](RawRing& ring) { ring.Control().tail = kRingBytesMin + 8; },  // more than there can be
       [](RawRing& ring) { ring.Control().tail = 12; },                 // not at a frame's end
-      [](RawRing& ring) { ring.Control().tail = ~RingCounter{7}; },    // before the beginning
+      [](RawRing& ring) { ring.Control().tail = ~RingCursor{7}; },     // before the beginning
       [](RawRing& ring) {                                              // a frame that ends behind the tail
         const RingFrameHeader header{16, 1};
         std::memcpy(ring.Bytes().data(), &header, sizeof(header));
@@ -220,13 +242,13 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
 // A subscriber that writes its place in the ring where the publisher has not been.
 TEST_F(HostilePeer, AnImpossiblePlaceOfTheReaderEndsTheLink) {
   const RawPeer peer(m_address);
-  const WakeWord wakeWord;
+  const ParkingWord parkingWord;
   peer.Greet();
-  peer.Send(wire::Type::kWakeWord, wakeWord.GetDescriptor());
-  peer.Send(wire::BytesOf(wire::Subscribe{}));
+  peer.Send(wire::Type::kParkingWord, parkingWord.GetDescriptor());
+  peer.Send(wire::BytesOf(Subscription()));
   Settle({&m_member});
   const RingMemory ring(peer.ReceiveDescriptor());
-  ring.Control().head = RingCounter{1} << 40;
+  ring.Control().head = RingCursor{1} << 40;
   for (std::size_t i = 0; i < 10'000; ++i) {
     Publish(*m_member.transport, *m_publication, std::string(200, 'x'));
   }
@@ -237,17 +259,18 @@ TEST_F(HostilePeer, AnImpossiblePlaceOfTheReaderEndsTheLink) {
 }
 
 TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
-  const wire::Subscribe subscribe;
+  const wire::Subscribe subscribe = Subscription();
   wire::Unsubscribe unsubscribe;
+  unsubscribe.source = 1;
   wire::Withdraw withdraw;
   withdraw.source = 1;
-  const WakeWord wakeWord;
+  const ParkingWord parkingWord;
   const std::vector<FrameBytes> honest = {wire::EncodeHello({1, 2, "raw"}),
                                           Advertisement(1),
-                                          FrameOf(wire::Type::kWakeWord),
+                                          FrameOf(wire::Type::kParkingWord),
                                           FrameOf(subscribe),
                                           FrameOf(unsubscribe),
-                                          FrameOf(wire::Type::kRoom),
+                                          FrameOf(wire::Type::kCredit),
                                           FrameOf(withdraw)};
   FrameBytes fragment = FrameOf(FragmentHeader(1, 3, 200));
   fragment.resize(fragment.size() + 100);
@@ -275,7 +298,7 @@ TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
         damage(frame);
         frame.resize(below(4) == 0 ? 1 + below(frame.size() + 20) : frame.size());
       }
-      peer.Send(frame, honest[i] == FrameOf(wire::Type::kWakeWord) ? wakeWord.GetDescriptor() : -1);
+      peer.Send(frame, honest[i] == FrameOf(wire::Type::kParkingWord) ? parkingWord.GetDescriptor() : -1);
       if (i == 1) {
         RawRing ring(peer);
         for (const auto& [type, content] : inRing) {
@@ -303,7 +326,7 @@ TEST_F(HostilePeer, NeverReadingIsCutOffInTheEnd) {
   Settle({&m_member});
   const std::string topic(4000, 't');
   for (int i = 0; i < 40'000 && m_member.notices.empty(); ++i) {
-    m_member.transport->Withdraw(*m_member.transport->Advertise({topic, "s", Pacing::kSource}));
+    m_member.transport->Withdraw(*m_member.transport->Advertise({topic, Pacing::kSource}));
     m_member.Drain();
   }
   EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("does not read")));

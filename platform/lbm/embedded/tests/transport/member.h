@@ -56,30 +56,30 @@ inline SendResult Publish(Transport& transport, Publication& publication, std::s
   OutboundMessage message;
   message.pieces = {&piece, 1};
   message.requestId = request;
-  return transport.Publish(publication, message, block);
+  return transport.Publish(publication, message, {block});
 }
 
 class Member : public Listener {
  public:
   explicit Member(HostSettings settings, bool subscribes = true) : m_subscribes(subscribes) {
-    settings.notice = [this](int, const std::string& text) { notices.push_back(text); };
+    settings.warn = [this](const std::string& text) { notices.push_back(text); };
     transport = JoinHostDomain(settings);
   }
 
   void OnSourceUp(const std::shared_ptr<RemoteSource>& source) override {
-    Hear("up " + source->GetTopic());
-    sources[source->GetTopic()] = source;
+    Hear("up " + source->Topic());
+    sources[source->Topic()] = source;
     if (m_subscribes) {
       transport->Subscribe(*source);
     }
   }
-  void OnSourceDown(const std::shared_ptr<RemoteSource>& source) override { Hear("down " + source->GetTopic()); }
+  void OnSourceDown(const std::shared_ptr<RemoteSource>& source) override { Hear("down " + source->Topic()); }
   void OnMessage(RemoteSource& source, InboundMessage& message) override {
     ++messages;
     sequences.push_back(message.sequence);
     bytes += message.payload.size();
     if (message.payload.size() < 100) {
-      Hear(source.GetTopic() + ": " + TextOf(message.payload));
+      Hear(source.Topic() + ": " + TextOf(message.payload));
     }
     if (onMessage) {
       onMessage(source, message);
@@ -91,7 +91,7 @@ class Member : public Listener {
     for (std::uint32_t i = 0; i < std::min(count, kLossesNoted); ++i) {
       sequences.push_back(first + i);
     }
-    Hear("loss " + source.GetTopic());
+    Hear("loss " + source.Topic());
   }
   void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
     responders.push_back(responder);
@@ -141,14 +141,14 @@ inline void DrainUntil(const std::vector<Member*>& members, const std::string& w
       std::vector<pollfd> descriptors;
       bool nothing = true;
       for (Member* member : members) {
-        nothing = nothing && member->transport->Arm();
+        nothing = nothing && member->transport->Park();
         descriptors.push_back({member->transport->GetDescriptor(), POLLIN, 0});
       }
       if (nothing) {
         ::poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
       }
       for (Member* member : members) {
-        member->transport->Disarm();
+        member->transport->Unpark();
       }
     }
   }

@@ -49,7 +49,7 @@ void KillPeer(pid_t process) {
 
 TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   Member a(SettingsIn(m_directory, "a"));
-  const auto publication = a.transport->Advertise({"ours", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"ours", Pacing::kSource});
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   const zq::posix::Descriptor reading(ends[0]);
@@ -75,7 +75,7 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   EXPECT_THAT(a.events,
               ElementsAre("peer: last words", "peer: last words", "peer: last words", "down peer", "left peer"));
   ASSERT_NE(replyPath, nullptr);
-  EXPECT_EQ(a.transport->Respond(*replyPath, {}, false), SendResult::kPeerGone);
+  EXPECT_EQ(a.transport->Respond(*replyPath, {}, {}), SendResult::kPeerGone);
 
   EXPECT_EQ(m_directory.Sockets().size(), 2U);
   {
@@ -100,12 +100,12 @@ TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
   HostSettings settings = SettingsIn(m_directory);
   settings.ringBytes = kFloodRingBytes;
   Member a(settings);
-  const auto publication = a.transport->Advertise({"ours", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"ours", Pacing::kSource});
   Settle({&a});
   std::uint32_t next = 0;
   std::size_t whole = 0;
   a.onMessage = [&](RemoteSource& source, InboundMessage& message) {
-    if (source.GetTopic() == "peer") {
+    if (source.Topic() == "peer") {
       const auto content = FloodMessage(message.sequence);
       EXPECT_TRUE(std::equal(content.begin(), content.end(), message.payload.begin(), message.payload.end()));
       EXPECT_TRUE(next == 0 || message.sequence == next);
@@ -167,7 +167,7 @@ TEST_F(Membership, ContextsThatJoinAtTheSameTimeFindEachOther) {
   for (std::size_t i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
       members[i] = std::make_unique<Member>(SettingsIn(m_directory));
-      publications[i] = members[i]->transport->Advertise({std::to_string(i), "s", Pacing::kSource});
+      publications[i] = members[i]->transport->Advertise({std::to_string(i), Pacing::kSource});
     });
   }
   for (std::thread& thread : threads) {
@@ -198,7 +198,7 @@ TEST_F(Membership, AHundredContextsFindEachOther) {
   std::vector<Member*> all;
   for (std::size_t i = 0; i < kContexts; ++i) {
     members.push_back(std::make_unique<Member>(SettingsIn(m_directory), i == 0));
-    publications.push_back(members[i]->transport->Advertise({std::to_string(i), "s", Pacing::kSource}));
+    publications.push_back(members[i]->transport->Advertise({std::to_string(i), Pacing::kSource}));
     all.push_back(members[i].get());
   }
   Settle(all);
@@ -217,8 +217,7 @@ TEST_F(Membership, ALateJoinerLearnsOfThousandsOfSources) {
   Member a(SettingsIn(m_directory), false);
   std::vector<std::shared_ptr<Publication>> publications;
   for (std::size_t i = 0; i < kSources; ++i) {
-    publications.push_back(
-        a.transport->Advertise({"some.longer.topic.name." + std::to_string(i), "s", Pacing::kSource}));
+    publications.push_back(a.transport->Advertise({"some.longer.topic.name." + std::to_string(i), Pacing::kSource}));
   }
   Settle({&a});
   EXPECT_EQ(a.sources.size(), kSources);
@@ -239,7 +238,7 @@ TEST_F(Membership, ALateJoinerLearnsOfThousandsOfSources) {
 TEST_F(Membership, AContextWithTooManyCallersIsCalledAgain) {
   RaiseDescriptorLimit();
   Member a(SettingsIn(m_directory), false);
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   const std::string address = m_directory.Sockets().at(0);
   std::vector<RawPeer> callers;
   do {
@@ -279,7 +278,7 @@ TEST_F(Membership, AProcessThatStopsWhileItJoinsKeepsOthersNotForEver) {
 
 TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {
   Member a(SettingsIn(m_directory), false);
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a});  // also because a sanitizer needs a descriptor for its first look at a type
   Member b(SettingsIn(m_directory));
   {

@@ -19,7 +19,7 @@ class PacedLink : public testing::Test {
     settings.ringBytes = 100'000;
     settings.firstSequence = firstSequence;
     m_source = std::make_unique<Member>(settings, false);
-    m_publication = m_source->transport->Advertise({"T", "s", pacing});
+    m_publication = m_source->transport->Advertise({"T", pacing});
     m_slow = std::make_unique<Member>(SettingsIn(m_directory, "slow"));
     Settle({m_source.get(), m_slow.get()});
   }
@@ -190,12 +190,12 @@ TEST_F(PacedLink, ClosingLingersUntilThePeerHasTakenEverything) {
 
 TEST_F(PacedLink, PublishersOfSeveralThreadsKeepTheirSourcesInOrder) {
   Start(Pacing::kReceiver);
-  const auto other = m_source->transport->Advertise({"U", "s", Pacing::kReceiver});
+  const auto other = m_source->transport->Advertise({"U", Pacing::kReceiver});
   Settle({m_source.get(), m_slow.get()});
   constexpr std::size_t kEach = 2000;
   std::map<std::string, std::vector<std::uint32_t>> sequences;
   m_slow->onMessage = [&](RemoteSource& source, InboundMessage& message) {
-    sequences[source.GetTopic()].push_back(message.sequence);
+    sequences[source.Topic()].push_back(message.sequence);
   };
   std::vector<std::thread> publishers;
   for (Publication* publication : {m_publication.get(), m_publication.get(), other.get()}) {

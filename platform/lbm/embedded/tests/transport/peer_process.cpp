@@ -20,7 +20,7 @@ class Subscriber : public Listener {
  public:
   explicit Subscriber(Transport& transport) : m_transport(transport) {}
   void OnSourceUp(const std::shared_ptr<RemoteSource>& source) override {
-    if (source->GetTopic() == "ours") {
+    if (source->Topic() == "ours") {
       m_transport.Subscribe(*source);
     }
   }
@@ -39,10 +39,10 @@ class Subscriber : public Listener {
 };
 
 void Drain(Transport& transport, Subscriber& subscriber) {
-  if (transport.Arm()) {
+  if (transport.Park()) {
     pollfd entry{transport.GetDescriptor(), POLLIN, 0};
     ::poll(&entry, 1, -1);
-    transport.Disarm();
+    transport.Unpark();
   }
   transport.Drain(subscriber);
 }
@@ -55,10 +55,10 @@ int SayLastWords(Transport& transport, Publication& publication, Subscriber& sub
   const iovec piece{text, sizeof(text) - 1};
   OutboundMessage message;
   message.pieces = {&piece, 1};
-  transport.Publish(publication, message, false);
-  transport.Publish(publication, message, false);
+  transport.Publish(publication, message, {});
+  transport.Publish(publication, message, {});
   message.requestId = 5;
-  transport.Publish(publication, message, false);
+  transport.Publish(publication, message, {});
   if (::write(STDOUT_FILENO, "!", 1) != 1) {
     return 1;
   }
@@ -74,7 +74,7 @@ int SayLastWords(Transport& transport, Publication& publication, Subscriber& sub
     OutboundMessage message;
     message.pieces = {&piece, 1};
     transport.DrainMemory(subscriber);
-    while (transport.Publish(publication, message, false) != SendResult::kSent) {
+    while (transport.Publish(publication, message, {}) != SendResult::kSent) {
       Drain(transport, subscriber);
     }
     if (number % 64 == 0) {
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
   settings.contextName = "peer";
   settings.ringBytes = host::kFloodRingBytes;
   const auto transport = host::JoinHostDomain(settings);
-  const auto publication = transport->Advertise({"peer", "s", Pacing::kReceiver});
+  const auto publication = transport->Advertise({"peer", Pacing::kReceiver});
   Subscriber subscriber(*transport);
   if (std::string_view(argv[2]) == "flood") {
     Flood(*transport, *publication, subscriber);

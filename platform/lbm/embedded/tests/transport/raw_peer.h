@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "transport/host/ring_memory.h"
-#include "transport/host/wake_word.h"
-#include "transport/host/wire.h"
+#include "transport/host/ring/parking_word.h"
+#include "transport/host/ring/ring_memory.h"
+#include "transport/host/wire/frames.h"
 #include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
@@ -91,19 +91,19 @@ class RawPeer {
 // A ring in which such a process writes what it likes.
 class RawRing {
  public:
-  explicit RawRing(const RawPeer& peer) { peer.Send(wire::Type::kRing, m_made.memory.Get()); }
+  explicit RawRing(const RawPeer& peer) { peer.Send(wire::Type::kRing, m_created.memory.Get()); }
 
   void Put(wire::Type type, wire::Bytes content) {
-    std::byte* const to = m_writer.Reserve(content.size(), static_cast<std::uint32_t>(type));
+    std::byte* const to = m_producer.Reserve(content.size(), static_cast<std::uint32_t>(type));
     std::copy(content.begin(), content.end(), to);
-    m_writer.Commit();
+    m_producer.Commit();
   }
-  RingControl<RingCounter>& Control() { return m_made.ring.Control(); }
-  std::span<std::byte> Bytes() { return m_made.ring.Bytes(); }
+  RingControl<RingCursor>& Control() { return m_created.ring.Control(); }
+  std::span<std::byte> Bytes() { return m_created.ring.Bytes(); }
 
  private:
-  RingMemory::Made m_made = RingMemory::Make(kRingBytesMin);
-  RingWriter<RingCounter> m_writer{m_made.ring.Control(), m_made.ring.Bytes()};
+  RingMemory::Created m_created = RingMemory::Create(kRingBytesMin);
+  RingProducer<RingCursor> m_producer{m_created.ring.Control(), m_created.ring.Bytes()};
 };
 
 }  // namespace engine::transport::host

@@ -72,7 +72,7 @@ class RefusingSystem : public testing::TestWithParam<Refused> {
 
   ScratchDirectory m_directory;
   Member m_source{SettingsIn(m_directory, "source"), false};
-  std::shared_ptr<Publication> m_publication = m_source.transport->Advertise({"T", "s1", Pacing::kReceiver});
+  std::shared_ptr<Publication> m_publication = m_source.transport->Advertise({"T", Pacing::kReceiver});
   Member m_other{SettingsIn(m_directory, "other")};
   Holdings m_before;
   std::unique_ptr<Member> m_late;
@@ -82,8 +82,8 @@ class Ring : public RefusingSystem {};
 
 TEST_P(Ring, ThatCannotBeMadeIsTriedAgainAndKeepsNobodyElse) {
   DrainUntil({&m_source, m_late.get()}, "the source", [&] { return m_late->Heard("up T"); });
-  const auto second = m_source.transport->Advertise({"U", "s2", Pacing::kSource});
-  const auto third = m_source.transport->Advertise({"V", "s3", Pacing::kSource});
+  const auto second = m_source.transport->Advertise({"U", Pacing::kSource});
+  const auto third = m_source.transport->Advertise({"V", Pacing::kSource});
   m_late->Drain();
   m_late->transport->Unsubscribe(*m_late->sources.at("V"));
   {

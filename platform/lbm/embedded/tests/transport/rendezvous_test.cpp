@@ -1,4 +1,4 @@
-#include "transport/host/rendezvous.h"
+#include "transport/host/link/runtime_directory.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -71,9 +71,9 @@ TEST_F(RuntimeDirectory, FaultsOfThePathSayWhatToDo) {
   EXPECT_THAT(Refusal(m_scratch.Path() + "/no/such"), HasSubstr("create the directories above it"));
   EXPECT_THAT(Refusal(m_scratch.Path() + "/" + std::string(300, 'x')), HasSubstr("shorten it"));
   for (const std::string domain : {"", ".", "..", "a/b", "/"}) {
-    EXPECT_THROW(OpenDomain(m_scratch.Path(), domain), std::runtime_error) << domain;
+    EXPECT_THROW(OpenDomain(m_scratch.Path(), domain), std::invalid_argument) << domain;
   }
-  EXPECT_THROW(OpenDomain(m_scratch.Path(), std::string(256, 'x')), std::runtime_error);
+  EXPECT_THROW(OpenDomain(m_scratch.Path(), std::string(256, 'x')), std::invalid_argument);
 }
 
 TEST_F(RuntimeDirectory, HasToBeWritable) {
@@ -95,7 +95,7 @@ TEST_F(RuntimeDirectory, MayBeLongerThanASocketAddress) {
   settings.domain = std::string(250, 'y');
   Member a(settings);
   Member b(settings);
-  const auto publication = a.transport->Advertise({"T", "s", Pacing::kSource});
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a, &b});
   EXPECT_TRUE(b.Heard("up T"));
 }

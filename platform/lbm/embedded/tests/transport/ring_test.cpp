@@ -1,4 +1,4 @@
-#include "transport/host/ring.h"
+#include "transport/host/ring/ring.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -12,38 +12,38 @@
 #include <string>
 #include <thread>
 
-#include "transport/host/wake_word.h"
+#include "transport/host/ring/parking_word.h"
 
 namespace engine::transport::host {
 namespace {
 
 // Narrow counters and a few bytes, so that everything wraps all the time.
-template <typename Counter, std::size_t Capacity>
+template <typename Cursor, std::size_t Capacity>
 struct TinyRing {
-  RingControl<Counter> control{};
+  RingControl<Cursor> control{};
   alignas(8) std::array<std::byte, Capacity> bytes{};
-  RingWriter<Counter> writer{control, bytes};
-  RingReader<Counter> reader{control, bytes};
+  RingProducer<Cursor> producer{control, bytes};
+  RingConsumer<Cursor> consumer{control, bytes};
 
   bool Put(const std::string& text, std::uint32_t tag = 1) {
-    std::byte* const to = writer.Reserve(text.size(), tag);
+    std::byte* const to = producer.Reserve(text.size(), tag);
     if (to == nullptr) {
       return false;
     }
     std::memcpy(to, text.data(), text.size());
-    writer.Commit();
+    producer.Commit();
     return true;
   }
 
   // The next frame's content; empty when there is none.
   std::string Take() {
     RingFrame frame;
-    if (!reader.Look() || !reader.Next(frame)) {
-      reader.Release();
+    if (!consumer.Poll() || !consumer.Next(frame)) {
+      consumer.Release();
       return {};
     }
     std::string text(reinterpret_cast<const char*>(frame.content.data()), frame.content.size());
-    reader.Release();
+    consumer.Release();
     return text;
   }
 };
@@ -62,7 +62,7 @@ TYPED_TEST(RingTest, GivesEveryFrameOnceInOrderWhateverTheirSizes) {
   for (int step = 0; step < 200'000; ++step) {
     if (random() % 2 == 0) {
       const std::string text(1 + random() % (ring.bytes.size() / 2), static_cast<char>('a' + step % 26));
-      if (ring.writer.HasRoom(text.size())) {
+      if (ring.producer.HasSpace(text.size())) {
         ASSERT_TRUE(ring.Put(text));
         inside.push_back(text);
       } else {
@@ -89,22 +89,22 @@ TYPED_TEST(RingTest, HasItsEdgesAtEveryPlace) {
       ASSERT_TRUE(ring.Put(""));
       ring.Take();
     }
-    ASSERT_EQ(ring.writer.Room(), capacity);
+    ASSERT_EQ(ring.producer.FreeSpace(), capacity);
     for (std::size_t i = 0; i < capacity; i += 8) {  // to the last byte
       ASSERT_TRUE(ring.Put(""));
     }
-    ASSERT_EQ(ring.writer.Room(), 0U);
+    ASSERT_EQ(ring.producer.FreeSpace(), 0U);
     ASSERT_FALSE(ring.Put(""));
     RingFrame frame;
-    ASSERT_TRUE(ring.reader.Look());
+    ASSERT_TRUE(ring.consumer.Poll());
     for (std::size_t i = 0; i < capacity; i += 8) {
-      ASSERT_TRUE(ring.reader.Next(frame));
+      ASSERT_TRUE(ring.consumer.Next(frame));
     }
-    ASSERT_FALSE(ring.reader.Next(frame));
-    ASSERT_FALSE(ring.reader.Look());
-    ring.reader.Release();
+    ASSERT_FALSE(ring.consumer.Next(frame));
+    ASSERT_FALSE(ring.consumer.Poll());
+    ring.consumer.Release();
     // With a quarter free there is room for an eighth wherever the end is.
-    while (ring.writer.Room() >= capacity / 4) {
+    while (ring.producer.FreeSpace() >= capacity / 4) {
       ASSERT_TRUE(ring.Put(std::string(capacity / 8 - sizeof(RingFrameHeader), 'x')));
     }
   }
@@ -116,18 +116,18 @@ TYPED_TEST(RingTest, TellsOfRoomOnceAndOnlyWhenHalfIsFree) {
   for (std::size_t i = 0; i < frames; ++i) {
     ASSERT_TRUE(ring.Put(""));
   }
-  const std::uint32_t told = ring.writer.WantRoom();
-  EXPECT_EQ(ring.writer.WantRoom(), told);
+  const std::uint32_t told = ring.producer.RequestCredit();
+  EXPECT_EQ(ring.producer.RequestCredit(), told);
   RingFrame frame;
-  ASSERT_TRUE(ring.reader.Look());
+  ASSERT_TRUE(ring.consumer.Poll());
   for (std::size_t i = 0; i < frames; ++i) {
-    EXPECT_EQ(ring.reader.Release(), i >= frames / 2) << i;
-    ASSERT_TRUE(ring.reader.Next(frame));
+    EXPECT_EQ(ring.consumer.Release(), i >= frames / 2) << i;
+    ASSERT_TRUE(ring.consumer.Next(frame));
   }
-  EXPECT_NE(ring.reader.Told(), told);
-  EXPECT_FALSE(ring.reader.Release());
-  ring.writer.WantRoom();
-  EXPECT_TRUE(ring.reader.Release());
+  EXPECT_NE(ring.consumer.GrantCredit(), told);
+  EXPECT_FALSE(ring.consumer.Release());
+  ring.producer.RequestCredit();
+  EXPECT_TRUE(ring.consumer.Release());
 }
 
 // Both at the same moment, over and over: a writer that looks whether the reader is still busy, and a reader that stops
@@ -135,41 +135,41 @@ TYPED_TEST(RingTest, TellsOfRoomOnceAndOnlyWhenHalfIsFree) {
 TEST(RingThreads, ABusyReaderFallsAsleepOverNoFrame) {
   constexpr int kTimes = 30'000;
   TinyRing<std::uint16_t, 256> ring;
-  WakeWord wakeWord;
-  RemoteWakeWord remoteWord{zq::posix::Descriptor(::dup(wakeWord.GetDescriptor()))};
+  ParkingWord parkingWord;
+  PeerParkingWord peerWord{zq::posix::Descriptor(::dup(parkingWord.GetDescriptor()))};
   std::atomic<int> begun{0};
   std::atomic<int> written{0};
   bool rung = false;
   const auto waitFor = [](const std::atomic<int>& counter, int value) {
     for (int looks = 0; counter.load() < value; ++looks) {
-      looks < 1000 ? PauseProcessor() : std::this_thread::yield();
+      looks < 1000 ? SpinPause() : std::this_thread::yield();
     }
   };
   std::thread writer([&] {
     for (int time = 1; time <= kTimes; ++time) {
       waitFor(begun, time);
-      static_cast<void>(remoteWord.Busy());  // so that the word is at hand and the ring is not
+      static_cast<void>(peerWord.Busy());  // so that the word is at hand and the ring is not
       ring.Put("frame");
       rung = false;
-      if (!remoteWord.Busy()) {
-        ring.writer.OrderCommit();
-        rung = remoteWord.ToBeRung();
+      if (!peerWord.Busy()) {
+        ring.producer.FenceCommit();
+        rung = peerWord.NeedsDoorbell();
       }
       written = time;
     }
   });
   for (int time = 1; time <= kTimes; ++time) {
-    wakeWord.NoteFrames(WakeWord::kBusyAfter);
+    parkingWord.NoteConsumed(ParkingWord::kBusyAfter);
     begun = time;
     for (int i = 0; i < time % 32; ++i) {
-      PauseProcessor();
+      SpinPause();
     }
-    wakeWord.Arm();
-    const bool seen = ring.reader.Look();
+    parkingWord.Park();
+    const bool seen = ring.consumer.Poll();
     waitFor(written, time);
     EXPECT_TRUE(seen || rung) << time;
     ASSERT_EQ(ring.Take(), "frame");
-    wakeWord.Disarm();
+    parkingWord.Unpark();
   }
   writer.join();
 }
@@ -180,8 +180,8 @@ TEST(RingThreads, NobodyIsForgotten) {
   constexpr std::size_t kFrames = 100'000;
   constexpr std::chrono::seconds kPatience{60};
   TinyRing<std::uint8_t, 64> ring;
-  WakeWord wakeWord;
-  RemoteWakeWord remoteWord{zq::posix::Descriptor(::dup(wakeWord.GetDescriptor()))};
+  ParkingWord parkingWord;
+  PeerParkingWord peerWord{zq::posix::Descriptor(::dup(parkingWord.GetDescriptor()))};
   std::counting_semaphore<> bell{0};
   std::counting_semaphore<> room{0};
   std::atomic<bool> failed{false};
@@ -189,40 +189,40 @@ TEST(RingThreads, NobodyIsForgotten) {
     for (std::size_t i = 0; i < kFrames && !failed;) {
       const std::string text(1 + i % 20, static_cast<char>('a' + i % 26));
       if (!ring.Put(text)) {
-        ring.writer.WantRoom();
-        if (!ring.writer.HasRoom(text.size()) && !room.try_acquire_for(kPatience)) {
+        ring.producer.RequestCredit();
+        if (!ring.producer.HasSpace(text.size()) && !room.try_acquire_for(kPatience)) {
           failed = true;
         }
         continue;
       }
       ++i;
-      if (remoteWord.Busy()) {
+      if (peerWord.Busy()) {
         continue;
       }
-      ring.writer.OrderCommit();
-      if (remoteWord.ToBeRung()) {
+      ring.producer.FenceCommit();
+      if (peerWord.NeedsDoorbell()) {
         bell.release();
       }
     }
   });
   RingFrame frame;
   for (std::size_t i = 0; i < kFrames && !failed;) {
-    for (bool any = ring.reader.Look(); any && ring.reader.Next(frame); ++i) {
+    for (bool any = ring.consumer.Poll(); any && ring.consumer.Next(frame); ++i) {
       ASSERT_EQ(frame.content.size(), 1 + i % 20);
       ASSERT_EQ(static_cast<char>(frame.content.back()), static_cast<char>('a' + i % 26));
     }
-    if (ring.reader.Release()) {
-      ring.reader.Told();
+    if (ring.consumer.Release()) {
+      ring.consumer.GrantCredit();
       room.release();
     }
     if (i == kFrames) {
       break;
     }
-    wakeWord.Arm();
-    if (!ring.reader.Look() && !ring.reader.ToldIsDue() && !bell.try_acquire_for(kPatience)) {
+    parkingWord.Park();
+    if (!ring.consumer.Poll() && !ring.consumer.CreditDue() && !bell.try_acquire_for(kPatience)) {
       failed = true;
     }
-    wakeWord.Disarm();
+    parkingWord.Unpark();
   }
   writer.join();
   EXPECT_FALSE(failed);

@@ -1,14 +1,11 @@
 #include "transport/host/host_transport.h"
 
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <cerrno>
 #include <limits>
 #include <new>
 #include <random>
@@ -19,46 +16,40 @@
 #include <utility>
 #include <vector>
 
-#include "transport/host/fault.h"
-#include "transport/host/link.h"
-#include "transport/host/look_pause.h"
+#include "system/poller.h"
+#include "system/tuning.h"
+#include "transport/host/link/acceptor.h"
+#include "transport/host/link/link.h"
+#include "transport/host/link/rendezvous.h"
+#include "transport/host/link/retry_timer.h"
 #include "transport/host/peer.h"
 #include "transport/host/publications.h"
-#include "transport/host/rendezvous.h"
-#include "transport/host/wake_word.h"
-#include "transport/host/wire.h"
-#include "zq/posix/descriptor.h"
+#include "transport/host/ring/parking_word.h"
+#include "transport/host/ring/poll_backoff.h"
+#include "transport/host/wire/fault.h"
+#include "transport/host/wire/frames.h"
 #include "zq/posix/error.h"
 
 namespace engine::transport::host {
 
 namespace {
 
-using zq::posix::Checked;
-using zq::posix::ThrowErrno;
+// Tokens of the poller: these two, and each link's id.
+constexpr Poller::Token kListenerToken = 0;
+constexpr Poller::Token kRetryToken = 1;
+constexpr Poller::Token kFirstLinkId = 2;
 
-// What the poller reports: these two, or a link by its id.
-constexpr std::uint64_t kListenerId = 0;
-constexpr std::uint64_t kTimerId = 1;
-constexpr std::uint64_t kFirstLinkId = 2;
-
-// Bounds of the work in one drain().
-constexpr std::size_t kEventsMax = 64;
+// Bounds of the work of one drain.
 constexpr int kFramesPerLinkMax = 64;
 constexpr std::size_t kFramesPerRingMax = 256;
-constexpr int kAcceptedMax = 64;
 
-const std::string kNotTakenIn = "cannot take in another context: ";
+// A context that parks again within this time is woken often.
+constexpr std::chrono::milliseconds kOften{1};
 
-// A context is, when it goes to sleep again within this time.
-constexpr std::chrono::milliseconds kWokenAllTheTime{1};
-
-// Until what the system refused for the moment is tried again.
-constexpr timespec kRetryDelay{0, 50'000'000};
-
-std::uint64_t RandomSession() {
+wire::Greeting MakeGreeting(const HostSettings& settings) {
   std::random_device device;
-  return (std::uint64_t{device()} << 32) | device();
+  const std::uint64_t session = (std::uint64_t{device()} << 32) | device();
+  return {session, static_cast<std::uint32_t>(::getpid()), settings.contextName};
 }
 
 class HostTransport final : public Transport {
@@ -66,6 +57,7 @@ class HostTransport final : public Transport {
   explicit HostTransport(const HostSettings& settings);
   ~HostTransport() override { Close(std::chrono::milliseconds(0)); }
 
+  const std::string& Identity() const noexcept override { return m_identity; }
   std::shared_ptr<Publication> Advertise(const PublicationInfo& info) override {
     return m_publications.Advertise(info);
   }
@@ -74,23 +66,21 @@ class HostTransport final : public Transport {
   }
   void Subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Subscribe(); }
   void Unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Unsubscribe(); }
-  SendResult Publish(Publication& publication, const OutboundMessage& message, bool block) override {
-    return static_cast<HostPublication&>(publication).Publish(message, block && !Draining(), m_closed);
+  SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override {
+    return static_cast<HostPublication&>(publication).Publish(message, Allowed(wait), m_closed);
   }
-  SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, bool block) override {
-    return static_cast<HostReplyPath&>(path).Respond(pieces, block && !Draining(), m_closed);
+  SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) override {
+    return static_cast<HostReplyPath&>(path).Respond(pieces, Allowed(wait), m_closed);
   }
-  int GetDescriptor() const noexcept override { return m_poller.Get(); }
-  bool Arm() override;
-  void Disarm() noexcept override { m_wakeWord.Disarm(); }
+  int GetDescriptor() const noexcept override { return m_poller.GetDescriptor(); }
+  bool Park() override;
+  void Unpark() noexcept override { m_parkingWord.Unpark(); }
   std::size_t DrainMemory(Listener& listener) override;
   std::size_t Drain(Listener& listener) override;
   void Close(std::chrono::milliseconds linger) noexcept override;
 
  private:
-  using Peers = std::unordered_map<std::uint64_t, Peer>;
-
-  // The calling thread is inside drain() while it lives.
+  // Marks the calling thread as being inside Drain.
   class DrainScope {
    public:
     explicit DrainScope(HostTransport& transport) : m_thread(transport.m_drainingThread) {
@@ -104,140 +94,100 @@ class HostTransport final : public Transport {
     std::atomic<std::thread::id>& m_thread;
   };
 
-  // Whether the calling thread is inside drain(), where waiting for room would keep the room from coming.
-  bool Draining() const noexcept {
-    return m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  SendWait Allowed(const SendWait& wait) const noexcept {
+    const bool draining = m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
+    return {wait.allowed && !draining, wait.abandoned};
   }
 
-  void Watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events);
-  void GetLink(zq::posix::Descriptor& socket, LinkKind kind);
-  void TryToLink(zq::posix::Descriptor socket);
-  void ConnectSelf();
-  std::size_t AcceptPeers();
-  void PauseAccepting();
-  std::string TryToOpenRing(Peer& peer, Listener& listener);
+  void LinkToSelf();
+  void Adopt(zq::posix::Descriptor& socket, LinkKind kind);
+  void OpenRing(Peer& peer, Listener& listener);
   void Retry(Listener& listener);
-  void RetryLater();
-  bool HasData() noexcept;
-  std::size_t ReceiveData(Listener& listener);
+  bool RingsHaveWork() noexcept;
+  std::size_t ConsumeRings(Listener& listener);
   std::size_t Serve(Peer& peer, std::uint32_t events, Listener& listener);
+  Link::Received ServeFrame(Peer& peer, std::size_t& done, Listener& listener);
   void EndPeer(Peer& peer, Listener& listener);
   void FlushPeers(std::chrono::milliseconds linger);
-  template <typename Compose>
-  void Notice(Compose compose) const noexcept;
-  template <typename Compose>
-  void NoticeRefusal(Compose compose) noexcept;
 
   const HostSettings m_settings;
-  const std::uint64_t m_session = RandomSession();
-  const std::vector<std::byte> m_greeting;
-  const zq::posix::Descriptor m_poller;
-  const zq::posix::Descriptor m_timer;
+  const wire::Greeting m_greeting;
+  const std::string m_identity;
+  const std::vector<std::byte> m_hello;
+  const Warnings m_warnings;
+  Poller m_poller;
+  RetryTimer m_retryTimer;
   PublicationRegistry m_publications;
   Rendezvous m_rendezvous;
-  WakeWord m_wakeWord;
+  ParkingWord m_parkingWord;
   std::atomic<bool> m_closed{false};
   std::atomic<std::thread::id> m_drainingThread{};
 
-  // For the thread inside drain():
+  // For the thread inside Drain:
+  Acceptor m_acceptor;
   std::uint64_t m_nextLinkId = kFirstLinkId;
-  Peers m_peers;                 // by the link's id
-  std::vector<Peer*> m_senders;  // those of m_peers that have passed a ring
-  LookPause m_lookPause;
-  std::chrono::steady_clock::time_point m_armedAt;
-  std::vector<Rendezvous::Neighbour> m_busyNeighbours;
-  std::vector<zq::posix::Descriptor> m_unlinked;  // connections that the system did not let this context watch
-  bool m_refusalTold = false;                     // since it last took somebody in
+  std::unordered_map<std::uint64_t, Peer> m_peers;  // by the link's id
+  std::vector<Peer*> m_producers;                   // those of m_peers that have passed a ring
+  PollBackoff m_pollBackoff;
+  std::chrono::steady_clock::time_point m_lastPark;
   std::vector<std::byte> m_packet;
 };
 
-// Tells the text that compose() makes, if any. Without memory for that nothing is told, and the context goes on.
-template <typename Compose>
-void HostTransport::Notice(Compose compose) const noexcept {
-  try {
-    if (const std::string text = compose(); m_settings.notice && !text.empty()) {
-      m_settings.notice(kNoticeWarning, text);
-    }
-  } catch (const std::bad_alloc&) {
-  }
-}
-
-// Tells the first of the refusals only: while the system refuses, it is asked again and again.
-template <typename Compose>
-void HostTransport::NoticeRefusal(Compose compose) noexcept {
-  if (!std::exchange(m_refusalTold, true)) {
-    Notice(compose);
-  }
-}
-
 HostTransport::HostTransport(const HostSettings& settings)
     : m_settings(settings),
-      m_greeting(wire::EncodeHello({m_session, static_cast<std::uint32_t>(::getpid()), settings.contextName})),
-      m_poller(Checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create a poller for the links")),
-      m_timer(Checked(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "cannot create a timer")),
-      m_publications(settings.firstSequence),
-      m_rendezvous(settings.runtimeDirectory.empty() ? RuntimeDirectory() : settings.runtimeDirectory, settings.domain,
-                   m_session),
+      m_greeting(MakeGreeting(settings)),
+      m_identity(wire::IdentityOf(m_greeting)),
+      m_hello(wire::EncodeHello(m_greeting)),
+      m_warnings(settings.warn),
+      m_retryTimer(m_poller, kRetryToken),
+      m_publications(m_identity, settings.firstSequence),
+      m_rendezvous(settings.runtimeDirectory, settings.domain, m_greeting.session),
+      m_acceptor(m_rendezvous, m_poller, kListenerToken, m_retryTimer, m_warnings,
+                 [this](zq::posix::Descriptor& socket) { Adopt(socket, LinkKind::kPeer); }),
       m_packet(wire::kPacketMax) {
-  Watch(m_timer.Get(), kTimerId, EPOLL_CTL_ADD, EPOLLIN);
-  ConnectSelf();
-  for (Rendezvous::Neighbour& neighbour : m_rendezvous.Join(settings.joinPatience)) {
-    if (neighbour.socket) {
-      GetLink(neighbour.socket, LinkKind::kPeer);
-    } else {
-      m_busyNeighbours.push_back(std::move(neighbour));
-    }
-  }
-  Watch(m_rendezvous.Listener(), kListenerId, EPOLL_CTL_ADD, EPOLLIN);
-  if (!m_busyNeighbours.empty()) {
-    RetryLater();
-  }
+  LinkToSelf();
+  m_acceptor.Join(settings.joinPatience);
 }
 
-bool HostTransport::Arm() {
-  // Woken all the time, it first lets writers have the processor that share it: the more they have written, the fewer
-  // wake-ups. Otherwise it sleeps at once, since any other neighbour might keep the processor for a while.
+bool HostTransport::Park() {
+  // Woken often, it first lets producers run that share its processor: the more they have committed, the fewer
+  // wake-ups. Otherwise it parks at once, since any other thread that it yields to might keep the processor for a
+  // while.
   const auto now = std::chrono::steady_clock::now();
-  if (now - std::exchange(m_armedAt, now) < kWokenAllTheTime) {
+  if (tuning::kYieldBeforeParking && now - std::exchange(m_lastPark, now) < kOften) {
     std::this_thread::yield();
-    if (HasData()) {
+    if (RingsHaveWork()) {
       return false;
     }
   }
-  m_wakeWord.Arm();
-  if (HasData()) {
-    m_wakeWord.Disarm();
+  m_parkingWord.Park();
+  if (RingsHaveWork()) {
+    m_parkingWord.Unpark();
     return false;
   }
   return true;
 }
 
-bool HostTransport::HasData() noexcept {
-  return std::any_of(m_senders.begin(), m_senders.end(), [](Peer* peer) { return peer->HasData(); });
+bool HostTransport::RingsHaveWork() noexcept {
+  return std::any_of(m_producers.begin(), m_producers.end(), [](Peer* peer) { return peer->RingHasWork(); });
 }
 
 std::size_t HostTransport::DrainMemory(Listener& listener) {
   const DrainScope scope(*this);
-  return ReceiveData(listener);
+  return ConsumeRings(listener);
 }
 
 std::size_t HostTransport::Drain(Listener& listener) {
   const DrainScope scope(*this);
-  std::size_t done = ReceiveData(listener);
-  std::array<epoll_event, kEventsMax> events;
-  int count = 0;
-  while ((count = ::epoll_wait(m_poller.Get(), events.data(), kEventsMax, 0)) < 0) {
-    if (errno != EINTR) {
-      ThrowErrno("cannot poll the links");
-    }
-  }
-  for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(count))) {
+  std::size_t done = ConsumeRings(listener);
+  Poller::Events storage;
+  for (const epoll_event& event : m_poller.Poll(storage, 0)) {
     if (m_closed) {
       break;
     }
-    if (event.data.u64 == kListenerId) {
-      done += AcceptPeers();
-    } else if (event.data.u64 == kTimerId) {
+    if (event.data.u64 == kListenerToken) {
+      done += m_acceptor.Accept();
+    } else if (event.data.u64 == kRetryToken) {
       Retry(listener);
       ++done;
     } else if (const auto found = m_peers.find(event.data.u64); found != m_peers.end()) {
@@ -256,226 +206,156 @@ void HostTransport::Close(std::chrono::milliseconds linger) noexcept {
     m_publications.WithdrawAll();
     FlushPeers(linger);
   } catch (const std::exception& error) {
-    Notice([&] { return std::string("left the domain without sending everything: ") + TextOf(error); });
+    m_warnings.Tell([&] { return std::string("left the domain without sending everything: ") + TextOf(error); });
   }
   for (const auto& link : m_publications.Links()) {
-    link->End();
+    link->Close();
   }
 }
 
-void HostTransport::Watch(int descriptor, std::uint64_t id, int operation, std::uint32_t events) {
-  epoll_event event{};
-  event.events = events;
-  event.data.u64 = id;
-  if (::epoll_ctl(m_poller.Get(), operation, descriptor, &event) != 0) {
-    ThrowErrno("cannot watch another descriptor; free memory, or raise fs.epoll.max_user_watches");
+void HostTransport::LinkToSelf() {
+  int ends[2];
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
+    zq::posix::ThrowErrno("cannot connect a context to itself");
   }
+  zq::posix::Descriptor advertising(ends[0]);
+  zq::posix::Descriptor finding(ends[1]);
+  Adopt(advertising, LinkKind::kSelfAdvertising);
+  Adopt(finding, LinkKind::kSelfFinding);
 }
 
-// Throws std::system_error, and leaves the socket to the caller, when the system does not let this context watch it.
-void HostTransport::GetLink(zq::posix::Descriptor& socket, LinkKind kind) {
+// See Acceptor::Adopt.
+void HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
   if (!SameUser(socket.Get())) {
-    Notice([] { return "refused a context that runs as another user"; });
+    m_warnings.Tell([] { return "refused a context that runs as another user"; });
     return;
   }
   const std::uint64_t id = m_nextLinkId++;
-  Watch(socket.Get(), id, EPOLL_CTL_ADD, EPOLLIN);
-  const auto made = std::make_shared<Link>(id, kind, std::move(socket), m_poller.Get(), m_wakeWord.GetDescriptor());
-  m_peers.try_emplace(made->Id(), made,
-                      Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes)});
-  m_publications.Attach(made, m_greeting);
-}
-
-// The same for a context that is one of many: what is wrong with it is not to be this context's end.
-void HostTransport::TryToLink(zq::posix::Descriptor socket) {
-  const std::uint64_t id = m_nextLinkId;
+  m_poller.Add(socket.Get(), id, EPOLLIN);
+  const auto link = std::make_shared<Link>(id, kind, std::move(socket), m_poller, m_parkingWord.GetDescriptor());
+  m_peers.try_emplace(id, link, Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes)});
   try {
-    m_unlinked.reserve(m_unlinked.size() + 1);  // so that keeping the socket cannot fail below
-    GetLink(socket, LinkKind::kPeer);
-    m_refusalTold = false;
-  } catch (const std::system_error& error) {
-    NoticeRefusal([&] { return kNotTakenIn + error.what(); });
-    m_unlinked.push_back(std::move(socket));
-    RetryLater();
-  } catch (const std::exception& error) {
-    Notice([&] { return kNotTakenIn + TextOf(error); });
-    if (const auto made = m_peers.find(id); made != m_peers.end()) {
-      made->second.GetLink()->BreakOff({});
-    }
+    m_publications.Attach(link, m_hello);
+  } catch (...) {
+    link->Abort({});
+    throw;
   }
 }
 
-void HostTransport::ConnectSelf() {
-  int ends[2];
-  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
-    ThrowErrno("cannot connect a context to itself");
-  }
-  zq::posix::Descriptor announcing(ends[0]);
-  zq::posix::Descriptor finding(ends[1]);
-  GetLink(announcing, LinkKind::kSelfAnnouncing);
-  GetLink(finding, LinkKind::kSelfFinding);
-}
-
-std::size_t HostTransport::AcceptPeers() {
-  std::size_t accepted = 0;
-  for (int attempt = 0; attempt < kAcceptedMax; ++attempt) {
-    zq::posix::Descriptor socket(::accept4(m_rendezvous.Listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (socket) {
-      TryToLink(std::move(socket));
-      ++accepted;
-    } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-      NoticeRefusal([error = errno] {
-        return kNotTakenIn + zq::posix::ErrorText(error) + "; raise the limit of open files (ulimit -n)";
-      });
-      PauseAccepting();
-      break;
-    } else if (errno != EINTR && errno != ECONNABORTED) {
-      break;
-    }
-  }
-  return accepted;
-}
-
-// The listener stays readable while the system refuses; looking at it all the time would not help.
-void HostTransport::PauseAccepting() {
-  Watch(m_rendezvous.Listener(), kListenerId, EPOLL_CTL_MOD, 0);
-  RetryLater();
-}
-
-// Gives the system's refusal, after which it is tried again later; empty when there was none.
-std::string HostTransport::TryToOpenRing(Peer& peer, Listener& listener) {
+// A refusal of the system is told, and tried again later.
+void HostTransport::OpenRing(Peer& peer, Listener& listener) {
   try {
     peer.OpenRing(listener);
-    return {};
   } catch (const std::system_error& error) {
-    RetryLater();
-    return error.what();
+    m_retryTimer.Start();
+    m_warnings.Tell([&] { return "cannot send to " + peer.Description() + " yet: " + error.what(); });
   }
 }
 
 void HostTransport::Retry(Listener& listener) {
-  std::uint64_t expirations = 0;
-  if (::read(m_timer.Get(), &expirations, sizeof(expirations)) < 0) {
+  if (!m_retryTimer.TakeExpiry()) {
     return;
   }
-  Watch(m_rendezvous.Listener(), kListenerId, EPOLL_CTL_MOD, EPOLLIN);
   for (auto& [id, peer] : m_peers) {
-    if (peer.AwaitsRing()) {
-      try {
-        TryToOpenRing(peer, listener);
-      } catch (const std::exception& error) {
-        peer.GetLink()->BreakOff(TextOf(error));
-      }
+    if (!peer.AwaitsRing()) {
+      continue;
     }
-  }
-  for (zq::posix::Descriptor& socket : std::exchange(m_unlinked, {})) {
-    TryToLink(std::move(socket));
-  }
-  for (auto neighbour = m_busyNeighbours.begin(); neighbour != m_busyNeighbours.end();) {
-    auto outcome = Rendezvous::Outcome::kBacklogFull;
     try {
-      outcome = m_rendezvous.Connect(*neighbour);
+      peer.OpenRing(listener);
+    } catch (const std::system_error&) {
+      m_retryTimer.Start();  // told when it was refused first
     } catch (const std::exception& error) {
-      NoticeRefusal([&] { return TextOf(error); });
+      peer.GetLink()->Abort(TextOf(error));
     }
-    if (outcome == Rendezvous::Outcome::kConnected) {
-      TryToLink(std::move(neighbour->socket));
-    }
-    neighbour = outcome == Rendezvous::Outcome::kBacklogFull ? neighbour + 1 : m_busyNeighbours.erase(neighbour);
   }
-  if (!m_busyNeighbours.empty()) {
-    RetryLater();
-  }
+  m_acceptor.Retry();
 }
 
-void HostTransport::RetryLater() {
-  const itimerspec delay{{}, kRetryDelay};
-  if (::timerfd_settime(m_timer.Get(), 0, &delay, nullptr) != 0) {
-    ThrowErrno("cannot set a timer");
-  }
-}
-
-// Takes in what is in the rings.
-std::size_t HostTransport::ReceiveData(Listener& listener) {
-  if (m_lookPause.Due()) {
-    LookPause::Pass();
+std::size_t HostTransport::ConsumeRings(Listener& listener) {
+  if (m_pollBackoff.Due()) {
+    PollBackoff::Pause();
   }
   std::size_t done = 0;
-  for (std::size_t i = 0; i < m_senders.size() && !m_closed.load(std::memory_order_relaxed);) {
-    Peer& peer = *m_senders[i];
+  for (std::size_t i = 0; i < m_producers.size() && !m_closed.load(std::memory_order_relaxed);) {
+    Peer& peer = *m_producers[i];
     try {
-      done += peer.ReceiveData(kFramesPerRingMax, listener);
+      done += peer.ConsumeRing(kFramesPerRingMax, listener);
       ++i;
       continue;
     } catch (const std::exception& error) {
-      peer.GetLink()->BreakOff(TextOf(error));
+      peer.GetLink()->Abort(TextOf(error));
     }
-    EndPeer(peer, listener);  // takes it out of m_senders
+    EndPeer(peer, listener);  // takes it out of m_producers
     ++done;
   }
-  m_wakeWord.NoteFrames(done);
-  m_lookPause.Note(done);
+  m_parkingWord.NoteConsumed(done);
+  m_pollBackoff.NotePoll(done);
   return done;
 }
 
 std::size_t HostTransport::Serve(Peer& peer, std::uint32_t events, Listener& listener) {
-  constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
   std::size_t done = 0;
   try {
     if ((events & EPOLLOUT) != 0) {
       ++done;
       peer.GetLink()->Flush();
     }
-    for (int frames = 0;; ++frames) {
-      if (frames == kFramesPerLinkMax || m_closed) {
-        return done;
-      }
-      Link::Arrival arrival = peer.GetLink()->Receive(m_packet);
-      if (arrival.what == Link::Received::kNothing) {
-        return done;
-      }
-      ++done;
-      const bool hangUp = arrival.what == Link::Received::kHangUp;
-      if (!hangUp || peer.GetLink()->FaultText().empty()) {
-        done += peer.ReceiveData(kAll, listener);
-      }
-      if (hangUp) {
-        break;
-      }
-      const bool sentData = peer.SendsData();
-      const bool awaitedRing = peer.AwaitsRing();
-      peer.Handle(std::move(arrival), listener);
-      if (peer.SendsData() != sentData) {
-        m_senders.push_back(&peer);
-      }
-      if (peer.AwaitsRing() && !awaitedRing) {
-        if (const std::string refusal = TryToOpenRing(peer, listener); !refusal.empty()) {
-          Notice([&] { return "cannot send to " + peer.Description() + " yet: " + refusal; });
-        }
-      }
+    auto received = Link::Received::kFrame;
+    for (int frames = 0; received == Link::Received::kFrame && frames < kFramesPerLinkMax && !m_closed; ++frames) {
+      received = ServeFrame(peer, done, listener);
+    }
+    if (received != Link::Received::kHangUp) {
+      return done;
     }
   } catch (const std::exception& error) {
-    peer.GetLink()->BreakOff(TextOf(error));
+    peer.GetLink()->Abort(TextOf(error));
   }
   EndPeer(peer, listener);
   return done;
 }
 
+// Handles one frame of the link, if there is one, and counts what was done.
+Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener& listener) {
+  constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+  Link::Arrival arrival = peer.GetLink()->Receive(m_packet);
+  const Link::Received received = arrival.what;
+  if (received == Link::Received::kNothing) {
+    return received;
+  }
+  ++done;
+  // First what the peer had committed to its ring before that, unless it was cut off.
+  if (received == Link::Received::kFrame || peer.GetLink()->AbortReason().empty()) {
+    done += peer.ConsumeRing(kAll, listener);
+  }
+  if (received == Link::Received::kFrame) {
+    const bool hadRing = peer.HasInboundRing();
+    const bool awaitedRing = peer.AwaitsRing();
+    peer.Handle(std::move(arrival), listener);
+    if (peer.HasInboundRing() != hadRing) {
+      m_producers.push_back(&peer);
+    }
+    if (peer.AwaitsRing() && !awaitedRing) {
+      OpenRing(peer, listener);
+    }
+  }
+  return received;
+}
+
 // For a link that is hung up, by either side.
 void HostTransport::EndPeer(Peer& peer, Listener& listener) {
-  std::erase(m_senders, &peer);
+  std::erase(m_producers, &peer);
   HostPublications publications;
   try {
     publications = m_publications.Detach(*peer.GetLink());
   } catch (const std::bad_alloc&) {
     return;  // the link will be found hung up again
   }
-  Notice([&] {
-    const std::string fault = peer.GetLink()->FaultText();
-    return fault.empty() ? fault : "cut off " + peer.Description() + ": " + fault;
+  m_warnings.Tell([&] {
+    const std::string reason = peer.GetLink()->AbortReason();
+    return reason.empty() ? reason : "cut off " + peer.Description() + ": " + reason;
   });
   const auto node = m_peers.extract(peer.GetLink()->Id());
-  peer.GetLink()->End();
+  peer.GetLink()->Close();
   peer.End(listener);
   for (const auto& publication : publications) {
     if (!publication->Withdrawn()) {
@@ -483,21 +363,21 @@ void HostTransport::EndPeer(Peer& peer, Listener& listener) {
     }
   }
   for (const auto& publication : publications) {
-    // It may have been the one without room.
-    if (publication->TakeWaiting() && !publication->Withdrawn()) {
+    // It may have been the one without space.
+    if (publication->TakeBlocked() && !publication->Withdrawn()) {
       listener.OnWritable(*publication);
     }
   }
 }
 
 void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
-  // Room in a ring does not show on a descriptor.
-  constexpr std::chrono::milliseconds kLookAgain{1};
+  // Space in a ring does not show on a descriptor.
+  constexpr std::chrono::milliseconds kRingPollInterval{1};
   const auto deadline = std::chrono::steady_clock::now() + linger;
   std::vector<pollfd> unsent;
   for (;;) {
     unsent.clear();
-    const bool waiting = !m_publications.FlushSenders();
+    const bool ringsPending = !m_publications.FlushAll();
     for (const auto& link : m_publications.Links()) {
       // Nobody is left at the other end of the links to this context itself.
       if (link->Kind() == LinkKind::kPeer && !link->Flush()) {
@@ -505,11 +385,11 @@ void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
       }
     }
     const auto left = deadline - std::chrono::steady_clock::now();
-    if ((unsent.empty() && !waiting) || left <= left.zero()) {
+    if ((unsent.empty() && !ringsPending) || left <= left.zero()) {
       return;
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left);
-    ::poll(unsent.data(), unsent.size(), static_cast<int>((waiting ? kLookAgain : wait).count()));
+    ::poll(unsent.data(), unsent.size(), static_cast<int>((ringsPending ? kRingPollInterval : wait).count()));
   }
 }
 
@@ -517,8 +397,8 @@ void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
 
 std::unique_ptr<Transport> JoinHostDomain(const HostSettings& settings) {
   if (settings.contextName.size() > wire::kNameMax) {
-    throw std::runtime_error("the context name has " + std::to_string(settings.contextName.size()) +
-                             " bytes; at most " + std::to_string(wire::kNameMax) + " are possible");
+    throw std::invalid_argument("the context name has " + std::to_string(settings.contextName.size()) +
+                                " bytes; at most " + std::to_string(wire::kNameMax) + " are possible");
   }
   return std::make_unique<HostTransport>(settings);
 }

@@ -4,17 +4,18 @@
 #include <stdexcept>
 #include <utility>
 
-#include "transport/host/pieces.h"
+#include "transport/host/wire/gather.h"
 
 namespace engine::transport::host {
 
-HostPublication::HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence,
-                                 PublishingMutex& mutex)
-    : m_id(id), m_info(std::move(info)), m_mutex(mutex), m_nextSequence(firstSequence) {}
+HostPublication::HostPublication(std::uint32_t id, std::string session, PublicationInfo info,
+                                 std::uint32_t firstSequence, PublishingMutex& mutex)
+    : Publication(id, std::move(session)), m_info(std::move(info)), m_mutex(mutex), m_nextSequence(firstSequence) {}
 
-SendResult HostPublication::Publish(const OutboundMessage& message, bool mayWait, const std::atomic<bool>& closed) {
+SendResult HostPublication::Publish(const OutboundMessage& message, const SendWait& wait,
+                                    const std::atomic<bool>& closed) {
   wire::FragmentHeader header;
-  header.source = m_id;
+  header.source = Id();
   header.request = message.requestId;
   header.total = MessageSize(message.pieces);
   if (message.channel) {
@@ -22,15 +23,15 @@ SendResult HostPublication::Publish(const OutboundMessage& message, bool mayWait
     header.channel = *message.channel;
   }
   for (;;) {
-    std::shared_ptr<DataSender> full;
-    std::uint32_t told = 0;
+    std::shared_ptr<Subscriber> full;
+    std::uint32_t granted = 0;
     {
       const std::lock_guard lock(m_mutex);
       if (closed) {
         return SendResult::kClosed;
       }
-      if (m_info.pacing == Pacing::kReceiver && !SubscribersKnowOfRoom(header.total)) {
-        full = AskForRoom(header.total, told);
+      if (m_info.pacing == Pacing::kReceiver && !EveryoneHasSpaceCached(header.total)) {
+        full = FindFullRequestingCredit(header.total, granted);
       }
       if (full == nullptr) {
         header.sequence = m_nextSequence++;
@@ -39,51 +40,51 @@ SendResult HostPublication::Publish(const OutboundMessage& message, bool mayWait
         }
         return SendResult::kSent;
       }
-      if (!mayWait) {
-        if (!m_waiting.load()) {
-          full->NotifyOfRoom(m_id);
-          m_waiting.store(true);
+      if (!wait.GoesOn()) {
+        if (!m_blocked.load()) {
+          full->AddBlocked(Id());
+          m_blocked.store(true);
         }
         return SendResult::kWouldBlock;
       }
     }
-    full->AwaitRoom(told);
+    full->WaitForCredit(granted);
   }
 }
 
-bool HostPublication::SubscribersKnowOfRoom(std::size_t bytes) const noexcept {
+bool HostPublication::EveryoneHasSpaceCached(std::size_t bytes) const noexcept {
   return std::all_of(m_subscribers.begin(), m_subscribers.end(),
-                     [&](const auto& subscriber) { return subscriber->KnowsOfRoom(bytes); });
+                     [&](const auto& subscriber) { return subscriber->HasSpaceCached(bytes); });
 }
 
-// A subscriber without room, which was asked to tell of it; told: as DataSender::wantRoom() returned it. Null when all
-// have room.
-std::shared_ptr<DataSender> HostPublication::AskForRoom(std::size_t bytes, std::uint32_t& told) const {
-  std::shared_ptr<DataSender> full = FullSubscriber(bytes);
-  // Looked at once more after the wish: it may have made room before, which it would not tell of.
-  for (std::shared_ptr<DataSender> asked; full != nullptr && full != asked; full = FullSubscriber(bytes)) {
-    told = full->WantRoom();
+// A subscriber without space, of which credit was requested; granted is set as Subscriber::RequestCredit returned it.
+// Null when all have space.
+std::shared_ptr<Subscriber> HostPublication::FindFullRequestingCredit(std::size_t bytes, std::uint32_t& granted) const {
+  std::shared_ptr<Subscriber> full = FindFull(bytes);
+  // Looked at once more after the request: space made before it is granted to nobody.
+  for (std::shared_ptr<Subscriber> asked; full != nullptr && full != asked; full = FindFull(bytes)) {
+    granted = full->RequestCredit();
     asked = full;
   }
   return full;
 }
 
-std::shared_ptr<DataSender> HostPublication::FullSubscriber(std::size_t bytes) const {
+std::shared_ptr<Subscriber> HostPublication::FindFull(std::size_t bytes) const {
   const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
-                                  [&](const auto& subscriber) { return !subscriber->HasRoom(bytes); });
+                                  [&](const auto& subscriber) { return !subscriber->HasSpace(bytes); });
   return found == m_subscribers.end() ? nullptr : *found;
 }
 
-bool HostPublication::AddSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token) {
+bool HostPublication::AddSubscriber(const std::shared_ptr<Subscriber>& subscriber, std::uint32_t token) {
   const std::lock_guard lock(m_mutex);
   if (m_withdrawn) {
     return false;
   }
-  if (std::find(m_subscribers.begin(), m_subscribers.end(), sender) != m_subscribers.end()) {
+  if (std::find(m_subscribers.begin(), m_subscribers.end(), subscriber) != m_subscribers.end()) {
     throw Fault("it subscribed twice to one source");
   }
-  sender->Subscribed(m_id, token, m_nextSequence);
-  m_subscribers.push_back(sender);
+  subscriber->Accept(Id(), token, m_nextSequence);
+  m_subscribers.push_back(subscriber);
   return true;
 }
 
@@ -94,16 +95,16 @@ bool HostPublication::RemoveSubscriber(const Link& link) {
   if (found == m_subscribers.end()) {
     return false;
   }
-  (*found)->Unsubscribed(m_id);
+  (*found)->Forget(Id());
   m_subscribers.erase(found);
   return true;
 }
 
-std::vector<std::shared_ptr<DataSender>> HostPublication::Withdraw() {
+std::vector<std::shared_ptr<Subscriber>> HostPublication::Withdraw() {
   const std::lock_guard lock(m_mutex);
   m_withdrawn = true;
   for (const auto& subscriber : m_subscribers) {
-    subscriber->Withdrawn(m_id);
+    subscriber->Withdraw(Id());
   }
   return std::exchange(m_subscribers, {});
 }
@@ -114,18 +115,19 @@ bool HostPublication::Withdrawn() const {
 }
 
 std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const PublicationInfo& info) {
-  for (const std::string* name : {&info.topic, &info.session}) {
-    if (name->size() > wire::kNameMax) {
-      throw std::runtime_error("the name \"" + name->substr(0, 64) + "...\" has " + std::to_string(name->size()) +
-                               " bytes; at most " + std::to_string(wire::kNameMax) + " are possible");
-    }
+  if (info.topic.size() > wire::kNameMax) {
+    throw std::invalid_argument("the topic \"" + info.topic.substr(0, 64) + "...\" has " +
+                                std::to_string(info.topic.size()) + " bytes; at most " +
+                                std::to_string(wire::kNameMax) + " are possible");
   }
   const std::lock_guard lock(m_mutex);
-  auto publication = std::make_shared<HostPublication>(m_nextId++, info, m_firstSequence, m_publishing);
-  m_publications.emplace(publication->Id(), publication);
+  const std::uint32_t id = ++m_lastId;
+  auto publication =
+      std::make_shared<HostPublication>(id, wire::SourceIdentity(m_identity, id), info, m_firstSequence, m_publishing);
+  m_publications.emplace(id, publication);
   wire::AdvertiseBatch batch;
-  batch.Add(publication->Id(), info.topic, info.session);
-  Announce(batch.Frame(), [](const Link&) { return true; });
+  batch.Add(id, info.topic);
+  SendToLinks(batch.Packet(), [](const Link&) { return true; });
   return publication;
 }
 
@@ -136,9 +138,9 @@ void PublicationRegistry::Withdraw(HostPublication& publication) {
   if (m_publications.erase(publication.Id()) != 0) {
     wire::Withdraw frame;
     frame.source = publication.Id();
-    Announce(wire::BytesOf(frame), [&](const Link& link) {
+    SendToLinks(wire::BytesOf(frame), [&](const Link& link) {
       return std::none_of(told.begin(), told.end(),
-                          [&](const auto& sender) { return sender->GetLink().get() == &link; });
+                          [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
     });
   }
 }
@@ -162,21 +164,20 @@ std::shared_ptr<HostPublication> PublicationRegistry::Find(std::uint32_t id) con
   return found == m_publications.end() ? nullptr : found->second;
 }
 
-void PublicationRegistry::Attach(const std::shared_ptr<Link>& link, wire::Bytes greeting) {
+void PublicationRegistry::Attach(const std::shared_ptr<Link>& link, wire::Bytes hello) {
   const std::lock_guard lock(m_mutex);
-  link->SendControl(greeting);
+  link->SendControl(hello);
   if (link->Kind() != LinkKind::kSelfFinding) {
     wire::AdvertiseBatch batch;
     for (const auto& [id, publication] : m_publications) {
-      const PublicationInfo& info = publication->Info();
-      if (!batch.Add(id, info.topic, info.session)) {
-        link->SendControl(batch.Frame());
+      if (!batch.Add(id, publication->Info().topic)) {
+        link->SendControl(batch.Packet());
         batch.Clear();
-        batch.Add(id, info.topic, info.session);
+        batch.Add(id, publication->Info().topic);
       }
     }
     if (!batch.Empty()) {
-      link->SendControl(batch.Frame());
+      link->SendControl(batch.Packet());
     }
   }
   m_links.push_back(link);
@@ -193,7 +194,7 @@ HostPublications PublicationRegistry::Detach(const Link& link) {
   }
   std::erase_if(publications, [&](const auto& publication) { return !publication->RemoveSubscriber(link); });
   const std::lock_guard lock(m_publishing);
-  std::erase_if(m_senders, [&](const auto& sender) { return sender->GetLink().get() == &link; });
+  std::erase_if(m_subscribers, [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
   return publications;
 }
 
@@ -202,27 +203,28 @@ std::vector<std::shared_ptr<Link>> PublicationRegistry::Links() const {
   return m_links;
 }
 
-void PublicationRegistry::AddSender(const std::shared_ptr<DataSender>& sender) {
+void PublicationRegistry::AddSubscriber(const std::shared_ptr<Subscriber>& subscriber) {
   const std::lock_guard lock(m_publishing);
-  m_senders.push_back(sender);
+  m_subscribers.push_back(subscriber);
 }
 
-std::vector<std::uint32_t> PublicationRegistry::Flush(DataSender& sender) {
+std::vector<std::uint32_t> PublicationRegistry::Flush(Subscriber& subscriber) {
   const std::lock_guard lock(m_publishing);
-  return sender.Flush() ? sender.TakeWaiting() : std::vector<std::uint32_t>();
+  return subscriber.Flush() ? subscriber.TakeBlocked() : std::vector<std::uint32_t>();
 }
 
-bool PublicationRegistry::FlushSenders() {
+bool PublicationRegistry::FlushAll() {
   const std::lock_guard lock(m_publishing);
   bool all = true;
-  for (const auto& sender : m_senders) {
-    all = (sender->GetLink()->Kind() != LinkKind::kPeer || !sender->WithinReach() || sender->Flush()) && all;
+  for (const auto& subscriber : m_subscribers) {
+    const bool another = subscriber->GetLink()->Kind() == LinkKind::kPeer;
+    all = (!another || !subscriber->CheckReachable() || subscriber->Flush()) && all;
   }
   return all;
 }
 
 template <typename Selects>
-void PublicationRegistry::Announce(wire::Bytes frame, Selects selects) {
+void PublicationRegistry::SendToLinks(wire::Bytes frame, Selects selects) {
   for (const auto& link : m_links) {
     if (link->Kind() != LinkKind::kSelfFinding && selects(*link)) {
       link->SendControl(frame);

@@ -1,4 +1,4 @@
-// The sources of one context, and the links on which they are announced.
+// The sources of one context, and the links on which they are advertised.
 #pragma once
 
 #include <atomic>
@@ -6,57 +6,58 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
 #include "system/biased_mutex.h"
-#include "transport/host/data_sender.h"
-#include "transport/host/link.h"
+#include "system/tuning.h"
+#include "transport/host/link/link.h"
+#include "transport/host/subscriber.h"
 #include "transport/transport.h"
 
 namespace engine::transport::host {
 
-// One for all publications of a context: it orders their messages in the rings that they share, and costs a message the
-// same however many subscribers it has, next to nothing when one thread publishes. Taken before a link's mutex, never
-// with the registry's.
-using PublishingMutex = BiasedMutex;
+// One for all publications of a context: it orders their messages in the rings that they share. Biased, because mostly
+// one thread publishes. Taken before a link's mutex, never together with the registry's.
+using PublishingMutex = std::conditional_t<tuning::kBiasedMutex, BiasedMutex, std::mutex>;
 
+// Threads: any.
 class HostPublication final : public Publication {
  public:
-  HostPublication(std::uint32_t id, PublicationInfo info, std::uint32_t firstSequence, PublishingMutex& mutex);
+  HostPublication(std::uint32_t id, std::string session, PublicationInfo info, std::uint32_t firstSequence,
+                  PublishingMutex& mutex);
 
-  std::uint32_t Id() const noexcept { return m_id; }
   const PublicationInfo& Info() const noexcept { return m_info; }
 
-  // Sends to the subscribers. Without room on one of them and with Pacing::receiver: when mayWait is set waits until
-  // there is or closed becomes true; otherwise asks to be told and gives wouldBlock.
-  SendResult Publish(const OutboundMessage& message, bool mayWait, const std::atomic<bool>& closed);
+  // Sends to the subscribers. Without space at one of them and with Pacing::kReceiver, waits as wait allows until there
+  // is space or closed is true; when it may not, requests credit and gives kWouldBlock.
+  SendResult Publish(const OutboundMessage& message, const SendWait& wait, const std::atomic<bool>& closed);
 
-  // From here on messages go to the peer. Answers the subscription; false when the publication is withdrawn.
-  bool AddSubscriber(const std::shared_ptr<DataSender>& sender, std::uint32_t token);
+  // From now on messages go to the peer, whose subscription is answered. False when the publication is withdrawn.
+  bool AddSubscriber(const std::shared_ptr<Subscriber>& subscriber, std::uint32_t token);
   // False when the link had no subscription, or the publication is withdrawn.
   bool RemoveSubscriber(const Link& link);
 
   // Tells the subscribers, and returns them.
-  std::vector<std::shared_ptr<DataSender>> Withdraw();
+  std::vector<std::shared_ptr<Subscriber>> Withdraw();
   bool Withdrawn() const;
 
-  // Whether a publish gave wouldBlock since the last call.
-  bool TakeWaiting() noexcept { return m_waiting.exchange(false); }
+  // Whether a Publish has given kWouldBlock since the last call.
+  bool TakeBlocked() noexcept { return m_blocked.exchange(false); }
 
  private:
-  bool SubscribersKnowOfRoom(std::size_t bytes) const noexcept;
-  std::shared_ptr<DataSender> FullSubscriber(std::size_t bytes) const;
-  std::shared_ptr<DataSender> AskForRoom(std::size_t bytes, std::uint32_t& told) const;
+  bool EveryoneHasSpaceCached(std::size_t bytes) const noexcept;
+  std::shared_ptr<Subscriber> FindFull(std::size_t bytes) const;
+  std::shared_ptr<Subscriber> FindFullRequestingCredit(std::size_t bytes, std::uint32_t& granted) const;
 
-  const std::uint32_t m_id;
   const PublicationInfo m_info;
-  std::atomic<bool> m_waiting{false};
+  std::atomic<bool> m_blocked{false};
 
   PublishingMutex& m_mutex;
   // Guarded by m_mutex:
   std::uint32_t m_nextSequence;
-  std::vector<std::shared_ptr<DataSender>> m_subscribers;
+  std::vector<std::shared_ptr<Subscriber>> m_subscribers;
   bool m_withdrawn = false;
 };
 
@@ -65,42 +66,47 @@ using HostPublications = std::vector<std::shared_ptr<HostPublication>>;
 // Threads: any.
 class PublicationRegistry {
  public:
-  explicit PublicationRegistry(std::uint32_t firstSequence) : m_firstSequence(firstSequence) {}
+  // identity: of the context, see Transport::Identity. firstSequence: of every publication.
+  PublicationRegistry(const std::string& identity, std::uint32_t firstSequence)
+      : m_identity(identity), m_firstSequence(firstSequence) {}
 
+  // Throws std::invalid_argument when the topic's name is too long.
   std::shared_ptr<HostPublication> Advertise(const PublicationInfo& info);
   void Withdraw(HostPublication& publication);
   void WithdrawAll();
 
-  // Null when there is none of that id (any more).
+  // Null when there is none of that id any more.
   std::shared_ptr<HostPublication> Find(std::uint32_t id) const;
 
-  // Sends the greeting on the link and announces what there is and will be.
-  void Attach(const std::shared_ptr<Link>& link, wire::Bytes greeting);
+  // Sends the hello on the link, and advertises what there is and will be.
+  void Attach(const std::shared_ptr<Link>& link, wire::Bytes hello);
   // Returns the publications to which the link was subscribed.
   HostPublications Detach(const Link& link);
 
   std::vector<std::shared_ptr<Link>> Links() const;
 
-  // A link's, until the link is detached.
-  void AddSender(const std::shared_ptr<DataSender>& sender);
+  // Belongs to its link, until the link is detached.
+  void AddSubscriber(const std::shared_ptr<Subscriber>& subscriber);
 
-  // Gives to the ring what waits for room there. When nothing is left, names the publications to be told of room.
-  std::vector<std::uint32_t> Flush(DataSender& sender);
+  // Moves what is pending for the subscriber into its ring. When nothing is left, returns the publications that waited
+  // for space there.
+  std::vector<std::uint32_t> Flush(Subscriber& subscriber);
 
-  // The same for all other contexts that are within reach. True when nothing is left.
-  bool FlushSenders();
+  // The same for every other context that is reachable. True when nothing is left.
+  bool FlushAll();
 
  private:
   template <typename Selects>
-  void Announce(wire::Bytes frame, Selects selects);  // with m_mutex held
+  void SendToLinks(wire::Bytes frame, Selects selects);  // with m_mutex locked
 
+  const std::string& m_identity;
   const std::uint32_t m_firstSequence;
   PublishingMutex m_publishing;
-  std::vector<std::shared_ptr<DataSender>> m_senders;  // guarded by m_publishing
+  std::vector<std::shared_ptr<Subscriber>> m_subscribers;  // guarded by m_publishing
 
   mutable std::mutex m_mutex;  // taken before a link's
   // Guarded by m_mutex:
-  std::uint32_t m_nextId = 0;
+  std::uint32_t m_lastId = 0;
   std::unordered_map<std::uint32_t, std::shared_ptr<HostPublication>> m_publications;
   std::vector<std::shared_ptr<Link>> m_links;
 };

@@ -1,0 +1,34 @@
+// What the handles of the C interface hold.
+#pragma once
+
+#include <lbm/lbm.h>
+
+#include <memory>
+
+#include "core/context.h"
+#include "core/event_queue.h"
+
+struct lbm_context_t_stct {
+  std::shared_ptr<engine::core::Context> context;
+};
+
+struct lbm_event_queue_t_stct {
+  std::shared_ptr<engine::core::EventQueue> queue;
+};
+
+// What a context made, and the context itself, which has to delete it.
+
+struct lbm_src_t_stct {
+  std::shared_ptr<engine::core::Context> context;
+  std::shared_ptr<engine::core::Source> source;
+};
+
+struct lbm_rcv_t_stct {
+  std::shared_ptr<engine::core::Context> context;
+  std::shared_ptr<engine::core::Receiver> receiver;
+};
+
+struct lbm_request_t_stct {
+  std::shared_ptr<engine::core::Context> context;
+  std::shared_ptr<engine::core::Request> request;
+};

@@ -1,0 +1,9 @@
+#include "core/membership.h"
+
+#include "system/error.h"
+
+namespace engine::core {
+
+void Membership::ThrowEnded() { throw Error(LBM_EOP, "the context is deleted"); }
+
+}  // namespace engine::core

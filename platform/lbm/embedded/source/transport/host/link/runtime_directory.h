@@ -1,0 +1,23 @@
+// The directories in which contexts meet.
+#pragma once
+
+#include <string>
+
+#include "zq/posix/descriptor.h"
+
+namespace engine::transport::host {
+
+// Where the domains are: LBM_RUNTIME_DIR, else $XDG_RUNTIME_DIR/lbm, else /tmp/lbm-<uid>.
+std::string RuntimeDirectory();
+
+// Opens a domain's directory below the runtime directory, and creates what is missing with mode 0700. Refuses what
+// others might tamper with. Throws std::invalid_argument for a domain that is no file name, std::runtime_error or
+// std::system_error otherwise; the text names the path and the remedy.
+zq::posix::Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain);
+
+// Throw for something in the way of meeting other contexts in that directory. RefuseErrno: action failed, for the
+// reason in errno.
+[[noreturn]] void Refuse(const std::string& path, const std::string& fault);
+[[noreturn]] void RefuseErrno(const std::string& path, const std::string& action);
+
+}  // namespace engine::transport::host

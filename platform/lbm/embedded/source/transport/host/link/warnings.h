@@ -1,0 +1,34 @@
+// What operators are told.
+#pragma once
+
+#include <functional>
+#include <new>
+#include <string>
+#include <utility>
+
+namespace engine::transport::host {
+
+// Something an operator should know of while the context itself goes on. Called on any thread; must not call back.
+using WarningHandler = std::function<void(const std::string& text)>;
+
+// Composes warnings and hands them to the handler, if there is one. Without memory for a text nothing is told.
+class Warnings {
+ public:
+  explicit Warnings(WarningHandler handler) : m_handler(std::move(handler)) {}
+
+  // compose returns the text; an empty one is not told.
+  template <typename Compose>
+  void Tell(Compose compose) const noexcept {
+    try {
+      if (const std::string text = compose(); m_handler && !text.empty()) {
+        m_handler(text);
+      }
+    } catch (const std::bad_alloc&) {
+    }
+  }
+
+ private:
+  const WarningHandler m_handler;
+};
+
+}  // namespace engine::transport::host

@@ -1,0 +1,52 @@
+// When a consumer that keeps up with its producers pauses before it polls again.
+//
+// A consumer that takes every frame as soon as it is committed keeps taking the cache lines away to which its producers
+// are writing, and all of them wait for each other. While each poll finds a few frames, a pause of less than a
+// microsecond lets the producers get ahead. Where a pause brings no more than one frame, because the producer waits for
+// an answer to each, there is none for a while.
+#pragma once
+
+#include <cstddef>
+
+#include "system/processor.h"
+#include "system/tuning.h"
+
+namespace engine::transport::host {
+
+class PollBackoff {
+ public:
+  // Whether to pause before the next poll.
+  bool Due() const noexcept { return tuning::kPollBackoff && m_fewInARow == kPollsInARow; }
+
+  static void Pause() noexcept {
+    for (int i = 0; i < kSpins; ++i) {
+      SpinPause();
+    }
+  }
+
+  // To be called after each poll, with the number of frames that it found.
+  void NotePoll(std::size_t frames) noexcept {
+    if (m_suspended > 0) {
+      --m_suspended;
+    } else if (Due() && frames == 1) {
+      m_fewInARow = 0;
+      m_suspended = kPollsSuspended;
+    } else if (frames == 0 || frames > kFewFrames) {
+      m_fewInARow = 0;
+    } else if (!Due()) {
+      ++m_fewInARow;
+    }
+  }
+
+  static constexpr std::size_t kFewFrames = 64;
+  static constexpr int kPollsInARow = 2;        // that found a few frames, before a pause is due
+  static constexpr int kPollsSuspended = 1000;  // without pauses, after one that was of no use
+
+ private:
+  static constexpr int kSpins = 16;
+
+  int m_fewInARow = 0;  // polls that found a few frames, up to kPollsInARow
+  int m_suspended = 0;  // polls to come without a pause
+};
+
+}  // namespace engine::transport::host

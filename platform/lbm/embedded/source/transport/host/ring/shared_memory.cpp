@@ -1,0 +1,67 @@
+#include "transport/host/ring/shared_memory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "transport/host/wire/fault.h"
+#include "zq/posix/error.h"
+
+namespace engine::transport::host {
+
+namespace {
+
+[[noreturn]] void Refuse(int error) {
+  zq::posix::ThrowError(error,
+                        "cannot share memory with another context; free memory, or raise the limits of open files "
+                        "(ulimit -n) and of address space (ulimit -v)");
+}
+
+}  // namespace
+
+Mapping::Mapping(const zq::posix::Descriptor& memory, std::size_t size, Access access) : m_size(size) {
+  const int protection = access == Access::kRead ? PROT_READ : PROT_READ | PROT_WRITE;
+  void* const address = ::mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0);
+  if (address == MAP_FAILED) {
+    Refuse(errno);
+  }
+  m_address = address;
+}
+
+Mapping::~Mapping() {
+  if (m_address != nullptr) {
+    ::munmap(m_address, m_size);
+  }
+}
+
+zq::posix::Descriptor MakeSharedMemory(const char* name, std::size_t size) {
+  zq::posix::Descriptor memory(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  if (!memory) {
+    Refuse(errno);
+  }
+  if (const int error = ::posix_fallocate(memory.Get(), 0, static_cast<off_t>(size)); error != 0) {
+    Refuse(error);
+  }
+  return memory;
+}
+
+void Seal(const zq::posix::Descriptor& memory, Sealing sealing) {
+  const int writing = sealing == Sealing::kSizeAndWriting ? F_SEAL_FUTURE_WRITE : 0;
+  if (::fcntl(memory.Get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | writing | F_SEAL_SEAL) != 0) {
+    Refuse(errno);
+  }
+}
+
+std::size_t SealedSize(const zq::posix::Descriptor& memory) {
+  constexpr int kNeeded = F_SEAL_SHRINK | F_SEAL_GROW;
+  const int seals = ::fcntl(memory.Get(), F_GET_SEALS);
+  struct stat status {};
+  if (seals < 0 || (seals & kNeeded) != kNeeded || ::fstat(memory.Get(), &status) != 0) {
+    throw Fault("it passed memory whose size is not sealed");
+  }
+  return static_cast<std::size_t>(status.st_size);
+}
+
+}  // namespace engine::transport::host

@@ -1,0 +1,237 @@
+#include "transport/host/subscriber.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <utility>
+
+#include "transport/host/wire/fault.h"
+#include "transport/host/wire/gather.h"
+
+namespace engine::transport::host {
+
+namespace {
+
+// Losses told in one frame. A peer that is stopped for days misses more than a difference of sequence numbers can
+// express.
+constexpr std::uint64_t kLossesMax = std::uint64_t{1} << 20;
+
+// How long a blocked publisher waits before it looks at what no credit wakes it for: the peer may have gone or ended
+// its subscription, the context may be closing.
+constexpr timespec kBlockedPoll{0, 10'000'000};
+
+constexpr std::uint32_t TagOf(wire::Type type) { return static_cast<std::uint32_t>(type); }
+
+template <typename T>
+std::byte* Append(std::byte* to, const T& value) {
+  std::memcpy(to, &value, sizeof(value));
+  return to + sizeof(value);
+}
+
+}  // namespace
+
+Subscriber::Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord)
+    : m_link(std::move(link)),
+      m_memory(std::move(memory)),
+      m_ring(m_memory.Control(), m_memory.Bytes()),
+      m_parkingWord(std::move(parkingWord)),
+      m_contentMax(m_ring.Capacity() / 8 - sizeof(RingFrameHeader)) {}
+
+bool Subscriber::HasSpace(std::size_t bytes) {
+  if (m_gone) {
+    return true;
+  }
+  try {
+    if (!FlushPending()) {
+      return false;
+    }
+    const std::size_t inOneFrame = bytes + sizeof(wire::FragmentHeader);
+    if (inOneFrame <= m_contentMax) {
+      return m_ring.HasSpace(inOneFrame);
+    }
+    // Credit is granted for half of the ring, so more cannot be demanded; the rest of the message waits here.
+    return m_ring.FreeSpace() >= std::min(bytes + m_ring.Capacity() / 4, m_ring.Capacity() / 2);
+  } catch (const std::exception& error) {
+    GiveUp(TextOf(error));
+    return true;
+  }
+}
+
+void Subscriber::SendOrDrop(const wire::FragmentHeader& header, std::span<const iovec> pieces) {
+  if (m_gone) {
+    return;
+  }
+  try {
+    if (!(NothingPending() || FlushPending()) || !TrySend(header, pieces)) {
+      Notice& notice = m_notices[header.source];
+      if (notice.lost++ == 0) {
+        notice.firstLost = header.sequence;
+      }
+      m_ring.RequestCredit();
+      FlushPending();  // space made before the request is granted to nobody
+    }
+  } catch (const std::exception& error) {
+    GiveUp(TextOf(error));
+  }
+}
+
+void Subscriber::Accept(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence) {
+  Notice& notice = m_notices[source];
+  notice = {};
+  notice.accepted = true;
+  notice.token = token;
+  notice.nextSequence = nextSequence;
+  Flush();
+}
+
+void Subscriber::Withdraw(std::uint32_t source) {
+  m_notices[source].withdrawn = true;
+  Flush();
+}
+
+void Subscriber::Forget(std::uint32_t source) { m_notices.erase(source); }
+
+std::uint32_t Subscriber::RequestCredit() { return m_ring.RequestCredit(); }
+
+void Subscriber::WaitForCredit(std::uint32_t granted) {
+  std::atomic<std::uint32_t>& word = m_memory.Control().creditGranted;
+  ::syscall(SYS_futex, &word, FUTEX_WAIT, granted, &kBlockedPoll, nullptr, 0);
+  CheckReachable();
+}
+
+bool Subscriber::CheckReachable() {
+  m_link->CheckHangUp();
+  if (m_link->Broken()) {
+    m_gone = true;
+  }
+  return !m_gone;
+}
+
+bool Subscriber::Flush() {
+  if (m_gone) {
+    return true;
+  }
+  try {
+    if (FlushPending()) {
+      return true;
+    }
+    m_ring.RequestCredit();
+    return FlushPending();
+  } catch (const std::exception& error) {
+    GiveUp(TextOf(error));
+    return true;
+  }
+}
+
+// Puts the message into the ring, a large one as far as there is space. False when there is none.
+bool Subscriber::TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces) {
+  const bool plain = header.flags == 0 && header.request == 0;
+  const std::size_t headerSize = plain ? sizeof(wire::MessageHeader) : sizeof(wire::FragmentHeader);
+  const std::size_t size = headerSize + header.total;
+  if (size > m_contentMax) {
+    if (!HasSpace(header.total)) {
+      return false;
+    }
+    SendFragments(header, pieces);
+    return true;
+  }
+  std::byte* to = m_ring.Reserve(size, TagOf(plain ? wire::Type::kMessage : wire::Type::kFragment));
+  if (to == nullptr) {
+    return false;
+  }
+  to = plain ? Append(to, wire::MessageHeader{header.source, header.sequence}) : Append(to, header);
+  CopyPieces(pieces, to);
+  Commit();
+  return true;
+}
+
+void Subscriber::SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces) {
+  PieceCursor cursor(pieces);
+  std::size_t left = header.total;
+  while (left > 0) {
+    m_parts.assign(1, PieceOf(wire::BytesOf(header)));
+    const std::size_t size =
+        cursor.Take(std::min(left, m_contentMax - sizeof(header)), std::numeric_limits<std::size_t>::max(), m_parts);
+    left -= size;
+    std::byte* const to =
+        m_rest.Empty() ? m_ring.Reserve(sizeof(header) + size, TagOf(wire::Type::kFragment)) : nullptr;
+    if (to != nullptr) {
+      CopyPieces(m_parts, to);
+      Commit();
+    } else {
+      m_rest.Push(m_parts);
+    }
+  }
+  Flush();
+}
+
+bool Subscriber::FlushPending() {
+  while (!m_rest.Empty()) {
+    const std::span<const std::byte> frame = m_rest.Front();
+    std::byte* const to = m_ring.Reserve(frame.size(), TagOf(wire::Type::kFragment));
+    if (to == nullptr) {
+      return false;
+    }
+    std::memcpy(to, frame.data(), frame.size());
+    Commit();
+    m_rest.Pop();
+  }
+  while (!m_notices.empty()) {
+    const auto first = m_notices.begin();
+    if (!Tell(first->first, first->second)) {
+      return false;
+    }
+    m_notices.erase(first);
+  }
+  return true;
+}
+
+// Tells everything that the notice says, and strikes out what is told. False when there was no space for all of it.
+bool Subscriber::Tell(std::uint32_t source, Notice& notice) {
+  if (notice.accepted) {
+    if (!Put(wire::Type::kSubscribed, wire::Subscribed{source, notice.token, notice.nextSequence})) {
+      return false;
+    }
+    notice.accepted = false;
+  }
+  while (notice.lost > 0) {
+    const auto count = static_cast<std::uint32_t>(std::min(notice.lost, kLossesMax));
+    if (!Put(wire::Type::kLoss, wire::Loss{source, notice.firstLost, count})) {
+      return false;
+    }
+    notice.firstLost += count;
+    notice.lost -= count;
+  }
+  return !notice.withdrawn || Put(wire::Type::kWithdrawn, wire::Withdrawn{source});
+}
+
+template <typename T>
+bool Subscriber::Put(wire::Type type, const T& frame) {
+  std::byte* const to = m_ring.Reserve(sizeof(frame), TagOf(type));
+  if (to == nullptr) {
+    return false;
+  }
+  Append(to, frame);
+  Commit();
+  return true;
+}
+
+void Subscriber::RingIfParked() {
+  m_ring.FenceCommit();
+  if (m_parkingWord.NeedsDoorbell()) {
+    m_link->SendSignal(wire::Type::kDoorbell);
+  }
+}
+
+// For good: the ring may hold the beginning of a message whose rest will not come.
+void Subscriber::GiveUp(std::string_view reason) {
+  m_gone = true;
+  m_link->Abort(reason);
+}
+
+}  // namespace engine::transport::host

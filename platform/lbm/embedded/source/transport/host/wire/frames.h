@@ -1,0 +1,221 @@
+// The frames of the host protocol, in the machine's own byte order, since both ends are on one machine.
+//
+// Control frames travel on a link's socket, one a packet, and begin with their type. Data frames travel in a ring, where
+// the type is the frame's tag and is not repeated in its content. A ring and the socket beside it are ordered in one
+// direction: what a peer committed to its ring before it sent a control frame is consumed before that frame.
+//
+// Every frame may come from a faulty peer: each length is checked before it is used, and a malformed frame throws Fault.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "transport/host/wire/fault.h"
+
+namespace engine::transport::host::wire {
+
+inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
+inline constexpr std::uint32_t kVersion = 4;
+
+inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any packet
+inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a packet of advertisements
+inline constexpr std::size_t kNameMax = 4096;                              // bytes of a topic or of a context's name
+inline constexpr std::size_t kMessageMax = std::size_t{256} << 20;         // bytes of a message, all fragments together
+
+using Bytes = std::span<const std::byte>;
+
+enum class Type : std::uint16_t {
+  // Control frames, on the socket:
+  kHello = 1,
+  kAdvertise,
+  kWithdraw,
+  kSubscribe,
+  kUnsubscribe,
+  kResponse,
+  kParkingWord,  // carries the descriptor of the sender's parking word; once, before its first subscription
+  kRing,         // carries the descriptor of the ring that the sender will produce into; once, before it does
+  kDoorbell,     // wakes the peer, whose parking word says that it is parked
+  kCredit,       // half of the peer's ring is free, as it requested to be told
+  // Data frames, in a ring:
+  kMessage = 0x100,
+  kFragment,
+  kSubscribed,
+  kLoss,
+  kWithdrawn
+};
+
+constexpr bool CarriesDescriptor(Type type) { return type == Type::kParkingWord || type == Type::kRing; }
+
+// A control frame of which the type says everything.
+struct Signal {
+  Type type = Type::kDoorbell;
+};
+
+// The handshake: the first frame in either direction. The context's name follows.
+struct Hello {
+  Type type = Type::kHello;
+  std::uint16_t nameLength = 0;
+  std::uint32_t version = kVersion;
+  std::uint64_t magic = kMagic;
+  std::uint64_t session = 0;
+  std::uint32_t process = 0;
+  std::uint32_t reserved = 0;
+};
+
+// Followed by any number of advertisements.
+struct AdvertiseHeader {
+  Type type = Type::kAdvertise;
+  std::uint16_t reserved = 0;
+};
+
+// One source. Its topic follows.
+struct Advertisement {
+  std::uint32_t source = 0;
+  std::uint16_t topicLength = 0;
+  std::uint16_t reserved = 0;
+};
+
+// Ends a source for a peer that is not subscribed to it; subscribers find a Withdrawn behind its last message.
+struct Withdraw {
+  Type type = Type::kWithdraw;
+  std::uint16_t reserved = 0;
+  std::uint32_t source = 0;
+};
+
+// The token comes back in the answer, so that the answer to an earlier subscription of the source is told apart.
+struct Subscribe {
+  Type type = Type::kSubscribe;
+  std::uint16_t reserved = 0;
+  std::uint32_t source = 0;
+  std::uint32_t token = 0;
+};
+
+struct Unsubscribe {
+  Type type = Type::kUnsubscribe;
+  std::uint16_t reserved = 0;
+  std::uint32_t source = 0;
+};
+
+// A response, or a fragment of one; the payload follows. What does not fit in the packet follows in the link's next
+// response frame.
+struct ResponseHeader {
+  Type type = Type::kResponse;
+  std::uint16_t reserved = 0;
+  std::uint32_t total = 0;  // bytes of the whole response
+  std::uint64_t request = 0;
+
+  friend bool operator==(const ResponseHeader&, const ResponseHeader&) = default;
+};
+
+// A message without channel or request that fits in one frame, as most do; the payload follows.
+struct MessageHeader {
+  std::uint32_t source = 0;
+  std::uint32_t sequence = 0;
+};
+
+inline constexpr std::uint32_t kHasChannel = 1;
+
+// Any other message, or a fragment of one; the payload follows. The next fragment is in the ring's next fragment frame.
+struct FragmentHeader {
+  std::uint32_t source = 0;
+  std::uint32_t sequence = 0;
+  std::uint32_t flags = 0;  // kHasChannel
+  std::uint32_t channel = 0;
+  std::uint64_t request = 0;  // 0: not a request
+  std::uint64_t total = 0;    // bytes of the whole message
+
+  friend bool operator==(const FragmentHeader&, const FragmentHeader&) = default;
+};
+
+// Answers a subscription: the source's messages follow, from that sequence number on.
+struct Subscribed {
+  std::uint32_t source = 0;
+  std::uint32_t token = 0;
+  std::uint32_t nextSequence = 0;
+};
+
+// Messages that were dropped for want of space.
+struct Loss {
+  std::uint32_t source = 0;
+  std::uint32_t first = 0;
+  std::uint32_t count = 0;
+};
+
+struct Withdrawn {
+  std::uint32_t source = 0;
+};
+
+template <typename T>
+concept Frame = std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>;
+
+template <Frame T>
+Bytes BytesOf(const T& frame) {
+  return std::as_bytes(std::span(&frame, 1));
+}
+
+// Takes a T off the front of the bytes.
+template <Frame T>
+T Take(Bytes& bytes) {
+  if (bytes.size() < sizeof(T)) {
+    throw Fault("a frame is cut short");
+  }
+  T value;
+  std::memcpy(&value, bytes.data(), sizeof(T));
+  bytes = bytes.subspan(sizeof(T));
+  return value;
+}
+
+// The frame as a T and nothing but a T.
+template <Frame T>
+T Decode(Bytes frame) {
+  const T value = Take<T>(frame);
+  if (!frame.empty()) {
+    throw Fault("a frame is longer than its type");
+  }
+  return value;
+}
+
+Type TypeOf(Bytes frame);
+
+// Who a context is, as it says in the handshake.
+struct Greeting {
+  std::uint64_t session = 0;  // random: tells this context from every other of the machine
+  std::uint32_t process = 0;
+  std::string name;
+};
+
+std::vector<std::byte> EncodeHello(const Greeting& greeting);
+Greeting DecodeHello(Bytes frame);
+
+// A session in digits, as operators read it.
+std::string SessionText(std::uint64_t session);
+
+// The context's identity, unique in the domain, and that of one of its sources.
+std::string IdentityOf(const Greeting& greeting);
+std::string SourceIdentity(const std::string& context, std::uint32_t source);
+
+// Packs advertisements into as few packets as they need: when Add returns false, the packet is full; send it, Clear, and
+// add again.
+class AdvertiseBatch {
+ public:
+  AdvertiseBatch() { Clear(); }
+  bool Add(std::uint32_t source, std::string_view topic);
+  bool Empty() const { return m_packet.size() == sizeof(AdvertiseHeader); }
+  Bytes Packet() const { return m_packet; }
+  void Clear();
+
+ private:
+  std::vector<std::byte> m_packet;
+};
+
+using AdvertisementHandler = std::function<void(std::uint32_t source, std::string_view topic)>;
+void DecodeAdvertise(Bytes packet, const AdvertisementHandler& handler);
+
+}  // namespace engine::transport::host::wire

@@ -1,0 +1,265 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <future>
+#include <thread>
+
+#include "domain.h"
+#include "wait_counter.h"
+
+namespace engine_test {
+namespace {
+
+using testing::ElementsAre;
+
+class EventQueues : public EngineTest {};
+
+TEST_F(EventQueues, MoveCallbacksToTheDispatchingThread) {
+  const Driven context({});
+  const Queue queue;
+  Recorder queued(context, "QUEUE", queue);
+  std::vector<std::thread::id> threads;
+  queued.onEvent = [&](lbm_msg_t& message) {
+    threads.push_back(std::this_thread::get_id());
+    if (message.sequence_number == 2) {
+      lbm_event_dispatch_unblock(queue);
+    }
+  };
+  {
+    const Sender source(context, "QUEUE");
+    source.AwaitSubscriber({});
+    for (const char* text : {"a", "b", "c"}) {
+      source.Send(text);
+    }
+    EXPECT_EQ(4, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_BLOCK));
+  }
+  queued.Stop();
+  queue.Poll();
+  EXPECT_THAT(queued.lines, ElementsAre("BOS 0", "data 0 a", "data 1 b", "data 2 c"))
+      << "events after the deletion are dropped";
+  EXPECT_THAT(threads, testing::Each(std::this_thread::get_id()));
+  lbm_event_dispatch_unblock(queue);
+  EXPECT_EQ(0, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_BLOCK)) << "an unblock before the dispatch counts";
+}
+
+TEST_F(EventQueues, APollIsDoneWithWhatWasThere) {
+  const Driven context;
+  const Queue queue;
+  const Sender source(context, "ENDLESS");
+  Recorder recorder(context, "ENDLESS", queue);
+  const Recorder witness(context, "ENDLESS");  // hears once the other one's events are queued
+  std::size_t sent = 0;
+  const auto sendAnother = [&] {
+    source.Send("another");
+    ++sent;
+    PumpUntil({context}, "the message", [&] { return witness.lines.size() == 1 + sent; });
+  };
+  recorder.onEvent = [&](lbm_msg_t&) {
+    if (sent < 100) {
+      sendAnother();
+    }
+  };
+  source.AwaitSubscriber({context});
+  sendAnother();
+  EXPECT_EQ(2, queue.Poll()) << "beginning of session and the message";
+  EXPECT_EQ(2, queue.Poll()) << "one of each callback";
+}
+
+// A pipe whose ends are closed in the end.
+struct Pipe {
+  std::array<int, 2> ends{};
+  Pipe() { EXPECT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK)); }
+  ~Pipe() {
+    ::close(ends[0]);
+    HangUp();
+  }
+  void HangUp() {
+    if (ends[1] >= 0) {
+      ::close(std::exchange(ends[1], -1));
+    }
+  }
+  void Put() const { EXPECT_EQ(1, ::write(ends[1], "x", 1)); }
+  void Take() const {
+    char byte = 0;
+    EXPECT_EQ(1, ::read(ends[0], &byte, 1));
+  }
+};
+
+int CountCalls(lbm_context_t*, int, lbm_ulong_t, void* clientd) {
+  ++*static_cast<int*>(clientd);
+  return 0;
+}
+
+class Descriptors : public EngineTest {
+ protected:
+  const Driven m_context;
+  const Queue m_queue{true};
+  Pipe m_pipe;
+  const int m_fd = m_pipe.ends[0];
+};
+
+TEST_F(Descriptors, AreWatchedUntilTheyAreCancelled) {
+  struct Watch {
+    const Pipe& pipe;
+    int calls = 0;
+    bool cancelInside = false;
+  } watch{m_pipe};
+  const auto onReadable = [](lbm_context_t* ctx, int fd, lbm_ulong_t event, void* clientd) {
+    auto& self = *static_cast<Watch*>(clientd);
+    EXPECT_EQ(static_cast<lbm_ulong_t>(LBM_FD_EVENT_READ), event);
+    EXPECT_EQ(self.pipe.ends[0], fd);
+    ++self.calls;
+    if (self.cancelInside) {
+      EXPECT_EQ(0, lbm_cancel_fd(ctx, fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
+    } else {
+      self.pipe.Take();
+    }
+    return 0;
+  };
+  ASSERT_EQ(0, lbm_register_fd(m_context, m_fd, onReadable, &watch, nullptr, LBM_FD_EVENT_READ)) << lbm_errmsg();
+  EXPECT_EQ(-1, lbm_register_fd(m_context, m_fd, onReadable, &watch, nullptr, LBM_FD_EVENT_READ));
+  EXPECT_EQ(-1, lbm_register_fd(m_context, m_fd, onReadable, &watch, nullptr, 64));
+  EXPECT_EQ(-1, lbm_register_fd(m_context, -1, onReadable, &watch, nullptr, LBM_FD_EVENT_READ));
+  m_pipe.Put();
+  PumpUntil({m_context}, "the first byte", [&] { return watch.calls == 1; });
+  watch.cancelInside = true;
+  m_pipe.Put();
+  PumpUntil({m_context}, "the second byte", [&] { return watch.calls == 2; });
+  EXPECT_EQ(-1, lbm_cancel_fd(m_context, m_fd, LBM_FD_EVENT_READ));
+  EXPECT_EQ(LBM_EINVAL, lbm_errnum());
+
+  const Pipe witness;
+  int calls = 0;
+  ASSERT_EQ(0, lbm_register_fd(m_context, witness.ends[0], CountCalls, &calls, nullptr, LBM_FD_EVENT_READ));
+  witness.Put();
+  PumpUntil({m_context}, "another descriptor", [&] { return calls > 0; });
+  EXPECT_EQ(2, watch.calls) << "the cancelled one is still readable";
+}
+
+TEST_F(Descriptors, ACancellationNoticeComesAfterTheLastCallback) {
+  Lines lines;
+  const auto onReadable = [](lbm_context_t*, int, lbm_ulong_t, void* clientd) {
+    static_cast<Lines*>(clientd)->push_back("readable");
+    return 0;
+  };
+  const auto onCancelled = [](int, void* clientd) { static_cast<Lines*>(clientd)->push_back("cancelled"); };
+  ASSERT_EQ(0, lbm_register_fd(m_context, m_fd, onReadable, &lines, m_queue, LBM_FD_EVENT_READ));
+  m_pipe.Put();
+  for (int round = 1; round <= 2; ++round) {
+    PumpUntil({m_context}, "the readable descriptor", [&] { return m_queue.Poll() > 0; });
+  }
+  EXPECT_THAT(lines, ElementsAre("readable", "readable")) << "once for each look while it stays readable";
+  const Queue silent;
+  const lbm_event_queue_cancel_cb_info_t wrong{silent, onCancelled, &lines};
+  EXPECT_EQ(-1, lbm_cancel_fd_ex(m_context, m_fd, LBM_FD_EVENT_READ, &wrong)) << "gives no such notices";
+  const lbm_event_queue_cancel_cb_info_t info{m_queue, onCancelled, &lines};
+  EXPECT_EQ(0, lbm_cancel_fd_ex(m_context, m_fd, LBM_FD_EVENT_READ, &info)) << lbm_errmsg();
+  PumpUntil({m_context}, "the notice", [&] {
+    m_queue.Poll();
+    return lines.back() == "cancelled";
+  });
+  EXPECT_THAT(lines, ElementsAre("readable", "readable", "cancelled"));
+}
+
+TEST_F(Descriptors, NothingIsCalledAfterTheNoticeThatDeletesTheContext) {
+  lbm_context_t* context = MakeContext();
+  int calls = 0;
+  struct Deletion {
+    lbm_context_t* context;
+    int notices = 0;
+  } deletion{context};
+  const auto onCancelled = [](int, void* clientd) {
+    auto& self = *static_cast<Deletion*>(clientd);
+    if (++self.notices == 1) {
+      EXPECT_EQ(0, lbm_context_delete(self.context));
+    }
+  };
+  const lbm_event_queue_cancel_cb_info_t info{nullptr, onCancelled, &deletion};
+  for (const int event : {LBM_FD_EVENT_READ, LBM_FD_EVENT_EXCEPT}) {
+    const auto mask = static_cast<lbm_ulong_t>(event);
+    ASSERT_EQ(0, lbm_register_fd(context, m_fd, CountCalls, &calls, nullptr, mask)) << lbm_errmsg();
+    ASSERT_EQ(0, lbm_cancel_fd_ex(context, m_fd, mask, &info)) << lbm_errmsg();
+  }
+  while (deletion.notices == 0) {
+    ASSERT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
+  }
+  EXPECT_EQ(1, deletion.notices);
+}
+
+// A context with nothing to do waits once for each call, and does not return early.
+void ExpectIdle(lbm_context_t* context) {
+  constexpr std::size_t kCalls = 20;
+  EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();  // may still find something
+  const std::size_t before = Waits();
+  for (std::size_t call = 0; call < kCalls; ++call) {
+    EXPECT_EQ(0, lbm_context_process_events(context, 1)) << lbm_errmsg();
+  }
+  EXPECT_LE(Waits() - before, 2 * kCalls) << "rounding of the time-out may cost a second wait";
+}
+
+TEST_F(Descriptors, AHangUpThatNobodyTakesKeepsNoThreadBusy) {
+  int calls = 0;
+  ASSERT_EQ(0, lbm_register_fd(m_context, m_fd, CountCalls, &calls, m_queue, LBM_FD_EVENT_READ)) << lbm_errmsg();
+  m_pipe.HangUp();
+  ExpectIdle(m_context);
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(1, m_queue.Poll());
+    EXPECT_EQ(0, lbm_context_process_events(m_context, 0));
+  }
+  EXPECT_EQ(2, calls);
+  EXPECT_EQ(0, lbm_cancel_fd(m_context, m_fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
+
+  ASSERT_EQ(0, lbm_register_fd(m_context, m_fd, CountCalls, &calls, nullptr, LBM_FD_EVENT_EXCEPT)) << lbm_errmsg();
+  ExpectIdle(m_context);
+  EXPECT_EQ(2, calls);
+  ASSERT_EQ(0, lbm_register_fd(m_context, m_fd, CountCalls, &calls, nullptr, LBM_FD_EVENT_READ)) << lbm_errmsg();
+  PumpUntil({m_context}, "the hang-up", [&] { return calls > 2; });
+}
+
+class Processing : public EngineTest {};
+
+TEST_F(Processing, WaitsForMessagesInsteadOfPollingForThem) {
+  const Driven publisher;
+  const Driven subscriber;
+  const Sender source(publisher, "T");
+  const Recorder recorder(subscriber, "T");
+  source.AwaitSubscriber({publisher, subscriber});
+  source.Send("so that the ring was used");
+  PumpUntil({publisher, subscriber}, "the message", [&] { return recorder.lines.size() == 2; });
+  ExpectIdle(subscriber);
+
+  std::thread waiting([&] {
+    while (recorder.lines.size() < 3) {
+      lbm_context_process_events(subscriber, 3'600'000);
+    }
+  });
+  while (lbm_context_process_events(subscriber, 0) == 0) {  // until the other thread is inside
+  }
+  source.Send("wake up");
+  waiting.join();
+  EXPECT_EQ("data 1 wake up", recorder.lines.back());
+}
+
+TEST_F(Processing, WaitsUntilUnblockedAndIsForOneThread) {
+  const Driven context;
+  std::future<void> waiting = std::async(std::launch::async, [&] {
+    while (lbm_context_process_events(context, 3'600'000) != 0) {  // turned away: this thread is inside
+    }
+  });
+  while (lbm_context_process_events(context, 0) == 0) {  // until the other thread is inside
+  }
+  EXPECT_EQ(LBM_EOP, lbm_errnum());
+  EXPECT_EQ(0, lbm_context_unblock(context));
+  waiting.get();
+  EXPECT_EQ(0, lbm_context_unblock(context));
+  EXPECT_EQ(0, lbm_context_process_events(context, 3'600'000)) << "an unblock before the call counts";
+
+  const Driven threaded({});
+  EXPECT_EQ(-1, lbm_context_process_events(threaded, 0));
+  EXPECT_NE(nullptr, std::strstr(lbm_errmsg(), "operational_mode"));
+}
+
+}  // namespace
+}  // namespace engine_test

@@ -1,0 +1,229 @@
+#include <atomic>
+#include <future>
+#include <memory>
+#include <thread>
+
+#include "domain.h"
+
+namespace engine_test {
+namespace {
+
+using testing::ElementsAre;
+using testing::SizeIs;
+
+class Lifetime : public EngineTest {};
+
+TEST_F(Lifetime, ChildrenMayOutliveTheirContext) {
+  Driven context;
+  const Sender source(context, "ORPHAN");
+  const Recorder recorder(context, "ORPHAN");
+  source.AwaitSubscriber({context});
+  context.Delete();
+  EXPECT_EQ(-1, source.Send("nobody"));
+  EXPECT_EQ(LBM_EOP, lbm_errnum());
+}
+
+TEST_F(Lifetime, AReceiverDeletedInItsOwnCallbackHearsNothingMore) {
+  const Driven context;
+  const Sender source(context, "SELF");
+  Recorder doomed(context, "SELF");
+  const Recorder witness(context, "SELF");
+  doomed.onEvent = [&](lbm_msg_t&) { doomed.Stop(); };
+  source.AwaitSubscriber({context});
+  source.Send("a");
+  source.Send("b");
+  PumpUntil({context}, "the other receiver", [&] { return witness.lines.size() >= 3; });
+  EXPECT_THAT(doomed.lines, ElementsAre("BOS 0"));
+}
+
+TEST_F(Lifetime, ASourceIsReadyForUseInItsFirstCallback) {
+  const Driven context({});
+  const Recorder recorder(context, "READY");
+  const auto onEvent = [](lbm_src_t* source, int event, void*, void* clientd) {
+    if (event == LBM_SRC_EVENT_CONNECT) {
+      EXPECT_EQ(0, lbm_src_send(source, "welcome", 7, LBM_SRC_FLUSH));
+      EXPECT_EQ(0, lbm_src_delete(source));
+      static_cast<std::promise<void>*>(clientd)->set_value();
+    }
+    return 0;
+  };
+  for (int round = 0; round < 50; ++round) {
+    std::promise<void> connected;
+    lbm_topic_t* topic = nullptr;
+    lbm_src_t* source = nullptr;
+    ASSERT_EQ(0, lbm_src_topic_alloc(&topic, context, "READY", nullptr));
+    ASSERT_EQ(0, lbm_src_create(&source, context, topic, onEvent, &connected, nullptr)) << lbm_errmsg();
+    ASSERT_EQ(std::future_status::ready, connected.get_future().wait_for(std::chrono::seconds(30)));
+  }
+}
+
+// A callback that stays, the first time, until it is let go.
+class Stay {
+ public:
+  void operator()() {
+    if (m_left) {
+      return;
+    }
+    m_inside.set_value();
+    m_goOn.get_future().wait();
+    m_left = true;
+  }
+
+  // Runs the deletion while the callback is inside, and expects that the deletion waits for it.
+  void ExpectWaitOf(const std::function<void()>& deletion) {
+    m_inside.get_future().wait();
+    std::promise<void> begun;
+    std::thread deleting([&] {
+      begun.set_value();
+      deletion();
+      EXPECT_TRUE(m_left);
+    });
+    begun.get_future().wait();
+    m_goOn.set_value();
+    deleting.join();
+  }
+
+ private:
+  std::promise<void> m_inside;
+  std::promise<void> m_goOn;
+  std::atomic<bool> m_left{false};
+};
+
+// Often, because a deletion that does not wait may still be the slower one.
+constexpr int kDeletions = 50;
+
+TEST_F(Lifetime, DeletingAReceiverWaitsForItsRunningCallback) {
+  const Driven context({});
+  for (int i = 0; i < kDeletions; ++i) {
+    Stay stay;
+    Recorder recorder(context, "WAIT");
+    recorder.onEvent = [&](lbm_msg_t&) { stay(); };
+    const Sender source(context, "WAIT");
+    source.AwaitSubscriber({});
+    source.Send("stay");
+    stay.ExpectWaitOf([&] { recorder.Stop(); });
+  }
+}
+
+// A receiver on an event queue, in which its beginning of session and a message are waiting.
+struct QueuedReceiver {
+  QueuedReceiver() {
+    const Sender source(context, "QUEUED");
+    source.AwaitSubscriber({context});
+    source.Send("a");
+    PumpUntil({context}, "the message", [&] { return witness.lines.size() == 2; });
+  }
+
+  Driven context;
+  const Queue queue;
+  Recorder recorder{context, "QUEUED", queue};
+  const Recorder witness{context, "QUEUED"};  // hears once the other one's events are queued
+};
+
+TEST_F(Lifetime, DeletingAContextSilencesItsReceiversOnEventQueues) {
+  QueuedReceiver receiver;
+  receiver.context.Delete();
+  receiver.queue.Poll();
+  EXPECT_THAT(receiver.recorder.lines, SizeIs(0));
+}
+
+TEST_F(Lifetime, DeletingAContextWaitsForItsReceiversCallbacksOnEventQueues) {
+  for (int i = 0; i < kDeletions; ++i) {
+    Stay stay;
+    QueuedReceiver receiver;
+    receiver.recorder.onEvent = [&](lbm_msg_t&) { stay(); };
+    std::thread dispatching([&] { receiver.queue.Poll(); });
+    stay.ExpectWaitOf([&] { receiver.context.Delete(); });
+    dispatching.join();
+  }
+}
+
+TEST_F(Lifetime, AContextMayBeDeletedInItsOwnCallback) {
+  for (const bool sequential : {true, false}) {
+    lbm_context_t* context = MakeContext({{"operational_mode", sequential ? "sequential" : "embedded"}});
+    const Sender source(context, "END");
+    Recorder recorder(context, "END");
+    Recorder after(context, "END");
+    std::promise<void> deleted;
+    recorder.onEvent = [&](lbm_msg_t& message) {
+      if (message.type == LBM_MSG_BOS) {
+        EXPECT_EQ(0, lbm_context_delete(std::exchange(context, nullptr)));
+        deleted.set_value();
+      }
+    };
+    std::future<void> done = deleted.get_future();
+    while (done.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+      static_cast<void>(source.Send("x"));
+      if (sequential) {
+        EXPECT_EQ(0, lbm_context_process_events(context, 1));
+      }
+    }
+    EXPECT_THAT(after.lines, SizeIs(0));
+    EXPECT_THAT(recorder.lines, SizeIs(1));
+  }
+}
+
+// A callback on an event queue that sends, waiting for space, to a peer that takes nothing in.
+class BlockedCallback : public EngineTest {
+ protected:
+  // send gets LBM_SRC_NONBLOCK until it fails, then 0.
+  using SendCall = std::function<int(lbm_msg_t& request, int flags)>;
+
+  void ExpectItEndsWith(const SendCall& send, const std::function<void()>& deletion) {
+    std::promise<void> blocking;
+    int result = 0;
+    m_recorder.onEvent = [&](lbm_msg_t& message) {
+      if (message.type == LBM_MSG_REQUEST) {
+        while (send(message, LBM_SRC_NONBLOCK) == 0) {
+        }
+        blocking.set_value();
+        result = send(message, 0);
+      }
+    };
+    std::thread dispatching([&] { lbm_event_dispatch(m_queue, LBM_EVENT_QUEUE_BLOCK); });
+    m_question.AwaitSubscriber({m_stopped, m_context});
+    lbm_request_t* request = nullptr;
+    const auto ignore = [](lbm_request_t*, lbm_msg_t*, void*) { return 0; };
+    ASSERT_EQ(0, lbm_send_request(&request, m_question, "?", 1, ignore, nullptr, nullptr, 0)) << lbm_errmsg();
+    std::future<void> blocked = blocking.get_future();
+    PumpUntil({m_context}, "the callback",
+              [&] { return blocked.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    deletion();
+    lbm_event_dispatch_unblock(m_queue);
+    dispatching.join();
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(0, lbm_request_delete(request));
+  }
+
+  const std::string m_payload = std::string(60'000, 'x');
+  const Queue m_queue;
+  const Driven m_stopped;  // nobody processes its events once the request is sent
+  Driven m_context;
+  const Sender m_question{m_stopped, "QUESTION"};
+  Recorder m_recorder{m_context, "QUESTION", m_queue};
+};
+
+TEST_F(BlockedCallback, AResponseEndsWhenItsReceiverIsDeleted) {
+  const SendCall respond = [&](lbm_msg_t& request, int flags) {
+    return lbm_send_response(request.response, m_payload.data(), m_payload.size(), flags);
+  };
+  ExpectItEndsWith(respond, [&] { m_recorder.Stop(); });
+}
+
+TEST_F(BlockedCallback, AResponseEndsWhenItsContextIsDeleted) {
+  const SendCall respond = [&](lbm_msg_t& request, int flags) {
+    return lbm_send_response(request.response, m_payload.data(), m_payload.size(), flags);
+  };
+  ExpectItEndsWith(respond, [&] { m_context.Delete(); });
+}
+
+TEST_F(BlockedCallback, AMessageEndsWhenTheReceiverIsDeletedInWhoseCallbackItIsSent) {
+  const Recorder full(m_stopped, "ANSWERS");
+  const Sender answers(m_context, "ANSWERS", {{"transport_pacing", "receiver"}});
+  answers.AwaitSubscriber({m_stopped, m_context});
+  const SendCall publish = [&](lbm_msg_t&, int flags) { return answers.Send(m_payload, flags); };
+  ExpectItEndsWith(publish, [&] { m_recorder.Stop(); });
+}
+
+}  // namespace
+}  // namespace engine_test
