@@ -1,0 +1,126 @@
+"""The comparison with other messaging libraries: measures it, and makes tables and plots of what was recorded."""
+
+from collections.abc import Collection, Iterator
+from dataclasses import asdict
+from typing import Any
+
+from . import aims, joining, workloads
+from .figures import Figures
+from .machine import describe_machine, load, machine_line
+from .plots import Curve, Plot
+from .programs import Programs, Result
+from .rounds import Progress, measure_in_rounds
+from .tables import Cell, Table
+from .workloads import Quantity, Series, Size
+
+WORKLOADS = [*workloads.NAMES, joining.NAME]
+
+Run = dict[str, Any]  # all that is recorded of one, ready for JSON
+
+
+def measure(programs: Programs, names: Collection[str], size: Size, progress: Progress) -> Run:
+    """Measures the workloads of these names. A contender that cannot even say what it is is left out."""
+    machine = describe_machine()
+    planned = workloads.plan(series for series in workloads.all_series(size) if series.workload in names)
+    contenders: dict[str, Result] = {}
+    for contender in dict.fromkeys(measurement.contender for measurement in planned):
+        description = programs.describe(contender)
+        if description is not None:
+            contenders[contender.key] = {"name": contender.label, **description}
+    rounds = measure_in_rounds(
+        [measurement for measurement in planned if measurement.contender.key in contenders],
+        size.rounds,
+        lambda measurement: programs.measure(measurement, size.milliseconds),
+        programs.distance,
+        progress,
+    )
+    measurements = [{**measurement.recorded(), "rounds": results} for measurement, results in rounds.items()]
+    domains = joining.measure(programs, size.domains if joining.NAME in names else [])
+    return {
+        "machine": {**machine, "load_after": load()},
+        "size": asdict(size),
+        "contenders": contenders,
+        "domains": domains,
+        "failures": programs.failures,
+        "measurements": measurements,
+        "aims": [check.recorded() for check in aims.check_all(Figures(measurements), domains)],
+    }
+
+
+class Report:
+    """Shows a run, whether it has just been made or was read from a file."""
+
+    def __init__(self, run: Run) -> None:
+        self._run = run
+        self._figures = Figures(run["measurements"])
+        self._series = workloads.all_series(Size(**run["size"]))
+
+    def headline(self) -> list[str]:
+        machine, size = self._run["machine"], self._run["size"]
+        return [
+            f"{machine_line(machine)}; {machine['compiler']}",
+            f"Revision {machine['revision']}, {machine['date']}; load {machine['load_before']:.1f} at the start, "
+            f"{machine['load_after']:.1f} at the end",
+            f"{size['rounds']} rounds, {size['milliseconds']} ms each measurement",
+        ]
+
+    def aims(self) -> Table:
+        return aims.table(aims.check_all(self._figures, self._run["domains"]))
+
+    def tables(self) -> list[Table]:
+        """All of them but the aims, without those that would be empty."""
+        measured = [self._table(series, quantity) for series in self._series for quantity in series.quantities]
+        tables = [self._contenders(), *measured, self._distances(), joining.table(self._run["domains"])]
+        return [table for table in tables if table.rows]
+
+    def plots(self) -> list[Plot]:
+        """Those that have a line to show."""
+        plots = [self._plot(series, series.quantities[0]) for series in self._series if series.plot]
+        return [plot for plot in plots if any(len(curve.points) > 1 for curve in plot.curves)]
+
+    def closing(self) -> str:
+        failed = len(self._run["failures"])
+        return f"Messages lost or damaged: {self._figures.lost()}. Measurements that failed: {failed}."
+
+    def _contenders(self) -> Table:
+        def row(contender: Result) -> list[Cell]:
+            pinned = contender["pinned"] and self._run["machine"]["cores"] > 1
+            told = [contender[key] for key in ("name", "version", "transport", "pacing")]
+            return [*told, "one core a process" if pinned else "free"]
+
+        header = ["", "version", "transport", "what keeps messages from being lost", "processors"]
+        return Table("Contenders", header, [row(contender) for contender in self._run["contenders"].values()])
+
+    def _table(self, series: Series, quantity: Quantity) -> Table:
+        rows = [[self._label(key), *values] for key, values in self._medians(series, quantity)]
+        return Table(series.title(quantity), ["", *(column.heading for column in series.columns)], rows)
+
+    def _plot(self, series: Series, quantity: Quantity) -> Plot:
+        contenders = list(self._run["contenders"])
+        curves = []
+        for key, values in self._medians(series, quantity):
+            points = [(column.x, value) for column, value in zip(series.columns, values) if column.x and value]
+            if points:
+                curves.append(Curve(self._label(key), contenders.index(key), points))
+        return Plot(series.plot, series.title(quantity), series.x_title, curves)
+
+    def _label(self, key: str) -> str:
+        label: str = self._run["contenders"][key]["name"]
+        return label
+
+    def _medians(self, series: Series, quantity: Quantity) -> Iterator[tuple[str, list[float | None]]]:
+        """A value for each column, of each contender that has one besides those that the columns are compared with."""
+        for contender in series.contenders:
+            medians = [
+                self._figures.median(series.measurement(contender, column), quantity) for column in series.columns
+            ]
+            if any(median is not None for median, column in zip(medians, series.columns) if column.settings):
+                values = [None if median is None else median / quantity.divisor for median in medians]
+                yield contender.key, values
+
+    def _distances(self) -> Table:
+        distances = self._figures.distances()
+        shares = {"least": 0.0, "10%": 0.1, "median": 0.5, "90%": 0.9, "greatest": 1.0}
+        values = {name: distances[round(share * (len(distances) - 1))] for name, share in shares.items() if distances}
+        title = "The way between the processors: round trip of the bare ring beside all measurements, nanoseconds"
+        return Table.of(title, [{"": "there and back", **values}] if values else [])

@@ -1,0 +1,39 @@
+"""Who takes part in the comparison."""
+
+from collections.abc import Mapping
+from dataclasses import dataclass, field
+
+Setting = int | bool | str
+Settings = Mapping[str, Setting]
+
+
+@dataclass(frozen=True)
+class Contender:
+    """One way to exchange messages: a program compare_<program>, its settings, a label.
+
+    The key names the contender in results; without a program of its own it is that of the key. The settings go to the
+    program with those of each measurement.
+    """
+
+    key: str
+    label: str
+    program: str = ""
+    settings: Settings = field(default_factory=dict, hash=False)
+
+    @property
+    def executable(self) -> str:
+        return f"compare_{self.program or self.key}"
+
+
+ENGINE = Contender("engine", "this engine, std::function")
+ENGINE_C = Contender("engine_c", "this engine, C interface")
+ZEROMQ = Contender("zeromq", "libzmq")
+NNG = Contender("nng", "nng")
+NATS = Contender("nats", "NATS")
+RING = Contender("ring", "bare ring")
+
+ALL = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS, RING)
+# The ring has no topics, and nothing to wait on: its receiver yields the processor instead.
+WITHOUT_RING = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS)
+# Those that save time when they are polled in a loop.
+SPINNING = (ENGINE, ENGINE_C, RING)

@@ -1,0 +1,66 @@
+"""Runs the programs of the comparison, each of which makes one measurement and prints its result as JSON."""
+
+import json
+import os
+import subprocess
+from pathlib import Path
+from typing import Any
+
+from .contenders import RING, Contender, Settings
+from .workloads import Measurement
+
+Result = dict[str, Any]
+
+SECONDS_MAX = 600  # a backstop: the programs limit themselves
+DISTANCE = Measurement.of("round-trip", RING, {"spin": True})
+DISTANCE_MILLISECONDS = 40
+
+
+class Programs:
+    """Those of a folder. A program that fails has no result, and failures says why."""
+
+    def __init__(self, folder: Path, temporary: Path, seconds_max: float = SECONDS_MAX) -> None:
+        self.failures: list[str] = []
+        self._folder = folder
+        self._environment = {**os.environ, "TMPDIR": str(temporary)}
+        self._seconds_max = seconds_max
+
+    def describe(self, contender: Contender) -> Result | None:
+        return self._run(contender.executable, "describe")
+
+    def measure(self, measurement: Measurement, milliseconds: int) -> Result | None:
+        contender = measurement.contender
+        settings: Settings = {"milliseconds": milliseconds, **dict(measurement.settings), **contender.settings}
+        return self._run(contender.executable, measurement.kind, *_options(settings))
+
+    def distance(self) -> float | None:
+        """How far apart the processors are: nanoseconds there and back through the bare ring."""
+        result = self.measure(DISTANCE, DISTANCE_MILLISECONDS)
+        return result["p50"] if result else None
+
+    def join(self, contexts: int, sources: int) -> Result | None:
+        return self._run("compare_joining", *_options({"contexts": contexts, "sources": sources}))
+
+    def _run(self, program: str, *arguments: str) -> Result | None:
+        """Returns when the program has ended, and with it the processes that it started."""
+        command = [str(self._folder / program), *arguments]
+        try:
+            done = subprocess.run(
+                command, capture_output=True, text=True, timeout=self._seconds_max, check=True, env=self._environment
+            )
+            result: Result = json.loads(done.stdout)
+            return result
+        except (OSError, subprocess.SubprocessError, json.JSONDecodeError) as error:
+            told = getattr(error, "stderr", None) or error
+            self.failures.append(f"{' '.join(command)}: {str(told).strip()}")
+            return None
+
+
+def _options(settings: Settings) -> list[str]:
+    options: list[str] = []
+    for name, value in settings.items():
+        if value is True:
+            options.append(f"--{name}")
+        elif value is not False:
+            options += [f"--{name}", str(value)]
+    return options

@@ -1,0 +1,170 @@
+"""What is measured, and the tables and plots that show it."""
+
+from collections.abc import Iterable, Sequence
+from dataclasses import dataclass, field
+from functools import partial
+from itertools import groupby, zip_longest
+from typing import Any
+
+from .contenders import ALL, SPINNING, WITHOUT_RING, Contender, Setting, Settings
+
+# What a setting is when a measurement does not name it, here and in the programs.
+BASE: Settings = {"payload": 64, "receivers": 1, "topics": 1, "spread": False, "idle-peers": 0, "spin": False}
+IDLE_PEERS = 64
+MANY_TOPICS = 10_000
+
+
+@dataclass(frozen=True)
+class Size:
+    """How much is measured. Topics: how many, and whether all are busy. Domains: contexts and sources."""
+
+    rounds: int
+    milliseconds: int
+    payloads: Sequence[int]
+    receivers: Sequence[int]
+    topics: Sequence[tuple[int, bool]]
+    domains: Sequence[tuple[int, int]]
+
+
+FULL = Size(
+    rounds=5,
+    milliseconds=400,
+    payloads=(16, 64, 256, 1024, 8192),
+    receivers=(4, 16),
+    topics=((100, False), (100, True), (MANY_TOPICS, False), (MANY_TOPICS, True)),
+    domains=((100, 10_000), (200, 200), (500, 500), (1000, 1000)),
+)
+QUICK = Size(
+    rounds=3, milliseconds=150, payloads=(64,), receivers=(4,), topics=((MANY_TOPICS, False),), domains=((100, 10_000),)
+)
+
+
+@dataclass(frozen=True)
+class Measurement:
+    """One run of a contender's program: the kind is its command, the settings are those that differ from BASE."""
+
+    kind: str
+    contender: Contender
+    settings: frozenset[tuple[str, Setting]]
+
+    @classmethod
+    def of(cls, kind: str, contender: Contender, settings: Settings = BASE) -> "Measurement":
+        return cls(kind, contender, frozenset(settings.items() - BASE.items()))
+
+    def recorded(self) -> dict[str, Any]:
+        return {"kind": self.kind, "contender": self.contender.key, **BASE, **dict(self.settings)}
+
+
+@dataclass(frozen=True)
+class Quantity:
+    """A number of a measurement's result, and what it is called once it is divided."""
+
+    key: str
+    title: str
+    divisor: float = 1000
+
+
+RATE = Quantity("slowest", "Thousand messages a second")
+P50, P99, P999 = (Quantity(key, f"Round trip, {key}, microseconds") for key in ("p50", "p99", "p99.9"))
+
+
+@dataclass(frozen=True)
+class Column:
+    """A column of a table, and a point of the plot when it has a place on the x axis.
+
+    One without settings is there to compare with, and alone is not worth showing.
+    """
+
+    heading: str
+    settings: Settings = field(default_factory=dict)
+    x: int | None = None
+
+
+@dataclass(frozen=True)
+class Series:
+    """One kind of measurement of some contenders with one column of settings after the other. It is shown as a table of
+    each quantity and a plot of the first. A workload is the series that name it.
+    """
+
+    workload: str
+    kind: str
+    circumstances: str  # follows the quantity in titles
+    contenders: Sequence[Contender]
+    columns: Sequence[Column]
+    quantities: Sequence[Quantity]
+    plot: str = ""  # its file; there is none without
+    x_title: str = "bytes of payload"
+
+    def title(self, quantity: Quantity) -> str:
+        return quantity.title + self.circumstances
+
+    def measurement(self, contender: Contender, column: Column) -> Measurement:
+        return Measurement.of(self.kind, contender, column.settings)
+
+
+def all_series(size: Size) -> list[Series]:
+    """In the order of measuring and of showing. Workloads that are compared with each other stand together."""
+    payloads = [Column(f"{payload} bytes", {"payload": payload}, payload) for payload in size.payloads]
+    spinning = [Column(column.heading, {**column.settings, "spin": True}, column.x) for column in payloads]
+    peers = [Column("no idle peers"), Column(f"{IDLE_PEERS} idle peers", {"idle-peers": IDLE_PEERS})]
+    topics = [Column("1", x=1)]
+    for count, busy in size.topics:
+        heading, x = (f"{count:,}, all busy", count) if busy else (f"{count:,}, one busy", None)
+        topics.append(Column(heading, {"topics": count, "spread": busy}, x))
+    receivers = [Column("1", x=1), *(Column(str(count), {"receivers": count}, count) for count in size.receivers)]
+    rate = partial(Series, kind="rate", quantities=[RATE])
+    round_trip = partial(Series, "round-trip", kind="round-trip", quantities=[P50, P99, P999])
+    return [
+        rate("rate", circumstances=", one receiver, waiting", contenders=ALL, columns=payloads, plot="rate.svg"),
+        rate(
+            "rate",
+            circumstances=", one receiver, spinning",
+            contenders=SPINNING,
+            columns=spinning,
+            plot="rate-spinning.svg",
+        ),
+        rate("peers", circumstances=" beside idle peers, 64 bytes", contenders=WITHOUT_RING, columns=peers),
+        rate(
+            "topics",
+            circumstances=" by topics, 64 bytes",
+            contenders=WITHOUT_RING,
+            columns=topics,
+            plot="topics.svg",
+            x_title="topics, all busy",
+        ),
+        rate(
+            "receivers",
+            circumstances=" that every receiver got, by receivers, 64 bytes",
+            contenders=ALL,
+            columns=receivers,
+            plot="receivers.svg",
+            x_title="receivers",
+        ),
+        round_trip(
+            circumstances=", both sides waiting", contenders=WITHOUT_RING, columns=payloads, plot="round-trip.svg"
+        ),
+        round_trip(
+            circumstances=", both sides spinning", contenders=SPINNING, columns=spinning, plot="round-trip-spinning.svg"
+        ),
+    ]
+
+
+NAMES = list(dict.fromkeys(series.workload for series in all_series(QUICK)))
+
+
+def plan(series: Iterable[Series]) -> list[Measurement]:
+    """Every measurement of a round, once. What is compared stands close together: the series of a workload take turns
+    column by column, and what is nearest to BASE, where other workloads start from, comes last.
+    """
+    planned = []
+    for _, group in groupby(series, key=lambda one: one.workload):
+        one_workload = list(group)
+        for columns in zip_longest(*(_nearest_to_base_last(one.columns) for one in one_workload)):
+            for one, column in zip(one_workload, columns):
+                if column is not None:
+                    planned += [one.measurement(contender, column) for contender in one.contenders]
+    return list(dict.fromkeys(planned))
+
+
+def _nearest_to_base_last(columns: Sequence[Column]) -> list[Column]:
+    return sorted(columns, key=lambda column: len(column.settings.items() - BASE.items()), reverse=True)
