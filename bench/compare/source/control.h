@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <system_error>
+
+#include "zq/posix/error.h"
 
 namespace compare {
 
@@ -50,7 +51,7 @@ class Shared {
   Shared() {
     void* memory = ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
-      throw std::system_error(errno, std::generic_category(), "cannot map shared memory");
+      zq::posix::ThrowErrno("cannot map shared memory");
     }
     m_value = std::construct_at(static_cast<T*>(memory));
   }

@@ -7,15 +7,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <stdexcept>
-#include <system_error>
 
 #include "control.h"
+#include "zq/posix/error.h"
 
 namespace compare {
 
@@ -56,7 +55,7 @@ void Processes::Start(const std::function<void()>& part, std::optional<int> proc
   const pid_t parent = ::getpid();
   const pid_t process = ::fork();
   if (process < 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot start a process");
+    zq::posix::ThrowErrno("cannot start a process");
   }
   if (process > 0) {
     m_running.push_back(process);

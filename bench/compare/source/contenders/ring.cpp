@@ -9,10 +9,11 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <system_error>
 
 #include "contender.h"
 #include "control.h"
+#include "zq/posix/descriptor.h"
+#include "zq/posix/error.h"
 
 namespace compare {
 
@@ -34,14 +35,14 @@ struct Memory {
 class Ring {
  public:
   explicit Ring(const std::filesystem::path& file) {
-    const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (descriptor < 0 || ::ftruncate(descriptor, sizeof(Memory)) != 0) {
-      throw std::system_error(errno, std::generic_category(), file);
+    const zq::posix::Descriptor opened =
+        zq::posix::Checked(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600), file.c_str());
+    if (::ftruncate(opened.Get(), sizeof(Memory)) != 0) {
+      zq::posix::ThrowErrno(file);
     }
-    void* memory = ::mmap(nullptr, sizeof(Memory), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, descriptor, 0);
-    ::close(descriptor);
+    void* memory = ::mmap(nullptr, sizeof(Memory), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, opened.Get(), 0);
     if (memory == MAP_FAILED) {
-      throw std::system_error(errno, std::generic_category(), file);
+      zq::posix::ThrowErrno(file);
     }
     m_memory = static_cast<Memory*>(memory);
   }
