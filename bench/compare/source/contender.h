@@ -1,9 +1,10 @@
 // What the comparison asks of a messaging library. Each contender is one file in contenders/ that defines
-// makeContender(), and becomes one program.
+// MakeContender(), and becomes one program.
 #pragma once
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,27 +45,18 @@ class Node {
   virtual void Poll(int timeoutMs) = 0;
 };
 
-struct Description {
-  std::string name;     // for people
+// Made before the processes of the measurement are; lives until they have ended.
+struct Contender {
   std::string version;  // of the library that is running
   std::string transport;
   std::string pacing;      // what keeps a fast publisher from losing messages
-  bool spins = false;      // poll(0) in a loop is a way to use it with less latency
-  bool topics = true;      // knows topics
   bool pinned = false;     // each process is held on one processor: for those who do their work on the caller's thread
   std::size_t window = 0;  // messages that the publisher may be ahead of its slowest receiver; 0: the library's pacing
-};
-
-// Made before the processes of the measurement are; lives until they have ended.
-class Contender {
- public:
-  virtual ~Contender() = default;
-  virtual Description Describe() const = 0;
-  virtual std::unique_ptr<Node> MakeNode(const NodeSetup& setup) = 0;
+  std::function<std::unique_ptr<Node>(const NodeSetup&)> makeNode;
 };
 
 // directory: an empty one for this measurement alone, in memory where the machine has such a file system.
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory);
+Contender MakeContender(const std::filesystem::path& directory);
 
 // Contenders without topics in their protocol, only a prefix to match, begin each message with the topic's name; all
 // names have this length.

@@ -13,10 +13,12 @@
 
 namespace {
 
-nlohmann::json ToJson(const compare::Description& description) {
-  return {{"name", description.name},     {"version", description.version}, {"transport", description.transport},
-          {"pacing", description.pacing}, {"spins", description.spins},     {"topics", description.topics},
-          {"pinned", description.pinned}, {"window", description.window}};
+nlohmann::json ToJson(const compare::Contender& contender) {
+  return {{"version", contender.version},
+          {"transport", contender.transport},
+          {"pacing", contender.pacing},
+          {"pinned", contender.pinned},
+          {"window", contender.window}};
 }
 
 nlohmann::json ToJson(const compare::RateResult& result) {
@@ -56,18 +58,18 @@ int main(int argc, char** argv) try {
   CLI11_PARSE(app, argc, argv);
 
   const test_support::TemporaryDirectory directory;
-  const std::unique_ptr<compare::Contender> contender = compare::MakeContender(directory.Path());
+  const compare::Contender contender = compare::MakeContender(directory.Path());
   const std::chrono::milliseconds duration(milliseconds);
   nlohmann::json result;
   if (*describe) {
-    result = ToJson(contender->Describe());
+    result = ToJson(contender);
   } else if (*rate) {
     settings.payload = payload;
     settings.spin = spin;
     settings.duration = duration;
-    result = ToJson(compare::MeasureRate(*contender, settings));
+    result = ToJson(compare::MeasureRate(contender, settings));
   } else {
-    result = ToJson(compare::MeasureRoundTrip(*contender, {.payload = payload, .spin = spin, .duration = duration}));
+    result = ToJson(compare::MeasureRoundTrip(contender, {.payload = payload, .spin = spin, .duration = duration}));
   }
   std::puts(result.dump().c_str());
   return 0;

@@ -29,7 +29,7 @@ struct RateResult {
 };
 
 // A publisher that sends as fast as it is let.
-RateResult MeasureRate(Contender& contender, const RateSettings& settings);
+RateResult MeasureRate(const Contender& contender, const RateSettings& settings);
 
 struct RoundTripSettings {
   std::size_t payload = 64;
@@ -44,6 +44,6 @@ struct RoundTripResult {
 };
 
 // One message at a time there and back between two processes, answered from within the delivery.
-RoundTripResult MeasureRoundTrip(Contender& contender, const RoundTripSettings& settings);
+RoundTripResult MeasureRoundTrip(const Contender& contender, const RoundTripSettings& settings);
 
 }  // namespace compare

@@ -94,12 +94,12 @@ class Cast {
 
 class PublisherPart {
  public:
-  PublisherPart(Contender& contender, const RateSettings& settings, Control& control)
+  PublisherPart(const Contender& contender, const RateSettings& settings, Control& control)
       : m_settings(settings),
         m_receivers(control.receivers.begin(), settings.receivers),
         m_control(control),
-        m_window(contender.Describe().window),
-        m_node(contender.MakeNode(Cast(settings).Publisher())),
+        m_window(contender.window),
+        m_node(contender.makeNode(Cast(settings).Publisher())),
         m_payload(settings.payload) {}
 
   void Run() {
@@ -183,10 +183,10 @@ class PublisherPart {
   std::size_t m_topic = 0;
 };
 
-void Receive(Contender& contender, const RateSettings& settings, Control& control, std::size_t number) {
+void Receive(const Contender& contender, const RateSettings& settings, Control& control, std::size_t number) {
   ReceiverCount& count = control.receivers[number];
   Counter counter(count, settings.payload);
-  const std::unique_ptr<Node> node = contender.MakeNode(Cast(settings).GetReceiver(number, counter));
+  const std::unique_ptr<Node> node = contender.makeNode(Cast(settings).GetReceiver(number, counter));
 
   struct Moment {
     Clock::time_point time = Clock::now();
@@ -212,7 +212,7 @@ void Receive(Contender& contender, const RateSettings& settings, Control& contro
 }
 
 // All of them in one process, which sleeps once they are subscribed. Ends the process.
-void Idle(Contender& contender, const RateSettings& settings, Control& control) {
+void Idle(const Contender& contender, const RateSettings& settings, Control& control) {
   struct Peer {
     std::unique_ptr<ReceiverCount> count = std::make_unique<ReceiverCount>();
     std::unique_ptr<Counter> counter;
@@ -222,7 +222,7 @@ void Idle(Contender& contender, const RateSettings& settings, Control& control) 
   for (std::size_t number = 0; number < peers.size(); ++number) {
     Peer& peer = peers[number];
     peer.counter = std::make_unique<Counter>(*peer.count, settings.payload);
-    peer.node = contender.MakeNode(Cast(settings).IdlePeer(number, *peer.counter));
+    peer.node = contender.makeNode(Cast(settings).IdlePeer(number, *peer.counter));
   }
   for (Peer& peer : peers) {
     while (!peer.count->ready.load()) {
@@ -242,10 +242,9 @@ void Idle(Contender& contender, const RateSettings& settings, Control& control) 
 
 }  // namespace
 
-RateResult MeasureRate(Contender& contender, const RateSettings& settings) {
+RateResult MeasureRate(const Contender& contender, const RateSettings& settings) {
   const Shared<Control> control;
-  const bool pinned = contender.Describe().pinned;
-  const auto processor = [&](std::size_t number) { return pinned ? ProcessorFor(number) : std::nullopt; };
+  const auto processor = [&](std::size_t number) { return contender.pinned ? ProcessorFor(number) : std::nullopt; };
 
   Processes processes;
   processes.Start([&] { PublisherPart(contender, settings, *control).Run(); }, processor(0));

@@ -105,16 +105,16 @@ void PollUntilOver(Node& node, bool spin, const Control& control) {
   }
 }
 
-void RunEcho(Contender& contender, const RoundTripSettings& settings, Control& control) {
+void RunEcho(const Contender& contender, const RoundTripSettings& settings, Control& control) {
   Echo sink;
-  const std::unique_ptr<Node> node = contender.MakeNode(SetupFor(kBack, kThere, sink));
+  const std::unique_ptr<Node> node = contender.makeNode(SetupFor(kBack, kThere, sink));
   sink.AnswerThrough(*node);
   PollUntilOver(*node, settings.spin, control);
 }
 
-void Ping(Contender& contender, const RoundTripSettings& settings, Control& control) {
+void Ping(const Contender& contender, const RoundTripSettings& settings, Control& control) {
   Pinger sink(settings, control);
-  const std::unique_ptr<Node> node = contender.MakeNode(SetupFor(kThere, kBack, sink));
+  const std::unique_ptr<Node> node = contender.makeNode(SetupFor(kThere, kBack, sink));
   Payload probe(settings.payload);
   probe.Stamp(kProbe);
   const Clock::time_point deadline = Clock::now() + kPreparingMax;
@@ -132,12 +132,12 @@ void Ping(Contender& contender, const RoundTripSettings& settings, Control& cont
 
 }  // namespace
 
-RoundTripResult MeasureRoundTrip(Contender& contender, const RoundTripSettings& settings) {
+RoundTripResult MeasureRoundTrip(const Contender& contender, const RoundTripSettings& settings) {
   const Shared<Control> control;
-  const bool pinned = contender.Describe().pinned;
+  const auto processor = [&](std::size_t number) { return contender.pinned ? ProcessorFor(number) : std::nullopt; };
   Processes processes;
-  processes.Start([&] { Ping(contender, settings, *control); }, pinned ? ProcessorFor(0) : std::nullopt);
-  processes.Start([&] { RunEcho(contender, settings, *control); }, pinned ? ProcessorFor(1) : std::nullopt);
+  processes.Start([&] { Ping(contender, settings, *control); }, processor(0));
+  processes.Start([&] { RunEcho(contender, settings, *control); }, processor(1));
   processes.Wait(settings.warmUp + settings.duration + kPreparingMax + 15s);
 
   const std::span samples(control->samples.nanoseconds.data(), control->samples.count);

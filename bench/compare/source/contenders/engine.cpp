@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <lbm/lbm_cpp>
 
-#include "contender.h"
+#include "this_engine.h"
 #include "zq/logging/log_level.h"
 
 namespace compare {
@@ -46,29 +46,12 @@ class EngineNode : public Node {
   std::vector<std::unique_ptr<lbm::Receiver>> m_receivers;
 };
 
-class Engine : public Contender {
- public:
-  explicit Engine(const std::filesystem::path& directory) {
-    zq::logging::g_minLogLevel = zq::logging::ZQLOG_WARNING;
-    ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1);
-    ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "1", 1);
-  }
-
-  Description Describe() const override {
-    return {.name = "this engine, std::function",
-            .version = lbm_version(),
-            .transport = "its own, default options",
-            .pacing = "transport_pacing receiver: a send waits for room",
-            .spins = true,
-            .pinned = true};
-  }
-  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
-};
-
 }  // namespace
 
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
-  return std::make_unique<Engine>(directory);
+Contender MakeContender(const std::filesystem::path& directory) {
+  zq::logging::g_minLogLevel = zq::logging::ZQLOG_WARNING;
+  ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "1", 1);
+  return ThisEngine<EngineNode>(directory);
 }
 
 }  // namespace compare

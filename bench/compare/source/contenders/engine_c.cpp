@@ -1,10 +1,9 @@
 // This engine, through its C interface.
 #include <lbm/lbm.h>
 
-#include <cstdlib>
 #include <stdexcept>
 
-#include "contender.h"
+#include "this_engine.h"
 
 namespace compare {
 
@@ -74,25 +73,8 @@ class EngineNode : public Node {
   std::vector<lbm_rcv_t*> m_receivers;
 };
 
-class Engine : public Contender {
- public:
-  explicit Engine(const std::filesystem::path& directory) { ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1); }
-
-  Description Describe() const override {
-    return {.name = "this engine, C interface",
-            .version = lbm_version(),
-            .transport = "its own, default options",
-            .pacing = "transport_pacing receiver: a send waits for room",
-            .spins = true,
-            .pinned = true};
-  }
-  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override { return std::make_unique<EngineNode>(setup); }
-};
-
 }  // namespace
 
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
-  return std::make_unique<Engine>(directory);
-}
+Contender MakeContender(const std::filesystem::path& directory) { return ThisEngine<EngineNode>(directory); }
 
 }  // namespace compare

@@ -134,25 +134,15 @@ class NatsNode : public Node {
   std::vector<natsSubscription*> m_subscriptions;
 };
 
-class Nats : public Contender {
- public:
-  Description Describe() const override {
-    return {.name = "NATS",
-            .version = m_server.Version() + ", client " + ::nats_GetVersion(),
-            .transport = "core publish/subscribe over loopback TCP through a server",
-            .pacing = "none of its own; at most " + std::to_string(kWindow) + " messages ahead",
-            .window = kWindow};
-  }
-  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
-    return std::make_unique<NatsNode>(m_server.Url(), setup);
-  }
-
- private:
-  const Server m_server;
-};
-
 }  // namespace
 
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path&) { return std::make_unique<Nats>(); }
+Contender MakeContender(const std::filesystem::path&) {
+  const auto server = std::make_shared<const Server>();
+  return {.version = server->Version() + ", client " + ::nats_GetVersion(),
+          .transport = "core publish/subscribe over loopback TCP through a server",
+          .pacing = "none of its own; at most " + std::to_string(kWindow) + " messages ahead",
+          .window = kWindow,
+          .makeNode = [server](const NodeSetup& setup) { return std::make_unique<NatsNode>(server->Url(), setup); }};
+}
 
 }  // namespace compare

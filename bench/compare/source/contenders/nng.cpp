@@ -86,30 +86,15 @@ class NngNode : public Node {
   int m_timeoutMs = -1;
 };
 
-class Nng : public Contender {
- public:
-  explicit Nng(std::filesystem::path directory) : m_directory(std::move(directory)) {}
-
-  Description Describe() const override {
-    return {.name = "nng",
-            .version = ::nng_version(),
-            .transport = "pub0/sub0 over ipc://",
-            .pacing = "none of its own; at most " + std::to_string(kWindow) + " messages ahead, buffers of " +
-                      std::to_string(kBuffer),
-            .window = kWindow};
-  }
-  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
-    return std::make_unique<NngNode>(m_directory, setup);
-  }
-
- private:
-  const std::filesystem::path m_directory;
-};
-
 }  // namespace
 
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
-  return std::make_unique<Nng>(directory);
+Contender MakeContender(const std::filesystem::path& directory) {
+  return {.version = ::nng_version(),
+          .transport = "pub0/sub0 over ipc://",
+          .pacing = "none of its own; at most " + std::to_string(kWindow) + " messages ahead, buffers of " +
+                    std::to_string(kBuffer),
+          .window = kWindow,
+          .makeNode = [directory](const NodeSetup& setup) { return std::make_unique<NngNode>(directory, setup); }};
 }
 
 }  // namespace compare

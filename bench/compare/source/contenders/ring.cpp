@@ -136,31 +136,14 @@ class RingNode : public Node {
   std::vector<std::unique_ptr<Ring>> m_in;
 };
 
-class Rings : public Contender {
- public:
-  explicit Rings(std::filesystem::path directory) : m_directory(std::move(directory)) {}
-
-  Description Describe() const override {
-    return {.name = "bare ring",
-            .version = "-",
-            .transport = "1 MiB of shared memory for each receiver",
-            .pacing = "the writer spins until there is room",
-            .spins = true,
-            .topics = false,
-            .pinned = true};
-  }
-  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
-    return std::make_unique<RingNode>(m_directory, setup);
-  }
-
- private:
-  const std::filesystem::path m_directory;
-};
-
 }  // namespace
 
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
-  return std::make_unique<Rings>(directory);
+Contender MakeContender(const std::filesystem::path& directory) {
+  return {.version = "-",
+          .transport = "1 MiB of shared memory for each receiver",
+          .pacing = "the writer spins until there is room",
+          .pinned = true,
+          .makeNode = [directory](const NodeSetup& setup) { return std::make_unique<RingNode>(directory, setup); }};
 }
 
 }  // namespace compare

@@ -111,32 +111,17 @@ class ZmqNode : public Node {
   int m_timeoutMs = -1;
 };
 
-class ZeroMq : public Contender {
- public:
-  explicit ZeroMq(std::filesystem::path directory) : m_directory(std::move(directory)) {}
-
-  Description Describe() const override {
-    int major = 0;
-    int minor = 0;
-    int patch = 0;
-    ::zmq_version(&major, &minor, &patch);
-    return {.name = "libzmq",
-            .version = std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch),
-            .transport = "PUB/SUB over ipc://, one I/O thread a process",
-            .pacing = "ZMQ_XPUB_NODROP and high-water marks of " + std::to_string(kHighWaterMark) + ": a send waits"};
-  }
-  std::unique_ptr<Node> MakeNode(const NodeSetup& setup) override {
-    return std::make_unique<ZmqNode>(m_directory, setup);
-  }
-
- private:
-  const std::filesystem::path m_directory;
-};
-
 }  // namespace
 
-std::unique_ptr<Contender> MakeContender(const std::filesystem::path& directory) {
-  return std::make_unique<ZeroMq>(directory);
+Contender MakeContender(const std::filesystem::path& directory) {
+  int major = 0;
+  int minor = 0;
+  int patch = 0;
+  ::zmq_version(&major, &minor, &patch);
+  return {.version = std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch),
+          .transport = "PUB/SUB over ipc://, one I/O thread a process",
+          .pacing = "ZMQ_XPUB_NODROP and high-water marks of " + std::to_string(kHighWaterMark) + ": a send waits",
+          .makeNode = [directory](const NodeSetup& setup) { return std::make_unique<ZmqNode>(directory, setup); }};
 }
 
 }  // namespace compare
