@@ -46,7 +46,8 @@ def parse(arguments: Sequence[str]) -> argparse.Namespace:
         default=[],
         metavar="PART",
         help=f"a program of bench/CMakeLists.txt (log, delivery, ...), a workload of the comparison "
-        f"({', '.join(comparison.WORKLOADS)}), or {WHOLE_COMPARISON!r} for all of them; all parts when not given",
+        f"({', '.join(comparison.WORKLOADS)}), or {WHOLE_COMPARISON!r} for all of them but {', '.join(comparison.ON_REQUEST)}; "
+        f"when not given, all parts but those",
     )
     parser.add_argument(
         "--recorded", type=Path, metavar="FILE", help="show what this compare.json recorded instead of measuring"
@@ -56,13 +57,13 @@ def parse(arguments: Sequence[str]) -> argparse.Namespace:
 
 def choose(only: Collection[str], programs: Sequence[str]) -> tuple[list[str], list[str]]:
     """The small programs and the workloads of the comparison that are to run. Raises ValueError for an unknown part."""
-    everything = [*programs, *comparison.WORKLOADS, WHOLE_COMPARISON]
+    parts = [*programs, *comparison.WORKLOADS, WHOLE_COMPARISON]
     for part in only:
-        if part not in everything:
-            raise ValueError(f"no part is called {part!r}; there are: {' '.join(everything)}")
-    wanted = only or everything
-    if WHOLE_COMPARISON in only:
-        wanted = [*only, *comparison.WORKLOADS]
+        if part not in parts:
+            raise ValueError(f"no part is called {part!r}; there are: {' '.join(parts)}")
+    wanted = [*(only or programs)]
+    if WHOLE_COMPARISON in only or not only:
+        wanted += [name for name in comparison.WORKLOADS if name not in comparison.ON_REQUEST]
     return [name for name in programs if name in wanted], [name for name in comparison.WORKLOADS if name in wanted]
 
 

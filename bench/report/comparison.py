@@ -4,7 +4,7 @@ from collections.abc import Collection, Iterator
 from dataclasses import asdict
 from typing import Any
 
-from . import aims, joining, workloads
+from . import aims, devices, joining, workloads
 from .figures import Figures
 from .machine import describe_machine, load, machine_line
 from .plots import Curve, Plot
@@ -14,6 +14,7 @@ from .tables import Cell, Table
 from .workloads import Quantity, Series, Size
 
 WORKLOADS = [*workloads.NAMES, joining.NAME]
+ON_REQUEST = {workloads.DEVICES}  # not part of the whole
 
 Run = dict[str, Any]  # all that is recorded of one, ready for JSON
 
@@ -70,7 +71,8 @@ class Report:
     def tables(self) -> list[Table]:
         """All of them but the aims, without those that would be empty."""
         measured = [self._table(series, quantity) for series in self._series for quantity in series.quantities]
-        tables = [self._contenders(), *measured, self._distances(), joining.table(self._run["domains"])]
+        gains = devices.table(self._figures, self._series)
+        tables = [self._contenders(), *measured, gains, self._distances(), joining.table(self._run["domains"])]
         return [table for table in tables if table.rows]
 
     def plots(self) -> list[Plot]:

@@ -37,3 +37,15 @@ ALL = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS, RING)
 WITHOUT_RING = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS)
 # Those that save time when they are polled in a loop.
 SPINNING = (ENGINE, ENGINE_C, RING)
+
+# This engine built without one of the devices that exist for speed alone; see system/tuning.h there.
+WITHOUT_DEVICE = tuple(
+    Contender(f"without_{key}", f"without {label}")
+    for key, label in (
+        ("busy_word", "the busy word"),
+        ("biased_mutex", "the biased mutex"),
+        ("poll_backoff", "the poll backoff"),
+        ("prefetch", "prefetching"),
+        ("yield", "the yield before parking"),
+    )
+)

@@ -6,12 +6,13 @@ from functools import partial
 from itertools import groupby, zip_longest
 from typing import Any
 
-from .contenders import ALL, SPINNING, WITHOUT_RING, Contender, Setting, Settings
+from .contenders import ALL, ENGINE_C, SPINNING, WITHOUT_DEVICE, WITHOUT_RING, Contender, Setting, Settings
 
 # What a setting is when a measurement does not name it, here and in the programs.
 BASE: Settings = {"payload": 64, "receivers": 1, "topics": 1, "spread": False, "idle-peers": 0, "spin": False}
 IDLE_PEERS = 64
 MANY_TOPICS = 10_000
+DEVICES = "devices"  # a workload: the engine against itself without each device for speed
 
 
 @dataclass(frozen=True)
@@ -60,12 +61,14 @@ class Quantity:
     """A number of a measurement's result, and what it is called once it is divided."""
 
     key: str
+    name: str
     title: str
+    more_is_better: bool = False
     divisor: float = 1000
 
 
-RATE = Quantity("slowest", "Thousand messages a second")
-P50, P99, P999 = (Quantity(key, f"Round trip, {key}, microseconds") for key in ("p50", "p99", "p99.9"))
+RATE = Quantity("slowest", "rate", "Thousand messages a second", more_is_better=True)
+P50, P99, P999 = (Quantity(key, "round trip", f"Round trip, {key}, microseconds") for key in ("p50", "p99", "p99.9"))
 
 
 @dataclass(frozen=True)
@@ -112,6 +115,15 @@ def all_series(size: Size) -> list[Series]:
         heading, x = (f"{count:,}, all busy", count) if busy else (f"{count:,}, one busy", None)
         topics.append(Column(heading, {"topics": count, "spread": busy}, x))
     receivers = [Column("1", x=1), *(Column(str(count), {"receivers": count}, count) for count in size.receivers)]
+    devices = [
+        Column("64 bytes"),
+        Column("spinning", {"spin": True}),
+        Column("8,192 bytes", {"payload": 8192}),
+        Column("4 receivers", {"receivers": 4}),
+        Column("16 receivers", {"receivers": 16}),
+        Column(f"{MANY_TOPICS:,} topics", {"topics": MANY_TOPICS}),
+        Column(f"{IDLE_PEERS} idle peers", {"idle-peers": IDLE_PEERS}),
+    ]
     rate = partial(Series, kind="rate", quantities=[RATE])
     round_trip = partial(Series, "round-trip", kind="round-trip", quantities=[P50, P99, P999])
     return [
@@ -145,6 +157,15 @@ def all_series(size: Size) -> list[Series]:
         ),
         round_trip(
             circumstances=", both sides spinning", contenders=SPINNING, columns=spinning, plot="round-trip-spinning.svg"
+        ),
+        rate(DEVICES, circumstances=", without each device", contenders=[ENGINE_C, *WITHOUT_DEVICE], columns=devices),
+        Series(
+            DEVICES,
+            "round-trip",
+            circumstances=", without each device",
+            contenders=[ENGINE_C, *WITHOUT_DEVICE],
+            columns=devices[:2],
+            quantities=[P50],
         ),
     ]
 

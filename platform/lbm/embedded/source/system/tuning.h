@@ -7,7 +7,7 @@ namespace engine::tuning {
 #ifdef ENGINE_WITHOUT_BUSY_WORD
 inline constexpr bool kBusyWord = false;
 #else
-inline constexpr bool kBusyWord = true;  // a busy consumer spares its producers the sequentially consistent store
+inline constexpr bool kBusyWord = true;     // a busy consumer spares its producers the sequentially consistent store
 #endif
 
 #ifdef ENGINE_WITHOUT_BIASED_MUTEX
@@ -25,7 +25,7 @@ inline constexpr bool kPollBackoff = true;  // a consumer that keeps up pauses b
 #ifdef ENGINE_WITHOUT_PREFETCH
 inline constexpr bool kPrefetch = false;
 #else
-inline constexpr bool kPrefetch = true;  // both sides of a ring fetch cache lines ahead
+inline constexpr bool kPrefetch = true;     // both sides of a ring fetch cache lines ahead
 #endif
 
 #ifdef ENGINE_WITHOUT_YIELD

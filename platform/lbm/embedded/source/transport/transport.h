@@ -99,7 +99,8 @@ struct InboundMessage {
 // space may depend on that very call.
 struct SendWait {
   bool allowed = false;
-  bool (*abandoned)() noexcept = nullptr;  // asked now and then on the waiting thread; true ends the wait. Null: nothing
+  bool (*abandoned)() noexcept =
+      nullptr;  // asked now and then on the waiting thread; true ends the wait. Null: nothing
 
   bool GoesOn() const noexcept { return allowed && (abandoned == nullptr || !abandoned()); }
 };

@@ -1,5 +1,5 @@
-// How producers learn that a consumer is parked: a shared word that the consumer stores and its producers can only read,
-// so that none of them can withhold wake-ups from it.
+// How producers learn that a consumer is parked: a shared word that the consumer stores and its producers can only
+// read, so that none of them can withhold wake-ups from it.
 //
 // The word says whether the consuming context is parked, or is about to, and counts how often it has (its epoch). A
 // producer rings the doorbell once an epoch, so it makes one system call however many frames it commits before the

@@ -29,9 +29,9 @@
 // Cache lines. Both sides prefetch the lines that they will need a few frames ahead (the consumer only lines that are
 // written), so that they come from the other processor's cache while the frames before them are handled.
 //
-// Trust. The other side may change anything in the shared memory at any time. What decides about an access is copied out
-// first, then checked, then used; what a side itself wrote it never reads back. A cursor or a frame that cannot be right
-// throws Fault.
+// Trust. The other side may change anything in the shared memory at any time. What decides about an access is copied
+// out first, then checked, then used; what a side itself wrote it never reads back. A cursor or a frame that cannot be
+// right throws Fault.
 #pragma once
 
 #include <algorithm>

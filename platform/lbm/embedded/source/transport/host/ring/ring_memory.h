@@ -24,8 +24,8 @@ class RingMemory {
   // A new, empty ring of so many bytes, a power of two. Throws std::system_error.
   static Created Create(std::size_t bytes);
 
-  // A ring that a peer passed. Throws Fault when the memory is no ring, std::system_error when the system refuses to map
-  // it.
+  // A ring that a peer passed. Throws Fault when the memory is no ring, std::system_error when the system refuses to
+  // map it.
   explicit RingMemory(const zq::posix::Descriptor& memory);
 
   RingControl<RingCursor>& Control() const noexcept {

@@ -1,10 +1,11 @@
 // The frames of the host protocol, in the machine's own byte order, since both ends are on one machine.
 //
-// Control frames travel on a link's socket, one a packet, and begin with their type. Data frames travel in a ring, where
-// the type is the frame's tag and is not repeated in its content. A ring and the socket beside it are ordered in one
-// direction: what a peer committed to its ring before it sent a control frame is consumed before that frame.
+// Control frames travel on a link's socket, one a packet, and begin with their type. Data frames travel in a ring,
+// where the type is the frame's tag and is not repeated in its content. A ring and the socket beside it are ordered in
+// one direction: what a peer committed to its ring before it sent a control frame is consumed before that frame.
 //
-// Every frame may come from a faulty peer: each length is checked before it is used, and a malformed frame throws Fault.
+// Every frame may come from a faulty peer: each length is checked before it is used, and a malformed frame throws
+// Fault.
 #pragma once
 
 #include <cstddef>
@@ -201,8 +202,8 @@ std::string SessionText(std::uint64_t session);
 std::string IdentityOf(const Greeting& greeting);
 std::string SourceIdentity(const std::string& context, std::uint32_t source);
 
-// Packs advertisements into as few packets as they need: when Add returns false, the packet is full; send it, Clear, and
-// add again.
+// Packs advertisements into as few packets as they need: when Add returns false, the packet is full; send it, Clear,
+// and add again.
 class AdvertiseBatch {
  public:
   AdvertiseBatch() { Clear(); }
