@@ -17,7 +17,7 @@ using SystemCallsTest = EngineTest;
 
 constexpr std::size_t kWarmUp = 5'000;    // messages, until all memory is there that will be needed
 constexpr std::size_t kTrapped = 50'000;  // messages
-constexpr std::size_t kInFlight = 1'000;  // far from filling half a ring, so that nobody has to be told of room
+constexpr std::size_t kInFlight = 1'000;  // far from filling half a ring, so that no credit has to be granted
 constexpr int kNoTraps = 77;              // exit code
 
 lbm_src_t* MakeSource(lbm_context_t* context, const char* name, lbm_src_cb_proc proc, void* clientd) {

@@ -239,8 +239,8 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
   ExpectUnharmed();
 }
 
-// A subscriber that writes its place in the ring where the publisher has not been.
-TEST_F(HostilePeer, AnImpossiblePlaceOfTheReaderEndsTheLink) {
+// A subscriber that moves its head beyond the tail.
+TEST_F(HostilePeer, AnImpossibleHeadEndsTheLink) {
   const RawPeer peer(m_address);
   const ParkingWord parkingWord;
   peer.Greet();

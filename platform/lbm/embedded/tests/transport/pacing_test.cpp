@@ -122,7 +122,7 @@ TEST_F(PacedLink, WouldBlockSendsToNobodyAndIsFollowedByOneWritable) {
   EXPECT_EQ(fast.messages, sent + 1);
 }
 
-TEST_F(PacedLink, LeavingOfTheSlowSubscriberMakesRoom) {
+TEST_F(PacedLink, TheSlowSubscribersLeavingMakesSpace) {
   Start(Pacing::kReceiver);
   SendUntilFull();
   m_slow.reset();
@@ -159,9 +159,9 @@ TEST_F(PacedLink, BlockedPublishersReturnWhenTheSubscriberGoesOrTheContextCloses
   m_slow = std::make_unique<Member>(SettingsIn(m_directory));
   Settle({m_source.get(), m_slow.get()});
   SendUntilFull();
-  std::thread forRoom([&] { EXPECT_EQ(Send(true), SendResult::kClosed); });
+  std::thread forSpace([&] { EXPECT_EQ(Send(true), SendResult::kClosed); });
   m_source->transport->Close(std::chrono::milliseconds(0));
-  forRoom.join();
+  forSpace.join();
 }
 
 TEST_F(PacedLink, WaitingInsideACallbackIsRefusedWhereItWouldBeForEver) {

@@ -5,34 +5,34 @@
 namespace engine::transport::host {
 namespace {
 
-int PollsUntilDue(PollBackoff& pause, std::size_t framesEach) {
-  for (int looks = 0; looks < 10 * PollBackoff::kPollsSuspended; ++looks) {
-    if (pause.Due()) {
-      return looks;
+int PollsUntilDue(PollBackoff& backoff, std::size_t framesEach) {
+  for (int polls = 0; polls < 10 * PollBackoff::kPollsSuspended; ++polls) {
+    if (backoff.Due()) {
+      return polls;
     }
-    pause.NotePoll(framesEach);
+    backoff.NotePoll(framesEach);
   }
   return -1;
 }
 
-TEST(PollBackoff, IsDueWhileEachLookFindsAFewFrames) {
-  PollBackoff pause;
-  EXPECT_EQ(PollsUntilDue(pause, 3), PollBackoff::kPollsInARow);
-  pause.NotePoll(10);
-  EXPECT_TRUE(pause.Due());
-  pause.NotePoll(PollBackoff::kFewFrames + 1);  // the writers are far ahead anyhow
-  EXPECT_FALSE(pause.Due());
-  EXPECT_EQ(PollsUntilDue(pause, 1), PollBackoff::kPollsInARow);
-  pause.NotePoll(0);
-  EXPECT_FALSE(pause.Due());
-  EXPECT_EQ(PollsUntilDue(pause, PollBackoff::kFewFrames + 1), -1);
+TEST(PollBackoff, IsDueWhileEachPollFindsAFewFrames) {
+  PollBackoff backoff;
+  EXPECT_EQ(PollsUntilDue(backoff, 3), PollBackoff::kPollsInARow);
+  backoff.NotePoll(10);
+  EXPECT_TRUE(backoff.Due());
+  backoff.NotePoll(PollBackoff::kFewFrames + 1);  // the producers are far ahead anyhow
+  EXPECT_FALSE(backoff.Due());
+  EXPECT_EQ(PollsUntilDue(backoff, 1), PollBackoff::kPollsInARow);
+  backoff.NotePoll(0);
+  EXPECT_FALSE(backoff.Due());
+  EXPECT_EQ(PollsUntilDue(backoff, PollBackoff::kFewFrames + 1), -1);
 }
 
-TEST(PollBackoff, IsGivenUpForAWhileWhereItIsOfNoUse) {
-  PollBackoff pause;
-  PollsUntilDue(pause, 1);
-  pause.NotePoll(1);
-  EXPECT_EQ(PollsUntilDue(pause, 1), PollBackoff::kPollsSuspended + PollBackoff::kPollsInARow);
+TEST(PollBackoff, IsSuspendedWhereItIsOfNoUse) {
+  PollBackoff backoff;
+  PollsUntilDue(backoff, 1);
+  backoff.NotePoll(1);
+  EXPECT_EQ(PollsUntilDue(backoff, 1), PollBackoff::kPollsSuspended + PollBackoff::kPollsInARow);
 }
 
 }  // namespace

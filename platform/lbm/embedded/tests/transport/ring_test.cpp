@@ -17,7 +17,7 @@
 namespace engine::transport::host {
 namespace {
 
-// Narrow counters and a few bytes, so that everything wraps all the time.
+// Narrow cursors and a few bytes, so that everything wraps all the time.
 template <typename Cursor, std::size_t Capacity>
 struct TinyRing {
   RingControl<Cursor> control{};
@@ -110,50 +110,50 @@ TYPED_TEST(RingTest, HasItsEdgesAtEveryPlace) {
   }
 }
 
-TYPED_TEST(RingTest, TellsOfRoomOnceAndOnlyWhenHalfIsFree) {
+TYPED_TEST(RingTest, GrantsCreditOnceAndOnlyWhenHalfIsFree) {
   TypeParam ring;
   const std::size_t frames = ring.bytes.size() / 8;
   for (std::size_t i = 0; i < frames; ++i) {
     ASSERT_TRUE(ring.Put(""));
   }
-  const std::uint32_t told = ring.producer.RequestCredit();
-  EXPECT_EQ(ring.producer.RequestCredit(), told);
+  const std::uint32_t granted = ring.producer.RequestCredit();
+  EXPECT_EQ(ring.producer.RequestCredit(), granted);
   RingFrame frame;
   ASSERT_TRUE(ring.consumer.Poll());
   for (std::size_t i = 0; i < frames; ++i) {
     EXPECT_EQ(ring.consumer.Release(), i >= frames / 2) << i;
     ASSERT_TRUE(ring.consumer.Next(frame));
   }
-  EXPECT_NE(ring.consumer.GrantCredit(), told);
+  EXPECT_NE(ring.consumer.GrantCredit(), granted);
   EXPECT_FALSE(ring.consumer.Release());
   ring.producer.RequestCredit();
   EXPECT_TRUE(ring.consumer.Release());
 }
 
-// Both at the same moment, over and over: a writer that looks whether the reader is still busy, and a reader that stops
-// being busy, declares to sleep and looks for a frame. One of them has to see the other.
-TEST(RingThreads, ABusyReaderFallsAsleepOverNoFrame) {
+// Both at the same moment, over and over: a producer that looks whether the consumer is still busy, and a consumer that
+// stops being busy, parks and polls once more. One of them has to see the other.
+TEST(RingThreads, ABusyConsumerDoesNotParkOverAFrame) {
   constexpr int kTimes = 30'000;
   TinyRing<std::uint16_t, 256> ring;
   ParkingWord parkingWord;
   PeerParkingWord peerWord{zq::posix::Descriptor(::dup(parkingWord.GetDescriptor()))};
   std::atomic<int> begun{0};
   std::atomic<int> written{0};
-  bool rung = false;
+  bool rang = false;
   const auto waitFor = [](const std::atomic<int>& counter, int value) {
     for (int looks = 0; counter.load() < value; ++looks) {
       looks < 1000 ? SpinPause() : std::this_thread::yield();
     }
   };
-  std::thread writer([&] {
+  std::thread producing([&] {
     for (int time = 1; time <= kTimes; ++time) {
       waitFor(begun, time);
       static_cast<void>(peerWord.Busy());  // so that the word is at hand and the ring is not
       ring.Put("frame");
-      rung = false;
+      rang = false;
       if (!peerWord.Busy()) {
         ring.producer.FenceCommit();
-        rung = peerWord.NeedsDoorbell();
+        rang = peerWord.NeedsDoorbell();
       }
       written = time;
     }
@@ -167,30 +167,30 @@ TEST(RingThreads, ABusyReaderFallsAsleepOverNoFrame) {
     parkingWord.Park();
     const bool seen = ring.consumer.Poll();
     waitFor(written, time);
-    EXPECT_TRUE(seen || rung) << time;
+    EXPECT_TRUE(seen || rang) << time;
     ASSERT_EQ(ring.Take(), "frame");
     parkingWord.Unpark();
   }
-  writer.join();
+  producing.join();
 }
 
-// The writer wakes the reader only when that sleeps, the reader tells of room only when that is wanted: whoever is
-// forgotten waits until the test fails.
-TEST(RingThreads, NobodyIsForgotten) {
+// The producer rings only when the consumer is parked, the consumer grants credit only when it was requested: whoever
+// is forgotten waits until the test fails.
+TEST(RingThreads, NeitherSideIsForgotten) {
   constexpr std::size_t kFrames = 100'000;
   constexpr std::chrono::seconds kPatience{60};
   TinyRing<std::uint8_t, 64> ring;
   ParkingWord parkingWord;
   PeerParkingWord peerWord{zq::posix::Descriptor(::dup(parkingWord.GetDescriptor()))};
-  std::counting_semaphore<> bell{0};
-  std::counting_semaphore<> room{0};
+  std::counting_semaphore<> doorbell{0};
+  std::counting_semaphore<> credit{0};
   std::atomic<bool> failed{false};
-  std::thread writer([&] {
+  std::thread producing([&] {
     for (std::size_t i = 0; i < kFrames && !failed;) {
       const std::string text(1 + i % 20, static_cast<char>('a' + i % 26));
       if (!ring.Put(text)) {
         ring.producer.RequestCredit();
-        if (!ring.producer.HasSpace(text.size()) && !room.try_acquire_for(kPatience)) {
+        if (!ring.producer.HasSpace(text.size()) && !credit.try_acquire_for(kPatience)) {
           failed = true;
         }
         continue;
@@ -201,7 +201,7 @@ TEST(RingThreads, NobodyIsForgotten) {
       }
       ring.producer.FenceCommit();
       if (peerWord.NeedsDoorbell()) {
-        bell.release();
+        doorbell.release();
       }
     }
   });
@@ -213,18 +213,18 @@ TEST(RingThreads, NobodyIsForgotten) {
     }
     if (ring.consumer.Release()) {
       ring.consumer.GrantCredit();
-      room.release();
+      credit.release();
     }
     if (i == kFrames) {
       break;
     }
     parkingWord.Park();
-    if (!ring.consumer.Poll() && !ring.consumer.CreditDue() && !bell.try_acquire_for(kPatience)) {
+    if (!ring.consumer.Poll() && !ring.consumer.CreditDue() && !doorbell.try_acquire_for(kPatience)) {
       failed = true;
     }
     parkingWord.Unpark();
   }
-  writer.join();
+  producing.join();
   EXPECT_FALSE(failed);
 }
 

@@ -242,7 +242,7 @@ void HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
   }
 }
 
-// A refusal of the system is told, and tried again later.
+// What the system refuses is reported, and tried again later.
 void HostTransport::OpenRing(Peer& peer, Listener& listener) {
   try {
     peer.OpenRing(listener);
@@ -263,7 +263,7 @@ void HostTransport::Retry(Listener& listener) {
     try {
       peer.OpenRing(listener);
     } catch (const std::system_error&) {
-      m_retryTimer.Start();  // told when it was refused first
+      m_retryTimer.Start();  // reported when it was refused first
     } catch (const std::exception& error) {
       peer.GetLink()->Abort(TextOf(error));
     }

@@ -133,13 +133,13 @@ std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const Publicatio
 
 void PublicationRegistry::Withdraw(HostPublication& publication) {
   // First, so that nothing of the publication can follow its withdrawal on a link.
-  const auto told = publication.Withdraw();
+  const auto subscribers = publication.Withdraw();
   const std::lock_guard lock(m_mutex);
   if (m_publications.erase(publication.Id()) != 0) {
     wire::Withdraw frame;
     frame.source = publication.Id();
     SendToLinks(wire::BytesOf(frame), [&](const Link& link) {
-      return std::none_of(told.begin(), told.end(),
+      return std::none_of(subscribers.begin(), subscribers.end(),
                           [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
     });
   }

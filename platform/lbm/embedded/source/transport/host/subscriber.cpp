@@ -17,7 +17,7 @@ namespace engine::transport::host {
 
 namespace {
 
-// Losses told in one frame. A peer that is stopped for days misses more than a difference of sequence numbers can
+// Losses reported in one frame. A peer that is stopped for days misses more than a difference of sequence numbers can
 // express.
 constexpr std::uint64_t kLossesMax = std::uint64_t{1} << 20;
 
@@ -183,7 +183,7 @@ bool Subscriber::FlushPending() {
   }
   while (!m_notices.empty()) {
     const auto first = m_notices.begin();
-    if (!Tell(first->first, first->second)) {
+    if (!SendNotice(first->first, first->second)) {
       return false;
     }
     m_notices.erase(first);
@@ -191,8 +191,8 @@ bool Subscriber::FlushPending() {
   return true;
 }
 
-// Tells everything that the notice says, and strikes out what is told. False when there was no space for all of it.
-bool Subscriber::Tell(std::uint32_t source, Notice& notice) {
+// Sends everything that the notice says, and strikes out what is sent. False when there was no space for all of it.
+bool Subscriber::SendNotice(std::uint32_t source, Notice& notice) {
   if (notice.accepted) {
     if (!Put(wire::Type::kSubscribed, wire::Subscribed{source, notice.token, notice.nextSequence})) {
       return false;

@@ -43,14 +43,14 @@ class Subscriber {
     return inOneFrame <= m_contentMax && NothingPending() && m_ring.HasSpaceCached(inOneFrame);
   }
 
-  // Sends a message if there is space; otherwise the peer will be told of the loss before anything else is sent.
+  // Sends a message if there is space; otherwise the loss will be reported before anything else is sent.
   void SendOrDrop(const wire::FragmentHeader& header, std::span<const iovec> pieces);
 
   // The source's messages follow, from that sequence number on.
   void Accept(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence);
   // No message of the source follows.
   void Withdraw(std::uint32_t source);
-  // Nothing of the source needs to be told any more.
+  // Drops the pending notice of the source.
   void Forget(std::uint32_t source);
 
   // Requests credit. Returns what WaitForCredit takes; look for space between the two.
@@ -58,7 +58,7 @@ class Subscriber {
   // Waits until the peer has granted credit since or has gone, a few milliseconds at most. Threads: any.
   void WaitForCredit(std::uint32_t granted);
 
-  // Publications that wait for space here: noted, and taken to be told of it.
+  // The publications that wait for space here.
   void AddBlocked(std::uint32_t publication) { m_blocked.push_back(publication); }
   std::vector<std::uint32_t> TakeBlocked() { return std::exchange(m_blocked, {}); }
 
@@ -69,7 +69,7 @@ class Subscriber {
   bool Flush();
 
  private:
-  // What is to be told of a source, in this order.
+  // What is to be reported of a source, in this order.
   struct Notice {
     bool accepted = false;
     std::uint32_t token = 0;
@@ -83,7 +83,7 @@ class Subscriber {
   bool TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   void SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool FlushPending();
-  bool Tell(std::uint32_t source, Notice& notice);
+  bool SendNotice(std::uint32_t source, Notice& notice);
   template <typename T>
   bool Put(wire::Type type, const T& frame);
   void Commit() {

@@ -15,7 +15,7 @@
 
 namespace engine::transport::host {
 
-// What the system refuses for the moment (descriptors, memory, watches) is kept, told to operators once, and tried
+// What the system refuses for the moment (descriptors, memory, watches) is kept, reported once, and tried
 // again when the retry timer goes off.
 //
 // Threads: one at a time.

@@ -43,7 +43,7 @@ enum class Type : std::uint16_t {
   kParkingWord,  // carries the descriptor of the sender's parking word; once, before its first subscription
   kRing,         // carries the descriptor of the ring that the sender will produce into; once, before it does
   kDoorbell,     // wakes the peer, whose parking word says that it is parked
-  kCredit,       // half of the peer's ring is free, as it requested to be told
+  kCredit,       // grants the credit that the peer requested: half of its ring is free
   // Data frames, in a ring:
   kMessage = 0x100,
   kFragment,
