@@ -12,7 +12,7 @@ inline constexpr int kErrorTextRoom = 1024;
 // error's own. For outcomes that are expected often (LBM_EWOULDBLOCK), where an exception would cost too much.
 int Fail(int number, const char* text) noexcept;
 
-// Sets the calling thread's error from the exception being handled, as guarded() says, and returns -1.
+// Sets the calling thread's error from the exception being handled, as Guarded says, and returns -1.
 int FailCaught(const char* function) noexcept;
 
 // Runs a call of the C interface: returns what body() returns. When it throws, the thread's error gets the name of the

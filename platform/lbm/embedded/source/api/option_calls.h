@@ -1,5 +1,5 @@
 // The option calls of the C interface, the same for attributes (OptionSet) and for live objects (LiveOptions,
-// FixedOptions). To be run inside guarded().
+// FixedOptions). To be run inside Guarded.
 #pragma once
 
 #include <cstddef>

@@ -10,6 +10,7 @@
 using engine::FixedOptions;
 using engine::api::Guarded;
 using engine::api::Required;
+using engine::core::Source;
 using engine::transport::OutboundMessage;
 
 namespace {
@@ -117,16 +118,32 @@ int lbm_send_request(lbm_request_t** req, lbm_src_t* src, const char* data, size
   return Guarded(kFunction, [&] {
     Required(req, "req");
     engine::api::RequireNotNull(proc, "proc");
-    const lbm_src_t& sender = Required(src, "src");
+    const auto context = Required(src, "src").context;
+    Source& source = *src->source;
     const iovec payload = engine::api::PieceOf(data, len);
     auto handle = std::make_unique<lbm_request_t>();
-    handle->context = sender.context;
-    const int result = engine::api::ResultOf(
-        kFunction, sender.context->SendRequest(*sender.source, payload, flags,
-                                               {.proc = proc, .handle = handle.get(), .clientd = clientd},
-                                               engine::api::QueueOf(evq), handle->request));
+    handle->context = context;
+    const auto request = context->OpenRequest(source, {.proc = proc, .handle = handle.get(), .clientd = clientd},
+                                              engine::api::QueueOf(evq), handle->request);
+    struct CloseUnlessSent {
+      engine::core::Context& context;
+      engine::core::Request& request;
+      std::unique_ptr<lbm_request_t>& handle;
+      bool sent = false;
+      ~CloseUnlessSent() {
+        if (!sent) {
+          context.CloseRequest(request);
+        }
+        if (sent || request.HandleDeleted()) {
+          static_cast<void>(handle.release());
+        }
+      }
+    } guard{*context, *request, handle};
+    const auto outcome = source.Send({.pieces = {&payload, 1}, .requestId = request->Id(), .channel = {}}, flags);
+    const int result = engine::api::ResultOf(kFunction, outcome);
     if (result == 0) {
-      *req = handle.release();
+      guard.sent = true;
+      *req = handle.get();
     }
     return result;
   });
@@ -135,7 +152,8 @@ int lbm_send_request(lbm_request_t** req, lbm_src_t* src, const char* data, size
 int lbm_request_delete(lbm_request_t* req) {
   return Guarded(__func__, [&] {
     const std::unique_ptr<lbm_request_t> handle(&Required(req, "req"));
-    handle->context->DeleteRequest(*handle->request);
+    handle->request->NoteHandleDeleted();
+    handle->context->CloseRequest(*handle->request);
     return 0;
   });
 }

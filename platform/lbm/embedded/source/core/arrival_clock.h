@@ -7,13 +7,13 @@
 
 namespace engine::core {
 
-// Reads the clock once for everything that one drain delivers. Threads: the dispatching one only.
+// Reads the clock once for everything that is delivered together. Threads: the dispatching one only.
 class ArrivalClock {
  public:
-  // A drain begins.
+  // What is delivered from now on has arrived now.
   void Reset() noexcept { m_time.reset(); }
 
-  // CLOCK_REALTIME as of the first call since then.
+  // CLOCK_REALTIME as of the first call since Reset.
   timespec Now() noexcept {
     if (!m_time) {
       timespec now{};

@@ -6,15 +6,40 @@ namespace engine::core {
 
 namespace {
 
-thread_local constinit const Callee* t_callee = nullptr;
+thread_local constinit const CallbackGate::Scope* t_innermost = nullptr;
 
 }  // namespace
 
-InterruptibleCallback::InterruptibleCallback(const Callee& callee) noexcept
-    : m_outer(std::exchange(t_callee, &callee)) {}
+CallbackGate::Scope::Scope(CallbackGate& gate) noexcept : m_gate(gate), m_outer(std::exchange(t_innermost, this)) {
+  m_gate.m_thread.store(std::this_thread::get_id());
+}
 
-InterruptibleCallback::~InterruptibleCallback() { t_callee = m_outer; }
+CallbackGate::Scope::~Scope() {
+  m_gate.m_thread.store({});
+  t_innermost = m_outer;
+}
 
-bool InterruptibleCallback::Interrupted() noexcept { return t_callee != nullptr && t_callee->Closed(); }
+bool CallbackGate::CallbackAwaited() noexcept {
+  for (const Scope* scope = t_innermost; scope != nullptr; scope = scope->m_outer) {
+    const Callee* const running = scope->m_gate.m_running.load();
+    if (running != nullptr && (running->m_awaited.load() || scope->m_gate.m_awaited.load())) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void CallbackGate::WaitFor(Callee& callee) noexcept {
+  callee.m_awaited.store(true);
+  std::unique_lock lock(m_mutex);
+  ++m_waiters;
+  m_idle.wait(lock, [&] { return m_running.load() != &callee; });
+  --m_waiters;
+}
+
+void CallbackGate::WakeWaiters() noexcept {
+  const std::lock_guard lock(m_mutex);
+  m_idle.notify_all();
+}
 
 }  // namespace engine::core

@@ -28,23 +28,10 @@ class Callee {
   bool Closed() const noexcept { return m_closed.load(); }
 
  private:
+  friend class CallbackGate;
+
   std::atomic<bool> m_closed{false};
-};
-
-// While it lives, the calling thread is in a callback whose waits end when its callee is closed: whoever closes it
-// waits for the callback, which must not keep it for the sake of a peer that is stopped.
-class InterruptibleCallback {
- public:
-  explicit InterruptibleCallback(const Callee& callee) noexcept;
-  ~InterruptibleCallback();
-  InterruptibleCallback(const InterruptibleCallback&) = delete;
-  InterruptibleCallback& operator=(const InterruptibleCallback&) = delete;
-
-  // Whether the calling thread is in such a callback and its callee is closed.
-  static bool Interrupted() noexcept;
-
- private:
-  const Callee* const m_outer;  // a callback may dispatch an event queue, and so run another callback
+  std::atomic<bool> m_awaited{false};  // somebody waits for a running callback to return
 };
 
 // Runs the callbacks of one dispatching place (a context or an event queue), one at a time, and lets a deleting thread
@@ -55,16 +42,20 @@ class InterruptibleCallback {
 // either the callback does not begin or the deleter waits for its end.
 class CallbackGate {
  public:
-  // The calling thread dispatches here from now on, until the Scope ends.
+  // The calling thread dispatches here from now on, until the Scope ends. Scopes of several gates nest: a callback may
+  // dispatch an event queue.
   class Scope {
    public:
-    explicit Scope(CallbackGate& gate) noexcept : m_gate(gate) { m_gate.m_thread.store(std::this_thread::get_id()); }
-    ~Scope() { m_gate.m_thread.store({}); }
+    explicit Scope(CallbackGate& gate) noexcept;
+    ~Scope();
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
    private:
+    friend class CallbackGate;
+
     CallbackGate& m_gate;
+    const Scope* const m_outer;
   };
 
   // Runs the callback unless the callee is closed. Threads: inside a Scope.
@@ -84,32 +75,36 @@ class CallbackGate {
   // wait: there the running callback, if any, is a caller of this.
   void CloseAndWait(Callee& callee) noexcept {
     callee.Close();
-    if (Dispatching() || m_running.load() != &callee) {
-      return;
+    if (!Dispatching() && m_running.load() == &callee) {
+      WaitFor(callee);
     }
-    std::unique_lock lock(m_mutex);
-    ++m_waiters;
-    m_idle.wait(lock, [&] { return m_running.load() != &callee; });
-    --m_waiters;
   }
 
   // No callback of anything begins here any more.
   void ShutDown() noexcept { m_shut.store(true); }
+  // The same for somebody who waits for a running callback to return.
+  void ShutDownAwaited() noexcept {
+    m_awaited.store(true);
+    ShutDown();
+  }
   bool Shut() const noexcept { return m_shut.load(); }
 
   // Whether the calling thread is the one that dispatches here.
   bool Dispatching() const noexcept { return m_thread.load() == std::this_thread::get_id(); }
 
+  // Whether somebody waits for a callback in which the calling thread is, at any gate. It should then wait for nothing
+  // itself: a peer that is stopped must not hold up the deletion.
+  static bool CallbackAwaited() noexcept;
+
  private:
-  void WakeWaiters() noexcept {
-    const std::lock_guard lock(m_mutex);
-    m_idle.notify_all();
-  }
+  void WaitFor(Callee& callee) noexcept;
+  void WakeWaiters() noexcept;
 
   std::atomic<const Callee*> m_running{nullptr};
   std::atomic<std::thread::id> m_thread{};
   std::atomic<int> m_waiters{0};
   std::atomic<bool> m_shut{false};
+  std::atomic<bool> m_awaited{false};
   std::mutex m_mutex;  // with m_idle only
   std::condition_variable m_idle;
 };

@@ -121,34 +121,6 @@ void Context::CreateSource(const Topic& topic, const Source::Callback& callback,
   m_sources.Add(source);
 }
 
-void Context::DeleteSource(Source& source) {
-  if (m_membership->Ended()) {
-    source.CloseAndWait();
-  } else {
-    m_sources.Remove(source);
-  }
-}
-
-transport::SendResult Context::SendRequest(Source& source, const iovec& payload, int flags,
-                                           const Request::Callback& callback, const std::shared_ptr<EventQueue>& queue,
-                                           std::shared_ptr<Request>& request) {
-  // Open before it is sent: the first response may come, and the request be deleted, before the send returns.
-  const auto opened = request = m_requests.Open(m_membership, source.GetTopic().name, callback, queue);
-  auto result = transport::SendResult::kWouldBlock;
-  struct CloseUnlessSent {
-    RequestTable& table;
-    Request& request;
-    const transport::SendResult& result;
-    ~CloseUnlessSent() {
-      if (result != transport::SendResult::kSent) {
-        table.Close(request);
-      }
-    }
-  } const guard{m_requests, *opened, result};
-  result = source.Send({.pieces = {&payload, 1}, .requestId = opened->Id(), .channel = {}}, flags);
-  return result;
-}
-
 void Context::RegisterDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,
                                  const std::shared_ptr<EventQueue>& queue) {
   m_membership->CheckNotEnded();

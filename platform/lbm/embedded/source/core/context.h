@@ -2,7 +2,6 @@
 #pragma once
 
 #include <lbm/lbm.h>
-#include <sys/uio.h>
 
 #include <memory>
 #include <mutex>
@@ -51,12 +50,15 @@ class Context : public std::enable_shared_from_this<Context> {
 
   void CreateSource(const Topic& topic, const Source::Callback& callback, const std::shared_ptr<EventQueue>& queue,
                     std::shared_ptr<Source>& source);
-  void DeleteSource(Source& source);
+  void DeleteSource(Source& source) { m_sources.Remove(source); }
 
-  // Sends a request, of whose responses the callback is told. Unless the result is kSent, there is no request.
-  transport::SendResult SendRequest(Source& source, const iovec& payload, int flags, const Request::Callback& callback,
-                                    const std::shared_ptr<EventQueue>& queue, std::shared_ptr<Request>& request);
-  void DeleteRequest(Request& request) { m_requests.Close(request); }
+  // The request takes responses from now on; sending it with its id is up to the caller. Returned as well, because the
+  // application may delete what holds the last argument in the first callback.
+  std::shared_ptr<Request> OpenRequest(const Source& source, const Request::Callback& callback,
+                                       const std::shared_ptr<EventQueue>& queue, std::shared_ptr<Request>& request) {
+    return m_requests.Open(m_membership, source.GetTopic().name, callback, queue, request);
+  }
+  void CloseRequest(Request& request) { m_requests.Close(request); }
 
   void RegisterDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,
                           const std::shared_ptr<EventQueue>& queue);

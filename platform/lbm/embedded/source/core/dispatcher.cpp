@@ -73,7 +73,7 @@ void Dispatcher::Process(lbm_ulong_t msec) {
     const std::size_t done = RunWithoutSystemCalls();
     const bool unblocked = m_unblocked.load(std::memory_order_relaxed) && m_unblocked.exchange(false);
     if (done != 0 || unblocked || Ended() || msec == 0) {
-      LookIfDue();
+      PollIfDue();
       return;
     }
     const Clock::time_point now = Clock::now();
@@ -84,23 +84,23 @@ void Dispatcher::Process(lbm_ulong_t msec) {
       spinDeadline = std::min(*deadline, now + std::chrono::microseconds(m_options.Get(option::kSpinTime)));
     }
     if (now < *spinDeadline) {
-      if (LookIfDue() != 0) {
+      if (PollIfDue() != 0) {
         return;
       }
       SpinPause();
       continue;
     }
     const int timeoutMs = RemainingMs(*deadline);
-    if (ParkAndLook(timeoutMs) != 0 || Ended() || timeoutMs == 0) {
+    if (ParkAndPoll(timeoutMs) != 0 || Ended() || timeoutMs == 0) {
       return;
     }
   }
 }
 
 std::size_t Dispatcher::RunWithoutSystemCalls() {
+  m_arrivalClock.Reset();
   std::size_t done = RunTasks();
   done += m_timers.RunDue();
-  m_arrivalClock.Reset();
   return done + m_transport.DrainMemory(m_listener);
 }
 
@@ -115,25 +115,25 @@ std::size_t Dispatcher::RunTasks() {
   return tasks.size();
 }
 
-// What takes a system call to look at. Everything but registered descriptors can wait for kLookInterval.
-std::size_t Dispatcher::LookIfDue() {
+// What takes a system call to look at. Everything but registered descriptors can wait for kPollInterval.
+std::size_t Dispatcher::PollIfDue() {
   if (m_descriptors.Empty()) {
     const Clock::time_point now = Clock::now();
-    if (now < m_nextLook) {
+    if (now < m_nextPoll) {
       return 0;
     }
-    m_nextLook = now + kLookInterval;
+    m_nextPoll = now + kPollInterval;
   }
-  return Look(0);
+  return Poll(0);
 }
 
-std::size_t Dispatcher::Look(int timeoutMs) {
+std::size_t Dispatcher::Poll(int timeoutMs) {
   Poller::Events storage;
   return HandleEvents(m_poller.Poll(storage, timeoutMs));
 }
 
 // The same, waiting until something arrives in memory, too.
-std::size_t Dispatcher::ParkAndLook(int timeoutMs) {
+std::size_t Dispatcher::ParkAndPoll(int timeoutMs) {
   if (!m_transport.Park()) {
     return 0;
   }
@@ -203,7 +203,7 @@ void Dispatcher::End(Task last) {
     return;
   }
   std::unique_lock lock(m_occupancyMutex);
-  gate.ShutDown();
+  gate.ShutDownAwaited();
   m_wake.Notify();
   m_vacant.wait(lock, [this] { return !m_occupied; });
   m_occupied = true;

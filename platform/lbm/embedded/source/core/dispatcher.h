@@ -41,13 +41,13 @@ class Dispatcher {
   // Does what there is to do; when that is nothing, waits up to msec milliseconds for something. Returns early after
   // Unblock, once. Throws Error when another thread is inside, or after End.
   //
-  // Memory shared with peers is always polled. What takes a system call to look at is always looked at only before
-  // waiting; otherwise (msec is 0, or there is no end of messages) registered descriptors, if any, always are, and
-  // everything else once in kLookInterval.
+  // Memory shared with peers is always polled. Descriptors, which take a system call, are always polled before waiting;
+  // otherwise (msec is 0, or there is no end of messages) always when the application has registered any, and else once
+  // in kPollInterval.
   void Process(lbm_ulong_t msec);
   void Unblock();  // threads: any
 
-  static constexpr std::chrono::milliseconds kLookInterval{1};
+  static constexpr std::chrono::milliseconds kPollInterval{1};
 
   // Runs the task on the dispatching thread, before it looks for other work. Tasks run in the order of their posting,
   // those posted after End never. Threads: any.
@@ -65,9 +65,9 @@ class Dispatcher {
   bool Ended() const noexcept { return m_membership->Ended(); }
   std::size_t RunTasks();
   std::size_t RunWithoutSystemCalls();
-  std::size_t LookIfDue();
-  std::size_t Look(int timeoutMs);
-  std::size_t ParkAndLook(int timeoutMs);
+  std::size_t PollIfDue();
+  std::size_t Poll(int timeoutMs);
+  std::size_t ParkAndPoll(int timeoutMs);
   std::size_t HandleEvents(std::span<const epoll_event> events);
   int RemainingMs(Clock::time_point deadline) const;
   void RunLast();
@@ -86,7 +86,7 @@ class Dispatcher {
   std::atomic<bool> m_unblocked{false};
 
   // The dispatching thread's own:
-  Clock::time_point m_nextLook;
+  Clock::time_point m_nextPoll;
   Task m_last;  // set by End on the dispatching thread
 
   std::mutex m_occupancyMutex;

@@ -67,7 +67,6 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
 
 void EventQueue::RunNext() {
   Entry entry = std::move(m_taken[m_done++]);
-  const InterruptibleCallback interruptible(*entry.handler);
   m_gate.Call(*entry.handler, [&entry] { entry.handler->Run(entry.event); });
 }
 

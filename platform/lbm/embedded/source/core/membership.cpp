@@ -4,6 +4,10 @@
 
 namespace engine::core {
 
-void Membership::ThrowEnded() { throw Error(LBM_EOP, "the context is deleted"); }
+void Membership::CheckNotEnded() const {
+  if (Ended()) {
+    throw Error(LBM_EOP, "the context is deleted");
+  }
+}
 
 }  // namespace engine::core

@@ -12,8 +12,8 @@
 
 namespace engine::core {
 
-// Shared by everything that a context makes, so that it outlives all of them. Ended when the context is deleted: the
-// transport is closed then.
+// Shared by everything that a context makes, so that it outlives all of them. It ends when the context is deleted; the
+// transport is closed then or, when that happens in a callback of the context, soon after.
 //
 // Threads: any.
 class Membership {
@@ -25,37 +25,22 @@ class Membership {
 
   bool Ended() const noexcept { return m_gate.Shut(); }
   // Throws Error when it has ended.
-  void CheckNotEnded() const {
-    if (Ended()) {
-      ThrowEnded();
-    }
-  }
+  void CheckNotEnded() const;
 
-  // As the transport's operations of these names. wait: whether the send may wait for space. On the context's
-  // dispatching thread, which is the one that makes space, no send waits; and a callback of an event queue waits no
-  // longer once what it belongs to is being deleted. Throw Error when the membership has ended.
+  // As the transport's operations of these names; kClosed as soon as the membership has ended. wait: whether the send
+  // may wait for space. On the context's dispatching thread, which is the one that makes space, no send waits; and no
+  // send waits on inside a callback for whose return somebody waits.
   transport::SendResult Publish(transport::Publication& publication, const transport::OutboundMessage& message,
                                 bool wait) {
-    CheckNotEnded();
-    return Checked(m_transport->Publish(publication, message, WaitIf(wait)));
+    return Ended() ? transport::SendResult::kClosed : m_transport->Publish(publication, message, WaitIf(wait));
   }
   transport::SendResult Respond(transport::ReplyPath& path, std::span<const iovec> pieces, bool wait) {
-    CheckNotEnded();
-    return Checked(m_transport->Respond(path, pieces, WaitIf(wait)));
+    return Ended() ? transport::SendResult::kClosed : m_transport->Respond(path, pieces, WaitIf(wait));
   }
 
  private:
-  [[noreturn]] static void ThrowEnded();
-
   transport::SendWait WaitIf(bool wait) const noexcept {
-    return {wait && !m_gate.Dispatching(), &InterruptibleCallback::Interrupted};
-  }
-
-  static transport::SendResult Checked(transport::SendResult result) {
-    if (result == transport::SendResult::kClosed) {
-      ThrowEnded();
-    }
-    return result;
+    return {wait && !m_gate.Dispatching(), &CallbackGate::CallbackAwaited};
   }
 
   const std::unique_ptr<transport::Transport> m_transport;

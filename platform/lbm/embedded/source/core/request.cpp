@@ -10,9 +10,11 @@ const std::shared_ptr<transport::RemoteSource>& Request::Origin(const std::strin
 }
 
 std::shared_ptr<Request> RequestTable::Open(std::shared_ptr<Membership> membership, const std::string& topic,
-                                            const Request::Callback& callback, std::shared_ptr<EventQueue> queue) {
+                                            const Request::Callback& callback, std::shared_ptr<EventQueue> queue,
+                                            std::shared_ptr<Request>& opened) {
   const std::lock_guard lock(m_mutex);
   auto request = std::make_shared<Request>(std::move(membership), ++m_lastId, topic, callback, std::move(queue));
+  opened = request;
   m_requests.emplace(request->Id(), request);
   return request;
 }

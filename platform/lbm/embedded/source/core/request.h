@@ -3,6 +3,7 @@
 
 #include <lbm/lbm.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,11 @@ class Request : public Target {
 
   std::uint64_t Id() const noexcept { return m_id; }
 
+  // Whether the application has deleted its handle, which it may do in a callback before the call that sends the
+  // request has returned. Final once the request is closed.
+  void NoteHandleDeleted() noexcept { m_handleDeleted = true; }
+  bool HandleDeleted() const noexcept { return m_handleDeleted; }
+
   // Where a response is said to come from: the request's topic, and the responder as its source. Threads: the context's
   // dispatching one only.
   const std::shared_ptr<transport::RemoteSource>& Origin(const std::string& responder);
@@ -37,15 +43,17 @@ class Request : public Target {
   const std::uint64_t m_id;
   const std::string m_topic;
   const Callback m_callback;
+  std::atomic<bool> m_handleDeleted{false};
   std::shared_ptr<transport::RemoteSource> m_origin;  // of the last response
 };
 
 // The open requests of a context. Threads: any.
 class RequestTable {
  public:
-  // Makes a request that takes responses from now on.
+  // Makes a request that takes responses from now on; it is in the last argument before the first of them.
   std::shared_ptr<Request> Open(std::shared_ptr<Membership> membership, const std::string& topic,
-                                const Request::Callback& callback, std::shared_ptr<EventQueue> queue);
+                                const Request::Callback& callback, std::shared_ptr<EventQueue> queue,
+                                std::shared_ptr<Request>& opened);
 
   // After this no callback of it runs, except the one that this is called from.
   void Close(Request& request);

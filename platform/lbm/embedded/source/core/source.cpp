@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "options/option_keys.h"
+#include "system/error.h"
 
 namespace engine::core {
 
@@ -21,6 +22,10 @@ Source::Source(std::shared_ptr<Membership> membership, const Topic& topic, const
       m_topic(topic),
       m_callback(callback),
       m_pacing(PacingOf(topic)) {}
+
+void Source::ThrowContextDeleted() const {
+  throw Error(LBM_EOP, "the context of the source on topic " + m_topic.name + " is deleted");
+}
 
 void Source::Run(Event& event) {
   void* const data = event.code == LBM_SRC_EVENT_WAKEUP ? nullptr : event.text.data();

@@ -1,4 +1,4 @@
-// A sender of the application.
+// A source of the application.
 #pragma once
 
 #include <lbm/lbm.h>
@@ -25,7 +25,11 @@ class Source : public Target {
   // deleted.
   transport::SendResult Send(const transport::OutboundMessage& message, int flags) {
     const bool wait = m_pacing == transport::Pacing::kReceiver && (flags & LBM_SRC_NONBLOCK) == 0;
-    return GetMembership().Publish(*m_publication, message, wait);
+    const transport::SendResult result = GetMembership().Publish(*m_publication, message, wait);
+    if (result == transport::SendResult::kClosed) {
+      ThrowContextDeleted();
+    }
+    return result;
   }
 
   // The event's code is one of LBM_SRC_EVENT_..., its text the event data, if any.
@@ -37,6 +41,8 @@ class Source : public Target {
 
  private:
   friend class SourceTable;
+
+  [[noreturn]] void ThrowContextDeleted() const;
 
   const Topic& m_topic;
   const Callback m_callback;

@@ -43,7 +43,7 @@ class OptionSet {
   // Binary forms: see OptionType. size is that of the value, exactly.
   void SetBinary(std::string_view name, const void* value, std::size_t size);
 
-  // Forms of getText and its binary twin for a caller's buffer. size is the room on entry and the used length on
+  // Forms of GetText and its binary twin for a caller's buffer. size is the room on entry and the used length on
   // return. A text is followed by a zero where there is room for it.
   void GetText(std::string_view name, char* buffer, std::size_t& size) const;
   void GetBinary(std::string_view name, void* buffer, std::size_t& size) const;

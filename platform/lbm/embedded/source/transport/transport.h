@@ -99,15 +99,15 @@ struct InboundMessage {
 // space may depend on that very call.
 struct SendWait {
   bool allowed = false;
-  bool (*abandoned)() noexcept =
-      nullptr;  // asked now and then on the waiting thread; true ends the wait. Null: nothing
+  // Asked on the waiting thread, every few milliseconds: true ends the wait. May be null.
+  bool (*givesUp)() noexcept = nullptr;
 
-  bool GoesOn() const noexcept { return allowed && (abandoned == nullptr || !abandoned()); }
+  bool GoesOn() const noexcept { return allowed && (givesUp == nullptr || !givesUp()); }
 };
 
 enum class SendResult : std::uint8_t {
   kSent,
-  kWouldBlock,  // no space, and no waiting for it, or the wait was abandoned
+  kWouldBlock,  // no space, and no waiting for it, or the wait was given up
   kPeerGone,    // the requester is no longer there
   kClosed       // the transport is closed, perhaps since the call began
 };
@@ -179,7 +179,7 @@ class Transport {
   virtual void Unpark() noexcept = 0;
 
   // Leaves the domain: sources are withdrawn, and what was accepted but not yet handed to the operating system is given
-  // up to linger to go out. Blocked sends return. Only sends, which give kClosed, and the destructor may follow.
+  // up to linger to go out. Blocked sends return. What is called afterwards has no effect; sends give kClosed.
   virtual void Close(std::chrono::milliseconds linger) noexcept = 0;
 };
 

@@ -114,9 +114,11 @@ class Sender {
     }
   }
 
+  int Subscribers() const { return m_subscribers; }
+
   // What is sent after this reaches the subscriber. contexts: those that the test drives.
   void AwaitSubscriber(std::initializer_list<lbm_context_t*> contexts) const {
-    PumpUntil(contexts, "the subscriber", [&] { return m_subscribers == 1; });
+    PumpUntil(contexts, "the subscriber", [&] { return Subscribers() == 1; });
   }
 
   int Send(const std::string& text, int flags = LBM_SRC_FLUSH) const {

@@ -163,66 +163,90 @@ TEST_F(Lifetime, AContextMayBeDeletedInItsOwnCallback) {
   }
 }
 
-// A callback on an event queue that sends, waiting for space, to a peer that takes nothing in.
+// A callback that sends, waiting for space, to a peer that takes nothing in.
 class BlockedCallback : public EngineTest {
  protected:
-  // send gets LBM_SRC_NONBLOCK until it fails, then 0.
+  // Called with LBM_SRC_NONBLOCK until it fails, then with 0.
   using SendCall = std::function<int(lbm_msg_t& request, int flags)>;
 
-  void ExpectItEndsWith(const SendCall& send, const std::function<void()>& deletion) {
+  // Lets the recorder's callback block, calls whileBlocked, and returns what the blocked send gave. contexts: those
+  // that the test has to drive for the recorder.
+  int Block(Recorder& recorder, std::initializer_list<lbm_context_t*> contexts, const SendCall& send,
+            const std::function<void()>& whileBlocked) {
     std::promise<void> blocking;
-    int result = 0;
-    m_recorder.onEvent = [&](lbm_msg_t& message) {
+    std::promise<int> result;
+    recorder.onEvent = [&](lbm_msg_t& message) {
       if (message.type == LBM_MSG_REQUEST) {
         while (send(message, LBM_SRC_NONBLOCK) == 0) {
         }
         blocking.set_value();
-        result = send(message, 0);
+        result.set_value(send(message, 0));
       }
     };
     std::thread dispatching([&] { lbm_event_dispatch(m_queue, LBM_EVENT_QUEUE_BLOCK); });
-    m_question.AwaitSubscriber({m_stopped, m_context});
+    PumpUntil({m_stopped, m_context}, "the question's subscriber", [&] { return m_question.Subscribers() == 1; });
     lbm_request_t* request = nullptr;
     const auto ignore = [](lbm_request_t*, lbm_msg_t*, void*) { return 0; };
-    ASSERT_EQ(0, lbm_send_request(&request, m_question, "?", 1, ignore, nullptr, nullptr, 0)) << lbm_errmsg();
-    std::future<void> blocked = blocking.get_future();
-    PumpUntil({m_context}, "the callback",
-              [&] { return blocked.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
-    deletion();
+    EXPECT_EQ(0, lbm_send_request(&request, m_question, "?", 1, ignore, nullptr, nullptr, 0)) << lbm_errmsg();
+    const std::future<void> inside = blocking.get_future();
+    PumpUntil(contexts, "the callback",
+              [&] { return inside.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    whileBlocked();
+    const int given = result.get_future().get();
     lbm_event_dispatch_unblock(m_queue);
     dispatching.join();
-    EXPECT_EQ(-1, result);
     EXPECT_EQ(0, lbm_request_delete(request));
+    return given;
+  }
+
+  SendCall Responding() {
+    return [this](lbm_msg_t& request, int flags) {
+      return lbm_send_response(request.response, m_payload.data(), m_payload.size(), flags);
+    };
   }
 
   const std::string m_payload = std::string(60'000, 'x');
   const Queue m_queue;
-  const Driven m_stopped;  // nobody processes its events once the request is sent
+  const Driven m_stopped;  // whose events nobody processes once the request is sent
   Driven m_context;
   const Sender m_question{m_stopped, "QUESTION"};
-  Recorder m_recorder{m_context, "QUESTION", m_queue};
 };
 
 TEST_F(BlockedCallback, AResponseEndsWhenItsReceiverIsDeleted) {
-  const SendCall respond = [&](lbm_msg_t& request, int flags) {
-    return lbm_send_response(request.response, m_payload.data(), m_payload.size(), flags);
-  };
-  ExpectItEndsWith(respond, [&] { m_recorder.Stop(); });
+  Recorder recorder(m_context, "QUESTION", m_queue);
+  EXPECT_EQ(-1, Block(recorder, {m_context}, Responding(), [&] { recorder.Stop(); }));
 }
 
 TEST_F(BlockedCallback, AResponseEndsWhenItsContextIsDeleted) {
-  const SendCall respond = [&](lbm_msg_t& request, int flags) {
-    return lbm_send_response(request.response, m_payload.data(), m_payload.size(), flags);
-  };
-  ExpectItEndsWith(respond, [&] { m_context.Delete(); });
+  Recorder recorder(m_context, "QUESTION", m_queue);
+  EXPECT_EQ(-1, Block(recorder, {m_context}, Responding(), [&] { m_context.Delete(); }));
 }
 
-TEST_F(BlockedCallback, AMessageEndsWhenTheReceiverIsDeletedInWhoseCallbackItIsSent) {
+TEST_F(BlockedCallback, AMessageEndsWhenTheReceiverIsDeletedAlsoThroughAnotherContext) {
   const Recorder full(m_stopped, "ANSWERS");
   const Sender answers(m_context, "ANSWERS", {{"transport_pacing", "receiver"}});
   answers.AwaitSubscriber({m_stopped, m_context});
+  const Driven own({});  // has a thread of its own, on which its callbacks run
+  Recorder recorder(own, "QUESTION");
   const SendCall publish = [&](lbm_msg_t&, int flags) { return answers.Send(m_payload, flags); };
-  ExpectItEndsWith(publish, [&] { m_recorder.Stop(); });
+  EXPECT_EQ(-1, Block(recorder, {}, publish, [&] { recorder.Stop(); }));
+}
+
+TEST_F(BlockedCallback, GoesOnWaitingAfterItHasDeletedItsOwnReceiver) {
+  Recorder recorder(m_context, "QUESTION", m_queue);
+  const SendCall respond = [&](lbm_msg_t& request, int flags) {
+    if (flags == 0) {
+      recorder.Stop();
+    }
+    return Responding()(request, flags);
+  };
+  std::atomic<bool> sent{false};
+  std::thread peer;
+  EXPECT_EQ(0, Block(recorder, {m_context}, respond, [&] {
+              peer = std::thread([&] { PumpUntil({m_stopped}, "the response", [&] { return sent.load(); }); });
+            }));
+  sent = true;
+  peer.join();
 }
 
 }  // namespace

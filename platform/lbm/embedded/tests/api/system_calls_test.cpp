@@ -52,7 +52,7 @@ class Answerer {
     while (answerer.m_answers < kWarmUp + kTrapped) {
       answerer.Process(0);
     }
-    const auto looksDue = (Clock::now() - begin) / engine::core::Dispatcher::kLookInterval + 1;
+    const auto looksDue = (Clock::now() - begin) / engine::core::Dispatcher::kPollInterval + 1;
     ::_exit(calls.looks <= looksDue ? 0 : 2);
   }
 

@@ -35,7 +35,7 @@ namespace engine::transport::host {
 namespace {
 
 // Tokens of the poller: these two, and each link's id.
-constexpr Poller::Token kListenerToken = 0;
+constexpr Poller::Token kAcceptToken = 0;
 constexpr Poller::Token kRetryToken = 1;
 constexpr Poller::Token kFirstLinkId = 2;
 
@@ -48,8 +48,8 @@ constexpr std::chrono::milliseconds kOften{1};
 
 wire::Greeting MakeGreeting(const HostSettings& settings) {
   std::random_device device;
-  const std::uint64_t session = (std::uint64_t{device()} << 32) | device();
-  return {session, static_cast<std::uint32_t>(::getpid()), settings.contextName};
+  const std::uint64_t instance = (std::uint64_t{device()} << 32) | device();
+  return {instance, static_cast<std::uint32_t>(::getpid()), settings.contextName};
 }
 
 class HostTransport final : public Transport {
@@ -95,8 +95,10 @@ class HostTransport final : public Transport {
   };
 
   SendWait Allowed(const SendWait& wait) const noexcept {
-    const bool draining = m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
-    return {wait.allowed && !draining, wait.abandoned};
+    const auto draining = [this] {
+      return m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
+    };
+    return {wait.allowed && !draining(), wait.givesUp};
   }
 
   void LinkToSelf();
@@ -141,8 +143,8 @@ HostTransport::HostTransport(const HostSettings& settings)
       m_warnings(settings.warn),
       m_retryTimer(m_poller, kRetryToken),
       m_publications(m_identity, settings.firstSequence),
-      m_rendezvous(settings.runtimeDirectory, settings.domain, m_greeting.session),
-      m_acceptor(m_rendezvous, m_poller, kListenerToken, m_retryTimer, m_warnings,
+      m_rendezvous(settings.runtimeDirectory, settings.domain, m_greeting.instance),
+      m_acceptor(m_rendezvous, m_poller, kAcceptToken, m_retryTimer, m_warnings,
                  [this](zq::posix::Descriptor& socket) { Adopt(socket, LinkKind::kPeer); }),
       m_packet(wire::kPacketMax) {
   LinkToSelf();
@@ -185,7 +187,7 @@ std::size_t HostTransport::Drain(Listener& listener) {
     if (m_closed) {
       break;
     }
-    if (event.data.u64 == kListenerToken) {
+    if (event.data.u64 == kAcceptToken) {
       done += m_acceptor.Accept();
     } else if (event.data.u64 == kRetryToken) {
       Retry(listener);
@@ -256,6 +258,7 @@ void HostTransport::Retry(Listener& listener) {
   if (!m_retryTimer.TakeExpiry()) {
     return;
   }
+  bool refused = false;
   for (auto& [id, peer] : m_peers) {
     if (!peer.AwaitsRing()) {
       continue;
@@ -263,12 +266,15 @@ void HostTransport::Retry(Listener& listener) {
     try {
       peer.OpenRing(listener);
     } catch (const std::system_error&) {
-      m_retryTimer.Start();  // reported when it was refused first
+      refused = true;  // reported when it was refused first
     } catch (const std::exception& error) {
       peer.GetLink()->Abort(TextOf(error));
     }
   }
   m_acceptor.Retry();
+  if (refused) {
+    m_retryTimer.Start();
+  }
 }
 
 std::size_t HostTransport::ConsumeRings(Listener& listener) {

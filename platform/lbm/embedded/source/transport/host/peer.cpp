@@ -15,8 +15,8 @@ std::string Peer::Description() const {
   if (!m_greeted) {
     return "a context that has not introduced itself";
   }
-  return "context \"" + m_greeting.name + "\" (process " + std::to_string(m_greeting.process) + ", session " +
-         wire::SessionText(m_greeting.session) + ")";
+  return "context \"" + m_greeting.name + "\" (process " + std::to_string(m_greeting.process) + ", instance " +
+         wire::InstanceText(m_greeting.instance) + ")";
 }
 
 void Peer::Handle(Link::Arrival arrival, Listener& listener) {
@@ -90,15 +90,6 @@ void Peer::End(Listener& listener) {
   }
 }
 
-void Peer::TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
-  for (const std::uint32_t id : publications) {
-    const auto publication = m_surroundings.publications.Find(id);
-    if (publication && publication->TakeBlocked()) {
-      listener.OnWritable(*publication);
-    }
-  }
-}
-
 void Peer::OpenRing(Listener& listener) {
   RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
   m_link->SendRing(std::move(created.memory));
@@ -110,10 +101,20 @@ void Peer::OpenRing(Listener& listener) {
   }
 }
 
+// Tells the listener of space for the publications.
+void Peer::TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
+  for (const std::uint32_t id : publications) {
+    const auto publication = m_surroundings.publications.Find(id);
+    if (publication && publication->TakeBlocked()) {
+      listener.OnWritable(*publication);
+    }
+  }
+}
+
 void Peer::OnAdvertise(wire::Bytes frame, Listener& listener) {
   wire::DecodeAdvertise(frame, [&](std::uint32_t id, std::string_view topic) {
     auto source =
-        std::make_shared<HostRemoteSource>(std::string(topic), wire::SourceIdentity(m_identity, id), id, m_link);
+        std::make_shared<HostRemoteSource>(std::string(topic), wire::SourceSession(m_identity, id), id, m_link);
     if (!m_sources.emplace(id, source).second) {
       throw Fault("it advertised a source twice");
     }

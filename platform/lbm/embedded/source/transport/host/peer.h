@@ -72,9 +72,6 @@ class Peer {
   // The link is gone, and with it the peer's sources.
   void End(Listener& listener);
 
-  // Tells the listener of space for the publications.
-  void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
-
  private:
   void OnAdvertise(wire::Bytes frame, Listener& listener);
   void OnWithdrawn(std::uint32_t source, Listener& listener);
@@ -86,6 +83,7 @@ class Peer {
   void OnDataFrame(const RingFrame& frame, Listener& listener);
   void OnMessage(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener);
   void OnLoss(const wire::Loss& frame, Listener& listener);
+  void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
   void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);
   void SkipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener);
   HostRemoteSource* FindSource(std::uint32_t id);

@@ -123,7 +123,7 @@ std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const Publicatio
   const std::lock_guard lock(m_mutex);
   const std::uint32_t id = ++m_lastId;
   auto publication =
-      std::make_shared<HostPublication>(id, wire::SourceIdentity(m_identity, id), info, m_firstSequence, m_publishing);
+      std::make_shared<HostPublication>(id, wire::SourceSession(m_identity, id), info, m_firstSequence, m_publishing);
   m_publications.emplace(id, publication);
   wire::AdvertiseBatch batch;
   batch.Add(id, info.topic);

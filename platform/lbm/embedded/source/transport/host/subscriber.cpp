@@ -68,9 +68,9 @@ void Subscriber::SendOrDrop(const wire::FragmentHeader& header, std::span<const 
   }
   try {
     if (!(NothingPending() || FlushPending()) || !TrySend(header, pieces)) {
-      Notice& notice = m_notices[header.source];
-      if (notice.lost++ == 0) {
-        notice.firstLost = header.sequence;
+      Report& report = m_reports[header.source];
+      if (report.lost++ == 0) {
+        report.firstLost = header.sequence;
       }
       m_ring.RequestCredit();
       FlushPending();  // space made before the request is granted to nobody
@@ -81,20 +81,20 @@ void Subscriber::SendOrDrop(const wire::FragmentHeader& header, std::span<const 
 }
 
 void Subscriber::Accept(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence) {
-  Notice& notice = m_notices[source];
-  notice = {};
-  notice.accepted = true;
-  notice.token = token;
-  notice.nextSequence = nextSequence;
+  Report& report = m_reports[source];
+  report = {};
+  report.accepted = true;
+  report.token = token;
+  report.nextSequence = nextSequence;
   Flush();
 }
 
 void Subscriber::Withdraw(std::uint32_t source) {
-  m_notices[source].withdrawn = true;
+  m_reports[source].withdrawn = true;
   Flush();
 }
 
-void Subscriber::Forget(std::uint32_t source) { m_notices.erase(source); }
+void Subscriber::Forget(std::uint32_t source) { m_reports.erase(source); }
 
 std::uint32_t Subscriber::RequestCredit() { return m_ring.RequestCredit(); }
 
@@ -181,33 +181,33 @@ bool Subscriber::FlushPending() {
     Commit();
     m_rest.Pop();
   }
-  while (!m_notices.empty()) {
-    const auto first = m_notices.begin();
-    if (!SendNotice(first->first, first->second)) {
+  while (!m_reports.empty()) {
+    const auto first = m_reports.begin();
+    if (!SendReport(first->first, first->second)) {
       return false;
     }
-    m_notices.erase(first);
+    m_reports.erase(first);
   }
   return true;
 }
 
-// Sends everything that the notice says, and strikes out what is sent. False when there was no space for all of it.
-bool Subscriber::SendNotice(std::uint32_t source, Notice& notice) {
-  if (notice.accepted) {
-    if (!Put(wire::Type::kSubscribed, wire::Subscribed{source, notice.token, notice.nextSequence})) {
+// Sends everything that the report says, and strikes out what is sent. False when there was no space for all of it.
+bool Subscriber::SendReport(std::uint32_t source, Report& report) {
+  if (report.accepted) {
+    if (!Put(wire::Type::kSubscribed, wire::Subscribed{source, report.token, report.nextSequence})) {
       return false;
     }
-    notice.accepted = false;
+    report.accepted = false;
   }
-  while (notice.lost > 0) {
-    const auto count = static_cast<std::uint32_t>(std::min(notice.lost, kLossesMax));
-    if (!Put(wire::Type::kLoss, wire::Loss{source, notice.firstLost, count})) {
+  while (report.lost > 0) {
+    const auto count = static_cast<std::uint32_t>(std::min(report.lost, kLossesMax));
+    if (!Put(wire::Type::kLoss, wire::Loss{source, report.firstLost, count})) {
       return false;
     }
-    notice.firstLost += count;
-    notice.lost -= count;
+    report.firstLost += count;
+    report.lost -= count;
   }
-  return !notice.withdrawn || Put(wire::Type::kWithdrawn, wire::Withdrawn{source});
+  return !report.withdrawn || Put(wire::Type::kWithdrawn, wire::Withdrawn{source});
 }
 
 template <typename T>

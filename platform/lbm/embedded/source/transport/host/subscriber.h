@@ -2,7 +2,7 @@
 // to arrive in the order of the messages goes through this ring.
 //
 // What the ring has no space for is kept in one of two forms. The rest of a message that is larger than the ring waits
-// as it is. Of everything else only the outcome is kept, a notice for each source: that a subscription was accepted,
+// as it is. Of everything else only the outcome is kept, a report for each source: that a subscription was accepted,
 // how many messages were dropped, that the source was withdrawn. While anything is pending no message is taken.
 //
 // Threads: whoever holds the registry's publishing mutex (see publications.h), except for WaitForCredit.
@@ -50,7 +50,7 @@ class Subscriber {
   void Accept(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence);
   // No message of the source follows.
   void Withdraw(std::uint32_t source);
-  // Drops the pending notice of the source.
+  // Drops the pending report of the source.
   void Forget(std::uint32_t source);
 
   // Requests credit. Returns what WaitForCredit takes; look for space between the two.
@@ -70,7 +70,7 @@ class Subscriber {
 
  private:
   // What is to be reported of a source, in this order.
-  struct Notice {
+  struct Report {
     bool accepted = false;
     std::uint32_t token = 0;
     std::uint32_t nextSequence = 0;
@@ -79,11 +79,11 @@ class Subscriber {
     bool withdrawn = false;
   };
 
-  bool NothingPending() const noexcept { return m_rest.Empty() && m_notices.empty(); }
+  bool NothingPending() const noexcept { return m_rest.Empty() && m_reports.empty(); }
   bool TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   void SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool FlushPending();
-  bool SendNotice(std::uint32_t source, Notice& notice);
+  bool SendReport(std::uint32_t source, Report& report);
   template <typename T>
   bool Put(wire::Type type, const T& frame);
   void Commit() {
@@ -102,7 +102,7 @@ class Subscriber {
   const std::size_t m_contentMax;  // bytes of a frame
   std::atomic<bool> m_gone{false};
   SendQueue m_rest;  // of a message larger than the ring
-  std::unordered_map<std::uint32_t, Notice> m_notices;
+  std::unordered_map<std::uint32_t, Report> m_reports;
   std::vector<std::uint32_t> m_blocked;  // publications that wait for space
   std::vector<iovec> m_parts;            // of the frame being put together
 };

@@ -25,11 +25,11 @@ bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error 
 
 }  // namespace
 
-Acceptor::Acceptor(Rendezvous& rendezvous, Poller& poller, Poller::Token listenerToken, RetryTimer& retryTimer,
+Acceptor::Acceptor(Rendezvous& rendezvous, Poller& poller, Poller::Token acceptToken, RetryTimer& retryTimer,
                    const Warnings& warnings, Adopt adopt)
     : m_rendezvous(rendezvous),
       m_poller(poller),
-      m_listenerToken(listenerToken),
+      m_acceptToken(acceptToken),
       m_retryTimer(retryTimer),
       m_warnings(warnings),
       m_adopt(std::move(adopt)) {}
@@ -39,11 +39,11 @@ void Acceptor::Join(std::chrono::milliseconds patience) {
     if (neighbour.socket) {
       m_adopt(neighbour.socket);
     } else {
-      m_busyNeighbours.push_back(std::move(neighbour));
+      m_backlogged.push_back(std::move(neighbour));
     }
   }
-  m_poller.Add(m_rendezvous.Listener(), m_listenerToken, EPOLLIN);
-  if (!m_busyNeighbours.empty()) {
+  m_poller.Add(m_rendezvous.ListeningSocket(), m_acceptToken, EPOLLIN);
+  if (!m_backlogged.empty()) {
     m_retryTimer.Start();
   }
 }
@@ -51,7 +51,8 @@ void Acceptor::Join(std::chrono::milliseconds patience) {
 std::size_t Acceptor::Accept() {
   std::size_t accepted = 0;
   for (std::size_t attempt = 0; attempt < kAcceptedMax; ++attempt) {
-    zq::posix::Descriptor socket(::accept4(m_rendezvous.Listener(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    zq::posix::Descriptor socket(
+        ::accept4(m_rendezvous.ListeningSocket(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
       TryToAdopt(std::move(socket));
       ++accepted;
@@ -69,11 +70,11 @@ std::size_t Acceptor::Accept() {
 }
 
 void Acceptor::Retry() {
-  m_poller.Change(m_rendezvous.Listener(), m_listenerToken, EPOLLIN);
+  m_poller.Change(m_rendezvous.ListeningSocket(), m_acceptToken, EPOLLIN);
   for (zq::posix::Descriptor& socket : std::exchange(m_refused, {})) {
     TryToAdopt(std::move(socket));
   }
-  RetryNeighbours();
+  RetryBacklogged();
 }
 
 // A connection among many: what goes wrong with it must not be the end of this context.
@@ -93,12 +94,12 @@ void Acceptor::TryToAdopt(zq::posix::Descriptor socket) {
 
 // The listener stays readable while the system refuses; looking at it all the time would only burn the processor.
 void Acceptor::PauseAccepting() {
-  m_poller.Change(m_rendezvous.Listener(), m_listenerToken, 0);
+  m_poller.Change(m_rendezvous.ListeningSocket(), m_acceptToken, 0);
   m_retryTimer.Start();
 }
 
-void Acceptor::RetryNeighbours() {
-  for (auto neighbour = m_busyNeighbours.begin(); neighbour != m_busyNeighbours.end();) {
+void Acceptor::RetryBacklogged() {
+  for (auto neighbour = m_backlogged.begin(); neighbour != m_backlogged.end();) {
     auto outcome = Rendezvous::Outcome::kBacklogFull;
     try {
       outcome = m_rendezvous.Connect(*neighbour);
@@ -108,9 +109,9 @@ void Acceptor::RetryNeighbours() {
     if (outcome == Rendezvous::Outcome::kConnected) {
       TryToAdopt(std::move(neighbour->socket));
     }
-    neighbour = outcome == Rendezvous::Outcome::kBacklogFull ? neighbour + 1 : m_busyNeighbours.erase(neighbour);
+    neighbour = outcome == Rendezvous::Outcome::kBacklogFull ? neighbour + 1 : m_backlogged.erase(neighbour);
   }
-  if (!m_busyNeighbours.empty()) {
+  if (!m_backlogged.empty()) {
     m_retryTimer.Start();
   }
 }

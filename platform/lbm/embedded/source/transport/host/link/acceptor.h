@@ -25,8 +25,8 @@ class Acceptor {
   // for the moment; anything else that it throws is the end of that connection.
   using Adopt = std::function<void(zq::posix::Descriptor& socket)>;
 
-  // listenerToken: of the events in the poller at which to call Accept.
-  Acceptor(Rendezvous& rendezvous, Poller& poller, Poller::Token listenerToken, RetryTimer& retryTimer,
+  // acceptToken: of the events in the poller at which to call Accept.
+  Acceptor(Rendezvous& rendezvous, Poller& poller, Poller::Token acceptToken, RetryTimer& retryTimer,
            const Warnings& warnings, Adopt adopt);
 
   // Joins the domain and adopts the connections to all contexts that are there; see Rendezvous::Join. What fails here
@@ -42,19 +42,19 @@ class Acceptor {
  private:
   void TryToAdopt(zq::posix::Descriptor socket);
   void PauseAccepting();
-  void RetryNeighbours();
+  void RetryBacklogged();
   template <typename Compose>
   void WarnOfRefusal(Compose compose) noexcept;
 
   Rendezvous& m_rendezvous;
   Poller& m_poller;
-  const Poller::Token m_listenerToken;
+  const Poller::Token m_acceptToken;
   RetryTimer& m_retryTimer;
   const Warnings& m_warnings;
   const Adopt m_adopt;
-  std::vector<Rendezvous::Neighbour> m_busyNeighbours;  // whose backlog was full
-  std::vector<zq::posix::Descriptor> m_refused;         // connections that could not be adopted yet
-  bool m_refusalTold = false;                           // since the last connection was adopted
+  std::vector<Rendezvous::Neighbour> m_backlogged;  // neighbours whose backlog was full
+  std::vector<zq::posix::Descriptor> m_refused;     // connections that could not be adopted yet
+  bool m_refusalTold = false;                       // since the last connection was adopted
 };
 
 // Whether the process at the other end of a connection runs as the same user.

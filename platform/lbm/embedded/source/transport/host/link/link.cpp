@@ -18,11 +18,11 @@ namespace engine::transport::host {
 
 namespace {
 
-// Bytes that may wait for a peer, beside one response larger than kQueuedWithRoom.
+// Bytes that may wait for a peer, beside one response larger than kQueuedBeforeResponses.
 constexpr std::size_t kQueuedMax = std::size_t{64} << 20;
 
 // Bytes that may wait while responses are still taken.
-constexpr std::size_t kQueuedWithRoom = std::size_t{1} << 20;
+constexpr std::size_t kQueuedBeforeResponses = std::size_t{1} << 20;
 
 constexpr int kSocketBufferBytes = 1 << 20;
 
@@ -105,10 +105,10 @@ void Link::SendRing(zq::posix::Descriptor memory) {
 
 bool Link::TrySendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces) {
   const std::lock_guard lock(m_mutex);
-  if (!HasRoomFor(header.total)) {
+  if (!TakesResponse(header.total)) {
     return false;
   }
-  if (header.total > kQueuedWithRoom) {
+  if (header.total > kQueuedBeforeResponses) {
     m_queueMax = kQueuedMax + header.total;
   }
   constexpr std::size_t kPayloadMax = wire::kPacketMax - sizeof(wire::ResponseHeader);
@@ -248,8 +248,8 @@ bool Link::FlushQueue() {
   return m_queue.Empty();
 }
 
-bool Link::HasRoomFor(std::size_t bytes) {
-  const auto fits = [&] { return m_broken || m_queue.Empty() || m_queue.Size() + bytes <= kQueuedWithRoom; };
+bool Link::TakesResponse(std::size_t bytes) {
+  const auto fits = [&] { return m_broken || m_queue.Empty() || m_queue.Size() + bytes <= kQueuedBeforeResponses; };
   return fits() || (FlushQueue(), fits());
 }
 

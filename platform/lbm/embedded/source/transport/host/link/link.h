@@ -85,7 +85,7 @@ class Link {
   void Send(std::span<const iovec> parts);
   bool Transmit(std::span<const iovec> parts);
   bool FlushQueue();
-  bool HasRoomFor(std::size_t bytes);
+  bool TakesResponse(std::size_t bytes);
   void CutOff(std::string_view reason) noexcept;
   void WatchWritable(bool on);
 

@@ -44,8 +44,8 @@ zq::posix::Descriptor OpenSocket() {
   return zq::posix::Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
-std::string SocketName(std::uint64_t session) {
-  return std::to_string(::getpid()) + "-" + wire::SessionText(session) + std::string(kSocketSuffix);
+std::string SocketName(std::uint64_t instance) {
+  return std::to_string(::getpid()) + "-" + wire::InstanceText(instance) + std::string(kSocketSuffix);
 }
 
 std::string FirstLine(const zq::posix::Descriptor& file) {
@@ -90,12 +90,12 @@ zq::posix::Descriptor LockDomain(int directory, const std::string& path, const s
 
 }  // namespace
 
-Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session)
+Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t instance)
     : m_path(runtimeDirectory + "/" + domain),
-      m_name(SocketName(session)),
+      m_name(SocketName(instance)),
       m_directory(OpenDomain(runtimeDirectory, domain)),
-      m_listener(OpenSocket()) {
-  if (!m_listener) {
+      m_socket(OpenSocket()) {
+  if (!m_socket) {
     RefuseErrno(m_path, "opening a socket");
   }
 }
@@ -104,11 +104,11 @@ std::vector<Rendezvous::Neighbour> Rendezvous::Join(std::chrono::milliseconds pa
   const zq::posix::Descriptor lock =
       LockDomain(m_directory.Get(), m_path, "process " + std::to_string(::getpid()) + ", " + m_name, patience);
   const sockaddr_un address = AddressOf(m_directory.Get(), m_name);
-  if (::bind(m_listener.Get(), Generic(address), sizeof(address)) != 0) {
+  if (::bind(m_socket.Get(), Generic(address), sizeof(address)) != 0) {
     RefuseErrno(m_path, "creating a socket");
   }
   m_bound = true;
-  if (::listen(m_listener.Get(), kBacklog) != 0) {
+  if (::listen(m_socket.Get(), kBacklog) != 0) {
     RefuseErrno(m_path, "listening");
   }
   std::vector<Neighbour> neighbours;
@@ -146,7 +146,7 @@ Rendezvous::Outcome Rendezvous::Connect(Neighbour& neighbour) const {
 void Rendezvous::Leave() noexcept {
   if (m_bound) {
     ::unlinkat(m_directory.Get(), m_name.c_str(), 0);
-    m_listener = zq::posix::Descriptor();
+    m_socket = zq::posix::Descriptor();
     m_bound = false;
   }
 }

@@ -14,7 +14,7 @@
 
 namespace engine::transport::host {
 
-// A context's place in its domain. Threads: one at a time.
+// A context's socket in the directory of its domain. Threads: one at a time.
 class Rendezvous {
  public:
   // Another context: the name of its socket, and a connection to it unless its backlog was full.
@@ -23,13 +23,13 @@ class Rendezvous {
     zq::posix::Descriptor socket;
   };
 
-  // session: of the context, see wire::Greeting. Throws as OpenDomain does.
-  Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t session);
+  // instance: of the context, see wire::Greeting. Throws as OpenDomain does.
+  Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t instance);
   ~Rendezvous() { Leave(); }
   Rendezvous(const Rendezvous&) = delete;
   Rendezvous& operator=(const Rendezvous&) = delete;
 
-  // Takes a place in the domain and connects to every other context. Throws when one and the same process keeps the
+  // Puts the socket in place and connects to every other context. Throws when one and the same process keeps the
   // lock for longer than patience.
   std::vector<Neighbour> Join(std::chrono::milliseconds patience);
 
@@ -38,9 +38,9 @@ class Rendezvous {
   Outcome Connect(Neighbour& neighbour) const;
 
   // The socket on which later contexts connect.
-  int Listener() const noexcept { return m_listener.Get(); }
+  int ListeningSocket() const noexcept { return m_socket.Get(); }
 
-  // Gives the place up: nobody can connect any more, and who was waiting in the backlog is hung up on. Idempotent.
+  // Takes the socket away: nobody can connect any more, and who was waiting in the backlog is hung up on. Idempotent.
   void Leave() noexcept;
 
  private:
@@ -49,7 +49,7 @@ class Rendezvous {
   const std::string m_path;  // of the domain's directory, for error texts
   const std::string m_name;  // of the own socket in it
   const zq::posix::Descriptor m_directory;
-  zq::posix::Descriptor m_listener;
+  zq::posix::Descriptor m_socket;
   bool m_bound = false;
 };
 

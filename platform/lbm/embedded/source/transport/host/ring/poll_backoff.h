@@ -16,7 +16,7 @@ namespace engine::transport::host {
 class PollBackoff {
  public:
   // Whether to pause before the next poll.
-  bool Due() const noexcept { return tuning::kPollBackoff && m_fewInARow == kPollsInARow; }
+  bool Due() const noexcept { return m_fewInARow == kPollsInARow; }
 
   static void Pause() noexcept {
     for (int i = 0; i < kSpins; ++i) {
@@ -26,6 +26,9 @@ class PollBackoff {
 
   // To be called after each poll, with the number of frames that it found.
   void NotePoll(std::size_t frames) noexcept {
+    if (!tuning::kPollBackoff) {
+      return;
+    }
     if (m_suspended > 0) {
       --m_suspended;
     } else if (Due() && frames == 1) {

@@ -32,7 +32,7 @@ Type TypeOf(Bytes frame) { return Take<Type>(frame); }
 std::vector<std::byte> EncodeHello(const Greeting& greeting) {
   Hello hello;
   hello.nameLength = static_cast<std::uint16_t>(greeting.name.size());
-  hello.session = greeting.session;
+  hello.instance = greeting.instance;
   hello.process = greeting.process;
   std::vector<std::byte> frame;
   Append(frame, BytesOf(hello));
@@ -50,7 +50,7 @@ Greeting DecodeHello(Bytes frame) {
                 std::to_string(kVersion) + "; run the same release of the engine in every process");
   }
   Greeting greeting;
-  greeting.session = hello.session;
+  greeting.instance = hello.instance;
   greeting.process = hello.process;
   greeting.name = TakeText(frame, hello.nameLength);
   if (!frame.empty()) {
@@ -59,16 +59,16 @@ Greeting DecodeHello(Bytes frame) {
   return greeting;
 }
 
-std::string SessionText(std::uint64_t session) {
+std::string InstanceText(std::uint64_t instance) {
   std::array<char, 16> digits;
-  return {digits.data(), std::to_chars(digits.begin(), digits.end(), session, 16).ptr};
+  return {digits.data(), std::to_chars(digits.begin(), digits.end(), instance, 16).ptr};
 }
 
 std::string IdentityOf(const Greeting& greeting) {
-  return "host:" + std::to_string(greeting.process) + '.' + SessionText(greeting.session);
+  return "host:" + std::to_string(greeting.process) + '.' + InstanceText(greeting.instance);
 }
 
-std::string SourceIdentity(const std::string& context, std::uint32_t source) {
+std::string SourceSession(const std::string& context, std::uint32_t source) {
   return context + ':' + std::to_string(source);
 }
 

@@ -65,7 +65,7 @@ struct Hello {
   std::uint16_t nameLength = 0;
   std::uint32_t version = kVersion;
   std::uint64_t magic = kMagic;
-  std::uint64_t session = 0;
+  std::uint64_t instance = 0;
   std::uint32_t process = 0;
   std::uint32_t reserved = 0;
 };
@@ -187,7 +187,7 @@ Type TypeOf(Bytes frame);
 
 // Who a context is, as it says in the handshake.
 struct Greeting {
-  std::uint64_t session = 0;  // random: tells this context from every other of the machine
+  std::uint64_t instance = 0;  // random: tells this context of this run from every other
   std::uint32_t process = 0;
   std::string name;
 };
@@ -195,12 +195,12 @@ struct Greeting {
 std::vector<std::byte> EncodeHello(const Greeting& greeting);
 Greeting DecodeHello(Bytes frame);
 
-// A session in digits, as operators read it.
-std::string SessionText(std::uint64_t session);
+// An instance in digits, as operators read it.
+std::string InstanceText(std::uint64_t instance);
 
-// The context's identity, unique in the domain, and that of one of its sources.
+// See Transport::Identity and RemoteSource::Session.
 std::string IdentityOf(const Greeting& greeting);
-std::string SourceIdentity(const std::string& context, std::uint32_t source);
+std::string SourceSession(const std::string& context, std::uint32_t source);
 
 // Packs advertisements into as few packets as they need: when Add returns false, the packet is full; send it, Clear,
 // and add again.
