@@ -2,8 +2,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstring>
-#include <future>
 #include <thread>
 
 #include "domain.h"
@@ -244,15 +244,18 @@ TEST_F(Processing, WaitsForMessagesInsteadOfPollingForThem) {
 
 TEST_F(Processing, WaitsUntilUnblockedAndIsForOneThread) {
   const Driven context;
-  std::future<void> waiting = std::async(std::launch::async, [&] {
-    while (lbm_context_process_events(context, 3'600'000) != 0) {  // turned away: this thread is inside
+  std::atomic<bool> unblocked{false};
+  std::thread waiting([&] {
+    while (!unblocked) {  // turned away while this thread is inside
+      lbm_context_process_events(context, 3'600'000);
     }
   });
   while (lbm_context_process_events(context, 0) == 0) {  // until the other thread is inside
   }
   EXPECT_EQ(LBM_EOP, lbm_errnum());
+  unblocked = true;
   EXPECT_EQ(0, lbm_context_unblock(context));
-  waiting.get();
+  waiting.join();
   EXPECT_EQ(0, lbm_context_unblock(context));
   EXPECT_EQ(0, lbm_context_process_events(context, 3'600'000)) << "an unblock before the call counts";
 
