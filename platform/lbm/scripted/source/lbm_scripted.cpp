@@ -21,12 +21,12 @@ std::string FunctionName(std::string_view function) {
   return name;
 }
 
-// The object behind a handle, kept alive.
+// The object behind a handle whose callbacks may begin, kept alive.
 template <class Handle>
-std::shared_ptr<Handle> Live(Handle* handle) {
+std::shared_ptr<Handle> Open(Handle* handle) {
   const std::shared_ptr<Object> object = State::Get().Find(handle);
-  if (object == nullptr || !object->alive) {
-    throw std::logic_error(object != nullptr ? object->Describe() + " was deleted" : "not a handle");
+  if (const std::string refusal = object != nullptr ? object->Refusal() : "not a handle"; !refusal.empty()) {
+    throw std::logic_error(refusal);
   }
   return std::static_pointer_cast<Handle>(object);
 }
@@ -44,7 +44,7 @@ Handle* Newest(std::string_view topic) {
   Handle* newest = nullptr;
   for (const auto& [key, object] : State::Get().objects) {
     auto* const candidate = dynamic_cast<Handle*>(object.get());
-    if (candidate != nullptr && candidate->alive && (topic.empty() || candidate->name == topic) &&
+    if (candidate != nullptr && candidate->Refusal().empty() && (topic.empty() || candidate->name == topic) &&
         (newest == nullptr || newest->number < candidate->number)) {
       newest = candidate;
     }
@@ -63,14 +63,16 @@ Value OptionValue(const Object& object, const char* name) {
   return value;
 }
 
-lbm_msg_t* NewMessage(const Message& message, const std::string& topic) {
+lbm_msg_t* NewMessage(const Message& message, const std::string& topic, const std::shared_ptr<Object>& context = {}) {
   State& state = State::Get();
   const auto object = std::make_shared<MessageObject>(message, topic);
   state.Register(&object->msg, object);
   if (message.type == LBM_MSG_REQUEST) {
     auto response = std::make_shared<lbm_response_t>("response", topic);
     response->counted = false;
+    response->context = context;
     object->msg.response = response.get();
+    object->response = response;
     state.Register(response.get(), response);
   }
   return &object->msg;
@@ -79,20 +81,19 @@ lbm_msg_t* NewMessage(const Message& message, const std::string& topic) {
 template <class Handle>
 int DeliverTo(Handle* handle, const Message& message) {
   auto lock = Lock();
-  const std::shared_ptr<Handle> target = Live(handle);
-  const auto proc = Present(target->proc, *target, "callback");
-  lbm_msg_t* const msg = NewMessage(message, target->name);
+  const std::shared_ptr<Handle> target = Open(handle);
+  lbm_msg_t* const msg = NewMessage(message, target->name, target->context);
   struct Release {
     ~Release() { State::Get().Release(*message); }
     std::shared_ptr<MessageObject> message;
   } release{std::static_pointer_cast<MessageObject>(State::Get().Find(msg))};
-  return State::Get().CallOut<int>(lock, *target, [&] { return proc(handle, msg, target->clientd); });
+  return State::Get().CallOut(lock, *target, [&] { return target->proc(handle, msg, target->clientd); });
 }
 
 template <class Handle>
 void PostTo(Handle* handle, std::function<void()> work) {
   const auto lock = Lock();
-  Live(handle)->work.push_back(std::move(work));
+  Open(handle)->work.push_back(std::move(work));
   State::Get().changed.notify_all();
 }
 
@@ -121,12 +122,7 @@ const Argument& Call::Find(std::string_view argument) const {
   return *found;
 }
 
-bool Call::IsNull(std::string_view argument) const {
-  const auto& value = Find(argument).value;
-  const auto* const pointer = std::get_if<const void*>(&value);
-  const auto* const callback = std::get_if<Argument::Function>(&value);
-  return (pointer != nullptr && *pointer == nullptr) || (callback != nullptr && *callback == nullptr);
-}
+bool Call::IsNull(std::string_view argument) const { return lbm_scripted::IsNull(Find(argument)); }
 
 std::string Call::ToString() const {
   std::string text = function + '(';
@@ -224,49 +220,46 @@ int Deliver(lbm_request_t* req, const Message& message) { return DeliverTo(req, 
 
 int DeliverEvent(lbm_src_t* src, int event, void* eventData) {
   auto lock = Lock();
-  const auto source = Live(src);
+  const auto source = Open(src);
   const auto proc = Present(source->proc, *source, "callback");
-  return State::Get().CallOut<int>(lock, *source, [&] { return proc(src, event, eventData, source->clientd); });
+  return State::Get().CallOut(lock, *source, [&] { return proc(src, event, eventData, source->clientd); });
 }
 
 int DeliverFdEvent(lbm_context_t* ctx, int fd, lbm_ulong_t event) {
   auto lock = Lock();
-  const auto context = Live(ctx);
-  const auto& all = context->descriptors;
-  const auto found = std::find_if(all.begin(), all.end(), [&](const auto& candidate) {
-    return candidate->fd == fd && (candidate->events & event);
-  });
-  if (found == all.end()) {
-    throw std::logic_error(context->Describe() + " has no registration of descriptor " + std::to_string(fd));
+  const auto context = Open(ctx);
+  const auto found = context->descriptors.find({fd, event});
+  if (found == context->descriptors.end()) {
+    throw std::logic_error(context->Describe() + " has no registration of descriptor " + std::to_string(fd) +
+                           " for event " + std::to_string(event));
   }
-  const std::shared_ptr<FdRegistration> registration = *found;
-  const auto proc = Present(registration->proc, *registration, "callback");
-  return State::Get().CallOut<int>(lock, *registration, [&] { return proc(ctx, fd, event, registration->clientd); });
+  const std::shared_ptr<FdRegistration> registration = found->second;
+  return State::Get().CallOut(lock, *registration,
+                              [&] { return registration->proc(ctx, fd, event, registration->clientd); });
 }
 
 int NotifyContext(lbm_context_t* ctx, const std::string& topic, const std::string& source) {
   auto lock = Lock();
-  const auto context = Live(ctx);
+  const auto context = Open(ctx);
   const auto notify = OptionValue<lbm_src_notify_func_t>(*context, "resolver_source_notification_function");
   const auto proc = Present(notify.notifyfunc, *context, "notification function");
-  return State::Get().CallOut<int>(lock, *context, [&] { return proc(topic.c_str(), source.c_str(), notify.clientd); });
+  return State::Get().CallOut(lock, *context, [&] { return proc(topic.c_str(), source.c_str(), notify.clientd); });
 }
 
 void* NotifySourceCreated(lbm_rcv_t* rcv, const std::string& source) {
   auto lock = Lock();
-  const auto receiver = Live(rcv);
+  const auto receiver = Open(rcv);
   const auto notify = OptionValue<lbm_rcv_src_notification_func_t>(*receiver, "source_notification_function");
   const auto proc = Present(notify.create_func, *receiver, "create function");
-  return State::Get().CallOut<void*>(lock, *receiver, [&] { return proc(source.c_str(), notify.clientd); });
+  return State::Get().CallOut(lock, *receiver, [&] { return proc(source.c_str(), notify.clientd); });
 }
 
 int NotifySourceDeleted(lbm_rcv_t* rcv, const std::string& source, void* sourceClientd) {
   auto lock = Lock();
-  const auto receiver = Live(rcv);
+  const auto receiver = Open(rcv);
   const auto notify = OptionValue<lbm_rcv_src_notification_func_t>(*receiver, "source_notification_function");
   const auto proc = Present(notify.delete_func, *receiver, "delete function");
-  return State::Get().CallOut<int>(lock, *receiver,
-                                   [&] { return proc(source.c_str(), notify.clientd, sourceClientd); });
+  return State::Get().CallOut(lock, *receiver, [&] { return proc(source.c_str(), notify.clientd, sourceClientd); });
 }
 
 void Post(lbm_context_t* ctx, std::function<void()> work) { PostTo(ctx, std::move(work)); }
@@ -284,6 +277,7 @@ std::vector<std::string> LiveHandles(std::string_view kind) {
     }
   }
   std::vector<std::string> handles;
+  handles.reserve(byNumber.size());
   for (auto& [number, text] : byNumber) {
     handles.push_back(std::move(text));
   }

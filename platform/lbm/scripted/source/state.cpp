@@ -28,17 +28,17 @@ std::string Address(const void* pointer) {
 }
 
 // Names the handle in the argument's text and says what is wrong with it, if anything.
-std::string Examine(const State& state, Input& input) {
-  const void* const handle = std::get<const void*>(input.argument.value);
+std::string Examine(const State& state, Argument& argument) {
+  const void* const handle = std::get<const void*>(argument.value);
   if (handle == nullptr) {
-    return input.handle == Input::Handle::kRequired ? input.argument.name + " is null" : std::string();
+    return {};
   }
   const std::shared_ptr<Object> object = state.Find(handle);
   if (object == nullptr) {
-    return input.argument.name + " is not a handle: " + input.argument.text;
+    return argument.name + " is not a handle: " + argument.text;
   }
-  input.argument.text = object->Describe();
-  return object->alive ? std::string() : input.argument.name + " was deleted: " + object->Describe();
+  argument.text = object->Describe();
+  return object->alive ? std::string() : argument.name + " was deleted: " + object->Describe();
 }
 
 bool SameCall(const Call& one, const Call& other) {
@@ -50,6 +50,16 @@ bool SameCall(const Call& one, const Call& other) {
 std::string Object::Describe() const {
   std::string text = kind + ('#' + std::to_string(number));
   return name.empty() ? text : text + " \"" + name + '"';
+}
+
+std::string Object::Refusal() const {
+  if (!alive) {
+    return Describe() + " was deleted";
+  }
+  if (closed) {
+    return Describe() + " takes nothing more";
+  }
+  return context != nullptr && context->closed ? Describe() + " has outlived its context" : std::string();
 }
 
 MessageObject::MessageObject(const Message& message, const std::string& topic)
@@ -79,19 +89,42 @@ Input Text(const char* name, const char* value) {
 
 Input Bytes(const char* name, const void* data, std::size_t size) {
   if (data == nullptr) {
-    return Pointer(name, nullptr);
+    return size == 0 ? Pointer(name, nullptr) : NotNull(Pointer(name, nullptr));
   }
   std::string bytes(static_cast<const char*>(data), size);
   std::string text = Quote(bytes);
   return {{name, std::move(text), std::move(bytes)}};
 }
 
-Input Handle(const char* name, const void* handle) {
-  return {{name, Address(handle), handle}, Input::Handle::kRequired};
+Input OptionalHandle(const char* name, const void* handle) {
+  Input input = Pointer(name, handle);
+  input.handle = true;
+  return input;
 }
 
-Input OptionalHandle(const char* name, const void* handle) {
-  return {{name, Address(handle), handle}, Input::Handle::kOptional};
+bool IsNull(const Argument& argument) {
+  const auto* const pointer = std::get_if<const void*>(&argument.value);
+  const auto* const callback = std::get_if<Argument::Function>(&argument.value);
+  return (pointer != nullptr && *pointer == nullptr) || (callback != nullptr && *callback == nullptr);
+}
+
+Input NotNull(Input input) {
+  if (IsNull(input.argument)) {
+    input.wrong = input.argument.name + " is null";
+  }
+  return input;
+}
+
+Input Handle(const char* name, const void* handle) { return NotNull(OptionalHandle(name, handle)); }
+
+Input Room(const char* name, const void* room) {
+  Input input = NotNull(Pointer(name, room));
+  input.recorded = false;
+  return input;
+}
+
+Input Count(const char* name, const std::size_t* count) {
+  return count != nullptr ? Number(name, static_cast<std::int64_t>(*count)) : NotNull(Pointer(name, nullptr));
 }
 
 LastError& ThreadError() {
@@ -102,6 +135,11 @@ LastError& ThreadError() {
 int Running::Fail(int errnum, std::string errmsg) {
   ThreadError() = {errnum, std::move(errmsg)};
   return -1;
+}
+
+int Running::FailMisused(int errnum, const std::string& problem) {
+  state.problems.push_back(call.function + ": " + problem);
+  return Fail(errnum, problem);
 }
 
 void Running::Note(const char* name, std::string text, decltype(Argument::value) value) {
@@ -124,22 +162,26 @@ int State::Run(const char* function, std::vector<Input> inputs, const Body& body
   call->thread = std::this_thread::get_id();
   std::string wrong;
   for (Input& input : inputs) {
-    if (input.handle != Input::Handle::kNone && wrong.empty()) {
-      wrong = Examine(*this, input);
+    if (input.handle && input.wrong.empty()) {
+      input.wrong = Examine(*this, input.argument);
     }
-    call->arguments.push_back(std::move(input.argument));
-  }
-  if (!wrong.empty()) {
-    problems.push_back(std::string(function) + ": " + wrong);
+    if (wrong.empty()) {
+      wrong = std::move(input.wrong);
+    }
+    if (input.recorded) {
+      call->arguments.push_back(std::move(input.argument));
+    }
   }
   calls.push_back(call);
+  if (!wrong.empty()) {
+    problems.push_back(call->function + ": " + wrong);
+  }
   changed.notify_all();
 
   if (const auto hook = hooks.find(call->function); hook != hooks.end()) {
     const std::function<void(const Call&)> copy = hook->second;
-    lock.unlock();
+    const Unlocked unlocked(lock);
     copy(*call);
-    lock.lock();
   }
 
   const std::optional<Result> scripted = TakeScripted(call->function);
@@ -160,17 +202,14 @@ int State::Dispatch(Running& running, Dispatcher& dispatcher, lbm_ulong_t msec, 
     return 0;
   }
   const std::shared_ptr<Object> kept = Find(&dispatcher);
-  struct Inside {
-    explicit Inside(Dispatcher& entered) : dispatcher(entered) { ++dispatcher.inside; }
-    ~Inside() { --dispatcher.inside; }
-    Dispatcher& dispatcher;
-  } inside(dispatcher);
+  const Inside inside(*this, dispatcher);
 
   using Clock = std::chrono::steady_clock;
   const bool forever = msec >= LBM_EVENT_QUEUE_BLOCK;
   const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : msec);
   const auto somethingToDo = [&] {
-    return dispatcher.unblocked || !dispatcher.work.empty() || scripts.count(running.call.function) != 0;
+    return dispatcher.closed || dispatcher.unblocked || !dispatcher.work.empty() ||
+           scripts.count(running.call.function) != 0;
   };
   int done = 0;
   while (true) {
@@ -180,12 +219,13 @@ int State::Dispatch(Running& running, Dispatcher& dispatcher, lbm_ulong_t msec, 
       break;
     }
     while (!dispatcher.work.empty()) {
-      const std::function<void()> work = std::move(dispatcher.work.front());
+      std::function<void()> work = std::move(dispatcher.work.front());
       dispatcher.work.pop_front();
-      CallOut<void>(running.lock, dispatcher, work);
+      const Unlocked unlocked(running.lock);
+      std::exchange(work, nullptr)();  // and gone without the lock, as what Close drops
       ++done;
     }
-    if (std::exchange(dispatcher.unblocked, false) || (returnAfterWork && done > 0)) {
+    if (std::exchange(dispatcher.unblocked, false) || dispatcher.closed || (returnAfterWork && done > 0)) {
       break;
     }
     if (const std::optional<Result> result = TakeScripted(running.call.function)) {
@@ -213,9 +253,31 @@ std::shared_ptr<Object> State::Find(const void* key) const {
   return found != objects.end() ? found->second : nullptr;
 }
 
-void State::WaitForCallbacks(std::unique_lock<std::mutex>& lock, Object& object) {
-  const auto onlyOwn = [&] { return object.delivering.count(std::this_thread::get_id()) == object.delivering.size(); };
-  changed.wait(lock, onlyOwn);
+void State::Close(std::unique_lock<std::mutex>& lock, Object& object) {
+  object.closed = true;
+  changed.notify_all();
+  if (auto* const dispatcher = dynamic_cast<Dispatcher*>(&object)) {
+    auto dropped = std::exchange(dispatcher->work, {});
+    const Unlocked unlocked(lock);
+    dropped.clear();  // without the lock: what the work owns may call the interface as it goes
+  }
+}
+
+void State::WaitForOthers(std::unique_lock<std::mutex>& lock, const Object& object) {
+  changed.wait(lock, [&] { return object.inside.count(std::this_thread::get_id()) == object.inside.size(); });
+}
+
+State::Inside::Inside(State& state, Object& object) : m_state(state), m_object(object) {
+  for (Object* entered = &m_object; entered != nullptr; entered = entered->context.get()) {
+    entered->inside.insert(std::this_thread::get_id());
+  }
+}
+
+State::Inside::~Inside() {
+  for (Object* left = &m_object; left != nullptr; left = left->context.get()) {
+    left->inside.erase(left->inside.find(std::this_thread::get_id()));
+  }
+  m_state.changed.notify_all();
 }
 
 void State::Release(MessageObject& message) {
@@ -224,7 +286,9 @@ void State::Release(MessageObject& message) {
   }
   message.alive = false;
   if (message.msg.response != nullptr) {
-    message.msg.response->alive = false;
+    message.response->alive = false;
+  } else if (message.response != nullptr) {
+    message.response->counted = true;  // taken over, it has to be given back
   }
   message.msg = {};
   message.msg.source = "deleted";

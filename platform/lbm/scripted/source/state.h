@@ -26,13 +26,19 @@ struct Object {
 
   std::string Describe() const;
 
+  // Why no callback of it may begin; empty when one may.
+  std::string Refusal() const;
+
   const char* kind;
   std::string name;
   unsigned number = 0;
-  bool alive = true;
+  bool alive = true;    // was not given back
   bool counted = true;  // has to be given back
+  bool closed = false;  // begins no more callbacks: it is being deleted, or was shut down
   Options options;
-  std::multiset<std::thread::id> delivering;  // threads that are inside one of its callbacks
+  std::shared_ptr<Object> context;  // whose end closes this too; null for what belongs to none
+  std::multiset<std::thread::id>
+      inside;  // threads that are in its callbacks, process its events, or are in its children
 };
 
 // Something that runs what was posted to it.
@@ -41,16 +47,19 @@ struct Dispatcher : Object {
 
   std::deque<std::function<void()>> work;
   bool unblocked = false;
-  int inside = 0;
 };
 
-struct FdRegistration : Object {
+// Something with a callback of its own.
+template <class Callback>
+struct Endpoint : Object {
   using Object::Object;
 
-  int fd = 0;
-  lbm_ulong_t events = 0;
-  lbm_fd_cb_proc proc = nullptr;
+  Callback proc = nullptr;
   void* clientd = nullptr;
+};
+
+struct FdRegistration : Endpoint<lbm_fd_cb_proc> {
+  using Endpoint::Endpoint;
 };
 
 struct MessageObject : Object {
@@ -60,6 +69,7 @@ struct MessageObject : Object {
   std::string source;
   lbm_msg_channel_info_t channel{};
   lbm_msg_t msg{};
+  std::shared_ptr<Object> response;
   std::size_t references = 1;
 };
 
@@ -67,29 +77,23 @@ struct MessageObject : Object {
 
 struct lbm_context_t_stct : lbm_scripted::Dispatcher {
   using Dispatcher::Dispatcher;
-  std::vector<std::shared_ptr<lbm_scripted::FdRegistration>> descriptors;
+  // By descriptor and the one event.
+  std::map<std::pair<int, lbm_ulong_t>, std::shared_ptr<lbm_scripted::FdRegistration>> descriptors;
 };
 struct lbm_event_queue_t_stct : lbm_scripted::Dispatcher {
   using Dispatcher::Dispatcher;
 };
 struct lbm_topic_t_stct : lbm_scripted::Object {
   using Object::Object;
-  lbm_context_t* context = nullptr;
 };
-struct lbm_src_t_stct : lbm_scripted::Object {
-  using Object::Object;
-  lbm_src_cb_proc proc = nullptr;
-  void* clientd = nullptr;
+struct lbm_src_t_stct : lbm_scripted::Endpoint<lbm_src_cb_proc> {
+  using Endpoint::Endpoint;
 };
-struct lbm_rcv_t_stct : lbm_scripted::Object {
-  using Object::Object;
-  lbm_rcv_cb_proc proc = nullptr;
-  void* clientd = nullptr;
+struct lbm_rcv_t_stct : lbm_scripted::Endpoint<lbm_rcv_cb_proc> {
+  using Endpoint::Endpoint;
 };
-struct lbm_request_t_stct : lbm_scripted::Object {
-  using Object::Object;
-  lbm_request_cb_proc proc = nullptr;
-  void* clientd = nullptr;
+struct lbm_request_t_stct : lbm_scripted::Endpoint<lbm_request_cb_proc> {
+  using Endpoint::Endpoint;
 };
 struct lbm_response_t_stct : lbm_scripted::Object {
   using Object::Object;
@@ -111,23 +115,29 @@ namespace lbm_scripted {
 
 // An argument as the C function got it.
 struct Input {
-  enum class Handle { kNone, kRequired, kOptional };
-
   Argument argument;
-  Handle handle = Handle::kNone;
+  bool handle = false;
+  bool recorded = true;
+  std::string wrong = {};  // what can be seen to be wrong without looking at any object
 };
 
 Input Number(const char* name, std::int64_t value);
 Input Pointer(const char* name, const void* value);
 Input Text(const char* name, const char* value);
-Input Bytes(const char* name, const void* data, std::size_t size);
-Input Handle(const char* name, const void* handle);
+Input Bytes(const char* name, const void* data, std::size_t size);  // wrong when bytes are missing
 Input OptionalHandle(const char* name, const void* handle);
 
 template <class Callback>
 Input Function(const char* name, Callback callback) {
   return {{name, callback != nullptr ? "set" : "null", reinterpret_cast<Argument::Function>(callback)}};
 }
+
+bool IsNull(const Argument& argument);
+
+Input NotNull(Input input);
+Input Handle(const char* name, const void* handle);       // not null
+Input Room(const char* name, const void* room);           // not null: where the call writes; not part of the record
+Input Count(const char* name, const std::size_t* count);  // not null: stands in the record as the number
 
 class State;
 
@@ -139,11 +149,12 @@ struct Running {
   bool scripted;  // the result is given by the test
 
   int Fail(int errnum, std::string errmsg);
+  int FailMisused(int errnum, const std::string& problem);
   void Note(const char* name, std::string text, decltype(Argument::value) value);
 
-  // Registers a new object and records it as what the call made.
+  // Registers a new object, records it as what the call made, and hands it out.
   template <class Made>
-  Made* Make(const char* name, std::shared_ptr<Made> object);
+  Made& Make(const char* argument, Made** handle, const char* kind, std::string name = {});
 };
 
 // Process-wide, and never destroyed: callers may outlive main.
@@ -159,21 +170,11 @@ class State {
   // Waits for something to do as the calls that process events do, and returns their result.
   int Dispatch(Running& running, Dispatcher& dispatcher, lbm_ulong_t msec, bool returnAfterWork);
 
-  // Calls one of object's callbacks without the lock; deleting the object waits for it.
-  template <class Result>
-  Result CallOut(std::unique_lock<std::mutex>& lock, Object& object, const std::function<Result()>& callback) {
-    object.delivering.insert(std::this_thread::get_id());
-    lock.unlock();
-    struct Return {
-      ~Return() {
-        lock.lock();
-        object.delivering.erase(object.delivering.find(std::this_thread::get_id()));
-        state.changed.notify_all();
-      }
-      State& state;
-      std::unique_lock<std::mutex>& lock;
-      Object& object;
-    } back{*this, lock, object};
+  // Calls one of object's callbacks without the lock; closing the object or its context waits for it.
+  template <class Callback>
+  auto CallOut(std::unique_lock<std::mutex>& lock, Object& object, const Callback& callback) {
+    const Inside inside(*this, object);
+    const Unlocked unlocked(lock);
     return callback();
   }
 
@@ -181,10 +182,13 @@ class State {
   void SetInitialDefaults();
   void Register(const void* key, std::shared_ptr<Object> object);
   std::shared_ptr<Object> Find(const void* key) const;  // also the deleted; null when unknown
-  void WaitForCallbacks(std::unique_lock<std::mutex>& lock, Object& object);
   void Release(MessageObject& message);
   const Option* FindOption(const Object& object, const char* scope, const std::string& name) const;
   std::optional<Result> TakeScripted(const std::string& function);
+  // No callback begins any more, and posted work is dropped.
+  void Close(std::unique_lock<std::mutex>& lock, Object& object);
+  // Returns when no other thread is inside the object.
+  void WaitForOthers(std::unique_lock<std::mutex>& lock, const Object& object);
 
   std::mutex mutex;
   std::condition_variable changed;
@@ -201,6 +205,30 @@ class State {
   unsigned numberAtReset = 0;
 
  private:
+  // The calling thread is inside an object, and so inside its context. Made and destroyed with the lock held.
+  class Inside {
+   public:
+    Inside(State& state, Object& object);
+    ~Inside();
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+   private:
+    State& m_state;
+    Object& m_object;
+  };
+
+  class Unlocked {
+   public:
+    explicit Unlocked(std::unique_lock<std::mutex>& lock) : m_lock(lock) { m_lock.unlock(); }
+    ~Unlocked() { m_lock.lock(); }
+    Unlocked(const Unlocked&) = delete;
+    Unlocked& operator=(const Unlocked&) = delete;
+
+   private:
+    std::unique_lock<std::mutex>& m_lock;
+  };
+
   State();
 };
 
@@ -212,11 +240,12 @@ struct LastError {
 LastError& ThreadError();
 
 template <class Made>
-Made* Running::Make(const char* name, std::shared_ptr<Made> object) {
-  Made* const handle = object.get();
-  state.Register(handle, std::move(object));
-  Note(name, handle->Describe(), static_cast<const void*>(handle));
-  return handle;
+Made& Running::Make(const char* argument, Made** handle, const char* kind, std::string name) {
+  const auto made = std::make_shared<Made>(kind, std::move(name));
+  state.Register(made.get(), made);
+  Note(argument, made->Describe(), static_cast<const void*>(made.get()));
+  *handle = made.get();
+  return *made;
 }
 
 }  // namespace lbm_scripted

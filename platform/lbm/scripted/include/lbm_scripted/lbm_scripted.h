@@ -10,12 +10,19 @@
 //
 // Options are kept: what is set on attributes is read back from them and from what is created with them. Nothing is
 // sent anywhere, and delivering is the test's own act: event queues and operational modes make no difference to it.
-// Only lbm_context_process_events and lbm_event_dispatch wait: until their time is up, they are unblocked, something
-// was posted, or a result was scripted.
+// lbm_context_process_events and lbm_event_dispatch wait until their time is up, they are unblocked, something was
+// posted, a result was scripted, the context is deleted or the queue is shut down.
+//
+// Objects end as the interface says. Deleting one, or cancelling a descriptor, closes it to further callbacks and waits
+// for those that other threads are in; from inside its own callback a thread does not wait for itself. Deleting a
+// context does the same for all that was made on it, makes lbm_context_process_events return and drops what was posted.
+// What outlives its context has to be given back, but nothing is delivered to it, and sending with it fails with
+// LBM_EOP.
 //
 // Each test starts with Reset, which leaves the handles that are still alive usable but no longer counts them.
 //
-// Threads: everything may be called on any thread. Reset clears the last error of its own thread only.
+// Threads: everything may be called on any thread. Reset clears the last error of its own thread only. Exceptions of
+// hooks, callbacks and posted work leave through the call that ran them.
 #pragma once
 
 #include <lbm/lbm.h>
@@ -132,10 +139,10 @@ void OnCall(std::string_view function, std::function<void(const Call&)> hook);
 
 // ---- Deliver
 //
-// All of these throw std::logic_error for a handle that was given back, or that has no callback for what is delivered.
-// As with a real library, deleting an object waits for its callbacks on other threads to return.
+// All of these throw std::logic_error for a handle that was given back or has outlived its context, for a queue that
+// was shut down, and where there is no callback for what is delivered.
 
-// The live object made last, or null.
+// The object made last that can be delivered to, or null.
 lbm_context_t* FindContext();
 lbm_src_t* FindSource(std::string_view topic);
 lbm_rcv_t* FindReceiver(std::string_view topic);
@@ -160,7 +167,7 @@ int Deliver(lbm_rcv_t* rcv, const Message& message);
 int Deliver(lbm_request_t* req, const Message& message);
 
 int DeliverEvent(lbm_src_t* src, int event, void* eventData = nullptr);
-int DeliverFdEvent(lbm_context_t* ctx, int fd, lbm_ulong_t event);
+int DeliverFdEvent(lbm_context_t* ctx, int fd, lbm_ulong_t event);  // one LBM_FD_EVENT_...
 
 // Call the functions that were set as "resolver_source_notification_function" of the context, and as
 // "source_notification_function" of the receiver's topic.
@@ -182,8 +189,9 @@ std::vector<std::string> LiveHandles(std::string_view kind = {});
 // References to a message that are held.
 std::size_t References(const lbm_msg_t* msg);
 
-// Misuse of the interface since Reset, in words: null, deleted or unknown handles given to a call, and what was deleted
-// while a thread was inside it. Such calls fail.
+// Misuse of the interface since Reset, in words: null where the interface takes none, deleted or unknown handles, an
+// object that two threads delete, and an event queue deleted while a thread was inside it. Such calls fail and do
+// nothing.
 std::vector<std::string> Problems();
 
 }  // namespace lbm_scripted
