@@ -7,8 +7,8 @@
 
 namespace ps_ns {
 
-CompositeNode::CompositeNode(std::string nodeName, boost::property_tree::ptree tree)
-    : m_nodeName(std::move(nodeName)), m_ptree(std::move(tree)) {}
+CompositeNode::CompositeNode(std::string nodeName, const boost::property_tree::ptree& tree)
+    : m_nodeName(std::move(nodeName)), m_ptree(tree) {}
 
 template <>
 std::string CompositeNode::GetAttrValue<std::string>(const std::string& attribute, const std::string& defaultValue,

@@ -1,18 +1,11 @@
 #include "ps_common/config/config.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <boost/property_tree/xml_parser.hpp>
-#include <cerrno>
 #include <memory>
-#include <sstream>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
-#include "xml_check.h"
+#include "xml_reader.h"
+#include "zq/posix/file.h"
 
 namespace ps_ns {
 namespace {
@@ -20,11 +13,7 @@ namespace {
 namespace pt = boost::property_tree;
 
 [[noreturn]] void Fail(const std::string& path, const std::string& what) {
-  throw ConfigError(path + ": configuration file can not be used: " + what);
-}
-
-[[noreturn]] void Fail(const std::string& path, std::size_t line, const std::string& what) {
-  Fail(path + ':' + std::to_string(line), what);
+  throw ConfigError(path + ": configuration file cannot be used: " + what);
 }
 
 [[noreturn]] void FailTooLarge(const std::string& path) {
@@ -32,48 +21,17 @@ namespace pt = boost::property_tree;
                  " bytes. Check that it is the right file, or make it smaller");
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int value) noexcept : m_value(value) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (m_value != -1) {
-      ::close(m_value);
-    }
-  }
-  int Get() const noexcept { return m_value; }
-
- private:
-  int m_value;
-};
-
 std::string ReadFile(const std::string& path) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file.Get() == -1) {
-    Fail(path, "can not open it: " + std::system_category().message(errno) + ". Check the path and its permissions");
-  }
-  struct stat status {};
-  if (::fstat(file.Get(), &status) == 0 && S_ISDIR(status.st_mode)) {
-    Fail(path, "it is a directory. Give the path of an XML file");
-  }
-  // The size that fstat reports means nothing for a pipe or for a file that is still growing.
-  constexpr std::size_t kChunk = 64 * 1024;
-  std::string text;
-  for (;;) {
-    const std::size_t size = text.size();
-    text.resize(size + kChunk);
-    const ssize_t count = ::read(file.Get(), text.data() + size, kChunk);
-    if (count == -1 && errno != EINTR) {
-      Fail(path, "can not read it: " + std::system_category().message(errno));
-    }
-    text.resize(size + static_cast<std::size_t>(count > 0 ? count : 0));
-    if (count == 0) {
-      return text;
-    }
-    if (text.size() > Config::kMaxFileSize) {
+  try {
+    return zq::posix::ReadFile(path, Config::kMaxFileSize);
+  } catch (const std::system_error& error) {
+    if (error.code() == std::errc::file_too_large) {
       FailTooLarge(path);
     }
+    if (error.code() == std::errc::is_a_directory) {
+      Fail(path, "it is a directory. Give the path of an XML file");
+    }
+    Fail(path, "cannot read it: " + error.code().message() + ". Check the path and its permissions");
   }
 }
 
@@ -95,20 +53,17 @@ ConfigPtr Config::Parse(const std::string& xml, const std::string& path, const s
     FailTooLarge(path);
   }
   try {
-    std::string root = CheckXml(xml, expectedRoot, kMaxNesting);
-    std::istringstream stream(xml);
-    pt::ptree tree;
-    pt::read_xml(stream, tree, pt::xml_parser::no_comments | pt::xml_parser::trim_whitespace);
-    return std::make_shared<Config>(path, std::move(root), std::move(tree));
+    pt::ptree tree = ReadXml(xml, expectedRoot, kMaxNesting);
+    auto config = std::make_shared<Config>(path, tree.front().first, pt::ptree());
+    config->m_ptree.swap(tree);  // a tree cannot be moved
+    return config;
   } catch (const XmlFault& fault) {
-    Fail(path, fault.line, fault.what());
-  } catch (const pt::xml_parser_error& error) {
-    Fail(path, error.line(), error.message());
+    Fail(path + ':' + std::to_string(fault.line), fault.what());
   }
 }
 
-Config::Config(std::string path, std::string root, pt::ptree tree)
-    : m_path(std::move(path)), m_root(std::move(root)), m_ptree(std::move(tree)) {}
+Config::Config(std::string path, std::string root, const pt::ptree& tree)
+    : m_path(std::move(path)), m_root(std::move(root)), m_ptree(tree) {}
 
 Config& Config::operator=(const Config& other) {
   std::string path = other.m_path;

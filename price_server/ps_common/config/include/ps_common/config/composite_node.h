@@ -14,7 +14,7 @@ namespace ps_ns {
 // Threads: immutable after construction.
 class CompositeNode : public ConfigHelper {
  public:
-  CompositeNode(std::string nodeName, boost::property_tree::ptree tree);
+  CompositeNode(std::string nodeName, const boost::property_tree::ptree& tree);
 
   // The value of an attribute of this node, or defaultValue when it is missing. found may be null; otherwise it tells
   // whether the attribute was in the file. T is std::string or bool.

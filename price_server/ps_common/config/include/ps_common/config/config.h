@@ -16,7 +16,7 @@
 
 namespace ps_ns {
 
-// A configuration file that can not be used. The text starts with "path: " or, where there is a line to look at,
+// A configuration file that cannot be used. The text starts with "path: " or, where there is a line to look at,
 // "path:line: ", and says what to do.
 class ConfigError : public std::runtime_error {
  public:
@@ -27,7 +27,7 @@ class Config;
 using ConfigPtr = std::shared_ptr<Config>;
 
 // The whole file. Names of nodes are paths with "." between the names, relative to the root element or from it on (see
-// GetQualifiedName); an element whose own name contains "." can not be reached.
+// GetQualifiedName); an element whose own name contains "." cannot be reached.
 //
 // Threads: const operations may run at the same time.
 class Config : public ConfigHelper {
@@ -37,15 +37,20 @@ class Config : public ConfigHelper {
   static constexpr std::size_t kMaxNesting = 64;                     // elements, the root included
 
   // Reads and parses the file at path. expectedRoot is the name that the root element must have; empty accepts any.
-  // Throws ConfigError. Document type declarations are refused: what they declare would have no effect.
+  // Throws ConfigError.
+  //
+  // The file is XML 1.0, in UTF-8 or in the encoding that it declares; what is read from it is UTF-8. Document type
+  // declarations are refused, so there are no entities but the predefined ones. An element's text is what stands
+  // between tags, comments, processing instructions and CDATA sections, each piece without the blanks at its ends and
+  // with one blank for several, then joined; CDATA sections and references such as &#32; keep their blanks.
   static ConfigPtr Load(const std::string& path, const std::string& expectedRoot = {});
 
   // Parses XML held in memory; path stands for it in error texts and is what GetPath returns.
   static ConfigPtr Parse(const std::string& xml, const std::string& path = "<memory>",
                          const std::string& expectedRoot = {});
 
-  // Takes a tree made elsewhere, whose only top-level node is root.
-  Config(std::string path, std::string root, boost::property_tree::ptree tree);
+  // Copies a tree made elsewhere, whose only top-level node is root.
+  Config(std::string path, std::string root, const boost::property_tree::ptree& tree);
 
   Config(const Config&) = default;
   // Leaves this object as it was when it throws.
