@@ -1,13 +1,13 @@
 # What FindLBM says when the messaging library is missing, too old or not what it seems.
 #
-#   cmake -D MODULES=<folder of FindLBM.cmake> -D WORK=<scratch folder> -P find_lbm.cmake
+#   cmake -D MODULES=<folder of FindLBM.cmake> -D WORK=<scratch folder> -D VERSION=<x.y.z wanted> -P find_lbm.cmake
 cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE ${WORK})
 file(WRITE ${WORK}/find.cmake "cmake_minimum_required(VERSION 3.25)
 set(CMAKE_FIND_USE_CMAKE_SYSTEM_PATH FALSE)
 set(CMAKE_FIND_LIBRARY_PREFIXES lib)
 set(CMAKE_FIND_LIBRARY_SUFFIXES .so)
-find_package(LBM 6.13.1 REQUIRED)
+find_package(LBM ${VERSION} REQUIRED)
 ")
 
 # expect_refusal(<name> <text of lbm.h, or nothing for no such file> <pattern that the message has to match>)
@@ -31,5 +31,5 @@ endfunction()
 
 expect_refusal(absent "" "Set LBM_ROOT or CMAKE_PREFIX_PATH")
 expect_refusal(old "#define LBM_VERS_MAJOR 6\n#define LBM_VERS_MINOR 12\n#define LBM_VERS_SP 1\n"
-               "\"6\\.12\\.1\".* at least \"6\\.13\\.1\"")
+               "\"6\\.12\\.1\".* at least \"${VERSION}\"")
 expect_refusal(unversioned "#define LBM_VERS_MAJOR 6\n" "lbm\\.h does not define LBM_VERS_MAJOR")

@@ -243,8 +243,10 @@ const char* lbm_errmsg(void) {
 }
 
 const char* lbm_version(void) {
+  static const std::string version = "scripted " + std::to_string(LBM_VERS_MAJOR) + '.' +
+                                     std::to_string(LBM_VERS_MINOR) + '.' + std::to_string(LBM_VERS_SP);
   Run("lbm_version", {});
-  return "scripted 6.13.1";
+  return version.c_str();
 }
 
 int lbm_config(const char* fileName) { return Run("lbm_config", {NotNull(Text("file_name", fileName))}); }
