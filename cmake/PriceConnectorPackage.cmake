@@ -6,9 +6,12 @@ include(CMakePackageConfigHelpers)
 price_connector_library(price_connector INTERFACE PUBLIC price_connector::connector price_connector::lbm_provider
                                                          price_connector::logger_backend price_connector::onload)
 
+get_property(components GLOBAL PROPERTY PRICE_CONNECTOR_COMPONENTS)
+list(APPEND components lbm_provider)  # made when the package is found
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/price_connector)
 configure_package_config_file(cmake/price_connectorConfig.cmake.in price_connectorConfig.cmake
-                              INSTALL_DESTINATION ${package_folder} NO_SET_AND_CHECK_MACRO)
+                              INSTALL_DESTINATION ${package_folder} NO_SET_AND_CHECK_MACRO
+                              NO_CHECK_REQUIRED_COMPONENTS_MACRO)
 # Before 1.0 every minor version may change the interface.
 write_basic_package_version_file(price_connectorConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/price_connectorConfig.cmake

@@ -25,8 +25,11 @@ function(price_connector_compile_settings target)
   endif()
 endfunction()
 
-# Installs targets and exports them as price_connector::<name>. Installed, they find our shared libraries beside them.
+# Installs targets price_connector_<name> and exports them as price_connector::<name>; the names are the installed
+# package's components. Installed, the targets find our shared libraries beside them.
 function(price_connector_install)
+  list(TRANSFORM ARGV REPLACE "^price_connector_" "" OUTPUT_VARIABLE names)
+  set_property(GLOBAL APPEND PROPERTY PRICE_CONNECTOR_COMPONENTS ${names})
   file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${ARGV} PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${to_libraries}")
   install(
