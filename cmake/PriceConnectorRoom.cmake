@@ -93,6 +93,29 @@ function(price_connector_test name)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS "${arg_LABELS}")
 endfunction()
 
+# price_connector_c_header(<room> <header>)
+#
+# Has the build of the tests compile a room's C header alone in each language that may include it, as strictly as a user
+# might: without the compiler's extensions, and without a macro that asks the system's headers for more.
+function(price_connector_c_header room header)
+  if(NOT PRICE_CONNECTOR_BUILD_TESTS)
+    return()
+  endif()
+  set(languages C C CXX)
+  set(standards 99 11 17)
+  foreach(language standard IN ZIP_LISTS languages standards)
+    string(TOLOWER ${language} suffix)
+    set(target ${room}_header_${suffix}${standard})
+    set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}.${suffix})
+    file(CONFIGURE OUTPUT ${source} CONTENT "#include <@header@>\n" @ONLY)
+    add_library(${target} OBJECT ${source})
+    set_target_properties(${target} PROPERTIES ${language}_STANDARD ${standard} ${language}_STANDARD_REQUIRED ON
+                                               ${language}_EXTENSIONS OFF)
+    target_compile_options(${target} PRIVATE -pedantic-errors -Wall -Wextra -Werror)
+    target_link_libraries(${target} PRIVATE price_connector::${room})
+  endforeach()
+endfunction()
+
 # price_connector_page_example(<page> <result variable>)
 #
 # Writes the only C++ block of a page of documentation to a file, so that what users read is what is built.

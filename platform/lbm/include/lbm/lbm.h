@@ -20,10 +20,10 @@
 #ifndef LBM_LBM_H
 #define LBM_LBM_H
 
+#include <sched.h> /* struct timespec, which strict C99 does not find in time.h */
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/uio.h>
-#include <time.h>
 
 #ifdef __cplusplus
 extern "C" {
