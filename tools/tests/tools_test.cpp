@@ -211,6 +211,18 @@ TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
   }
 }
 
+TEST_F(ToolsTest, AWrongLogLevelIsBlamedOnWhereItStands) {
+  auto environment = m_environment;
+  environment.emplace_back("ZQLOG_LEVEL", "silly");
+  Process process({TRIAGE}, environment);
+  EXPECT_EQ(process.Wait(), 2);
+  EXPECT_THAT(process.Errors(), HasSubstr("triage: environment variable ZQLOG_LEVEL: \"silly\" is not"));
+
+  Process overridden({TRIAGE, "--log-level=loud"}, environment);
+  EXPECT_EQ(overridden.Wait(), 2);
+  EXPECT_THAT(overridden.Errors(), HasSubstr("triage: --log-level: \"loud\" is not"));
+}
+
 TEST_F(ToolsTest, TroubleWithTheRuntimeDirectoryIsReported) {
   const Environment environment{{"LBM_RUNTIME_DIR", Write("file", "").string()}};
   for (const auto& command : {Server("1", {"--prices=" + kStocks}), Client({"--instance=1:1:1"})}) {

@@ -15,7 +15,11 @@ namespace {
 void SetMinLogLevel(const std::string& name) {
   const auto level = zq::logging::ParseLevel(name);
   if (!level) {
-    throw CLI::ValidationError("--log-level", '"' + name + "\" is not the name of a level");
+    // The parser gives the environment's value as if the option had been given with it.
+    const char* const variable = std::getenv("ZQLOG_LEVEL");
+    const bool ofEnvironment = variable != nullptr && name == variable;
+    throw CLI::ValidationError(ofEnvironment ? "environment variable ZQLOG_LEVEL" : "--log-level",
+                               '"' + name + "\" is not the name of a level");
   }
   zq::logging::SetMinLevel(*level);
 }
