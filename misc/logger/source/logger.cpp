@@ -71,7 +71,7 @@ Logger::~Logger() {
     ForceLockHandlers();
     LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, m_stream.str(), m_handlerName);
   } catch (...) {
-    // A statement that can not be emitted is lost; it must not take the process with it.
+    // A statement that cannot be emitted is lost; it must not take the process with it.
   }
   m_stream.str({});
 }

@@ -9,7 +9,7 @@ namespace {
 std::string OutputOf(const std::string& command) {
   std::FILE* const pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) {
-    return "can not run " + command;
+    return "cannot run " + command;
   }
   std::string output;
   for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {

@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -18,14 +17,10 @@
 #include "backend/output.h"
 #include "backend/sinks.h"
 #include "zq/logging/backend.h"
+#include "zq/posix/environment.h"
 
 namespace zq::logging {
 namespace {
-
-const char* Environment(const char* name) {
-  const char* const value = std::getenv(name);
-  return value != nullptr && *value != '\0' ? value : nullptr;
-}
 
 std::optional<bool> ParseSwitch(std::string text) {
   for (char& c : text) {
@@ -42,23 +37,21 @@ std::optional<bool> ParseSwitch(std::string text) {
 
 BackendOptions ReadEnvironment() {
   BackendOptions options;
-  if (const char* const text = Environment("ZQLOG_LEVEL")) {
+  if (const std::string text = zq::posix::Environment("ZQLOG_LEVEL"); !text.empty()) {
     if (const auto level = ParseLevel(text)) {
       options.minLevel = *level;
     } else {
-      ReportTrouble(std::string("ZQLOG_LEVEL is \"") + text +
+      ReportTrouble("ZQLOG_LEVEL is \"" + text +
                     "\"; using INFO. Give DEBUG, INFO, INFO_LOCAL, INFO_SEARCH, WARNING, ERROR, ALERT, CRITICAL, WALL "
                     "or a number");
     }
   }
-  if (const char* const text = Environment("ZQLOG_FILE")) {
-    options.file = text;
-  }
-  if (const char* const text = Environment("ZQLOG_CONSOLE")) {
+  options.file = zq::posix::Environment("ZQLOG_FILE");
+  if (const std::string text = zq::posix::Environment("ZQLOG_CONSOLE"); !text.empty()) {
     if (const auto console = ParseSwitch(text)) {
       options.console = *console;
     } else {
-      ReportTrouble(std::string("ZQLOG_CONSOLE is \"") + text + "\"; using on. Give on or off");
+      ReportTrouble("ZQLOG_CONSOLE is \"" + text + "\"; using on. Give on or off");
     }
   }
   return options;
@@ -123,7 +116,7 @@ std::string Format(const char* format, std::va_list arguments) {
   const int length = std::vsnprintf(nullptr, 0, format, again);
   va_end(again);
   if (length < 0) {
-    return std::string("(can not be formatted) ") + format;
+    return std::string("(cannot be formatted) ") + format;
   }
   std::string text(static_cast<std::size_t>(length), '\0');
   std::vsnprintf(text.data(), text.size() + 1, format, arguments);

@@ -87,7 +87,7 @@ Output::Output(std::size_t queueSize)
     m_queueing = std::make_shared<spdlog::async_logger>(kLoggerName, sinks.begin(), sinks.end(), m_pool,
                                                         spdlog::async_overflow_policy::block);
   } catch (const std::exception& error) {
-    ReportTrouble(std::string("can not start the writing thread: ") + error.what() +
+    ReportTrouble(std::string("cannot start the writing thread: ") + error.what() +
                   ". Every statement waits for its line to be written");
     m_pool.reset();
     m_drained = true;

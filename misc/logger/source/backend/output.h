@@ -24,7 +24,7 @@ class FileSink;
 
 inline constexpr std::size_t kDefaultQueueSize = 8192;  // lines
 
-// Lines go through a bounded queue to one writing thread; after Stop, or without the thread when it can not be started,
+// Lines go through a bounded queue to one writing thread; after Stop, or without the thread when it cannot be started,
 // each goes straight to the sinks.
 //
 // Threads: all functions may be called from any thread at the same time.

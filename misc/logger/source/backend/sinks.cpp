@@ -1,13 +1,15 @@
 #include "backend/sinks.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+
+#include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace zq::logging {
 namespace {
@@ -17,34 +19,13 @@ constexpr std::chrono::seconds kOpenInterval{1};
 
 constexpr mode_t kFileMode = 0644;
 
-struct WriteResult {
-  int error;  // 0 when everything was written
-  std::size_t written;
-};
-
-WriteResult WriteAll(int file, std::string_view bytes) {
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t count = ::write(file, bytes.data() + written, bytes.size() - written);
-    if (count >= 0) {
-      written += static_cast<std::size_t>(count);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      pollfd ready{file, POLLOUT, 0};
-      ::poll(&ready, 1, -1);
-    } else if (errno != EINTR) {
-      return {errno, written};
-    }
-  }
-  return {0, written};
-}
-
 std::string_view LineOf(const spdlog::details::log_msg& message) {
   return {message.payload.data(), message.payload.size()};
 }
 
 }  // namespace
 
-void ReportTrouble(const std::string& what) { WriteAll(STDERR_FILENO, "zq::logging: " + what + '\n'); }
+void ReportTrouble(const std::string& what) { zq::posix::WriteAll(STDERR_FILENO, "zq::logging: " + what + '\n'); }
 
 void ConsoleSink::SetEnabled(bool enabled) {
   const std::lock_guard lock(mutex_);
@@ -53,11 +34,9 @@ void ConsoleSink::SetEnabled(bool enabled) {
 
 void ConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
   if (m_enabled) {
-    WriteAll(STDERR_FILENO, LineOf(message));
+    zq::posix::WriteAll(STDERR_FILENO, LineOf(message));
   }
 }
-
-FileSink::~FileSink() { Close(); }
 
 void FileSink::SetPath(const std::string& path) {
   // Absolute, so that opening it again finds the same place whatever the process made its working directory.
@@ -68,7 +47,8 @@ void FileSink::SetPath(const std::string& path) {
   if (wanted == m_path) {
     return;
   }
-  Close();
+  m_file = {};
+  m_torn = false;
   m_failing = false;
   m_lostLines = 0;
   m_path = wanted;
@@ -81,17 +61,17 @@ void FileSink::sink_it_(const spdlog::details::log_msg& message) {
   if (m_path.empty()) {
     return;
   }
-  if (m_file == -1 && std::chrono::steady_clock::now() >= m_nextOpen) {
+  if (!m_file && std::chrono::steady_clock::now() >= m_nextOpen) {
     Open();
   }
-  if (m_file == -1) {
+  if (!m_file) {
     ++m_lostLines;
     return;
   }
   if (m_torn) {
-    m_torn = WriteAll(m_file, "\n").error != 0;
+    m_torn = zq::posix::WriteAll(m_file.Get(), "\n").error != 0;
   }
-  const auto result = WriteAll(m_file, LineOf(message));
+  const auto result = zq::posix::WriteAll(m_file.Get(), LineOf(message));
   if (result.error != 0) {
     m_torn = m_torn || result.written > 0;
     ++m_lostLines;
@@ -105,26 +85,19 @@ void FileSink::sink_it_(const spdlog::details::log_msg& message) {
 }
 
 void FileSink::Open() {
-  m_file = ::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, kFileMode);
-  if (m_file == -1) {
+  m_file =
+      zq::posix::Descriptor(::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, kFileMode));
+  if (!m_file) {
     m_nextOpen = std::chrono::steady_clock::now() + kOpenInterval;
     Failed("open", errno);
   }
 }
 
-void FileSink::Close() {
-  if (m_file != -1) {
-    ::close(m_file);
-    m_file = -1;
-  }
-  m_torn = false;
-}
-
 void FileSink::Failed(const char* action, int error) {
   if (!m_failing) {
     m_failing = true;
-    ReportTrouble(std::string("can not ") + action + " log file " + m_path + ": " +
-                  std::system_category().message(error) + ". Lines will be missing there until that is put right");
+    ReportTrouble(std::string("cannot ") + action + " log file " + m_path + ": " + zq::posix::ErrorText(error) +
+                  ". Lines will be missing there until that is put right");
   }
 }
 

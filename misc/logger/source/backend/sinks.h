@@ -8,12 +8,14 @@
 #include <mutex>
 #include <string>
 
+#include "zq/posix/descriptor.h"
+
 namespace zq::logging {
 
 // Tells the operator about the log itself, on standard error.
 void ReportTrouble(const std::string& what);
 
-// Writes each record's payload, a finished line, to standard error. What can not be written is dropped: there is no
+// Writes each record's payload, a finished line, to standard error. What cannot be written is dropped: there is no
 // better place to tell.
 class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
@@ -31,9 +33,6 @@ class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
 // reported when it begins and when it is over; every further line tries again.
 class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  FileSink() = default;
-  ~FileSink() override;
-
   // Empty for no file. Another path than before is opened at once.
   void SetPath(const std::string& path);
 
@@ -43,11 +42,10 @@ class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
 
  private:
   void Open();
-  void Close();
   void Failed(const char* action, int error);
 
   std::string m_path;
-  int m_file = -1;
+  zq::posix::Descriptor m_file;
   bool m_failing = false;
   bool m_torn = false;  // the last line in the file is incomplete
   std::uint64_t m_lostLines = 0;

@@ -11,7 +11,7 @@
 // statement at ZQLOG_CRITICAL or above returns when it has been written; lower ones that are still queued are lost when
 // the process is killed or aborts.
 //
-// A log file that can not be opened or written is reported on standard error once; the lines meant for it are lost and
+// A log file that cannot be opened or written is reported on standard error once; the lines meant for it are lost and
 // counted until it can be written again.
 //
 // The environment gives the settings that hold until the application makes others. It is read when the library is
