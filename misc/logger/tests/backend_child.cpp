@@ -1,5 +1,5 @@
 // A program on the default back end, for tests that need a whole process: the first argument says what it does.
-#include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,6 +25,7 @@ void LogEveryLevel() {
 // More lines than the queue holds, and the process ends right behind them.
 void LogFromManyThreads() {
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int thread = 0; thread < 8; ++thread) {
     threads.emplace_back([thread] {
       for (int i = 0; i < 3000; ++i) {
@@ -62,9 +63,11 @@ int main(int argumentCount, char** arguments) {
   } else if (what == "fork") {
     ZQLOG(ZQLOG_INFO, 0, "parent");
     zq::logging::FlushLog();
-    if (::fork() == 0) {
+    const pid_t child = ::fork();
+    if (child == 0) {
       std::exit(0);
     }
+    ::waitpid(child, nullptr, 0);
   } else {
     return 2;
   }

@@ -13,6 +13,7 @@
 #include <iomanip>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace zq::logging {
@@ -30,6 +31,7 @@ struct Emitted {
   int line;
   std::string text;
   std::string handlerName;
+  bool handlersLocked;
 };
 
 std::function<void(Emitted)>& Sink() {
@@ -37,13 +39,14 @@ std::function<void(Emitted)>& Sink() {
   return sink;
 }
 
-int g_forceLockHandlersCalls = 0;
+bool g_handlersLocked = false;  // since the last statement
 
 }  // namespace
 
 void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType, const std::shared_ptr<const Source>& source,
                 const char* filename, int line, std::string text, const std::string& handlerName) {
-  Sink()({level, id, decodeType, source, filename, line, std::move(text), handlerName});
+  Sink()({level, id, decodeType, source, filename, line, std::move(text), handlerName,
+          std::exchange(g_handlersLocked, false)});
 }
 
 void FormatAndLogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
@@ -54,20 +57,20 @@ void FormatAndLogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
   va_start(arguments, format);
   std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  Sink()({level, id, decodeType, source, filename, line, text, "printf"});
+  Sink()({level, id, decodeType, source, filename, line, text, {}, std::exchange(g_handlersLocked, false)});
 }
 
-void ForceLockHandlers() { ++g_forceLockHandlersCalls; }
+void ForceLockHandlers() { g_handlersLocked = true; }
 
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::FieldsAre;
 
 class LoggerTest : public ::testing::Test {
  protected:
   LoggerTest() {
     g_minLogLevel = ZQLOG_INFO;
-    g_forceLockHandlersCalls = 0;
     Sink() = [this](Emitted statement) { m_emitted.push_back(std::move(statement)); };
   }
   ~LoggerTest() override { Sink() = nullptr; }
@@ -83,28 +86,21 @@ class LoggerTest : public ::testing::Test {
   std::vector<Emitted> m_emitted;
 };
 
-TEST_F(LoggerTest, EveryFieldReachesTheBackEnd) {
-  const auto source = std::make_shared<const Source>("leaf", std::make_shared<const Source>("root"));
-  ZQLOG_AT(ZQLOG_ERROR, 9999, source, "lbm/some_file", 42, "value=" << 7 << " on=" << true);
-  ASSERT_EQ(m_emitted.size(), 1U);
-  EXPECT_EQ(m_emitted[0].level, ZQLOG_ERROR);
-  EXPECT_EQ(m_emitted[0].id, 9999U);
-  EXPECT_EQ(m_emitted[0].decodeType, ZQLOG_DECODE_AS_KV);
-  EXPECT_EQ(m_emitted[0].source, source);
-  EXPECT_EQ(m_emitted[0].source->Reverse(), "leaf.root");
-  EXPECT_EQ(m_emitted[0].filename, "lbm/some_file");
-  EXPECT_EQ(m_emitted[0].line, 42);
-  EXPECT_EQ(m_emitted[0].text, "value=7 on=1");
-  EXPECT_EQ(m_emitted[0].handlerName, "");
-  EXPECT_EQ(g_forceLockHandlersCalls, 1);
-
-  ZQLOG_FORMAT(ZQLOG_INFO, 13, "src=%s id=%d", "name", 5);
-  ASSERT_EQ(m_emitted.size(), 2U);
-  EXPECT_EQ(m_emitted[1].text, "src=name id=5");
-  EXPECT_EQ(m_emitted[1].decodeType, ZQLOG_DECODE_AS_KV);
-  EXPECT_EQ(m_emitted[1].source, nullptr);
-  EXPECT_EQ(m_emitted[1].filename, "misc/logger/tests/logger_test.cpp");
-  EXPECT_EQ(g_forceLockHandlersCalls, 1);
+TEST_F(LoggerTest, EveryFieldReachesTheBackEndOnceItsHandlersAreLocked) {
+  const ConstSourcePtr source = std::make_shared<const Source>("leaf", std::make_shared<const Source>("root"));
+  constexpr const char* kThisFile = "misc/logger/tests/logger_test.cpp";
+  Logger(ZQLOG_ERROR, 9999, ZQLOG_DECODE_AS_JSON, source, "lbm/file", 42, "audit").Stream() << "value=" << 7;
+  ZQLOG_AT(ZQLOG_ERROR, 9999, source, "lbm/file", 42, "value=" << 7);
+  const int line = __LINE__;
+  ZQLOG(ZQLOG_INFO, 13, "on=" << true);
+  ZQLOG_FORMAT(ZQLOG_INFO, 14, "on=%d", 1);
+  EXPECT_THAT(
+      m_emitted,
+      ElementsAre(FieldsAre(ZQLOG_ERROR, 9999U, ZQLOG_DECODE_AS_JSON, source, "lbm/file", 42, "value=7", "audit", true),
+                  FieldsAre(ZQLOG_ERROR, 9999U, ZQLOG_DECODE_AS_KV, source, "lbm/file", 42, "value=7", "", true),
+                  FieldsAre(ZQLOG_INFO, 13U, ZQLOG_DECODE_AS_KV, nullptr, kThisFile, line + 1, "on=1", "", true),
+                  FieldsAre(ZQLOG_INFO, 14U, ZQLOG_DECODE_AS_KV, nullptr, kThisFile, line + 2, "on=1", "", false)));
+  EXPECT_EQ(source->Reverse(), "leaf.root");
 }
 
 TEST_F(LoggerTest, ADisabledStatementEvaluatesNothing) {
@@ -142,14 +138,6 @@ TEST_F(LoggerTest, AStatementLeavesErrnoAlone) {
   EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST_F(LoggerTest, EveryThreadHasOneStreamOfItsOwn) {
-  const std::ostringstream* const mine = &GetThreadLocalStream();
-  const std::ostringstream* others = nullptr;
-  std::thread([&] { others = &GetThreadLocalStream(); }).join();
-  EXPECT_NE(others, mine);
-  EXPECT_EQ(&GetThreadLocalStream(), mine);
-}
-
 struct LogsWhenDestroyed {
   const char* text;
   ~LogsWhenDestroyed() { ZQLOG(ZQLOG_INFO, 0, text); }
@@ -162,7 +150,9 @@ TEST_F(LoggerTest, StatementsComeOutWhileAThreadEnds) {
   ZQLOG(ZQLOG_INFO, 0, "first");
   pthread_key_t key;
   ASSERT_EQ(pthread_key_create(&key, &LogFromKeyDestructor), 0);
+  const std::ostringstream* const mine = &GetThreadLocalStream();
   std::thread([&] {
+    EXPECT_NE(&GetThreadLocalStream(), mine) << "every thread has its own stream";
     static char keyText[] = "from a key";
     thread_local LogsWhenDestroyed logs{"from thread_local"};
     static_cast<void>(logs.text);

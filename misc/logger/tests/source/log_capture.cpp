@@ -74,27 +74,22 @@ std::vector<CapturedStatement> Find(const std::string& part) {
   return found;
 }
 
-::testing::AssertionResult WaitFor(const std::string& what, const StatementPredicate& predicate,
-                                   std::chrono::milliseconds deadline) {
+::testing::AssertionResult WaitForText(const std::string& part, std::chrono::milliseconds deadline) {
   auto& store = TheStore();
   std::unique_lock lock(store.mutex);
-  const bool found = store.arrived.wait_for(
-      lock, deadline, [&] { return std::any_of(store.statements.begin(), store.statements.end(), predicate); });
+  const bool found = store.arrived.wait_for(lock, deadline, [&] {
+    return std::any_of(store.statements.begin(), store.statements.end(),
+                       [&](const CapturedStatement& statement) { return Contains(statement.text, part); });
+  });
   if (found) {
     return ::testing::AssertionSuccess();
   }
   auto failure = ::testing::AssertionFailure()
-                 << "waited " << deadline.count() << " ms for a log statement: " << what << "; captured:";
+                 << "waited " << deadline.count() << " ms for a log statement with '" << part << "'; captured:";
   for (const auto& statement : store.statements) {
     failure << "\n  " << statement.level << ' ' << statement.file << ':' << statement.line << ' ' << statement.text;
   }
   return failure;
-}
-
-::testing::AssertionResult WaitForText(const std::string& part, std::chrono::milliseconds deadline) {
-  return WaitFor(
-      "text with '" + part + '\'', [&](const CapturedStatement& statement) { return Contains(statement.text, part); },
-      deadline);
 }
 
 }  // namespace log_capture
@@ -115,7 +110,7 @@ void FormatAndLogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
   const int length = ::vasprintf(&formatted, format, arguments);
   va_end(arguments);
   if (length == -1) {
-    ADD_FAILURE() << "statement at " << filename << ':' << line << " can not be formatted: " << format;
+    ADD_FAILURE() << "statement at " << filename << ':' << line << " cannot be formatted: " << format;
     return;
   }
   const std::unique_ptr<char, decltype(&std::free)> owner(formatted, &std::free);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,8 +25,6 @@ struct CapturedStatement {
   std::thread::id thread;
 };
 
-using StatementPredicate = std::function<bool(const CapturedStatement&)>;
-
 inline constexpr std::chrono::seconds kDefaultDeadline{20};
 
 // All functions may be called from any thread.
@@ -47,12 +44,7 @@ std::vector<std::string> Texts();
 // The statements whose text contains part.
 std::vector<CapturedStatement> Find(const std::string& part);
 
-// Waits until some captured statement satisfies predicate. The failure tells what it was waiting for, and what came
-// instead.
-[[nodiscard]] ::testing::AssertionResult WaitFor(const std::string& what, const StatementPredicate& predicate,
-                                                 std::chrono::milliseconds deadline = kDefaultDeadline);
-
-// Waits until a statement's text contains part.
+// Waits until a statement's text contains part. The failure tells what it was waiting for, and what came instead.
 [[nodiscard]] ::testing::AssertionResult WaitForText(const std::string& part,
                                                      std::chrono::milliseconds deadline = kDefaultDeadline);
 
