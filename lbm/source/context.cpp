@@ -1,12 +1,12 @@
 #include "lbm/context.h"
 
 #include <exception>
-#include <iostream>
 #include <type_traits>
 
 #include "lbm/errors.h"
 #include "lbm/triage_handler.h"
 #include "log_statements.h"
+#include "print_line.h"
 #include "text_option.h"
 
 namespace lbm {
@@ -26,7 +26,7 @@ Context::Context(const ContextAttributes& attrs) : m_triageHandler(LbmTriageHand
 }
 
 Context::~Context() {
-  std::cout << "Destroying LBM context=" << m_ctx << " context_name=" << m_contextName << std::endl;
+  details::PrintLine("Destroying LBM context=", m_ctx, " context_name=", m_contextName);
   if (m_triageHandler) {
     m_triageHandler->unregisterContext(this);
   }

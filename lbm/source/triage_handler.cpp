@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
-#include <iostream>
 #include <optional>
 #include <utility>
 
@@ -21,6 +20,7 @@
 #include "lbm/context.h"
 #include "lbm/topics.h"
 #include "log_statements.h"
+#include "print_line.h"
 #include "zq/messaging/triage_requests.h"
 
 namespace lbm {
@@ -66,24 +66,23 @@ std::shared_ptr<LbmTriageHandler> LbmTriageHandler::getInstance() {
 }
 
 LbmTriageHandler::~LbmTriageHandler() {
-  constexpr char kDestructor[] = "lbm_triage_handler destructor ";
-  std::cout << kDestructor << "called" << std::endl;
+  const auto tell = [](const auto&... what) { details::PrintLine("lbm_triage_handler destructor ", what...); };
+  tell("called");
   if (m_triageEnvReceiver) {
-    std::cout << kDestructor << "deleting env receiver" << std::endl;
+    tell("deleting env receiver");
     m_triageEnvReceiver.reset();
   }
   if (m_triageEnvDcReceiver) {
-    std::cout << kDestructor << "deleting env dc receiver" << std::endl;
+    tell("deleting env dc receiver");
     m_triageEnvDcReceiver.reset();
   }
   if (m_eventQueuePtr) {
-    std::cout << kDestructor << "cleaning up event_queue=" << m_eventQueuePtr.get() << std::endl;
+    tell("cleaning up event_queue=", m_eventQueuePtr.get());
     m_eventQueuePtr->Unblock();
     if (m_eventQueueThread.joinable()) {
-      std::cout << kDestructor << "joining event_queue=" << m_eventQueuePtr.get()
-                << " thread_id=" << m_eventQueueThread.get_id() << std::endl;
+      tell("joining event_queue=", m_eventQueuePtr.get(), " thread_id=", m_eventQueueThread.get_id());
       m_eventQueueThread.join();
-      std::cout << kDestructor << "joined event_queue=" << m_eventQueuePtr.get() << std::endl;
+      tell("joined event_queue=", m_eventQueuePtr.get());
     }
     m_eventQueuePtr.reset();
   }

@@ -1,3 +1,4 @@
+#include <iostream>
 #include <sstream>
 
 #include "lbm_test.h"
@@ -19,11 +20,14 @@ using zq::logging::ZQLOG_WARNING;
 
 class ContextTest : public LbmTest {
  protected:
-  // Standard output of the context's destruction.
+  // What the context's destruction writes to standard output, with a mark before each piece.
   static std::string Destroy(std::unique_ptr<Context> context) {
-    ::testing::internal::CaptureStdout();
+    MarkedPieces pieces;
+    std::streambuf* const usual = std::cout.rdbuf(&pieces);
+    ::testing::internal::CaptureStderr();
     context.reset();
-    return ::testing::internal::GetCapturedStdout();
+    std::cout.rdbuf(usual);
+    return ::testing::internal::GetCapturedStderr();
   }
 
   static std::string Address(Context& context) {
@@ -51,7 +55,7 @@ TEST_F(ContextTest, LearnsItsNameAndTellsItsBeginningAndEnd) {
     EXPECT_EQ(CallsTo("lbm_context_str_getopt").back().Number("optlen"), 1023);
 
     log_capture::SetMinLevel(ZQLOG_WALL);
-    EXPECT_EQ(Destroy(std::move(context)), "Destroying LBM context=" + address + " context_name=" + name + "\n");
+    EXPECT_EQ(Destroy(std::move(context)), "> Destroying LBM context=" + address + " context_name=" + name + "\n");
   }
   EXPECT_THAT(CallsTo("lbm_context_delete"), SizeIs(3));
 }

@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <streambuf>
 #include <string>
 
 #include "lbm/lbm_cpp"
@@ -17,6 +19,19 @@ namespace lbm {
 
 namespace log_capture = zq::logging::testing::log_capture;
 using zq::logging::testing::CapturedStatement;
+
+// In the place of std::cout's buffer: writes each piece that it is given to standard error, with a mark in front.
+class MarkedPieces : public std::streambuf {
+ protected:
+  std::streamsize xsputn(const char* text, std::streamsize size) override {
+    std::fprintf(stderr, "> %.*s", static_cast<int>(size), text);
+    return size;
+  }
+  int overflow(int c) override {
+    std::fprintf(stderr, "> %c", c);
+    return c;
+  }
+};
 
 class LbmTest : public ::testing::Test {
  protected:

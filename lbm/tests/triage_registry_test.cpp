@@ -52,7 +52,7 @@ TEST(TriageRegistryTest, AVariableDisablesTheHandler) {
         EXPECT_THAT(TopicsLookedUp(), IsEmpty());
         EXPECT_THAT(lbm_scripted::LiveHandles(), IsEmpty());
       },
-      "lbm_triage_handler destructor called\n");
+      "> lbm_triage_handler destructor called\n");
 }
 
 TEST(TriageRegistryTest, WithoutBothNamesTheHandlerIsDisabledWithOneError) {
@@ -113,7 +113,7 @@ TEST(TriageRegistryTest, TheFirstContextWithoutANameHasTheReceivers) {
         EXPECT_THAT(TopicsLookedUp(), ElementsAre(kEnvTopic, kEnvDcTopic, std::string("site.") + kEnvTopic,
                                                   std::string("site.") + kEnvDcTopic));
       },
-      "lbm_triage_handler destructor called\n");
+      "> lbm_triage_handler destructor called\n");
 }
 
 TEST(TriageRegistryTest, AnEntryIsOneRegistrationOfAContext) {
@@ -189,8 +189,8 @@ TEST(TriageRegistryTest, ReceiversThatCannotBeMadeAreTriedOnTheNextContext) {
         Script("lbm_rcv_create", Failure(LBM_ENOMEM, "no memory"));
         MakeContext();
       },
-      "lbm_triage_handler destructor called\n"
-      "lbm_triage_handler destructor deleting env receiver\n");
+      "> lbm_triage_handler destructor called\n"
+      "> lbm_triage_handler destructor deleting env receiver\n");
 }
 
 struct RetriesCase {
@@ -286,10 +286,10 @@ TEST(TriageEventQueueTest, ItsThreadServesRequestsUntilTheProcessEnds) {
         EXPECT_EQ(served.get_future().wait_for(zq::logging::testing::kDefaultDeadline), std::future_status::ready)
             << "waited for the request to be served";
       },
-      ::testing::MatchesRegex("lbm_triage_handler destructor called\n"
-                              "lbm_triage_handler destructor cleaning up event_queue=0x[0-9a-f]+\n"
-                              "lbm_triage_handler destructor joining event_queue=0x[0-9a-f]+ thread_id=[0-9]+\n"
-                              "lbm_triage_handler destructor joined event_queue=0x[0-9a-f]+\n"));
+      ::testing::MatchesRegex("> lbm_triage_handler destructor called\n"
+                              "> lbm_triage_handler destructor cleaning up event_queue=0x[0-9a-f]+\n"
+                              "> lbm_triage_handler destructor joining event_queue=0x[0-9a-f]+ thread_id=[0-9]+\n"
+                              "> lbm_triage_handler destructor joined event_queue=0x[0-9a-f]+\n"));
 }
 
 TEST(TriageEventQueueTest, WithoutItTheContextsThreadServesRequests) {
@@ -313,8 +313,8 @@ TEST(TriageEventQueueTest, WithoutItTheContextsThreadServesRequests) {
 TEST(TriageRegistryTest, OutlivesContextsThatAreStaticObjects) {
   InProcessWith(
       kNames, [] { static const Context context{ContextAttributes()}; },
-      ::testing::MatchesRegex("Destroying LBM context=0x[0-9a-f]+ context_name=\n"
-                              "lbm_triage_handler destructor called\n"));
+      ::testing::MatchesRegex("> Destroying LBM context=0x[0-9a-f]+ context_name=\n"
+                              "> lbm_triage_handler destructor called\n"));
 }
 
 TEST(TriageRegistryTest, HasItsLogSource) {

@@ -1,11 +1,10 @@
 // What the triage handler's tests share.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -47,12 +46,12 @@ inline void SetEnvironment(const Variables& variables) {
   EXPECT_THAT(lbm_scripted::LiveHandles("msg"), ::testing::IsEmpty());
   std::fflush(nullptr);
   // The standard output of what follows is to be seen with standard error.
-  ::dup2(STDERR_FILENO, STDOUT_FILENO);
+  std::cout.rdbuf(new MarkedPieces);  // what is printed last finds it alive
   std::exit(::testing::Test::HasFailure() ? 1 : 0);
 }
 
 // Runs body in a process of its own, since the handler reads its environment once in a process's life. The process
-// then ends as programs do; what it prints from there on has to match lastLines.
+// then ends as programs do; what it prints from there on, each piece behind "> ", has to match lastLines.
 inline void InProcessWith(const Variables& variables, const std::function<void()>& body,
                           const ::testing::Matcher<const std::string&>& lastLines = ::testing::_) {
   std::fflush(nullptr);
