@@ -30,8 +30,9 @@ Source::Source(Callback cb) : m_cbk(std::move(cb)) {}
 Source::~Source() { Destroy(); }
 
 void Source::DoDeferredRegistration(Context& ctx, const SourceTopic& topic, EventQueue* eq) {
-  if (!m_topic.empty()) {
-    throw std::logic_error("LBM source was registered before, on topic=" + m_topic);
+  if (m_src != nullptr || m_destroyed) {
+    throw std::logic_error(std::string("LBM source ") + (m_destroyed ? "was destroyed" : "is registered") +
+                           " and cannot be registered on topic=" + topic.GetString());
   }
   Create(ctx, topic, eq);
 }
@@ -39,10 +40,8 @@ void Source::DoDeferredRegistration(Context& ctx, const SourceTopic& topic, Even
 void Source::Create(Context& ctx, const SourceTopic& topic, EventQueue* eq) {
   m_topic = topic.GetString();
   LBM_LOG(ZQLOG_INFO, kSourceCreating, "Creating source on topic=" << m_topic);
-  if (details::Failed(lbm_src_create(&m_src, ctx, topic, m_cbk ? LbmCallback : nullptr, this, details::HandleOf(eq)))) {
-    m_topic.clear();  // so that a deferred registration may be tried again
-    details::ThrowLbmError("Failed to create LBM sender");
-  }
+  details::ThrowIfFailed(lbm_src_create(&m_src, ctx, topic, m_cbk ? LbmCallback : nullptr, this, details::HandleOf(eq)),
+                         "Failed to create LBM sender");
 }
 
 void Source::Destroy() {
@@ -57,6 +56,7 @@ void Source::Destroy() {
   }
   m_src = nullptr;
   m_transport_id = 0;
+  m_destroyed = true;
 }
 
 void Source::Send(const char* data, std::size_t length, int flags) {

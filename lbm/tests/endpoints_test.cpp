@@ -240,6 +240,7 @@ TEST_F(SourceTest, ADeferredSourceIsRegisteredOnce) {
   const auto topic = TopicToSend();
   lbm_scripted::Script("lbm_src_create", lbm_scripted::Failure(LBM_EOP, "not yet"));
   EXPECT_THROW(source.DoDeferredRegistration(Ctx(), topic), LbmError) << "which may be tried again";
+  EXPECT_EQ(source.GetTopic(), "PRICES");
   source.DoDeferredRegistration(Ctx(), topic);
   lbm_scripted::DeliverEvent(source, LBM_SRC_EVENT_CONNECT);
   EXPECT_EQ(events, 1);
@@ -247,6 +248,19 @@ TEST_F(SourceTest, ADeferredSourceIsRegisteredOnce) {
   EXPECT_THROW(source.DoDeferredRegistration(Ctx(), topic), std::logic_error);
   source.Destroy();
   EXPECT_THROW(source.DoDeferredRegistration(Ctx(), topic), std::logic_error) << "there is no way back";
+
+  Source unregistered({});
+  unregistered.Destroy();
+  EXPECT_THROW(unregistered.DoDeferredRegistration(Ctx(), topic), std::logic_error) << "nor for one never registered";
+  EXPECT_THAT(CallsTo("lbm_src_create"), SizeIs(2));
+
+  log_capture::Clear();
+  {
+    Source failed({});
+    Script("lbm_src_create", Failure(LBM_EOP, "no"));
+    EXPECT_THROW(failed.DoDeferredRegistration(Ctx(), topic), LbmError);
+  }
+  EXPECT_EQ(log_capture::Texts().back(), "Deleting source on topic=PRICES");
 }
 
 TEST_F(SourceTest, SendsInEveryForm) {

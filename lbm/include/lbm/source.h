@@ -41,11 +41,11 @@ class Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  // Registers a source made without a topic. Once in its life: std::logic_error when it was registered before. Throws
-  // LbmError, after which it may be tried again.
+  // Registers a source made without a topic. Throws LbmError, after which it may be tried again, and std::logic_error
+  // when the source is registered or was destroyed.
   void DoDeferredRegistration(Context& ctx, const SourceTopic& topic, EventQueue* eq = nullptr);
 
-  // Ends the source for good; may be called any number of times.
+  // Ends the source for good, also one that is yet to be registered; may be called any number of times.
   void Destroy();
 
   void Send(const char* data, std::size_t length, int flags);
@@ -67,6 +67,7 @@ class Source {
   std::uint32_t GetTransportId();
   std::string GetTransportSource() const;
 
+  // The topic's name, or that of the last try to register; empty before the first.
   const std::string& GetTopic() const noexcept { return m_topic; }
 
   // "CONNECT", "DISCONNECT", "WAKEUP"; "UNKNOWN" for any other event.
@@ -86,6 +87,7 @@ class Source {
   Callback m_cbk;
   std::string m_topic;
   std::uint32_t m_transport_id = 0;
+  bool m_destroyed = false;
 };
 
 }  // namespace lbm
