@@ -8,12 +8,16 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <exception>
+#include <future>
 #include <ios>
 #include <stdexcept>
 #include <utility>
 
 #include "zq/logging/logger.h"
+#include "zq/posix/file.h"
 
 namespace ps_ns {
 namespace {
@@ -25,6 +29,9 @@ constexpr unsigned int kNotificationStatement = 9999;
 
 constexpr int kNoAffinity = -1;
 constexpr const char* kThreadName = "lbm_ctx_thread";  // at most 15 characters
+
+// How long the release of a manager that was not shut down may take before the process ends all the same.
+constexpr std::chrono::seconds kLastRelease{2};
 
 // Makes a receiver on the topic that nameTopic returns, in the place of the one that receiver holds; what differs
 // between the kinds of receivers is in the arguments. topicName is set as soon as the topic has its name.
@@ -137,11 +144,13 @@ void LbmClientResourceMgr::RegisterSourceNotification() {
 
 void LbmClientResourceMgr::Shutdown() {
   ZQLOG(ZQLOG_INFO, kManagerStatement, "Shutting down LbmClientResourceMgr");
-  const std::atomic_ref running(m_running);
-  if (!running) {
-    return;
+  if (std::atomic_ref(m_running).load()) {
+    Stop();
   }
-  running = false;
+}
+
+void LbmClientResourceMgr::Stop() {
+  std::atomic_ref(m_running).store(false);
   if (m_ctx != nullptr) {
     lbm_context_unblock(*m_ctx);
   }
@@ -151,6 +160,30 @@ void LbmClientResourceMgr::Shutdown() {
 }
 
 LbmClientResourceMgr::~LbmClientResourceMgr() {
+  if (m_thread.joinable()) {
+    EndProcess();
+  }
+  Release();
+}
+
+// What the dispatch thread uses cannot be destroyed while it runs, and to wait for it may take for ever: its callback
+// may be waiting for a lock that the caller of the destructor holds, or be that caller. So another thread stops and
+// releases, and is waited for no longer than that should take.
+void LbmClientResourceMgr::EndProcess() noexcept {
+  zq::posix::WriteAll(STDERR_FILENO,
+                      "ps_ns::LbmClientResourceMgr: destroyed without a call of Shutdown, which ends the process\n");
+  if (m_thread.get_id() == std::this_thread::get_id()) {
+    std::terminate();
+  }
+  const auto released = std::async(std::launch::async, [this] {
+    Stop();
+    Release();
+  });
+  released.wait_for(kLastRelease);
+  std::terminate();  // unwinds nothing: the other thread finds everything alive
+}
+
+void LbmClientResourceMgr::Release() {
   m_commandResponseSource.reset();
   m_hostCommandReceiver.reset();
   m_idCommandReceiver.reset();

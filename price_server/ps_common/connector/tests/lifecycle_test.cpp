@@ -1,6 +1,12 @@
 #include <unistd.h>
 
 #include <boost/property_tree/exceptions.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <type_traits>
 
@@ -149,6 +155,73 @@ TEST_F(Lifecycle, EndpointsOfTheCallerMayOutliveTheManager) {
   receiver.reset();
   source.reset();
   EXPECT_THAT(Functions(OwnCalls(before)), ElementsAre("lbm_rcv_delete", "lbm_src_delete"));
+}
+
+// ---- Destruction without Shutdown
+
+std::size_t g_callsBefore = 0;
+
+// A terminate handler, as an application may have one: tells what the process did to the messaging library in the end.
+[[noreturn]] void TellOfTheEnd() {
+  std::string text = "ended:";
+  const auto calls = Functions(lbm_scripted::Calls());
+  for (std::size_t i = g_callsBefore; i < calls.size(); ++i) {
+    text += ' ' + calls[i];
+  }
+  for (const std::string& problem : lbm_scripted::Problems()) {
+    text += " PROBLEM " + problem;
+  }
+  std::fputs((text + '\n').c_str(), stderr);
+  std::abort();
+}
+
+class DestroyedRunning : public Lifecycle {
+ protected:
+  // destroy ends its process, having made these calls.
+  void ExpectEnd(const std::function<void()>& destroy, const std::string& calls) {
+    EXPECT_EXIT(
+        {
+          std::set_terminate(TellOfTheEnd);
+          Start();
+          m_manager->CreateCommandSourceAndReceivers({}, "host", "id");
+          g_callsBefore = lbm_scripted::Calls().size();
+          destroy();
+        },
+        testing::KilledBySignal(SIGABRT),
+        "^ps_ns::LbmClientResourceMgr: destroyed without a call of Shutdown, which ends the process\nended:" + calls +
+            "\n");
+  }
+};
+
+TEST_F(DestroyedRunning, ReleasesInOrderAndEndsTheProcess) {
+  ExpectEnd([this] { m_manager.reset(); },
+            " lbm_context_unblock lbm_src_delete lbm_rcv_delete lbm_rcv_delete lbm_context_attr_delete "
+            "lbm_context_delete");
+}
+
+TEST_F(DestroyedRunning, ByItsOwnThreadEndsTheProcessAtOnce) {
+  ExpectEnd(
+      [this] {
+        lbm_scripted::Post(*m_manager->GetContext(), [this] { m_manager.reset(); });
+        pause();
+      },
+      "");
+}
+
+TEST_F(DestroyedRunning, EndsTheProcessAlthoughACallbackWaitsForTheDestroyingThread) {
+  ExpectEnd(
+      [this] {
+        std::mutex mutex;
+        const std::lock_guard lock(mutex);
+        std::promise<void> entered;
+        lbm_scripted::Post(*m_manager->GetContext(), [&] {
+          entered.set_value();
+          const std::lock_guard wait(mutex);
+        });
+        entered.get_future().wait();
+        m_manager.reset();
+      },
+      " lbm_context_unblock");
 }
 
 }  // namespace

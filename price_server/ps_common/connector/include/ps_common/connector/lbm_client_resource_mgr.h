@@ -28,9 +28,9 @@ using ClientID_t = std::string;
 //   ...
 //   manager.Shutdown();
 //
-// Lifecycle: running from construction to Shutdown, which is for good and must come before the destruction: destroying
-// a running manager ends the process. Endpoints belong to whoever created them, but for the command channel, which is
-// the manager's; they are silent after Shutdown, and should go before the manager.
+// Lifecycle: running from construction to Shutdown, which is for good and must come before the destruction. Endpoints
+// belong to whoever created them, but for the command channel, which is the manager's; they are silent after Shutdown,
+// and should go before the manager.
 //
 // Threads: the callbacks of receivers and registered sockets, and the background task, run on the dispatch thread, one
 // at a time; they delay each other and must not throw. Endpoints may be created and sockets registered on any thread.
@@ -65,6 +65,10 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   LbmClientResourceMgr& operator=(const LbmClientResourceMgr&) = delete;
   LbmClientResourceMgr& operator=(LbmClientResourceMgr&&) = delete;
 
+  // Without a Shutdown before, ends the process with std::terminate. Says so on standard error first, and stops the
+  // dispatch thread and releases what the manager owns, unless that takes more than two seconds, as when a callback
+  // waits for the destroying thread.
+  // Threads: the owner's; never the dispatch thread, where it ends the process at once.
   ~LbmClientResourceMgr();
 
   // Stops the dispatch thread and waits for it. No callback of the context runs afterwards. Endpoints and context stay
@@ -152,6 +156,11 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
                        unsigned int maxTasksToExecute);
 
   void RegisterSourceNotification();
+
+  // The parts of Shutdown and of the destructor; the last is for a destructor that no Shutdown came before.
+  void Stop();
+  void Release();
+  [[noreturn]] void EndProcess() noexcept;
 
   // The dispatch thread.
   void ContextThreadFunc();
