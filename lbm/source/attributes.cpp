@@ -13,66 +13,29 @@ namespace {
 template <class Handle>
 struct Calls;
 
-template <>
-struct Calls<lbm_context_attr_t> {
-  static constexpr auto kCreate = lbm_context_attr_create;
-  static constexpr auto kDup = lbm_context_attr_dup;
-  static constexpr auto kDestroy = lbm_context_attr_delete;
-  static constexpr auto kSetopt = lbm_context_attr_setopt;
-  static constexpr auto kStrSetopt = lbm_context_attr_str_setopt;
-  static constexpr auto kStrGetopt = lbm_context_attr_str_getopt;
-  static constexpr auto kCreateFailed = "Failed to create LBM context attributes";
-  static constexpr auto kDupFailed = "Failed to duplicate LBM context attributes";
-  static constexpr auto kDestroyFailed = "Failed to delete LBM context attributes";
-  static constexpr auto kSetFailed = "Failed to set LBM context attribute";
-  static constexpr auto kGetFailed = "Failed to get LBM context attribute";
-};
+#define LBM_ATTRIBUTES(family, name, nameOfOption)                                     \
+  template <>                                                                          \
+  struct Calls<lbm_##family##_attr_t> {                                                \
+    static constexpr auto kCreate = lbm_##family##_attr_create;                        \
+    static constexpr auto kDup = lbm_##family##_attr_dup;                              \
+    static constexpr auto kDestroy = lbm_##family##_attr_delete;                       \
+    static constexpr auto kSetopt = lbm_##family##_attr_setopt;                        \
+    static constexpr auto kStrSetopt = lbm_##family##_attr_str_setopt;                 \
+    static constexpr auto kStrGetopt = lbm_##family##_attr_str_getopt;                 \
+    static constexpr auto kCreateFailed = "Failed to create LBM " name " attributes";  \
+    static constexpr auto kDupFailed = "Failed to duplicate LBM " name " attributes";  \
+    static constexpr auto kDestroyFailed = "Failed to delete LBM " name " attributes"; \
+    static constexpr auto kSetFailed = "Failed to set LBM " nameOfOption " attribute"; \
+    static constexpr auto kGetFailed = "Failed to get LBM " name " attribute";         \
+  }
 
-template <>
-struct Calls<lbm_src_topic_attr_t> {
-  static constexpr auto kCreate = lbm_src_topic_attr_create;
-  static constexpr auto kDup = lbm_src_topic_attr_dup;
-  static constexpr auto kDestroy = lbm_src_topic_attr_delete;
-  static constexpr auto kSetopt = lbm_src_topic_attr_setopt;
-  static constexpr auto kStrSetopt = lbm_src_topic_attr_str_setopt;
-  static constexpr auto kStrGetopt = lbm_src_topic_attr_str_getopt;
-  static constexpr auto kCreateFailed = "Failed to create LBM source topic attributes";
-  static constexpr auto kDupFailed = "Failed to duplicate LBM source topic attributes";
-  static constexpr auto kDestroyFailed = "Failed to delete LBM source topic attributes";
-  static constexpr auto kSetFailed = "Failed to set LBM source topic attribute";
-  static constexpr auto kGetFailed = "Failed to get LBM source topic attribute";
-};
+LBM_ATTRIBUTES(context, "context", "context");
+LBM_ATTRIBUTES(src_topic, "source topic", "source topic");
+LBM_ATTRIBUTES(rcv_topic, "receiver topic", "receiver topic");
+// "topic" is what operators search for.
+LBM_ATTRIBUTES(event_queue, "event queue", "topic");
 
-template <>
-struct Calls<lbm_rcv_topic_attr_t> {
-  static constexpr auto kCreate = lbm_rcv_topic_attr_create;
-  static constexpr auto kDup = lbm_rcv_topic_attr_dup;
-  static constexpr auto kDestroy = lbm_rcv_topic_attr_delete;
-  static constexpr auto kSetopt = lbm_rcv_topic_attr_setopt;
-  static constexpr auto kStrSetopt = lbm_rcv_topic_attr_str_setopt;
-  static constexpr auto kStrGetopt = lbm_rcv_topic_attr_str_getopt;
-  static constexpr auto kCreateFailed = "Failed to create LBM receiver topic attributes";
-  static constexpr auto kDupFailed = "Failed to duplicate LBM receiver topic attributes";
-  static constexpr auto kDestroyFailed = "Failed to delete LBM receiver topic attributes";
-  static constexpr auto kSetFailed = "Failed to set LBM receiver topic attribute";
-  static constexpr auto kGetFailed = "Failed to get LBM receiver topic attribute";
-};
-
-template <>
-struct Calls<lbm_event_queue_attr_t> {
-  static constexpr auto kCreate = lbm_event_queue_attr_create;
-  static constexpr auto kDup = lbm_event_queue_attr_dup;
-  static constexpr auto kDestroy = lbm_event_queue_attr_delete;
-  static constexpr auto kSetopt = lbm_event_queue_attr_setopt;
-  static constexpr auto kStrSetopt = lbm_event_queue_attr_str_setopt;
-  static constexpr auto kStrGetopt = lbm_event_queue_attr_str_getopt;
-  static constexpr auto kCreateFailed = "Failed to create LBM event queue attributes";
-  static constexpr auto kDupFailed = "Failed to duplicate LBM event queue attributes";
-  static constexpr auto kDestroyFailed = "Failed to delete LBM event queue attributes";
-  // "topic" is what operators search for.
-  static constexpr auto kSetFailed = "Failed to set LBM topic attribute";
-  static constexpr auto kGetFailed = "Failed to get LBM event queue attribute";
-};
+#undef LBM_ATTRIBUTES
 
 }  // namespace
 

@@ -60,7 +60,7 @@ void Source::Destroy() {
 }
 
 void Source::Send(const char* data, std::size_t length, int flags) {
-  details::ThrowIfFailed(lbm_src_send(m_src, data, length, flags), kSendFailed);
+  details::ThrowIfFailed(SendEC(data, length, flags), kSendFailed);
 }
 
 int Source::SendEC(const char* data, std::size_t length, int flags) noexcept {
@@ -68,7 +68,7 @@ int Source::SendEC(const char* data, std::size_t length, int flags) noexcept {
 }
 
 void Source::SendEx(const char* data, std::size_t length, int flags, const lbm_src_send_ex_info_t* info) {
-  details::ThrowIfFailed(lbm_src_send_ex(m_src, data, length, flags, info), kSendFailed);
+  details::ThrowIfFailed(SendExEC(data, length, flags, info), kSendFailed);
 }
 
 int Source::SendExEC(const char* data, std::size_t length, int flags, const lbm_src_send_ex_info_t* info) noexcept {

@@ -22,17 +22,13 @@
 #include "log_statements.h"
 #include "print_line.h"
 #include "zq/messaging/triage_requests.h"
+#include "zq/posix/environment.h"
 
 namespace lbm {
 namespace {
 
 namespace triage = zq::messaging::triage;
-
-// Empty when the variable is not set.
-std::string Environment(const char* variable) {
-  const char* const value = std::getenv(variable);
-  return value != nullptr ? value : "";
-}
+using zq::posix::Environment;
 
 // As lenient as operators are used to: blanks and a sign may stand in front, anything may follow, and a number that
 // fits a long but not an int loses its upper bits.
@@ -44,6 +40,16 @@ std::optional<int> ParseNumber(const std::string& text) {
     return std::nullopt;
   }
   return static_cast<int>(number);
+}
+
+// Takes the number of a variable that is set; otherwise the default stays, and a text that is no number is logged.
+void TakeNumber(const std::string& text, int& number, int line, const char* invalid, const char* usingDefault) {
+  if (const auto parsed = ParseNumber(text)) {
+    number = *parsed;
+  } else if (!text.empty()) {
+    ZQLOG_AT(zq::logging::ZQLOG_WARNING, 0, details::TriageLogSource(), statement::kFile, line,
+             invalid << text << usingDefault << number);
+  }
 }
 
 const lbm_context_t* HandleOf(const Context* ctx) { return *ctx; }
@@ -133,24 +139,10 @@ void LbmTriageHandler::Initialize() {
 
   const std::string retries = Environment("TRIAGE_HANDLER_MAX_RETRIES");
   const std::string time = Environment("TRIAGE_HANDLER_TIME_BETWEEN_RETRIES_MS");
-  if (!retries.empty()) {
-    if (const auto number = ParseNumber(retries)) {
-      m_maxRetries = *number;
-    } else {
-      TRIAGE_LOG(
-          ZQLOG_WARNING, kTriageRetriesInvalid,
-          "invalid value for TRIAGE_HANDLER_MAX_RETRIES=" << retries << " using default max_retries=" << m_maxRetries);
-    }
-  }
-  if (!time.empty()) {
-    if (const auto number = ParseNumber(time)) {
-      m_timeBetweenRetriesMs = *number;
-    } else {
-      TRIAGE_LOG(ZQLOG_WARNING, kTriageRetryTimeInvalid,
-                 "invalid value for TRIAGE_HANDLER_TIME_BETWEEN_RETRIES_MS="
-                     << time << " using default time_between_retries_ms=" << m_timeBetweenRetriesMs);
-    }
-  }
+  TakeNumber(retries, m_maxRetries, statement::kTriageRetriesInvalid,
+             "invalid value for TRIAGE_HANDLER_MAX_RETRIES=", " using default max_retries=");
+  TakeNumber(time, m_timeBetweenRetriesMs, statement::kTriageRetryTimeInvalid,
+             "invalid value for TRIAGE_HANDLER_TIME_BETWEEN_RETRIES_MS=", " using default time_between_retries_ms=");
 }
 
 void LbmTriageHandler::EventQueueLoop() {

@@ -26,6 +26,7 @@ class BaseReceiver {
 class Receiver : public BaseReceiver {
  public:
   using Callback = MessageCallback;
+  using Topic = ReceiverTopic;
 
   // Throws LbmError.
   Receiver(Context& ctx, ReceiverTopic topic, Callback cb, EventQueue* eq = nullptr);

@@ -29,6 +29,7 @@ class Source {
  public:
   // Takes event code (LBM_SRC_EVENT_...) and event data as the library gives them. Must not throw.
   using Callback = std::function<void(int, void*)>;
+  using Topic = SourceTopic;
 
   // With an empty callback the library delivers no events at all. Throws LbmError.
   Source(Context& ctx, SourceTopic topic, Callback cb, EventQueue* eq = nullptr);

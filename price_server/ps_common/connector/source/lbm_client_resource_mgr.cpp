@@ -33,34 +33,24 @@ constexpr const char* kThreadName = "lbm_ctx_thread";  // at most 15 characters
 // How long the release of a manager that was not shut down may take before the process ends all the same.
 constexpr std::chrono::seconds kLastRelease{2};
 
-// Makes a receiver on the topic that nameTopic returns, in the place of the one that receiver holds; what differs
-// between the kinds of receivers is in the arguments. topicName is set as soon as the topic has its name.
-template <typename NameTopic>
-void MakeReceiver(ReceiverPtr& receiver, lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
-                  lbm::Receiver::Callback callback, std::string& topicName) {
-  const lbm::ReceiverTopicAttributes attributes;
+// Makes a receiver or a source on the topic that nameTopic returns, in the place of the one that endpoint holds; what
+// differs between the kinds is in the arguments. topicName is set as soon as the topic has its name.
+template <typename Endpoint, typename NameTopic>
+void Make(std::shared_ptr<Endpoint>& endpoint, lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
+          typename Endpoint::Callback callback, std::string& topicName) {
+  const typename Endpoint::Topic::Attributes attributes;
   topicName = nameTopic();
-  const lbm::ReceiverTopic topic(context, topicName, attributes);
-  receiver = std::make_shared<lbm::Receiver>(context, topic, std::move(callback));
+  const typename Endpoint::Topic topic(context, topicName, attributes);
+  endpoint = std::make_shared<Endpoint>(context, topic, std::move(callback));
   ZQLOG(ZQLOG_INFO, kManagerStatement, logPrefix << '"' << topicName << '"');
 }
 
-template <typename NameTopic>
-ReceiverPtr CreateReceiver(lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic,
-                           lbm::Receiver::Callback callback, std::string& topicName) {
-  ReceiverPtr receiver;
-  MakeReceiver(receiver, context, logPrefix, nameTopic, std::move(callback), topicName);
-  return receiver;
-}
-
-// The same for a source. It takes no events.
-template <typename NameTopic>
-void MakeSource(SourcePtr& source, lbm::Context& context, const char* logPrefix, const NameTopic& nameTopic) {
-  const lbm::SourceTopicAttributes attributes;
-  const std::string topicName = nameTopic();
-  const lbm::SourceTopic topic(context, topicName, attributes);
-  source = std::make_shared<lbm::Source>(context, topic, lbm::Source::Callback());
-  ZQLOG(ZQLOG_INFO, kManagerStatement, logPrefix << '"' << topicName << '"');
+// The same for a new endpoint.
+template <typename Endpoint, typename... Arguments>
+std::shared_ptr<Endpoint> Create(Arguments&&... arguments) {
+  std::shared_ptr<Endpoint> endpoint;
+  Make(endpoint, std::forward<Arguments>(arguments)...);
+  return endpoint;
 }
 
 // A convenience for operators too: the receiver is worth having without it.
@@ -289,22 +279,22 @@ bool LbmClientResourceMgr::UnregisterSocketForReadEventsEx(int socket, lbm_event
 // ---- Endpoints of one server instance ----
 
 SourcePtr LbmClientResourceMgr::CreateClientSource(const ServerInstance& serverInstance) {
-  SourcePtr source;
-  MakeSource(source, *m_ctx,
-             "Created RequestSource on topic=", [&] { return CreateClientRequestTopic(serverInstance); });
-  return source;
+  std::string topicName;
+  return Create<lbm::Source>(
+      *m_ctx, "Created RequestSource on topic=", [&] { return CreateClientRequestTopic(serverInstance); },
+      lbm::Source::Callback(), topicName);
 }
 
 ReceiverPtr LbmClientResourceMgr::CreateClientReceiver(const ServerInstance& serverInstance,
                                                        lbm::Receiver::Callback callback, std::string& topicName) {
-  return CreateReceiver(
+  return Create<lbm::Receiver>(
       *m_ctx, "Created ResponseReceiver on topic=", [&] { return CreateServerResponseTopic(serverInstance); },
       std::move(callback), topicName);
 }
 
 ReceiverPtr LbmClientResourceMgr::CreateClientDataReceiver(const ServerInstance& serverInstance, unsigned short segment,
                                                            lbm::Receiver::Callback callback, std::string& topicName) {
-  return CreateReceiver(
+  return Create<lbm::Receiver>(
       *m_ctx, "Created SegmentReceiver on topic=", [&] { return CreateSegmentTopic(serverInstance, segment); },
       std::move(callback), topicName);
 }
@@ -312,21 +302,21 @@ ReceiverPtr LbmClientResourceMgr::CreateClientDataReceiver(const ServerInstance&
 ReceiverPtr LbmClientResourceMgr::CreateClientProductInfoReceiver(const ServerInstance& serverInstance,
                                                                   lbm::Receiver::Callback callback,
                                                                   std::string& topicName) {
-  return CreateReceiver(
+  return Create<lbm::Receiver>(
       *m_ctx, "Created ProductReceiver on topic=", [&] { return CreateProductResponseTopic(serverInstance); },
       std::move(callback), topicName);
 }
 
 ReceiverPtr LbmClientResourceMgr::CreateClientRFQ_Receiver(const ServerInstance& serverInstance,
                                                            lbm::Receiver::Callback callback, std::string& topicName) {
-  return CreateReceiver(
+  return Create<lbm::Receiver>(
       *m_ctx, "Created RFQ_Receiver on topic=", [&] { return CreateRFQ_BroadcastTopic(serverInstance); },
       std::move(callback), topicName);
 }
 
 ReceiverPtr LbmClientResourceMgr::CreateClientNewsReceiver(const ServerInstance& serverInstance,
                                                            lbm::Receiver::Callback callback, std::string& topicName) {
-  return CreateReceiver(
+  return Create<lbm::Receiver>(
       *m_ctx, "Created NewsReceiver on topic=", [&] { return CreateNewsBroadcastTopic(serverInstance); },
       std::move(callback), topicName);
 }
@@ -355,29 +345,27 @@ ReceiverPtr LbmClientResourceMgr::CreateServerStatusReceiver(const ServerInstanc
 void LbmClientResourceMgr::CreateCommandSourceAndReceivers(lbm::Receiver::Callback callback,
                                                            const std::string& hostname, const std::string& clientID) {
   std::string topicName;
-  MakeReceiver(
+  Make(
       m_hostCommandReceiver, *m_ctx,
       "Created ClientHostCommandReceiver on topic=", [&] { return CreateClientHostCommandTopic(hostname); }, callback,
       topicName);
-  MakeReceiver(
+  Make(
       m_idCommandReceiver, *m_ctx,
       "Created ClientIDCommandReceiver on topic=", [&] { return CreateClientIDCommandTopic(clientID); },
       std::move(callback), topicName);
-  MakeSource(m_commandResponseSource, *m_ctx, "Created ClientCommandResponseSource on topic=", [&] {
-    return CreateClientCommandResponseTopic(hostname, clientID);
-  });
+  Make(
+      m_commandResponseSource, *m_ctx, "Created ClientCommandResponseSource on topic=",
+      [&] { return CreateClientCommandResponseTopic(hostname, clientID); }, {}, topicName);
 }
 
 // ---- Look-up of recorded endpoints ----
 
 SourcePtr LbmClientResourceMgr::GetRequestSource(const ServerInstance& serverInstance) const {
-  const auto found = m_sourcesByServerInstance.find(serverInstance);
-  return found == m_sourcesByServerInstance.end() ? nullptr : found->second;
+  return Find(m_sourcesByServerInstance, serverInstance);
 }
 
 ReceiverPtr LbmClientResourceMgr::GetResponseReceiver(const ServerInstance& serverInstance) const {
-  const auto found = m_receiversByServerInstance.find(serverInstance);
-  return found == m_receiversByServerInstance.end() ? nullptr : found->second;
+  return Find(m_receiversByServerInstance, serverInstance);
 }
 
 ReceiverPtr LbmClientResourceMgr::GetDataReceiver(const ServerInstance& serverInstance, unsigned short segment) const {

@@ -16,8 +16,7 @@ LbmResourceMgr::LbmResourceMgr(bool isServer, unsigned int lbmProcessEventTimeou
       m_isServer(isServer) {}
 
 SourcePtr LbmResourceMgr::GetSourceByTopicName(const std::string& topicName) const {
-  const auto found = m_sourcesByTopicName.find(topicName);
-  return found == m_sourcesByTopicName.end() ? nullptr : found->second;
+  return Find(m_sourcesByTopicName, topicName);
 }
 
 std::map<std::string, std::string> LbmResourceMgr::GetAllContextAttributes(lbm_context_t* context) {

@@ -29,8 +29,8 @@ class LbmResourceMgr : public TopicNames {
   // Stops the thread that drives the context. Must not be called on that thread.
   virtual void Shutdown() = 0;
 
-  // The source known by that topic name; empty when there is none.
-  // Threads: not while sources are being made known.
+  // The source that the derived manager has recorded under that topic name; empty when there is none.
+  // LbmClientResourceMgr records none. Threads: not while sources are being recorded.
   SourcePtr GetSourceByTopicName(const std::string& topicName) const;
 
   // All options of a live context that have a text form, name to value. Throws lbm::LbmError.
@@ -48,6 +48,13 @@ class LbmResourceMgr : public TopicNames {
 
   LbmResourceMgr(const LbmResourceMgr&) = delete;
   LbmResourceMgr& operator=(const LbmResourceMgr&) = delete;
+
+  // What a table of endpoints has for the key; empty when it has nothing.
+  template <class Table>
+  static typename Table::mapped_type Find(const Table& table, const typename Table::key_type& key) {
+    const auto found = table.find(key);
+    return found == table.end() ? nullptr : found->second;
+  }
 
   SourcesByTopicName_t m_sourcesByTopicName;
   std::uint32_t m_lbmProcessEventTimeout_ms;
