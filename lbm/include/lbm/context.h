@@ -20,7 +20,8 @@ class LbmTriageHandler;
 class Context {
  public:
   // Reads the name back from the library; a name that cannot be read is logged and stays empty. The first context of
-  // the process makes the triage handler.
+  // the process makes the triage handler. Throws LbmError. What registering with the triage handler throws, such as
+  // std::bad_alloc, leaves the messaging library's context behind.
   explicit Context(const ContextAttributes& attrs);
   virtual ~Context();
 
@@ -28,12 +29,13 @@ class Context {
   Context& operator=(const Context&) = delete;
 
   // Processes the context's events for at most timeoutMs milliseconds; for contexts without a thread of their own.
+  // Returns the library's result. Throws LbmError.
   int Poll(lbm_ulong_t timeoutMs);
 
-  // Makes a Poll in progress return, or the next one when there is none.
+  // Makes a Poll in progress return, or the next one when there is none. Throws LbmError.
   void Unblock();
 
-  // The text of one of the context's options, of at most 1023 characters.
+  // The text of one of the context's options, of at most 1023 characters. Throws LbmError.
   std::string GetStrOpt(const char* name) const;
 
   // The messaging library's version 6.13.1 cannot switch NAKs: both log an error and return -1.

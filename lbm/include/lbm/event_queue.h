@@ -7,13 +7,14 @@
 
 namespace lbm {
 
-// Owns one event queue. Receivers and sources made with it have their callbacks run by the thread that is inside Run or
-// Poll. Queues are always made with cancellation callbacks enabled, whatever the attributes say.
+// Owns one event queue. Receivers, sources and requests made with it have their callbacks run by the thread that is
+// inside Run or Poll. Queues are always made with cancellation callbacks enabled, whatever the attributes say.
 //
 // Threads: Run and Poll on one thread at a time, Unblock on any. That thread must have left them before the queue is
 // destroyed.
 class EventQueue {
  public:
+  // Throws LbmError.
   explicit EventQueue(const EventQueueAttributes& attrs);
   virtual ~EventQueue();
 

@@ -11,7 +11,7 @@ namespace lbm {
 // object is destroyed. It stays where it was made, since the library knows its address.
 //
 // Threads: the callback runs on the thread that processes the context's events, or dispatches the event queue when one
-// was given; the first may come before SendRequest has returned.
+// was given; the first may come before SendRequest has returned. Not to be destroyed in its callback.
 class Request {
  public:
   ~Request();

@@ -17,7 +17,8 @@ class Response {
   explicit Response(lbm_response_t* response) noexcept : m_resp(response) {}
   ~Response() = default;
 
-  // Answer once; flags are LBM_SRC_FLUSH, LBM_SRC_NONBLOCK or 0. Throw LbmError on every failure, would-block included.
+  // Answer with one send; flags are LBM_SRC_FLUSH, LBM_SRC_NONBLOCK or 0. Throw LbmError on every failure, would-block
+  // included.
   void Send(const char* data, unsigned long length, int flags) const;
   void Send(const std::string& data, int flags) const;
 

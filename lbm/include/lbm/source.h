@@ -24,7 +24,7 @@ class EventQueue;
 //
 // Threads: the sends may be called on any thread. Event callbacks run on the thread that processes the context's
 // events, or dispatches the event queue when one is given. Destroy, the destructor and the rest are for the owner's
-// thread.
+// thread, and the destructor not for the callback.
 class Source {
  public:
   // Takes event code (LBM_SRC_EVENT_...) and event data as the library gives them. Must not throw.
@@ -64,7 +64,7 @@ class Source {
   // Sets an option of the live source; throws LbmError.
   void SetString(const char* name, const char* value);
 
-  // The transport that the source sends on: its number, which is asked for once, and its name. Throw LbmError.
+  // The transport that the source sends on: its number, which is kept once it is known, and its name. Throw LbmError.
   std::uint32_t GetTransportId();
   std::string GetTransportSource() const;
 

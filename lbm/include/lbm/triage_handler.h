@@ -58,7 +58,7 @@ class LbmTriageHandler {
   LbmTriageHandler& operator=(const LbmTriageHandler&) = delete;
 
   // For contexts, which register once they have a handle and unregister before they give it back. Failures to make the
-  // receivers are logged; the next context with an empty name tries again.
+  // receivers are logged; the next context with an empty name tries again. Without memory for the registry it throws.
   void registerContext(const std::string& name, Context* ctx);
   void unregisterContext(Context* ctx);
 

@@ -54,8 +54,8 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   // backgroundTaskExecutor: run by the dispatch thread between events until it returns false, at most maxTasksToExecute
   //   times in a row; may be empty.
   //
-  // Throws lbm::LbmError, boost::property_tree::ptree_bad_path when there is no node "General", and
-  // std::invalid_argument for a null config. Nothing is left behind then.
+  // Throws lbm::LbmError; boost::property_tree::ptree_bad_path when there is no node "General"; std::invalid_argument
+  // for a null config; std::system_error when the system starts no thread. Nothing is left behind then.
   LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>& config, const std::string& contextName, bool shouldOnload,
                        int lbmThreadCPUAffinity, unsigned int lbmProcessEventTimeout_ms,
                        std::function<bool()> backgroundTaskExecutor, unsigned int maxTasksToExecute);
@@ -71,12 +71,14 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   // Threads: the owner's; never the dispatch thread, where it ends the process at once.
   ~LbmClientResourceMgr();
 
-  // Stops the dispatch thread and waits for it. No callback of the context runs afterwards. Endpoints and context stay
-  // alive. A repeated call only logs.
+  // Stops the dispatch thread and waits for it: no callback of a receiver or socket and no background task runs
+  // afterwards. Only the notifications of status sources that are still there come later, at the destruction. Endpoints
+  // and context stay alive. A repeated call only logs.
   // Threads: the owner's; never the dispatch thread.
   void Shutdown() override;
 
-  // The identity of this client for the command channel; empty until it is set.
+  // A name of this client for whoever has the manager; empty until it is set. The manager makes no use of it: the
+  // command channel is created for the identity that is given there.
   // Threads: set it before other threads use the manager.
   void SetClientID(const ClientID_t& clientID) { m_clientID = clientID; }
   const ClientID_t& GetClientID() const noexcept { return m_clientID; }
@@ -97,7 +99,8 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   bool UnregisterSocketForReadEvents(int socket);
 
   // Does not wait: callback is called with the socket and callbackData once no callback of the socket will come any
-  // more, by whoever runs the queue, or on the dispatch thread when queue is null. It must not be null.
+  // more, by whoever runs the queue, or on the dispatch thread when queue is null. It must not be null. The dispatch
+  // thread has a part in either: what has not been called when Shutdown returns may never be.
   bool UnregisterSocketForReadEventsEx(int socket, lbm_event_queue_t* queue, lbm_event_queue_cancel_cb_proc callback,
                                        void* callbackData);
 
@@ -141,14 +144,17 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   SourcePtr GetCommandResponseSource() const { return m_commandResponseSource; }
 
   // ---- Look-up of recorded endpoints ----
-  // Empty when nothing is recorded for the instance, or not for that segment. The creating operations above record
-  // nothing.
+  // Empty when nothing is recorded for the instance, or not for that segment. As it is, nothing ever is: the operations
+  // above record none of what they create, and there is no other that would.
+  // Threads: any.
 
   SourcePtr GetRequestSource(const ServerInstance& serverInstance) const;
   ReceiverPtr GetResponseReceiver(const ServerInstance& serverInstance) const;
   ReceiverPtr GetDataReceiver(const ServerInstance& serverInstance, unsigned short segment) const;
 
  private:
+  friend class RecordedEndpoints;  // fills the tables of endpoints, in a test
+
   // Sets the members and nothing else. Because the public constructor delegates to it, the destructor runs when a later
   // step of the construction throws.
   LbmClientResourceMgr(const ConfigPtr& config, bool shouldOnload, int lbmThreadCPUAffinity,
