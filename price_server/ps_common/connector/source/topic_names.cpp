@@ -2,10 +2,10 @@
 
 #include <lbm/lbm.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace ps_ns {
@@ -95,43 +95,33 @@ std::string Create(const Kind<Fields...>& kind, const Fields&... fields) {
 
 // ---- Reading ----
 
-// Takes a name apart from its start. Reads leniently: what is not spelled as Write spells it falls at the comparison in
-// Parse.
+// Takes a name apart, field by field. Never fails: of a field that is not spelled as Write spells it something is read,
+// and the name falls at the comparison in Parse.
 class Reader {
  public:
-  explicit Reader(std::string_view text) : m_rest(text) {}
+  explicit Reader(std::string_view name) : m_rest(name) {}
 
-  bool AtEnd() const { return m_rest.empty(); }
-
-  bool Skip(std::string_view text) {
-    if (m_rest.substr(0, text.size()) != text) {
-      return false;
-    }
-    m_rest.remove_prefix(text.size());
-    return true;
+  std::string_view NextText() {
+    const std::string_view text = m_rest.substr(0, m_rest.find(kSeparator));
+    m_rest.remove_prefix(std::min(text.size() + kSeparator.size(), m_rest.size()));
+    return text;
   }
 
   template <typename Number>
-  bool ReadField(Number& number) {
-    std::string_view text;
-    if (!ReadFieldText(text)) {
-      return false;
-    }
-    const char* const end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, number);
-    return result.ec == std::errc() && result.ptr == end;
+  void ReadField(Number& number) {
+    const std::string_view text = NextText();
+    std::from_chars(text.data(), text.data() + text.size(), number);
   }
 
-  bool ReadField(ServerInstance& instance) {
-    return ReadField(instance.m_marketID) && ReadField(instance.m_submarketID) && ReadField(instance.m_nodeID) &&
-           ReadField(instance.m_dummy1);
+  void ReadField(ServerInstance& instance) {
+    ReadField(instance.m_marketID);
+    ReadField(instance.m_submarketID);
+    ReadField(instance.m_nodeID);
+    ReadField(instance.m_dummy1);
   }
 
-  bool ReadField(std::string& identity) {
-    std::string_view text;
-    if (!ReadFieldText(text) || text.empty()) {
-      return false;
-    }
+  void ReadField(std::string& identity) {
+    const std::string_view text = NextText();
     for (std::size_t i = 0; i < text.size(); ++i) {
       if (text[i] != kEscape) {
         identity += text[i];
@@ -139,26 +129,13 @@ class Reader {
       }
       std::uint8_t byte = 0;
       const std::string_view digits = text.substr(i + 1, 2);
-      const char* const end = digits.data() + digits.size();
-      if (std::from_chars(digits.data(), end, byte, 16).ptr != end || digits.size() != 2) {
-        return false;
-      }
+      std::from_chars(digits.data(), digits.data() + digits.size(), byte, 16);
       identity += static_cast<char>(byte);
       i += digits.size();
     }
-    return true;
   }
 
  private:
-  bool ReadFieldText(std::string_view& text) {
-    if (!Skip(kSeparator)) {
-      return false;
-    }
-    text = m_rest.substr(0, m_rest.find(kSeparator));
-    m_rest.remove_prefix(text.size());
-    return true;
-  }
-
   std::string_view m_rest;
 };
 
@@ -169,12 +146,11 @@ std::optional<Value> Parse(const Kind<Fields...>& kind, std::string_view topicNa
     return std::nullopt;
   }
   Reader reader(topicName);
-  if (!reader.Skip(kind.m_prefix) || !reader.Skip(kSeparator) || !reader.Skip(kind.m_word)) {
-    return std::nullopt;
-  }
-
+  reader.NextText();  // the prefix
+  reader.NextText();  // the word
   const auto readFields = [&](Fields... fields) -> std::optional<Value> {
-    if (!(reader.ReadField(fields) && ...) || !reader.AtEnd() || Write(kind, fields...) != topicName) {
+    (reader.ReadField(fields), ...);
+    if ((IsMissing(fields) || ...) || Write(kind, fields...) != topicName) {
       return std::nullopt;
     }
     return Value{std::move(fields)...};
