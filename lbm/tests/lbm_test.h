@@ -10,6 +10,8 @@
 #include <memory>
 #include <streambuf>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "lbm/lbm_cpp"
 #include "lbm_scripted/lbm_scripted.h"
@@ -18,19 +20,34 @@
 namespace lbm {
 
 namespace log_capture = zq::logging::testing::log_capture;
-using zq::logging::testing::CapturedStatement;
+using lbm_scripted::CallsTo;
+using lbm_scripted::Deliver;
+using lbm_scripted::Failure;
+using lbm_scripted::LiveHandles;
+using lbm_scripted::Script;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
-// In the place of std::cout's buffer: writes each piece that it is given to standard error, with a mark in front.
+// In the place of std::cout's buffer: each piece that it is given goes to standard error, with a mark in front, once it
+// is flushed.
 class MarkedPieces : public std::streambuf {
  protected:
   std::streamsize xsputn(const char* text, std::streamsize size) override {
-    std::fprintf(stderr, "> %.*s", static_cast<int>(size), text);
+    m_pieces.append("> ").append(text, static_cast<std::size_t>(size));
     return size;
   }
   int overflow(int c) override {
-    std::fprintf(stderr, "> %c", c);
-    return c;
+    const auto piece = static_cast<char>(c);
+    return static_cast<int>(xsputn(&piece, 1));
   }
+  int sync() override {
+    std::fputs(std::exchange(m_pieces, {}).c_str(), stderr);
+    return 0;
+  }
+
+ private:
+  std::string m_pieces;
 };
 
 class LbmTest : public ::testing::Test {
@@ -45,11 +62,11 @@ class LbmTest : public ::testing::Test {
 
   void TearDown() override {
     m_context.reset();
-    EXPECT_THAT(lbm_scripted::LiveHandles(), ::testing::IsEmpty());
-    EXPECT_THAT(lbm_scripted::Problems(), ::testing::IsEmpty());
+    EXPECT_THAT(LiveHandles(), IsEmpty());
+    EXPECT_THAT(lbm_scripted::Problems(), IsEmpty());
   }
 
-  // Made on first use; what its creation logged and called is forgotten.
+  // Made on first use; what its creation logged is forgotten.
   Context& Ctx() {
     if (!m_context) {
       log_capture::SetMinLevel(zq::logging::ZQLOG_WALL);
@@ -59,22 +76,30 @@ class LbmTest : public ::testing::Test {
     return *m_context;
   }
 
-  ReceiverTopic TopicToReceive(const std::string& name = "PRICES") { return {Ctx(), name, ReceiverTopicAttributes()}; }
-  SourceTopic TopicToSend(const std::string& name = "PRICES") { return {Ctx(), name, SourceTopicAttributes()}; }
+  ReceiverTopic TopicToReceive() { return {Ctx(), "PRICES", ReceiverTopicAttributes()}; }
+  SourceTopic TopicToSend() { return {Ctx(), "PRICES", SourceTopicAttributes()}; }
 
  private:
   std::unique_ptr<Context> m_context;
 };
 
-// A statement of the layer, every field of it.
-inline auto Statement(zq::logging::LogLevel level, int line, const std::string& text) {
-  using S = CapturedStatement;
-  using ::testing::Field;
-  return ::testing::AllOf(Field("level", &S::level, level), Field("line", &S::line, line),
-                          Field("text", &S::text, text), Field("id", &S::id, 0U),
-                          Field("decodeType", &S::decodeType, zq::logging::ZQLOG_DECODE_AS_KV),
-                          Field("source", &S::source, ""), Field("file", &S::file, "lbm/include/lbm/lbm_cpp"),
-                          Field("handlerName", &S::handlerName, ""));
+constexpr char kTriage[] = "lbm_triage_handler";
+
+// The statements of a source since log_capture::Clear: "<level> <text>", and "<level> <line> <text>" for the layer's
+// own, which have none.
+inline std::vector<std::string> Lines(const std::string& source = {}) {
+  std::vector<std::string> lines;
+  for (const auto& statement : log_capture::Statements()) {
+    if (statement.source == source) {
+      EXPECT_EQ(statement.file, "lbm/include/lbm/lbm_cpp");
+      EXPECT_EQ(statement.id, 0U);
+      EXPECT_EQ(statement.decodeType, zq::logging::ZQLOG_DECODE_AS_KV);
+      EXPECT_EQ(statement.handlerName, "");
+      const std::string line = source.empty() ? std::to_string(statement.line) + ' ' : "";
+      lines.push_back(std::to_string(statement.level) + ' ' + line + statement.text);
+    }
+  }
+  return lines;
 }
 
 // what() of the LbmError that action throws.
@@ -86,6 +111,13 @@ std::string ErrorOf(Action action) {
     return error.what();
   }
   return "nothing was thrown";
+}
+
+// The same when the next call of a function of the library fails, for the reason "no".
+template <class Action>
+std::string FailureOf(const std::string& function, Action action) {
+  Script(function, Failure(LBM_EINVAL, "no"));
+  return ErrorOf(action);
 }
 
 }  // namespace lbm

@@ -1,20 +1,19 @@
 // What the triage handler's tests share.
 #pragma once
 
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "lbm_test.h"
+#include "zq/messaging/triage.pb.h"
+#include "zq/messaging/triage_requests.h"
+#include "zq/messaging/wire.pb.h"
 
 namespace lbm {
 
+namespace triage = zq::messaging::triage;
 using Variables = std::map<std::string, std::string>;
 
 inline const Variables kNames{{"CHEF_ENVIRONMENT", "int"}, {"DATA_CENTER", "dc1"}};
@@ -26,27 +25,19 @@ inline Variables NamesAnd(Variables more) {
   return more;
 }
 
-inline void SetEnvironment(const Variables& variables) {
-  for (const char* name :
-       {"DISABLE_LBM_TRIAGE_HANDLER", "CHEF_ENVIRONMENT", "DATA_CENTER", "TRIAGE_HANDLER_USE_EVENT_QUEUE",
-        "TRIAGE_HANDLER_MAX_RETRIES", "TRIAGE_HANDLER_TIME_BETWEEN_RETRIES_MS", "LBM_TRIAGE_HANDLER_TOPIC_PREFIX"}) {
-    ::unsetenv(name);
-  }
+[[noreturn]] inline void RunAndExit(const Variables& variables, const std::function<void()>& body) {
+  ::clearenv();
   for (const auto& [name, value] : variables) {
     ::setenv(name.c_str(), value.c_str(), 1);
   }
-}
-
-[[noreturn]] inline void RunAndExit(const Variables& variables, const std::function<void()>& body) {
-  SetEnvironment(variables);
   lbm_scripted::Reset();
   log_capture::Clear();
   body();
-  EXPECT_THAT(lbm_scripted::Problems(), ::testing::IsEmpty());
-  EXPECT_THAT(lbm_scripted::LiveHandles("msg"), ::testing::IsEmpty());
+  EXPECT_THAT(lbm_scripted::Problems(), IsEmpty());
+  EXPECT_THAT(LiveHandles("msg"), IsEmpty());
   std::fflush(nullptr);
-  // The standard output of what follows is to be seen with standard error.
-  std::cout.rdbuf(new MarkedPieces);  // what is printed last finds it alive
+  // What is printed until static objects are gone is to be seen, and finds this alive.
+  std::cout.rdbuf(new MarkedPieces);
   std::exit(::testing::Test::HasFailure() ? 1 : 0);
 }
 
@@ -64,27 +55,21 @@ inline std::unique_ptr<Context> MakeContext(const std::string& name = "") {
   return std::make_unique<Context>(attributes);
 }
 
-inline std::string Text(const void* address) {
+inline std::string Handle(Context& context) {
   std::ostringstream text;
-  text << address;
+  text << static_cast<lbm_context_t*>(context);
   return text.str();
 }
 
-inline std::string Handle(Context& context) { return Text(static_cast<lbm_context_t*>(context)); }
+inline void DeliverRequest(const std::string& data, const char* topic = kEnvTopic) {
+  Deliver(lbm_scripted::FindReceiver(topic), {data, LBM_MSG_REQUEST, 0, 7, "TOOL"});
+}
 
-// "<level> <text>" of each of the handler's statements since log_capture::Clear.
-inline std::vector<std::string> TriageLines() {
-  std::vector<std::string> lines;
-  for (const CapturedStatement& statement : log_capture::Statements()) {
-    if (statement.source == "lbm_triage_handler") {
-      EXPECT_EQ(statement.file, "lbm/include/lbm/lbm_cpp");
-      EXPECT_EQ(statement.id, 0U);
-      EXPECT_EQ(statement.decodeType, zq::logging::ZQLOG_DECODE_AS_KV);
-      EXPECT_EQ(statement.handlerName, "");
-      lines.push_back(std::to_string(statement.level) + ' ' + statement.text);
-    }
-  }
-  return lines;
+// On how many contexts a request for a group switches NAKs, counting a context once for each of its registrations.
+inline std::size_t Switched(int group, bool enable) {
+  log_capture::Clear();
+  DeliverRequest(triage::NakKillRequest(static_cast<triage::LBMContext>(group), enable, "id"));
+  return log_capture::Find(enable ? "Failed to enable NAKs" : "Failed to disable NAKs").size();
 }
 
 }  // namespace lbm

@@ -1,169 +1,272 @@
+// The endpoints that the manager makes and hands out, and those that it looks up.
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <stdexcept>
+
 #include "manager_test.h"
 
 namespace ps_ns {
+
+class RecordedEndpoints : public ManagerTest {
+ protected:
+  auto& Sources() { return m_manager->m_sourcesByServerInstance; }
+  auto& Receivers() { return m_manager->m_receiversByServerInstance; }
+  auto& DataReceivers() { return m_manager->m_dataReceiversByServerInstance; }
+};
+
 namespace {
 
-using lbm_scripted::Failure;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using zq::logging::ZQLOG_ERROR;
-using zq::logging::ZQLOG_INFO;
-
 const ServerInstance kInstance{7, 1, 2, 0, "CME"};
+const ServerInstance kRenamed{7, 1, 2, 0, "another name for display"};
+constexpr const char* kNotificationsOn = R"(<Logging lbmNotifications="1"/><General/>)";
 
-struct Kind {
-  const char* name;
-  std::function<ReceiverPtr(LbmClientResourceMgr&, lbm::Receiver::Callback, std::string&)> create;
-  std::string topic;
-  std::string logPrefix;
-};
+std::string Created(const char* what, const std::string& topic) {
+  return std::string("10 13 Created ") + what + " on topic=\"" + topic + '"';
+}
 
-void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
-
-const std::vector<Kind> kKinds{
-    {"Response",
-     [](auto& manager, auto callback, auto& topic) { return manager.CreateClientReceiver(kInstance, callback, topic); },
-     TopicNames::CreateServerResponseTopic(kInstance), "Created ResponseReceiver on topic="},
-    {"Segment",
-     [](auto& manager, auto callback, auto& topic) {
-       return manager.CreateClientDataReceiver(kInstance, 65535, callback, topic);
-     },
-     TopicNames::CreateSegmentTopic(kInstance, 65535), "Created SegmentReceiver on topic="},
-    {"ProductInfo",
-     [](auto& manager, auto callback, auto& topic) {
-       return manager.CreateClientProductInfoReceiver(kInstance, callback, topic);
-     },
-     TopicNames::CreateProductResponseTopic(kInstance), "Created ProductReceiver on topic="},
-    {"RFQ",
-     [](auto& manager, auto callback, auto& topic) {
-       return manager.CreateClientRFQ_Receiver(kInstance, callback, topic);
-     },
-     TopicNames::CreateRFQ_BroadcastTopic(kInstance), "Created RFQ_Receiver on topic="},
-    {"News",
-     [](auto& manager, auto callback, auto& topic) {
-       return manager.CreateClientNewsReceiver(kInstance, callback, topic);
-     },
-     TopicNames::CreateNewsBroadcastTopic(kInstance), "Created NewsReceiver on topic="},
-};
+// A callback that keeps the last message's data.
+lbm::Receiver::Callback KeepIn(std::string& received) {
+  return [&received](const lbm::Message& message) { received.assign(message.Data(), message.Length()); };
+}
 
 using Endpoints = ManagerTest;
 
-class ReceiverEndpoints : public ManagerTest, public testing::WithParamInterface<Kind> {};
-
-INSTANTIATE_TEST_SUITE_P(, ReceiverEndpoints, testing::ValuesIn(kKinds),
-                         [](const auto& tested) { return tested.param.name; });
-
-TEST_P(ReceiverEndpoints, ListenOnTheTopicOfTheInstance) {
-  Start();
+TEST_F(Endpoints, ReceiversListenOnTheirTopicOfTheInstance) {
+  LbmClientResourceMgr& manager = Start();
   log_capture::Clear();
-  const std::size_t before = OwnCalls().size();
+  const std::pair<const char*, std::string> kinds[] = {
+      {"ResponseReceiver", TopicNames::CreateServerResponseTopic(kInstance)},
+      {"SegmentReceiver", TopicNames::CreateSegmentTopic(kInstance, 65535)},
+      {"ProductReceiver", TopicNames::CreateProductResponseTopic(kInstance)},
+      {"RFQ_Receiver", TopicNames::CreateRFQ_BroadcastTopic(kInstance)},
+      {"NewsReceiver", TopicNames::CreateNewsBroadcastTopic(kInstance)}};
   std::string received;
-  const auto callback = [&received](const lbm::Message& message) { received.assign(message.Data(), message.Length()); };
-  std::string topicName = "overwritten";
-  const ReceiverPtr receiver = GetParam().create(*m_manager, callback, topicName);
-  ASSERT_TRUE(receiver);
-  EXPECT_EQ(receiver.use_count(), 1);
-  EXPECT_EQ(topicName, GetParam().topic);
-  EXPECT_THAT(ManagerStatements(),
-              ElementsAre(Statement{ZQLOG_INFO, 13, GetParam().logPrefix + '"' + GetParam().topic + '"'}));
-
-  const auto calls = OwnCalls(before);
-  ASSERT_THAT(Functions(calls), ElementsAre("lbm_rcv_topic_attr_create", "lbm_rcv_topic_lookup", "lbm_rcv_create",
-                                            "lbm_rcv_topic_attr_delete"));
-  EXPECT_EQ(calls[1].Text("name"), GetParam().topic);
-  EXPECT_TRUE(calls[2].IsNull("evq"));
-
-  lbm_scripted::Message message;
-  message.data = "42";
-  lbm_scripted::Deliver(lbm_scripted::FindReceiver(GetParam().topic), message);
-  EXPECT_EQ(received, "42");
-}
-
-TEST_P(ReceiverEndpoints, FailWithTheTopicNamedAndNothingLeft) {
-  Start();
-  const std::vector<std::string> alive = lbm_scripted::LiveHandles();
-  const std::vector<std::pair<const char*, const char*>> failures{
-      {"lbm_rcv_topic_lookup", "Failed to lookup LBM topic: no"},
-      {"lbm_rcv_create", "Failed to create LBM receiver: no"}};
-  for (const auto& [function, error] : failures) {
-    log_capture::Clear();
-    lbm_scripted::Script(function, Failure(LBM_EINVAL, "no"));
-    std::string topicName;
-    try {
-      GetParam().create(*m_manager, {}, topicName);
-      ADD_FAILURE() << "no error although " << function << " failed";
-    } catch (const lbm::LbmError& caught) {
-      EXPECT_STREQ(caught.what(), error);
-    }
-    EXPECT_EQ(topicName, GetParam().topic);
-    EXPECT_EQ(lbm_scripted::LiveHandles(), alive);
-    EXPECT_THAT(ManagerStatements(), IsEmpty());
+  std::vector<std::string> names(std::size(kinds));
+  std::vector<ReceiverPtr> receivers;
+  const auto calls = CallsOf([&] {
+    const auto keep = KeepIn(received);
+    receivers = {manager.CreateClientReceiver(kInstance, keep, names[0]),
+                 manager.CreateClientDataReceiver(kInstance, 65535, keep, names[1]),
+                 manager.CreateClientProductInfoReceiver(kInstance, keep, names[2]),
+                 manager.CreateClientRFQ_Receiver(kInstance, keep, names[3]),
+                 manager.CreateClientNewsReceiver(kInstance, keep, names[4])};
+  });
+  ASSERT_THAT(calls, SizeIs(20));
+  for (std::size_t i = 0; i < receivers.size(); ++i) {
+    const auto& [what, topic] = kinds[i];
+    EXPECT_EQ(names[i], topic);
+    EXPECT_EQ(Lines().at(i), Created(what, topic));
+    EXPECT_THAT(Functions({calls.begin() + 4 * i, calls.begin() + 4 * i + 4}),
+                ElementsAre("lbm_rcv_topic_attr_create", "lbm_rcv_topic_lookup", "lbm_rcv_create",
+                            "lbm_rcv_topic_attr_delete"));
+    EXPECT_TRUE(calls[4 * i + 2].IsNull("evq"));
+    lbm_scripted::Deliver(lbm_scripted::FindReceiver(topic), {topic});
+    EXPECT_EQ(received, topic);
   }
-
-  lbm_scripted::Script("lbm_rcv_topic_attr_create", Failure(LBM_ENOMEM, "no"));
-  std::string untouched = "untouched";
-  EXPECT_THROW(GetParam().create(*m_manager, {}, untouched), lbm::LbmError);
-  EXPECT_EQ(untouched, "untouched");
+  EXPECT_FALSE(manager.GetResponseReceiver(kInstance));
+  EXPECT_FALSE(manager.GetDataReceiver(kInstance, 65535));
 }
 
 TEST_F(Endpoints, ARequestSourceSendsOnTheTopicOfTheInstance) {
   Start();
   log_capture::Clear();
-  const std::size_t before = OwnCalls().size();
+  SourcePtr source;
+  const auto calls = CallsOf([&] { source = m_manager->CreateClientSource(kInstance); });
   const std::string topic = TopicNames::CreateClientRequestTopic(kInstance);
-  const SourcePtr source = m_manager->CreateClientSource(kInstance);
-  ASSERT_TRUE(source);
-  EXPECT_EQ(source.use_count(), 1);
-  EXPECT_THAT(log_capture::Texts(),
-              ElementsAre("Creating source on topic=" + topic, "Created RequestSource on topic=\"" + topic + '"'));
-
-  const auto calls = OwnCalls(before);
+  EXPECT_THAT(Lines(), ElementsAre(Created("RequestSource", topic)));
   ASSERT_THAT(Functions(calls), ElementsAre("lbm_src_topic_attr_create", "lbm_src_topic_alloc", "lbm_src_create",
                                             "lbm_src_topic_attr_delete"));
   EXPECT_EQ(calls[1].Text("name"), topic);
-  EXPECT_TRUE(calls[2].IsNull("proc"));
-  EXPECT_TRUE(calls[2].IsNull("evq"));
-
-  lbm_scripted::Script("lbm_src_topic_alloc", Failure(LBM_EINVAL, "no"));
-  EXPECT_THROW(m_manager->CreateClientSource(kInstance), lbm::LbmError);
-  lbm_scripted::Script("lbm_src_create", Failure(LBM_EINVAL, "no"));
-  EXPECT_THROW(m_manager->CreateClientSource(kInstance), lbm::LbmError);
-  EXPECT_THAT(lbm_scripted::LiveHandles("src_topic_attr"), IsEmpty());
-}
-
-TEST_F(Endpoints, AreReturnedAlthoughTheirAttributesCannotBeDeleted) {
-  Start();
-  lbm_scripted::Script("lbm_rcv_topic_attr_delete", Failure(LBM_EINVAL, "no"));
-  std::string topicName;
-  EXPECT_TRUE(m_manager->CreateClientReceiver(kInstance, {}, topicName));
-  EXPECT_TRUE(log_capture::WaitForText("Failed to delete LBM receiver topic attributes: no"));
-  lbm_scripted::Script("lbm_src_topic_attr_delete", Failure(LBM_EINVAL, "no"));
-  EXPECT_TRUE(m_manager->CreateClientSource(kInstance));
-  EXPECT_TRUE(log_capture::WaitForText("Failed to delete LBM source topic attributes: no"));
-  m_manager->Shutdown();
-  m_manager.reset();
-  lbm_scripted::Reset();  // the two attribute objects are lost, as the test asked
-}
-
-TEST_F(Endpoints, AreNotRecordedByTheirCreation) {
-  Start();
-  std::string topicName;
-  const SourcePtr source = m_manager->CreateClientSource(kInstance);
-  const ReceiverPtr response = m_manager->CreateClientReceiver(kInstance, {}, topicName);
-  const ReceiverPtr data = m_manager->CreateClientDataReceiver(kInstance, 0, {}, topicName);
+  EXPECT_TRUE(calls[2].IsNull("proc") && calls[2].IsNull("evq"));
+  EXPECT_EQ(source.use_count(), 1);
   EXPECT_FALSE(m_manager->GetRequestSource(kInstance));
-  EXPECT_FALSE(m_manager->GetResponseReceiver(kInstance));
-  EXPECT_FALSE(m_manager->GetDataReceiver(kInstance, 0));
 }
 
-TEST_F(Endpoints, ClosedGateLogsNothing) {
+TEST_F(Endpoints, FailWithTheTopicNamedAndNothingLeft) {
   Start();
+  const std::vector<std::string> alive = LiveHandles();
   log_capture::Clear();
-  log_capture::SetMinLevel(zq::logging::ZQLOG_INFO_LOCAL);
+  std::string topicName = "not named yet";
+  const auto create = [&] { m_manager->CreateClientReceiver(kInstance, {}, topicName); };
+  EXPECT_EQ(FailureOf("lbm_rcv_topic_attr_create", create), "Failed to create LBM receiver topic attributes: no");
+  EXPECT_EQ(topicName, "not named yet");
+  EXPECT_EQ(FailureOf("lbm_rcv_topic_lookup", create), "Failed to lookup LBM topic: no");
+  EXPECT_EQ(topicName, TopicNames::CreateServerResponseTopic(kInstance));
+  EXPECT_EQ(FailureOf("lbm_rcv_create", create), "Failed to create LBM receiver: no");
+  EXPECT_EQ(LiveHandles(), alive);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(RecordedEndpoints, AreFoundByTheNumbersOfTheirInstance) {
+  LbmClientResourceMgr& manager = Start();
   std::string topicName;
-  m_manager->CreateClientReceiver(kInstance, {}, topicName);
-  m_manager->CreateClientSource(kInstance);
-  EXPECT_THAT(log_capture::Texts(), IsEmpty());
+  Sources()[kInstance] = manager.CreateClientSource(kInstance);
+  Receivers()[kInstance] = manager.CreateClientReceiver(kInstance, {}, topicName);
+  for (unsigned short segment = 0; segment < 2; ++segment) {
+    DataReceivers()[kInstance].push_back(manager.CreateClientDataReceiver(kInstance, segment, {}, topicName));
+  }
+  EXPECT_EQ(manager.GetRequestSource(kRenamed), Sources().at(kInstance));
+  EXPECT_EQ(manager.GetResponseReceiver(kRenamed), Receivers().at(kInstance));
+  EXPECT_EQ(manager.GetDataReceiver(kRenamed, 0), DataReceivers().at(kInstance)[0]);
+  EXPECT_EQ(manager.GetDataReceiver(kRenamed, 1), DataReceivers().at(kInstance)[1]);
+  EXPECT_FALSE(manager.GetDataReceiver(kRenamed, 2));
+  const ServerInstance other{7, 1, 2, 1, "CME"};
+  EXPECT_FALSE(manager.GetRequestSource(other) || manager.GetResponseReceiver(other) ||
+               manager.GetDataReceiver(other, 0));
+}
+
+// ---- Server status
+
+const std::string kStatusTopic = TopicNames::CreateServerStatusTopic(kInstance);
+
+using ServerStatus = ManagerTest;
+
+TEST_F(ServerStatus, ReceiversOfOneTopicShareItsLookUp) {
+  Start({.config = "<Logging/><General/>"});
+  log_capture::Clear();
+  std::string received;
+  ReceiverPtr first;
+  ReceiverPtr second;
+  const auto calls = CallsOf([&] {
+    first = m_manager->CreateServerStatusReceiver(kInstance, {});
+    second = m_manager->CreateServerStatusReceiver(kRenamed, KeepIn(received));
+  });
+  EXPECT_NE(first, second);
+  const std::string created = Created("ServerStatusReceiver", kStatusTopic);
+  EXPECT_THAT(Lines(), ElementsAre(created, created));
+  ASSERT_THAT(Functions(calls), ElementsAre("lbm_rcv_topic_attr_create", "lbm_rcv_topic_lookup", "lbm_rcv_create",
+                                            "lbm_rcv_topic_attr_delete", "lbm_rcv_topic_attr_create", "lbm_rcv_create",
+                                            "lbm_rcv_topic_attr_delete"));
+  EXPECT_EQ(calls[1].Text("name"), kStatusTopic);
+  EXPECT_EQ(calls[2].Pointer("topic"), calls[5].Pointer("topic"));
+  EXPECT_TRUE(calls[5].IsNull("evq"));
+  lbm_scripted::Deliver(*second, {"up"});
+  EXPECT_EQ(received, "up");
+}
+
+TEST_F(ServerStatus, SourcesThatComeAndGoAreLoggedWhenTheConfigurationAsksForIt) {
+  Start({.config = kNotificationsOn});
+  const ReceiverPtr receiver = m_manager->CreateServerStatusReceiver(kInstance, {});
+  const auto set = lbm_scripted::CallsTo("lbm_rcv_topic_attr_setopt").at(0);
+  EXPECT_EQ(set.Text("optname"), "source_notification_function");
+  EXPECT_THAT(set.Text("optval"), SizeIs(24));
+  log_capture::Clear();
+  EXPECT_EQ(lbm_scripted::NotifySourceCreated(*receiver, "TCP:1"), nullptr);
+  EXPECT_EQ(lbm_scripted::NotifySourceDeleted(*receiver, "TCP:1", nullptr), 0);
+  EXPECT_THAT(Lines(), ElementsAre("10 9999 receiver_src_notify_create src=TCP:1",
+                                   "10 9999 receiver_src_notify_delete src=TCP:1"));
+}
+
+TEST_F(ServerStatus, IsReceivedAlthoughItsSourcesCannotBeWatched) {
+  Start({.config = kNotificationsOn});
+  log_capture::Clear();
+  Script("lbm_rcv_topic_attr_setopt", Failure(LBM_EINVAL, "unknown option"));
+  EXPECT_TRUE(m_manager->CreateServerStatusReceiver(kInstance, {}));
+  EXPECT_THAT(Lines(), ElementsAre("20 9999 register source_notification_function failed",
+                                   Created("ServerStatusReceiver", kStatusTopic)));
+}
+
+TEST_F(ServerStatus, AFailureLeavesTheManagerReadyForTheNextCall) {
+  Start();
+  const auto create = [&] { return m_manager->CreateServerStatusReceiver(kInstance, {}); };
+  EXPECT_EQ(FailureOf("lbm_rcv_topic_lookup", create), "Failed to lookup LBM topic: no");
+  EXPECT_EQ(FailureOf("lbm_rcv_create", create), "Failed to create LBM receiver: no");
+  EXPECT_THAT(LiveHandles("rcv_topic_attr"), IsEmpty());
+  // What was looked up for the receiver that failed is kept; the look-up that failed is not.
+  EXPECT_TRUE(create());
+  EXPECT_THAT(lbm_scripted::CallsTo("lbm_rcv_topic_lookup"), SizeIs(2));
+}
+
+TEST_F(ServerStatus, AThreadWaitsForTheTopicThatAnotherLooksUp) {
+  Start();
+  std::atomic_flag first = ATOMIC_FLAG_INIT;
+  std::future<ReceiverPtr> other;
+  lbm_scripted::OnCall("lbm_rcv_topic_lookup", [&](const lbm_scripted::Call&) {
+    if (first.test_and_set()) {
+      return;
+    }
+    other = std::async(std::launch::async, [&] { return m_manager->CreateServerStatusReceiver(kInstance, {}); });
+    EXPECT_TRUE(lbm_scripted::WaitForCalls("lbm_rcv_topic_attr_create", 2));
+    EXPECT_FALSE(lbm_scripted::WaitForCalls("lbm_rcv_topic_lookup", 2, std::chrono::milliseconds(50)));
+  });
+  EXPECT_TRUE(m_manager->CreateServerStatusReceiver(kInstance, {}));
+  EXPECT_TRUE(other.get());
+  EXPECT_THAT(lbm_scripted::CallsTo("lbm_rcv_topic_lookup"), SizeIs(1));
+}
+
+// ---- The command channel
+
+class CommandChannel : public ManagerTest {
+ protected:
+  // The channel number n, whose topics are the following.
+  void Create(int n, const lbm::Receiver::Callback& callback = {}) {
+    m_manager->CreateCommandSourceAndReceivers(callback, "host." + std::to_string(n), "id" + std::to_string(n));
+  }
+  static std::string Host(int n) { return "client_command.host.host%2E" + std::to_string(n); }
+  static std::string Id(int n) { return "client_command.id.id" + std::to_string(n); }
+  static std::string Answers(int n) {
+    return "client_command.response.host%2E" + std::to_string(n) + ".id" + std::to_string(n);
+  }
+};
+
+TEST_F(CommandChannel, ListensForTheHostAndTheClientAndAnswersForBoth) {
+  Start();
+  EXPECT_FALSE(m_manager->GetCommandResponseSource());
+  log_capture::Clear();
+  std::string received;
+  const auto calls = CallsOf([&] { Create(1, KeepIn(received)); });
+  EXPECT_THAT(Lines(),
+              ElementsAre(Created("ClientHostCommandReceiver", Host(1)), Created("ClientIDCommandReceiver", Id(1)),
+                          Created("ClientCommandResponseSource", Answers(1))));
+  ASSERT_THAT(calls, SizeIs(12));
+  EXPECT_TRUE(calls[2].IsNull("evq") && calls[6].IsNull("evq"));
+  EXPECT_TRUE(calls[10].IsNull("proc") && calls[10].IsNull("evq"));
+  for (const std::string& topic : {Host(1), Id(1)}) {
+    lbm_scripted::Deliver(lbm_scripted::FindReceiver(topic), {topic});
+    EXPECT_EQ(received, topic);
+  }
+  EXPECT_EQ(m_manager->GetCommandResponseSource()->GetTopic(), Answers(1));
+}
+
+TEST_F(CommandChannel, IsReplacedOneByOneByASecondCall) {
+  Start();
+  Create(1);
+  SourcePtr earlier = m_manager->GetCommandResponseSource();
+  log_capture::Clear();
+  Create(2);
+  EXPECT_THAT(log_capture::Texts(),
+              ElementsAre("Creating receiver on topic=" + Host(2), "Deleting receiver on topic=" + Host(1),
+                          Created("ClientHostCommandReceiver", Host(2)).substr(6),
+                          "Creating receiver on topic=" + Id(2), "Deleting receiver on topic=" + Id(1),
+                          Created("ClientIDCommandReceiver", Id(2)).substr(6), "Creating source on topic=" + Answers(2),
+                          Created("ClientCommandResponseSource", Answers(2)).substr(6)));
+  EXPECT_NE(lbm_scripted::FindSource(Answers(1)), nullptr) << "somebody has it";
+  earlier.reset();
+  EXPECT_EQ(lbm_scripted::FindSource(Answers(1)), nullptr);
+}
+
+TEST_F(CommandChannel, KeepsWhatWasReplacedBeforeAFailureAndLeaksNothing) {
+  for (const auto& [function, successes, host, id] :
+       {std::tuple{"lbm_rcv_topic_lookup", 0, 1, 1}, {"lbm_rcv_create", 1, 2, 1}, {"lbm_src_create", 0, 2, 2}}) {
+    Start();
+    Create(1);
+    EXPECT_THAT(FailureOf(
+                    function, [&] { Create(2); }, successes),
+                testing::EndsWith(": no"));
+    EXPECT_NE(lbm_scripted::FindReceiver(Host(host)), nullptr) << function;
+    EXPECT_NE(lbm_scripted::FindReceiver(Id(id)), nullptr) << function;
+    EXPECT_EQ(m_manager->GetCommandResponseSource()->GetTopic(), Answers(1));
+    EXPECT_THAT(LiveHandles(), SizeIs(5)) << "these, the context and its attributes";
+    End();
+  }
+}
+
+TEST_F(CommandChannel, NeedsAClientThatATopicCanBeNamedAfter) {
+  Start();
+  EXPECT_THROW(m_manager->CreateCommandSourceAndReceivers({}, "host.1", ""), std::invalid_argument);
+  EXPECT_NE(lbm_scripted::FindReceiver(Host(1)), nullptr);
+  EXPECT_FALSE(m_manager->GetCommandResponseSource());
 }
 
 }  // namespace

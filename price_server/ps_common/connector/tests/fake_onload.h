@@ -1,4 +1,5 @@
-// Stands in for Onload: says what the test wants and remembers what was asked of it.
+// Stands in for Onload: says what the test wants and remembers what was asked of it. All of a test's calls are those of
+// one thread, which the test waits for.
 #pragma once
 
 #include <string>
@@ -7,13 +8,12 @@
 
 namespace fake_onload {
 
-struct Call {
-  std::string text;  // as in: onload_set_stackname(0, 2, name)
-  std::thread::id thread;
-};
-
 void Reset(int isPresent);
 
-std::vector<Call> Calls();
+// As in: onload_set_stackname(0, 2, name)
+std::vector<std::string> Calls();
+
+// Of the last call.
+std::thread::id CallingThread();
 
 }  // namespace fake_onload

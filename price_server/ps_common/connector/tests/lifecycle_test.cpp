@@ -1,3 +1,4 @@
+#include <pthread.h>
 #include <unistd.h>
 
 #include <boost/property_tree/exceptions.hpp>
@@ -8,6 +9,7 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <type_traits>
 
 #include "manager_test.h"
@@ -15,15 +17,7 @@
 namespace ps_ns {
 namespace {
 
-using lbm_scripted::Failure;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-using zq::logging::ZQLOG_INFO;
-using zq::logging::ZQLOG_WARNING;
-
-const Statement kNotRegistered{ZQLOG_WARNING, 9999, "register resolver_source_notification_function failed"};
+constexpr const char* kNotRegistered = "20 9999 register resolver_source_notification_function failed";
 
 static_assert(!std::is_copy_constructible_v<LbmClientResourceMgr> &&
               !std::is_move_constructible_v<LbmClientResourceMgr> && !std::is_copy_assignable_v<LbmClientResourceMgr> &&
@@ -38,7 +32,6 @@ std::vector<std::string> OptionsSet() {
     if (call.function == "lbm_context_attr_str_setopt") {
       options.push_back(call.Text("optname") + '=' + call.Text("optval"));
     } else if (call.function == "lbm_context_attr_setopt") {
-      EXPECT_EQ(call.Value<lbm_src_notify_func_t>("optval").notifyfunc, &context_src_notify);
       options.push_back(call.Text("optname"));
     }
   }
@@ -46,115 +39,82 @@ std::vector<std::string> OptionsSet() {
 }
 
 TEST_F(Lifecycle, AManagerSetsUpItsContextAndTakesItDownInOrder) {
-  Start({.config = R"(<Logging lbmNotifications="yes"/><General/>)", .timeoutMs = 250});
+  Start({.config = R"(<Logging lbmNotifications="yes"/><General/>)", .timeoutMs = 20});
   EXPECT_THAT(OptionsSet(), ElementsAre("operational_mode=sequential", "resolver_source_notification_function",
                                         "context_name=a_client"));
-  EXPECT_EQ(lbm_scripted::CallsTo("lbm_context_process_events").front().Number("msec"), 250);
+  EXPECT_EQ(lbm_scripted::CallsTo("lbm_context_process_events").front().Number("msec"), 20);
+  EXPECT_EQ(lbm_scripted::NotifyContext(*m_manager->GetContext(), "PRICES", "TCP:1"), 0);
+  m_manager->CreateCommandSourceAndReceivers({}, "host", "id");
+  Script("lbm_context_unblock", Failure(LBM_EOP, "no"));  // does not matter
 
-  const std::size_t before = OwnCalls().size();
-  m_manager->Shutdown();
-  EXPECT_THAT(Functions(OwnCalls(before)), ElementsAre("lbm_context_unblock"));
-  m_manager->Shutdown();
-  m_manager.reset();
-  EXPECT_THAT(Functions(OwnCalls(before)),
-              ElementsAre("lbm_context_unblock", "lbm_context_attr_delete", "lbm_context_delete"));
-
-  const std::string threadID = std::to_string(gettid());
-  const std::vector<Statement> statements = ManagerStatements();
-  ASSERT_EQ(statements.size(), 6U);
-  EXPECT_EQ(statements[0], (Statement{ZQLOG_INFO, 13,
-                                      "Creating LbmClientResourceMgr. shouldOnload=false lbmThreadCPUAffinity=-1 "
-                                      "context_name=a_client lbmProcessEventTimeout_ms=250"}));
-  EXPECT_EQ(statements[1],
-            (Statement{ZQLOG_INFO, 0, "About to start LBM Context thread. Creator thread_id=" + threadID}));
-  EXPECT_THAT(statements[2].text, testing::MatchesRegex("Started LBM Context dispatch loop thread. thread_id=[0-9]+"));
-  EXPECT_THAT(statements[2].text, Not(testing::EndsWith('=' + threadID)));
-  EXPECT_EQ(statements[3], (Statement{ZQLOG_INFO, 13, "Shutting down LbmClientResourceMgr"}));
-  EXPECT_EQ(statements[4], (Statement{ZQLOG_INFO, 0, "Exiting LBM ClientResourceMgr dispatch loop thread."}));
-  EXPECT_EQ(statements[5], statements[3]);
-}
-
-TEST_F(Lifecycle, WithoutAContextNameLbmChoosesOne) {
-  Start({.contextName = "", .shouldOnload = true, .affinity = 1024});
-  EXPECT_THAT(OptionsSet(), ElementsAre("operational_mode=sequential"));
-  EXPECT_THAT(log_capture::Texts(),
-              Contains("Creating LbmClientResourceMgr. shouldOnload=true lbmThreadCPUAffinity=1024 "
-                       "context_name=<default> lbmProcessEventTimeout_ms=3600000"));
-}
-
-TEST_F(Lifecycle, FoundSourcesAreLoggedWhenTheConfigurationAsksForIt) {
-  Start({.config = R"(<Logging lbmNotifications="1"/><General/>)"});
-  lbm_context_t* const context = *m_manager->GetContext();
-  EXPECT_EQ(lbm_scripted::NotifyContext(context, "PRICES", "TCP:1"), 0);
-  EXPECT_THAT(ManagerStatements(), Contains(Statement{ZQLOG_INFO, 9999, "context_src_notify topic=PRICES src=TCP:1"}));
+  const std::vector<std::string> lines = Lines();
+  ASSERT_THAT(lines, SizeIs(testing::Ge(4U)));
+  EXPECT_EQ(lines[0],
+            "10 13 Creating LbmClientResourceMgr. shouldOnload=false lbmThreadCPUAffinity=-1 context_name=a_client "
+            "lbmProcessEventTimeout_ms=20");
+  EXPECT_EQ(lines[1], "10 0 About to start LBM Context thread. Creator thread_id=" + std::to_string(gettid()));
+  const std::string started = "10 0 Started LBM Context dispatch loop thread. thread_id=";
+  EXPECT_THAT(lines[2], testing::MatchesRegex(started + "[0-9]+"));
+  EXPECT_NE(lines[2], started + std::to_string(gettid()));
+  EXPECT_EQ(lines[3], "10 9999 context_src_notify topic=PRICES src=TCP:1");
 
   log_capture::Clear();
-  log_capture::SetMinLevel(ZQLOG_WARNING);
-  EXPECT_EQ(lbm_scripted::NotifyContext(context, "PRICES", "TCP:1"), 0);
-  EXPECT_THAT(ManagerStatements(), IsEmpty());
+  const auto shutdown = CallsOf([this] {
+    m_manager->Shutdown();
+    m_manager->Shutdown();
+  });
+  EXPECT_THAT(Functions(shutdown), ElementsAre("lbm_context_unblock"));
+  const std::string shuttingDown = "10 13 Shutting down LbmClientResourceMgr";
+  EXPECT_THAT(Lines(),
+              ElementsAre(shuttingDown, "10 0 Exiting LBM ClientResourceMgr dispatch loop thread.", shuttingDown));
+  const auto calls = CallsOf([this] { m_manager.reset(); });
+  ASSERT_THAT(Functions(calls), ElementsAre("lbm_src_delete", "lbm_rcv_delete", "lbm_rcv_delete",
+                                            "lbm_context_attr_delete", "lbm_context_delete"));
+  EXPECT_THAT(calls[1].ToString(), testing::HasSubstr("client_command.host"));
 }
 
-TEST_F(Lifecycle, NotificationsAreOffUnlessAskedFor) {
-  Start({.config = "<Logging/><General/>"});
-  EXPECT_THAT(OptionsSet(), ElementsAre("operational_mode=sequential", "context_name=a_client"));
-  EXPECT_THAT(ManagerStatements(), Not(Contains(kNotRegistered)));
+TEST_F(Lifecycle, WithoutAContextNameLbmChoosesOneAndWithoutConfigurationNothingIsNotified) {
+  Start({.config = "<Logging/><General/>", .contextName = "", .shouldOnload = true, .affinity = 1024});
+  EXPECT_THAT(OptionsSet(), ElementsAre("operational_mode=sequential"));
+  EXPECT_EQ(Lines().at(0),
+            "10 13 Creating LbmClientResourceMgr. shouldOnload=true lbmThreadCPUAffinity=1024 "
+            "context_name=<default> lbmProcessEventTimeout_ms=3600000");
+  EXPECT_THAT(Lines(), testing::Not(Contains(kNotRegistered)));
 }
 
-class LifecycleNotification : public Lifecycle, public testing::WithParamInterface<const char*> {};
-
-TEST_P(LifecycleNotification, TroubleIsAWarningAndTheManagerStartsAnyway) {
-  lbm_scripted::Script("lbm_context_attr_setopt", Failure(LBM_EINVAL, "unknown option"));
-  Start({.config = GetParam()});
-  EXPECT_THAT(ManagerStatements(), Contains(kNotRegistered).Times(1));
-  EXPECT_THAT(lbm_scripted::CallsTo("lbm_context_attr_str_setopt"), testing::SizeIs(2));
+TEST_F(Lifecycle, TroubleWithNotificationsIsAWarningAndTheManagerStartsAnyway) {
+  // No node, a bad value, an option that is refused.
+  for (const char* config : {"<General/>", R"(<Logging lbmNotifications="2"/><General/>)",
+                             R"(<Logging lbmNotifications="true"/><General/>)"}) {
+    log_capture::Clear();
+    Script("lbm_context_attr_setopt", Failure(LBM_EINVAL, "unknown option"));
+    Start({.config = config});
+    EXPECT_THAT(Lines(), Contains(kNotRegistered).Times(1)) << config;
+    EXPECT_THAT(lbm_scripted::CallsTo("lbm_context_attr_str_setopt"), SizeIs(2));
+    End();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(NoNodeBadValueOrRefusedOption, LifecycleNotification,
-                         testing::Values("<General/>", R"(<Logging lbmNotifications="2"/><General/>)",
-                                         R"(<Logging lbmNotifications="true"/><General/>)"));
 
 TEST_F(Lifecycle, AFailedConstructionSaysWhyAndLeavesNothingBehind) {
-  struct Step {
-    const char* function;
-    int successesBefore;
-    const char* error;
-  };
-  for (const Step& step : {Step{"lbm_context_attr_create", 0, "Failed to create LBM context attributes: out of luck"},
-                           Step{"lbm_context_attr_str_setopt", 0, "Failed to set LBM context attribute: out of luck"},
-                           Step{"lbm_context_attr_str_setopt", 1, "Failed to set LBM context attribute: out of luck"},
-                           Step{"lbm_context_create", 0, "Failed to create LBM context: out of luck"}}) {
-    lbm_scripted::Reset();
-    log_capture::Clear();
-    if (step.successesBefore > 0) {
-      lbm_scripted::Script(step.function, {}, step.successesBefore);
-    }
-    lbm_scripted::Script(step.function, Failure(LBM_ENOMEM, "out of luck"));
-    try {
-      Start();
-      ADD_FAILURE() << "no error although " << step.function << " failed";
-    } catch (const lbm::LbmError& error) {
-      EXPECT_STREQ(error.what(), step.error);
-    }
-    EXPECT_THAT(lbm_scripted::LiveHandles(), IsEmpty()) << step.function;
-    EXPECT_THAT(log_capture::Find("About to start"), IsEmpty());
-  }
-
+  const auto start = [this] { Start(); };
+  EXPECT_EQ(FailureOf("lbm_context_attr_create", start), "Failed to create LBM context attributes: no");
+  EXPECT_EQ(FailureOf("lbm_context_attr_str_setopt", start), "Failed to set LBM context attribute: no");
+  EXPECT_EQ(FailureOf("lbm_context_attr_str_setopt", start, 1), "Failed to set LBM context attribute: no");
+  EXPECT_EQ(FailureOf("lbm_context_create", start), "Failed to create LBM context: no");
   EXPECT_THROW(Start({.config = "<Logging/>"}), boost::property_tree::ptree_bad_path);
-  EXPECT_THAT(lbm_scripted::LiveHandles(), IsEmpty());
   EXPECT_THROW(LbmClientResourceMgr(nullptr, "a_client", false, -1, 0, {}, 0), std::invalid_argument);
-}
+  EXPECT_THAT(log_capture::Find("About to start"), IsEmpty());
 
-TEST_F(Lifecycle, EndpointsOfTheCallerMayOutliveTheManager) {
-  std::string topicName;
-  Start();
-  SourcePtr source = m_manager->CreateClientSource({1, 2, 3, 0, {}});
-  ReceiverPtr receiver = m_manager->CreateClientReceiver({1, 2, 3, 0, {}}, {}, topicName);
-  m_manager->Shutdown();
-  m_manager.reset();
-  const std::size_t before = OwnCalls().size();
-  receiver.reset();
-  source.reset();
-  EXPECT_THAT(Functions(OwnCalls(before)), ElementsAre("lbm_rcv_delete", "lbm_src_delete"));
+  // Threads for which there is no room.
+  pthread_attr_t usual;
+  pthread_getattr_default_np(&usual);
+  pthread_attr_t huge;
+  pthread_attr_init(&huge);
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
+  pthread_setattr_default_np(&huge);
+  EXPECT_THROW(Start(), std::system_error);
+  pthread_setattr_default_np(&usual);
+  EXPECT_THAT(LiveHandles(), IsEmpty());
 }
 
 // ---- Destruction without Shutdown

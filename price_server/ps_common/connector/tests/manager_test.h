@@ -9,58 +9,45 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
-#include "fake_onload.h"
 #include "ps_common/config/config.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
 #include "zq/logging/testing/log_capture.h"
 
 namespace ps_ns {
 
-using zq::logging::LogLevel;
 namespace log_capture = zq::logging::testing::log_capture;
+using lbm_scripted::Failure;
+using lbm_scripted::LiveHandles;
+using lbm_scripted::Script;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
 
-inline constexpr const char* kManagerSource = "price_server/ps_common/connector/source/lbm_client_resource_mgr.cpp";
-
-// A statement of the manager, as a value to compare.
-struct Statement {
-  LogLevel level;
-  unsigned int id;
-  std::string text;
-
-  friend bool operator==(const Statement& left, const Statement& right) {
-    return left.level == right.level && left.id == right.id && left.text == right.text;
-  }
-  friend std::ostream& operator<<(std::ostream& out, const Statement& statement) {
-    return out << statement.level << '/' << statement.id << ' ' << statement.text;
-  }
-};
-
-// What the manager logged since the start of the test.
-inline std::vector<Statement> ManagerStatements() {
-  std::vector<Statement> statements;
-  for (const auto& captured : log_capture::Statements()) {
-    if (captured.file != kManagerSource) {
-      continue;
+// What the manager has logged since log_capture::Clear: "<level> <id> <text>".
+inline std::vector<std::string> Lines() {
+  std::vector<std::string> lines;
+  for (const auto& statement : log_capture::Statements()) {
+    if (statement.file == "price_server/ps_common/connector/source/lbm_client_resource_mgr.cpp") {
+      EXPECT_EQ(statement.decodeType, zq::logging::ZQLOG_DECODE_AS_KV);
+      lines.push_back(std::to_string(statement.level) + ' ' + std::to_string(statement.id) + ' ' + statement.text);
     }
-    EXPECT_EQ(captured.decodeType, zq::logging::ZQLOG_DECODE_AS_KV);
-    EXPECT_GT(captured.line, 0);
-    statements.push_back({captured.level, captured.id, captured.text});
   }
-  return statements;
+  return lines;
 }
 
-// The calls of the messaging interface that the calling thread has made, from the given position on.
-inline std::vector<lbm_scripted::Call> OwnCalls(std::size_t from = 0) {
-  std::vector<lbm_scripted::Call> own;
-  for (auto& call : lbm_scripted::Calls()) {
-    if (call.thread == std::this_thread::get_id()) {
-      own.push_back(std::move(call));
-    }
-  }
-  own.erase(own.begin(), own.begin() + static_cast<std::ptrdiff_t>(from));
-  return own;
+// The calls of the messaging interface that the calling thread makes in action.
+template <typename Action>
+std::vector<lbm_scripted::Call> CallsOf(const Action& action) {
+  const std::size_t before = lbm_scripted::Calls().size();
+  action();
+  auto calls = lbm_scripted::Calls();
+  calls.erase(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(before));
+  std::erase_if(calls, [](const auto& call) { return call.thread != std::this_thread::get_id(); });
+  return calls;
 }
 
 inline std::vector<std::string> Functions(const std::vector<lbm_scripted::Call>& calls) {
@@ -69,6 +56,21 @@ inline std::vector<std::string> Functions(const std::vector<lbm_scripted::Call>&
     functions.push_back(call.function);
   }
   return functions;
+}
+
+// what() of the LbmError of action when a function of the library fails, for the reason "no", after some successes.
+template <typename Action>
+std::string FailureOf(const char* function, const Action& action, int successes = 0) {
+  if (successes > 0) {
+    Script(function, {}, successes);
+  }
+  Script(function, Failure(LBM_EINVAL, "no"));
+  try {
+    action();
+  } catch (const lbm::LbmError& error) {
+    return error.what();
+  }
+  return "nothing was thrown";
 }
 
 // Constructor arguments with the values that most tests use.
@@ -88,17 +90,9 @@ class ManagerTest : public testing::Test {
   ManagerTest() {
     lbm_scripted::Reset();
     log_capture::Clear();
-    fake_onload::Reset(0);
   }
 
-  ~ManagerTest() override {
-    if (m_manager) {
-      m_manager->Shutdown();
-    }
-    m_manager.reset();
-    EXPECT_THAT(lbm_scripted::Problems(), testing::IsEmpty());
-    EXPECT_THAT(lbm_scripted::LiveHandles(), testing::IsEmpty());
-  }
+  ~ManagerTest() override { End(); }
 
   // Returns when the dispatch thread is processing events.
   LbmClientResourceMgr& Start(const Settings& settings = {}) {
@@ -109,13 +103,21 @@ class ManagerTest : public testing::Test {
     return *m_manager;
   }
 
+  // The manager's, and with it that of everything that was made; another one may be started then.
+  void End() {
+    if (m_manager) {
+      m_manager->Shutdown();
+    }
+    m_manager.reset();
+    EXPECT_THAT(lbm_scripted::Problems(), IsEmpty());
+    EXPECT_THAT(LiveHandles(), IsEmpty());
+    lbm_scripted::Reset();
+  }
+
   // Waits until the dispatch thread has begun its count-th round.
   static void WaitForRounds(std::size_t count) {
     ASSERT_TRUE(lbm_scripted::WaitForCalls("lbm_context_process_events", count)) << "waited for round " << count;
   }
-
-  // Lets the next rounds find nothing to do and return at once; the round after them waits.
-  static void ScriptEmptyRounds(int count) { lbm_scripted::Script("lbm_context_process_events", {}, count); }
 
   std::unique_ptr<LbmClientResourceMgr> m_manager;
 };
