@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "common/exit_code.h"
+#include "cli/exit_code.h"
 
 namespace feed {
 namespace {
@@ -58,7 +58,7 @@ ps_ns::ServerInstance ParseServerInstance(const std::string& text) {
       return instance;
     }
   }
-  throw common::UsageError(
+  throw cli::UsageError(
       "bad server instance \"" + text +
       "\"; expected market:submarket:node or market:submarket:node:name, numbers from 0 to 32767, such as "
       "1:1:1:STOCKS");

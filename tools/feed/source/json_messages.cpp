@@ -5,7 +5,7 @@
 #include <tuple>
 #include <utility>
 
-#include "common/one_line.h"
+#include "cli/one_line.h"
 #include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "feed/command.h"
@@ -100,7 +100,7 @@ template <std::integral T>
 Json ToJson(T value) {
   return value;
 }
-Json ToJson(const std::string& text) { return common::OneLine(text); }
+Json ToJson(const std::string& text) { return cli::OneLine(text); }
 Json ToJson(const Symbol& symbol) { return symbol.View(); }
 Json ToJson(Date date) { return ToString(date); }
 Json ToJson(Price price) { return price.ToString(); }
@@ -111,7 +111,7 @@ Json ToJson(ServerState state) { return ToString(state); }
 Json ToJson(const CommandAnswer::Figures& figures) {
   auto object = Json::object();
   for (const auto& [name, figure] : figures) {
-    object[common::OneLine(name)] = figure;
+    object[cli::OneLine(name)] = figure;
   }
   return object;
 }
@@ -177,7 +177,7 @@ bool FromJson(const ParsedJson& json, T& value) {
 }
 
 bool FromJson(const ParsedJson& json, std::string& text) {
-  if (!json.is_string() || !common::IsOneLine(json.get_ref<const std::string&>())) {
+  if (!json.is_string() || !cli::IsOneLine(json.get_ref<const std::string&>())) {
     return false;
   }
   text = json.get<std::string>();
@@ -221,7 +221,7 @@ bool FromJson(const ParsedJson& json, CommandAnswer::Figures& figures) {
     return false;
   }
   for (const auto& [name, figure] : json.items()) {
-    if (!common::IsOneLine(name) || !FromJson(figure, figures[name])) {
+    if (!cli::IsOneLine(name) || !FromJson(figure, figures[name])) {
       return false;
     }
   }

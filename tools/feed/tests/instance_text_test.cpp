@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "common/exit_code.h"
+#include "cli/exit_code.h"
 
 namespace feed {
 namespace {
@@ -25,7 +25,7 @@ TEST(ServerInstanceText, ThatIsNoneIsRefusedWithAnExample) {
     try {
       ParseServerInstance(text);
       ADD_FAILURE() << '"' << text << "\" was taken";
-    } catch (const common::UsageError& error) {
+    } catch (const cli::UsageError& error) {
       EXPECT_THAT(error.what(), testing::AllOf(testing::HasSubstr(std::string("\"") + text + '"'),
                                                testing::HasSubstr("such as 1:1:1:STOCKS")));
     }

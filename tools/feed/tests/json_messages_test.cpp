@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "common/one_line.h"
+#include "cli/one_line.h"
 #include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "feed/command.h"
@@ -144,7 +144,7 @@ TEST(JsonMessages, WithAFieldOutOfRangeAreNone) {
       {3, "headline", "a\nb"},
       {3, "headline", "a\x1b[31m"},
       {3, "headline", "a\xc2\x9b"},
-      {3, "headline", std::string(common::kMaxTextLength + 1, 'a')},
+      {3, "headline", std::string(cli::kMaxTextLength + 1, 'a')},
       {4, "state", "ajar"},
       {6, "last", 1},
       {6, "products",
@@ -174,26 +174,26 @@ TEST(JsonMessages, MayHaveAnIDThoughTheyCannotBeRead) {
 TEST(JsonMessages, MakeOneLineOfEveryText) {
   std::mt19937 random(2);
   for (int i = 0; i < 500; ++i) {
-    std::string bytes(random() % (2 * common::kMaxTextLength), ' ');
+    std::string bytes(random() % (2 * cli::kMaxTextLength), ' ');
     for (auto& byte : bytes) {
       byte = static_cast<char>(random() % (i % 2 == 0 ? 256 : 128));
     }
     const CommandAnswer answer{1, bytes, bytes, bytes, bytes, {{bytes, 1}}};
     const auto arrived = DecodeCommandAnswer(Encode(answer));
     ASSERT_TRUE(arrived.has_value());
-    ASSERT_EQ(arrived->text, common::OneLine(bytes));
+    ASSERT_EQ(arrived->text, cli::OneLine(bytes));
   }
-  EXPECT_EQ(common::OneLine("a\tb\xc2\x9b"
-                            "c\xff"
-                            "d\u00e9"),
+  EXPECT_EQ(cli::OneLine("a\tb\xc2\x9b"
+                         "c\xff"
+                         "d\u00e9"),
             "a b c\ufffdd\u00e9");
-  std::string cut(common::kMaxTextLength - 1, 'a');
-  EXPECT_EQ(common::OneLine(cut + "\u00e9"), cut);
-  EXPECT_EQ(common::OneLine(cut + 'b' + 'c'), cut + 'b');
+  std::string cut(cli::kMaxTextLength - 1, 'a');
+  EXPECT_EQ(cli::OneLine(cut + "\u00e9"), cut);
+  EXPECT_EQ(cli::OneLine(cut + 'b' + 'c'), cut + 'b');
 }
 
 TEST(JsonMessages, FitTheirLimitWhateverTheyHold) {
-  const std::string text(common::kMaxTextLength, '"');
+  const std::string text(cli::kMaxTextLength, '"');
   EXPECT_TRUE(DecodeCommand(Encode(Command{1, text, std::vector(Command::kMaxArguments, text)})));
   CommandAnswer answer{1, text, text, text, text, {}};
   for (auto name = text; answer.figures.size() < CommandAnswer::kMaxFigures;) {

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "common/exit_code.h"
+#include "cli/exit_code.h"
 #include "ps_common/config/config.h"
 
 namespace price_client {
@@ -20,7 +20,7 @@ ps_ns::ConfigPtr LoadConfig(const std::string& path) {
   try {
     return ps_ns::Config::Load(path);
   } catch (const ps_ns::ConfigError& error) {
-    throw common::UsageError(error.what());
+    throw cli::UsageError(error.what());
   }
 }
 
@@ -37,7 +37,7 @@ Client::Client(const Options& options, std::function<void()> wake) : m_mailbox(s
     m_manager = std::make_unique<ps_ns::LbmClientResourceMgr>(config, options.contextName, options.onload, options.cpu,
                                                               kProcessEventTimeoutMs, beat, 1);
   } catch (const boost::property_tree::ptree_error& error) {
-    throw common::UsageError(options.configFile + ": " + error.what());
+    throw cli::UsageError(options.configFile + ": " + error.what());
   }
   try {
     const auto maxSilence = std::chrono::duration_cast<Clock::duration>(options.maxSilence);

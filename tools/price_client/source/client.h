@@ -29,7 +29,7 @@ class Client {
   using Clock = Subscription::Clock;
 
   // wake is called on the dispatch thread when something has come that Work should see at once. Throws
-  // common::UsageError for a configuration that cannot be used, lbm::LbmError when messaging is not possible.
+  // cli::UsageError for a configuration that cannot be used, lbm::LbmError when messaging is not possible.
   Client(const Options& options, std::function<void()> wake);
   ~Client() { Stop(); }
   Client(const Client&) = delete;

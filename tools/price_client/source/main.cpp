@@ -2,9 +2,9 @@
 
 #include <iostream>
 
+#include "cli/command_line.h"
+#include "cli/signal_wait.h"
 #include "client.h"
-#include "common/command_line.h"
-#include "common/signal_wait.h"
 #include "options.h"
 #include "rate_meter.h"
 #include "summary_json.h"
@@ -15,11 +15,11 @@
 namespace price_client {
 namespace {
 
-common::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
-  auto code = common::ExitCode::kOk;
+cli::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
+  auto code = cli::ExitCode::kOk;
   const auto complain = [&code](const std::string& what) {
     std::cerr << "price_client: " << what << std::endl;
-    code = common::ExitCode::kUnsatisfied;
+    code = cli::ExitCode::kUnsatisfied;
   };
   for (const auto& instance : snapshot.instances) {
     if (instance.totals.updates == 0) {
@@ -32,16 +32,16 @@ common::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
   return code;
 }
 
-common::ExitCode Run(int argc, const char* const* argv) {
-  const common::Output output;
+cli::ExitCode Run(int argc, const char* const* argv) {
+  const cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
   if (!options) {
-    return common::ExitCode::kOk;
+    return cli::ExitCode::kOk;
   }
 
-  auto signals = TakesOverTerminal(*options, output) ? common::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
-                                                     : common::SignalWait{SIGINT, SIGTERM, SIGHUP};
-  common::DivertLibraryOutput();
+  auto signals = TakesOverTerminal(*options, output) ? cli::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
+                                                     : cli::SignalWait{SIGINT, SIGTERM, SIGHUP};
+  cli::DivertLibraryOutput();
   Client client(*options, [&signals] { signals.Wake(); });
   RateMeter rates(RateMeter::Clock::now());
   bool endedByCommand = false;
@@ -63,5 +63,5 @@ common::ExitCode Run(int argc, const char* const* argv) {
 }  // namespace price_client
 
 int main(int argc, char** argv) {
-  return common::RunTool("price_client", [argc, argv] { return price_client::Run(argc, argv); });
+  return cli::RunTool("price_client", [argc, argv] { return price_client::Run(argc, argv); });
 }

@@ -8,7 +8,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "common/command_line.h"
+#include "cli/command_line.h"
 #include "feed/instance_text.h"
 #include "ps_common/connector/topic_names.h"
 
@@ -41,18 +41,18 @@ bool IsIdentity(const std::string& text) {
 
 void CheckIdentity(const Options& options) {
   if (!IsIdentity(options.clientID) || !IsIdentity(options.host)) {
-    throw common::UsageError("--client-id and --host take visible ASCII characters without blanks");
+    throw cli::UsageError("--client-id and --host take visible ASCII characters without blanks");
   }
   try {
     ps_ns::TopicNames::CreateClientCommandResponseTopic(options.host, options.clientID);
   } catch (const std::length_error&) {
-    throw common::UsageError("--client-id and --host are too long: there can be no topic for them");
+    throw cli::UsageError("--client-id and --host are too long: there can be no topic for them");
   }
 }
 
 }  // namespace
 
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output) {
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output) {
   Options options;
   std::vector<std::string> instances;
 
@@ -66,9 +66,9 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
       ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
       ->type_name("1.." + std::to_string(feed::kMaxSegments))
       ->capture_default_str();
-  common::AddSecondsOption(app, options.seconds, "End after this many seconds");
+  cli::AddSecondsOption(app, options.seconds, "End after this many seconds");
   app.add_option("--count", options.count, "End after at least this many updates")
-      ->check(common::NumberUpTo(1e18))
+      ->check(cli::NumberUpTo(1e18))
       ->type_name("N");
   app.add_flag("--json", options.json, "Print nothing but the summary, as one JSON document");
   app.add_flag("--quiet", options.quiet, "Print nothing but the summary");
@@ -82,7 +82,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
          "--max-silence",
          [&options](const double& seconds) { options.maxSilence = std::chrono::duration<double>(seconds); },
          "Seconds without a status after which a server counts as silent")
-      ->check(common::NumberUpTo(kMaxSeconds))
+      ->check(cli::NumberUpTo(kMaxSeconds))
       ->type_name("S")
       ->default_str("5");
   app.add_option("--context-name", options.contextName,
@@ -92,16 +92,16 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
       ->check(CLI::NonNegativeNumber.description(""))
       ->type_name("N");
   app.add_flag("--onload", options.onload, "Let the dispatch thread spin when the kernel bypass is present");
-  common::AddCommonOptions(app);
+  cli::AddCommonOptions(app);
 
-  if (!common::ParseCommandLine(app, argc, argv, output)) {
+  if (!cli::ParseCommandLine(app, argc, argv, output)) {
     return std::nullopt;
   }
 
   for (const auto& text : instances) {
     const auto instance = feed::ParseServerInstance(text);
     if (std::find(options.instances.begin(), options.instances.end(), instance) != options.instances.end()) {
-      throw common::UsageError("server instance \"" + text + "\" is given twice");
+      throw cli::UsageError("server instance \"" + text + "\" is given twice");
     }
     options.instances.push_back(instance);
   }

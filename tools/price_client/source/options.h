@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "common/output.h"
+#include "cli/output.h"
 #include "ps_common/connector/server_instance.h"
 
 namespace price_client {
@@ -30,7 +30,7 @@ struct Options {
   bool onload = false;
 };
 
-// Nothing when the user asked for help or the version, which then has been written. Throws common::UsageError.
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output);
+// Nothing when the user asked for help or the version, which then has been written. Throws cli::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output);
 
 }  // namespace price_client

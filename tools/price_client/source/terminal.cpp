@@ -38,7 +38,7 @@ void HandleFatalSignals(void (*handler)(int), unsigned flags) {
 
 }  // namespace
 
-Terminal::Terminal(const common::Output& output) : m_output(output) {
+Terminal::Terminal(const cli::Output& output) : m_output(output) {
   m_output.Write(kEnter);
   HandleFatalSignals(OnFatalSignal, SA_RESETHAND);
 }

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "common/output.h"
+#include "cli/output.h"
 #include "live_view.h"
 
 namespace price_client {
@@ -13,7 +13,7 @@ namespace price_client {
 // when a fatal signal ends the process. One at a time.
 class Terminal {
  public:
-  explicit Terminal(const common::Output& output);
+  explicit Terminal(const cli::Output& output);
   ~Terminal();
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
@@ -27,7 +27,7 @@ class Terminal {
   void Suspend() const;
 
  private:
-  const common::Output& m_output;
+  const cli::Output& m_output;
 };
 
 }  // namespace price_client

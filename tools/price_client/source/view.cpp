@@ -16,7 +16,7 @@ class Silence : public View {
 
 class LiveView : public View {
  public:
-  explicit LiveView(const common::Output& output) : m_terminal(output), m_colour(std::getenv("NO_COLOR") == nullptr) {}
+  explicit LiveView(const cli::Output& output) : m_terminal(output), m_colour(std::getenv("NO_COLOR") == nullptr) {}
 
   void Show(const Snapshot& snapshot) override {
     if (snapshot.elapsedSeconds < m_nextFrame) {
@@ -38,7 +38,7 @@ class LiveView : public View {
 // A line on each change as it happens, and one on each instance every second.
 class Lines : public View {
  public:
-  explicit Lines(const common::Output& output) : m_output(output) {}
+  explicit Lines(const cli::Output& output) : m_output(output) {}
 
   void Show(const Snapshot& snapshot) override {
     auto text = ChangeLines(m_clientBefore, snapshot.client, snapshot.elapsedSeconds);
@@ -62,7 +62,7 @@ class Lines : public View {
  private:
   static constexpr double kSecondsPerProgress = 1;
 
-  const common::Output& m_output;
+  const cli::Output& m_output;
   ClientSnapshot m_clientBefore;
   std::vector<InstanceSnapshot> m_before;
   double m_nextProgress = kSecondsPerProgress;
@@ -70,11 +70,11 @@ class Lines : public View {
 
 }  // namespace
 
-bool TakesOverTerminal(const Options& options, const common::Output& output) {
+bool TakesOverTerminal(const Options& options, const cli::Output& output) {
   return !options.json && !options.quiet && !options.plain && output.IsTerminal();
 }
 
-std::unique_ptr<View> MakeView(const Options& options, const common::Output& output) {
+std::unique_ptr<View> MakeView(const Options& options, const cli::Output& output) {
   if (options.json || options.quiet) {
     return std::make_unique<Silence>();
   }

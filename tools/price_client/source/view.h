@@ -4,7 +4,7 @@
 #include <chrono>
 #include <memory>
 
-#include "common/output.h"
+#include "cli/output.h"
 #include "options.h"
 #include "snapshot.h"
 
@@ -22,9 +22,9 @@ class View {
 };
 
 // Whether the options and the output ask for the live view.
-bool TakesOverTerminal(const Options& options, const common::Output& output);
+bool TakesOverTerminal(const Options& options, const cli::Output& output);
 
 // The live view, lines, or nothing at all. output has to outlive it.
-std::unique_ptr<View> MakeView(const Options& options, const common::Output& output);
+std::unique_ptr<View> MakeView(const Options& options, const cli::Output& output);
 
 }  // namespace price_client

@@ -50,7 +50,7 @@ bool Watch::Show(Clock::time_point now) {
 
 bool Watch::WaitUntil(Clock::time_point deadline) {
   const int signal = m_signals.WaitUntil(deadline);
-  if (common::AsksToStop(signal)) {
+  if (cli::AsksToStop(signal)) {
     return false;
   }
   if (signal != 0) {

@@ -3,8 +3,8 @@
 
 #include <chrono>
 
+#include "cli/signal_wait.h"
 #include "client.h"
-#include "common/signal_wait.h"
 #include "options.h"
 #include "rate_meter.h"
 #include "view.h"
@@ -16,7 +16,7 @@ namespace price_client {
 // Threads: for one thread.
 class Watch {
  public:
-  Watch(const Options& options, Client& client, common::SignalWait& signals, View& view, RateMeter& rates)
+  Watch(const Options& options, Client& client, cli::SignalWait& signals, View& view, RateMeter& rates)
       : m_options(options), m_client(client), m_signals(signals), m_view(view), m_rates(rates) {}
 
   // Returns when the user, the options or a command ends it: whether it was a command. Throws std::runtime_error when
@@ -24,7 +24,7 @@ class Watch {
   bool Run();
 
  private:
-  using Clock = common::SignalWait::Clock;
+  using Clock = cli::SignalWait::Clock;
 
   // All that is done again and again; return whether to go on.
   bool ObeyCommands(Clock::time_point now);
@@ -36,7 +36,7 @@ class Watch {
 
   const Options& m_options;
   Client& m_client;
-  common::SignalWait& m_signals;
+  cli::SignalWait& m_signals;
   View& m_view;
   RateMeter& m_rates;
   bool m_hasQuit = false;

@@ -4,14 +4,14 @@
 
 #include <iostream>
 
-#include "common/one_line.h"
+#include "cli/one_line.h"
 #include "console_line.h"
 #include "lbm/errors.h"
 
 namespace price_server {
 
 CommandConsole::CommandConsole(lbm::Context& ctx, SourceWatch& sources, TaskLoop& loop, std::uint64_t session,
-                               std::chrono::duration<double> timeout, const common::Output& output)
+                               std::chrono::duration<double> timeout, const cli::Output& output)
     : m_output(output),
       m_sender(ctx, loop, session, timeout, [&output](std::string_view line) { output.Write(line); }),
       m_directory(ctx, sources, loop,
@@ -25,7 +25,7 @@ void CommandConsole::Execute(const std::string& line) {
     return;
   }
   const auto refuse = [&line](const char* why) {
-    std::cerr << "price_server: bad line \"" << common::OneLine(line) << "\": " << why << "; \"" << kHelpWord
+    std::cerr << "price_server: bad line \"" << cli::OneLine(line) << "\": " << why << "; \"" << kHelpWord
               << "\" shows how lines are written" << std::endl;
   };
   try {

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <string>
 
+#include "cli/output.h"
 #include "client_directory.h"
 #include "command_sender.h"
-#include "common/output.h"
 #include "lbm/context.h"
 #include "line_reader.h"
 #include "source_watch.h"
@@ -23,7 +23,7 @@ class CommandConsole {
  public:
   // All arguments have to outlive the console; session and timeout as in CommandSender. Throws std::system_error.
   CommandConsole(lbm::Context& ctx, SourceWatch& sources, TaskLoop& loop, std::uint64_t session,
-                 std::chrono::duration<double> timeout, const common::Output& output);
+                 std::chrono::duration<double> timeout, const cli::Output& output);
 
   // Says which commands are left without an outcome.
   void Close() { m_sender.Close(); }
@@ -31,7 +31,7 @@ class CommandConsole {
  private:
   void Execute(const std::string& line);
 
-  const common::Output& m_output;
+  const cli::Output& m_output;
   CommandSender m_sender;
   ClientDirectory m_directory;
   LineReader m_reader;  // last: its handler uses the rest

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "common/one_line.h"
+#include "cli/one_line.h"
 #include "lbm/errors.h"
 
 namespace price_server {
@@ -102,8 +102,8 @@ void CommandSender::NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, 
   if (const auto found = m_pending.find(number); found != m_pending.end()) {
     found->second.state = State::kAnswered;
   }
-  auto line = fmt::format("#{} from {} on {}: {}", number, common::OneLine(client.m_clientID),
-                          common::OneLine(client.m_hostname), answer.result);
+  auto line = fmt::format("#{} from {} on {}: {}", number, cli::OneLine(client.m_clientID),
+                          cli::OneLine(client.m_hostname), answer.result);
   if (!answer.text.empty()) {
     line += "; " + answer.text;
   }

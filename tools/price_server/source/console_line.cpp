@@ -3,7 +3,7 @@
 #include <sstream>
 #include <vector>
 
-#include "common/one_line.h"
+#include "cli/one_line.h"
 #include "ps_common/connector/topic_names.h"
 
 namespace price_server {
@@ -15,8 +15,8 @@ const std::string_view kConsoleHelp =
     "Commands that clients know: report, pause, resume, quit.\n";
 
 std::optional<ConsoleCommand> ParseConsoleLine(std::string_view line) {
-  if (line.size() > common::kMaxTextLength) {
-    throw BadConsoleLine("a line of more than " + std::to_string(common::kMaxTextLength) + " bytes");
+  if (line.size() > cli::kMaxTextLength) {
+    throw BadConsoleLine("a line of more than " + std::to_string(cli::kMaxTextLength) + " bytes");
   }
   std::istringstream text{std::string(line)};
   std::vector<std::string> words;
@@ -27,7 +27,7 @@ std::optional<ConsoleCommand> ParseConsoleLine(std::string_view line) {
     return std::nullopt;
   }
   for (const auto& word : words) {
-    if (word != common::OneLine(word)) {
+    if (word != cli::OneLine(word)) {
       throw BadConsoleLine("bytes that are not UTF-8, or control characters");
     }
   }

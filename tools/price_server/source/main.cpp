@@ -6,8 +6,8 @@
 #include <iostream>
 #include <optional>
 
-#include "common/command_line.h"
-#include "common/signal_wait.h"
+#include "cli/command_line.h"
+#include "cli/signal_wait.h"
 #include "feed/prices_file.h"
 #include "instance_lock.h"
 #include "lbm/attributes.h"
@@ -29,7 +29,7 @@ feed::PricesFile ReadPrices(const Options& options) {
   try {
     return feed::ReadPricesFile(options.pricesFile, options.symbolOfDailyValues);
   } catch (const feed::PricesFileError& error) {
-    throw common::UsageError(error.what());
+    throw cli::UsageError(error.what());
   }
 }
 
@@ -42,16 +42,16 @@ std::filesystem::path LockDirectory(const lbm::Context& context) {
   }
 }
 
-common::ExitCode Run(int argc, const char* const* argv) {
-  const common::Output output;
+cli::ExitCode Run(int argc, const char* const* argv) {
+  const cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
   if (!options) {
-    return common::ExitCode::kOk;
+    return cli::ExitCode::kOk;
   }
   const auto file = ReadPrices(*options);
 
-  common::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
-  common::DivertLibraryOutput();
+  cli::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  cli::DivertLibraryOutput();
   TaskLoop loop;
   SourceWatch sources(loop);
   lbm::ContextAttributes attributes;
@@ -66,7 +66,7 @@ common::ExitCode Run(int argc, const char* const* argv) {
   } catch (const InstanceRunning& error) {
     std::cerr << "price_server: instance " << options->instance.ToString() << " is " << error.what()
               << "; end it first, or choose another --node" << std::endl;
-    return common::ExitCode::kUnsatisfied;
+    return cli::ExitCode::kUnsatisfied;
   }
 
   const auto session = static_cast<std::uint64_t>(feed::RealTimeNanoseconds());
@@ -83,12 +83,12 @@ common::ExitCode Run(int argc, const char* const* argv) {
   replay.Run();
   services.Close();
   output.Write(replay.Summary());
-  return common::ExitCode::kOk;
+  return cli::ExitCode::kOk;
 }
 
 }  // namespace
 }  // namespace price_server
 
 int main(int argc, char** argv) {
-  return common::RunTool("price_server", [argc, argv] { return price_server::Run(argc, argv); });
+  return cli::RunTool("price_server", [argc, argv] { return price_server::Run(argc, argv); });
 }

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "common/command_line.h"
+#include "cli/command_line.h"
 #include "feed/instance_text.h"
 
 namespace price_server {
@@ -27,7 +27,7 @@ feed::Symbol SymbolFromFileName(const std::string& path) {
 
 }  // namespace
 
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output) {
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output) {
   Options options;
   std::string symbol;
 
@@ -52,46 +52,44 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
                  "from the file's name")
       ->type_name("SYMBOL");
   app.add_option("--rate", options.updatesPerSecond, "Updates a second over all segments; 0: as fast as possible")
-      ->check(common::NumberUpTo(1e9))
+      ->check(cli::NumberUpTo(1e9))
       ->type_name("R")
       ->capture_default_str();
   app.add_flag("--loop", options.loop, "Start over at the end of the prices file");
-  app.add_option("--count", options.count, "End after this many updates")
-      ->check(common::NumberUpTo(1e18))
-      ->type_name("N");
-  common::AddSecondsOption(app, options.seconds, "End after this many seconds");
+  app.add_option("--count", options.count, "End after this many updates")->check(cli::NumberUpTo(1e18))->type_name("N");
+  cli::AddSecondsOption(app, options.seconds, "End after this many seconds");
   app.add_flag("--wait-for-client", options.waitForClient,
                "Send the first update when a client has subscribed to every segment");
-  common::AddSecondsOption(app, "--news-every", options.newsPeriod, "Seconds from one news to the next; 0: none");
-  common::AddSecondsOption(app, "--rfq-every", options.rfqPeriod,
-                           "Seconds from one request for quotes to the next; 0: none");
-  common::AddSecondsOption(app, "--status-every", options.statusPeriod, "Seconds from one status to the next");
+  cli::AddSecondsOption(app, "--news-every", options.newsPeriod, "Seconds from one news to the next; 0: none");
+  cli::AddSecondsOption(app, "--rfq-every", options.rfqPeriod,
+                        "Seconds from one request for quotes to the next; 0: none");
+  cli::AddSecondsOption(app, "--status-every", options.statusPeriod, "Seconds from one status to the next");
   app.add_flag("--console", options.hasConsole,
                "Read commands to clients from standard input, one a line; the line \"help\" tells more");
-  common::AddSecondsOption(app, "--command-timeout", options.commandTimeout,
-                           "How long a command waits for a client to hear it, and then for an answer");
+  cli::AddSecondsOption(app, "--command-timeout", options.commandTimeout,
+                        "How long a command waits for a client to hear it, and then for an answer");
   app.add_option("--context-name", options.contextName, "Name of the messaging context; default: price_server")
       ->type_name("NAME");
   app.add_flag("--quiet", options.quiet, "Print the summary only, and what --console gives");
-  common::AddCommonOptions(app);
+  cli::AddCommonOptions(app);
 
-  if (!common::ParseCommandLine(app, argc, argv, output)) {
+  if (!cli::ParseCommandLine(app, argc, argv, output)) {
     return std::nullopt;
   }
 
   if (!options.instance.m_marketName.empty() && !feed::IsMarketName(options.instance.m_marketName)) {
-    throw common::UsageError(
+    throw cli::UsageError(
         "bad --market-name; expected 1 to 32 visible "
         "characters without blanks");
   }
   if (options.statusPeriod.count() == 0) {
-    throw common::UsageError("bad --status-every 0; expected a number above 0");
+    throw cli::UsageError("bad --status-every 0; expected a number above 0");
   }
   options.symbolOfDailyValues = SymbolFromFileName(options.pricesFile);
   if (!symbol.empty()) {
     const auto parsed = feed::Symbol::Parse(symbol);
     if (!parsed) {
-      throw common::UsageError("bad --symbol \"" + symbol + "\"; expected 1 to 20 visible characters");
+      throw cli::UsageError("bad --symbol \"" + symbol + "\"; expected 1 to 20 visible characters");
     }
     options.symbolOfDailyValues = *parsed;
   }

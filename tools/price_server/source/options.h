@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "common/output.h"
+#include "cli/output.h"
 #include "feed/symbol.h"
 #include "ps_common/connector/server_instance.h"
 
@@ -32,7 +32,7 @@ struct Options {
 };
 
 // Nothing when the user asked for help or the version, which then has been
-// written. Throws common::UsageError.
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output);
+// written. Throws cli::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output);
 
 }  // namespace price_server

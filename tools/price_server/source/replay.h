@@ -4,7 +4,7 @@
 #include <atomic>
 #include <string>
 
-#include "common/signal_wait.h"
+#include "cli/signal_wait.h"
 #include "feed/prices_file.h"
 #include "options.h"
 #include "product_catalogue.h"
@@ -20,7 +20,7 @@ class Replay {
  public:
   // All arguments have to outlive the replay.
   Replay(const Options& options, const feed::PricesFile& file, const ProductCatalogue& catalogue,
-         SegmentPublisher& publisher, Progress& progress, common::SignalWait& signals)
+         SegmentPublisher& publisher, Progress& progress, cli::SignalWait& signals)
       : m_options(options),
         m_file(file),
         m_catalogue(catalogue),
@@ -38,7 +38,7 @@ class Replay {
   std::string Summary() const;
 
  private:
-  using Clock = common::SignalWait::Clock;
+  using Clock = cli::SignalWait::Clock;
 
   bool Send(const feed::RecordedPrice& price);
   bool WaitForClient();
@@ -49,7 +49,7 @@ class Replay {
   const ProductCatalogue& m_catalogue;
   SegmentPublisher& m_publisher;
   Progress& m_progress;
-  common::SignalWait& m_signals;
+  cli::SignalWait& m_signals;
   std::atomic<bool> m_isStopRequested{false};
   Clock::time_point m_start;
   Clock::time_point m_end = Clock::time_point::max();

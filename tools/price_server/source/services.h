@@ -5,8 +5,8 @@
 #include <functional>
 #include <optional>
 
+#include "cli/output.h"
 #include "command_console.h"
-#include "common/output.h"
 #include "feed/prices_file.h"
 #include "lbm/context.h"
 #include "news_wire.h"
@@ -36,7 +36,7 @@ class Services {
     lbm::Context& ctx;
     SourceWatch& sources;  // installed in ctx if the options ask for a console
     TaskLoop& loop;
-    const common::Output& output;
+    const cli::Output& output;
   };
 
   // session as in feed::PriceMessage. onFailure is called on the loop's thread when the services cannot go on. Throws

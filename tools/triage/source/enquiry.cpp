@@ -42,7 +42,7 @@ Answer ReadAnswer(const std::string& data, const std::string& requestId) {
   }
 }
 
-Enquiry::Enquiry(Question question, common::SignalWait& signals)
+Enquiry::Enquiry(Question question, cli::SignalWait& signals)
     : m_question(std::move(question)),
       m_signals(signals),
       m_context(Attributes()),
@@ -63,7 +63,7 @@ Outcome Enquiry::Run(Clock::duration timeout, std::optional<std::size_t> expecte
     if (now >= end || (expected && outcome.answers.size() >= *expected)) {
       return outcome;
     }
-    if (common::AsksToStop(m_signals.WaitUntil(askAt ? std::min(*askAt, end) : end))) {
+    if (cli::AsksToStop(m_signals.WaitUntil(askAt ? std::min(*askAt, end) : end))) {
       return Read();
     }
   }

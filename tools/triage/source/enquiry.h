@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "common/signal_wait.h"
+#include "cli/signal_wait.h"
 #include "lbm/context.h"
 #include "lbm/request.h"
 #include "lbm/source.h"
@@ -47,10 +47,10 @@ Answer ReadAnswer(const std::string& data, const std::string& requestId);
 // Threads: one; the answers come in on the context's own.
 class Enquiry {
  public:
-  using Clock = common::SignalWait::Clock;
+  using Clock = cli::SignalWait::Clock;
 
   // Makes a context. signals has to outlive the object, which wakes it. Throws lbm::LbmError.
-  Enquiry(Question question, common::SignalWait& signals);
+  Enquiry(Question question, cli::SignalWait& signals);
 
   // Waits until the timeout has passed, so many have answered as are expected, or a signal asks to stop. Throws
   // lbm::LbmError.
@@ -75,7 +75,7 @@ class Enquiry {
   Outcome Read() const;
 
   const Question m_question;
-  common::SignalWait& m_signals;
+  cli::SignalWait& m_signals;
 
   mutable std::mutex m_mutex;
   // Guarded by m_mutex:

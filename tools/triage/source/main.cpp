@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "common/command_line.h"
-#include "common/signal_wait.h"
+#include "cli/command_line.h"
+#include "cli/signal_wait.h"
 #include "enquiry.h"
 #include "options.h"
 #include "report.h"
@@ -37,17 +37,17 @@ Question QuestionOf(const Options& options) {
   return question;
 }
 
-common::ExitCode Run(int argc, const char* const* argv) {
-  const common::Output output;
+cli::ExitCode Run(int argc, const char* const* argv) {
+  const cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
   if (!options) {
-    return common::ExitCode::kOk;
+    return cli::ExitCode::kOk;
   }
 
   // This process asks; it is not one of those to be asked.
   ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "this is the triage tool", 1);
-  common::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
-  common::DivertLibraryOutput();
+  cli::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  cli::DivertLibraryOutput();
   const auto question = QuestionOf(*options);
   const auto start = Enquiry::Clock::now();
   Enquiry enquiry(question, signals);
@@ -66,5 +66,5 @@ common::ExitCode Run(int argc, const char* const* argv) {
 }  // namespace triage
 
 int main(int argc, char** argv) {
-  return common::RunTool("triage", [argc, argv] { return triage::Run(argc, argv); });
+  return cli::RunTool("triage", [argc, argv] { return triage::Run(argc, argv); });
 }

@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 
-#include "common/command_line.h"
+#include "cli/command_line.h"
 #include "zq/messaging/triage.pb.h"
 #include "zq/messaging/triage_requests.h"
 
@@ -66,16 +66,16 @@ void Resolve(const Target& target, Options& options) {
     options.dataCenter = orVariable(target.dataCenter, protocol::kDataCenterVariable);
   }
   if (options.environment.empty()) {
-    throw common::UsageError(std::string("which environment? Give --environment or set ") +
-                             protocol::kEnvironmentVariable);
+    throw cli::UsageError(std::string("which environment? Give --environment or set ") +
+                          protocol::kEnvironmentVariable);
   }
   if (target.dataCenter && target.dataCenter->empty()) {
-    throw common::UsageError("--data-center is empty; --all-data-centers asks the whole environment");
+    throw cli::UsageError("--data-center is empty; --all-data-centers asks the whole environment");
   }
   const auto topic = TopicOf(options);
   if (topic.size() > LBM_TOPIC_NAME_MAX) {
-    throw common::UsageError("the names are too long: their topic has " + std::to_string(topic.size()) +
-                             " bytes and at most " + std::to_string(LBM_TOPIC_NAME_MAX) + " are possible");
+    throw cli::UsageError("the names are too long: their topic has " + std::to_string(topic.size()) +
+                          " bytes and at most " + std::to_string(LBM_TOPIC_NAME_MAX) + " are possible");
   }
 }
 
@@ -84,7 +84,7 @@ void AddWaiting(CLI::App& command, Options& options) {
       .add_option_function<double>(
           "--timeout", [&options](const double& value) { options.timeout = std::chrono::duration<double>(value); },
           "How long to wait for answers")
-      ->check(common::NumberUpTo(kMaxTimeout))
+      ->check(cli::NumberUpTo(kMaxTimeout))
       ->type_name("S")
       ->default_str(CLI::detail::to_string(options.timeout.count()));
   command.add_option("--expect", options.expected, "End as soon as so many have answered; fewer are not enough")
@@ -115,17 +115,17 @@ void AddNakKill(CLI::App& command, NakKillFlags& request) {
 NakKill Read(const NakKillFlags& flags) {
   protocol::LBMContext contexts{};
   if (!protocol::LBMContext_Parse(protocol::UpperCase(flags.contexts), &contexts)) {
-    throw common::UsageError("--context: \"" + flags.contexts + "\" is none of " + ContextGroups());
+    throw cli::UsageError("--context: \"" + flags.contexts + "\" is none of " + ContextGroups());
   }
   if (!flags.enable && !flags.disable) {
-    throw common::UsageError("nak-kill needs --enable or --disable");
+    throw cli::UsageError("nak-kill needs --enable or --disable");
   }
   return {contexts, flags.enable};
 }
 
 }  // namespace
 
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output) {
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output) {
   Options options;
   NakKillFlags nakKill;
   Target target;
@@ -134,7 +134,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
-  common::AddCommonOptions(app);
+  cli::AddCommonOptions(app);
   auto* const test = app.add_subcommand("test", "Ask for an answer and nothing else");
   auto* const nak = app.add_subcommand("nak-kill", "Switch NAKs on or off on contexts chosen by name");
   AddNakKill(*nak, nakKill);
@@ -144,7 +144,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const com
     command->footer(kFooter);
   }
 
-  if (!common::ParseCommandLine(app, argc, argv, output)) {
+  if (!cli::ParseCommandLine(app, argc, argv, output)) {
     return std::nullopt;
   }
 

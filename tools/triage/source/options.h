@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "common/output.h"
+#include "cli/output.h"
 
 namespace triage {
 
@@ -26,8 +26,8 @@ struct Options {
   bool json = false;
 };
 
-// Nothing when the user asked for help or the version, which then has been written. Throws common::UsageError.
-std::optional<Options> ParseOptions(int argc, const char* const* argv, const common::Output& output);
+// Nothing when the user asked for help or the version, which then has been written. Throws cli::UsageError.
+std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output);
 
 // Where the request goes.
 std::string TopicOf(const Options& options);

@@ -136,7 +136,7 @@ std::string Json(const Report& report) {
 }
 
 Verdict Judge(const Report& report) {
-  using common::ExitCode;
+  using cli::ExitCode;
   const auto& outcome = report.outcome;
   if (outcome.answers.empty()) {
     return {ExitCode::kNoAnswer, NobodyAnswered(report)};

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <string>
 
-#include "common/exit_code.h"
+#include "cli/exit_code.h"
 #include "enquiry.h"
 #include "options.h"
 
@@ -24,7 +24,7 @@ std::string Table(const Report& report);
 std::string Json(const Report& report);
 
 struct Verdict {
-  common::ExitCode code = common::ExitCode::kOk;
+  cli::ExitCode code = cli::ExitCode::kOk;
   std::string complaint;  // what is wrong and what to look at; empty when nothing is
 };
 Verdict Judge(const Report& report);

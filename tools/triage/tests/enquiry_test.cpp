@@ -75,7 +75,7 @@ class EnquiryTest : public testing::Test {
   }
 
   const test_support::PrivateDomain m_domain;
-  common::SignalWait m_signals{SIGTERM};
+  cli::SignalWait m_signals{SIGTERM};
 };
 
 TEST_F(EnquiryTest, EveryAnswerIsReadAndEndsTheWaitWhenItIsTheLastExpected) {

@@ -8,7 +8,7 @@
 namespace triage {
 namespace {
 
-using common::ExitCode;
+using cli::ExitCode;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 

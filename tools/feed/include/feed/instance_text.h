@@ -14,7 +14,7 @@ constexpr unsigned kMaxSegments = 1024;
 // 1 to 32 visible ASCII characters without blanks.
 bool IsMarketName(std::string_view text);
 
-// Reads "market:submarket:node" or "market:submarket:node:name". Throws common::UsageError.
+// Reads "market:submarket:node" or "market:submarket:node:name". Throws cli::UsageError.
 ps_ns::ServerInstance ParseServerInstance(const std::string& text);
 
 }  // namespace feed

@@ -1,4 +1,4 @@
-#include "common/command_line.h"
+#include "cli/command_line.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 
 #include "zq/logging/default_backend.h"
 
-namespace common {
+namespace cli {
 namespace {
 
 void SetMinLogLevel(const std::string& name) {
@@ -114,4 +114,4 @@ void DivertLibraryOutput() {
   std::cout.rdbuf(zq::logging::IsEnabled(zq::logging::ZQLOG_INFO) ? std::cerr.rdbuf() : nullptr);
 }
 
-}  // namespace common
+}  // namespace cli

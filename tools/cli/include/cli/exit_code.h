@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-namespace common {
+namespace cli {
 
 // Stable: scripts rely on the numbers.
 enum class ExitCode : int {
@@ -21,4 +21,4 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-}  // namespace common
+}  // namespace cli

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <initializer_list>
 
-namespace common {
+namespace cli {
 
 // Keeps signals from interrupting anything: from construction on they are blocked on this thread and on all threads
 // that it starts, and are only seen by WaitUntil. They stay blocked when the object is gone, so that an impatient
@@ -40,4 +40,4 @@ class SignalWait {
 // Whether the signal asks for an orderly end.
 constexpr bool AsksToStop(int signal) { return signal == SIGINT || signal == SIGTERM || signal == SIGHUP; }
 
-}  // namespace common
+}  // namespace cli

@@ -1,10 +1,10 @@
-#include "common/signal_wait.h"
+#include "cli/signal_wait.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
-namespace common {
+namespace cli {
 namespace {
 
 using namespace std::chrono_literals;
@@ -36,4 +36,4 @@ TEST(SignalWait, ASignalIsSeenWhateverElseIsPending) {
 }
 
 }  // namespace
-}  // namespace common
+}  // namespace cli

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace common {
+namespace cli {
 
 // Longest text in a message, in bytes.
 constexpr std::size_t kMaxTextLength = 1024;
@@ -17,4 +17,4 @@ bool IsOneLine(std::string_view text);
 // kMaxTextLength is cut off between two characters.
 std::string OneLine(std::string_view text);
 
-}  // namespace common
+}  // namespace cli

@@ -1,11 +1,11 @@
-#include "common/output.h"
+#include "cli/output.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
 
-namespace common {
+namespace cli {
 
 void Output::Write(std::string_view text) const {
   while (!text.empty()) {
@@ -20,4 +20,4 @@ void Output::Write(std::string_view text) const {
 
 bool Output::IsTerminal() const { return ::isatty(STDOUT_FILENO) == 1; }
 
-}  // namespace common
+}  // namespace cli

@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "common/exit_code.h"
-#include "common/output.h"
+#include "cli/exit_code.h"
+#include "cli/output.h"
 
-namespace common {
+namespace cli {
 
 // Adds --version and --log-level. The log goes to standard error, from warnings on unless the user asks for more.
 void AddCommonOptions(CLI::App& app);
@@ -39,4 +39,4 @@ int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) no
 // Threads: call while no other thread writes to std::cout.
 void DivertLibraryOutput();
 
-}  // namespace common
+}  // namespace cli

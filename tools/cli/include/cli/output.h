@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-namespace common {
+namespace cli {
 
 // Results go to standard output unbuffered, and a result that could not be written is an error.
 class Output {
@@ -14,4 +14,4 @@ class Output {
   bool IsTerminal() const;
 };
 
-}  // namespace common
+}  // namespace cli

@@ -1,4 +1,4 @@
-#include "common/signal_wait.h"
+#include "cli/signal_wait.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <system_error>
 
-namespace common {
+namespace cli {
 namespace {
 
 bool IsIgnored(int signal) {
@@ -82,4 +82,4 @@ void SignalWait::Wake() noexcept {
   [[maybe_unused]] const auto written = ::write(m_wakes, &kOne, sizeof kOne);
 }
 
-}  // namespace common
+}  // namespace cli
