@@ -24,13 +24,6 @@ void SetMinLogLevel(const std::string& name) {
   zq::logging::SetMinLevel(*level);
 }
 
-CLI::Option* AddSecondsOption(CLI::App& app, const std::string& name, const std::string& help,
-                              const std::function<void(double)>& set) {
-  // The bound keeps deadlines within what clocks can represent.
-  constexpr double kMaxSeconds = 1e8;
-  return app.add_option_function<double>(name, set, help)->check(NumberUpTo(kMaxSeconds))->type_name("S");
-}
-
 // A standard descriptor that the caller has closed would be given to the next file opened, which then would be taken
 // for standard input or output. Reading from what stands in for it gives the end of the input; writing to it is an
 // error.
@@ -63,18 +56,6 @@ CLI::Validator NumberUpTo(double max) {
     return good ? std::string() : '"' + text + "\" is not a number from 0 to " + CLI::detail::to_string(max);
   };
   return CLI::Validator(check, "");
-}
-
-void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help) {
-  AddSecondsOption(app, "--seconds", help,
-                   [&seconds](double value) { seconds = std::chrono::duration<double>(value); });
-}
-
-void AddSecondsOption(CLI::App& app, const std::string& name, std::chrono::duration<double>& seconds,
-                      const std::string& help) {
-  AddSecondsOption(app, name, help, [&seconds](double value) {
-    seconds = std::chrono::duration<double>(value);
-  })->default_str(CLI::detail::to_string(seconds.count()));
 }
 
 bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output) {

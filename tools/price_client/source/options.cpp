@@ -15,9 +15,6 @@
 namespace price_client {
 namespace {
 
-// What keeps deadlines within what clocks can represent.
-constexpr double kMaxSeconds = 1e8;
-
 constexpr const char* kFooter =
     "Exit codes: 0 ended in order, 1 an instance delivered nothing or, with --strict, a gap was seen, 2 the command\n"
     "line or the configuration file is not usable, 3 something failed while running.\n"
@@ -66,7 +63,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
       ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
       ->type_name("1.." + std::to_string(feed::kMaxSegments))
       ->capture_default_str();
-  cli::AddSecondsOption(app, options.seconds, "End after this many seconds");
+  cli::AddSecondsOption(app, "--seconds", options.seconds, "End after this many seconds");
   app.add_option("--count", options.count, "End after at least this many updates")
       ->check(cli::NumberUpTo(1e18))
       ->type_name("N");
@@ -78,13 +75,8 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
       ->type_name("ID");
   app.add_option("--host", options.host, "Name by which commands reach all clients of a machine; default: its own")
       ->type_name("HOST");
-  app.add_option_function<double>(
-         "--max-silence",
-         [&options](const double& seconds) { options.maxSilence = std::chrono::duration<double>(seconds); },
-         "Seconds without a status after which a server counts as silent")
-      ->check(cli::NumberUpTo(kMaxSeconds))
-      ->type_name("S")
-      ->default_str("5");
+  cli::AddSecondsOption(app, "--max-silence", options.maxSilence,
+                        "Seconds without a status after which a server counts as silent");
   app.add_option("--context-name", options.contextName,
                  "Name of the messaging context; with one, the client answers no triage requests")
       ->type_name("NAME");

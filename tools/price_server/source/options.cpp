@@ -57,7 +57,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
       ->capture_default_str();
   app.add_flag("--loop", options.loop, "Start over at the end of the prices file");
   app.add_option("--count", options.count, "End after this many updates")->check(cli::NumberUpTo(1e18))->type_name("N");
-  cli::AddSecondsOption(app, options.seconds, "End after this many seconds");
+  cli::AddSecondsOption(app, "--seconds", options.seconds, "End after this many seconds");
   app.add_flag("--wait-for-client", options.waitForClient,
                "Send the first update when a client has subscribed to every segment");
   cli::AddSecondsOption(app, "--news-every", options.newsPeriod, "Seconds from one news to the next; 0: none");

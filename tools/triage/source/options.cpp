@@ -20,9 +20,6 @@ constexpr const char* kFooter =
     "failure. Ctrl-C ends the wait; what came by then counts.\n"
     "LBM_RUNTIME_DIR names the directory in which this tool and the processes meet.";
 
-// The bound keeps deadlines within what clocks can represent.
-constexpr double kMaxTimeout = 1e6;
-
 // What the command line says of the target.
 struct Target {
   std::optional<std::string> environment;
@@ -80,13 +77,7 @@ void Resolve(const Target& target, Options& options) {
 }
 
 void AddWaiting(CLI::App& command, Options& options) {
-  command
-      .add_option_function<double>(
-          "--timeout", [&options](const double& value) { options.timeout = std::chrono::duration<double>(value); },
-          "How long to wait for answers")
-      ->check(cli::NumberUpTo(kMaxTimeout))
-      ->type_name("S")
-      ->default_str(CLI::detail::to_string(options.timeout.count()));
+  cli::AddSecondsOption(command, "--timeout", options.timeout, "How long to wait for answers");
   command.add_option("--expect", options.expected, "End as soon as so many have answered; fewer are not enough")
       ->check(CLI::Range(1, 1'000'000).description(""))
       ->type_name("N");

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "cli/exit_code.h"
 #include "cli/output.h"
@@ -19,12 +20,17 @@ void AddCommonOptions(CLI::App& app);
 // Takes numbers from 0 to max; unlike the library's range check, not "nan".
 CLI::Validator NumberUpTo(double max);
 
-// Adds the option --seconds, which takes a number such as 2.5.
-void AddSecondsOption(CLI::App& app, std::optional<std::chrono::duration<double>>& seconds, const std::string& help);
-
-// Adds an option of that kind, with what seconds holds as the default.
-void AddSecondsOption(CLI::App& app, const std::string& name, std::chrono::duration<double>& seconds,
-                      const std::string& help);
+// Adds an option that takes a number of seconds such as 2.5, at most so many that deadlines are within what clocks can
+// represent. What seconds holds already is shown as the default; an optional one has none.
+template <class Seconds>
+void AddSecondsOption(CLI::App& app, const std::string& name, Seconds& seconds, const std::string& help) {
+  constexpr double kMax = 1e8;
+  const auto set = [&seconds](double value) { seconds = std::chrono::duration<double>(value); };
+  auto* const option = app.add_option_function<double>(name, set, help)->check(NumberUpTo(kMax))->type_name("S");
+  if constexpr (!std::is_same_v<Seconds, std::optional<std::chrono::duration<double>>>) {
+    option->default_str(CLI::detail::to_string(seconds.count()));
+  }
+}
 
 // Returns false when the user asked for help or the version, which then has been written. Throws UsageError.
 bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output);
