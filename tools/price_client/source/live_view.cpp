@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <span>
 #include <string_view>
-#include <vector>
 
+#include "cli/table.h"
 #include "format.h"
 #include "server_text.h"
 
@@ -158,14 +160,30 @@ void AddServer(Frame& frame, const InstanceSnapshot& instance) {
   frame.EndLine();
 }
 
-void AddSymbol(Frame& frame, const SymbolSnapshot& symbol) {
-  const auto style = symbol.price > symbol.previousPrice   ? Style::kGreen
-                     : symbol.price < symbol.previousPrice ? Style::kRed
-                                                           : Style::kPlain;
-  frame.Add(fmt::format("  {:<14} {:>13} ", symbol.symbol.View(), symbol.price.ToString()));
-  frame.Add(fmt::format("{:>+10.2f} {:>+7.2f}%", symbol.Change(), symbol.ChangePercent()), style);
-  frame.Add(fmt::format("  {} {:>12}", feed::ToString(symbol.date), FormatCount(symbol.updates)), Style::kDim);
-  frame.EndLine();
+Style StyleOfMove(const SymbolSnapshot& symbol) {
+  if (symbol.price == symbol.previousPrice) {
+    return Style::kPlain;
+  }
+  return symbol.price > symbol.previousPrice ? Style::kGreen : Style::kRed;
+}
+
+// Wide enough for most prices from the start, so that the columns stay where they are as prices change.
+void AddSymbols(Frame& frame, std::span<const SymbolSnapshot> symbols) {
+  cli::Table table(1, {14, 12, 10, 8, 10, 11});
+  for (const auto& symbol : symbols) {
+    table.Add({std::string(symbol.symbol.View()), symbol.price.ToString(), fmt::format("{:+.2f}", symbol.Change()),
+               fmt::format("{:+.2f}%", symbol.ChangePercent()), feed::ToString(symbol.date),
+               FormatCount(symbol.updates)});
+  }
+  const auto rows = table.Aligned();
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const auto move = StyleOfMove(symbols[i]);
+    const std::array styles{Style::kPlain, Style::kPlain, move, move, Style::kDim, Style::kDim};
+    for (std::size_t column = 0; column < styles.size(); ++column) {
+      frame.Add(cli::Table::kGap).Add(rows[i][column], styles[column]);
+    }
+    frame.EndLine();
+  }
 }
 
 }  // namespace
@@ -195,9 +213,7 @@ std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) 
     kept -= hasServerRow(instance) ? 2 : 1;
     const auto room = frame.RowsLeft() > kept ? frame.RowsLeft() - kept : 0;
     const auto shown = std::min<std::size_t>(room, instance.symbols.size());
-    for (std::size_t s = 0; s < shown; ++s) {
-      AddSymbol(frame, instance.symbols[s]);
-    }
+    AddSymbols(frame, std::span(instance.symbols).first(shown));
     hidden += instance.symbols.size() - shown;
   }
   if (hidden > 0 && frame.RowsLeft() > 0) {

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <vector>
 
+#include "cli/table.h"
 #include "format.h"
 #include "quantiles.h"
 #include "server_text.h"
@@ -13,7 +13,7 @@
 namespace price_client {
 namespace {
 
-using Row = std::vector<std::string>;
+using Row = cli::Table::Row;
 
 Row PricesRow(const std::string& name, const std::string& state, const Totals& totals) {
   return {name,
@@ -42,27 +42,6 @@ Row ServerRow(const InstanceSnapshot& instance) {
           FormatCount(notices.news)};
 }
 
-// The first columns are texts, the rest are numbers.
-std::string Table(const std::vector<Row>& rows, std::size_t texts) {
-  std::vector<std::size_t> widths(rows.front().size());
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
-    }
-  }
-  std::string text;
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      if (i > 0) {
-        text += "  ";
-      }
-      text += i < texts ? fmt::format("{:<{}}", row[i], widths[i]) : fmt::format("{:>{}}", row[i], widths[i]);
-    }
-    text += '\n';
-  }
-  return text;
-}
-
 std::string NewsAndProducts(const InstanceSnapshot& instance) {
   constexpr std::size_t kMaxNames = 10;
   const auto& notices = instance.notices;
@@ -87,28 +66,31 @@ std::string NewsAndProducts(const InstanceSnapshot& instance) {
 }  // namespace
 
 std::string SummaryTable(const Snapshot& snapshot) {
-  std::vector<Row> prices{{"prices", "state", "updates", "rate/s", "gaps", "missed", "lost", "restarts"}};
+  cli::Table prices(2);
+  cli::Table latencies(1);
+  cli::Table servers(2);
+  prices.Add({"prices", "state", "updates", "rate/s", "gaps", "missed", "lost", "restarts"});
   Row headings{"latency"};
   for (const auto& quantile : kQuantiles) {
     headings.emplace_back(quantile.heading);
   }
   headings.emplace_back("max");
-  std::vector<Row> latencies{headings};
-  std::vector<Row> servers{{"server", "status", "products", "RFQs", "news"}};
+  latencies.Add(headings);
+  servers.Add({"server", "status", "products", "RFQs", "news"});
   std::string notices;
   for (const auto& instance : snapshot.instances) {
-    prices.push_back(PricesRow(instance.name, NameOf(instance.state), instance.totals));
-    latencies.push_back(LatencyRow(instance.name, instance.totals.latency));
-    servers.push_back(ServerRow(instance));
+    prices.Add(PricesRow(instance.name, NameOf(instance.state), instance.totals));
+    latencies.Add(LatencyRow(instance.name, instance.totals.latency));
+    servers.Add(ServerRow(instance));
     notices += NewsAndProducts(instance);
   }
   const auto total = snapshot.Total();
-  prices.push_back(PricesRow("total", "", total));
-  latencies.push_back(LatencyRow("total", total.latency));
+  prices.Add(PricesRow("total", "", total));
+  latencies.Add(LatencyRow("total", total.latency));
   if (!notices.empty()) {
     notices.insert(0, 1, '\n');
   }
-  return Table(prices, 2) + '\n' + Table(latencies, 1) + '\n' + Table(servers, 2) + notices;
+  return prices.ToString() + '\n' + latencies.ToString() + '\n' + servers.ToString() + notices;
 }
 
 }  // namespace price_client

@@ -4,35 +4,15 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <array>
 #include <nlohmann/json.hpp>
 
+#include "cli/table.h"
 #include "zq/messaging/triage_requests.h"
 
 namespace triage {
 namespace {
 
 using zq::messaging::triage::UpperCase;
-
-constexpr std::size_t kColumns = 5;
-using Row = std::array<std::string, kColumns>;
-
-std::string AlignedRows(const std::vector<Row>& rows) {
-  std::array<std::size_t, kColumns> widths{};
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i < kColumns; ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
-    }
-  }
-  std::string text;
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i + 1 < kColumns; ++i) {
-      text += fmt::format("{:<{}}  ", row[i], widths[i]);
-    }
-    text += fmt::format("{:>{}}\n", row.back(), widths.back());  // a number
-  }
-  return text;
-}
 
 std::string Milliseconds(std::chrono::nanoseconds time) {
   return fmt::format("{:.3f} ms", std::chrono::duration<double, std::milli>(time).count());
@@ -90,12 +70,13 @@ std::string Table(const Report& report) {
   const auto& outcome = report.outcome;
   std::string text;
   if (!outcome.answers.empty()) {
-    std::vector<Row> rows{{"process", "environment", "data center", "status", "round trip"}};
+    cli::Table table(4);
+    table.Add({"process", "environment", "data center", "status", "round trip"});
     for (const auto& answer : outcome.answers) {
-      rows.push_back({OrUnknown(answer.process), UpperCase(report.options.environment),
-                      OrUnknown(UpperCase(report.options.dataCenter)), answer.status, Milliseconds(answer.roundTrip)});
+      table.Add({OrUnknown(answer.process), UpperCase(report.options.environment),
+                 OrUnknown(UpperCase(report.options.dataCenter)), answer.status, Milliseconds(answer.roundTrip)});
     }
-    text += AlignedRows(rows);
+    text += table.ToString();
   }
   text += fmt::format("{} to {} on {} in {:.1f} s\n", Answers(outcome.answers.size()), report.question.requestId,
                       report.question.topic, report.elapsed.count());
