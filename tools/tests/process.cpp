@@ -8,43 +8,45 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <chrono>
-#include <system_error>
+#include <utility>
+
+#include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace tools_test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using zq::posix::Descriptor;
 
 constexpr auto kDeadline = std::chrono::seconds(60);
 
-void Check(bool good, const char* what) {
-  if (!good) {
-    throw std::system_error(errno, std::generic_category(), what);
-  }
-}
-
 struct Channel {
-  int reader = -1;
-  int writer = -1;
+  Descriptor reader;
+  Descriptor writer;
 };
 
 Channel MakePipe() {
   std::array<int, 2> ends{};
-  Check(::pipe2(ends.data(), O_CLOEXEC) == 0, "pipe2");
-  return {ends[0], ends[1]};
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+    zq::posix::ThrowErrno("pipe2");
+  }
+  return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 Channel MakeTerminal() {
-  Channel channel;
+  int reader = -1;
+  int writer = -1;
   winsize size{};
   size.ws_col = 80;
   size.ws_row = 24;
-  Check(::openpty(&channel.reader, &channel.writer, nullptr, nullptr, &size) == 0, "openpty");
-  ::fcntl(channel.reader, F_SETFD, FD_CLOEXEC);
-  ::fcntl(channel.writer, F_SETFD, FD_CLOEXEC);
-  return channel;
+  if (::openpty(&reader, &writer, nullptr, nullptr, &size) != 0) {
+    zq::posix::ThrowErrno("openpty");
+  }
+  ::fcntl(reader, F_SETFD, FD_CLOEXEC);
+  ::fcntl(writer, F_SETFD, FD_CLOEXEC);
+  return {Descriptor(reader), Descriptor(writer)};
 }
 
 }  // namespace
@@ -60,27 +62,26 @@ Process::Process(std::vector<std::string> command, const Environment& environmen
     assignments.push_back(name + '=' + value);
   }
 
-  const auto input = MakePipe();
-  const auto output = terminal == Terminal::kOutput ? MakeTerminal() : MakePipe();
-  const auto errors = MakePipe();
+  auto input = MakePipe();
+  auto output = terminal == Terminal::kOutput ? MakeTerminal() : MakePipe();
+  auto errors = MakePipe();
   m_process = ::fork();
-  Check(m_process >= 0, "fork");
+  if (m_process < 0) {
+    zq::posix::ThrowErrno("fork");
+  }
   if (m_process == 0) {
-    ::dup2(input.reader, STDIN_FILENO);
-    ::dup2(output.writer, STDOUT_FILENO);
-    ::dup2(errors.writer, STDERR_FILENO);
+    ::dup2(input.reader.Get(), STDIN_FILENO);
+    ::dup2(output.writer.Get(), STDOUT_FILENO);
+    ::dup2(errors.writer.Get(), STDERR_FILENO);
     for (auto& assignment : assignments) {
       ::putenv(assignment.data());
     }
     ::execv(arguments[0], arguments.data());
     ::_exit(127);
   }
-  ::close(input.reader);
-  ::close(output.writer);
-  ::close(errors.writer);
-  m_inputFile = input.writer;
-  m_outputFile = output.reader;
-  m_errorFile = errors.reader;
+  m_inputFile = std::move(input.writer);
+  m_outputFile = std::move(output.reader);
+  m_errorFile = std::move(errors.reader);
 }
 
 Process::~Process() {
@@ -88,51 +89,37 @@ Process::~Process() {
     ::kill(m_process, SIGKILL);
     ::waitpid(m_process, nullptr, 0);
   }
-  CloseInput();
-  if (m_outputFile >= 0) {
-    ::close(m_outputFile);
-  }
-  if (m_errorFile >= 0) {
-    ::close(m_errorFile);
-  }
 }
 
 void Process::Signal(int signal) const { ::kill(m_process, signal); }
 
 void Process::Write(const std::string& input) const {
-  const auto written = ::write(m_inputFile, input.data(), input.size());
-  Check(written == static_cast<ssize_t>(input.size()), "write");
-}
-
-void Process::CloseInput() {
-  if (m_inputFile >= 0) {
-    ::close(m_inputFile);
+  if (const auto result = zq::posix::WriteAll(m_inputFile.Get(), input); result.error != 0) {
+    zq::posix::ThrowError(result.error, "write");
   }
-  m_inputFile = -1;
 }
 
 bool Process::ReadUntil(const std::function<bool()>& done) {
   const auto end = Clock::now() + kDeadline;
   while (!done()) {
-    std::array<pollfd, 2> files{{{m_outputFile, POLLIN, 0}, {m_errorFile, POLLIN, 0}}};
-    if (m_outputFile < 0 && m_errorFile < 0) {
+    std::array<pollfd, 2> files{{{m_outputFile.Get(), POLLIN, 0}, {m_errorFile.Get(), POLLIN, 0}}};
+    if (!m_outputFile && !m_errorFile) {
       return true;
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
     if (left <= 0 || ::poll(files.data(), files.size(), static_cast<int>(left)) <= 0) {
       return false;
     }
-    const auto take = [](const pollfd& ready, int& file, std::string& text) {
+    const auto take = [](const pollfd& ready, Descriptor& file, std::string& text) {
       if (ready.revents == 0) {
         return;
       }
       std::array<char, 4096> buffer;
-      const auto length = ::read(file, buffer.data(), buffer.size());
+      const auto length = ::read(file.Get(), buffer.data(), buffer.size());
       if (length > 0) {
         text.append(buffer.data(), static_cast<std::size_t>(length));
       } else {
-        ::close(file);
-        file = -1;
+        file = Descriptor();
       }
     };
     take(files[0], m_outputFile, m_output);

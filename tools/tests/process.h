@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "zq/posix/descriptor.h"
+
 namespace tools_test {
 
 // Environment variables on top of the test's own.
@@ -28,7 +30,7 @@ class Process {
 
   // The program has to be there.
   void Write(const std::string& input) const;
-  void CloseInput();
+  void CloseInput() { m_inputFile = zq::posix::Descriptor(); }
 
   // Returns whether the text has come on standard output, in what was not yet passed by, before the deadline; then
   // everything up to its end counts as passed by.
@@ -45,9 +47,9 @@ class Process {
   bool ReadUntil(const std::function<bool()>& done);
 
   pid_t m_process = -1;
-  int m_inputFile = -1;
-  int m_outputFile = -1;
-  int m_errorFile = -1;
+  zq::posix::Descriptor m_inputFile;
+  zq::posix::Descriptor m_outputFile;
+  zq::posix::Descriptor m_errorFile;
   std::string m_output;
   std::string m_errors;
   std::size_t m_passed = 0;

@@ -8,6 +8,8 @@
 #include <sstream>
 
 #include "zq/logging/default_backend.h"
+#include "zq/posix/descriptor.h"
+#include "zq/posix/environment.h"
 
 namespace cli {
 namespace {
@@ -28,12 +30,12 @@ void SetMinLogLevel(const std::string& name) {
 // for standard input or output. Reading from what stands in for it gives the end of the input; writing to it is an
 // error.
 void OccupyStandardDescriptors() {
-  int file = -1;
-  do {
-    file = ::open("/dev/null", O_RDONLY);
-  } while (file >= 0 && file <= STDERR_FILENO);
-  if (file >= 0) {
-    ::close(file);
+  for (;;) {
+    zq::posix::Descriptor file(::open("/dev/null", O_RDONLY));
+    if (!file || file.Get() > STDERR_FILENO) {
+      return;
+    }
+    file.Release();
   }
 }
 
@@ -79,7 +81,7 @@ int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) no
   };
   try {
     OccupyStandardDescriptors();
-    if (std::getenv("CHEF_ENVIRONMENT") == nullptr && std::getenv("DATA_CENTER") == nullptr) {
+    if (zq::posix::Environment("CHEF_ENVIRONMENT").empty() && zq::posix::Environment("DATA_CENTER").empty()) {
       // Nobody expects triage outside a deployment, so the triage handler need not complain that it is not there.
       ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "outside a deployment", 0);
     }

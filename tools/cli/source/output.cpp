@@ -2,19 +2,14 @@
 
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
+#include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace cli {
 
 void Output::Write(std::string_view text) const {
-  while (!text.empty()) {
-    const auto written = ::write(STDOUT_FILENO, text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno != EINTR) {
-      throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
-    }
+  if (const auto result = zq::posix::WriteAll(STDOUT_FILENO, text); result.error != 0) {
+    zq::posix::ThrowError(result.error, "cannot write to standard output");
   }
 }
 

@@ -1,11 +1,13 @@
 #include "feed/prices_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
+#include <limits>
 #include <map>
 #include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "zq/posix/file.h"
 
 namespace feed {
 namespace {
@@ -38,15 +40,19 @@ std::vector<std::string_view> SplitAtCommas(std::string_view line) {
 
 std::string Quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
 
+std::string TextOf(const std::string& path) {
+  try {
+    return zq::posix::ReadFile(path, std::numeric_limits<std::size_t>::max());
+  } catch (const std::system_error& error) {
+    throw PricesFileError(path + ": cannot read the prices file: " + error.code().message());
+  }
+}
+
 class Reader {
  public:
   Reader(const std::filesystem::path& path, const Symbol& symbolOfDailyValues)
-      : m_path(path.string()), m_file(path), m_symbolOfDailyValues(symbolOfDailyValues) {
-    // A directory opens like a file and fails at the first read only.
-    if (!m_file || m_file.peek() == std::ifstream::traits_type::eof()) {
-      if (!m_file.eof()) {
-        throw PricesFileError(m_path + ": cannot read the prices file: " + std::strerror(errno));
-      }
+      : m_path(path.string()), m_text(TextOf(m_path)), m_rest(m_text), m_symbolOfDailyValues(symbolOfDailyValues) {
+    if (m_text.empty()) {
       throw PricesFileError(m_path + ": the prices file is empty");
     }
   }
@@ -68,14 +74,13 @@ class Reader {
 
  private:
   bool NextLine() {
-    if (!std::getline(m_file, m_text)) {
-      if (m_file.bad()) {
-        throw PricesFileError(m_path + ": cannot read the prices file: " + std::strerror(errno));
-      }
+    if (m_rest.empty()) {
       return false;
     }
+    const auto end = std::min(m_rest.find('\n'), m_rest.size());
+    m_line = m_rest.substr(0, end);
+    m_rest.remove_prefix(std::min(end + 1, m_rest.size()));
     ++m_lineNumber;
-    m_line = m_text;
     if (m_line.ends_with('\r')) {
       m_line.remove_suffix(1);
     }
@@ -138,11 +143,11 @@ class Reader {
     throw PricesFileError(m_path + ':' + std::to_string(m_lineNumber) + ": " + what);
   }
 
-  std::string m_path;
-  std::ifstream m_file;
-  Symbol m_symbolOfDailyValues;
-  std::string m_text;
-  std::string_view m_line;  // m_text without its end of line
+  const std::string m_path;
+  const std::string m_text;
+  std::string_view m_rest;  // of the text
+  std::string_view m_line;  // without its end
+  const Symbol m_symbolOfDailyValues;
   std::size_t m_lineNumber = 0;
   std::map<std::string, std::uint32_t> m_indexes;
   PricesFile m_result;

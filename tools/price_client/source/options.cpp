@@ -5,12 +5,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 
 #include "cli/command_line.h"
 #include "feed/instance_text.h"
 #include "ps_common/connector/topic_names.h"
+#include "zq/posix/host_name.h"
 
 namespace price_client {
 namespace {
@@ -25,11 +25,6 @@ constexpr const char* kFooter =
 std::string DefaultClientID() {
   const auto* user = ::getpwuid(::getuid());
   return (user != nullptr ? std::string(user->pw_name) : std::to_string(::getuid())) + '-' + std::to_string(::getpid());
-}
-
-std::string HostName() {
-  std::array<char, 256> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' ? name.data() : "localhost";
 }
 
 bool IsIdentity(const std::string& text) {
@@ -101,7 +96,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
     options.clientID = DefaultClientID();
   }
   if (options.host.empty()) {
-    options.host = HostName();
+    options.host = zq::posix::HostName();
   }
   CheckIdentity(options);
   return options;

@@ -5,19 +5,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <string_view>
-#include <system_error>
+#include <cstddef>
+
+#include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace price_server {
 namespace {
 
-std::string ReadOwner(int file) {
-  std::array<char, 32> text{};
-  const auto length = ::pread(file, text.data(), text.size(), 0);
-  const std::string_view owner(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-  return owner.empty() ? "" : " (process " + std::string(owner) + ")";
+// Another process holds the lock.
+[[noreturn]] void ThrowRunning(int file) {
+  constexpr std::size_t kLongestNumber = 32;
+  const auto owner = zq::posix::ReadBeginning(file, kLongestNumber);
+  throw InstanceRunning("already running" + (owner.empty() ? owner : " (process " + owner + ')'));
 }
 
 // An owner that ends removes the file. Whoever had opened it before then holds
@@ -34,34 +35,25 @@ bool IsStillAt(const std::filesystem::path& path, int file) {
 InstanceLock::InstanceLock(const std::filesystem::path& directory, const std::string& name)
     : m_path(directory / (name + ".lock")) {
   do {
-    if (m_file >= 0) {
-      ::close(m_file);
+    m_file = zq::posix::Descriptor(::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!m_file) {
+      zq::posix::ThrowErrno("cannot open " + m_path.string());
     }
-    m_file = ::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (m_file < 0) {
-      throw std::system_error(errno, std::generic_category(), "cannot open " + m_path.string());
-    }
-    if (::flock(m_file, LOCK_EX | LOCK_NB) != 0) {
-      const int error = errno;
-      const auto owner = ReadOwner(m_file);
-      ::close(m_file);
-      if (error == EWOULDBLOCK) {
-        throw InstanceRunning("already running" + owner);
+    if (::flock(m_file.Get(), LOCK_EX | LOCK_NB) != 0) {
+      if (errno == EWOULDBLOCK) {
+        ThrowRunning(m_file.Get());
       }
-      throw std::system_error(error, std::generic_category(), "cannot lock " + m_path.string());
+      zq::posix::ThrowErrno("cannot lock " + m_path.string());
     }
-  } while (!IsStillAt(m_path, m_file));
-  const auto owner = std::to_string(::getpid());
-  if (::ftruncate(m_file, 0) != 0 || ::pwrite(m_file, owner.data(), owner.size(), 0) < 0) {
-    const int error = errno;
-    ::close(m_file);
-    throw std::system_error(error, std::generic_category(), "cannot write " + m_path.string());
+  } while (!IsStillAt(m_path, m_file.Get()));
+  if (::ftruncate(m_file.Get(), 0) != 0) {
+    zq::posix::ThrowErrno("cannot write " + m_path.string());
+  }
+  if (const auto result = zq::posix::WriteAll(m_file.Get(), std::to_string(::getpid())); result.error != 0) {
+    zq::posix::ThrowError(result.error, "cannot write " + m_path.string());
   }
 }
 
-InstanceLock::~InstanceLock() {
-  ::unlink(m_path.c_str());
-  ::close(m_file);
-}
+InstanceLock::~InstanceLock() { ::unlink(m_path.c_str()); }
 
 }  // namespace price_server

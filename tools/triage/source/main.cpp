@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -13,18 +12,15 @@
 #include "options.h"
 #include "report.h"
 #include "zq/messaging/triage_requests.h"
+#include "zq/posix/host_name.h"
 
 namespace triage {
 namespace {
 
 // Tells this run from others in the logs of those who answer.
 std::string MakeRequestId() {
-  std::array<char, 256> host{};
-  if (::gethostname(host.data(), host.size() - 1) != 0) {
-    host[0] = '?';
-  }
   const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::string("triage-") + host.data() + '-' + std::to_string(::getpid()) + '-' +
+  return "triage-" + zq::posix::HostName() + '-' + std::to_string(::getpid()) + '-' +
          std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 

@@ -3,11 +3,11 @@
 #include <lbm/lbm.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 
 #include "cli/command_line.h"
 #include "zq/messaging/triage.pb.h"
 #include "zq/messaging/triage_requests.h"
+#include "zq/posix/environment.h"
 
 namespace triage {
 namespace {
@@ -34,12 +34,6 @@ struct NakKillFlags {
   bool disable = false;
 };
 
-// Empty when the variable is not set.
-std::string Variable(const char* name) {
-  const char* const value = std::getenv(name);
-  return value != nullptr ? value : "";
-}
-
 void AddTarget(CLI::App& command, Target& target) {
   const auto add = [&command](const char* name, std::optional<std::string>& value, const char* help,
                               const char* variable) {
@@ -55,7 +49,7 @@ void AddTarget(CLI::App& command, Target& target) {
 
 void Resolve(const Target& target, Options& options) {
   const auto orVariable = [](const std::optional<std::string>& given, const char* variable) {
-    return given ? *given : Variable(variable);
+    return given ? *given : zq::posix::Environment(variable);
   };
   options.environment = orVariable(target.environment, protocol::kEnvironmentVariable);
   options.topicPrefix = orVariable(target.topicPrefix, protocol::kTopicPrefixVariable);
