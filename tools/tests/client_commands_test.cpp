@@ -90,11 +90,30 @@ TEST_F(ClientCommandsTest, WhatCannotBeObeyedIsAnsweredAndCounted) {
   for (const char* bytes : {"", "report", "{}", "[1, 2, 3]", "\xff\xfe"}) {
     EXPECT_TRUE(trader.Send(bytes));
   }
-  EXPECT_TRUE(trader.Send(R"({"id": 1000, "command": 7})"));
-  EXPECT_EQ(trader.WaitForAnswer(1000).result, "not a command that can be read");
+  const auto answer = trader.Request(R"({"id": 1000, "command": 7})");
+  EXPECT_EQ(answer.id, 1000U);
+  EXPECT_EQ(answer.result, "not a command that can be read");
   const auto after = trader.Command("report").figures;
   EXPECT_EQ(after.at("malformed_commands"), 6);
   EXPECT_EQ(after.at("commands"), before.at("commands") + 2);
+}
+
+TEST_F(ClientCommandsTest, AnswersAreThereForWhoeverListens) {
+  Process client(Client({"--json"}), m_environment);
+  Operator trader(m_runtime.Path(), kHost, kClientID);
+  std::map<std::uint64_t, feed::CommandAnswer> heard;
+  trader.AsPeer().Receive(TopicNames::CreateClientCommandResponseTopic(kHost, kClientID),
+                          [&](const lbm::Message& message) {
+                            if (const auto answer = feed::DecodeCommandAnswer({message.Data(), message.Length()})) {
+                              heard[answer->id] = *answer;
+                            }
+                          });
+  // Until the client knows who listens, nobody hears it.
+  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] { return trader.Command("report").id > 0 && !heard.empty(); }));
+  EXPECT_TRUE(trader.Send(R"({"id": 1000, "command": "dance"})"));
+  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] { return heard.count(1000) > 0; }));
+  EXPECT_THAT(heard[1000].result, HasSubstr("unknown command"));
+  EXPECT_EQ(heard[1000].clientID, kClientID);
 }
 
 TEST_F(ClientCommandsTest, QuitEndsTheClientInOrder) {

@@ -1,5 +1,7 @@
 #include "peer.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
@@ -17,9 +19,6 @@ using Clock = std::chrono::steady_clock;
 using ps_ns::TopicNames;
 
 constexpr auto kDeadline = std::chrono::seconds(60);
-
-// The first answer may be lost on its way, see Operator.
-constexpr auto kFirstAnswerInterval = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -87,41 +86,24 @@ void Peer::Receive(const std::string& topicName, lbm::MessageCallback callback) 
 Operator::Operator(const std::filesystem::path& runtimeDirectory, const std::string& host, const std::string& clientID)
     : m_peer(runtimeDirectory),
       m_hostTopic(TopicNames::CreateClientHostCommandTopic(host)),
-      m_idTopic(TopicNames::CreateClientIDCommandTopic(clientID)) {
-  m_peer.Receive(TopicNames::CreateClientCommandResponseTopic(host, clientID), [this](const lbm::Message& message) {
-    const auto answer = feed::DecodeCommandAnswer({message.Data(), message.Length()});
-    if (answer) {
-      m_answers[answer->id] = *answer;
-    }
-  });
-  // The client may not know yet that somebody listens to its answers.
-  auto nextTry = Clock::now();
-  const bool hasAnswered = m_peer.WaitUntil([&] {
-    if (Clock::now() >= nextTry) {
-      feed::Command command;
-      command.id = ++m_lastID;
-      command.name = feed::kReportCommand;
-      m_peer.Send(m_idTopic, feed::Encode(command));
-      nextTry = Clock::now() + kFirstAnswerInterval;
-    }
-    return !m_answers.empty();
-  });
-  if (!hasAnswered) {
-    throw std::runtime_error("no answer from client " + clientID);
-  }
-}
+      m_idTopic(TopicNames::CreateClientIDCommandTopic(clientID)) {}
 
 feed::CommandAnswer Operator::Ask(const std::string& topicName, const std::string& name) {
   feed::Command command;
   command.id = ++m_lastID;
   command.name = name;
-  m_peer.Send(topicName, feed::Encode(command));
-  return WaitForAnswer(command.id);
+  const auto answer = AskRaw(topicName, feed::Encode(command));
+  EXPECT_EQ(answer.id, command.id) << name;
+  return answer;
 }
 
-feed::CommandAnswer Operator::WaitForAnswer(std::uint64_t id) {
-  m_peer.WaitUntil([&] { return m_answers.count(id) > 0; });
-  return m_answers.count(id) > 0 ? m_answers[id] : feed::CommandAnswer();
+feed::CommandAnswer Operator::AskRaw(const std::string& topicName, const std::string& bytes) {
+  feed::CommandAnswer answer;
+  m_peer.Request(topicName, bytes, [&](std::string_view response) {
+    answer = feed::DecodeCommandAnswer(response).value_or(answer);
+    return true;
+  });
+  return answer;
 }
 
 }  // namespace tools_test

@@ -50,10 +50,9 @@ class Peer {
   std::vector<std::unique_ptr<lbm::Receiver>> m_receivers;
 };
 
-// Somebody who commands one price client.
+// Somebody who commands one price client. His commands are requests, and he takes the answers to them and no others.
 class Operator {
  public:
-  // Returns once the client has answered a first command; throws std::runtime_error when it does not.
   Operator(const std::filesystem::path& runtimeDirectory, const std::string& host, const std::string& clientID);
 
   // Sends the command to the client, or to all clients of the host, and waits for the answer; one without an id when
@@ -61,20 +60,20 @@ class Operator {
   feed::CommandAnswer Command(const std::string& name) { return Ask(m_idTopic, name); }
   feed::CommandAnswer CommandHost(const std::string& name) { return Ask(m_hostTopic, name); }
 
-  // Any bytes whatever, to the client.
+  // Any bytes whatever, to the client: as a message, and as a request, which is waited for likewise.
   bool Send(const std::string& bytes) { return m_peer.Send(m_idTopic, bytes); }
-  feed::CommandAnswer WaitForAnswer(std::uint64_t id);
+  feed::CommandAnswer Request(const std::string& bytes) { return AskRaw(m_idTopic, bytes); }
 
   Peer& AsPeer() { return m_peer; }
 
  private:
   feed::CommandAnswer Ask(const std::string& topicName, const std::string& name);
+  feed::CommandAnswer AskRaw(const std::string& topicName, const std::string& bytes);
 
   Peer m_peer;
   const std::string m_hostTopic;
   const std::string m_idTopic;
   std::uint64_t m_lastID = 0;
-  std::map<std::uint64_t, feed::CommandAnswer> m_answers;
 };
 
 }  // namespace tools_test

@@ -8,6 +8,8 @@
 
 #include "feed/client_request.h"
 #include "feed/client_response.h"
+#include "feed/command.h"
+#include "feed/command_answer.h"
 #include "feed/news.h"
 #include "feed/request_for_quote.h"
 #include "peer.h"
@@ -185,6 +187,28 @@ TEST_F(ServerServicesTest, TheConsoleShowsTheAnswersOfClientsThatNobodyListed) {
   EXPECT_THAT(server.Output(), HasSubstr("#3 from alice on box.example: ok; "));
   EXPECT_THAT(server.Output(), HasSubstr("\nhost <hostname> <command> "));
   EXPECT_THAT(server.Errors(), HasSubstr("bad line \"host\": hostname or command missing; \"help\" shows"));
+}
+
+TEST_F(ServerServicesTest, AClientIsHeardThoughNothingSubscribesToIt) {
+  Process server(Server({"--console"}), m_environment);
+  Peer client(m_runtime.Path());
+  bool hasAnswered = false;
+  client.Receive(TopicNames::CreateClientIDCommandTopic("carol"), [&](const lbm::Message& message) {
+    const auto command = feed::DecodeCommand({message.Data(), message.Length()});
+    if (message.Type() == LBM_MSG_REQUEST && command) {
+      feed::CommandAnswer answer;
+      answer.id = command->id;
+      answer.clientID = "carol";
+      answer.host = "box.example";
+      answer.result = feed::kResultOk;
+      answer.text = command->name;
+      message.GetResponse().Send(feed::Encode(answer), LBM_SRC_FLUSH);
+      hasAnswered = true;
+    }
+  });
+  server.Write("client carol sing\n");
+  ASSERT_TRUE(client.WaitUntil([&] { return hasAnswered; })) << server.Output();
+  EXPECT_TRUE(server.WaitForOutput("#1 from carol on box.example: ok; sing\n")) << server.Output();
 }
 
 TEST_F(ServerServicesTest, CommandsToClientsThatDoNotHearOrAnswerAreSaidToBeSo) {

@@ -77,7 +77,7 @@ void Client::TakeInCommand(const lbm::Message& message) {
   if (message.Type() != LBM_MSG_DATA && message.Type() != LBM_MSG_REQUEST) {
     return;
   }
-  auto command = m_commands->Read({message.Data(), message.Length()});
+  auto command = m_commands->Read(message);
   if (!command) {
     ++m_self.malformedCommands;
   } else if (m_pendingCommands.size() < kMaxPendingCommands) {
@@ -85,7 +85,7 @@ void Client::TakeInCommand(const lbm::Message& message) {
   }
 }
 
-std::optional<feed::Command> Client::NextCommand() {
+std::optional<ReceivedCommand> Client::NextCommand() {
   if (m_pendingCommands.empty()) {
     return std::nullopt;
   }

@@ -39,8 +39,8 @@ class Client {
   void Work(Clock::time_point now);
 
   // The next command that Work has taken in; each must be answered.
-  std::optional<feed::Command> NextCommand();
-  void Answer(const feed::Command& command, std::string_view result, std::string text = {},
+  std::optional<ReceivedCommand> NextCommand();
+  void Answer(const ReceivedCommand& command, std::string_view result, std::string text = {},
               feed::CommandAnswer::Figures figures = {}) {
     m_commands->Answer(command, result, std::move(text), std::move(figures));
   }
@@ -69,7 +69,7 @@ class Client {
   std::atomic<std::uint64_t> m_heartbeat{0};
   ClientSnapshot m_self;
   bool m_isPaused = false;
-  std::deque<feed::Command> m_pendingCommands;
+  std::deque<ReceivedCommand> m_pendingCommands;
   std::unique_ptr<ps_ns::LbmClientResourceMgr> m_manager;
   std::vector<std::unique_ptr<Subscription>> m_subscriptions;
   std::optional<CommandChannel> m_commands;

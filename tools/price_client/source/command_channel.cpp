@@ -18,23 +18,25 @@ CommandChannel::CommandChannel(ps_ns::LbmClientResourceMgr& manager, Mailbox& ma
   m_answers = manager.GetCommandResponseSource();
 }
 
-std::optional<feed::Command> CommandChannel::Read(std::string_view bytes) {
-  auto command = feed::DecodeCommand(bytes);
-  if (!command) {
-    if (const auto id = feed::DecodeMessageID(bytes)) {
-      Send(*id, "not a command that can be read", {}, {});
-    }
+std::optional<ReceivedCommand> CommandChannel::Read(const lbm::Message& message) {
+  const std::string_view bytes(message.Data(), message.Length());
+  if (auto command = feed::DecodeCommand(bytes)) {
+    return ReceivedCommand{std::move(*command), message};
   }
-  return command;
+  if (const auto id = feed::DecodeMessageID(bytes)) {
+    Send(message, *id, "not a command that can be read", {}, {});
+  }
+  return std::nullopt;
 }
 
-void CommandChannel::Answer(const feed::Command& command, std::string_view result, std::string text,
+void CommandChannel::Answer(const ReceivedCommand& received, std::string_view result, std::string text,
                             feed::CommandAnswer::Figures figures) {
-  Send(command.id, result, std::move(text), std::move(figures));
+  Send(received.message, received.command.id, result, std::move(text), std::move(figures));
 }
 
-void CommandChannel::Send(std::uint64_t id, std::string_view result, std::string text,
+void CommandChannel::Send(const lbm::Message& message, std::uint64_t id, std::string_view result, std::string text,
                           feed::CommandAnswer::Figures figures) {
+  constexpr int kFlags = LBM_SRC_FLUSH | LBM_SRC_NONBLOCK;
   feed::CommandAnswer answer;
   answer.id = id;
   answer.clientID = m_clientID;
@@ -43,7 +45,10 @@ void CommandChannel::Send(std::uint64_t id, std::string_view result, std::string
   answer.text = std::move(text);
   answer.figures = std::move(figures);
   const auto bytes = feed::Encode(answer);
-  m_answers->SendEC(bytes.data(), bytes.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK);
+  m_answers->SendEC(bytes.data(), bytes.size(), kFlags);
+  if (message.Type() == LBM_MSG_REQUEST) {
+    lbm_send_response(message.GetResponse(), bytes.data(), bytes.size(), kFlags);
+  }
 }
 
 }  // namespace price_client

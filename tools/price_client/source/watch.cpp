@@ -78,30 +78,31 @@ bool Watch::ObeyCommands(Clock::time_point now) {
   return true;
 }
 
-void Watch::Obey(const feed::Command& command, Clock::time_point now) {
+void Watch::Obey(const ReceivedCommand& received, Clock::time_point now) {
+  const auto& name = received.command.name;
   const auto done = [&](std::string text, feed::CommandAnswer::Figures figures = {}) {
-    m_client.Answer(command, feed::kResultOk, std::move(text), std::move(figures));
+    m_client.Answer(received, feed::kResultOk, std::move(text), std::move(figures));
   };
-  if (command.name == feed::kReportCommand) {
+  if (name == feed::kReportCommand) {
     const auto snapshot = m_rates.Measure(m_client.Read(now), now);
     done(ReportText(snapshot), ReportFigures(snapshot));
-  } else if (command.name == feed::kPauseCommand) {
+  } else if (name == feed::kPauseCommand) {
     const bool wasPaused = m_client.IsPaused();
     m_client.Pause(now);
     done(wasPaused ? "was paused already" : "paused");
-  } else if (command.name == feed::kResumeCommand) {
+  } else if (name == feed::kResumeCommand) {
     const bool wasPaused = m_client.IsPaused();
     try {
       m_client.Resume(now);
       done(wasPaused ? "resumed" : "was not paused");
     } catch (const lbm::LbmError& error) {
-      m_client.Answer(command, error.what());
+      m_client.Answer(received, error.what());
     }
-  } else if (command.name == feed::kQuitCommand) {
+  } else if (name == feed::kQuitCommand) {
     done("ends");
     m_hasQuit = true;
   } else {
-    m_client.Answer(command, "unknown command \"" + command.name + "\"; known: report, pause, resume, quit");
+    m_client.Answer(received, "unknown command \"" + name + "\"; known: report, pause, resume, quit");
   }
 }
 

@@ -31,7 +31,7 @@ class Watch {
   bool Show(Clock::time_point now);
   bool WaitUntil(Clock::time_point deadline);
 
-  void Obey(const feed::Command& command, Clock::time_point now);
+  void Obey(const ReceivedCommand& received, Clock::time_point now);
   void CheckDispatchThread();
 
   const Options& m_options;

@@ -10,12 +10,10 @@
 
 namespace price_server {
 
-CommandConsole::CommandConsole(lbm::Context& ctx, SourceWatch& sources, TaskLoop& loop, std::uint64_t session,
+CommandConsole::CommandConsole(lbm::Context& ctx, TaskLoop& loop, std::uint64_t session,
                                std::chrono::duration<double> timeout, const cli::Output& output)
     : m_output(output),
       m_sender(ctx, loop, session, timeout, [&output](std::string_view line) { output.Write(line); }),
-      m_directory(ctx, sources, loop,
-                  [this](const auto& client, const auto& answer) { m_sender.NoteAnswer(client, answer); }),
       m_reader(STDIN_FILENO,
                [this, &loop](const std::string& line) { return loop.Post([this, line] { Execute(line); }); }) {}
 

@@ -6,11 +6,9 @@
 #include <string>
 
 #include "cli/output.h"
-#include "client_directory.h"
 #include "command_sender.h"
 #include "lbm/context.h"
 #include "line_reader.h"
-#include "source_watch.h"
 #include "task_loop.h"
 
 namespace price_server {
@@ -22,8 +20,8 @@ namespace price_server {
 class CommandConsole {
  public:
   // All arguments have to outlive the console; session and timeout as in CommandSender. Throws std::system_error.
-  CommandConsole(lbm::Context& ctx, SourceWatch& sources, TaskLoop& loop, std::uint64_t session,
-                 std::chrono::duration<double> timeout, const cli::Output& output);
+  CommandConsole(lbm::Context& ctx, TaskLoop& loop, std::uint64_t session, std::chrono::duration<double> timeout,
+                 const cli::Output& output);
 
   // Says which commands are left without an outcome.
   void Close() { m_sender.Close(); }
@@ -33,7 +31,6 @@ class CommandConsole {
 
   const cli::Output& m_output;
   CommandSender m_sender;
-  ClientDirectory m_directory;
   LineReader m_reader;  // last: its handler uses the rest
 };
 

@@ -4,8 +4,10 @@
 
 #include <utility>
 
-#include "cli/one_line.h"
+#include "feed/command_answer.h"
 #include "lbm/errors.h"
+#include "log_statement.h"
+#include "zq/logging/logger.h"
 
 namespace price_server {
 namespace {
@@ -64,8 +66,9 @@ void CommandSender::SendWhatWaits(const std::string& topic) {
     if (command.topic != topic || command.state != State::kWaiting) {
       continue;
     }
-    if (destination.source->SendEC(command.message.data(), command.message.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK) ==
-        -1) {
+    try {
+      SendRequest(*destination.source, number, command.message);
+    } catch (const lbm::LbmError&) {
       PrintOutcome(number, command, fmt::format("not sent, {}", lbm_errmsg()));
       m_pending.erase(current);
       continue;
@@ -93,22 +96,36 @@ void CommandSender::EndWaitForAnswers(Number number) {
   m_pending.erase(found);
 }
 
-void CommandSender::NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, const feed::CommandAnswer& answer) {
-  const Number number = answer.id - m_session;
-  // Answers to others' commands come on the same topics.
-  if (number == 0 || number > m_last) {
+void CommandSender::SendRequest(lbm::Source& source, Number number, const std::string& message) {
+  const auto onResponse = [this, number](const lbm::Message& response) {
+    if (!m_loop.Post([this, number, response] { NoteResponse(number, response); })) {
+      ZQLOG(ZQLOG_WARNING, kServerStatement, "Dropped an answer to a command: " << response.ToString());
+    }
+  };
+  // A request stays where it was made.
+  std::unique_ptr<lbm::Request> request(new lbm::Request(
+      source.SendRequest(message.data(), message.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK, onResponse)));
+  m_requests.emplace(number, std::move(request));
+  if (m_requests.size() > kMaxRequests) {
+    m_requests.erase(m_requests.begin());
+  }
+}
+
+void CommandSender::NoteResponse(Number number, const lbm::Message& message) {
+  const auto answer = feed::DecodeCommandAnswer({message.Data(), message.Length()});
+  if (!answer) {
+    ZQLOG(ZQLOG_WARNING, kServerStatement, "Dropped what is no answer to a command: " << message.ToString());
     return;
   }
   if (const auto found = m_pending.find(number); found != m_pending.end()) {
     found->second.state = State::kAnswered;
   }
-  auto line = fmt::format("#{} from {} on {}: {}", number, cli::OneLine(client.m_clientID),
-                          cli::OneLine(client.m_hostname), answer.result);
-  if (!answer.text.empty()) {
-    line += "; " + answer.text;
+  auto line = fmt::format("#{} from {} on {}: {}", number, answer->clientID, answer->host, answer->result);
+  if (!answer->text.empty()) {
+    line += "; " + answer->text;
   }
   const char* separator = "; ";
-  for (const auto& [name, figure] : answer.figures) {
+  for (const auto& [name, figure] : answer->figures) {
     line += fmt::format("{}{}={}", std::exchange(separator, " "), name, figure);
   }
   m_print(line + '\n');

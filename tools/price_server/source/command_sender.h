@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -11,10 +12,10 @@
 #include <vector>
 
 #include "console_line.h"
-#include "feed/command_answer.h"
 #include "lbm/context.h"
+#include "lbm/message.h"
+#include "lbm/request.h"
 #include "lbm/source.h"
-#include "ps_common/connector/topic_names.h"
 #include "task_loop.h"
 
 namespace price_server {
@@ -22,14 +23,20 @@ namespace price_server {
 // Sends each command once somebody listens on its topic, and says what becomes of it in lines that start with its
 // number: 1, 2, 3, ... Never waits for a client.
 //
+// Commands are requests, so that a client's answer comes back to here whatever else this side and the client know of
+// each other. A subscription to the client's answers might reach a client that hangs after the command does.
+//
 // Threads: for the loop's; made while that is not running and destroyed when it has stopped.
 class CommandSender {
  public:
   using Print = std::function<void(std::string_view line)>;
 
   // How long a topic has to be without a new subscriber before commands are sent on it: others may be about to
-  // subscribe, and this side to hear their answers.
+  // subscribe.
   static constexpr auto kSettlingTime = std::chrono::milliseconds(100);
+
+  // Commands whose answers are taken, at whatever time they come; those to older ones are not.
+  static constexpr std::size_t kMaxRequests = 1024;
 
   // session makes the ids of this run's commands its own. A command waits for timeout to be heard, and once it is sent
   // as long again for an answer. print takes lines with their ends; what it throws leaves through the operations.
@@ -37,7 +44,6 @@ class CommandSender {
                 Print print);
 
   void Send(const ConsoleCommand& command);
-  void NoteAnswer(const ps_ns::ClientCommandResponseTopic& client, const feed::CommandAnswer& answer);
 
   // Says which commands are left without an outcome.
   void Close();
@@ -60,6 +66,8 @@ class CommandSender {
   Destination& DestinationAt(const std::string& topic);
   void NoteSourceEvent(const std::string& topic, int event);
   void SendWhatWaits(const std::string& topic);
+  void SendRequest(lbm::Source& source, Number number, const std::string& message);
+  void NoteResponse(Number number, const lbm::Message& message);
   void EndWaitForListener(Number number);
   void EndWaitForAnswers(Number number);
   void PrintOutcome(Number number, const Pending& command, std::string_view outcome) const;
@@ -71,6 +79,7 @@ class CommandSender {
   const Print m_print;
   std::map<std::string, Destination> m_destinations;  // by topic
   std::map<Number, Pending> m_pending;
+  std::map<Number, std::unique_ptr<lbm::Request>> m_requests;
   Number m_last = 0;
 };
 

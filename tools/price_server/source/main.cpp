@@ -19,7 +19,6 @@
 #include "replay.h"
 #include "segment_publisher.h"
 #include "services.h"
-#include "source_watch.h"
 #include "task_loop.h"
 
 namespace price_server {
@@ -53,12 +52,8 @@ cli::ExitCode Run(int argc, const char* const* argv) {
   cli::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
   cli::DivertLibraryOutput();
   TaskLoop loop;
-  SourceWatch sources(loop);
   lbm::ContextAttributes attributes;
   attributes.SetString("context_name", options->contextName.c_str());
-  if (options->hasConsole) {
-    sources.Install(attributes);
-  }
   lbm::Context context(attributes);
   std::optional<InstanceLock> lock;
   try {
@@ -78,7 +73,7 @@ cli::ExitCode Run(int argc, const char* const* argv) {
     output.Write(fmt::format("{}: {} prices of {} symbols on {} segments\n", options->instance.ToString(),
                              file.prices.size(), file.symbols.size(), options->segments));
   }
-  Services services({*options, file, catalogue, progress, context, sources, loop, output}, session,
+  Services services({*options, file, catalogue, progress, context, loop, output}, session,
                     [&replay] { replay.RequestStop(); });
   replay.Run();
   services.Close();

@@ -34,8 +34,7 @@ Services::Services(const Surroundings& surroundings, std::uint64_t session, std:
       m_requests(surroundings.ctx, surroundings.options.instance, surroundings.catalogue, m_status, m_loop) {
   const auto& options = surroundings.options;
   if (options.hasConsole) {
-    m_console.emplace(surroundings.ctx, surroundings.sources, m_loop, session, options.commandTimeout,
-                      surroundings.output);
+    m_console.emplace(surroundings.ctx, m_loop, session, options.commandTimeout, surroundings.output);
   }
   const auto every = [this](std::chrono::duration<double> period, void (Services::*publish)()) {
     if (period.count() == 0) {

@@ -15,7 +15,6 @@
 #include "product_publisher.h"
 #include "progress.h"
 #include "request_service.h"
-#include "source_watch.h"
 #include "status_publisher.h"
 #include "task_loop.h"
 #include "topic_publisher.h"
@@ -34,7 +33,6 @@ class Services {
     const ProductCatalogue& catalogue;
     const Progress& progress;
     lbm::Context& ctx;
-    SourceWatch& sources;  // installed in ctx if the options ask for a console
     TaskLoop& loop;
     const cli::Output& output;
   };
