@@ -234,12 +234,13 @@ TEST_F(ToolsTest, TroubleWithTheRuntimeDirectoryIsReported) {
 
 TEST_F(ToolsTest, OutputThatCannotBeWrittenIsAnError) {
   for (const auto& command : {Server("1", {"--prices=" + kStocks, "--rate=0"}),
+                              Server("1", {"--prices=" + kStocks, "--loop", "--quiet", "--console"}),
                               Client({"--instance=1:1:1", "--seconds=0"}), Client({"--help"})}) {
     std::string line;
     for (const auto& word : command) {
       line += '\'' + word + "' ";
     }
-    Process process({"/bin/sh", "-c", line + "> /dev/full"}, m_environment);
+    Process process({"/bin/sh", "-c", "echo help | " + line + "> /dev/full"}, m_environment);
     EXPECT_EQ(process.Wait(), 3);
     EXPECT_THAT(process.Errors(), HasSubstr("cannot write to standard output: No space left on device"));
   }

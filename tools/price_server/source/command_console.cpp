@@ -10,12 +10,13 @@
 
 namespace price_server {
 
-CommandConsole::CommandConsole(lbm::Context& ctx, TaskLoop& loop, std::uint64_t session,
+CommandConsole::CommandConsole(lbm::Context& ctx, EventLoop& loop, std::uint64_t session,
                                std::chrono::duration<double> timeout, const cli::Output& output)
     : m_output(output),
       m_sender(ctx, loop, session, timeout, [&output](std::string_view line) { output.Write(line); }),
-      m_reader(STDIN_FILENO,
-               [this, &loop](const std::string& line) { return loop.Post([this, line] { Execute(line); }); }) {}
+      m_reader(STDIN_FILENO, [this](const std::string& line) { Execute(line); }) {
+  loop.WatchForInput(STDIN_FILENO, [this] { return m_reader.Read(); });
+}
 
 void CommandConsole::Execute(const std::string& line) {
   if (line == kHelpWord) {

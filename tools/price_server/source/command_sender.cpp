@@ -12,16 +12,16 @@
 namespace price_server {
 namespace {
 
-double Seconds(TaskLoop::Clock::duration time) { return std::chrono::duration<double>(time).count(); }
+double Seconds(EventLoop::Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 
 }  // namespace
 
-CommandSender::CommandSender(lbm::Context& ctx, TaskLoop& loop, std::uint64_t session,
+CommandSender::CommandSender(lbm::Context& ctx, EventLoop& loop, std::uint64_t session,
                              std::chrono::duration<double> timeout, Print print)
     : m_ctx(ctx),
       m_loop(loop),
       m_session(session),
-      m_timeout(std::chrono::duration_cast<TaskLoop::Clock::duration>(timeout)),
+      m_timeout(std::chrono::duration_cast<EventLoop::Clock::duration>(timeout)),
       m_print(std::move(print)) {}
 
 void CommandSender::Send(const ConsoleCommand& command) {
@@ -29,7 +29,7 @@ void CommandSender::Send(const ConsoleCommand& command) {
   auto message = command.command;
   message.id = m_session + number;
   m_pending[number] = {command.topic, command.receiver, feed::Encode(message)};
-  m_loop.RunAt(TaskLoop::Clock::now() + m_timeout, [this, number] { EndWaitForListener(number); });
+  m_loop.RunAt(EventLoop::Clock::now() + m_timeout, [this, number] { EndWaitForListener(number); });
   DestinationAt(command.topic);
   SendWhatWaits(command.topic);
 }
@@ -39,16 +39,15 @@ CommandSender::Destination& CommandSender::DestinationAt(const std::string& topi
   if (!destination.source) {
     destination.source = std::make_unique<lbm::Source>(
         m_ctx, lbm::SourceTopic(m_ctx, topic, lbm::SourceTopicAttributes()),
-        [this, topic](int event, void*) { m_loop.Post([this, topic, event] { NoteSourceEvent(topic, event); }); });
+        [this, &destination, topic](int event, void*) { NoteSourceEvent(destination, topic, event); });
   }
   return destination;
 }
 
-void CommandSender::NoteSourceEvent(const std::string& topic, int event) {
-  auto& destination = DestinationAt(topic);
+void CommandSender::NoteSourceEvent(Destination& destination, const std::string& topic, int event) {
   if (event == LBM_SRC_EVENT_CONNECT) {
     ++destination.subscribers;
-    destination.settled = TaskLoop::Clock::now() + kSettlingTime;
+    destination.settled = EventLoop::Clock::now() + kSettlingTime;
     m_loop.RunAt(destination.settled, [this, topic] { SendWhatWaits(topic); });
   } else if (event == LBM_SRC_EVENT_DISCONNECT) {
     --destination.subscribers;
@@ -57,7 +56,7 @@ void CommandSender::NoteSourceEvent(const std::string& topic, int event) {
 
 void CommandSender::SendWhatWaits(const std::string& topic) {
   auto& destination = DestinationAt(topic);
-  if (destination.subscribers <= 0 || TaskLoop::Clock::now() < destination.settled) {
+  if (destination.subscribers <= 0 || EventLoop::Clock::now() < destination.settled) {
     return;
   }
   for (auto next = m_pending.begin(); next != m_pending.end();) {
@@ -75,7 +74,7 @@ void CommandSender::SendWhatWaits(const std::string& topic) {
     }
     command.state = State::kSent;
     PrintOutcome(number, command, "sent");
-    m_loop.RunAt(TaskLoop::Clock::now() + m_timeout, [this, number = number] { EndWaitForAnswers(number); });
+    m_loop.RunAt(EventLoop::Clock::now() + m_timeout, [this, number = number] { EndWaitForAnswers(number); });
   }
 }
 
@@ -98,9 +97,7 @@ void CommandSender::EndWaitForAnswers(Number number) {
 
 void CommandSender::SendRequest(lbm::Source& source, Number number, const std::string& message) {
   const auto onResponse = [this, number](const lbm::Message& response) {
-    if (!m_loop.Post([this, number, response] { NoteResponse(number, response); })) {
-      ZQLOG(ZQLOG_WARNING, kServerStatement, "Dropped an answer to a command: " << response.ToString());
-    }
+    m_loop.Post([this, number, response] { NoteResponse(number, response); });
   };
   // A request stays where it was made.
   std::unique_ptr<lbm::Request> request(new lbm::Request(

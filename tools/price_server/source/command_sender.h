@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "console_line.h"
+#include "event_loop.h"
 #include "lbm/context.h"
 #include "lbm/message.h"
 #include "lbm/request.h"
 #include "lbm/source.h"
-#include "task_loop.h"
 
 namespace price_server {
 
@@ -26,7 +26,7 @@ namespace price_server {
 // Commands are requests, so that a client's answer comes back to here whatever else this side and the client know of
 // each other. A subscription to the client's answers might reach a client that hangs after the command does.
 //
-// Threads: for the loop's; made while that is not running and destroyed when it has stopped.
+// Threads: the loop's.
 class CommandSender {
  public:
   using Print = std::function<void(std::string_view line)>;
@@ -40,7 +40,7 @@ class CommandSender {
 
   // session makes the ids of this run's commands its own. A command waits for timeout to be heard, and once it is sent
   // as long again for an answer. print takes lines with their ends; what it throws leaves through the operations.
-  CommandSender(lbm::Context& ctx, TaskLoop& loop, std::uint64_t session, std::chrono::duration<double> timeout,
+  CommandSender(lbm::Context& ctx, EventLoop& loop, std::uint64_t session, std::chrono::duration<double> timeout,
                 Print print);
 
   void Send(const ConsoleCommand& command);
@@ -58,13 +58,13 @@ class CommandSender {
   };
   struct Destination {
     int subscribers = 0;
-    TaskLoop::Clock::time_point settled;
+    EventLoop::Clock::time_point settled;
     std::unique_ptr<lbm::Source> source;  // last: its events use the rest
   };
   using Number = std::uint64_t;
 
   Destination& DestinationAt(const std::string& topic);
-  void NoteSourceEvent(const std::string& topic, int event);
+  void NoteSourceEvent(Destination& destination, const std::string& topic, int event);
   void SendWhatWaits(const std::string& topic);
   void SendRequest(lbm::Source& source, Number number, const std::string& message);
   void NoteResponse(Number number, const lbm::Message& message);
@@ -73,9 +73,9 @@ class CommandSender {
   void PrintOutcome(Number number, const Pending& command, std::string_view outcome) const;
 
   lbm::Context& m_ctx;
-  TaskLoop& m_loop;
+  EventLoop& m_loop;
   const std::uint64_t m_session;
-  const TaskLoop::Clock::duration m_timeout;
+  const EventLoop::Clock::duration m_timeout;
   const Print m_print;
   std::map<std::string, Destination> m_destinations;  // by topic
   std::map<Number, Pending> m_pending;

@@ -2,12 +2,16 @@
 
 #include <fmt/format.h>
 
+#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <stop_token>
+#include <thread>
 
 #include "cli/command_line.h"
-#include "cli/signal_wait.h"
+#include "cli/signals.h"
+#include "event_loop.h"
 #include "feed/prices_file.h"
 #include "instance_lock.h"
 #include "lbm/attributes.h"
@@ -19,7 +23,6 @@
 #include "replay.h"
 #include "segment_publisher.h"
 #include "services.h"
-#include "task_loop.h"
 
 namespace price_server {
 namespace {
@@ -41,6 +44,33 @@ std::filesystem::path LockDirectory(const lbm::Context& context) {
   }
 }
 
+lbm::ContextAttributes AttributesOf(const Options& options) {
+  lbm::ContextAttributes attributes;
+  attributes.SetString("context_name", options.contextName.c_str());
+  attributes.SetString("operational_mode", "sequential");
+  return attributes;
+}
+
+// Sends the prices on a thread of their own, so that nothing holds them up, and runs the loop on this one, until one of
+// the two ends.
+void Serve(Replay& replay, EventLoop& loop) {
+  std::exception_ptr failure;
+  {
+    const std::jthread prices([&](const std::stop_token& stop) {
+      try {
+        replay.Run(stop);
+      } catch (...) {
+        failure = std::current_exception();
+      }
+      loop.Stop();
+    });
+    loop.Run();
+  }
+  if (failure) {
+    std::rethrow_exception(failure);
+  }
+}
+
 cli::ExitCode Run(int argc, const char* const* argv) {
   const cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
@@ -49,12 +79,9 @@ cli::ExitCode Run(int argc, const char* const* argv) {
   }
   const auto file = ReadPrices(*options);
 
-  cli::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  cli::Signals signals{SIGINT, SIGTERM, SIGHUP};
   cli::DivertLibraryOutput();
-  TaskLoop loop;
-  lbm::ContextAttributes attributes;
-  attributes.SetString("context_name", options->contextName.c_str());
-  lbm::Context context(attributes);
+  lbm::Context context(AttributesOf(*options));
   std::optional<InstanceLock> lock;
   try {
     lock.emplace(LockDirectory(context), "price_server-" + options->instance.ToIdentifier());
@@ -64,18 +91,24 @@ cli::ExitCode Run(int argc, const char* const* argv) {
     return cli::ExitCode::kUnsatisfied;
   }
 
+  EventLoop loop(context);
+  loop.WatchForInput(signals.GetDescriptor(), [&] {
+    if (cli::AsksToStop(signals.Take())) {
+      loop.Stop();
+    }
+    return true;
+  });
   const auto session = static_cast<std::uint64_t>(feed::RealTimeNanoseconds());
   Progress progress(file.symbols.size());
   const ProductCatalogue catalogue(file, options->segments, progress);
   SegmentPublisher publisher(context, options->instance, options->segments, session);
-  Replay replay(*options, file, catalogue, publisher, progress, signals);
+  Replay replay(*options, file, catalogue, publisher, progress);
   if (!options->quiet) {
     output.Write(fmt::format("{}: {} prices of {} symbols on {} segments\n", options->instance.ToString(),
                              file.prices.size(), file.symbols.size(), options->segments));
   }
-  Services services({*options, file, catalogue, progress, context, loop, output}, session,
-                    [&replay] { replay.RequestStop(); });
-  replay.Run();
+  Services services({*options, file, catalogue, progress, context, loop, output}, session);
+  Serve(replay, loop);
   services.Close();
   output.Write(replay.Summary());
   return cli::ExitCode::kOk;

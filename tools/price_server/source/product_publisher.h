@@ -1,31 +1,29 @@
 // Product information, for whoever listens.
 #pragma once
 
-#include <atomic>
-
+#include "event_loop.h"
 #include "product_catalogue.h"
 #include "ps_common/connector/server_instance.h"
-#include "task_loop.h"
 #include "topic_publisher.h"
 
 namespace price_server {
 
-// Publishes all products from the start of the loop on: at once, and again whenever another context has subscribed,
-// once for several that subscribe together.
+// Publishes all products when the loop begins to run, and again whenever another context has subscribed, once for
+// several that subscribe together.
 //
-// Threads: made and destroyed while the loop is not running; publishes on the loop's.
+// Threads: the loop's.
 class ProductPublisher {
  public:
   // All arguments have to outlive the publisher. Throws lbm::LbmError.
   ProductPublisher(lbm::Context& ctx, const ps_ns::ServerInstance& instance, const ProductCatalogue& catalogue,
-                   TaskLoop& loop);
+                   EventLoop& loop);
 
  private:
   void PublishSoon();
 
   const ProductCatalogue& m_catalogue;
-  TaskLoop& m_loop;
-  std::atomic<bool> m_isDue{false};
+  EventLoop& m_loop;
+  bool m_isDue = false;
   TopicPublisher m_publisher;  // last: its events use the rest
 };
 

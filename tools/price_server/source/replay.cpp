@@ -3,60 +3,48 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "replay_schedule.h"
 
 namespace price_server {
 namespace {
 
-// How long sending may go on without a look whether the user wants it to stop, and how long to wait for room to send or
-// for a client.
+// How long to wait for room to send or for a client.
 constexpr auto kPause = std::chrono::milliseconds(1);
 
 }  // namespace
 
-void Replay::Run() {
-  if (m_options.waitForClient && !WaitForClient()) {
+void Replay::Run(const std::stop_token& stop) {
+  if (m_options.waitForClient) {
+    WaitForClient(stop);
+  }
+  if (stop.stop_requested()) {
     return;
   }
   m_start = Clock::now();
-  if (m_options.seconds) {
-    m_end = m_start + std::chrono::duration_cast<Clock::duration>(*m_options.seconds);
-  }
+  const auto end = m_options.seconds ? m_start + std::chrono::duration_cast<Clock::duration>(*m_options.seconds)
+                                     : Clock::time_point::max();
   ReplaySchedule schedule(m_options.updatesPerSecond, m_start);
-  auto lastLook = m_start;
-  for (std::size_t next = 0; !m_options.count || m_progress.UpdatesSent() < *m_options.count;) {
+  std::size_t next = 0;
+  while (!stop.stop_requested() && (!m_options.count || m_progress.UpdatesSent() < *m_options.count)) {
     const auto now = Clock::now();
-    if (now >= m_end) {
+    if (now >= end) {
       return;
     }
-    if (schedule.NextDue() > now || now - lastLook > kPause) {
-      if (StopsBefore(schedule.NextDue())) {
-        return;
+    if (schedule.NextDue() > now) {
+      WaitUntil(std::min(schedule.NextDue(), end), stop);
+    } else if (!Send(m_file.prices[next])) {
+      WaitUntil(now + kPause, stop);
+    } else {
+      schedule.Advance(now);
+      if (++next == m_file.prices.size()) {
+        if (!m_options.loop) {
+          return;
+        }
+        next = 0;
       }
-      lastLook = now;
-      continue;
-    }
-    if (!Send(m_file.prices[next])) {
-      if (StopsBefore(now + kPause)) {
-        return;
-      }
-      continue;
-    }
-    schedule.Advance(now);
-    if (++next == m_file.prices.size()) {
-      if (!m_options.loop) {
-        return;
-      }
-      next = 0;
     }
   }
-}
-
-void Replay::RequestStop() {
-  m_isStopRequested = true;
-  m_signals.Wake();
 }
 
 std::string Replay::Summary() const {
@@ -75,17 +63,15 @@ bool Replay::Send(const feed::RecordedPrice& price) {
   return true;
 }
 
-bool Replay::WaitForClient() {
-  while (!m_publisher.EverySegmentHasSubscriber()) {
-    if (StopsBefore(Clock::now() + kPause)) {
-      return false;
-    }
+void Replay::WaitForClient(const std::stop_token& stop) {
+  while (!stop.stop_requested() && !m_publisher.EverySegmentHasSubscriber()) {
+    WaitUntil(Clock::now() + kPause, stop);
   }
-  return true;
 }
 
-bool Replay::StopsBefore(Clock::time_point deadline) {
-  return m_signals.WaitUntil(std::min(deadline, m_end)) != 0 || m_isStopRequested;
+void Replay::WaitUntil(Clock::time_point time, const std::stop_token& stop) {
+  std::unique_lock lock(m_mutex);
+  m_stopped.wait_until(lock, stop, time, [] { return false; });
 }
 
 }  // namespace price_server

@@ -1,10 +1,12 @@
 // The sending of recorded prices.
 #pragma once
 
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stop_token>
 #include <string>
 
-#include "cli/signal_wait.h"
 #include "feed/prices_file.h"
 #include "options.h"
 #include "product_catalogue.h"
@@ -13,46 +15,37 @@
 
 namespace price_server {
 
-// Replays until the file, the options, the user or RequestStop ends it.
+// Replays until the file or the options end it, or it is asked to stop.
 //
-// Threads: for one; RequestStop on any.
+// Threads: for one.
 class Replay {
  public:
   // All arguments have to outlive the replay.
   Replay(const Options& options, const feed::PricesFile& file, const ProductCatalogue& catalogue,
-         SegmentPublisher& publisher, Progress& progress, cli::SignalWait& signals)
-      : m_options(options),
-        m_file(file),
-        m_catalogue(catalogue),
-        m_publisher(publisher),
-        m_progress(progress),
-        m_signals(signals) {}
+         SegmentPublisher& publisher, Progress& progress)
+      : m_options(options), m_file(file), m_catalogue(catalogue), m_publisher(publisher), m_progress(progress) {}
 
   // Throws lbm::LbmError.
-  void Run();
-
-  // Makes Run return soon.
-  void RequestStop();
+  void Run(const std::stop_token& stop);
 
   // One line about what was sent.
   std::string Summary() const;
 
  private:
-  using Clock = cli::SignalWait::Clock;
+  using Clock = std::chrono::steady_clock;
 
   bool Send(const feed::RecordedPrice& price);
-  bool WaitForClient();
-  bool StopsBefore(Clock::time_point deadline);
+  void WaitForClient(const std::stop_token& stop);
+  void WaitUntil(Clock::time_point time, const std::stop_token& stop);
 
   const Options& m_options;
   const feed::PricesFile& m_file;
   const ProductCatalogue& m_catalogue;
   SegmentPublisher& m_publisher;
   Progress& m_progress;
-  cli::SignalWait& m_signals;
-  std::atomic<bool> m_isStopRequested{false};
   Clock::time_point m_start;
-  Clock::time_point m_end = Clock::time_point::max();
+  std::mutex m_mutex;  // guards nothing; waiting takes one
+  std::condition_variable_any m_stopped;
 };
 
 }  // namespace price_server

@@ -25,7 +25,7 @@ feed::ClientResponse Good() { return Error(std::string(feed::kResultOk)); }
 }  // namespace
 
 RequestService::RequestService(lbm::Context& ctx, const ps_ns::ServerInstance& instance,
-                               const ProductCatalogue& catalogue, const StatusPublisher& status, TaskLoop& loop)
+                               const ProductCatalogue& catalogue, const StatusPublisher& status, EventLoop& loop)
     : m_catalogue(catalogue),
       m_status(status),
       m_loop(loop),
@@ -36,9 +36,7 @@ RequestService::RequestService(lbm::Context& ctx, const ps_ns::ServerInstance& i
 
 void RequestService::Receive(const lbm::Message& message) {
   if (message.Type() == LBM_MSG_REQUEST) {
-    if (!m_loop.Post([this, message] { Answer(message); })) {
-      ZQLOG(ZQLOG_WARNING, kServerStatement, "Dropped a request, too many are waiting: " << message.ToString());
-    }
+    m_loop.Post([this, message] { Answer(message); });
   } else if (message.Type() == LBM_MSG_DATA) {
     ZQLOG(ZQLOG_DEBUG, kServerStatement, "Dropped a message that is no request: " << message.ToString());
   }

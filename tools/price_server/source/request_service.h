@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "event_loop.h"
 #include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "lbm/context.h"
@@ -12,19 +13,18 @@
 #include "product_catalogue.h"
 #include "ps_common/connector/server_instance.h"
 #include "status_publisher.h"
-#include "task_loop.h"
 
 namespace price_server {
 
 // Answers every request on the instance's request topic, one that is not understood with an error. Messages that are
-// no requests, and requests for which the loop has no room, are dropped.
+// no requests are dropped.
 //
-// Threads: made while the loop is not running and destroyed when it has stopped; answers on the loop's.
+// Threads: the loop's.
 class RequestService {
  public:
   // All arguments have to outlive the service. Throws lbm::LbmError.
   RequestService(lbm::Context& ctx, const ps_ns::ServerInstance& instance, const ProductCatalogue& catalogue,
-                 const StatusPublisher& status, TaskLoop& loop);
+                 const StatusPublisher& status, EventLoop& loop);
 
  private:
   void Receive(const lbm::Message& message);
@@ -34,7 +34,7 @@ class RequestService {
 
   const ProductCatalogue& m_catalogue;
   const StatusPublisher& m_status;
-  TaskLoop& m_loop;
+  EventLoop& m_loop;
   lbm::Receiver m_receiver;  // last: its callback uses the rest
 };
 

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 
 #include "cli/output.h"
 #include "command_console.h"
+#include "event_loop.h"
 #include "feed/prices_file.h"
 #include "lbm/context.h"
 #include "news_wire.h"
@@ -16,14 +16,13 @@
 #include "progress.h"
 #include "request_service.h"
 #include "status_publisher.h"
-#include "task_loop.h"
 #include "topic_publisher.h"
 
 namespace price_server {
 
-// Everything that the options ask for, on the loop, which the services start and stop.
+// Everything that the options ask for, on the loop.
 //
-// Threads: for one.
+// Threads: the loop's.
 class Services {
  public:
   // What the services work with. All of it has to outlive them.
@@ -33,26 +32,23 @@ class Services {
     const ProductCatalogue& catalogue;
     const Progress& progress;
     lbm::Context& ctx;
-    TaskLoop& loop;
+    EventLoop& loop;
     const cli::Output& output;
   };
 
-  // session as in feed::PriceMessage. onFailure is called on the loop's thread when the services cannot go on. Throws
-  // lbm::LbmError and std::system_error.
-  Services(const Surroundings& surroundings, std::uint64_t session, std::function<void()> onFailure);
-  ~Services();
+  // session as in feed::PriceMessage. Throws lbm::LbmError.
+  Services(const Surroundings& surroundings, std::uint64_t session);
 
   Services(const Services&) = delete;
   Services& operator=(const Services&) = delete;
 
-  // Tells clients and operators that the server ends, and stops. Throws what the services failed with.
+  // Tells clients and operators that the server ends. The loop must not run afterwards.
   void Close();
 
  private:
   void PublishNews();
   void PublishRequestForQuote();
 
-  TaskLoop& m_loop;
   const feed::PricesFile& m_file;
   NewsWire m_newsWire;
   TopicPublisher m_news;

@@ -5,13 +5,13 @@
 namespace price_server {
 
 StatusPublisher::StatusPublisher(lbm::Context& ctx, const ps_ns::ServerInstance& instance, std::uint64_t session,
-                                 const Progress& progress, TaskLoop& loop, std::chrono::duration<double> period)
+                                 const Progress& progress, EventLoop& loop, std::chrono::duration<double> period)
     : m_session(session),
       m_progress(progress),
       m_publisher(ctx, ps_ns::TopicNames::CreateServerStatusTopic(instance),
                   [this, &loop] { loop.Post([this] { Publish(); }); }) {
   loop.Post([this] { Publish(); });
-  loop.RunEvery(std::chrono::duration_cast<TaskLoop::Clock::duration>(period), [this] { Publish(); });
+  loop.RunEvery(std::chrono::duration_cast<EventLoop::Clock::duration>(period), [this] { Publish(); });
 }
 
 feed::ServerStatus StatusPublisher::Status() const {
@@ -20,7 +20,7 @@ feed::ServerStatus StatusPublisher::Status() const {
   status.state = m_state;
   status.time = feed::UtcNow();
   status.updatesSent = m_progress.UpdatesSent();
-  status.uptime = std::chrono::duration_cast<std::chrono::seconds>(TaskLoop::Clock::now() - m_start);
+  status.uptime = std::chrono::duration_cast<std::chrono::seconds>(EventLoop::Clock::now() - m_start);
   return status;
 }
 

@@ -4,23 +4,23 @@
 #include <chrono>
 #include <cstdint>
 
+#include "event_loop.h"
 #include "feed/server_status.h"
 #include "progress.h"
 #include "ps_common/connector/server_instance.h"
-#include "task_loop.h"
 #include "topic_publisher.h"
 
 namespace price_server {
 
-// Publishes the status from the start of the loop on: at once, whenever it changes or another context has subscribed,
-// and once a period.
+// Publishes the status when the loop begins to run, whenever it changes or another context has subscribed, and once a
+// period.
 //
-// Threads: made and destroyed while the loop is not running; the rest is for the loop's.
+// Threads: the loop's.
 class StatusPublisher {
  public:
   // All arguments have to outlive the publisher. session as in feed::PriceMessage. Throws lbm::LbmError.
   StatusPublisher(lbm::Context& ctx, const ps_ns::ServerInstance& instance, std::uint64_t session,
-                  const Progress& progress, TaskLoop& loop, std::chrono::duration<double> period);
+                  const Progress& progress, EventLoop& loop, std::chrono::duration<double> period);
 
   feed::ServerStatus Status() const;
 
@@ -32,7 +32,7 @@ class StatusPublisher {
 
   const std::uint64_t m_session;
   const Progress& m_progress;
-  const TaskLoop::Clock::time_point m_start = TaskLoop::Clock::now();
+  const EventLoop::Clock::time_point m_start = EventLoop::Clock::now();
   feed::ServerState m_state = feed::ServerState::kOpen;
   TopicPublisher m_publisher;  // last: its events use the rest
 };
