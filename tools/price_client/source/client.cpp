@@ -26,16 +26,18 @@ ps_ns::ConfigPtr LoadConfig(const std::string& path) {
 
 }  // namespace
 
-Client::Client(const Options& options, std::function<void()> wake) : m_mailbox(std::move(wake)) {
+Client::Client(const Options& options, std::function<void()> wake)
+    : m_mailbox(std::move(wake)), m_dispatchThread([this] { m_manager->GetContext()->Unblock(); }) {
   const auto config = LoadConfig(options.configFile);
-  // Called once after each round of event processing; there is no work to do.
-  const auto beat = [this] {
-    m_heartbeat.fetch_add(1, std::memory_order_relaxed);
+  // Called once after each round of event processing.
+  const auto betweenEvents = [this] {
+    m_mailbox.HandOver();
+    m_dispatchThread.Serve();
     return false;
   };
   try {
     m_manager = std::make_unique<ps_ns::LbmClientResourceMgr>(config, options.contextName, options.onload, options.cpu,
-                                                              kProcessEventTimeoutMs, beat, 1);
+                                                              kProcessEventTimeoutMs, betweenEvents, 1);
   } catch (const boost::property_tree::ptree_error& error) {
     throw cli::UsageError(options.configFile + ": " + error.what());
   }
@@ -44,8 +46,8 @@ Client::Client(const Options& options, std::function<void()> wake) : m_mailbox(s
     for (const auto& instance : options.instances) {
       m_subscriptions.push_back(std::make_unique<Subscription>(*m_manager, m_mailbox, m_subscriptions.size(), instance,
                                                                options.segments, maxSilence));
-      m_subscriptions.back()->StartPrices();
     }
+    StartPrices();
     // Last, so that whoever gets an answer knows that all else is there.
     m_commands.emplace(*m_manager, m_mailbox, options.host, options.clientID);
   } catch (...) {
@@ -108,9 +110,7 @@ void Client::Resume(Clock::time_point now) {
     return;
   }
   try {
-    for (const auto& subscription : m_subscriptions) {
-      subscription->StartPrices();
-    }
+    StartPrices();
   } catch (...) {
     StopPrices(now);
     throw;
@@ -118,17 +118,32 @@ void Client::Resume(Clock::time_point now) {
   m_isPaused = false;
 }
 
+void Client::StartPrices() {
+  m_dispatchThread.Run([this] {
+    for (const auto& subscription : m_subscriptions) {
+      subscription->StartPrices();
+    }
+  });
+}
+
 void Client::StopPrices(Clock::time_point now) {
-  for (const auto& subscription : m_subscriptions) {
-    subscription->StopPrices();
-  }
+  m_dispatchThread.Run([this] {
+    for (const auto& subscription : m_subscriptions) {
+      subscription->StopPrices();
+    }
+  });
   TakeInMail(now);
   for (const auto& subscription : m_subscriptions) {
     subscription->PricesStopped();
   }
 }
 
-Snapshot Client::Read(Clock::time_point now) const {
+Snapshot Client::Read(Clock::time_point now) {
+  m_dispatchThread.Run([this] {
+    for (const auto& subscription : m_subscriptions) {
+      subscription->NotePrices();
+    }
+  });
   Snapshot snapshot;
   snapshot.client = m_self;
   snapshot.client.isPaused = m_isPaused;
@@ -145,6 +160,8 @@ void Client::Stop() {
     return;
   }
   m_manager->Shutdown();
+  m_dispatchThread.NoteEnd();
+  m_mailbox.HandOver();
   if (m_commands) {
     TakeInMail(Clock::now());
   }

@@ -1,9 +1,7 @@
 // The client's side of the connector: what is subscribed to, and what has come of it.
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "command_channel.h"
+#include "dispatch_thread.h"
 #include "mailbox.h"
 #include "options.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
@@ -23,7 +22,8 @@ namespace price_client {
 // Receives everything of every instance, and commands, from construction until Stop.
 //
 // Threads: for one thread, which has to have blocked the signals that it waits for. The connector's dispatch thread
-// takes in prices by itself, and all else as far as the mailbox.
+// takes in prices by itself, and all else as far as the mailbox. What asks that thread for something throws
+// std::runtime_error when it has ended, or hangs.
 class Client {
  public:
   using Clock = Subscription::Clock;
@@ -52,10 +52,7 @@ class Client {
   bool IsPaused() const { return m_isPaused; }
 
   // What is known by now; without rates and the time that has passed. After Stop this is final.
-  Snapshot Read(Clock::time_point now) const;
-
-  // Grows while the dispatch thread is at work, several times a second even when nothing arrives.
-  std::uint64_t Heartbeat() const { return m_heartbeat.load(std::memory_order_relaxed); }
+  Snapshot Read(Clock::time_point now);
 
   // Nothing arrives any more when it returns. May be called more than once.
   void Stop();
@@ -63,10 +60,11 @@ class Client {
  private:
   void TakeInMail(Clock::time_point now);
   void TakeInCommand(const lbm::Message& message);
+  void StartPrices();
   void StopPrices(Clock::time_point now);
 
   Mailbox m_mailbox;
-  std::atomic<std::uint64_t> m_heartbeat{0};
+  DispatchThread m_dispatchThread;
   ClientSnapshot m_self;
   bool m_isPaused = false;
   std::deque<ReceivedCommand> m_pendingCommands;

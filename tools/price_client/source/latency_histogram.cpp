@@ -5,7 +5,7 @@
 
 namespace price_client {
 
-void LatencyDistribution::Add(const LatencyDistribution& other) {
+void LatencyHistogram::Add(const LatencyHistogram& other) {
   for (std::size_t i = 0; i < m_counts.size(); ++i) {
     m_counts[i] += other.m_counts[i];
   }
@@ -13,7 +13,7 @@ void LatencyDistribution::Add(const LatencyDistribution& other) {
   m_max = std::max(m_max, other.m_max);
 }
 
-std::uint64_t LatencyDistribution::Quantile(double fraction) const {
+std::uint64_t LatencyHistogram::Quantile(double fraction) const {
   if (m_total == 0) {
     return 0;
   }
@@ -27,16 +27,6 @@ std::uint64_t LatencyDistribution::Quantile(double fraction) const {
     }
   }
   return m_max;
-}
-
-LatencyDistribution LatencyHistogram::Read() const {
-  LatencyDistribution distribution;
-  for (std::size_t i = 0; i < m_counts.size(); ++i) {
-    distribution.m_counts[i] = m_counts[i].Get();
-    distribution.m_total += distribution.m_counts[i];
-  }
-  distribution.m_max = m_max.Get();
-  return distribution;
 }
 
 }  // namespace price_client

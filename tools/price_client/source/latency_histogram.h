@@ -1,17 +1,16 @@
 // Distribution of latencies in memory of a fixed size.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
+#include <cstddef>
 #include <cstdint>
-
-#include "counter.h"
 
 namespace price_client {
 
-// Buckets of equal width up to 32 ns, then 32 buckets for each doubling: a
-// value read from it is at most 1/32 too great. From kLimit on, 68 s, values
-// count as kLimit - 1.
+// Buckets of equal width up to 32 ns, then 32 buckets for each doubling: a value read from it is at most 1/32 too
+// great. From kLimit on, 68 s, values count as kLimit - 1.
 struct LatencyBuckets {
   static constexpr unsigned kSubBits = 5;
   static constexpr std::uint64_t kSub = 1U << kSubBits;
@@ -38,41 +37,27 @@ struct LatencyBuckets {
   }
 };
 
-// Counts at one moment. Nanoseconds.
-class LatencyDistribution {
+// A value: copies are independent. Nanoseconds.
+class LatencyHistogram {
  public:
-  void Add(const LatencyDistribution& other);
+  void Record(std::uint64_t nanoseconds) noexcept {
+    ++m_counts[LatencyBuckets::IndexOf(nanoseconds)];
+    ++m_total;
+    m_max = std::max(m_max, nanoseconds);
+  }
+
+  void Add(const LatencyHistogram& other);
 
   std::uint64_t Count() const { return m_total; }
   std::uint64_t Max() const { return m_max; }
 
-  // The least value that at least the fraction (0 to 1) of all values do not
-  // exceed; 0 when there are none.
+  // The least value that at least the fraction (0 to 1) of all values do not exceed; 0 when there are none.
   std::uint64_t Quantile(double fraction) const;
 
  private:
-  friend class LatencyHistogram;
-
   std::array<std::uint64_t, LatencyBuckets::kCount> m_counts{};
   std::uint64_t m_total = 0;
   std::uint64_t m_max = 0;
-};
-
-// Threads: Record on one thread only; Read on any.
-class LatencyHistogram {
- public:
-  void Record(std::uint64_t nanoseconds) noexcept {
-    m_counts[LatencyBuckets::IndexOf(nanoseconds)].Add();
-    if (nanoseconds > m_max.Get()) {
-      m_max.Set(nanoseconds);
-    }
-  }
-
-  LatencyDistribution Read() const;
-
- private:
-  std::array<Counter, LatencyBuckets::kCount> m_counts;
-  Counter m_max;
 };
 
 }  // namespace price_client

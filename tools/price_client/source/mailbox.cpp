@@ -21,25 +21,36 @@ bool IsTooLarge(const lbm::Message& message) {
 
 }  // namespace
 
-void Mailbox::Post(Mail mail) noexcept {
-  bool wake = mail.kind == Mail::Kind::kCommand;
+void Mailbox::HandOver() noexcept {
+  if (m_posted.empty()) {
+    return;
+  }
+  bool isUrgent = false;
   {
     const std::lock_guard lock(m_mutex);
-    if (!TellsOfSource(mail)) {
-      auto& waiting = m_waiting[static_cast<std::size_t>(mail.kind)];
-      if (waiting == kMaxWaiting || IsTooLarge(mail.message)) {
-        ++m_dropped;
-        return;
-      }
-      if (++waiting == kMaxWaiting / 2) {
-        wake = true;
-      }
+    for (auto& mail : m_posted) {
+      isUrgent |= Keep(mail);
     }
-    m_mail.push_back(std::move(mail));
   }
-  if (wake) {
+  m_posted.clear();
+  if (isUrgent) {
     m_wake();
   }
+}
+
+// Returns whether it must not wait.
+bool Mailbox::Keep(Mail& mail) {
+  bool isUrgent = mail.kind == Mail::Kind::kCommand;
+  if (!TellsOfSource(mail)) {
+    auto& waiting = m_waiting[static_cast<std::size_t>(mail.kind)];
+    if (waiting == kMaxWaiting || IsTooLarge(mail.message)) {
+      ++m_dropped;
+      return false;
+    }
+    isUrgent |= ++waiting == kMaxWaiting / 2;
+  }
+  m_mail.push_back(std::move(mail));
+  return isUrgent;
 }
 
 std::vector<Mail> Mailbox::Collect() {

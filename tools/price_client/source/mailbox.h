@@ -30,29 +30,37 @@ struct Mail {
   lbm::Message message;      // any event of the topic's receiver
 };
 
-// Keeps all messages but prices off the dispatch thread: it only puts them here, as they are, in the order of arrival.
-// Prices do not pass through.
+// Keeps the reading of all messages but prices off the dispatch thread, which only puts them here, as they are, in the
+// order of arrival. Reading takes too long for it: a server tells all its products whenever a client joins, and a
+// thousand of them take 3 ms, for which prices that are a few microseconds on their way would have to wait.
 //
-// Threads: Post on any; Collect on one.
+// Threads: Post and HandOver on the dispatch thread, or when there is none any more; the rest on any.
 class Mailbox {
  public:
   // Messages of a kind that may wait; more are dropped, and so are those that are too large to be any of ours. A flood
   // of one kind costs little memory, and no messages of another. Comings and goings of sources are never dropped.
   static constexpr std::size_t kMaxWaiting = 1024;
 
-  // wake is called by Post for what must not wait: commands, and a box that fills up.
+  // wake is called by HandOver for what must not wait: commands, and a box that fills up.
   explicit Mailbox(std::function<void()> wake) : m_wake(std::move(wake)) {}
 
-  void Post(Mail mail) noexcept;
+  void Post(Mail mail) noexcept { m_posted.push_back(std::move(mail)); }
 
-  // All that came since the last call.
+  // Lets what was posted be collected. Between two rounds of event processing: who obeys a command shall not be ahead
+  // of what else the same round brings, such as the news that somebody listens to the answer.
+  void HandOver() noexcept;
+
+  // All that was handed over since the last call.
   std::vector<Mail> Collect();
 
   // Messages that were dropped.
   std::uint64_t Dropped() const;
 
  private:
+  bool Keep(Mail& mail);
+
   const std::function<void()> m_wake;
+  std::vector<Mail> m_posted;  // the dispatch thread's
   mutable std::mutex m_mutex;  // guards what follows
   std::vector<Mail> m_mail;
   std::array<std::size_t, Mail::kKinds> m_waiting{};

@@ -43,22 +43,19 @@ struct SymbolSnapshot {
 
 struct Totals {
   std::uint64_t updates = 0;
-  std::uint64_t gaps = 0;       // places where updates are missing from a segment, or
-                                // may be because the server restarted
+  std::uint64_t gaps = 0;       // places where updates are missing from a segment, or may be: the server restarted
   std::uint64_t missed = 0;     // updates known to be missing, by the application sequence
   std::uint64_t lost = 0;       // messages that the messaging library reported as lost
   std::uint64_t restarts = 0;   // changes of the server's session
   std::uint64_t malformed = 0;  // messages that are not what their topic carries
   std::uint64_t untracked = 0;  // updates of symbols beyond those that are shown one by one
-  std::int64_t firstAt = 0;     // arrival of the first and of the last update,
-                                // nanoseconds since the epoch; 0: none
+  std::int64_t firstAt = 0;     // arrival of the first and of the last update, nanoseconds since the epoch; 0: none
   std::int64_t lastAt = 0;
-  LatencyDistribution latency;
+  LatencyHistogram latency;
 
   void Add(const Totals& other);
 
-  // Updates a second between the first update and the last; 0 when there are
-  // fewer than two.
+  // Updates a second between the first update and the last; 0 when there are fewer than two.
   double Rate() const;
 
   bool HasGap() const { return gaps > 0 || lost > 0; }
@@ -82,14 +79,18 @@ struct NoticesSnapshot {
   std::uint64_t lost = 0;       // messages that the messaging library reported as lost
 };
 
-struct InstanceSnapshot {
+// What prices tell.
+struct PricesSnapshot {
+  unsigned liveSegments = 0;
+  Totals totals;
+  std::vector<SymbolSnapshot> symbols;  // in the order of their first updates
+};
+
+struct InstanceSnapshot : PricesSnapshot {
   std::string name;
   InstanceState state = InstanceState::kNeverSeen;
   unsigned segments = 0;
-  unsigned liveSegments = 0;
-  Totals totals;
   double currentRate = 0;                // updates a second since the snapshot before
-  std::vector<SymbolSnapshot> symbols;   // in the order of their first updates
   std::optional<StatusSnapshot> status;  // the last one since the instance came up last
   NoticesSnapshot notices;               // malformed and lost are part of the totals as well
 

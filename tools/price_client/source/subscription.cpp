@@ -22,8 +22,9 @@ Subscription::Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbo
       m_index(index),
       m_instance(instance),
       m_segments(segments),
-      m_monitor(instance.ToString(), segments),
+      m_monitor(segments),
       m_life(maxSilence) {
+  m_prices.symbols.reserve(InstanceMonitor::kMaxSymbols);  // so that the dispatch thread takes no memory for it
   const auto post = [this](Mail::Kind kind) {
     return [this, kind](lbm::Message message) { Post(kind, std::move(message)); };
   };
@@ -48,11 +49,9 @@ void Subscription::StartPrices() {
   m_priceReceivers = std::move(receivers);
 }
 
-void Subscription::StopPrices() { m_priceReceivers.clear(); }
-
-void Subscription::PricesStopped() {
+void Subscription::StopPrices() {
+  m_priceReceivers.clear();
   m_monitor.Detach();
-  m_life.PricesDropped();
 }
 
 void Subscription::Close() {
@@ -175,7 +174,9 @@ void Subscription::Pursue(Clock::time_point now) {
 }
 
 InstanceSnapshot Subscription::Read(Clock::time_point now) const {
-  auto snapshot = m_monitor.Read();
+  InstanceSnapshot snapshot{m_prices};
+  snapshot.name = m_instance.ToString();
+  snapshot.segments = m_segments;
   snapshot.state = m_life.State();
   snapshot.status = m_life.Status(now);
   snapshot.notices = m_notices.Read();

@@ -18,7 +18,7 @@ namespace price_client {
 
 // Receives all that the instance sends, and asks it for its products whenever it comes up.
 //
-// Threads: prices are taken in on the dispatch thread. All else is put into the mailbox there, and taken in by the
+// Threads: prices belong to the dispatch thread. All else is put into the mailbox there, and taken in by the other
 // functions, which are for one thread.
 class Subscription {
  public:
@@ -29,19 +29,27 @@ class Subscription {
   Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbox, std::size_t index,
                const ps_ns::ServerInstance& instance, unsigned short segments, Clock::duration maxSilence);
 
+  // ---- For the dispatch thread, or when there is none any more ----
+
   // Throws lbm::LbmError; then no prices are received.
   void StartPrices();
 
   // No prices arrive when it returns. What mail there is by then has to be taken in before PricesStopped.
   void StopPrices();
-  void PricesStopped();
+
+  // Makes known to Read what has arrived by now.
+  void NotePrices() { m_prices = m_monitor.Prices(); }
+
+  // ---- For the owner's thread ----
+
+  void PricesStopped() { m_life.PricesDropped(); }
 
   void TakeIn(const Mail& mail, Clock::time_point now);
 
   // To be called now and then, when the mail has been taken in: asks for products when it is time.
   void Pursue(Clock::time_point now);
 
-  // Without the current rate.
+  // With prices as of the last NotePrices, which is not to run at the same time; without the current rate.
   InstanceSnapshot Read(Clock::time_point now) const;
 
   // Ends all endpoints. Nothing but Read may be called afterwards.
@@ -60,13 +68,16 @@ class Subscription {
   const ps_ns::ServerInstance m_instance;
   const unsigned short m_segments;
 
+  // The dispatch thread's.
   InstanceMonitor m_monitor;
+  std::vector<ps_ns::ReceiverPtr> m_priceReceivers;
+
+  PricesSnapshot m_prices;
   ServerLife m_life;
   InstanceNotices m_notices;
   std::uint64_t m_runAskedFor = 0;  // of the server, for its products
 
   std::vector<ps_ns::ReceiverPtr> m_receivers;  // of all but prices
-  std::vector<ps_ns::ReceiverPtr> m_priceReceivers;
   std::optional<ProductInquiry> m_inquiry;
 };
 

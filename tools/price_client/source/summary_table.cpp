@@ -26,7 +26,7 @@ Row PricesRow(const std::string& name, const std::string& state, const Totals& t
           FormatCount(totals.restarts)};
 }
 
-Row LatencyRow(const std::string& name, const LatencyDistribution& latency) {
+Row LatencyRow(const std::string& name, const LatencyHistogram& latency) {
   const bool any = latency.Count() > 0;
   Row row{name};
   for (const auto& quantile : kQuantiles) {

@@ -13,10 +13,6 @@ namespace {
 
 constexpr auto kTick = std::chrono::milliseconds(50);
 
-// Ticks without a heartbeat of the dispatch thread after which it counts as ended. Ticks and not time, so that a
-// process that was stopped and continued is not taken for a broken one.
-constexpr int kMaxSilentTicks = 200;
-
 }  // namespace
 
 bool Watch::Run() {
@@ -33,7 +29,6 @@ bool Watch::Run() {
       if (!Show(now)) {
         return false;
       }
-      CheckDispatchThread();
       nextTick = now + kTick;
     }
     if (now >= end || !WaitUntil(std::min(nextTick, end))) {
@@ -57,15 +52,6 @@ bool Watch::WaitUntil(Clock::time_point deadline) {
     m_view.Suspend();
   }
   return true;
-}
-
-void Watch::CheckDispatchThread() {
-  if (m_client.Heartbeat() != m_heartbeat) {
-    m_heartbeat = m_client.Heartbeat();
-    m_silentTicks = 0;
-  } else if (++m_silentTicks == kMaxSilentTicks) {
-    throw std::runtime_error("the dispatch thread has ended or hangs; run with --log-level info for its last words");
-  }
 }
 
 bool Watch::ObeyCommands(Clock::time_point now) {

@@ -32,7 +32,6 @@ class Watch {
   bool WaitUntil(Clock::time_point deadline);
 
   void Obey(const ReceivedCommand& received, Clock::time_point now);
-  void CheckDispatchThread();
 
   const Options& m_options;
   Client& m_client;
@@ -40,8 +39,6 @@ class Watch {
   View& m_view;
   RateMeter& m_rates;
   bool m_hasQuit = false;
-  std::uint64_t m_heartbeat = 0;
-  int m_silentTicks = 0;
 };
 
 }  // namespace price_client

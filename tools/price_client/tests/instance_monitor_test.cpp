@@ -39,10 +39,10 @@ class InstanceMonitorTest : public testing::Test {
     }
   }
 
-  Totals Read() const { return m_monitor.Read().totals; }
-  unsigned LiveSegments() const { return m_monitor.Read().liveSegments; }
+  Totals Read() const { return m_monitor.Prices().totals; }
+  unsigned LiveSegments() const { return m_monitor.Prices().liveSegments; }
 
-  InstanceMonitor m_monitor{"TEST(1.1.1.0)", 2};
+  InstanceMonitor m_monitor{2};
 };
 
 TEST_F(InstanceMonitorTest, ASegmentIsLiveAsLongAsOneOfItsSources) {
@@ -139,9 +139,9 @@ TEST_F(InstanceMonitorTest, ReportedLossesAreGapsToo) {
 TEST_F(InstanceMonitorTest, KeepsTheLastTwoPricesOfEachSymbol) {
   Receive({.sequence = 1, .symbol = "MSFT", .price = "100"});
   Receive({.sequence = 2, .symbol = "IBM", .price = "50"});
-  EXPECT_EQ(m_monitor.Read().symbols.at(0).Change(), 0);
+  EXPECT_EQ(m_monitor.Prices().symbols.at(0).Change(), 0);
   Receive({.sequence = 3, .symbol = "MSFT", .price = "99.5"});
-  const auto symbols = m_monitor.Read().symbols;
+  const auto symbols = m_monitor.Prices().symbols;
   ASSERT_EQ(symbols.size(), 2U);
   EXPECT_EQ(symbols[0].symbol.View(), "MSFT");
   EXPECT_EQ(symbols[0].price.ToString(), "99.50");
@@ -158,7 +158,7 @@ TEST_F(InstanceMonitorTest, CountsTheUpdatesOfSymbolsBeyondItsTable) {
       Receive({.sequence = round * symbols + i + 1, .symbol = 'S' + std::to_string(i)});
     }
   }
-  const auto snapshot = m_monitor.Read();
+  const auto& snapshot = m_monitor.Prices();
   EXPECT_EQ(snapshot.symbols.size(), InstanceMonitor::kMaxSymbols);
   EXPECT_EQ(snapshot.symbols.back().updates, 2U);
   EXPECT_EQ(snapshot.totals.updates, 2 * symbols);

@@ -33,7 +33,7 @@ InstanceSnapshot MakeInstance(const std::string& name, std::size_t symbols) {
   instance.totals.updates = 2 * symbols;
   instance.totals.firstAt = 1'000'000'000;
   instance.totals.lastAt = 2'000'000'000;
-  instance.totals.latency = latency.Read();
+  instance.totals.latency = latency;
   return instance;
 }
 
