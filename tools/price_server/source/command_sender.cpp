@@ -25,12 +25,12 @@ CommandSender::CommandSender(lbm::Context& ctx, EventLoop& loop, std::uint64_t s
       m_print(std::move(print)) {}
 
 void CommandSender::Send(const ConsoleCommand& command) {
+  DestinationAt(command.topic);  // or there is no such command
   const auto number = ++m_last;
   auto message = command.command;
   message.id = m_session + number;
   m_pending[number] = {command.topic, command.receiver, feed::Encode(message)};
   m_loop.RunAt(EventLoop::Clock::now() + m_timeout, [this, number] { EndWaitForListener(number); });
-  DestinationAt(command.topic);
   SendWhatWaits(command.topic);
 }
 

@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "console_line.h"
 #include "event_loop.h"
@@ -43,6 +42,7 @@ class CommandSender {
   CommandSender(lbm::Context& ctx, EventLoop& loop, std::uint64_t session, std::chrono::duration<double> timeout,
                 Print print);
 
+  // Throws lbm::LbmError when there can be no source for the command, which then has no number.
   void Send(const ConsoleCommand& command);
 
   // Says which commands are left without an outcome.
