@@ -56,26 +56,20 @@ TEST_F(ClientCommandsTest, APausedClientTakesNoPricesAndMissesNoneWhenItResumes)
   ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
   Operator trader(m_runtime.Path(), kHost, kClientID);
 
-  auto answer = trader.Command("pause");
-  EXPECT_EQ(answer.result, "ok");
-  EXPECT_EQ(answer.text, "paused");
-  EXPECT_EQ(answer.clientID, kClientID);
-  EXPECT_EQ(answer.host, kHost);
-  const auto atPause = trader.Command("report").figures;
-  EXPECT_EQ(atPause.at("paused"), 1);
-  EXPECT_GT(atPause.at("updates"), 0);
-  ASSERT_TRUE(client.WaitForOutput("is paused")) << client.Output();
+  EXPECT_EQ(trader.Command("pause").text, "paused");
+  const auto paused = trader.Command("report").figures;
+  EXPECT_EQ(paused.at("paused"), 1);
+  EXPECT_GT(paused.at("updates"), 0);
   ASSERT_TRUE(client.WaitForOutput(" rate=0/s ")) << client.Output();
   EXPECT_EQ(trader.Command("pause").text, "was paused already");
-  EXPECT_EQ(trader.Command("report").figures.at("updates"), atPause.at("updates"));
+  EXPECT_EQ(trader.Command("report").figures.at("updates"), paused.at("updates"));
 
   EXPECT_EQ(trader.CommandHost("resume").text, "resumed");
   feed::CommandAnswer::Figures resumed;
   EXPECT_TRUE(trader.AsPeer().WaitUntil([&] {
     resumed = trader.Command("report").figures;
-    return resumed.at("updates") > atPause.at("updates") && resumed.at("instances_up") == 1;
+    return resumed.at("updates") > paused.at("updates") && resumed.at("instances_up") == 1;
   }));
-  EXPECT_EQ(resumed.at("paused"), 0);
   EXPECT_EQ(resumed.at("gaps"), 0);
   EXPECT_EQ(resumed.at("restarts"), 0);
 }
@@ -83,9 +77,6 @@ TEST_F(ClientCommandsTest, APausedClientTakesNoPricesAndMissesNoneWhenItResumes)
 TEST_F(ClientCommandsTest, WhatCannotBeObeyedIsAnsweredAndCounted) {
   Process client(Client({"--json"}), m_environment);
   Operator trader(m_runtime.Path(), kHost, kClientID);
-  const auto before = trader.Command("report").figures;
-  EXPECT_EQ(before.at("instances_up"), 0);
-
   EXPECT_EQ(trader.Command("dance").result, "unknown command \"dance\"; known: report, pause, resume, quit");
   for (const char* bytes : {"", "report", "{}", "[1, 2, 3]", "\xff\xfe"}) {
     EXPECT_TRUE(trader.Send(bytes));
@@ -93,9 +84,9 @@ TEST_F(ClientCommandsTest, WhatCannotBeObeyedIsAnsweredAndCounted) {
   const auto answer = trader.Request(R"({"id": 1000, "command": 7})");
   EXPECT_EQ(answer.id, 1000U);
   EXPECT_EQ(answer.result, "not a command that can be read");
-  const auto after = trader.Command("report").figures;
-  EXPECT_EQ(after.at("malformed_commands"), 6);
-  EXPECT_EQ(after.at("commands"), before.at("commands") + 2);
+  const auto figures = trader.Command("report").figures;
+  EXPECT_EQ(figures.at("malformed_commands"), 6);
+  EXPECT_EQ(figures.at("commands"), 2);
 }
 
 TEST_F(ClientCommandsTest, AnswersAreThereForWhoeverListens) {
@@ -120,13 +111,15 @@ TEST_F(ClientCommandsTest, QuitEndsTheClientInOrder) {
   Process server(Server(), m_environment);
   Process client(Client({"--json"}), m_environment);
   Operator trader(m_runtime.Path(), kHost, kClientID);
-  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] { return trader.Command("report").figures.at("updates") > 0; }));
+  int commands = 1;
+  EXPECT_TRUE(trader.AsPeer().WaitUntil([&] {
+    ++commands;
+    return trader.Command("report").figures.at("updates") > 0;
+  }));
   EXPECT_EQ(trader.Command("quit").result, "ok");
   EXPECT_EQ(client.Wait(), 0) << client.Errors();
   EXPECT_THAT(client.Errors(), HasSubstr("ended by a command"));
-  const auto json = nlohmann::json::parse(client.Output());
-  EXPECT_GT(json["total"]["updates"], 0);
-  EXPECT_EQ(json["client"]["id"], kClientID);
+  EXPECT_EQ(nlohmann::json::parse(client.Output())["client"]["commands"], commands);
 }
 
 TEST_F(ClientCommandsTest, AServerThatComesUpIsAskedForItsProductsUntilItAnswers) {

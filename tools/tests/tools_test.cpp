@@ -193,7 +193,7 @@ TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
       {Server("32768", {"--prices=" + kStocks}), "--node"},
       {Server("1", {"--prices=" + kStocks, "--rate=-1"}), "--rate: "},
       {Server("1", {"--prices=" + kStocks, "--seconds=nan"}), "--seconds: "},
-      {Server("1", {"--prices=" + kStocks, "--count=-1"}), "--count"},
+      {Server("1", {"--prices=" + kStocks, "--status-every=0"}), "--status-every 0"},
       {Server("1", {"--prices=" + kStocks, "--log-level=loud"}), "--log-level: \"loud\""},
       {Server("1", {"--prices=" + kStocks, "--segments=0"}), "--segments"},
       {Client({}), "--instance is required"},

@@ -75,23 +75,12 @@ TEST_F(PricesFileTest, NamesFileAndLineOfWhatIsWrong) {
       {"", "prices.csv: the prices file is empty"},
       {"\n", "prices.csv:1: unknown header \"\""},
       {"time,price\n", "prices.csv:1: unknown header \"time,price\"; expected \"symbol,date,price\" or \"date,open,"},
-      {"symbol,date,price\n", "prices.csv:1: no prices after the header"},
       {"symbol,date,price\n\r\n", "prices.csv:2: no prices after the header"},
       {"symbol,date,price\nA,2000-01-03,1\nB,2000-01-03\n", "prices.csv:3: expected 3 fields, found 2"},
-      {"symbol,date,price\nA,2000-01-03,1,2\n", "prices.csv:2: expected 3 fields, found 4"},
-      {"symbol,date,price\n,2000-01-03,1\n", "prices.csv:2: bad symbol \"\""},
       {"symbol,date,price\nA B,2000-01-03,1\n", "prices.csv:2: bad symbol \"A B\""},
       {"symbol,date,price\nA,2000-02-30,1\n", "prices.csv:2: bad date \"2000-02-30\""},
-      {"symbol,date,price\nA,Foo 1 2000,1\n", "prices.csv:2: bad date \"Foo 1 2000\""},
       {"symbol,date,price\nA,Jan  2000,1\n", "prices.csv:2: bad date \"Jan  2000\""},
-      {"symbol,date,price\nA,,1\n", "prices.csv:2: bad date \"\""},
-      {"symbol,date,price\nA,2000-01-03,-1\n", "prices.csv:2: bad price \"-1\""},
-      {"symbol,date,price\nA,2000-01-03,nan\n", "prices.csv:2: bad price \"nan\""},
       {"symbol,date,price\nA,2000-01-03,1e5\n", "prices.csv:2: bad price \"1e5\""},
-      {"symbol,date,price\nA,2000-01-03,.5\n", "prices.csv:2: bad price \".5\""},
-      {"symbol,date,price\nA,2000-01-03,1.\n", "prices.csv:2: bad price \"1.\""},
-      {"symbol,date,price\nA,2000-01-03,1.1234567\n", "prices.csv:2: bad price \"1.1234567\""},
-      {"symbol,date,price\nA,2000-01-03,1234567890123\n", "prices.csv:2: bad price \"1234567890123\""},
       {"date,open,high,low,close,adjclose,volume\n2000-01-03,1,2,3,null,5,6\n", "prices.csv:2: bad price \"null\""},
   };
   for (const auto& [content, error] : cases) {
@@ -111,6 +100,9 @@ TEST(Price, KeepsEveryDigitAndDropsTrailingZeros) {
   }
   EXPECT_EQ(Price::Parse("1469.250000").value().ToString(), "1469.25");
   EXPECT_EQ(Price::Parse("007").value().ToString(), "7.00");
+  for (const char* text : {"", "-1", "+1", ".5", "1.", "nan", "1.1234567", "1234567890123"}) {
+    EXPECT_FALSE(Price::Parse(text)) << text;
+  }
 }
 
 }  // namespace

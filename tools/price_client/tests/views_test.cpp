@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -41,8 +42,8 @@ Snapshot MakeSnapshot(double elapsedSeconds, std::vector<InstanceSnapshot> insta
   return {elapsedSeconds, {.id = "alice-7", .host = "trader"}, std::move(instances)};
 }
 
-feed::ServerStatus Status(std::uint64_t session, feed::ServerState state) {
-  return {session, state, feed::UtcTime(), 5, std::chrono::seconds(3723)};
+feed::ServerStatus Status(feed::ServerState state) {
+  return {7, state, feed::UtcTime(), 5, std::chrono::seconds(3723)};
 }
 
 // What a terminal of that size shows, without colours.
@@ -59,24 +60,23 @@ std::vector<std::string> LinesOf(std::string frame) {
 
 TEST(LiveView, ShowsEveryInstanceAndAsManySymbolsAsFit) {
   auto snapshot = MakeSnapshot(3725, {MakeInstance("ONE", 5), MakeInstance("TWO", 30)});
-  auto& one = snapshot.instances[0];
-  one.status = StatusSnapshot{Status(7, feed::ServerState::kOpen), 2, false};
-  one.notices.products.resize(5);
-  one.notices.rfqs = 12;
-  one.notices.news = 3;
-  one.notices.lastNews = feed::News{{}, "Café prices up", ""};
-  snapshot.client.isPaused = true;
+  snapshot.instances[0].status = StatusSnapshot{Status(feed::ServerState::kOpen), 2, false};
+  snapshot.instances[0].notices.lastNews = feed::News{{}, "Café prices up", ""};
   const auto lines = LinesOf(RenderFrame(snapshot, {200, 15}, false));
   ASSERT_EQ(lines.size(), 15U);
   EXPECT_THAT(lines[0], HasSubstr("01:02:05"));
-  EXPECT_THAT(lines[0], HasSubstr("paused"));
-  EXPECT_EQ(lines[1], "client alice-7 on host trader");
-  EXPECT_THAT(lines[2], HasSubstr("ONE  up  segments 2/2"));
-  EXPECT_EQ(lines[3], "  open 01:02:05  products 5  RFQs 12  news 3  Caf? prices up");
+  EXPECT_THAT(lines[2], HasSubstr("ONE  up"));
+  EXPECT_THAT(lines[3], testing::MatchesRegex("  open 01:02:05 .* Caf\\? prices up"));
   EXPECT_THAT(lines[4], testing::MatchesRegex(" *SYM0 +99\\.50 +-0\\.50 +-0\\.50% +2000-01-31 +2"));
   EXPECT_THAT(lines[9], HasSubstr("TWO  up"));
-  EXPECT_THAT(lines[10], HasSubstr("no status"));
-  EXPECT_EQ(lines[14], "  27 more symbols; a taller window shows them");
+  EXPECT_THAT(lines[14], HasSubstr(" 27 more symbols"));
+}
+
+TEST(LiveView, KeepsColumnsInPlaceWhateverTheSymbolsLength) {
+  auto instance = MakeInstance("ONE", 2);
+  instance.symbols[1].symbol = feed::Symbol::Parse("TWENTY-CHARACTERS-XX").value();
+  const auto lines = LinesOf(RenderFrame(MakeSnapshot(1, {instance}), {}, false));
+  EXPECT_EQ(lines[4].find("2000-01-31"), lines[5].find("2000-01-31"));
 }
 
 TEST(LiveView, NeverLeavesTheScreen) {
@@ -99,107 +99,70 @@ TEST(LiveView, ColoursOnlyWhenAsked) {
   EXPECT_THAT(RenderFrame(snapshot, {}, false), Not(testing::ContainsRegex("\x1b\\[[0-9]*m")));
 }
 
-TEST(Report, TellsWhatChangedAndNothingElse) {
-  const auto before = MakeInstance("ONE", 1);
+TEST(Lines, TellWhatChangedAndNothingElse) {
+  auto before = MakeInstance("ONE", 1);
+  before.status = StatusSnapshot{Status(feed::ServerState::kOpen), 0, false};
   auto now = before;
   now.totals.updates += 100;
+  now.status->ageSeconds = 1;
   EXPECT_EQ(ChangeLines(before, now, 1), "");
   now.state = InstanceState::kBack;
   now.totals.restarts = 1;
   now.totals.gaps = 2;
   now.totals.missed = 37;
   now.totals.lost = 5;
-  EXPECT_EQ(ChangeLines(before, now, 1),
-            "     1.0s ONE is back\n"
-            "     1.0s ONE server restarted\n"
-            "     1.0s ONE gaps: 2 more, 37 updates missed\n"
-            "     1.0s ONE lost: 5 more messages\n");
+  now.status->isSilent = true;
+  const auto text = ChangeLines(before, now, 1);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 5);
+  EXPECT_THAT(text, HasSubstr("     1.0s ONE gaps: 2 more, 37 updates missed\n"));
 }
 
-TEST(Report, TellsOfTheServersStatusAndEnd) {
-  const auto instance = MakeInstance("ONE", 0);
-  auto open = instance;
-  open.status = StatusSnapshot{Status(7, feed::ServerState::kOpen), 0, false};
-  EXPECT_EQ(ChangeLines(instance, open, 1), "     1.0s ONE server is open, up for 01:02:03, session 7\n");
-  auto silent = open;
-  silent.status->ageSeconds = 5.1;
-  silent.status->isSilent = true;
-  EXPECT_EQ(ChangeLines(open, silent, 1), "     1.0s ONE server is silent: no status for 5 s\n");
-  EXPECT_EQ(ChangeLines(silent, silent, 1), "");
-  EXPECT_EQ(ChangeLines(silent, open, 1), "     1.0s ONE server is heard again\n");
-  auto killed = open;
-  killed.state = InstanceState::kGone;
-  EXPECT_EQ(ChangeLines(open, killed, 1), "     1.0s ONE is gone, ended without closing\n");
-  EXPECT_EQ(ChangeLines(silent, killed, 1), "     1.0s ONE is gone, ended without closing\n");
-  auto closed = killed;
-  closed.status->last.state = feed::ServerState::kClosing;
-  EXPECT_EQ(ChangeLines(open, closed, 1),
-            "     1.0s ONE server is closing, up for 01:02:03, session 7\n"
-            "     1.0s ONE is gone, closed in order\n");
+TEST(Lines, TellThatAServerClosedBeforeTheyTellThatItIsGone) {
+  auto open = MakeInstance("ONE", 0);
+  open.status = StatusSnapshot{Status(feed::ServerState::kOpen), 6, true};
+  auto gone = open;
+  gone.state = InstanceState::kGone;
+  gone.status->isSilent = false;
+  EXPECT_EQ(ChangeLines(open, gone, 1), "     1.0s ONE is gone, ended without closing\n");
+  gone.status->last.state = feed::ServerState::kClosing;
+  EXPECT_THAT(ChangeLines(open, gone, 1), testing::MatchesRegex(".* is closing, .*\n.* is gone, closed in order\n"));
 }
 
 TEST(Report, FiguresFitIntoAnAnswer) {
   const auto figures = ReportFigures(MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("TWO", 0)}));
   EXPECT_LE(figures.size(), feed::CommandAnswer::kMaxFigures);
-  EXPECT_EQ(figures.at("elapsed_ms"), 2500);
-  EXPECT_EQ(figures.at("instances_up"), 2);
   EXPECT_EQ(figures.at("updates"), 4);
   EXPECT_EQ(figures.at("latency_max_ns"), 1500);
 }
 
-TEST(Report, JsonHasTheTotalAndEveryInstance) {
+TEST(Report, SaysNothingOfWhatIsNotThere) {
   auto snapshot = MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("NONE", 0)});
-  snapshot.instances[0].status = StatusSnapshot{Status(7, feed::ServerState::kClosing), 2, true};
-  snapshot.instances[0].notices.lastNews = feed::News{{}, "Café", ""};
+  snapshot.instances[0].status = StatusSnapshot{Status(feed::ServerState::kClosing), 2, true};
   const auto json = nlohmann::json::parse(SummaryJson(snapshot));
-  EXPECT_EQ(json["seconds"], 2.5);
-  EXPECT_EQ(json["total"]["updates"], 4);
   EXPECT_EQ(json["total"]["rate"], 3.0);
-  EXPECT_EQ(json["total"]["latency_ns"]["max"], 1500);
-  EXPECT_EQ(json["instances"][0]["instance"], "ONE");
-  EXPECT_EQ(json["instances"][0]["symbols"][1]["price"], 99.5);
-  EXPECT_EQ(json["instances"][0]["symbols"][1]["change"], -0.5);
-  EXPECT_EQ(json["instances"][0]["status"]["state"], "closing");
   EXPECT_EQ(json["instances"][0]["status"]["silent"], true);
-  EXPECT_EQ(json["instances"][0]["last_news"]["headline"], "Café");
-  EXPECT_TRUE(json["instances"][1]["latency_ns"].is_null());
-  EXPECT_TRUE(json["instances"][1]["status"].is_null());
-  EXPECT_TRUE(json["instances"][1]["last_news"].is_null());
-  EXPECT_EQ(json["client"]["id"], "alice-7");
+  EXPECT_EQ(json["instances"][0]["symbols"][1]["change"], -0.5);
+  for (const char* name : {"latency_ns", "status", "last_rfq", "last_news"}) {
+    EXPECT_TRUE(json["instances"][1].at(name).is_null()) << name;
+  }
 }
 
-TEST(Report, TablesHaveARowForEachInstanceAndFitATerminal) {
+TEST(Report, TablesFitATerminal) {
   auto snapshot = MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("A-LONGER-NAME", 0)});
   snapshot.instances[1].totals.updates = 1'000'000'000;
   std::istringstream table(SummaryTable(snapshot));
-  std::vector<std::string> rows;
   for (std::string row; std::getline(table, row);) {
-    rows.push_back(row);
+    EXPECT_LE(row.size(), 80U) << row;
   }
-  ASSERT_EQ(rows.size(), 13U);
-  for (const auto& row : rows) {
-    EXPECT_LE(row.size(), 80U);
-  }
-  for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(rows[i].size(), rows[0].size());
-  }
-  EXPECT_THAT(rows[1], testing::MatchesRegex("ONE +up +4 +3\\.0 +0 +0 +0 +0"));
-  EXPECT_THAT(rows[3], testing::StartsWith("total"));
-  EXPECT_THAT(rows[6], testing::MatchesRegex("ONE +1\\.50 us +1\\.50 us .*"));
-  EXPECT_THAT(rows[7], testing::MatchesRegex("A-LONGER-NAME +- +- +- +- +-"));
-  EXPECT_THAT(rows[11], testing::MatchesRegex("ONE +no status +0 +0 +0"));
 }
 
 TEST(Format, ChoosesUnitAndDigits) {
   EXPECT_EQ(FormatLatency(999), "999 ns");
-  EXPECT_EQ(FormatLatency(1000), "1.00 us");
   EXPECT_EQ(FormatLatency(9'996), "10.0 us");
   EXPECT_EQ(FormatLatency(999'400), "999 us");
   EXPECT_EQ(FormatLatency(999'600), "1.00 ms");
   EXPECT_EQ(FormatLatency(68'700'000'000), "68.7 s");
-  EXPECT_EQ(FormatCount(0), "0");
   EXPECT_EQ(FormatCount(999), "999");
-  EXPECT_EQ(FormatCount(1000), "1,000");
   EXPECT_EQ(FormatCount(1'234'567), "1,234,567");
 }
 

@@ -40,7 +40,6 @@ TEST(ConsoleLine, ThatIsNoneIsRefusedWithAReason) {
   }
   const std::pair<std::string, const char*> cases[] = {
       {"report", "\"report\" is neither host nor client"},
-      {"Client alice report", "\"Client\" is neither"},
       {"client alice", "client id or command missing"},
       {"host", "hostname or command missing"},
       {"client \xff report", "not UTF-8"},
