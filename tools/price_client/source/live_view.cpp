@@ -169,7 +169,7 @@ Style StyleOfMove(const SymbolSnapshot& symbol) {
 
 // Wide enough for most prices from the start, so that the columns stay where they are as prices change.
 void AddSymbols(Frame& frame, std::span<const SymbolSnapshot> symbols) {
-  cli::Table table(1, {14, 12, 10, 8, 10, 11});
+  cli::Table table(1, {8, 11, 9, 8, 10, 11});
   for (const auto& symbol : symbols) {
     table.Add({std::string(symbol.symbol.View()), symbol.price.ToString(), fmt::format("{:+.2f}", symbol.Change()),
                fmt::format("{:+.2f}%", symbol.ChangePercent()), feed::ToString(symbol.date),
