@@ -18,24 +18,23 @@ namespace tools_test {
 namespace {
 
 using ps_ns::TopicNames;
-using testing::ContainsRegex;
 using testing::HasSubstr;
 
 using Arguments = std::vector<std::string>;
 
+constexpr const char* kPrices = "--prices=" PRICES_DIRECTORY "/stocks.csv";
+constexpr const char* kConfig = "--config=" PRICE_CLIENT_CONFIG;
 constexpr const char* kHost = "trader-7.example.com";
 constexpr const char* kClientID = "alice";
 
 class ClientCommandsTest : public testing::Test {
  protected:
   static Arguments Server() {
-    return {PRICE_SERVER, "--market=1",         "--submarket=1",
-            "--node=1",   "--market-name=TEST", "--prices=" PRICES_DIRECTORY "/stocks.csv",
-            "--loop"};
+    return {PRICE_SERVER, "--market=1", "--submarket=1", "--node=1", "--market-name=TEST", kPrices, "--loop"};
   }
   static Arguments Client(const Arguments& more = {}) {
-    Arguments command{PRICE_CLIENT, "--config=" PRICE_CLIENT_CONFIG, "--instance=1:1:1:TEST",
-                      "--host=" + std::string(kHost), "--client-id=" + std::string(kClientID)};
+    Arguments command{PRICE_CLIENT, kConfig, "--instance=1:1:1:TEST", "--host=" + std::string(kHost),
+                      "--client-id=" + std::string(kClientID)};
     command.insert(command.end(), more.begin(), more.end());
     return command;
   }

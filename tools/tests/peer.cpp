@@ -92,7 +92,7 @@ feed::CommandAnswer Operator::Ask(const std::string& topicName, const std::strin
   feed::Command command;
   command.id = ++m_lastID;
   command.name = name;
-  const auto answer = AskRaw(topicName, feed::Encode(command));
+  auto answer = AskRaw(topicName, feed::Encode(command));
   EXPECT_EQ(answer.id, command.id) << name;
   return answer;
 }

@@ -53,13 +53,14 @@ Channel MakeTerminal() {
 
 Process::Process(std::vector<std::string> command, const Environment& environment, Terminal terminal) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (auto& argument : command) {
     arguments.push_back(argument.data());
   }
   arguments.push_back(nullptr);
   std::vector<std::string> assignments;
   for (const auto& [name, value] : environment) {
-    assignments.push_back(name + '=' + value);
+    assignments.emplace_back(name).append("=").append(value);
   }
 
   auto input = MakePipe();

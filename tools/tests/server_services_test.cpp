@@ -37,9 +37,8 @@ class ServerServicesTest : public testing::Test {
     return command;
   }
   static Arguments Client(const std::string& id) {
-    return {PRICE_CLIENT,       "--config=" PRICE_CLIENT_CONFIG,
-            "--instance=1:1:1", "--segments=2",
-            "--plain",          "--host=box.example",
+    constexpr const char* kConfig = "--config=" PRICE_CLIENT_CONFIG;
+    return {PRICE_CLIENT,       kConfig, "--instance=1:1:1", "--segments=2", "--plain", "--host=box.example",
             "--client-id=" + id};
   }
 

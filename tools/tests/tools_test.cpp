@@ -39,7 +39,7 @@ class ToolsTest : public testing::Test {
   }
 
   std::filesystem::path Write(const std::string& name, const std::string& content) const {
-    const auto path = m_files.Path() / name;
+    auto path = m_files.Path() / name;
     std::ofstream(path) << content;
     return path;
   }

@@ -19,8 +19,6 @@
 namespace feed {
 namespace {
 
-using testing::HasSubstr;
-
 const UtcTime kTime = *ParseUtcTime("2026-02-28T23:59:59.007Z");
 const ProductInfo kProduct{*Symbol::Parse("MSFT"),   65535, *ParseDate("2000-01-31"),
                            *ParseDate("2010-03-01"), 123,   Price::Parse("28.37")};
@@ -112,7 +110,8 @@ TEST(JsonMessages, OfHostileBytesAreNone) {
     for (int i = 0; i < 500; ++i) {
       auto damaged = bytes;
       for (auto flips = 1 + random() % 3; flips > 0; --flips) {
-        damaged[random() % damaged.size()] ^= static_cast<char>(1U << random() % 8);
+        auto& byte = damaged[random() % damaged.size()];
+        byte = static_cast<char>(static_cast<unsigned char>(byte) ^ (1U << random() % 8));
       }
       const auto accepted = again(damaged);
       if (!accepted.empty()) {

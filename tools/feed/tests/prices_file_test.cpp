@@ -17,7 +17,7 @@ const Symbol kDaily = *Symbol::Parse("SP500");
 class PricesFileTest : public testing::Test {
  protected:
   std::string Write(const std::string& content) const {
-    const auto path = (m_directory.Path() / "prices.csv").string();
+    auto path = (m_directory.Path() / "prices.csv").string();
     std::ofstream(path, std::ios::binary) << content;
     return path;
   }

@@ -13,12 +13,12 @@ void InstanceNotices::TakeProduct(std::string_view bytes) {
 }
 
 void InstanceNotices::TakeRfq(std::string_view bytes) {
-  auto rfq = feed::DecodeRequestForQuote(bytes);
+  const auto rfq = feed::DecodeRequestForQuote(bytes);
   if (!rfq) {
     return CountMalformed();
   }
   ++m_notices.rfqs;
-  m_notices.lastRfq = std::move(rfq);
+  m_notices.lastRfq = rfq;
 }
 
 void InstanceNotices::TakeNews(std::string_view bytes) {

@@ -44,7 +44,7 @@ void Subscription::StartPrices() {
   for (unsigned short segment = 0; segment < m_segments; ++segment) {
     std::string topicName;
     receivers.push_back(m_manager.CreateClientDataReceiver(
-        m_instance, segment, [this, segment](lbm::Message message) { TakePrice(segment, message); }, topicName));
+        m_instance, segment, [this, segment](const lbm::Message& message) { TakePrice(segment, message); }, topicName));
   }
   m_priceReceivers = std::move(receivers);
 }

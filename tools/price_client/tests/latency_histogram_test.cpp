@@ -25,10 +25,7 @@ TEST(LatencyHistogram, QuantilesAreAtMostOneThirtySecondTooGreat) {
   LatencyHistogram histogram;
   std::vector<std::uint64_t> values;
   for (int i = 0; i < 10'000; ++i) {
-    values.push_back(static_cast<std::uint64_t>(latencies(random)));
-  }
-  for (const auto value : values) {
-    histogram.Record(value);
+    histogram.Record(values.emplace_back(static_cast<std::uint64_t>(latencies(random))));
   }
   std::sort(values.begin(), values.end());
   for (const double fraction : {0.0, 0.001, 0.5, 0.9, 0.99, 0.999, 1.0}) {

@@ -171,11 +171,11 @@ TEST(RateMeter, MeasuresOverTheLastSecond) {
   const auto start = RateMeter::Clock::time_point();
   RateMeter meter(start);
   double rate = 0;
-  for (int tick = 0; tick <= 40; ++tick) {
+  for (std::uint64_t tick = 0; tick <= 40; ++tick) {
     auto instance = MakeInstance("ONE", 0);
     // 100 updates in each of the first 20 ticks of 50 ms, none afterwards.
-    instance.totals.updates = static_cast<std::uint64_t>(100 * std::min(tick, 20));
-    rate = meter.Measure(MakeSnapshot(0, {instance}), start + tick * 50ms).instances[0].currentRate;
+    instance.totals.updates = 100 * std::min<std::uint64_t>(tick, 20);
+    rate = meter.Measure(MakeSnapshot(0, {instance}), start + static_cast<int>(tick) * 50ms).instances[0].currentRate;
     if (tick == 20) {
       EXPECT_DOUBLE_EQ(rate, 2000);
     }

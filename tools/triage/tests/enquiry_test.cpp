@@ -63,7 +63,7 @@ class Listener {
   lbm::Receiver m_receiver;
 };
 
-Listener::Behaviour Answers(int status, std::string id = "id") {
+Listener::Behaviour Answers(int status, const std::string& id = "id") {
   return [=](const lbm::Message& message) { message.GetResponse().Send(Response(status, id), 0); };
 }
 

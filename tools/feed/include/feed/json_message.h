@@ -15,7 +15,7 @@ namespace feed {
 //
 // The Decode functions take any bytes whatever, and give nothing for more than this many, nor for arrays and objects
 // that are nested more deeply than this.
-constexpr std::size_t kMaxJsonMessageSize = 64 * 1024;
+constexpr std::size_t kMaxJsonMessageSize = std::size_t{64} * 1024;
 constexpr std::size_t kMaxJsonMessageDepth = 16;
 
 // The field "id" of an object that may be no message otherwise: for answers to what cannot be read.

@@ -28,7 +28,7 @@ class Price {
   // Plain decimal notation with at least two digits after the point and no more than needed.
   std::string ToString() const;
 
-  friend constexpr auto operator<=>(Price, Price) = default;
+  friend constexpr auto operator<=>(Price, Price) = default;  // NOLINT(modernize-use-nullptr): there is no null here
 
  private:
   std::int64_t m_units = 0;
