@@ -103,7 +103,10 @@ void Directory::OnSourceUp(const std::shared_ptr<transport::RemoteSource>& sourc
     NotifyCreate(stream, *topic);
   }
   for (const auto& receiver : entry.receivers) {
-    Subscribe(stream, receiver);
+    // A deleted one may still be on its way out, and would pass for a subscriber that hears what is sent to it.
+    if (!receiver->Closed()) {
+      Subscribe(stream, receiver);
+    }
   }
 }
 

@@ -164,11 +164,8 @@ class Recorder {
   Lines lines;
 
   static std::string Describe(const lbm_msg_t& message) {
-    const std::string sequence = " " + std::to_string(message.sequence_number);
-    std::string text;
-    if (message.data != nullptr) {
-      text.append(1, ' ').append(message.data, message.len);
-    }
+    const std::string sequence = ' ' + std::to_string(message.sequence_number);
+    const std::string text = message.data != nullptr ? ' ' + std::string(message.data, message.len) : "";
     switch (message.type) {
       case LBM_MSG_DATA:
         return "data" + sequence + text;
