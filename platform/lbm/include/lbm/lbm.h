@@ -13,6 +13,9 @@
  *   Deletion: after lbm_rcv_delete, lbm_src_delete, lbm_cancel_fd and lbm_context_delete return, no callback of that
  *             object, nor of a context's children, runs or will run, event queues included. Called from inside the
  *             object's own callback they return at once and take effect when that callback returns.
+ *   Waiting:  a send without room waits for it, unless flags has LBM_SRC_NONBLOCK or the caller is the thread that
+ *             processes the context's events. In a callback of an event queue the wait ends once another thread deletes
+ *             what the callback belongs to, or its context. A send that does not wait fails with LBM_EWOULDBLOCK.
  *   Fork:     a child process must not use or delete its parent's objects.
  *   Strings:  arguments are copied. Strings handed to a callback live as long as the call, those of a message as long
  *             as the message.
@@ -42,7 +45,7 @@ extern "C" {
 /* ---- Errors ----------------------------------------------------------------------------------------------------- */
 
 #define LBM_EINVAL 1      /* an argument or option value is not acceptable */
-#define LBM_EWOULDBLOCK 2 /* a non-blocking send found no room; try again later */
+#define LBM_EWOULDBLOCK 2 /* a send found no room and does not wait; try again later */
 #define LBM_ENOMEM 3      /* memory or another resource of the system ran out */
 #define LBM_EOP 4         /* the operation is not possible in the object's present state */
 #define LBM_EOS 5         /* the operating system refused; the text names the call and its reason */
