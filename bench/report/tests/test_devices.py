@@ -25,6 +25,7 @@ class Gains(unittest.TestCase):
         )
         table = devices.table(figures, all_series(QUICK))
         self.assertEqual(table.header[1], "rate, 64 bytes")
-        row = dict(zip(table.header, *table.rows))
+        (cells,) = table.rows
+        row = dict(zip(table.header, cells))
         self.assertEqual((row["rate, 64 bytes"], row["round trip, 64 bytes"]), ("2 (2 to 2)", "2 (2 to 2)"))
         self.assertEqual(row["rate, spinning"], "")
