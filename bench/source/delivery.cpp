@@ -77,6 +77,7 @@ void ThroughReceiver(benchmark::State& state) {
   lbm::ContextAttributes attributes;
   attributes.SetString("operational_mode", "sequential");
   lbm::Context context(attributes);
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): as most applications write it
   lbm::Receiver receiver(context, {context, "BENCH", {}}, [](lbm::Message taken) { Consume(taken); });
   Deliver(state, lbm::Receiver::LbmCallback, &receiver, message);
 }

@@ -28,7 +28,7 @@ struct Endpoints {
     const ps_ns::ServerInstance instance{static_cast<ps_ns::MarketID_t>(number % 100),
                                          static_cast<ps_ns::SubmarketID_t>(number / 100 % 100),
                                          static_cast<ps_ns::NodeID_t>(number / 10'000), 0, "bench"};
-    const auto ignore = [](lbm::Message) {};
+    const auto ignore = [](const lbm::Message&) {};
     std::string topic;
     sources.push_back(manager.CreateClientSource(instance));
     receivers.push_back(manager.CreateClientReceiver(instance, ignore, topic));

@@ -13,6 +13,7 @@ namespace lbm {
 
 static_assert(!std::is_copy_constructible_v<Receiver> && !std::is_move_constructible_v<Receiver>);
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a topic belongs to one receiver and is given away.
 Receiver::Receiver(Context& ctx, ReceiverTopic topic, Callback cb, EventQueue* eq)
     : m_cbk(std::move(cb)), m_topic(topic.GetString()) {
   LBM_LOG(ZQLOG_INFO, kReceiverCreating, "Creating receiver on topic=" << m_topic);

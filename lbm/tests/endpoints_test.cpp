@@ -88,7 +88,7 @@ TEST_F(EndpointsTest, CopiesOfAMessageShareItAndMovesTakeItOver) {
   lbm_msg_delete(raw);
   Message copy(message);
   Message moved(std::move(message));
-  EXPECT_EQ(static_cast<lbm_msg_t*>(message), nullptr);
+  EXPECT_EQ(static_cast<lbm_msg_t*>(message), nullptr);  // NOLINT(bugprone-use-after-move)
   EXPECT_EQ(message.ToString(), "no message");
   message = moved;
   EXPECT_EQ(lbm_scripted::References(raw), 3U);

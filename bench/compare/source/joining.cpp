@@ -148,6 +148,36 @@ std::string TooLarge(std::size_t contexts) {
   return {};
 }
 
+// Waits for the domain to grow, as long as there are memory and time.
+class Growth {
+ public:
+  Growth(compare::Processes& inhabitants, std::chrono::seconds atMost) : m_inhabitants(inhabitants), m_atMost(atMost) {}
+
+  double Elapsed() const { return Seconds(Clock::now() - m_start); }  // seconds
+
+  // Why the count stays below what is wanted; empty once it does not.
+  std::string StoppedBelow(std::uint64_t wanted, const std::atomic<std::uint64_t>& count) {
+    while (count.load() < wanted) {
+      std::this_thread::sleep_for(5ms);
+      m_inhabitants.ThrowIfAnyEnded();
+      const std::uint64_t memoryNow = ProcNumber("/proc/meminfo", "MemAvailable");
+      if (static_cast<double>(memoryNow) < kMemoryLeft * static_cast<double>(m_memory)) {
+        return "memory ran short";
+      }
+      if (Clock::now() - m_start > m_atMost) {
+        return "took more than " + std::to_string(m_atMost.count()) + " s";
+      }
+    }
+    return {};
+  }
+
+ private:
+  compare::Processes& m_inhabitants;
+  const std::chrono::seconds m_atMost;
+  const std::uint64_t m_memory = ProcNumber("/proc/meminfo", "MemTotal");
+  const Clock::time_point m_start = Clock::now();
+};
+
 nlohmann::json Measure(std::size_t contexts, std::size_t sources, std::chrono::seconds atMost) {
   nlohmann::json result{{"contexts", contexts}, {"sources", sources}};
   if (const std::string reason = TooLarge(contexts); !reason.empty()) {
@@ -155,45 +185,33 @@ nlohmann::json Measure(std::size_t contexts, std::size_t sources, std::chrono::s
     return result;
   }
   const compare::Shared<Control> control;
-  const std::uint64_t memoryTotal = ProcNumber("/proc/meminfo", "MemTotal");
   const std::uint64_t slabBefore = ProcNumber("/proc/meminfo", "Slab");
-  const Clock::time_point start = Clock::now();
-  const Clock::time_point deadline = start + atMost;
-
   compare::Processes inhabitants;
+  Growth growth(inhabitants, atMost);
   std::uint64_t processes = 0;
   for (std::size_t number = 0; number < contexts; number += kContextsInProcess, ++processes) {
     const std::size_t count = std::min(kContextsInProcess, contexts - number);
     inhabitants.Start([&, number, count] { Inhabit(*control, count, sources / contexts, number); });
   }
 
-  // Every context finds its own sources too.
   const auto reached = [&](const std::atomic<std::uint64_t>& count, std::uint64_t wanted) {
-    while (count.load() < wanted) {
-      std::this_thread::sleep_for(5ms);
-      inhabitants.ThrowIfAnyEnded();
-      const std::uint64_t memoryNow = ProcNumber("/proc/meminfo", "MemAvailable");
-      if (static_cast<double>(memoryNow) < kMemoryLeft * static_cast<double>(memoryTotal)) {
-        result["stopped"] = "memory ran short";
-      } else if (Clock::now() > deadline) {
-        result["stopped"] = "took more than " + std::to_string(atMost.count()) + " s";
-      } else {
-        continue;
-      }
+    const std::string stopped = growth.StoppedBelow(wanted, count);
+    if (!stopped.empty()) {
+      result["stopped"] = stopped;
       result["contexts_made"] = control->contexts.load();
       result["sources_found"] = control->found.load();
-      return false;
     }
-    return true;
+    return stopped.empty();
   };
   if (!reached(control->contexts, contexts)) {
     return result;
   }
-  result["create_seconds"] = Seconds(Clock::now() - start);
+  result["create_seconds"] = growth.Elapsed();
+  // Every context finds its own sources too.
   if (!reached(control->found, contexts * sources)) {
     return result;
   }
-  result["settle_seconds"] = Seconds(Clock::now() - start);
+  result["settle_seconds"] = growth.Elapsed();
 
   control->measureMemory.store(true);
   if (!reached(control->processesMeasured, processes)) {
