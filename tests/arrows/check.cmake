@@ -29,7 +29,7 @@ set(arrows
     "${engine}/system -> misc/posix"
     "platform/lbm/scripted -> platform/lbm"
     "platform/lbm ->"
-    "tests/support ->")
+    "tests/support -> misc/posix")
 
 # A room's tests may use the test kit too, and what they share.
 set(test_kit platform/lbm/scripted tests/support)
