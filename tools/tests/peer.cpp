@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <stdexcept>
 
 #include "feed/command.h"
 #include "lbm/attributes.h"
@@ -84,7 +83,7 @@ void Peer::Receive(const std::string& topicName, lbm::MessageCallback callback) 
 }
 
 Operator::Operator(const std::filesystem::path& runtimeDirectory, const std::string& host, const std::string& clientID)
-    : m_peer(runtimeDirectory),
+    : Peer(runtimeDirectory),
       m_hostTopic(TopicNames::CreateClientHostCommandTopic(host)),
       m_idTopic(TopicNames::CreateClientIDCommandTopic(clientID)) {}
 
@@ -99,7 +98,7 @@ feed::CommandAnswer Operator::Ask(const std::string& topicName, const std::strin
 
 feed::CommandAnswer Operator::AskRaw(const std::string& topicName, const std::string& bytes) {
   feed::CommandAnswer answer;
-  m_peer.Request(topicName, bytes, [&](std::string_view response) {
+  Peer::Request(topicName, bytes, [&](std::string_view response) {
     answer = feed::DecodeCommandAnswer(response).value_or(answer);
     return true;
   });

@@ -51,7 +51,7 @@ class Peer {
 };
 
 // Somebody who commands one price client. His commands are requests, and he takes the answers to them and no others.
-class Operator {
+class Operator : public Peer {
  public:
   Operator(const std::filesystem::path& runtimeDirectory, const std::string& host, const std::string& clientID);
 
@@ -61,16 +61,14 @@ class Operator {
   feed::CommandAnswer CommandHost(const std::string& name) { return Ask(m_hostTopic, name); }
 
   // Any bytes whatever, to the client: as a message, and as a request, which is waited for likewise.
-  bool Send(const std::string& bytes) { return m_peer.Send(m_idTopic, bytes); }
+  using Peer::Send;
+  bool Send(const std::string& bytes) { return Send(m_idTopic, bytes); }
   feed::CommandAnswer Request(const std::string& bytes) { return AskRaw(m_idTopic, bytes); }
-
-  Peer& AsPeer() { return m_peer; }
 
  private:
   feed::CommandAnswer Ask(const std::string& topicName, const std::string& name);
   feed::CommandAnswer AskRaw(const std::string& topicName, const std::string& bytes);
 
-  Peer m_peer;
   const std::string m_hostTopic;
   const std::string m_idTopic;
   std::uint64_t m_lastID = 0;

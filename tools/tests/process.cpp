@@ -11,6 +11,7 @@
 #include <chrono>
 #include <utility>
 
+#include "test_support/pipe.h"
 #include "zq/posix/error.h"
 #include "zq/posix/file.h"
 
@@ -18,24 +19,13 @@ namespace tools_test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using test_support::MakePipe;
+using test_support::Pipe;
 using zq::posix::Descriptor;
 
 constexpr auto kDeadline = std::chrono::seconds(60);
 
-struct Channel {
-  Descriptor reader;
-  Descriptor writer;
-};
-
-Channel MakePipe() {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-    zq::posix::ThrowErrno("pipe2");
-  }
-  return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
-
-Channel MakeTerminal() {
+Pipe MakeTerminal() {
   int reader = -1;
   int writer = -1;
   winsize size{};

@@ -1,21 +1,13 @@
 // What a running price server does beside sending prices.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <fstream>
-
-#include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "feed/command.h"
 #include "feed/command_answer.h"
 #include "feed/news.h"
 #include "feed/request_for_quote.h"
 #include "peer.h"
-#include "process.h"
 #include "ps_common/connector/topic_names.h"
-#include "test_support/temporary_directory.h"
+#include "tools_fixture.h"
 
 namespace tools_test {
 namespace {
@@ -24,42 +16,29 @@ using ps_ns::TopicNames;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-using Arguments = std::vector<std::string>;
-
-class ServerServicesTest : public testing::Test {
+class ServerServicesTest : public ToolsFixture {
  protected:
-  ServerServicesTest() { m_instance.m_marketID = m_instance.m_submarketID = m_instance.m_nodeID = 1; }
-
-  static Arguments Server(const Arguments& more, const std::string& prices = PRICES_DIRECTORY "/stocks.csv") {
-    Arguments command{PRICE_SERVER,   "--market=1", "--submarket=1",     "--node=1",
-                      "--segments=2", "--loop",     "--prices=" + prices};
-    command.insert(command.end(), more.begin(), more.end());
-    return command;
+  Process StartServer(const Arguments& more, const std::string& prices = kStocks) const {
+    return {Server(Command({"--segments=2", "--loop", prices}, more)), m_environment};
   }
-  static Arguments Client(const std::string& id) {
-    constexpr const char* kConfig = "--config=" PRICE_CLIENT_CONFIG;
-    return {PRICE_CLIENT,       kConfig, "--instance=1:1:1", "--segments=2", "--plain", "--host=box.example",
-            "--client-id=" + id};
+  Process StartClient(const std::string& id) const {
+    return {Client({"--instance=1:1:1", "--segments=2", "--plain", "--host=box.example", "--client-id=" + id}),
+            m_environment};
   }
 
-  std::vector<feed::ClientResponse> Ask(Peer& peer, const std::string& bytes) const {
+  static std::vector<feed::ClientResponse> Ask(Peer& peer, const std::string& bytes) {
     std::vector<feed::ClientResponse> responses;
-    peer.Request(TopicNames::CreateClientRequestTopic(m_instance), bytes, [&](std::string_view response) {
+    peer.Request(TopicNames::CreateClientRequestTopic(kInstance), bytes, [&](std::string_view response) {
       responses.push_back(feed::DecodeClientResponse(response).value());
       return responses.back().isLast;
     });
     return responses;
   }
-  feed::ClientResponse AskOne(Peer& peer, const std::string& bytes) const {
+  static feed::ClientResponse AskOne(Peer& peer, const std::string& bytes) {
     const auto responses = Ask(peer, bytes);
     EXPECT_EQ(responses.size(), 1U) << bytes;
     return responses.empty() ? feed::ClientResponse() : responses[0];
   }
-
-  ps_ns::ServerInstance m_instance;
-  test_support::TemporaryDirectory m_files;
-  test_support::TemporaryDirectory m_runtime;
-  Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
 };
 
 // The messages that come on the topic, decoded.
@@ -78,15 +57,15 @@ std::shared_ptr<std::vector<Message>> Listen(Peer& peer, const std::string& topi
 }
 
 TEST_F(ServerServicesTest, ProductsStatusNewsAndRequestsForQuotesReachWhoeverListens) {
-  Process server(Server({"--news-every=0.01", "--rfq-every=0.01", "--status-every=0.01"}), m_environment);
+  Process server = StartServer({"--news-every=0.01", "--rfq-every=0.01", "--status-every=0.01"});
   Peer peer(m_runtime.Path());
   const auto products =
-      Listen<feed::ProductInfo>(peer, TopicNames::CreateProductResponseTopic(m_instance), feed::DecodeProductInfo);
+      Listen<feed::ProductInfo>(peer, TopicNames::CreateProductResponseTopic(kInstance), feed::DecodeProductInfo);
   const auto statuses =
-      Listen<feed::ServerStatus>(peer, TopicNames::CreateServerStatusTopic(m_instance), feed::DecodeServerStatus);
-  const auto news = Listen<feed::News>(peer, TopicNames::CreateNewsBroadcastTopic(m_instance), feed::DecodeNews);
-  const auto rfqs = Listen<feed::RequestForQuote>(peer, TopicNames::CreateRFQ_BroadcastTopic(m_instance),
-                                                  feed::DecodeRequestForQuote);
+      Listen<feed::ServerStatus>(peer, TopicNames::CreateServerStatusTopic(kInstance), feed::DecodeServerStatus);
+  const auto news = Listen<feed::News>(peer, TopicNames::CreateNewsBroadcastTopic(kInstance), feed::DecodeNews);
+  const auto rfqs =
+      Listen<feed::RequestForQuote>(peer, TopicNames::CreateRFQ_BroadcastTopic(kInstance), feed::DecodeRequestForQuote);
   ASSERT_TRUE(peer.WaitUntil([&] {
     return products->size() >= 5 && statuses->size() >= 3 && news->size() >= 2 && rfqs->size() >= 6;
   })) << server.Errors();
@@ -102,7 +81,7 @@ TEST_F(ServerServicesTest, ProductsStatusNewsAndRequestsForQuotesReachWhoeverLis
   const auto before = products->size();
   Peer late(m_runtime.Path());
   const auto again =
-      Listen<feed::ProductInfo>(late, TopicNames::CreateProductResponseTopic(m_instance), feed::DecodeProductInfo);
+      Listen<feed::ProductInfo>(late, TopicNames::CreateProductResponseTopic(kInstance), feed::DecodeProductInfo);
   EXPECT_TRUE(late.WaitUntil([&] { return again->size() >= 5; }));
   EXPECT_TRUE(peer.WaitUntil([&] { return products->size() >= before + 5; }));
   EXPECT_TRUE(again->at(4).lastPrice.has_value());
@@ -114,18 +93,14 @@ TEST_F(ServerServicesTest, ProductsStatusNewsAndRequestsForQuotesReachWhoeverLis
 }
 
 TEST_F(ServerServicesTest, EveryRequestIsAnswered) {
-  const auto prices = m_files.Path() / "many.csv";
-  {
-    std::ofstream file(prices);
-    file << "symbol,date,price\n";
-    for (int i = 0; i < 250; ++i) {
-      file << 'S' << i << ",2000-01-03," << i << '\n';
-    }
+  std::string prices = "symbol,date,price\n";
+  for (int i = 0; i < 250; ++i) {
+    prices += 'S' + std::to_string(i) + ",2000-01-03,1\n";
   }
-  Process server(Server({}, prices), m_environment);
+  Process server = StartServer({}, "--prices=" + Write("many.csv", prices).string());
   Peer peer(m_runtime.Path());
   // One that is no request, before the others.
-  ASSERT_TRUE(peer.Send(TopicNames::CreateClientRequestTopic(m_instance), "data"));
+  ASSERT_TRUE(peer.Send(TopicNames::CreateClientRequestTopic(kInstance), "data"));
 
   const auto all = Ask(peer, R"({"id": 7, "request": "products"})");
   ASSERT_EQ(all.size(), 3U);
@@ -154,13 +129,13 @@ TEST_F(ServerServicesTest, EveryRequestIsAnswered) {
 }
 
 TEST_F(ServerServicesTest, TheConsoleShowsTheAnswersOfClientsThatNobodyListed) {
-  Process server(Server({"--console"}), m_environment);
+  Process server = StartServer({"--console"});
   server.Write("client alice report\n");
-  Process alice(Client("alice"), m_environment);
+  Process alice = StartClient("alice");
   ASSERT_TRUE(server.WaitForOutput("#1 to client alice: sent\n#1 from alice on box.example: ok; ")) << server.Output();
   ASSERT_TRUE(server.WaitForOutput(" updates=")) << server.Output();
 
-  Process bob(Client("bob"), m_environment);
+  Process bob = StartClient("bob");
   ASSERT_TRUE(bob.WaitForOutput(" is up")) << bob.Output();
   server.Write("client bob dance\nhost box.example report\nhost\nhelp\n");
   ASSERT_TRUE(server.WaitForOutput("#3 from bob on box.example: ok; ")) << server.Output();
@@ -177,7 +152,7 @@ TEST_F(ServerServicesTest, TheConsoleShowsTheAnswersOfClientsThatNobodyListed) {
 }
 
 TEST_F(ServerServicesTest, AClientIsHeardThoughNothingSubscribesToIt) {
-  Process server(Server({"--console"}), m_environment);
+  Process server = StartServer({"--console"});
   Peer client(m_runtime.Path());
   bool hasAnswered = false;
   client.Receive(TopicNames::CreateClientIDCommandTopic("carol"), [&](const lbm::Message& message) {
@@ -199,11 +174,11 @@ TEST_F(ServerServicesTest, AClientIsHeardThoughNothingSubscribesToIt) {
 }
 
 TEST_F(ServerServicesTest, CommandsToClientsThatDoNotHearOrAnswerAreSaidToBeSo) {
-  Process server(Server({"--console", "--command-timeout=1"}), m_environment);
+  Process server = StartServer({"--console", "--command-timeout=1"});
   server.Write("client alice report\n");
   ASSERT_TRUE(server.WaitForOutput("#1 to client alice: not sent, nobody listened for 1 s\n")) << server.Errors();
   {
-    Process alice(Client("alice"), m_environment);
+    Process alice = StartClient("alice");
     ASSERT_TRUE(alice.WaitForOutput(" is up")) << alice.Output();
     server.Write("client alice report\n");
     ASSERT_TRUE(server.WaitForOutput("#2 from alice on box.example: ok")) << server.Output();
@@ -215,7 +190,7 @@ TEST_F(ServerServicesTest, CommandsToClientsThatDoNotHearOrAnswerAreSaidToBeSo) 
     alice.Signal(SIGKILL);
     alice.Wait();
   }
-  Process alice(Client("alice"), m_environment);
+  Process alice = StartClient("alice");
   ASSERT_TRUE(alice.WaitForOutput(" is up")) << alice.Output();
   server.Write("client alice report\n");
   ASSERT_TRUE(server.WaitForOutput("#5 from alice on box.example: ok")) << server.Output();

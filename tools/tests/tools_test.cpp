@@ -1,14 +1,8 @@
 // The price server and the price client as their users run them.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "process.h"
-#include "test_support/temporary_directory.h"
+#include "tools_fixture.h"
 
 namespace tools_test {
 namespace {
@@ -19,40 +13,13 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-using Arguments = std::vector<std::string>;
+const std::string kIndex = "--prices=" PRICES_DIRECTORY "/sp500-2000.csv";
 
-const std::string kStocks = PRICES_DIRECTORY "/stocks.csv";
-const std::string kIndex = PRICES_DIRECTORY "/sp500-2000.csv";
-
-class ToolsTest : public testing::Test {
- protected:
-  static Arguments Command(const char* program, Arguments fixed, const Arguments& more) {
-    fixed.insert(fixed.begin(), program);
-    fixed.insert(fixed.end(), more.begin(), more.end());
-    return fixed;
-  }
-  static Arguments Server(const std::string& node, const Arguments& more) {
-    return Command(PRICE_SERVER, {"--market=1", "--submarket=1", "--node=" + node, "--market-name=TEST"}, more);
-  }
-  static Arguments Client(const Arguments& more) {
-    return Command(PRICE_CLIENT, {"--config=" PRICE_CLIENT_CONFIG}, more);
-  }
-
-  std::filesystem::path Write(const std::string& name, const std::string& content) const {
-    auto path = m_files.Path() / name;
-    std::ofstream(path) << content;
-    return path;
-  }
-
-  test_support::TemporaryDirectory m_files;
-  test_support::TemporaryDirectory m_runtime;
-  Environment m_environment{{"LBM_RUNTIME_DIR", m_runtime.Path().string()}};
-};
+using ToolsTest = ToolsFixture;
 
 TEST_F(ToolsTest, EveryUpdateArrivesAtAClientThatWasThereBefore) {
   Process client(Client({"--instance=1:1:1:TEST", "--segments=2", "--plain", "--strict"}), m_environment);
-  Process server(Server("1", {"--segments=2", "--prices=" + kStocks, "--rate=5000", "--loop", "--count=2000",
-                              "--wait-for-client"}),
+  Process server(Server({"--segments=2", kStocks, "--rate=5000", "--loop", "--count=2000", "--wait-for-client"}),
                  m_environment);
   EXPECT_EQ(server.Wait(), 0) << server.Errors();
   EXPECT_THAT(server.Output(), HasSubstr("sent 2000 updates in "));
@@ -63,8 +30,8 @@ TEST_F(ToolsTest, EveryUpdateArrivesAtAClientThatWasThereBefore) {
 }
 
 TEST_F(ToolsTest, OneClientServesSeveralInstancesAndReportsInJson) {
-  Process stocks(Server("1", {"--segments=2", "--prices=" + kStocks, "--loop"}), m_environment);
-  Process index(Server("2", {"--segments=2", "--prices=" + kIndex, "--symbol=SP500", "--loop"}), m_environment);
+  Process stocks(Server({"--segments=2", kStocks, "--loop"}), m_environment);
+  Process index(Server({"--segments=2", kIndex, "--symbol=SP500", "--loop"}, "2"), m_environment);
   Process client(Client({"--instance=1:1:1:STOCKS", "--instance=1:1:2", "--segments=2", "--count=1000", "--json"}),
                  m_environment);
   EXPECT_EQ(client.Wait(), 0) << client.Errors();
@@ -80,8 +47,11 @@ TEST_F(ToolsTest, OneClientServesSeveralInstancesAndReportsInJson) {
 }
 
 TEST_F(ToolsTest, AKilledServerCanBeStartedAgainAndTheClientReportsTheGap) {
-  const auto command = Server("1", {"--prices=" + kStocks, "--loop"});
-  Process client(Client({"--instance=1:1:1:TEST", "--plain", "--strict"}), m_environment);
+  const auto command = Server({kStocks, "--loop"});
+  const auto config = Write("notify.xml", "<Config><General/><Logging lbmNotifications=\"yes\"/></Config>").string();
+  Process client(
+      {PRICE_CLIENT, "--config=" + config, "--instance=1:1:1:TEST", "--plain", "--strict", "--log-level=info"},
+      m_environment);
   {
     Process first(command, m_environment);
     ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
@@ -104,11 +74,13 @@ TEST_F(ToolsTest, AKilledServerCanBeStartedAgainAndTheClientReportsTheGap) {
   client.Signal(SIGINT);
   EXPECT_EQ(client.Wait(), 1);
   EXPECT_THAT(client.Errors(), HasSubstr("gap in the updates of TEST(1.1.1.0)"));
+  EXPECT_THAT(client.Errors(), ContainsRegex("context_src_notify topic=price_server.status.1.1.1.0 src=(.|\n)*"
+                                             "receiver_src_notify_create src=(.|\n)*receiver_src_notify_delete src="));
 }
 
 TEST_F(ToolsTest, AServerThatHangsIsSilentAndHeardAgainWhenItGoesOn) {
   Process client(Client({"--instance=1:1:1:TEST", "--plain", "--max-silence=0.3"}), m_environment);
-  Process server(Server("1", {"--prices=" + kStocks, "--loop", "--status-every=0.05"}), m_environment);
+  Process server(Server({kStocks, "--loop", "--status-every=0.05"}), m_environment);
   ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) server is open")) << client.Output();
   server.Signal(SIGSTOP);
   EXPECT_TRUE(client.WaitForOutput("TEST(1.1.1.0) server is silent")) << client.Output();
@@ -118,12 +90,12 @@ TEST_F(ToolsTest, AServerThatHangsIsSilentAndHeardAgainWhenItGoesOn) {
 }
 
 TEST_F(ToolsTest, ASecondServerForTheSameInstanceIsRefused) {
-  Process first(Server("1", {"--prices=" + kStocks, "--loop"}), m_environment);
+  Process first(Server({kStocks, "--loop"}), m_environment);
   ASSERT_TRUE(first.WaitForOutput("560 prices of 5 symbols on 1 segments")) << first.Errors();
-  Process second(Server("1", {"--prices=" + kIndex}), m_environment);
+  Process second(Server({kIndex}), m_environment);
   EXPECT_EQ(second.Wait(), 1);
   EXPECT_THAT(second.Errors(), ContainsRegex("TEST\\(1\\.1\\.1\\.0\\) is already running \\(process [0-9]+\\)"));
-  Process other(Server("2", {"--prices=" + kStocks, "--rate=0"}), m_environment);
+  Process other(Server({kStocks, "--rate=0"}, "2"), m_environment);
   EXPECT_EQ(other.Wait(), 0) << other.Errors();
   first.Signal(SIGINT);
   EXPECT_EQ(first.Wait(), 0);
@@ -131,7 +103,7 @@ TEST_F(ToolsTest, ASecondServerForTheSameInstanceIsRefused) {
 
 TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForIt) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    Process server(Server("1", {"--prices=" + kStocks, "--loop", "--rate=0"}), m_environment);
+    Process server(Server({kStocks, "--loop", "--rate=0"}), m_environment);
     Process client(Client({"--instance=1:1:1", "--plain"}), m_environment);
     ASSERT_TRUE(client.WaitForOutput(" is up")) << client.Output() << server.Errors();
     client.Signal(signal);
@@ -144,7 +116,7 @@ TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForIt) {
 }
 
 TEST_F(ToolsTest, AServerThatWaitsForAClientCanBeStopped) {
-  Process server(Server("1", {"--prices=" + kStocks, "--wait-for-client"}), m_environment);
+  Process server(Server({kStocks, "--wait-for-client"}), m_environment);
   ASSERT_TRUE(server.WaitForOutput("prices of")) << server.Errors();
   server.Signal(SIGINT);
   EXPECT_EQ(server.Wait(), 0);
@@ -152,7 +124,7 @@ TEST_F(ToolsTest, AServerThatWaitsForAClientCanBeStopped) {
 }
 
 TEST_F(ToolsTest, TheLiveViewGivesTheTerminalBack) {
-  Process server(Server("1", {"--prices=" + kStocks, "--loop"}), m_environment);
+  Process server(Server({kStocks, "--loop"}), m_environment);
   Process client(Client({"--instance=1:1:1:TEST"}), m_environment, Process::Terminal::kOutput);
   ASSERT_TRUE(client.WaitForOutput("AMZN")) << client.Output() << client.Errors();
   client.Signal(SIGINT);
@@ -179,23 +151,19 @@ TEST_F(ToolsTest, AnInstanceThatDeliversNothingIsNotSuccess) {
 }
 
 TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
-  struct Case {
-    Arguments command;
-    const char* error;
-  };
   const auto prices = "--prices=" + Write("bad.csv", "symbol,date,price\nA,2000-01-03,-1\n").string();
   const auto broken = Write("broken.xml", "<Config>\n<General>\n</Config>\n").string();
   const auto empty = Write("empty.xml", "<Config/>\n").string();
-  const Case cases[] = {
-      {Server("1", {}), "--prices is required"},
-      {Server("1", {prices}), "bad.csv:2: bad price \"-1\""},
-      {Server("1", {"--prices=" + kStocks + "x"}), "stocks.csvx: cannot read the prices file: No such file"},
-      {Server("32768", {"--prices=" + kStocks}), "--node"},
-      {Server("1", {"--prices=" + kStocks, "--rate=-1"}), "--rate: "},
-      {Server("1", {"--prices=" + kStocks, "--seconds=nan"}), "--seconds: "},
-      {Server("1", {"--prices=" + kStocks, "--status-every=0"}), "--status-every 0"},
-      {Server("1", {"--prices=" + kStocks, "--log-level=loud"}), "--log-level: \"loud\""},
-      {Server("1", {"--prices=" + kStocks, "--segments=0"}), "--segments"},
+  const std::pair<Arguments, const char*> cases[] = {
+      {Server({}), "--prices is required"},
+      {Server({prices}), "bad.csv:2: bad price \"-1\""},
+      {Server({kStocks + "x"}), "stocks.csvx: cannot read the prices file: No such file"},
+      {Server({kStocks}, "32768"), "--node"},
+      {Server({kStocks, "--rate=-1"}), "--rate: "},
+      {Server({kStocks, "--seconds=nan"}), "--seconds: "},
+      {Server({kStocks, "--status-every=0"}), "--status-every 0"},
+      {Server({kStocks, "--log-level=loud"}), "--log-level: \"loud\""},
+      {Server({kStocks, "--segments=0"}), "--segments"},
       {Client({}), "--instance is required"},
       {Client({"--instance=1:1"}), "bad server instance \"1:1\""},
       {Client({"--instance=1:1:1", "--instance=1:1:1:AGAIN"}), "\"1:1:1:AGAIN\" is given twice"},
@@ -225,7 +193,7 @@ TEST_F(ToolsTest, AWrongLogLevelIsBlamedOnWhereItStands) {
 
 TEST_F(ToolsTest, TroubleWithTheRuntimeDirectoryIsReported) {
   const Environment environment{{"LBM_RUNTIME_DIR", Write("file", "").string()}};
-  for (const auto& command : {Server("1", {"--prices=" + kStocks}), Client({"--instance=1:1:1"})}) {
+  for (const auto& command : {Server({kStocks}), Client({"--instance=1:1:1"})}) {
     Process process(command, environment);
     EXPECT_EQ(process.Wait(), 3);
     EXPECT_THAT(process.Errors(), HasSubstr("Failed to create LBM context: "));
@@ -233,8 +201,7 @@ TEST_F(ToolsTest, TroubleWithTheRuntimeDirectoryIsReported) {
 }
 
 TEST_F(ToolsTest, OutputThatCannotBeWrittenIsAnError) {
-  for (const auto& command : {Server("1", {"--prices=" + kStocks, "--rate=0"}),
-                              Server("1", {"--prices=" + kStocks, "--loop", "--quiet", "--console"}),
+  for (const auto& command : {Server({kStocks, "--rate=0"}), Server({kStocks, "--loop", "--quiet", "--console"}),
                               Client({"--instance=1:1:1", "--seconds=0"}), Client({"--help"})}) {
     std::string line;
     for (const auto& word : command) {

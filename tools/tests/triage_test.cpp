@@ -1,13 +1,8 @@
 // The triage tool as operators run it, against price clients.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-
 #include <nlohmann/json.hpp>
 
-#include "process.h"
-#include "test_support/temporary_directory.h"
+#include "tools_fixture.h"
 
 namespace tools_test {
 namespace {
@@ -17,41 +12,36 @@ using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-using Arguments = std::vector<std::string>;
-
-class TriageToolTest : public testing::Test {
+class TriageToolTest : public ToolsFixture {
  protected:
-  Environment EnvironmentAnd(Environment more) const {
-    more.insert(more.begin(), {{"LBM_RUNTIME_DIR", m_runtime.Path().string()},
-                               {"CHEF_ENVIRONMENT", "Test"},
-                               {"DATA_CENTER", "here"},
-                               {"DISABLE_LBM_TRIAGE_HANDLER", ""},
-                               {"TRIAGE_HANDLER_USE_EVENT_QUEUE", ""},
-                               {"LBM_TRIAGE_HANDLER_TOPIC_PREFIX", ""}});
-    return more;
+  std::unique_ptr<Process> Start(const Arguments& command, const Environment& more) const {
+    Environment environment = m_environment;
+    environment.insert(environment.end(), {{"CHEF_ENVIRONMENT", "Test"},
+                                           {"DATA_CENTER", "here"},
+                                           {"DISABLE_LBM_TRIAGE_HANDLER", ""},
+                                           {"TRIAGE_HANDLER_USE_EVENT_QUEUE", ""},
+                                           {"LBM_TRIAGE_HANDLER_TOPIC_PREFIX", ""}});
+    environment.insert(environment.end(), more.begin(), more.end());
+    return std::make_unique<Process>(command, environment);
   }
-  std::unique_ptr<Process> Client(const Environment& more = {}, Arguments arguments = {}) const {
-    arguments.insert(arguments.begin(), {PRICE_CLIENT, "--config=" PRICE_CLIENT_CONFIG, "--instance=1:1:1", "--quiet"});
-    return std::make_unique<Process>(arguments, EnvironmentAnd(more));
+  std::unique_ptr<Process> StartClient(const Environment& more = {}, const Arguments& arguments = {}) const {
+    return Start(Command(Client({"--instance=1:1:1", "--quiet"}), arguments), more);
   }
-  std::unique_ptr<Process> Triage(Arguments arguments, const Environment& more = {}) const {
-    arguments.insert(arguments.begin(), TRIAGE);
-    return std::make_unique<Process>(arguments, EnvironmentAnd(more));
+  std::unique_ptr<Process> Triage(const Arguments& arguments, const Environment& more = {}) const {
+    return Start(Command({TRIAGE}, arguments), more);
   }
   // Waits for the tool's end with that code and gives its output.
   static std::string EndOf(Process& tool, int code) {
     EXPECT_EQ(tool.Wait(), code) << tool.Output() << tool.Errors();
     return tool.Output();
   }
-
-  const test_support::TemporaryDirectory m_runtime;
 };
 
 TEST_F(TriageToolTest, ShowsWhoAnswersWithAndWithoutAnEventQueue) {
-  const auto plain = Client();
-  const auto queue = Client({{"TRIAGE_HANDLER_USE_EVENT_QUEUE", "1"}});
-  const auto elsewhere = Client({{"DATA_CENTER", "there"}});
-  const auto prefixed = Client({{"LBM_TRIAGE_HANDLER_TOPIC_PREFIX", "site."}});
+  const auto plain = StartClient();
+  const auto queue = StartClient({{"TRIAGE_HANDLER_USE_EVENT_QUEUE", "1"}});
+  const auto elsewhere = StartClient({{"DATA_CENTER", "there"}});
+  const auto prefixed = StartClient({{"LBM_TRIAGE_HANDLER_TOPIC_PREFIX", "site."}});
 
   EXPECT_THAT(EndOf(*Triage({"test", "--expect=2"}), 0),
               MatchesRegex("process .*\n(host:[0-9]+\\.[0-9a-f]+ +TEST +HERE +success +[0-9.]+ ms\n){2}"
@@ -64,7 +54,7 @@ TEST_F(TriageToolTest, ShowsWhoAnswersWithAndWithoutAnEventQueue) {
 }
 
 TEST_F(TriageToolTest, SwitchesNaksAndTheClientSaysWhatBecameOfThem) {
-  const auto client = Client();
+  const auto client = StartClient();
   EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=order", "--disable", "--expect=1"}), 0),
               AllOf(HasSubstr(" success "), HasSubstr("is in the processes' logs")));
   EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=PRICE", "--enable", "--expect=1"}), 0), HasSubstr(" success "));
@@ -75,8 +65,8 @@ TEST_F(TriageToolTest, SwitchesNaksAndTheClientSaysWhatBecameOfThem) {
 }
 
 TEST_F(TriageToolTest, SaysThatNobodyAnswersAndWhatToLookAt) {
-  const auto named = Client({}, {"--context-name=named"});
-  const auto disabled = Client({{"DISABLE_LBM_TRIAGE_HANDLER", "1"}});
+  const auto named = StartClient({}, {"--context-name=named"});
+  const auto disabled = StartClient({{"DISABLE_LBM_TRIAGE_HANDLER", "1"}});
   const auto tool = Triage({"test", "--timeout=1"});
   EXPECT_THAT(EndOf(*tool, 4), HasSubstr("0 answers to "));
   EXPECT_THAT(tool->Errors(), AllOf(HasSubstr("nobody listens on TRIAGE.ACTION.TEST.LBM.HERE"),
@@ -84,7 +74,7 @@ TEST_F(TriageToolTest, SaysThatNobodyAnswersAndWhatToLookAt) {
 }
 
 TEST_F(TriageToolTest, AStoppedClientDoesNotAnswerUntilItIsContinued) {
-  const auto client = Client();
+  const auto client = StartClient();
   EndOf(*Triage({"test", "--expect=1"}), 0);
   client->Signal(SIGSTOP);
   EndOf(*Triage({"test", "--timeout=0.5"}), 4);
@@ -100,14 +90,14 @@ TEST_F(TriageToolTest, AStoppedClientDoesNotAnswerUntilItIsContinued) {
 }
 
 TEST_F(TriageToolTest, ToolsThatAskAtOnceAllGetTheirAnswersWhileProcessesComeAndGo) {
-  const auto steady = Client();
+  const auto steady = StartClient();
   std::vector<std::unique_ptr<Process>> tools;
   for (int round = 0; round < 4; ++round) {
-    const auto passing = Client({}, {"--seconds=0"});
+    const auto passing = StartClient({}, {"--seconds=0"});
     tools.push_back(Triage({"test", "--expect=1"}));
     tools.push_back(Triage({"nak-kill", "--context=zqnotify", "--enable", "--expect=1"}));
     passing->Wait();
-    const auto killed = Client();
+    const auto killed = StartClient();
   }
   for (const auto& tool : tools) {
     EndOf(*tool, 0);
@@ -116,11 +106,7 @@ TEST_F(TriageToolTest, ToolsThatAskAtOnceAllGetTheirAnswersWhileProcessesComeAnd
 }
 
 TEST_F(TriageToolTest, RefusesWhatItCannotAsk) {
-  struct Case {
-    Arguments arguments;
-    const char* error;
-  };
-  const Case cases[] = {
+  const std::pair<Arguments, const char*> cases[] = {
       {{}, "subcommand"},
       {{"test", "--environment="}, "--environment"},
       {{"test", "--data-center", ""}, "--data-center"},

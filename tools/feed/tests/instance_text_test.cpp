@@ -1,7 +1,6 @@
 #include "feed/instance_text.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "cli/exit_code.h"
 
@@ -22,13 +21,9 @@ TEST(ServerInstanceText, ThatIsNoneIsRefusedWithAnExample) {
   for (const char* text :
        {"", "1", "1:2", "1:2:", "1:2:3:", "a:2:3", "1:2:3x", "-1:2:3", "1:2:32768", "1: 2:3", "+1:2:3",
         "1:2:3:two words", "1:2:3:\x1b[31m", "1:2:3:more-than-thirty-two-characters-long"}) {
-    try {
-      ParseServerInstance(text);
-      ADD_FAILURE() << '"' << text << "\" was taken";
-    } catch (const cli::UsageError& error) {
-      EXPECT_THAT(error.what(), testing::AllOf(testing::HasSubstr(std::string("\"") + text + '"'),
-                                               testing::HasSubstr("such as 1:1:1:STOCKS")));
-    }
+    EXPECT_THAT([&] { ParseServerInstance(text); },
+                testing::ThrowsMessage<cli::UsageError>(testing::AllOf(
+                    testing::HasSubstr(std::string("\"") + text + '"'), testing::HasSubstr("such as 1:1:1:STOCKS"))));
   }
 }
 

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -122,13 +121,12 @@ TEST(JsonMessages, OfHostileBytesAreNone) {
 }
 
 TEST(JsonMessages, WithAFieldOutOfRangeAreNone) {
-  struct Case {
+  const auto kinds = Kinds();
+  const struct {
     std::size_t kind;
     const char* field;
     nlohmann::json value;
-  };
-  const auto kinds = Kinds();
-  const Case cases[] = {
+  } cases[] = {
       {0, "symbol", "TWO WORDS"},
       {0, "segment", 65536},
       {0, "segment", -1},

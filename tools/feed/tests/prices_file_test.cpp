@@ -1,7 +1,6 @@
 #include "feed/prices_file.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fstream>
 
@@ -22,13 +21,8 @@ class PricesFileTest : public testing::Test {
     return path;
   }
 
-  static std::string ErrorOf(const std::string& path) {
-    try {
-      ReadPricesFile(path, kDaily);
-    } catch (const PricesFileError& error) {
-      return error.what();
-    }
-    return "no error";
+  static void ExpectError(const std::string& path, const char* error) {
+    EXPECT_THAT([&] { ReadPricesFile(path, kDaily); }, testing::ThrowsMessage<PricesFileError>(HasSubstr(error)));
   }
 
   const test_support::TemporaryDirectory m_directory;
@@ -67,11 +61,7 @@ TEST_F(PricesFileTest, TakesFilesOfOtherSystems) {
 }
 
 TEST_F(PricesFileTest, NamesFileAndLineOfWhatIsWrong) {
-  struct Case {
-    const char* content;
-    const char* error;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"", "prices.csv: the prices file is empty"},
       {"\n", "prices.csv:1: unknown header \"\""},
       {"time,price\n", "prices.csv:1: unknown header \"time,price\"; expected \"symbol,date,price\" or \"date,open,"},
@@ -84,14 +74,13 @@ TEST_F(PricesFileTest, NamesFileAndLineOfWhatIsWrong) {
       {"date,open,high,low,close,adjclose,volume\n2000-01-03,1,2,3,null,5,6\n", "prices.csv:2: bad price \"null\""},
   };
   for (const auto& [content, error] : cases) {
-    EXPECT_THAT(ErrorOf(Write(content)), HasSubstr(error));
+    ExpectError(Write(content), error);
   }
 }
 
 TEST_F(PricesFileTest, SaysWhyAFileCannotBeRead) {
-  EXPECT_THAT(ErrorOf((m_directory.Path() / "absent").string()),
-              HasSubstr("absent: cannot read the prices file: No such file or directory"));
-  EXPECT_THAT(ErrorOf(m_directory.Path().string()), HasSubstr("cannot read the prices file: Is a directory"));
+  ExpectError(m_directory.Path() / "absent", "absent: cannot read the prices file: No such file or directory");
+  ExpectError(m_directory.Path(), "cannot read the prices file: Is a directory");
 }
 
 TEST(Price, KeepsEveryDigitAndDropsTrailingZeros) {

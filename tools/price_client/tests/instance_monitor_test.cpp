@@ -22,7 +22,7 @@ class InstanceMonitorTest : public testing::Test {
     std::int64_t latency = 100;
   };
 
-  bool Receive(const Update& update) {
+  static feed::PriceMessage Message(const Update& update) {
     feed::PriceMessage message;
     message.session = update.session;
     message.sequence = update.sequence;
@@ -31,6 +31,10 @@ class InstanceMonitorTest : public testing::Test {
     message.symbol = feed::Symbol::Parse(update.symbol).value();
     message.date = feed::ParseDate("2000-01-31").value();
     message.price = feed::Price::Parse(update.price).value();
+    return message;
+  }
+  bool Receive(const Update& update) {
+    const auto message = Message(update);
     return m_monitor.OnData(update.segment, feed::Encode(message), message.sentAt + update.latency);
   }
 
@@ -83,14 +87,13 @@ TEST_F(InstanceMonitorTest, CountsWhatIsMissingOfEverySegment) {
     std::uint64_t session;
     std::uint64_t sequence;
   };
-  struct Case {
+  const struct {
     const char* what;
     std::vector<Arrival> arrivals;
     std::uint64_t gaps;
     std::uint64_t missed;
     std::uint64_t restarts;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"joining late", {{0, 1, 37}, {0, 1, 38}, {1, 1, 5}}, 0, 0, 0},
       {"two gaps", {{0, 1, 1}, {0, 1, 4}, {1, 1, 1}, {0, 1, 6}, {1, 1, 2}}, 2, 3, 0},
       {"repeated and late updates", {{0, 1, 1}, {0, 1, 2}, {0, 1, 2}, {0, 1, 1}, {0, 1, 3}}, 0, 0, 0},
@@ -146,15 +149,10 @@ TEST_F(InstanceMonitorTest, CountsTheUpdatesOfSymbolsBeyondItsTable) {
 TEST_F(InstanceMonitorTest, WhatIsNoPriceOfItsSegmentIsMalformed) {
   m_monitor.OnData(0, {}, 1);
   m_monitor.OnData(0, std::as_bytes(std::span("hello")), 1);
-  feed::PriceMessage message;
-  message.session = message.sequence = 1;
-  message.segment = 1;
-  message.symbol = feed::Symbol::Parse("A").value();
-  message.date = feed::ParseDate("2000-01-31").value();
-  m_monitor.OnData(0, feed::Encode(message), 1);
+  m_monitor.OnData(0, feed::Encode(Message({.segment = 1})), 1);
   EXPECT_EQ(Read().malformed, 3U);
   EXPECT_EQ(Read().updates, 0U);
-  m_monitor.OnData(1, feed::Encode(message), 1);
+  Receive({.segment = 1});
   EXPECT_EQ(Read().updates, 1U);
 }
 

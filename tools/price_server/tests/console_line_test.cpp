@@ -1,19 +1,17 @@
 #include "console_line.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace price_server {
 namespace {
 
 TEST(ConsoleLine, ThatIsACommandIsRead) {
-  struct Case {
+  const struct {
     std::string line;
     std::string topic;
     std::string receiver;
     feed::Command command;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"client alice report", "client_command.id.alice", "client alice", {0, "report", {}}},
       {" host\tbox.example  quit now \r",
        "client_command.host.box%2Eexample",
@@ -49,12 +47,8 @@ TEST(ConsoleLine, ThatIsNoneIsRefusedWithAReason) {
       {manyArguments, "more than 16 arguments"},
   };
   for (const auto& [line, reason] : cases) {
-    try {
-      ParseConsoleLine(line);
-      ADD_FAILURE() << line;
-    } catch (const BadConsoleLine& error) {
-      EXPECT_THAT(error.what(), testing::HasSubstr(reason)) << line;
-    }
+    EXPECT_THAT([&line = line] { ParseConsoleLine(line); },
+                testing::ThrowsMessage<BadConsoleLine>(testing::HasSubstr(reason)));
   }
 }
 

@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <array>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -13,6 +11,7 @@
 
 #include "lbm/attributes.h"
 #include "line_reader.h"
+#include "test_support/pipe.h"
 #include "test_support/private_domain.h"
 #include "zq/posix/descriptor.h"
 #include "zq/posix/file.h"
@@ -57,10 +56,9 @@ TEST_F(EventLoopTest, RunsWhatWasPostedByTheEndAndNothingBeforeItsTime) {
 }
 
 TEST_F(EventLoopTest, EndsWhenAnotherThreadWantsItEvenBeforeItRuns) {
-  std::thread other;
-  m_loop.Post([&] { other = std::thread([&] { m_loop.Stop(); }); });
+  std::jthread other;
+  m_loop.Post([&] { other = std::jthread([&] { m_loop.Stop(); }); });
   m_loop.Run();
-  other.join();
   EventLoop stopped(m_context);
   stopped.Stop();
   stopped.Run();
@@ -97,10 +95,7 @@ std::vector<std::string> ReadLines(lbm::Context& context, int descriptor, const 
 }
 
 TEST_F(EventLoopTest, ReadsLinesAsTheyCome) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-  const Descriptor reader(ends[0]);
-  Descriptor writer(ends[1]);
+  auto [reader, writer] = test_support::MakePipe();
   zq::posix::WriteAll(writer.Get(), "one\n\ntw");
   const auto lines = ReadLines(m_context, reader.Get(), [&](const std::string& line) {
     if (line.empty()) {

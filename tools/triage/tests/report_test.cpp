@@ -1,7 +1,6 @@
 #include "report.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
@@ -25,13 +24,12 @@ struct Asked {
 };
 
 TEST(TriageVerdict, TellsApartWhatWentWrong) {
-  struct Case {
+  const struct {
     Outcome outcome;
     std::optional<std::size_t> expected;
     ExitCode code;
     const char* complaint;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{.answers = {kGood}}, {}, ExitCode::kOk, ""},
       {{.answers = {kGood, kGood}}, 1, ExitCode::kOk, ""},
       {{.answers = {kGood}, .silentCount = 1}, 1, ExitCode::kOk, ""},
