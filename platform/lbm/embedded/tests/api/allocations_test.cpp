@@ -1,4 +1,5 @@
 #include <array>
+#include <memory>
 
 #include "../options/short_memory.h"
 #include "domain.h"
@@ -13,22 +14,11 @@ class Allocations : public engine_test::EngineTest, public testing::WithParamInt
 // Keeps the last messages, as an application with a history does.
 class Keeper {
  public:
-  ~Keeper() {
-    for (lbm_msg_t* message : m_kept) {
-      if (message != nullptr) {
-        lbm_msg_delete(message);
-      }
-    }
-  }
-
   static int Receive(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     Keeper& self = *static_cast<Keeper*>(clientd);
     if (message->type == LBM_MSG_DATA) {
-      lbm_msg_t*& place = self.m_kept[self.count++ % self.m_kept.size()];
       lbm_msg_retain(message);
-      if (lbm_msg_t* const previous = std::exchange(place, message)) {
-        lbm_msg_delete(previous);
-      }
+      self.m_kept[self.count++ % self.m_kept.size()].reset(message);
     }
     return 0;
   }
@@ -36,7 +26,10 @@ class Keeper {
   std::size_t count = 0;
 
  private:
-  std::array<lbm_msg_t*, 8> m_kept{};
+  struct Release {
+    void operator()(lbm_msg_t* message) const { lbm_msg_delete(message); }
+  };
+  std::array<std::unique_ptr<lbm_msg_t, Release>, 8> m_kept;
 };
 
 TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
@@ -51,9 +44,11 @@ TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
   source.AwaitSubscriber({publisher, subscriber});
   // In turns: a message larger than the ring's half goes in several.
   const auto exchange = [&](std::size_t messages) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (std::size_t wanted = keeper.count + 1; messages != 0; ++wanted, --messages) {
       ASSERT_EQ(0, lbm_src_send(source, payload.data(), payload.size(), LBM_SRC_FLUSH)) << lbm_errmsg();
-      for (int turn = 0; turn == 0 || (turn < 10 && keeper.count < wanted); ++turn) {
+      for (int turn = 0; turn == 0 || keeper.count < wanted; ++turn) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain for a message";
         ASSERT_EQ(0, lbm_context_process_events(subscriber, (messages + turn) % 3 == 0 ? 1 : 0));
         ASSERT_EQ(0, lbm_context_process_events(publisher, turn == 0 ? 0 : 1));
       }

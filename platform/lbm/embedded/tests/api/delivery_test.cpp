@@ -152,12 +152,12 @@ TEST_F(Delivery, GoesOnWhileEndpointsComeAndGoOnManyThreads) {
   const Driven context({});
   std::atomic<bool> stop{false};
   const Sender steady(context, "BUSY");
-  std::thread sender([&] {
+  const std::jthread sender([&] {
     while (!stop) {
       EXPECT_EQ(0, steady.Send("tick"));
     }
   });
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int thread = 0; thread < 3; ++thread) {
     threads.emplace_back([&] {
       for (int round = 0; round < 50; ++round) {
@@ -167,11 +167,8 @@ TEST_F(Delivery, GoesOnWhileEndpointsComeAndGoOnManyThreads) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();  // joins them
   stop = true;
-  sender.join();
 }
 
 class Requests : public EngineTest {};
@@ -220,8 +217,7 @@ TEST_F(Requests, AreAnsweredUntilTheyAreDeleted) {
   source.Delete();
   asker.Delete();
   PumpUntil({server}, "the asker's end", [&] { return second.lines.back() == "EOS"; });
-  EXPECT_EQ(-1, lbm_send_response(takenOver, "gone", 4, 0));
-  EXPECT_EQ(LBM_EOP, lbm_errnum());
+  EXPECT_EQ(LBM_EOP, ErrorOf(lbm_send_response(takenOver, "gone", 4, 0)));
   EXPECT_EQ(0, lbm_response_delete(takenOver));
 }
 

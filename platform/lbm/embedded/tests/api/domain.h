@@ -3,12 +3,10 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <lbm/lbm.h>
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -22,13 +20,20 @@ namespace engine_test {
 using Lines = std::vector<std::string>;
 using Options = std::initializer_list<std::pair<const char*, const char*>>;
 
-inline lbm_context_t* MakeContext(Options options = {{"operational_mode", "sequential"}}) {
-  lbm_context_attr_t* attr = nullptr;
-  lbm_context_t* context = nullptr;
-  EXPECT_EQ(0, lbm_context_attr_create(&attr)) << lbm_errmsg();
+// New attributes of one kind with these options, to be given back.
+template <class Attr>
+Attr* MakeAttributes(int (*create)(Attr**), int (*set)(Attr*, const char*, const char*), Options options) {
+  Attr* attr = nullptr;
+  EXPECT_EQ(0, create(&attr)) << lbm_errmsg();
   for (const auto& [name, value] : options) {
-    EXPECT_EQ(0, lbm_context_attr_str_setopt(attr, name, value)) << lbm_errmsg();
+    EXPECT_EQ(0, set(attr, name, value)) << lbm_errmsg();
   }
+  return attr;
+}
+
+inline lbm_context_t* MakeContext(Options options = {{"operational_mode", "sequential"}}) {
+  auto* const attr = MakeAttributes(lbm_context_attr_create, lbm_context_attr_str_setopt, options);
+  lbm_context_t* context = nullptr;
   EXPECT_EQ(0, lbm_context_create(&context, attr, nullptr, nullptr)) << lbm_errmsg();
   EXPECT_EQ(0, lbm_context_attr_delete(attr));
   return context;
@@ -52,10 +57,6 @@ inline bool PumpUntil(std::initializer_list<lbm_context_t*> contexts, const char
 
 // A runtime directory for the life of a test.
 class EngineTest : public ::testing::Test {
- protected:
-  const std::filesystem::path& Directory() const { return m_domain.Directory(); }
-
- private:
   const test_support::PrivateDomain m_domain;
 };
 
@@ -79,12 +80,8 @@ class Driven {
 };
 
 inline lbm_topic_t* ReceiverTopic(lbm_context_t* context, const char* name, Options options = {}) {
-  lbm_rcv_topic_attr_t* attr = nullptr;
+  auto* const attr = MakeAttributes(lbm_rcv_topic_attr_create, lbm_rcv_topic_attr_str_setopt, options);
   lbm_topic_t* topic = nullptr;
-  EXPECT_EQ(0, lbm_rcv_topic_attr_create(&attr));
-  for (const auto& [option, value] : options) {
-    EXPECT_EQ(0, lbm_rcv_topic_attr_str_setopt(attr, option, value)) << lbm_errmsg();
-  }
   EXPECT_EQ(0, lbm_rcv_topic_lookup(&topic, context, name, attr)) << lbm_errmsg();
   EXPECT_EQ(0, lbm_rcv_topic_attr_delete(attr));
   return topic;
@@ -94,12 +91,8 @@ inline lbm_topic_t* ReceiverTopic(lbm_context_t* context, const char* name, Opti
 class Sender {
  public:
   Sender(lbm_context_t* context, const char* topic, Options options = {}) {
-    lbm_src_topic_attr_t* attr = nullptr;
+    auto* const attr = MakeAttributes(lbm_src_topic_attr_create, lbm_src_topic_attr_str_setopt, options);
     lbm_topic_t* made = nullptr;
-    EXPECT_EQ(0, lbm_src_topic_attr_create(&attr));
-    for (const auto& [option, value] : options) {
-      EXPECT_EQ(0, lbm_src_topic_attr_str_setopt(attr, option, value)) << lbm_errmsg();
-    }
     EXPECT_EQ(0, lbm_src_topic_alloc(&made, context, topic, attr)) << lbm_errmsg();
     EXPECT_EQ(0, lbm_src_topic_attr_delete(attr));
     EXPECT_EQ(0, lbm_src_create(&m_source, context, made, &Sender::OnEvent, this, nullptr)) << lbm_errmsg();
@@ -141,7 +134,7 @@ class Sender {
   std::atomic<int> m_subscribers{0};
 };
 
-// A receiver that keeps a line for each event: "data 0 text", "BOS 0", "EOS", "request 3 text", "loss 4", "burst 5 17".
+// A receiver that keeps a line for each event: "data 0 text", "BOS 0", "EOS", "request 3 text".
 class Recorder {
  public:
   Recorder(lbm_context_t* context, const char* topic, lbm_event_queue_t* queue = nullptr)
@@ -177,10 +170,6 @@ class Recorder {
         return "BOS" + sequence;
       case LBM_MSG_EOS:
         return "EOS";
-      case LBM_MSG_UNRECOVERABLE_LOSS:
-        return "loss" + sequence;
-      case LBM_MSG_UNRECOVERABLE_LOSS_BURST:
-        return "burst" + sequence + " " + std::to_string(message.len);
       case LBM_MSG_NO_SOURCE_NOTIFICATION:
         return "no source";
       default:
@@ -205,10 +194,8 @@ class Recorder {
 class Queue {
  public:
   explicit Queue(bool cancellationCallbacks = false) {
-    lbm_event_queue_attr_t* attr = nullptr;
-    EXPECT_EQ(0, lbm_event_queue_attr_create(&attr));
-    const int enabled = cancellationCallbacks ? 1 : 0;
-    EXPECT_EQ(0, lbm_event_queue_attr_setopt(attr, "queue_cancellation_callbacks_enabled", &enabled, sizeof(enabled)));
+    auto* const attr = MakeAttributes(lbm_event_queue_attr_create, lbm_event_queue_attr_str_setopt,
+                                      {{"queue_cancellation_callbacks_enabled", cancellationCallbacks ? "1" : "0"}});
     EXPECT_EQ(0, lbm_event_queue_create(&m_queue, nullptr, nullptr, attr)) << lbm_errmsg();
     EXPECT_EQ(0, lbm_event_queue_attr_delete(attr));
   }
@@ -222,5 +209,8 @@ class Queue {
  private:
   lbm_event_queue_t* m_queue = nullptr;
 };
+
+// The error number of a call that failed; 0 for one that did not.
+inline int ErrorOf(int result) { return result == -1 ? lbm_errnum() : 0; }
 
 }  // namespace engine_test

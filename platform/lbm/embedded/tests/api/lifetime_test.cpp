@@ -1,6 +1,5 @@
 #include <atomic>
 #include <future>
-#include <memory>
 #include <thread>
 
 #include "domain.h"
@@ -19,8 +18,7 @@ TEST_F(Lifetime, ChildrenMayOutliveTheirContext) {
   const Recorder recorder(context, "ORPHAN");
   source.AwaitSubscriber({context});
   context.Delete();
-  EXPECT_EQ(-1, source.Send("nobody"));
-  EXPECT_EQ(LBM_EOP, lbm_errnum());
+  EXPECT_EQ(LBM_EOP, ErrorOf(source.Send("nobody")));
 }
 
 TEST_F(Lifetime, AReceiverDeletedInItsOwnCallbackHearsNothingMore) {
@@ -132,9 +130,8 @@ TEST_F(Lifetime, DeletingAContextWaitsForItsReceiversCallbacksOnEventQueues) {
     Stay stay;
     QueuedReceiver receiver;
     receiver.recorder.onEvent = [&](lbm_msg_t&) { stay(); };
-    std::thread dispatching([&] { receiver.queue.Poll(); });
+    const std::jthread dispatching([&] { receiver.queue.Poll(); });
     stay.ExpectWaitOf([&] { receiver.context.Delete(); });
-    dispatching.join();
   }
 }
 
@@ -241,12 +238,11 @@ TEST_F(BlockedCallback, GoesOnWaitingAfterItHasDeletedItsOwnReceiver) {
     return Responding()(request, flags);
   };
   std::atomic<bool> sent{false};
-  std::thread peer;
+  std::jthread peer;
   EXPECT_EQ(0, Block(recorder, {m_context}, respond, [&] {
-              peer = std::thread([&] { PumpUntil({m_stopped}, "the response", [&] { return sent.load(); }); });
+              peer = std::jthread([&] { PumpUntil({m_stopped}, "the response", [&] { return sent.load(); }); });
             }));
   sent = true;
-  peer.join();
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ TEST(MessagePool, UsesAMessageAgainOnceNobodyHoldsIt) {
 
 TEST(MessagePool, StaysUntilItsLastMessageComesBack) {
   MessagePool::Owner pool = MessagePool::Create();
-  std::vector<std::thread> holders;
+  std::vector<std::jthread> holders;
   for (int i = 0; i < 4; ++i) {
     MessageRef message = pool->Acquire();
     message->SetPayload(Bytes("shared"));
@@ -42,9 +42,6 @@ TEST(MessagePool, StaysUntilItsLastMessageComesBack) {
     pool->Recycle(std::move(message));
   }
   pool.reset();
-  for (std::thread& holder : holders) {
-    holder.join();
-  }
 }
 
 }  // namespace

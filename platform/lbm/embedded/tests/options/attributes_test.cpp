@@ -97,27 +97,6 @@ TEST(Attributes, OfEveryKindCarryTheirOptions) {
   CheckFamily<lbm_event_queue_attr_t>({FAMILY(lbm_event_queue_attr), "queue_cancellation_callbacks_enabled", "0", "1"});
 }
 
-TEST(Attributes, AContextNameOf1023BytesIsReadWhole) {
-  lbm_context_attr_t* attr = nullptr;
-  ASSERT_EQ(lbm_context_attr_create(&attr), 0);
-  const std::string name(1023, 'n');
-  ASSERT_EQ(lbm_context_attr_str_setopt(attr, "context_name", name.c_str()), 0);
-  for (const std::size_t room : {1023U, 1024U}) {
-    std::string buffer(1025, '\xff');
-    std::size_t size = room;
-    EXPECT_EQ(lbm_context_attr_str_getopt(attr, "context_name", buffer.data(), &size), 0);
-    EXPECT_EQ(size, 1023U);
-    EXPECT_EQ(buffer, name + (room == 1023 ? std::string("\xff\xff") : std::string("\0\xff", 2)));
-  }
-  std::string buffer(1022, 'x');
-  std::size_t size = buffer.size();
-  EXPECT_FAILS(
-      lbm_context_attr_str_getopt(attr, "context_name", buffer.data(), &size), LBM_EINVAL,
-      "lbm_context_attr_str_getopt: context option \"context_name\" needs a buffer of 1023 bytes; this one has "
-      "1022");
-  EXPECT_EQ(lbm_context_attr_delete(attr), 0);
-}
-
 using Notices = std::vector<std::pair<int, std::string>>;
 
 int Record(int level, const char* message, void* clientData) {

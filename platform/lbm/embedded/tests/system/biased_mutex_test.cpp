@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstddef>
 #include <thread>
-#include <vector>
 
 namespace engine {
 namespace {
@@ -55,15 +54,11 @@ TEST(BiasedMutex, OutlivesItsOwners) {
   constexpr std::size_t kThreads = 50;
   Counted counted;
   for (std::size_t i = 0; i < kThreads; ++i) {
-    std::thread first([&] { counted.Add(kOften); });
+    std::jthread first([&] { counted.Add(kOften); });
     if (i % 2 == 0) {
       first.join();
     }
-    std::thread second([&] { counted.Add(kOften); });
-    if (first.joinable()) {
-      first.join();
-    }
-    second.join();
+    const std::jthread second([&] { counted.Add(kOften); });
   }
   EXPECT_EQ(counted.count, 2 * kThreads * kOften);
 }

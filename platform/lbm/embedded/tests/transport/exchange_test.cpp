@@ -103,9 +103,9 @@ TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {
   EXPECT_EQ(b.transport->Respond(*path, pieces, {}), SendResult::kSent);
   EXPECT_EQ(b.transport->Respond(*path, {pieces, 1}, {}), SendResult::kSent);
   Settle({&a, &b});
-  EXPECT_TRUE(a.Heard("response 77: yes " + answer));
-  EXPECT_TRUE(a.Heard("response 77: yes "));
-  EXPECT_THAT(a.responders, ElementsAre(b.transport->Identity(), b.transport->Identity()));
+  const std::string response = "response 77 of " + b.transport->Identity() + ": yes ";
+  EXPECT_TRUE(a.Heard(response + answer));
+  EXPECT_TRUE(a.Heard(response));
   EXPECT_TRUE(a.Heard("joined " + b.transport->Identity()))
       << "a subscriber without a name can be told by its response";
   a.transport->Close(std::chrono::milliseconds(0));
@@ -119,15 +119,14 @@ TEST_F(Exchange, ChannelsTravelWithTheirMessages) {
   Settle({&a});
   std::vector<std::optional<std::uint32_t>> channels;
   a.onMessage = [&](RemoteSource&, InboundMessage& message) { channels.push_back(message.channel); };
-  OutboundMessage message;
-  message.channel = 0;
-  a.transport->Publish(*publication, message, {});
-  message.channel = 0xffffffff;
-  a.transport->Publish(*publication, message, {});
-  message.channel.reset();
-  a.transport->Publish(*publication, message, {});
+  const std::vector<std::optional<std::uint32_t>> sent{0U, 0xffffffffU, std::nullopt};
+  for (const auto& channel : sent) {
+    OutboundMessage message;
+    message.channel = channel;
+    a.transport->Publish(*publication, message, {});
+  }
   Settle({&a});
-  EXPECT_THAT(channels, ElementsAre(0U, 0xffffffffU, std::nullopt));
+  EXPECT_EQ(channels, sent);
 }
 
 TEST_F(Exchange, ArgumentsThatTheProtocolCannotCarryAreRefused) {

@@ -28,19 +28,7 @@ FrameBytes Advertisement(std::uint32_t id) {
 }
 
 // To the only source of the test's context.
-wire::Subscribe Subscription() {
-  wire::Subscribe frame;
-  frame.source = 1;
-  return frame;
-}
-
-wire::FragmentHeader FragmentHeader(std::uint32_t source, std::uint32_t sequence, std::uint64_t total) {
-  wire::FragmentHeader header;
-  header.source = source;
-  header.sequence = sequence;
-  header.total = total;
-  return header;
-}
+const wire::Subscribe kSubscription{.source = 1};
 
 class HostilePeer : public testing::Test {
  protected:
@@ -71,12 +59,8 @@ TEST_F(HostilePeer, SayingNothingHarmsNobody) {
 }
 
 TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
-  wire::Hello otherProtocol;
-  otherProtocol.magic = 1;
-  wire::Hello otherVersion;
-  otherVersion.version = wire::kVersion + 1;
-  for (const auto& [hello, text] : {std::pair(otherProtocol, "does not speak this engine's protocol"),
-                                    std::pair(otherVersion, "run the same release")}) {
+  for (const auto& [hello, text] : {std::pair(wire::Hello{.magic = 1}, "does not speak this engine's protocol"),
+                                    {wire::Hello{.version = wire::kVersion + 1}, "run the same release"}}) {
     const RawPeer peer(m_address);
     peer.Send(wire::BytesOf(hello));
     Settle({&m_member});
@@ -88,32 +72,24 @@ TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
 }
 
 TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
-  wire::Withdraw withdraw;
-  withdraw.source = 9;
-  wire::Hello secondHello;
+  const wire::Withdraw withdraw{.source = 9};
   FrameBytes longWithdraw = FrameOf(withdraw);
   longWithdraw.push_back(std::byte{0});
   FrameBytes cutAdvertisement = Advertisement(1);
   cutAdvertisement.pop_back();
-  const wire::Subscribe subscribe = Subscription();
-  const auto responseOf = [](std::uint32_t total) {
-    wire::ResponseHeader header;
-    header.total = total;
-    return header;
-  };
   const std::vector<std::vector<FrameBytes>> conversations = {
       {FrameOf(withdraw)},
-      {FrameOf(secondHello)},
+      {FrameOf(wire::Hello())},
       {longWithdraw},
       {FrameBytes(1)},
       {cutAdvertisement},
       {Advertisement(1), Advertisement(1)},
-      {FrameOf(subscribe)},                // without a parking word
-      {FrameOf(responseOf(10))},           // a fragment of nothing
-      {FrameOf(responseOf(0xffffffff))},   // a response beyond the bound
-      {FrameBytes(wire::kPacketMax + 1)},  // a packet beyond the bound
-      {FrameOf(wire::Type::kRing)},        // without a descriptor
-      {FrameOf(wire::Type::kMessage)},     // not in a ring
+      {FrameOf(kSubscription)},                              // without a parking word
+      {FrameOf(wire::ResponseHeader{.total = 10})},          // a fragment of nothing
+      {FrameOf(wire::ResponseHeader{.total = 0xffffffff})},  // a response beyond the bound
+      {FrameBytes(wire::kPacketMax + 1)},                    // a packet beyond the bound
+      {FrameOf(wire::Type::kRing)},                          // without a descriptor
+      {FrameOf(wire::Type::kMessage)},                       // not in a ring
   };
   for (std::size_t i = 0; i < conversations.size(); ++i) {
     const RawPeer peer(m_address);
@@ -186,10 +162,10 @@ TEST_F(HostilePeer, ItsSourcesAndSubscriptionsEndWithTheLink) {
   peer.Greet();
   peer.Send(Advertisement(4));
   peer.Send(wire::Type::kParkingWord, parkingWord.GetDescriptor());
-  peer.Send(wire::BytesOf(Subscription()));
+  peer.Send(wire::BytesOf(kSubscription));
   Settle({&m_member});
   m_member.events.clear();
-  peer.Send(wire::BytesOf(Subscription()));  // a second time
+  peer.Send(wire::BytesOf(kSubscription));  // a second time
   Settle({&m_member});
   EXPECT_THAT(m_member.events, ElementsAre("down raw topic", "left raw"));
   EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("context \"raw\" (process 2")));
@@ -207,23 +183,19 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
       [&](RawRing& ring) { ring.Put(wire::Type::kMessage, cutAt(wire::MessageHeader{}, 7)); },
       [&](RawRing& ring) { ring.Put(wire::Type::kLoss, cutAt(wire::Loss{}, 13)); },
       [](RawRing& ring) { ring.Put(wire::Type::kWithdrawn, wire::BytesOf(wire::Withdrawn{9})); },
-      [](RawRing& ring) { ring.Put(wire::Type::kFragment, wire::BytesOf(FragmentHeader(0, 0, 10))); },
+      [](RawRing& ring) { ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = 10})); },
       [](RawRing& ring) {
-        ring.Put(wire::Type::kFragment, wire::BytesOf(FragmentHeader(0, 0, wire::kMessageMax + 1)));
+        ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = wire::kMessageMax + 1}));
       },
       [](RawRing& ring) { ring.Control().tail = kRingBytesMin + 8; },  // more than there can be
       [](RawRing& ring) { ring.Control().tail = 12; },                 // not at a frame's end
       [](RawRing& ring) { ring.Control().tail = ~RingCursor{7}; },     // before the beginning
-      [](RawRing& ring) {                                              // a frame that ends behind the tail
-        const RingFrameHeader header{16, 1};
-        std::memcpy(ring.Bytes().data(), &header, sizeof(header));
-        ring.Control().tail = 16;
-      },
-      [](RawRing& ring) {  // padding of any length
-        const RingFrameHeader header{0xffffffff, kRingPadding};
-        std::memcpy(ring.Bytes().data(), &header, sizeof(header));
-        ring.Control().tail = kRingBytesMin;
-      },
+      [](RawRing& ring) {
+        ring.PutHeader({16, 1}, 16);
+      },  // a frame that ends behind the tail
+      [](RawRing& ring) {
+        ring.PutHeader({0xffffffff, kRingPadding}, kRingBytesMin);
+      },  // padding of any length
   };
   for (std::size_t i = 0; i < scribbles.size(); ++i) {
     const RawPeer peer(m_address);
@@ -245,7 +217,7 @@ TEST_F(HostilePeer, AnImpossibleHeadEndsTheLink) {
   const ParkingWord parkingWord;
   peer.Greet();
   peer.Send(wire::Type::kParkingWord, parkingWord.GetDescriptor());
-  peer.Send(wire::BytesOf(Subscription()));
+  peer.Send(wire::BytesOf(kSubscription));
   Settle({&m_member});
   const RingMemory ring(peer.ReceiveDescriptor());
   ring.Control().head = RingCursor{1} << 40;
@@ -259,20 +231,12 @@ TEST_F(HostilePeer, AnImpossibleHeadEndsTheLink) {
 }
 
 TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
-  const wire::Subscribe subscribe = Subscription();
-  wire::Unsubscribe unsubscribe;
-  unsubscribe.source = 1;
-  wire::Withdraw withdraw;
-  withdraw.source = 1;
   const ParkingWord parkingWord;
-  const std::vector<FrameBytes> honest = {wire::EncodeHello({1, 2, "raw"}),
-                                          Advertisement(1),
-                                          FrameOf(wire::Type::kParkingWord),
-                                          FrameOf(subscribe),
-                                          FrameOf(unsubscribe),
-                                          FrameOf(wire::Type::kCredit),
-                                          FrameOf(withdraw)};
-  FrameBytes fragment = FrameOf(FragmentHeader(1, 3, 200));
+  const std::vector<FrameBytes> honest = {wire::EncodeHello({1, 2, "raw"}),        Advertisement(1),
+                                          FrameOf(wire::Type::kParkingWord),       FrameOf(kSubscription),
+                                          FrameOf(wire::Unsubscribe{.source = 1}), FrameOf(wire::Type::kCredit),
+                                          FrameOf(wire::Withdraw{.source = 1})};
+  FrameBytes fragment = FrameOf(wire::FragmentHeader{.source = 1, .sequence = 3, .total = 200});
   fragment.resize(fragment.size() + 100);
   const std::vector<std::pair<wire::Type, FrameBytes>> inRing = {
       {wire::Type::kSubscribed, FrameOf(wire::Subscribed{1, 1, 0})},

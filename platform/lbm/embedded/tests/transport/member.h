@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -77,7 +76,6 @@ class Member : public Listener {
   void OnMessage(RemoteSource& source, InboundMessage& message) override {
     ++messages;
     sequences.push_back(message.sequence);
-    bytes += message.payload.size();
     if (message.payload.size() < 100) {
       Hear(source.Topic() + ": " + TextOf(message.payload));
     }
@@ -94,8 +92,7 @@ class Member : public Listener {
     Hear("loss " + source.Topic());
   }
   void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
-    responders.push_back(responder);
-    Hear("response " + std::to_string(requestId) + ": " + TextOf(payload));
+    Hear("response " + std::to_string(requestId) + " of " + responder + ": " + TextOf(payload));
   }
   void OnSubscriberJoined(Publication&, const std::string& name) override { Hear("joined " + name); }
   void OnSubscriberLeft(Publication&, const std::string& name) override { Hear("left " + name); }
@@ -107,11 +104,9 @@ class Member : public Listener {
   std::unique_ptr<Transport> transport;
   std::vector<std::string> events;
   std::vector<std::string> notices;
-  std::vector<std::string> responders;
   std::map<std::string, std::shared_ptr<RemoteSource>> sources;  // by topic
   std::vector<std::uint32_t> sequences;                          // of what arrived or was lost
   std::size_t messages = 0;
-  std::size_t bytes = 0;
   std::size_t lost = 0;
   std::size_t longestLoss = 0;
   std::function<void(RemoteSource&, InboundMessage&)> onMessage;

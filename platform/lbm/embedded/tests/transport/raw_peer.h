@@ -18,6 +18,13 @@
 
 namespace engine::transport::host {
 
+// A frame, and room for a descriptor beside it.
+struct RawPacket {
+  iovec part;
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
+};
+
 class RawPeer {
  public:
   explicit RawPeer(const std::string& path)
@@ -32,21 +39,17 @@ class RawPeer {
 
   // descriptor: to pass with the frame; none if negative.
   void Send(wire::Bytes frame, int descriptor = -1) const {
-    iovec part{const_cast<std::byte*>(frame.data()), frame.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(descriptor))> control{};
-    if (descriptor >= 0) {
-      message.msg_control = control.data();
-      message.msg_controllen = control.size();
-      cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    RawPacket packet{{const_cast<std::byte*>(frame.data()), frame.size()}};
+    if (descriptor < 0) {
+      packet.message.msg_controllen = 0;
+    } else {
+      cmsghdr* const header = CMSG_FIRSTHDR(&packet.message);
       header->cmsg_level = SOL_SOCKET;
       header->cmsg_type = SCM_RIGHTS;
       header->cmsg_len = CMSG_LEN(sizeof(descriptor));
       std::memcpy(CMSG_DATA(header), &descriptor, sizeof(descriptor));
     }
-    ::sendmsg(m_socket.Get(), &message, MSG_NOSIGNAL);
+    ::sendmsg(m_socket.Get(), &packet.message, MSG_NOSIGNAL);
   }
   void Send(wire::Type type, int descriptor = -1) const { Send(wire::BytesOf(wire::Signal{type}), descriptor); }
   void Greet() const { Send(wire::EncodeHello({1, 2, "raw"})); }
@@ -54,17 +57,11 @@ class RawPeer {
   // Reads frames up to one with a descriptor.
   zq::posix::Descriptor ReceiveDescriptor() const {
     std::vector<std::byte> frame(wire::kPacketMax);
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
     int descriptor = -1;
     for (ssize_t length = 1; descriptor < 0 && length > 0;) {
-      iovec part{frame.data(), frame.size()};
-      msghdr message{};
-      message.msg_iov = &part;
-      message.msg_iovlen = 1;
-      message.msg_control = control.data();
-      message.msg_controllen = control.size();
-      length = ::recvmsg(m_socket.Get(), &message, MSG_CMSG_CLOEXEC);
-      if (const cmsghdr* const header = CMSG_FIRSTHDR(&message); length > 0 && header != nullptr) {
+      RawPacket packet{{frame.data(), frame.size()}};
+      length = ::recvmsg(m_socket.Get(), &packet.message, MSG_CMSG_CLOEXEC);
+      if (const cmsghdr* const header = CMSG_FIRSTHDR(&packet.message); length > 0 && header != nullptr) {
         std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
       }
     }
@@ -97,6 +94,11 @@ class RawRing {
     std::byte* const to = m_producer.Reserve(content.size(), static_cast<std::uint32_t>(type));
     std::copy(content.begin(), content.end(), to);
     m_producer.Commit();
+  }
+  // A header in the ring's first bytes, and a tail of any value.
+  void PutHeader(const RingFrameHeader& header, RingCursor tail) {
+    std::memcpy(Bytes().data(), &header, sizeof(header));
+    Control().tail = tail;
   }
   RingControl<RingCursor>& Control() { return m_created.ring.Control(); }
   std::span<std::byte> Bytes() { return m_created.ring.Bytes(); }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <deque>
@@ -145,7 +144,7 @@ TEST(RingThreads, ABusyConsumerDoesNotParkOverAFrame) {
       looks < 1000 ? SpinPause() : std::this_thread::yield();
     }
   };
-  std::thread producing([&] {
+  const std::jthread producing([&] {
     for (int time = 1; time <= kTimes; ++time) {
       waitFor(begun, time);
       static_cast<void>(peerWord.Busy());  // so that the word is at hand and the ring is not
@@ -171,7 +170,6 @@ TEST(RingThreads, ABusyConsumerDoesNotParkOverAFrame) {
     ASSERT_EQ(ring.Take(), "frame");
     parkingWord.Unpark();
   }
-  producing.join();
 }
 
 // The producer rings only when the consumer is parked, the consumer grants credit only when it was requested: whoever
