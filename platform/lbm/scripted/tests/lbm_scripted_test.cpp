@@ -197,15 +197,6 @@ TEST_F(ScriptedTest, ProcessingEventsWaitsAsARealLibraryDoes) {
   EXPECT_TRUE(WaitForCalls("lbm_context_process_events", 1001));
 }
 
-TEST_F(ScriptedTest, AnEventQueueCountsWhatItDispatched) {
-  lbm_event_queue_t* const queue = MakeEventQueue();
-  int ran = 0;
-  Post(queue, [&] { ++ran; });
-  Post(queue, [&] { ++ran; });
-  EXPECT_EQ(lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL), 2);
-  EXPECT_EQ(ran, 2);
-}
-
 TEST_F(ScriptedTest, LeaksAndMisuseAreTold) {
   lbm_src_t* const source = MakeSource();
   lbm_rcv_topic_attr_t* attributes = nullptr;
