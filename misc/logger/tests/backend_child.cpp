@@ -24,7 +24,7 @@ void LogEveryLevel() {
 
 // More lines than the queue holds, and the process ends right behind them.
 void LogFromManyThreads() {
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   threads.reserve(8);
   for (int thread = 0; thread < 8; ++thread) {
     threads.emplace_back([thread] {
@@ -32,9 +32,6 @@ void LogFromManyThreads() {
         ZQLOG(ZQLOG_INFO, 0, "thread=" << thread << " i=" << i);
       }
     });
-  }
-  for (auto& thread : threads) {
-    thread.join();
   }
 }
 

@@ -2,7 +2,6 @@
 #include "zq/logging/logger.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cerrno>
