@@ -2,7 +2,6 @@
 #include <functional>
 #include <iostream>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include "lbm_test.h"
@@ -21,12 +20,6 @@ class ContextTest : public LbmTest {
     std::cout.rdbuf(usual);
     return ::testing::internal::GetCapturedStderr();
   }
-
-  static std::string Address(Context& context) {
-    std::ostringstream text;
-    text << static_cast<lbm_context_t*>(context);
-    return text.str();
-  }
 };
 
 TEST_F(ContextTest, LearnsItsNameAndTellsItsBeginningAndEnd) {
@@ -36,7 +29,7 @@ TEST_F(ContextTest, LearnsItsNameAndTellsItsBeginningAndEnd) {
     lbm_scripted::SetOption("context", "context_name", option);
     ContextAttributes attributes;
     auto context = std::make_unique<Context>(attributes);
-    const std::string address = Address(*context);
+    const std::string address = Handle(*context);
     EXPECT_THAT(Lines(),
                 ElementsAre("17 616 Created LBM context=" + address + " with attributes context_name=" + name));
 
@@ -56,7 +49,7 @@ TEST_F(ContextTest, ANameThatCannotBeReadStaysEmpty) {
   const std::string failed = "Failed to get context string option: bad option";
   EXPECT_THAT(Lines(),
               ElementsAre("30 65 " + failed, "20 613 Failed to get context name from context " + failed,
-                          "17 616 Created LBM context=" + Address(*context) + " with attributes context_name="));
+                          "17 616 Created LBM context=" + Handle(*context) + " with attributes context_name="));
   EXPECT_THAT(Destroy(std::move(context)), ::testing::EndsWith(" context_name=\n"));
 }
 

@@ -3,11 +3,11 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <streambuf>
 #include <string>
 #include <utility>
@@ -100,6 +100,12 @@ inline std::vector<std::string> Lines(const std::string& source = {}) {
     }
   }
   return lines;
+}
+
+inline std::string Handle(Context& context) {
+  std::ostringstream text;
+  text << static_cast<lbm_context_t*>(context);
+  return text.str();
 }
 
 // what() of the LbmError that action throws.

@@ -10,7 +10,7 @@ namespace lbm {
 namespace {
 
 using lbm_scripted::FindReceiver;
-using ::testing::HasSubstr;
+using ::testing::Contains;
 
 constexpr char kCalled[] = "> lbm_triage_handler destructor called\n";
 
@@ -115,7 +115,7 @@ TEST(TriageRegistryTest, AContextThatCannotBeRegisteredLeavesItsHandleAlone) {
 // With the thread sanitizer: the receivers are made and destroyed without a common lock.
 TEST(TriageRegistryTest, ContextsComeAndGoOnAnyThread) {
   InProcessWith(kNames, [] {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (const char* const name : {"", "", "", "named"}) {
       threads.emplace_back([name] {
         for (int round = 0; round < 50; ++round) {
@@ -123,9 +123,7 @@ TEST(TriageRegistryTest, ContextsComeAndGoOnAnyThread) {
         }
       });
     }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    threads.clear();  // joins them
     EXPECT_THAT(LiveHandles("rcv"), IsEmpty());
     const auto last = MakeContext();
     EXPECT_THAT(LiveHandles("rcv"), SizeIs(2));
@@ -165,7 +163,7 @@ TEST(TriageRegistryTest, RetriesAreReadLeniently) {
     std::string timeMs;
     const char* eventQueue;
     std::string taken;
-    std::vector<std::string> warnings;  // without what all of them begin with
+    std::vector<std::string> warnings;  // what is in them
   } cases[] = {
       {"", "", "", "retrySleepMs=0 retriesRemaining=0 maxRetries=0 ", {}},
       {"", "", "1", "retrySleepMs=55 retriesRemaining=1 maxRetries=1 ", {}},
@@ -185,13 +183,10 @@ TEST(TriageRegistryTest, RetriesAreReadLeniently) {
                             {"TRIAGE_HANDLER_USE_EVENT_QUEUE", given.eventQueue}}),
                   [&] {
                     const auto context = MakeContext();
-                    std::vector<std::string> warnings = Lines(kTriage);
-                    std::erase_if(warnings, [](const std::string& line) { return line.rfind("20 ", 0) != 0; });
-                    std::vector<std::string> expected;
+                    EXPECT_THAT(log_capture::Find("invalid value for "), SizeIs(given.warnings.size()));
                     for (const std::string& warning : given.warnings) {
-                      expected.push_back("20 invalid value for TRIAGE_HANDLER_" + warning);
+                      EXPECT_THAT(Lines(kTriage), Contains("20 invalid value for TRIAGE_HANDLER_" + warning));
                     }
-                    EXPECT_EQ(warnings, expected);
                     Script("lbm_send_response", Failure(LBM_ENOMEM, "no memory"));
                     DeliverRequest(triage::TestRequest("id"));
                     EXPECT_THAT(log_capture::Find("Error responding to requestId=id " + given.taken), SizeIs(1));
@@ -213,8 +208,9 @@ TEST(TriageEventQueueTest, ItsThreadServesRequestsUntilTheProcessEnds) {
         EXPECT_THAT(lines, ::testing::IsSupersetOf({"17 Initializing LbmTriageHandler",
                                                     "17 triage_handler using EventQueue because env variable is set "
                                                     "TRIAGE_HANDLER_USE_EVENT_QUEUE=yes"}));
-        EXPECT_THAT(lines, ::testing::Contains(::testing::MatchesRegex(
-                               "10 started triage_handler event_queue=0x[0-9a-f]+ thread_id=[0-9]+")));
+        EXPECT_THAT(
+            lines,
+            Contains(::testing::MatchesRegex("10 started triage_handler event_queue=0x[0-9a-f]+ thread_id=[0-9]+")));
 
         std::promise<void> served;
         lbm_scripted::Post(static_cast<lbm_event_queue_t*>(const_cast<void*>(queue)), [&] {
@@ -258,9 +254,9 @@ TEST(TriageEventQueueTest, WithoutItTheContextsThreadServesRequests) {
         [&fail = fail, &why = why] {
           fail();
           const auto context = MakeContext();
-          EXPECT_THAT(Lines(kTriage), ::testing::Contains("30 failed to create event queue thread, triage receivers "
-                                                          "will not use an event queue: " +
-                                                          why));
+          EXPECT_THAT(Lines(kTriage), Contains("30 failed to create event queue thread, triage receivers "
+                                               "will not use an event queue: " +
+                                               why));
           EXPECT_TRUE(CallsTo("lbm_rcv_create").at(0).IsNull("evq"));
           EXPECT_EQ(Switched(triage::ORDER, true), 1U);
         },

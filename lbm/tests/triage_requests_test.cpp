@@ -50,12 +50,14 @@ TEST(TriageRequestsTest, AreAnsweredWithTheirIdOnBothTopics) {
                             "17 responding to TriageTestRequest request with request_id=id-1 :status: "
                             "TRIAGE_RESPONSE_STATUS_SUCCESS request_id: \"id-1\"" +
                                 kTopic));
-    DeliverRequest(triage::TestRequest("\xff\xc0\x80"), kEnvDcTopic);
+    DeliverRequest(triage::TestRequest("\xff\xc0\x80\0\n"s), kEnvDcTopic);
+    DeliverRequest(triage::TestRequest(std::string(1 << 20, '\xe9')));
     const auto sent = CallsTo("lbm_send_response");
-    ASSERT_THAT(sent, SizeIs(2));
+    ASSERT_THAT(sent, SizeIs(3));
     EXPECT_EQ(sent[0].Text("data"), "\x08\x00\x12\x04id-1"s);
     EXPECT_EQ(sent[0].Number("flags"), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK);
-    EXPECT_EQ(sent[1].Text("data"), "\x08\x00\x12\x03\xff\xc0\x80"s);
+    EXPECT_EQ(sent[1].Text("data"), "\x08\x00\x12\x05\xff\xc0\x80\0\n"s);
+    EXPECT_THAT(sent[2].Text("data"), SizeIs(6 + (1 << 20)));
   });
   InProcessWith(NamesAnd({{"TRIAGE_HANDLER_MAX_RETRIES", "-1"}}), [] {
     const auto context = MakeContext();
@@ -101,7 +103,6 @@ TEST(TriageRequestsTest, WhatIsNoRequestIsDroppedUnanswered) {
   const std::string unknown =
       "20 dropping Triage request. msg_type must be MSG_OPS_TRIAGE_NAK_KILL_REQUEST or MSG_OPS_TRIAGE_TEST_REQUEST "
       "TriageActionWithWire=wire { header { msg_type: ";
-  const std::string complete = Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, "\xff");
   const std::pair<std::string, std::string> cases[] = {
       // Data, and how the line begins; none for an empty one.
       {"", invalid},
@@ -112,7 +113,8 @@ TEST(TriageRequestsTest, WhatIsNoRequestIsDroppedUnanswered) {
       {"\x0a\x03\x08\x95\x0a", incomplete},
       {Enveloped(Header::MSG_OPS_TRIAGE_TEST_REQUEST, ""), noAction + "MSG_OPS_TRIAGE_TEST_REQUEST }"},
       {Enveloped(9999, ""), noAction + "9999 }"},
-      {complete, ""},
+      {Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, "\xff"), ""},
+      {Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, std::string(1 << 20, '\x7b')), ""},
       {ActionAround("\x12\x01x"), ""},
       {ActionAround("\x0a\x00\x12\x01x"s), ""},
       {ActionAround("\x0a\x03\x08\x97\x0a"), ""},
@@ -126,6 +128,11 @@ TEST(TriageRequestsTest, WhatIsNoRequestIsDroppedUnanswered) {
       EXPECT_THAT(lines, SizeIs(line.empty() ? 0 : 1)) << line;
       EXPECT_TRUE(lines.empty() || lines[0].rfind(line, 0) == 0) << lines[0];
     }
+    std::string nested;
+    for (int depth = 0; depth < 1000; ++depth) {
+      nested = Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, nested);
+    }
+    DeliverRequest(nested);
     EXPECT_THAT(CallsTo("lbm_send_response"), IsEmpty());
   });
 }

@@ -4,7 +4,6 @@
 #include <functional>
 #include <iostream>
 #include <map>
-#include <sstream>
 
 #include "lbm_test.h"
 #include "zq/messaging/triage.pb.h"
@@ -53,12 +52,6 @@ inline std::unique_ptr<Context> MakeContext(const std::string& name = "") {
   ContextAttributes attributes;
   attributes.SetString("context_name", name.c_str());
   return std::make_unique<Context>(attributes);
-}
-
-inline std::string Handle(Context& context) {
-  std::ostringstream text;
-  text << static_cast<lbm_context_t*>(context);
-  return text.str();
 }
 
 inline void DeliverRequest(const std::string& data, const char* topic = kEnvTopic) {
