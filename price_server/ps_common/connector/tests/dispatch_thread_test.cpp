@@ -1,3 +1,4 @@
+#include <onload/extensions.h>
 #include <sched.h>
 #include <sys/prctl.h>
 
@@ -6,8 +7,38 @@
 #include <future>
 #include <stdexcept>
 
-#include "fake_onload.h"
 #include "manager_test.h"
+
+namespace {
+
+// Stands in for Onload: what the test wants it to say, and what was asked of it. All of a test's calls are those of one
+// thread, which the test waits for.
+struct FakeOnload {
+  int present = 0;
+  std::vector<std::string> calls;
+  std::thread::id callingThread;
+
+  int Record(std::string call, int result) {
+    calls.push_back(std::move(call));
+    callingThread = std::this_thread::get_id();
+    return result;
+  }
+};
+FakeOnload g_onload;
+
+}  // namespace
+
+int onload_is_present(void) { return g_onload.Record("onload_is_present()", g_onload.present); }
+
+// Their callers are not to care for the results of these.
+int onload_thread_set_spin(int type, int spin) {
+  return g_onload.Record("onload_thread_set_spin(" + std::to_string(type) + ", " + std::to_string(spin) + ')', -1);
+}
+
+int onload_set_stackname(int who, int scope, const char* name) {
+  return g_onload.Record(
+      "onload_set_stackname(" + std::to_string(who) + ", " + std::to_string(scope) + ", " + name + ')', -1);
+}
 
 namespace ps_ns {
 namespace {
@@ -16,10 +47,7 @@ constexpr const char* kExitText = "Exiting LBM ClientResourceMgr dispatch loop t
 
 class DispatchThread : public ManagerTest {
  protected:
-  DispatchThread() { fake_onload::Reset(0); }
-
-  // Lets the next rounds find nothing to do and return at once; the round after them waits.
-  static void ScriptEmptyRounds(int count) { Script("lbm_context_process_events", {}, count); }
+  DispatchThread() { g_onload = {}; }
 };
 
 template <typename T>
@@ -93,12 +121,12 @@ TEST_F(DispatchThread, SpinsOnItsOwnStackWhereOnloadIsPresentAndWanted) {
                {2, true, "<General/>", {isPresent}},
                {1, false, "<General/>", {}}};
   for (const auto& given : cases) {
-    fake_onload::Reset(given.present);
+    g_onload = {.present = given.present};
     log_capture::Clear();
     LbmClientResourceMgr& manager = Start({.config = given.config, .shouldOnload = given.wanted});
-    EXPECT_EQ(fake_onload::Calls(), given.calls);
+    EXPECT_EQ(g_onload.calls, given.calls);
     const auto thread = OnDispatchThread(manager, [] { return std::this_thread::get_id(); });
-    EXPECT_TRUE(given.calls.empty() || fake_onload::CallingThread() == thread);
+    EXPECT_TRUE(given.calls.empty() || g_onload.callingThread == thread);
     EXPECT_THAT(Lines(), Contains(testing::StartsWith("10 0 Onload is present. Setting LBM thread to spin. Using "
                                                       "Onload stack Name="))
                              .Times(given.calls.size() == 3 ? 1 : 0));
@@ -107,7 +135,7 @@ TEST_F(DispatchThread, SpinsOnItsOwnStackWhereOnloadIsPresentAndWanted) {
 }
 
 TEST_F(DispatchThread, EndsWithTheFirstResultOfEventProcessingThatIsNotZero) {
-  ScriptEmptyRounds(1);
+  Script("lbm_context_process_events", {}, 1);
   Script("lbm_context_process_events", Failure(LBM_EOP, "not possible"));
   std::atomic<int> calls = 0;
   LbmClientResourceMgr& manager = Start({.task = [&calls] { return ++calls < 0; }, .maxTasks = 5});
@@ -134,14 +162,14 @@ TEST_F(DispatchThread, TheBackgroundTaskRunsWithinItsBoundInEachRound) {
   } cases[] = {{0, 100, 0, 0}, {5, 0, 3, 1}, {5, 100, 15, 5}, {5, 8, 9, 1}};
   for (const auto& given : cases) {
     std::atomic<int> calls = 0;
-    ScriptEmptyRounds(3);
+    Script("lbm_context_process_events", {}, 3);
     Start({.task = [&] { return ++calls < given.worksUntil; }, .maxTasks = given.maxTasks});
     WaitForRounds(4);
     EXPECT_EQ(calls, given.calls);
     End();
     EXPECT_EQ(calls, given.calls + given.lastCalls);
   }
-  ScriptEmptyRounds(1);
+  Script("lbm_context_process_events", {}, 1);
   Start({.maxTasks = 5});  // without a task
   WaitForRounds(2);
 }

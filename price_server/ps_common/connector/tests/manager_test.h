@@ -2,14 +2,12 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <lbm_scripted/lbm_scripted.h>
 
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "ps_common/config/config.h"
