@@ -5,8 +5,6 @@
 #include <signal.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "process.h"
 #include "ps_common/connector/server_instance.h"

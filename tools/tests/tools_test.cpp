@@ -104,8 +104,8 @@ TEST_F(ToolsTest, ASecondServerForTheSameInstanceIsRefused) {
 TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForIt) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     Process server(Server({kStocks, "--loop", "--rate=0"}), m_environment);
-    Process client(Client({"--instance=1:1:1", "--plain"}), m_environment);
-    ASSERT_TRUE(client.WaitForOutput(" is up")) << client.Output() << server.Errors();
+    Process client(Client({"--instance=1:1:1"}), m_environment, Process::Terminal::kOutput);
+    ASSERT_TRUE(client.WaitForOutput("AMZN")) << client.Output() << server.Errors();
     client.Signal(signal);
     EXPECT_EQ(client.Wait(), 0) << client.Errors();
     EXPECT_THAT(client.Output(), ContainsRegex("\ntotal +[0-9,]+ "));
