@@ -17,7 +17,7 @@ std::string ReadFile(const std::string& path, std::size_t bytesMax) {
     ThrowErrno(path);
   }
   // The size that the system reports means nothing for a pipe or for a file that is still growing.
-  constexpr std::size_t kChunk = 64 * 1024;
+  constexpr std::size_t kChunk = std::size_t{64} * 1024;
   std::string text;
   for (;;) {
     const std::size_t size = text.size();
