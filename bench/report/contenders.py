@@ -45,7 +45,7 @@ WITHOUT_DEVICE = tuple(
         ("busy_word", "the busy word"),
         ("biased_mutex", "the biased mutex"),
         ("poll_backoff", "the poll backoff"),
-        ("prefetch", "prefetching"),
+        ("prefetch", "the producer's prefetch"),
         ("yield", "the yield before parking"),
     )
 )

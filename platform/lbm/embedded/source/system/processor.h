@@ -10,8 +10,7 @@ inline void SpinPause() noexcept {
 #endif
 }
 
-// The cache line will soon be read, or written. Any address is allowed.
-inline void PrefetchForRead(const void* line) noexcept { __builtin_prefetch(line); }
+// The cache line will soon be written. Any address is allowed.
 inline void PrefetchForWrite(void* line) noexcept {
 #if defined(__x86_64__)
   // Fetches the line for exclusive ownership; the builtin would leave it shared with the processor that last read it.

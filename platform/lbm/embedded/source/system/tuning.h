@@ -25,7 +25,7 @@ inline constexpr bool kPollBackoff = true;  // a consumer that keeps up pauses b
 #ifdef ENGINE_WITHOUT_PREFETCH
 inline constexpr bool kPrefetch = false;
 #else
-inline constexpr bool kPrefetch = true;     // both sides of a ring fetch cache lines ahead
+inline constexpr bool kPrefetch = true;     // a producer fetches the cache lines ahead of it
 #endif
 
 #ifdef ENGINE_WITHOUT_YIELD

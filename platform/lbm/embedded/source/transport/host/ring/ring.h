@@ -26,8 +26,8 @@
 // store buffer, and in a stream of frames the consumer has just taken those cache lines away. The producer pays for one
 // a frame unless the consumer is busy, the consumer for one each time that it releases a part of the ring.
 //
-// Cache lines. Both sides prefetch the lines that they will need a few frames ahead (the consumer only lines that are
-// written), so that they come from the other processor's cache while the frames before them are handled.
+// Cache lines. The producer prefetches the lines that it will write a few frames later, so that they come from the
+// consumer's cache while the frames before them are handled.
 //
 // Trust. The other side may change anything in the shared memory at any time. What decides about an access is copied
 // out first, then checked, then used; what a side itself wrote it never reads back. A cursor or a frame that cannot be
@@ -108,22 +108,6 @@ class RingEnd {
   std::size_t PositionOf(Cursor cursor) const noexcept { return cursor & (m_bytes.size() - 1); }
   std::byte* At(std::size_t position) const noexcept { return m_bytes.data() + position; }
   RingControl<Cursor>& Control() const noexcept { return *m_control; }
-
-  // How many bytes ahead are prefetched; none in a ring that is not much larger.
-  static constexpr std::size_t kPrefetchDistance = 512;
-  Cursor PrefetchDistance() const noexcept {
-    return static_cast<Cursor>(tuning::kPrefetch && Capacity() >= 8 * kPrefetchDistance ? kPrefetchDistance : 0);
-  }
-
-  // Calls function with the address of each cache line that begins between the two cursors.
-  template <class Function>
-  void ForEachLine(Cursor from, Cursor to, Function function) const {
-    constexpr std::uint64_t kLine = 64;
-    const std::uint64_t end = Distance(from, to);
-    for (std::uint64_t offset = -std::uint64_t{from} % kLine; offset < end; offset += kLine) {
-      function(At(PositionOf(static_cast<Cursor>(from + offset))));
-    }
-  }
 
  private:
   RingControl<Cursor>* m_control;
@@ -215,12 +199,19 @@ class RingProducer : public RingEnd<Cursor> {
     m_cachedHead = head;
   }
 
-  // Prefetches the lines that the window ahead of the tail takes in while the tail moves past the reserved frame.
+  // Prefetches the lines that the window ahead of the tail takes in while the tail moves past the reserved frame. None
+  // in a ring that is not much larger.
   void Prefetch() const noexcept {
-    const Cursor window = this->PrefetchDistance();
-    const Cursor moved = std::min(this->Distance(m_tail, m_reserved), window);
-    const Cursor end = static_cast<Cursor>(m_reserved + window);
-    this->ForEachLine(static_cast<Cursor>(end - moved), end, [](std::byte* line) { PrefetchForWrite(line); });
+    constexpr std::uint64_t kWindow = 512;
+    constexpr std::uint64_t kLine = 64;
+    if (!tuning::kPrefetch || this->Capacity() < 8 * kWindow) {
+      return;
+    }
+    const std::uint64_t moved = std::min<std::uint64_t>(this->Distance(m_tail, m_reserved), kWindow);
+    const Cursor first = static_cast<Cursor>(m_reserved + kWindow - moved);
+    for (std::uint64_t offset = -std::uint64_t{first} % kLine; offset < moved; offset += kLine) {
+      PrefetchForWrite(this->At(this->PositionOf(static_cast<Cursor>(first + offset))));
+    }
   }
 
   void WriteHeader(std::size_t position, std::uint32_t size, std::uint32_t tag) noexcept {
@@ -256,7 +247,6 @@ class RingConsumer : public RingEnd<Cursor> {
         tail % RingFrameHeader::kAlignment != 0) {
       throw Fault("the tail of a ring is impossible");
     }
-    Prefetch(tail, this->Distance(m_next, m_cachedTail));
     m_cachedTail = tail;
     return true;
   }
@@ -276,8 +266,6 @@ class RingConsumer : public RingEnd<Cursor> {
         throw Fault("a frame in a ring runs past the end");
       }
       m_next = static_cast<Cursor>(m_next + footprint);
-      const std::uint64_t window = this->PrefetchDistance();
-      Prefetch(m_cachedTail, window - std::min(window, footprint));
       if (header.tag != kRingPadding) {
         frame = {header.tag, {this->At(position + sizeof(header)), header.size}};
         return true;
@@ -310,16 +298,6 @@ class RingConsumer : public RingEnd<Cursor> {
  private:
   // In so many parts is the ring released while frames keep coming.
   static constexpr std::size_t kReleases = 16;
-
-  // Prefetches the lines within the window from the next frame on, up to the tail, except the first bytes, which are
-  // prefetched already.
-  void Prefetch(Cursor tail, std::uint64_t prefetched) const noexcept {
-    const std::uint64_t end = std::min<std::uint64_t>(this->PrefetchDistance(), this->Distance(m_next, tail));
-    if (prefetched < end) {
-      this->ForEachLine(static_cast<Cursor>(m_next + prefetched), static_cast<Cursor>(m_next + end),
-                        [](const std::byte* line) { PrefetchForRead(line); });
-    }
-  }
 
   void StoreHead() noexcept {
     m_head = m_next;
