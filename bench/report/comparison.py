@@ -70,8 +70,9 @@ class Report:
 
     def tables(self) -> list[Table]:
         """All of them but the aims, without those that would be empty."""
-        measured = [self._table(series, quantity) for series in self._series for quantity in series.quantities]
         gains = devices.table(self._figures, self._series)
+        shown = [series for series in self._series if series.workload != workloads.DEVICES or gains.rows]
+        measured = [self._table(series, quantity) for series in shown for quantity in series.quantities]
         tables = [self._contenders(), *measured, gains, self._distances(), joining.table(self._run["domains"])]
         return [table for table in tables if table.rows]
 

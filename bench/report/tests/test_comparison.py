@@ -78,7 +78,7 @@ class Run(unittest.TestCase):
 
     def test_does_not_show_workloads_that_were_not_measured(self) -> None:
         titles = [table.title for table in self.report.tables()]
-        self.assertFalse([title for title in titles if "peers" in title or "Round trip" in title])
+        self.assertFalse([title for title in titles if "peers" in title or "Round trip" in title or "device" in title])
         self.assertEqual([plot.file for plot in self.report.plots()], ["rate.svg", "rate-spinning.svg"])
 
     def test_says_whether_aims_are_met(self) -> None:
