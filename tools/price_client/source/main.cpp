@@ -33,7 +33,7 @@ cli::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
 }
 
 cli::ExitCode Run(int argc, const char* const* argv) {
-  const cli::Output output;
+  cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
   if (!options) {
     return cli::ExitCode::kOk;
@@ -41,6 +41,7 @@ cli::ExitCode Run(int argc, const char* const* argv) {
 
   auto signals = TakesOverTerminal(*options, output) ? cli::SignalWait{SIGINT, SIGTERM, SIGHUP, SIGTSTP}
                                                      : cli::SignalWait{SIGINT, SIGTERM, SIGHUP};
+  output.GiveUpOn(signals.GetDescriptor());
   cli::DivertLibraryOutput();
   Client client(*options, [&signals] { signals.Wake(); });
   RateMeter rates(RateMeter::Clock::now());

@@ -72,7 +72,7 @@ void Serve(Replay& replay, EventLoop& loop) {
 }
 
 cli::ExitCode Run(int argc, const char* const* argv) {
-  const cli::Output output;
+  cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
   if (!options) {
     return cli::ExitCode::kOk;
@@ -80,6 +80,7 @@ cli::ExitCode Run(int argc, const char* const* argv) {
   const auto file = ReadPrices(*options);
 
   cli::Signals signals{SIGINT, SIGTERM, SIGHUP};
+  output.GiveUpOn(signals.GetDescriptor());
   cli::DivertLibraryOutput();
   lbm::Context context(AttributesOf(*options));
   std::optional<InstanceLock> lock;

@@ -34,7 +34,7 @@ Question QuestionOf(const Options& options) {
 }
 
 cli::ExitCode Run(int argc, const char* const* argv) {
-  const cli::Output output;
+  cli::Output output;
   const auto options = ParseOptions(argc, argv, output);
   if (!options) {
     return cli::ExitCode::kOk;
@@ -43,6 +43,7 @@ cli::ExitCode Run(int argc, const char* const* argv) {
   // This process asks; it is not one of those to be asked.
   ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "this is the triage tool", 1);
   cli::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
+  output.GiveUpOn(signals.GetDescriptor());
   cli::DivertLibraryOutput();
   const auto question = QuestionOf(*options);
   const auto start = Enquiry::Clock::now();

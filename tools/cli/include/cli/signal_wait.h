@@ -21,6 +21,9 @@ class SignalWait {
   // does not wait.
   int WaitUntil(Clock::time_point deadline);
 
+  // Readable when a signal has come.
+  int GetDescriptor() const noexcept { return m_signals.GetDescriptor(); }
+
   // Ends the present wait, or the next one if there is none. Never blocks.
   void Wake() noexcept { m_wake.Notify(); }
 
