@@ -17,10 +17,10 @@ int Digits(std::string_view text, std::size_t minLength, std::size_t maxLength) 
   if (text.size() < minLength || text.size() > maxLength) {
     return -1;
   }
-  int value = 0;
+  unsigned value = 0;
   const auto* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, value);
-  return error == std::errc() && stop == end && value >= 0 ? value : -1;
+  return error == std::errc() && stop == end ? static_cast<int>(value) : -1;
 }
 
 std::optional<Date> MakeDate(int year, int month, int day) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <vector>
 
@@ -27,10 +28,13 @@ std::vector<std::string_view> SplitAtColons(std::string_view text) {
 }
 
 std::optional<std::int16_t> ParseNumber(std::string_view text) {
-  std::int16_t number = 0;
+  std::uint16_t number = 0;
   const auto* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && stop == end && number >= 0 ? std::optional(number) : std::nullopt;
+  if (error != std::errc() || stop != end || number > std::numeric_limits<std::int16_t>::max()) {
+    return std::nullopt;
+  }
+  return static_cast<std::int16_t>(number);
 }
 
 }  // namespace
