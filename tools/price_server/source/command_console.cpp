@@ -19,7 +19,9 @@ CommandConsole::CommandConsole(lbm::Context& ctx, EventLoop& loop, std::uint64_t
 }
 
 void CommandConsole::Execute(const std::string& line) {
-  if (line == kHelpWord) {
+  constexpr const char* kBlanks = " \t\r";
+  const auto begin = line.find_first_not_of(kBlanks);
+  if (begin != std::string::npos && line.substr(begin, line.find_last_not_of(kBlanks) + 1 - begin) == kHelpWord) {
     m_output.Write(kConsoleHelp);
     return;
   }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "cli/one_line.h"
 #include "cli/table.h"
 #include "zq/messaging/triage_requests.h"
 
@@ -32,7 +33,8 @@ bool HasEnough(const Report& report) {
 
 // Names of who did not answer, as far as they are known.
 std::string Silent(const Outcome& outcome) {
-  return outcome.silent.empty() ? "which ones is not known" : fmt::format("{}", fmt::join(outcome.silent, ", "));
+  return outcome.silent.empty() ? "which ones is not known"
+                                : cli::OneLine(fmt::format("{}", fmt::join(outcome.silent, ", ")));
 }
 
 std::string NobodyAnswered(const Report& report) {
@@ -73,7 +75,7 @@ std::string Table(const Report& report) {
     cli::Table table(4);
     table.Add({"process", "environment", "data center", "status", "round trip"});
     for (const auto& answer : outcome.answers) {
-      table.Add({OrUnknown(answer.process), UpperCase(report.options.environment),
+      table.Add({cli::OneLine(OrUnknown(answer.process)), UpperCase(report.options.environment),
                  OrUnknown(UpperCase(report.options.dataCenter)), answer.status, Milliseconds(answer.roundTrip)});
     }
     text += table.ToString();
