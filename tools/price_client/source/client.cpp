@@ -165,11 +165,13 @@ void Client::Stop() {
   if (m_commands) {
     TakeInMail(Clock::now());
   }
-  // Endpoints go before the context that they were made from; those of the command channel are the manager's.
+  // Endpoints and messages go before the context; the endpoints of the command channel are the manager's.
   for (const auto& subscription : m_subscriptions) {
     subscription->Close();
   }
   m_commands.reset();
+  m_pendingCommands.clear();
+  m_mailbox.Collect();
   m_manager.reset();
 }
 

@@ -20,8 +20,10 @@ void DispatchThread::Run(const std::function<void()>& task) {
   constexpr auto kTick = std::chrono::milliseconds(50);
   for (int ticks = 0; result.wait_for(kTick) != std::future_status::ready; ++ticks) {
     if (ticks == m_patience) {
-      const std::lock_guard lock(m_mutex);
-      m_isWanted = false;
+      const std::lock_guard lock(m_mutex);  // a task that has begun ends first, as it may use what is the caller's
+      if (!m_isWanted.exchange(false)) {
+        break;
+      }
       throw std::runtime_error("the dispatch thread has ended or hangs; run with --log-level info for its last words");
     }
   }

@@ -23,7 +23,7 @@ class DispatchThread {
       : m_wake(std::move(wake)), m_patience(patience) {}
 
   // Runs the task between two events and returns when it has run. What it throws leaves here, and std::runtime_error
-  // does when the thread has ended, or hangs.
+  // does when the thread has ended, or hangs, before the task begins. One that has begun is waited for.
   void Run(const std::function<void()>& task);
 
   // The thread has ended in order. Tasks run on the caller's from now on.

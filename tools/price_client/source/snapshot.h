@@ -90,7 +90,7 @@ struct InstanceSnapshot : PricesSnapshot {
   std::string name;
   InstanceState state = InstanceState::kNeverSeen;
   unsigned segments = 0;
-  double currentRate = 0;                // updates a second since the snapshot before
+  double currentRate = 0;                // updates a second, over the last one
   std::optional<StatusSnapshot> status;  // the last one since the instance came up last
   NoticesSnapshot notices;               // malformed and lost are part of the totals as well
 
@@ -117,7 +117,7 @@ struct Snapshot {
 
   Totals Total() const;
 
-  // Updates a second of all instances since the snapshot before.
+  // Updates a second of all instances, over the last one.
   double CurrentRate() const;
 
   // Instances that are up or back.

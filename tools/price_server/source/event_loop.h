@@ -46,7 +46,8 @@ class EventLoop {
   // without waiting, such as a file, is read in turns with everything else. Throws lbm::LbmError.
   void WatchForInput(int descriptor, std::function<bool()> task);
 
-  // Runs tasks until Stop, those included that were posted by then. Throws what a task throws, and lbm::LbmError.
+  // Runs tasks until Stop; what one look at the context gave rise to runs to its end. Throws what a task throws, and
+  // lbm::LbmError.
   void Run();
 
   // Ends Run for good.

@@ -1,5 +1,7 @@
 #include "replay_schedule.h"
 
+#include <algorithm>
+
 namespace price_server {
 
 ReplaySchedule::ReplaySchedule(double updatesPerSecond, Clock::time_point start)
@@ -15,7 +17,9 @@ void ReplaySchedule::Advance(Clock::time_point now) {
   }
   ++m_sentSinceOrigin;
   // Counted from the origin, so that rounding does not add up.
-  const std::chrono::duration<double> sinceOrigin(static_cast<double>(m_sentSinceOrigin) * m_secondsPerUpdate);
+  constexpr double kLongest = 1e9;  // seconds, which the clock can still express
+  const std::chrono::duration<double> sinceOrigin(
+      std::min(static_cast<double>(m_sentSinceOrigin) * m_secondsPerUpdate, kLongest));
   m_nextDue = m_origin + std::chrono::duration_cast<Clock::duration>(sinceOrigin);
 }
 
