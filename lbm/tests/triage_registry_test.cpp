@@ -244,7 +244,7 @@ TEST(TriageEventQueueTest, WithoutItTheContextsThreadServesRequests) {
       {[] {
          pthread_attr_t huge;
          ::pthread_attr_init(&huge);
-         ::pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
+         ::pthread_attr_setstacksize(&huge, std::size_t{1} << 60);
          ::pthread_setattr_default_np(&huge);
        },
        "Resource temporarily unavailable"}};

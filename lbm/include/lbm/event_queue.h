@@ -27,7 +27,7 @@ class EventQueue {
   // Runs the callbacks that are waiting.
   int Poll();
 
-  // Makes Run return.
+  // Makes Run return; the next call of it when none is in progress.
   void Unblock();
 
   operator lbm_event_queue_t*() noexcept { return m_eq; }

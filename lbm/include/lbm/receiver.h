@@ -22,8 +22,8 @@ class BaseReceiver {
 // are dropped. The context has to outlive the receiver.
 //
 // Threads: the callback runs on the thread that processes the context's events, or dispatches the event queue when one
-// is given. Once the destructor has returned no callback runs; it must not be called in the callback, which goes with
-// the receiver.
+// is given; the first message may come before the constructor has returned. Once the destructor has returned no
+// callback runs; it must not be called in the callback, which goes with the receiver.
 class Receiver : public BaseReceiver {
  public:
   using Callback = MessageCallback;

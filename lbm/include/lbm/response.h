@@ -30,7 +30,7 @@ class Response {
   // Returns false after a logged failure: no response handle, another error than would-block, retries used up. With
   // maxRetries of 0 or below one send that would block is let go: true is returned though nothing was sent.
   //
-  // Blocks the calling thread for up to maxRetries * retrySleepMs milliseconds plus the sends.
+  // Blocks the calling thread for up to maxRetries times retrySleepMs milliseconds, once at least, plus the sends.
   bool SendWithRetries(const char* source, const char* topicName, const char* data, unsigned long length,
                        const std::string& requestId, int maxRetries, int retrySleepMs, int flags) const;
 

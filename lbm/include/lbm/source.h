@@ -23,8 +23,9 @@ class EventQueue;
 // All others throw LbmError.
 //
 // Threads: the sends may be called on any thread. Event callbacks run on the thread that processes the context's
-// events, or dispatches the event queue when one is given. Destroy, the destructor and the rest are for the owner's
-// thread, and the destructor not for the callback.
+// events, or dispatches the event queue when one is given; the first may come before the constructor, or
+// DoDeferredRegistration, has returned, and must not use the source then. Destroy, the destructor and the rest are for
+// the owner's thread, and the destructor not for the callback.
 class Source {
  public:
   // Takes event code (LBM_SRC_EVENT_...) and event data as the library gives them. Must not throw.

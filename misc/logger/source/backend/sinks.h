@@ -30,7 +30,8 @@ class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
 };
 
 // Writes each record's payload, a finished line, to a file, with one system call a line and no buffer. Trouble is
-// reported when it begins and when it is over; every further line tries again.
+// reported when it begins and when it is over; every further line tries again, but a file that cannot be opened only
+// once a second.
 class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   // Empty for no file. Another path than before is opened at once.

@@ -342,6 +342,8 @@ LBM_API int lbm_event_queue_create(lbm_event_queue_t** evq, lbm_event_queue_moni
 /* Runs the queued callbacks on the calling thread for msec milliseconds, or until lbm_event_dispatch_unblock. Returns
  * the number of events dispatched. One thread at a time. */
 LBM_API int lbm_event_dispatch(lbm_event_queue_t* evq, lbm_ulong_t msec);
+
+/* Makes the lbm_event_dispatch call in progress return; when there is none, the next one. */
 LBM_API int lbm_event_dispatch_unblock(lbm_event_queue_t* evq);
 
 /* Drops what is queued and takes nothing more. */

@@ -31,7 +31,7 @@ constexpr int kNoAffinity = -1;
 constexpr const char* kThreadName = "lbm_ctx_thread";  // at most 15 characters
 
 // How long the release of a manager that was not shut down may take before the process ends all the same.
-constexpr std::chrono::seconds kLastRelease{2};
+constexpr std::chrono::seconds kLastRelease{5};
 
 // Makes a receiver or a source on the topic that nameTopic returns, in the place of the one that endpoint holds; what
 // differs between the kinds is in the arguments. topicName is set as soon as the topic has its name.

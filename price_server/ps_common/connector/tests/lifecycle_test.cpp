@@ -110,7 +110,7 @@ TEST_F(Lifecycle, AFailedConstructionSaysWhyAndLeavesNothingBehind) {
   pthread_getattr_default_np(&usual);
   pthread_attr_t huge;
   pthread_attr_init(&huge);
-  pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 60);
   pthread_setattr_default_np(&huge);
   EXPECT_THROW(Start(), std::system_error);
   pthread_setattr_default_np(&usual);

@@ -40,11 +40,15 @@ inline std::vector<std::string> Lines() {
 // The calls of the messaging interface that the calling thread makes in action.
 template <typename Action>
 std::vector<lbm_scripted::Call> CallsOf(const Action& action) {
-  const std::size_t before = lbm_scripted::Calls().size();
+  const auto own = [] {
+    auto calls = lbm_scripted::Calls();
+    std::erase_if(calls, [](const auto& call) { return call.thread != std::this_thread::get_id(); });
+    return calls;
+  };
+  const std::size_t before = own().size();
   action();
-  auto calls = lbm_scripted::Calls();
+  auto calls = own();
   calls.erase(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(before));
-  std::erase_if(calls, [](const auto& call) { return call.thread != std::this_thread::get_id(); });
   return calls;
 }
 

@@ -9,7 +9,7 @@
 // A statement waits when the queue to the writing thread is full; no line is dropped. What is queued is written before
 // the process ends through exit() or main's return. Statements made after that are written by their own threads. A
 // statement at ZQLOG_CRITICAL or above returns when it has been written; lower ones that are still queued are lost when
-// the process is killed or aborts.
+// the process is killed or aborts. A forked child has no thread that writes: it must make no statement before it execs.
 //
 // A log file that cannot be opened or written is reported on standard error once; the lines meant for it are lost and
 // counted until it can be written again.

@@ -5,7 +5,7 @@
 
 namespace zq::posix {
 
-// The variable's value; empty when it is not set. No variable of this project means anything by being set and empty.
+// The variable's value; empty when it is not set, as for most variables being set and empty means the same.
 // Threads: any, while none changes the environment.
 std::string Environment(const char* name);
 

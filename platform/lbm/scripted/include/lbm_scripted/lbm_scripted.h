@@ -10,8 +10,8 @@
 //
 // Options are kept: what is set on attributes is read back from them and from what is created with them. Nothing is
 // sent anywhere, and delivering is the test's own act: event queues and operational modes make no difference to it.
-// lbm_context_process_events and lbm_event_dispatch wait until their time is up, they are unblocked, something was
-// posted, a result was scripted, the context is deleted or the queue is shut down.
+// lbm_context_process_events and lbm_event_dispatch wait until their time is up, they are unblocked, a result was
+// scripted, the context is deleted or the queue is shut down. Both run what is posted; the former then returns.
 //
 // Objects end as the interface says. Deleting one, or cancelling a descriptor, closes it to further callbacks and waits
 // for those that other threads are in; from inside its own callback a thread does not wait for itself. Deleting a

@@ -66,7 +66,7 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   LbmClientResourceMgr& operator=(LbmClientResourceMgr&&) = delete;
 
   // Without a Shutdown before, ends the process with std::terminate. Says so on standard error first, and stops the
-  // dispatch thread and releases what the manager owns, unless that takes more than two seconds, as when a callback
+  // dispatch thread and releases what the manager owns, unless that takes more than five seconds, as when a callback
   // waits for the destroying thread.
   // Threads: the owner's; never the dispatch thread, where it ends the process at once.
   ~LbmClientResourceMgr();
