@@ -41,14 +41,11 @@ endif()
 run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/${USER} -B ${project} -G Ninja ${options})
 run(${CMAKE_COMMAND} --build ${project})
 
-# Sockets have short names only, so the contexts do not meet inside a build tree.
-execute_process(COMMAND mktemp -d OUTPUT_VARIABLE meeting_place OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 execute_process(
-  COMMAND ${CMAKE_COMMAND} -E env LBM_RUNTIME_DIR=${meeting_place} ${project}/program
+  COMMAND ${CMAKE_COMMAND} -E env LBM_RUNTIME_DIR=${project}/runtime ${project}/program
   RESULT_VARIABLE result
   OUTPUT_VARIABLE output
   ERROR_VARIABLE output)
-file(REMOVE_RECURSE ${meeting_place})
 if(NOT result EQUAL 0)
   message(FATAL_ERROR "The program ended with ${result}:\n${output}")
 endif()

@@ -51,7 +51,7 @@ TEST_F(ClientCommandsTest, APausedClientTakesNoPricesAndMissesNoneWhenItResumes)
   EXPECT_EQ(m_trader.Command("pause").text, "paused");
   const auto paused = m_trader.Command("report").figures;
   EXPECT_EQ(paused.at("paused"), 1);
-  ASSERT_TRUE(m_client.WaitForOutput(" rate=0/s ")) << m_client.Output();
+  ASSERT_TRUE(m_client.WaitForOutput("is paused") && m_client.WaitForOutput(" rate=0/s ")) << m_client.Output();
   EXPECT_EQ(m_trader.Command("pause").text, "was paused already");
   EXPECT_EQ(m_trader.Command("report").figures.at("updates"), paused.at("updates"));
 
@@ -123,7 +123,7 @@ TEST_F(ClientCommandsTest, AServerThatComesUpIsAskedForItsProductsUntilItAnswers
   EXPECT_TRUE(server.Send(TopicNames::CreateServerStatusTopic(kInstance), feed::Encode(status)));
   EXPECT_TRUE(m_client.WaitForOutput("TEST(1.1.1.0) is up")) << m_client.Output();
   EXPECT_TRUE(server.WaitUntil([&] { return m_trader.Command("report").figures.at("products") == 1; }));
-  EXPECT_EQ(requests, 2);
+  EXPECT_GE(requests, 2);
 }
 
 TEST_F(ClientCommandsTest, GarbageOnTheTopicsOfAServerIsCountedAndNothingElse) {

@@ -43,22 +43,27 @@ TEST_F(TriageToolTest, ShowsWhoAnswersWithAndWithoutAnEventQueue) {
   const auto elsewhere = StartClient({{"DATA_CENTER", "there"}});
   const auto prefixed = StartClient({{"LBM_TRIAGE_HANDLER_TOPIC_PREFIX", "site."}});
 
-  EXPECT_THAT(EndOf(*Triage({"test", "--expect=2"}), 0),
+  EXPECT_THAT(EndOf(*Triage({"test", "--expect=2", "--timeout=60"}), 0),
               MatchesRegex("process .*\n(host:[0-9]+\\.[0-9a-f]+ +TEST +HERE +success +[0-9.]+ ms\n){2}"
                            "2 answers to triage-.* on TRIAGE\\.ACTION\\.TEST\\.LBM\\.HERE in .*\n"));
-  const auto all = nlohmann::json::parse(EndOf(*Triage({"test", "--all-data-centers", "--expect=3", "--json"}), 0));
+  const auto all =
+      nlohmann::json::parse(EndOf(*Triage({"test", "--all-data-centers", "--expect=3", "--timeout=60", "--json"}), 0));
   EXPECT_EQ(all["topic"], "TRIAGE.ACTION.TEST.LBM");
   EXPECT_EQ(all["answers"].size(), 3U);
-  EXPECT_THAT(EndOf(*Triage({"test", "--data-center=THERE", "--expect=1"}), 0), HasSubstr("\n1 answer to "));
-  EXPECT_THAT(EndOf(*Triage({"test", "--topic-prefix=site.", "--expect=1"}), 0), HasSubstr("\n1 answer to "));
+  EXPECT_THAT(EndOf(*Triage({"test", "--data-center=THERE", "--expect=1", "--timeout=60"}), 0),
+              HasSubstr("\n1 answer to "));
+  EXPECT_THAT(EndOf(*Triage({"test", "--topic-prefix=site.", "--expect=1", "--timeout=60"}), 0),
+              HasSubstr("\n1 answer to "));
 }
 
 TEST_F(TriageToolTest, SwitchesNaksAndTheClientSaysWhatBecameOfThem) {
   const auto client = StartClient();
-  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=order", "--disable", "--expect=1"}), 0),
+  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=order", "--disable", "--expect=1", "--timeout=60"}), 0),
               AllOf(HasSubstr(" success "), HasSubstr("is in the processes' logs")));
-  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=PRICE", "--enable", "--expect=1"}), 0), HasSubstr(" success "));
-  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=ALL", "--enable", "--expect=1"}), 0), HasSubstr(" success "));
+  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=PRICE", "--enable", "--expect=1", "--timeout=60"}), 0),
+              HasSubstr(" success "));
+  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=ALL", "--enable", "--expect=1", "--timeout=60"}), 0),
+              HasSubstr(" success "));
   client->Signal(SIGINT);
   client->Wait();
   EXPECT_THAT(client->Errors(), ContainsRegex("Failed to disable NAKs(.|\n)*Failed to enable NAKs"));
@@ -75,14 +80,14 @@ TEST_F(TriageToolTest, SaysThatNobodyAnswersAndWhatToLookAt) {
 
 TEST_F(TriageToolTest, AStoppedClientDoesNotAnswerUntilItIsContinued) {
   const auto client = StartClient();
-  EndOf(*Triage({"test", "--expect=1"}), 0);
+  EndOf(*Triage({"test", "--expect=1", "--timeout=60"}), 0);
   client->Signal(SIGSTOP);
   EndOf(*Triage({"test", "--timeout=0.5"}), 4);
   // It has sent its request, which nobody has taken in, or is about to.
   auto killed = Triage({"test", "--timeout=60"});
   killed->Signal(SIGKILL);
   EXPECT_EQ(killed->Wait(), 128 + SIGKILL);
-  const auto waiting = Triage({"test", "--expect=1"});
+  const auto waiting = Triage({"test", "--expect=1", "--timeout=60"});
   client->Signal(SIGCONT);
   EndOf(*waiting, 0);
   client->Signal(SIGINT);
@@ -94,15 +99,15 @@ TEST_F(TriageToolTest, ToolsThatAskAtOnceAllGetTheirAnswersWhileProcessesComeAnd
   std::vector<std::unique_ptr<Process>> tools;
   for (int round = 0; round < 4; ++round) {
     const auto passing = StartClient({}, {"--seconds=0"});
-    tools.push_back(Triage({"test", "--expect=1"}));
-    tools.push_back(Triage({"nak-kill", "--context=zqnotify", "--enable", "--expect=1"}));
+    tools.push_back(Triage({"test", "--expect=1", "--timeout=60"}));
+    tools.push_back(Triage({"nak-kill", "--context=zqnotify", "--enable", "--expect=1", "--timeout=60"}));
     passing->Wait();
     const auto killed = StartClient();
   }
   for (const auto& tool : tools) {
     EndOf(*tool, 0);
   }
-  EndOf(*Triage({"test", "--expect=1"}), 0);
+  EndOf(*Triage({"test", "--expect=1", "--timeout=60"}), 0);
 }
 
 TEST_F(TriageToolTest, RefusesWhatItCannotAsk) {
@@ -113,7 +118,7 @@ TEST_F(TriageToolTest, RefusesWhatItCannotAsk) {
       {{"test", "--data-center=a", "--all-data-centers"}, "excludes"},
       {{"test", "--topic-prefix=" + std::string(250, 'x')}, "too long"},
       {{"test", "--timeout=nan"}, "--timeout"},
-      {{"test", "--expect=0"}, "--expect"},
+      {{"test", "--expect=0", "--timeout=60"}, "--expect"},
       {{"nak-kill", "--enable"}, "--context"},
       {{"nak-kill", "--context=PRICES", "--enable"}, "\"PRICES\" is none of ORDER|PRICE|ZQNOTIFY|ALL"},
       {{"nak-kill", "--context=PRICE"}, "--enable or --disable"},

@@ -11,6 +11,8 @@ namespace {
 // A thread that serves whenever it is woken.
 class Server {
  public:
+  explicit Server(int patience = DispatchThread::kPatience) : m_dispatch([this] { Wake(); }, patience) {}
+
   DispatchThread& Dispatch() { return m_dispatch; }
   std::thread::id Id() const { return m_thread.get_id(); }
 
@@ -35,7 +37,7 @@ class Server {
 
   std::atomic<int> m_wakes{0};
   std::atomic<bool> m_isEnding{false};
-  DispatchThread m_dispatch{[this] { Wake(); }, 1};
+  DispatchThread m_dispatch;
   std::thread m_thread{[this] { Run(); }};
 };
 
@@ -57,7 +59,7 @@ TEST(DispatchThread, RunsTasksWhereNothingElseRunsAndGivesBackWhatTheyThrow) {
 }
 
 TEST(DispatchThread, AThreadThatHasEndedIsToldFromOneThatWasEnded) {
-  Server server;
+  Server server(1);
   server.End();
   bool hasRun = false;
   EXPECT_THROW(server.Dispatch().Run([&] { hasRun = true; }), std::runtime_error);

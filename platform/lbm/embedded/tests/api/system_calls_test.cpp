@@ -164,6 +164,9 @@ TEST_F(SystemCallsTest, AreNotMadeByPollingAndSendingToContextsThatAreAwake) {
       ::kill(answerer, SIGKILL);
     }
   }
+  if (calls.other == SYS_clock_gettime) {
+    GTEST_SKIP() << "this machine's clock takes a system call";
+  }
   EXPECT_EQ(-1, calls.other) << "the number of a system call";
   ASSERT_TRUE(WIFEXITED(status)) << "no end after " << answers << " answers";
   if (WEXITSTATUS(status) == kNoTraps) {

@@ -89,7 +89,7 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kKills = 100;
 #else
-constexpr int kKills = 2000;
+constexpr int kKills = 500;
 #endif
 
 TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
@@ -209,7 +209,9 @@ TEST_F(Membership, ALateJoinerLearnsOfThousandsOfSources) {
 }
 
 TEST_F(Membership, AContextWithTooManyCallersIsCalledAgain) {
-  RaiseDescriptorLimit();
+  if (RaiseDescriptorLimit() < 5'000) {
+    GTEST_SKIP() << "a backlog takes more descriptors than this process may have";
+  }
   Member a(SettingsIn(m_directory), false);
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   const std::string address = m_directory.Sockets().at(0);
