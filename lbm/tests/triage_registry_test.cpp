@@ -9,7 +9,6 @@
 namespace lbm {
 namespace {
 
-using lbm_scripted::FindReceiver;
 using ::testing::Contains;
 
 constexpr char kCalled[] = "> lbm_triage_handler destructor called\n";
