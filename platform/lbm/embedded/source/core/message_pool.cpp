@@ -32,7 +32,7 @@ void Message::SetChannel(std::uint32_t number) noexcept {
 }
 
 void Message::SetResponse(Response value) {
-  m_response = std::make_unique<lbm_response_t>(std::move(value));
+  m_response.reset(new lbm_response_t{std::move(value)});
   response = m_response.get();
 }
 
