@@ -97,7 +97,7 @@ std::vector<std::string> ReadLines(lbm::Context& context, int descriptor, const 
 TEST_F(EventLoopTest, ReadsLinesAsTheyCome) {
   auto [reader, writer] = test_support::MakePipe();
   zq::posix::WriteAll(writer.Get(), "one\n\ntw");
-  const auto lines = ReadLines(m_context, reader.Get(), [&](const std::string& line) {
+  const auto lines = ReadLines(m_context, reader.Get(), [&writer = writer](const std::string& line) {
     if (line.empty()) {
       zq::posix::WriteAll(writer.Get(), "o\nlast");
       writer = Descriptor();

@@ -47,7 +47,7 @@ TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (std::size_t wanted = keeper.count + 1; messages != 0; ++wanted, --messages) {
       ASSERT_EQ(0, lbm_src_send(source, payload.data(), payload.size(), LBM_SRC_FLUSH)) << lbm_errmsg();
-      for (int turn = 0; turn == 0 || keeper.count < wanted; ++turn) {
+      for (std::size_t turn = 0; turn == 0 || keeper.count < wanted; ++turn) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain for a message";
         ASSERT_EQ(0, lbm_context_process_events(subscriber, (messages + turn) % 3 == 0 ? 1 : 0));
         ASSERT_EQ(0, lbm_context_process_events(publisher, turn == 0 ? 0 : 1));

@@ -17,7 +17,7 @@ namespace {
 
 [[noreturn]] void SayLastWords(Member& self, Publication& publication) {
   DrainUntil({&self}, "a message", [&] { return self.messages > 0; });
-  for (const std::uint64_t request : {0, 0, 5}) {
+  for (const std::uint64_t request : {0U, 0U, 5U}) {
     Publish(*self.transport, publication, "last words", false, request);
   }
   while (::write(STDOUT_FILENO, "!", 1) == 1) {
