@@ -8,8 +8,9 @@ namespace cli {
 // Results go to standard output unbuffered, and a result that could not be written is an error.
 class Output {
  public:
-  // From now on a write that standard output does not take at once fails when the descriptor becomes readable: whoever
-  // reads the output may never go on, and must not keep a tool from ending. The descriptor has to outlive this.
+  // From now on a write fails when standard output still takes nothing a second after the descriptor has become
+  // readable: whoever reads the output may never go on, and must not keep a tool from ending. The descriptor has to be
+  // open until the last write.
   void GiveUpOn(int descriptor) noexcept { m_giveUp = descriptor; }
 
   // Throws std::system_error unless everything was written.
