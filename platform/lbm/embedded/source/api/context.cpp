@@ -6,29 +6,14 @@
 #include "api/endpoints.h"
 #include "api/errors.h"
 #include "api/option_calls.h"
-#include "core/notice.h"
-#include "transport/host/host_transport.h"
-#include "transport/host/link/runtime_directory.h"
+#include "api/transports.h"
 
 using engine::Error;
 using engine::OptionSet;
 using engine::api::Guarded;
 using engine::api::Required;
-namespace option = engine::option;
 
 namespace {
-
-// The one place that chooses how a context's messages travel.
-std::unique_ptr<engine::transport::Transport> Join(OptionSet& options) {
-  namespace host = engine::transport::host;
-  const auto runtimeDirectory = host::RuntimeDirectory();
-  options.Provide(option::kDomainDirectory, runtimeDirectory + '/' + options.Get(option::kDomain));
-  return host::JoinHostDomain({.runtimeDirectory = runtimeDirectory,
-                               .domain = options.Get(option::kDomain),
-                               .contextName = options.Get(option::kContextName),
-                               .ringBytes = options.Get(option::kTransportRingSize),
-                               .warn = [](const std::string& text) { engine::Notice(LBM_LOG_WARNING, text); }});
-}
 
 engine::core::Context& ContextOf(lbm_context_t* ctx) { return *Required(ctx, "ctx").context; }
 
@@ -39,7 +24,7 @@ int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_
     Required(ctx, "ctx");
     OptionSet options = engine::api::CreationOptions(attr);
     auto handle = std::make_unique<lbm_context_t>();
-    auto transport = Join(options);
+    auto transport = engine::api::JoinDomain(options);
     handle->context = engine::core::Context::Create(std::move(options), std::move(transport), handle.get());
     *ctx = handle.release();
     return 0;

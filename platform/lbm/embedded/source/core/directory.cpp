@@ -7,10 +7,15 @@
 
 namespace engine::core {
 
+Directory::Directory(const Parts& parts) : m_parts(parts), m_pool(MessagePool::Create()) {
+  if (m_parts.resolverNotification.notifyfunc != nullptr) {
+    GetTransport().WatchAll();
+  }
+}
+
 void Directory::ForgetIfEmpty(const std::string& topic) {
   const auto found = m_topics.find(topic);
-  if (found != m_topics.end() && found->second.receivers.empty() && found->second.streams.empty() &&
-      found->second.notifying.empty()) {
+  if (found != m_topics.end() && !found->second.Wanted() && found->second.streams.empty()) {
     m_topics.erase(found);
   }
 }
@@ -21,6 +26,9 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
   }
   const Topic& topic = receiver->GetTopic();
   TopicEntry& entry = m_topics[topic.name];
+  if (!entry.Wanted()) {
+    GetTransport().Watch(topic.name);
+  }
   entry.receivers.push_back(receiver);
   const bool notifies = topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr;
   if (notifies && std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
@@ -49,6 +57,9 @@ void Directory::RemoveReceiver(const Receiver& receiver) {
     if (std::erase_if(stream->subscriptions, isOfReceiver) != 0 && stream->subscriptions.empty()) {
       GetTransport().Unsubscribe(*stream->source);
     }
+  }
+  if (!entry.Wanted()) {
+    GetTransport().Unwatch(found->first);
   }
   ForgetIfEmpty(receiver.GetTopic().name);
 }

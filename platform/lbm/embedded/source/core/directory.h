@@ -35,7 +35,7 @@ class Directory : public transport::Listener {
     lbm_src_notify_func_t resolverNotification;  // told of every source of the domain
   };
 
-  explicit Directory(const Parts& parts) : m_parts(parts), m_pool(MessagePool::Create()) {}
+  explicit Directory(const Parts& parts);
 
   void AddReceiver(const std::shared_ptr<Receiver>& receiver);
   void RemoveReceiver(const Receiver& receiver);
@@ -81,6 +81,8 @@ class Directory : public transport::Listener {
     std::vector<std::shared_ptr<Receiver>> receivers;
     std::vector<std::unique_ptr<Stream>> streams;
     std::vector<const Topic*> notifying;  // topics of receivers, past ones too, that want source notifications
+
+    bool Wanted() const noexcept { return !receivers.empty() || !notifying.empty(); }
   };
 
   static Stream* StreamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }

@@ -44,7 +44,7 @@ void SourceTable::Add(const std::shared_ptr<Source>& source) {
   const std::lock_guard lock(m_mutex);
   source->m_publication = m_transport.Advertise({source->m_topic.name, source->m_pacing});
   if (source->m_callback) {
-    m_sources.emplace(source->m_publication.get(), source);
+    m_sources.emplace(source->m_publication->Id(), source);
   }
 }
 
@@ -52,14 +52,14 @@ void SourceTable::Remove(Source& source) {
   m_transport.Withdraw(*source.m_publication);
   {
     const std::lock_guard lock(m_mutex);
-    m_sources.erase(source.m_publication.get());
+    m_sources.erase(source.m_publication->Id());
   }
   source.CloseAndWait();
 }
 
 std::shared_ptr<Source> SourceTable::Find(const transport::Publication& publication) {
   const std::lock_guard lock(m_mutex);
-  const auto found = m_sources.find(&publication);
+  const auto found = m_sources.find(publication.Id());
   return found != m_sources.end() ? found->second.lock() : nullptr;
 }
 
@@ -69,7 +69,7 @@ void SourceTable::Clear() {
     const std::lock_guard lock(m_mutex);
     sources.swap(m_sources);
   }
-  for (const auto& [publication, weak] : sources) {
+  for (const auto& [id, weak] : sources) {
     if (const auto source = weak.lock()) {
       source->CloseAndWait();
     }

@@ -70,7 +70,7 @@ class SourceTable {
  private:
   transport::Transport& m_transport;
   std::mutex m_mutex;
-  std::unordered_map<const transport::Publication*, std::weak_ptr<Source>> m_sources;  // with events; under m_mutex
+  std::unordered_map<std::uint32_t, std::weak_ptr<Source>> m_sources;  // with events, by Publication::Id; under m_mutex
 };
 
 }  // namespace engine::core

@@ -70,10 +70,25 @@ inline constexpr OptionKey<std::chrono::milliseconds> kCloseLingerTime{Scope::kC
 inline constexpr OptionKey<std::string> kContextName{Scope::kContext, "context_name"};
 inline constexpr OptionKey<std::string> kDomain{Scope::kContext, "domain"};
 inline constexpr OptionKey<std::string> kDomainDirectory{Scope::kContext, "domain_directory"};
+inline constexpr OptionKey<std::chrono::milliseconds> kNatsAnnouncementInterval{Scope::kContext,
+                                                                                "nats_announcement_interval"};
+inline constexpr OptionKey<std::string> kNatsConnectionName{Scope::kContext, "nats_connection_name"};
+inline constexpr OptionKey<std::string> kNatsCredentialsFile{Scope::kContext, "nats_credentials_file"};
+inline constexpr OptionKey<std::chrono::milliseconds> kNatsPeerTimeout{Scope::kContext, "nats_peer_timeout"};
+inline constexpr OptionKey<std::size_t> kNatsReceiveQueueSize{Scope::kContext, "nats_receive_queue_size"};
+inline constexpr OptionKey<std::size_t> kNatsSendQueueSize{Scope::kContext, "nats_send_queue_size"};
+inline constexpr OptionKey<std::string> kNatsServers{Scope::kContext, "nats_servers"};
+inline constexpr OptionKey<std::string> kNatsSubjectPrefix{Scope::kContext, "nats_subject_prefix"};
+inline constexpr OptionKey<std::string> kNatsTlsCaFile{Scope::kContext, "nats_tls_ca_file"};
+inline constexpr OptionKey<std::string> kNatsTlsCertificateFile{Scope::kContext, "nats_tls_certificate_file"};
+inline constexpr OptionKey<std::string> kNatsTlsKeyFile{Scope::kContext, "nats_tls_key_file"};
+inline constexpr OptionKey<std::string> kNatsUserFile{Scope::kContext, "nats_user_file"};
+inline constexpr OptionKey<std::size_t> kNatsWindowSize{Scope::kContext, "nats_window_size"};
 inline constexpr OptionKey<OperationalMode> kOperationalMode{Scope::kContext, "operational_mode"};
 inline constexpr OptionKey<lbm_src_notify_func_t> kResolverSourceNotification{Scope::kContext,
                                                                               "resolver_source_notification_function"};
 inline constexpr OptionKey<std::uint32_t> kSpinTime{Scope::kContext, "spin_time"};  // microseconds
+inline constexpr OptionKey<TransportKind> kTransport{Scope::kContext, "transport"};
 inline constexpr OptionKey<std::size_t> kTransportRingSize{Scope::kContext, "transport_ring_size"};
 
 inline constexpr OptionKey<bool> kQueueCancellationCallbacksEnabled{Scope::kEventQueue,

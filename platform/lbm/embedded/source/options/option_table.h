@@ -25,11 +25,15 @@ constexpr std::string_view NameOf(Scope scope) { return kScopeNames[static_cast<
 // Values of options that are one word of a few, in the order of the words.
 enum class OperationalMode : std::uint8_t { kEmbedded, kSequential };
 enum class TransportPacing : std::uint8_t { kSource, kReceiver };
+enum class TransportKind : std::uint8_t { kHost, kNats, kHostAndNats };
 
 template <class Enum>
 inline constexpr std::array<std::string_view, 0> kWordsOf{};
 template <>
 inline constexpr std::array kWordsOf<OperationalMode>{std::string_view("embedded"), std::string_view("sequential")};
+template <>
+inline constexpr std::array kWordsOf<TransportKind>{std::string_view("host"), std::string_view("nats"),
+                                                    std::string_view("host,nats")};
 template <>
 inline constexpr std::array kWordsOf<TransportPacing>{std::string_view("source"), std::string_view("receiver")};
 
@@ -98,7 +102,8 @@ inline constexpr std::array kOptionTable{
         .maximum = 64,
         .unit = "bytes",
         .textRule = &kFileNameRule,
-        .documentation = "Contexts of one user and machine see each other when their domain is the same.",
+        .documentation = "Contexts see each other when their domain is the same: those of one user and machine, and "
+                         "with NATS those of all machines whose servers and prefix are the same.",
     },
     OptionDefinition{
         .scope = Scope::kContext,
@@ -107,7 +112,133 @@ inline constexpr std::array kOptionTable{
         .change = Change::kNever,
         .maximum = LBM_OPTION_VALUE_MAX - 1,
         .unit = "bytes",
-        .documentation = "The directory in which the contexts of the domain meet.",
+        .documentation = "The directory in which the contexts of the domain meet; empty without the host transport.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_announcement_interval",
+        .type = OptionType::kMilliseconds,
+        .defaultText = "2000",
+        .minimum = 100,
+        .maximum = 60'000,
+        .unit = "ms",
+        .documentation = "How often a context that has sources or subscriptions says that it is there.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_connection_name",
+        .type = OptionType::kText,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "Name of the connection as the server shows it to its operators; empty: the context's name, "
+                         "or its identity.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_credentials_file",
+        .type = OptionType::kText,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "File with the user's JWT and key, for servers that authenticate so; empty: none.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_peer_timeout",
+        .type = OptionType::kMilliseconds,
+        .defaultText = "10000",
+        .minimum = 500,
+        .maximum = 600'000,
+        .unit = "ms",
+        .documentation =
+            "A context that was not heard of for so long is taken for gone, with its sources and subscriptions.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_receive_queue_size",
+        .type = OptionType::kSize,
+        .defaultText = "67108864",
+        .minimum = 1'048'576,
+        .maximum = 17'179'869'184,
+        .unit = "bytes",
+        .documentation = "Room for what has arrived and was not delivered yet. What does not fit is lost, and told, "
+                         "unless its source waits.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_send_queue_size",
+        .type = OptionType::kSize,
+        .defaultText = "4194304",
+        .minimum = 65'536,
+        .maximum = 1'073'741'824,
+        .unit = "bytes",
+        .documentation = "Room for what the network has not taken yet. Without room sends drop the message or wait, as "
+                         "`transport_pacing` says.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_servers",
+        .type = OptionType::kText,
+        .defaultText = "nats://127.0.0.1:4222",
+        .minimum = 1,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "URLs of NATS servers, separated by commas; `tls://` for encryption. One of a cluster is "
+                         "enough; several let the context start while one is down.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_subject_prefix",
+        .type = OptionType::kText,
+        .defaultText = "lbm",
+        .minimum = 1,
+        .maximum = 64,
+        .unit = "bytes",
+        .textRule = &kFileNameRule,
+        .documentation = "What all subjects begin with. Contexts see each other when prefix and domain are the same.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_tls_ca_file",
+        .type = OptionType::kText,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "File with the certificates of the authorities that the server's certificate must be of; "
+                         "empty: the system's.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_tls_certificate_file",
+        .type = OptionType::kText,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "File with this client's certificate, for servers that ask for one; empty: none.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_tls_key_file",
+        .type = OptionType::kText,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "File with the key of `nats_tls_certificate_file`.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_user_file",
+        .type = OptionType::kText,
+        .maximum = LBM_OPTION_VALUE_MAX - 1,
+        .unit = "bytes",
+        .documentation = "File with the user on its first line and the password on its second; empty: none.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "nats_window_size",
+        .type = OptionType::kSize,
+        .defaultText = "1048576",
+        .minimum = 65'536,
+        .maximum = 1'073'741'824,
+        .unit = "bytes",
+        .documentation = "How far a source that waits for its receivers (`transport_pacing` is `receiver`) may be "
+                         "ahead of the slowest.",
     },
     OptionDefinition{
         .scope = Scope::kContext,
@@ -145,6 +276,16 @@ inline constexpr std::array kOptionTable{
         .unit = "us",
         .documentation = "How long processing events looks for messages, using the processor, before it waits without. "
                          "Spinning answers within a microsecond and takes a processor core.",
+    },
+    OptionDefinition{
+        .scope = Scope::kContext,
+        .name = "transport",
+        .type = OptionType::kWord,
+        .defaultText = "host",
+        .words = kWordsOf<TransportKind>,
+        .documentation =
+            "How messages travel: between processes of one user on one machine through shared memory (`host`), between "
+            "machines through NATS servers (`nats`), or each where it serves (`host,nats`).",
     },
     OptionDefinition{
         .scope = Scope::kContext,

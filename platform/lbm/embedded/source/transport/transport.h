@@ -26,6 +26,8 @@
 
 namespace engine::transport {
 
+class Transport;
+
 // What happens when a subscriber cannot keep up. kSource: the message is dropped for that subscriber, who is told of
 // the loss. kReceiver: back-pressure; the publisher has to wait.
 enum class Pacing : std::uint8_t { kSource, kReceiver };
@@ -33,6 +35,7 @@ enum class Pacing : std::uint8_t { kSource, kReceiver };
 struct PublicationInfo {
   std::string topic;
   Pacing pacing = Pacing::kSource;
+  std::uint32_t id = 0;  // 0: the transport chooses
 };
 
 // A source of this context, made by Transport::Advertise.
@@ -68,6 +71,9 @@ class RemoteSource {
   // For the listener's use; touched only from inside Drain.
   void* listenerData = nullptr;
 
+  // For a transport that is made of others: the one that told of the source.
+  Transport* carrier = nullptr;
+
  private:
   const std::string m_topic;
   const std::string m_session;
@@ -77,6 +83,9 @@ class RemoteSource {
 class ReplyPath {
  public:
   virtual ~ReplyPath() = default;
+
+  // For a transport that is made of others: the one that brought the request.
+  Transport* carrier = nullptr;
 };
 
 // One message to publish. The pieces are read during the call only.
@@ -116,8 +125,9 @@ class Listener {
  public:
   virtual ~Listener() = default;
 
-  // Once for each appearance and disappearance of every source of the domain, subscribed or not. Messages that a source
-  // had published before it went come before OnSourceDown, which does not end the RemoteSource's life.
+  // Once for each appearance and disappearance of every source that is watched, subscribed or not; a transport may tell
+  // of others, too. Messages that a source had published before it went come before OnSourceDown, which does not end
+  // the RemoteSource's life.
   virtual void OnSourceUp(const std::shared_ptr<RemoteSource>& source) = 0;
   virtual void OnSourceDown(const std::shared_ptr<RemoteSource>& source) = 0;
 
@@ -151,6 +161,12 @@ class Transport {
   virtual std::shared_ptr<Publication> Advertise(const PublicationInfo& info) = 0;
   virtual void Withdraw(Publication& publication) = 0;
 
+  // Which sources the listener is to be told of: those of the topic, or all of the domain. Idempotent. After Unwatch
+  // those of the topic that a transport no longer follows go down.
+  virtual void Watch(const std::string& topic) = 0;
+  virtual void Unwatch(const std::string& topic) = 0;
+  virtual void WatchAll() = 0;
+
   // Asks for a remote source's messages, from those published after the source has heard of it. Idempotent.
   virtual void Subscribe(RemoteSource& source) = 0;
   virtual void Unsubscribe(RemoteSource& source) = 0;
@@ -163,9 +179,9 @@ class Transport {
   // Answers a request.
   virtual SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) = 0;
 
-  // Handles what has arrived in memory shared with peers, calling the listener, and returns the number of things done;
-  // 0 when there was nothing. Bounded, so that a busy peer cannot keep the caller. Never waits, and makes no system
-  // call on its own account except to grant a publisher the credit that it requested.
+  // Handles what can be found at once, calling the listener, and returns the number of things done; 0 when there was
+  // nothing. Bounded, so that a busy peer cannot keep the caller. Never waits. For memory shared with peers it makes no
+  // system call on its own account except to grant a publisher the credit that it requested; a socket it may read.
   virtual std::size_t DrainMemory(Listener& listener) = 0;
 
   // The same for everything that has arrived; makes system calls. What does not arrive in shared memory is sources and
@@ -181,6 +197,18 @@ class Transport {
   // Leaves the domain: sources are withdrawn, and what was accepted but not yet handed to the operating system is given
   // up to linger to go out. Blocked sends return. What is called afterwards has no effect; sends give kClosed.
   virtual void Close(std::chrono::milliseconds linger) noexcept = 0;
+};
+
+// A transport that can carry what another one does not: it can be asked before it is sent to.
+class FarTransport : public Transport {
+ public:
+  virtual bool HasSubscribers(const Publication& publication) const noexcept = 0;
+
+  // Whether Publish would send the message now.
+  virtual bool HasRoom(Publication& publication, const OutboundMessage& message) = 0;
+
+  // Publishes although there is no room.
+  virtual void PublishRegardless(Publication& publication, const OutboundMessage& message) = 0;
 };
 
 }  // namespace engine::transport

@@ -4,6 +4,7 @@
 
 #include <deque>
 #include <functional>
+#include <set>
 #include <stdexcept>
 
 #include "core/context.h"
@@ -21,6 +22,9 @@ class ScriptedTransport : public transport::Transport {
     return std::make_shared<transport::Publication>(1, m_identity + ":1");
   }
   void Withdraw(transport::Publication&) override {}
+  void Watch(const std::string& topic) override { watched.insert(topic); }
+  void Unwatch(const std::string& topic) override { watched.erase(topic); }
+  void WatchAll() override { watched.insert("*"); }
   void Subscribe(transport::RemoteSource& source) override { subscriptions.push_back("+" + source.Topic()); }
   void Unsubscribe(transport::RemoteSource& source) override { subscriptions.push_back("-" + source.Topic()); }
   transport::SendResult Publish(transport::Publication&, const transport::OutboundMessage&,
@@ -47,6 +51,7 @@ class ScriptedTransport : public transport::Transport {
 
   std::deque<std::function<void(transport::Listener&)>> events;
   std::vector<std::string> subscriptions;
+  std::set<std::string> watched;
   bool closed = false;
 
  private:

@@ -130,14 +130,14 @@ TEST_F(Exchange, ChannelsTravelWithTheirMessages) {
 }
 
 TEST_F(Exchange, ArgumentsThatTheProtocolCannotCarryAreRefused) {
-  HostSettings settings = SettingsIn(m_directory, std::string(wire::kNameMax + 1, 'n'));
+  HostSettings settings = SettingsIn(m_directory, std::string(kNameMax + 1, 'n'));
   EXPECT_THROW(JoinHostDomain(settings), std::invalid_argument);
   Member a(SettingsIn(m_directory));
-  EXPECT_THROW(a.transport->Advertise({std::string(wire::kNameMax + 1, 't'), Pacing::kSource}), std::invalid_argument);
+  EXPECT_THROW(a.transport->Advertise({std::string(kNameMax + 1, 't'), Pacing::kSource}), std::invalid_argument);
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a});
   char byte = 'x';
-  const iovec tooLarge{&byte, wire::kMessageMax + 1};
+  const iovec tooLarge{&byte, kMessageMax + 1};
   OutboundMessage message;
   message.pieces = {&tooLarge, 1};
   EXPECT_THROW(a.transport->Publish(*publication, message, {}), std::invalid_argument);

@@ -17,7 +17,7 @@ using FrameBytes = std::vector<std::byte>;
 
 template <typename T>
 FrameBytes FrameOf(const T& value) {
-  const wire::Bytes bytes = wire::BytesOf(value);
+  const Bytes bytes = wire::BytesOf(value);
   return {bytes.begin(), bytes.end()};
 }
 
@@ -148,7 +148,7 @@ TEST_F(HostilePeer, ADescriptorThatComesWithNothingIsClosed) {
     const zq::posix::Descriptor passed(::open("/dev/null", O_RDWR | O_CLOEXEC));
     const RawPeer peer(m_address);
     peer.Greet();
-    peer.Send(wire::Bytes(), passed.Get());
+    peer.Send(Bytes(), passed.Get());
     Settle({&m_member});
   }
   Settle({&m_member});
@@ -185,7 +185,7 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
       [](RawRing& ring) { ring.Put(wire::Type::kWithdrawn, wire::BytesOf(wire::Withdrawn{9})); },
       [](RawRing& ring) { ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = 10})); },
       [](RawRing& ring) {
-        ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = wire::kMessageMax + 1}));
+        ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = kMessageMax + 1}));
       },
       [](RawRing& ring) { ring.Control().tail = kRingBytesMin + 8; },  // more than there can be
       [](RawRing& ring) { ring.Control().tail = 12; },                 // not at a frame's end

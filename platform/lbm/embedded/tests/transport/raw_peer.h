@@ -38,7 +38,7 @@ class RawPeer {
   bool Connected() const { return m_connected; }
 
   // descriptor: to pass with the frame; none if negative.
-  void Send(wire::Bytes frame, int descriptor = -1) const {
+  void Send(Bytes frame, int descriptor = -1) const {
     RawPacket packet{{const_cast<std::byte*>(frame.data()), frame.size()}};
     if (descriptor < 0) {
       packet.message.msg_controllen = 0;
@@ -90,7 +90,7 @@ class RawRing {
  public:
   explicit RawRing(const RawPeer& peer) { peer.Send(wire::Type::kRing, m_created.memory.Get()); }
 
-  void Put(wire::Type type, wire::Bytes content) {
+  void Put(wire::Type type, Bytes content) {
     std::byte* const to = m_producer.Reserve(content.size(), static_cast<std::uint32_t>(type));
     std::copy(content.begin(), content.end(), to);
     m_producer.Commit();

@@ -8,7 +8,6 @@
 #include <bit>
 #include <limits>
 #include <new>
-#include <random>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -18,6 +17,7 @@
 
 #include "system/poller.h"
 #include "system/tuning.h"
+#include "transport/fault.h"
 #include "transport/host/link/acceptor.h"
 #include "transport/host/link/link.h"
 #include "transport/host/link/rendezvous.h"
@@ -26,8 +26,8 @@
 #include "transport/host/publications.h"
 #include "transport/host/ring/parking_word.h"
 #include "transport/host/ring/poll_backoff.h"
-#include "transport/host/wire/fault.h"
 #include "transport/host/wire/frames.h"
+#include "transport/instance.h"
 #include "zq/posix/error.h"
 
 namespace engine::transport::host {
@@ -47,9 +47,7 @@ constexpr std::size_t kFramesPerRingMax = 256;
 constexpr std::chrono::milliseconds kOften{1};
 
 wire::Greeting MakeGreeting(const HostSettings& settings) {
-  std::random_device device;
-  const std::uint64_t instance = (std::uint64_t{device()} << 32) | device();
-  return {instance, static_cast<std::uint32_t>(::getpid()), settings.contextName};
+  return {NewInstance(), static_cast<std::uint32_t>(::getpid()), settings.contextName};
 }
 
 class HostTransport final : public Transport {
@@ -64,6 +62,10 @@ class HostTransport final : public Transport {
   void Withdraw(Publication& publication) override {
     m_publications.Withdraw(static_cast<HostPublication&>(publication));
   }
+  // Every context of the domain hears of every source.
+  void Watch(const std::string&) override {}
+  void Unwatch(const std::string&) override {}
+  void WatchAll() override {}
   void Subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Subscribe(); }
   void Unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Unsubscribe(); }
   SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override {
@@ -402,9 +404,9 @@ void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
 }  // namespace
 
 std::unique_ptr<Transport> JoinHostDomain(const HostSettings& settings) {
-  if (settings.contextName.size() > wire::kNameMax) {
+  if (settings.contextName.size() > kNameMax) {
     throw std::invalid_argument("the context name has " + std::to_string(settings.contextName.size()) +
-                                " bytes; at most " + std::to_string(wire::kNameMax) + " are possible");
+                                " bytes; at most " + std::to_string(kNameMax) + " are possible");
   }
   return std::make_unique<HostTransport>(settings);
 }

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "transport/host/link/warnings.h"
 #include "transport/transport.h"
+#include "transport/warnings.h"
 
 namespace engine::transport::host {
 

@@ -7,7 +7,8 @@
 #include <climits>
 #include <utility>
 
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
+#include "transport/instance.h"
 
 namespace engine::transport::host {
 
@@ -16,11 +17,11 @@ std::string Peer::Description() const {
     return "a context that has not introduced itself";
   }
   return "context \"" + m_greeting.name + "\" (process " + std::to_string(m_greeting.process) + ", instance " +
-         wire::InstanceText(m_greeting.instance) + ")";
+         InstanceText(m_greeting.instance) + ")";
 }
 
 void Peer::Handle(Link::Arrival arrival, Listener& listener) {
-  const wire::Bytes frame = arrival.frame;
+  const Bytes frame = arrival.frame;
   if (!m_greeted) {
     m_greeting = wire::DecodeHello(frame);
     m_identity = wire::IdentityOf(m_greeting);
@@ -111,7 +112,7 @@ void Peer::TellWritable(const std::vector<std::uint32_t>& publications, Listener
   }
 }
 
-void Peer::OnAdvertise(wire::Bytes frame, Listener& listener) {
+void Peer::OnAdvertise(Bytes frame, Listener& listener) {
   wire::DecodeAdvertise(frame, [&](std::uint32_t id, std::string_view topic) {
     auto source =
         std::make_shared<HostRemoteSource>(std::string(topic), wire::SourceSession(m_identity, id), id, m_link);
@@ -178,14 +179,13 @@ void Peer::OnUnsubscribe(const wire::Unsubscribe& frame, Listener& listener) {
   }
 }
 
-void Peer::OnResponse(wire::Bytes frame, Listener& listener) {
+void Peer::OnResponse(Bytes frame, Listener& listener) {
   const auto header = wire::Take<wire::ResponseHeader>(frame);
-  m_responses.Add(header, frame,
-                  [&](wire::Bytes response) { listener.OnResponse(header.request, m_identity, response); });
+  m_responses.Add(header, frame, [&](Bytes response) { listener.OnResponse(header.request, m_identity, response); });
 }
 
 void Peer::OnDataFrame(const RingFrame& frame, Listener& listener) {
-  wire::Bytes content = frame.content;
+  Bytes content = frame.content;
   switch (static_cast<wire::Type>(frame.tag)) {
     case wire::Type::kMessage: {
       const auto plain = wire::Take<wire::MessageHeader>(content);
@@ -196,8 +196,7 @@ void Peer::OnDataFrame(const RingFrame& frame, Listener& listener) {
     }
     case wire::Type::kFragment: {
       const auto header = wire::Take<wire::FragmentHeader>(content);
-      return m_inbound->reassembly.Add(header, content,
-                                       [&](wire::Bytes message) { OnMessage(header, message, listener); });
+      return m_inbound->reassembly.Add(header, content, [&](Bytes message) { OnMessage(header, message, listener); });
     }
     case wire::Type::kSubscribed: {
       const auto answer = wire::Decode<wire::Subscribed>(content);
@@ -215,7 +214,7 @@ void Peer::OnDataFrame(const RingFrame& frame, Listener& listener) {
   }
 }
 
-void Peer::OnMessage(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener) {
+void Peer::OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener& listener) {
   HostRemoteSource* const source = FindSource(header.source);
   if (source != nullptr && source->Active()) {
     SkipTo(*source, header.sequence, listener);

@@ -73,15 +73,15 @@ class Peer {
   void End(Listener& listener);
 
  private:
-  void OnAdvertise(wire::Bytes frame, Listener& listener);
+  void OnAdvertise(Bytes frame, Listener& listener);
   void OnWithdrawn(std::uint32_t source, Listener& listener);
   void OnParkingWord(const zq::posix::Descriptor& memory);
   void OnRing(const zq::posix::Descriptor& memory);
   void OnSubscribe(const wire::Subscribe& frame, Listener& listener);
   void OnUnsubscribe(const wire::Unsubscribe& frame, Listener& listener);
-  void OnResponse(wire::Bytes frame, Listener& listener);
+  void OnResponse(Bytes frame, Listener& listener);
   void OnDataFrame(const RingFrame& frame, Listener& listener);
-  void OnMessage(const wire::FragmentHeader& header, wire::Bytes payload, Listener& listener);
+  void OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener& listener);
   void OnLoss(const wire::Loss& frame, Listener& listener);
   void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
   void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);

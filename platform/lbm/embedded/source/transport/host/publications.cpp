@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "transport/host/wire/gather.h"
+#include "transport/gather.h"
 
 namespace engine::transport::host {
 
@@ -115,10 +115,10 @@ bool HostPublication::Withdrawn() const {
 }
 
 std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const PublicationInfo& info) {
-  if (info.topic.size() > wire::kNameMax) {
+  if (info.topic.size() > kNameMax) {
     throw std::invalid_argument("the topic \"" + info.topic.substr(0, 64) + "...\" has " +
-                                std::to_string(info.topic.size()) + " bytes; at most " +
-                                std::to_string(wire::kNameMax) + " are possible");
+                                std::to_string(info.topic.size()) + " bytes; at most " + std::to_string(kNameMax) +
+                                " are possible");
   }
   const std::lock_guard lock(m_mutex);
   const std::uint32_t id = ++m_lastId;
@@ -164,7 +164,7 @@ std::shared_ptr<HostPublication> PublicationRegistry::Find(std::uint32_t id) con
   return found == m_publications.end() ? nullptr : found->second;
 }
 
-void PublicationRegistry::Attach(const std::shared_ptr<Link>& link, wire::Bytes hello) {
+void PublicationRegistry::Attach(const std::shared_ptr<Link>& link, Bytes hello) {
   const std::lock_guard lock(m_mutex);
   link->SendControl(hello);
   if (link->Kind() != LinkKind::kSelfFinding) {
@@ -224,7 +224,7 @@ bool PublicationRegistry::FlushAll() {
 }
 
 template <typename Selects>
-void PublicationRegistry::SendToLinks(wire::Bytes frame, Selects selects) {
+void PublicationRegistry::SendToLinks(Bytes frame, Selects selects) {
   for (const auto& link : m_links) {
     if (link->Kind() != LinkKind::kSelfFinding && selects(*link)) {
       link->SendControl(frame);

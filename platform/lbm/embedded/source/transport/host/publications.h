@@ -79,7 +79,7 @@ class PublicationRegistry {
   std::shared_ptr<HostPublication> Find(std::uint32_t id) const;
 
   // Sends the hello on the link, and advertises what there is and will be.
-  void Attach(const std::shared_ptr<Link>& link, wire::Bytes hello);
+  void Attach(const std::shared_ptr<Link>& link, Bytes hello);
   // Returns the publications to which the link was subscribed.
   HostPublications Detach(const Link& link);
 
@@ -97,7 +97,7 @@ class PublicationRegistry {
 
  private:
   template <typename Selects>
-  void SendToLinks(wire::Bytes frame, Selects selects);  // with m_mutex locked
+  void SendToLinks(Bytes frame, Selects selects);  // with m_mutex locked
 
   const std::string& m_identity;
   const std::uint32_t m_firstSequence;

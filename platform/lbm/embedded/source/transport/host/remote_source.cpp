@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "transport/host/wire/gather.h"
+#include "transport/gather.h"
 
 namespace engine::transport::host {
 
@@ -47,7 +47,7 @@ SendResult HostReplyPath::Respond(std::span<const iovec> pieces, const SendWait&
   wire::ResponseHeader header;
   header.request = m_request;
   header.total = static_cast<std::uint32_t>(size);
-  static_assert(wire::kMessageMax <= std::numeric_limits<decltype(header.total)>::max());
+  static_assert(kMessageMax <= std::numeric_limits<decltype(header.total)>::max());
   for (;;) {
     if (closed) {
       return SendResult::kClosed;

@@ -10,8 +10,8 @@
 #include <limits>
 #include <utility>
 
-#include "transport/host/wire/fault.h"
-#include "transport/host/wire/gather.h"
+#include "transport/fault.h"
+#include "transport/gather.h"
 
 namespace engine::transport::host {
 

@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
 #include "zq/posix/error.h"
 
 namespace engine::transport::host {

@@ -10,7 +10,7 @@
 #include "system/poller.h"
 #include "transport/host/link/rendezvous.h"
 #include "transport/host/link/retry_timer.h"
-#include "transport/host/link/warnings.h"
+#include "transport/warnings.h"
 #include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {

@@ -10,8 +10,8 @@
 #include <new>
 #include <utility>
 
-#include "transport/host/wire/fault.h"
-#include "transport/host/wire/gather.h"
+#include "transport/fault.h"
+#include "transport/gather.h"
 #include "zq/posix/error.h"
 
 namespace engine::transport::host {
@@ -77,7 +77,7 @@ Link::Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, Poller
   ::setsockopt(m_socket.Get(), SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof(kSocketBufferBytes));
 }
 
-void Link::SendControl(wire::Bytes frame) {
+void Link::SendControl(Bytes frame) {
   const std::lock_guard lock(m_mutex);
   const iovec part = PieceOf(frame);
   Send({&part, 1});
@@ -167,7 +167,7 @@ Link::Arrival Link::Receive(std::span<std::byte> buffer) {
       if ((message.msg_flags & MSG_TRUNC) != 0) {
         throw Fault("a frame is larger than allowed");
       }
-      const wire::Bytes frame = buffer.first(static_cast<std::size_t>(length));
+      const Bytes frame = buffer.first(static_cast<std::size_t>(length));
       CheckDescriptor(wire::TypeOf(frame), static_cast<bool>(descriptor));
       return {Received::kFrame, frame, std::move(descriptor)};
     }

@@ -40,7 +40,7 @@ class Link {
   int GetDescriptor() const noexcept { return m_socket.Get(); }
 
   // Sends a frame that is no response, now or when the socket takes it.
-  void SendControl(wire::Bytes frame);
+  void SendControl(Bytes frame);
   void SendSignal(wire::Type type) { SendControl(wire::BytesOf(wire::Signal{type})); }
 
   // Passes this context's parking word to the peer. Idempotent.
@@ -69,7 +69,7 @@ class Link {
   enum class Received : std::uint8_t { kFrame, kNothing, kHangUp };
   struct Arrival {
     Received what = Received::kNothing;
-    wire::Bytes frame;                 // in the buffer
+    Bytes frame;                       // in the buffer
     zq::posix::Descriptor descriptor;  // that came with the frame
   };
   // Receives one frame without waiting. Throws Fault.

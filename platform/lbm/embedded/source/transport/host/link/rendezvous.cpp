@@ -16,6 +16,7 @@
 
 #include "transport/host/link/runtime_directory.h"
 #include "transport/host/wire/frames.h"
+#include "transport/instance.h"
 #include "zq/posix/file.h"
 
 namespace engine::transport::host {
@@ -45,7 +46,7 @@ zq::posix::Descriptor OpenSocket() {
 }
 
 std::string SocketName(std::uint64_t instance) {
-  return std::to_string(::getpid()) + "-" + wire::InstanceText(instance) + std::string(kSocketSuffix);
+  return std::to_string(::getpid()) + "-" + InstanceText(instance) + std::string(kSocketSuffix);
 }
 
 std::string FirstLine(const zq::posix::Descriptor& file) {

@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <stdexcept>
 
 #include "zq/posix/environment.h"
 #include "zq/posix/error.h"
+#include "zq/posix/file.h"
 
 namespace engine::transport::host {
 
@@ -104,6 +106,22 @@ zq::posix::Descriptor OpenDomain(const std::string& runtimeDirectory, const std:
   }
   const zq::posix::Descriptor runtime = OpenOwnDirectory(AT_FDCWD, path, path);
   return OpenOwnDirectory(runtime.Get(), domain, path + "/" + domain);
+}
+
+std::uint64_t PlaceOf(const std::string& runtimeDirectory, const std::string& domain) {
+  const zq::posix::Descriptor directory = OpenDomain(runtimeDirectory, domain);
+  struct stat status {};
+  if (::fstat(directory.Get(), &status) != 0) {
+    RefuseErrno(runtimeDirectory, "fstat");
+  }
+  const std::string boot = zq::posix::ReadFile("/proc/sys/kernel/random/boot_id", 64);
+  const std::string text = boot + std::to_string(status.st_dev) + ' ' + std::to_string(status.st_ino);
+  // FNV-1a: the same in every build.
+  std::uint64_t place = 0xcbf29ce484222325;
+  for (const char c : text) {
+    place = (place ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  }
+  return std::max<std::uint64_t>(place, 1);
 }
 
 }  // namespace engine::transport::host

@@ -1,6 +1,7 @@
 // The directories in which contexts meet.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "zq/posix/descriptor.h"
@@ -14,6 +15,9 @@ std::string RuntimeDirectory();
 // others might tamper with. Throws std::invalid_argument for a domain that is no file name, std::runtime_error or
 // std::system_error otherwise; the text names the path and the remedy.
 zq::posix::Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain);
+
+// A number for a domain's directory as whoever meets there sees it, on this machine since it was started; never 0.
+std::uint64_t PlaceOf(const std::string& runtimeDirectory, const std::string& domain);
 
 // Throw for something in the way of meeting other contexts in that directory. RefuseErrno: action failed, for the
 // reason in errno.

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
 
 namespace engine::transport::host {
 

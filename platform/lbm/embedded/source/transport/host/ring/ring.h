@@ -46,7 +46,7 @@
 
 #include "system/processor.h"
 #include "system/tuning.h"
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
 
 namespace engine::transport::host {
 

@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
 #include "zq/posix/error.h"
 
 namespace engine::transport::host {

@@ -1,8 +1,8 @@
 #include "transport/host/wire/frames.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
+
+#include "transport/instance.h"
 
 namespace engine::transport::host::wire {
 
@@ -57,11 +57,6 @@ Greeting DecodeHello(Bytes frame) {
     throw Fault("a frame is longer than its type");
   }
   return greeting;
-}
-
-std::string InstanceText(std::uint64_t instance) {
-  std::array<char, 16> digits;
-  return {digits.data(), std::to_chars(digits.begin(), digits.end(), instance, 16).ptr};
 }
 
 std::string IdentityOf(const Greeting& greeting) {

@@ -18,7 +18,8 @@
 #include <type_traits>
 #include <vector>
 
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
+#include "transport/message.h"
 
 namespace engine::transport::host::wire {
 
@@ -27,10 +28,6 @@ inline constexpr std::uint32_t kVersion = 4;
 
 inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any packet
 inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a packet of advertisements
-inline constexpr std::size_t kNameMax = 4096;                              // bytes of a topic or of a context's name
-inline constexpr std::size_t kMessageMax = std::size_t{256} << 20;         // bytes of a message, all fragments together
-
-using Bytes = std::span<const std::byte>;
 
 enum class Type : std::uint16_t {
   // Control frames, on the socket:
@@ -194,9 +191,6 @@ struct Greeting {
 
 std::vector<std::byte> EncodeHello(const Greeting& greeting);
 Greeting DecodeHello(Bytes frame);
-
-// An instance in digits, as operators read it.
-std::string InstanceText(std::uint64_t instance);
 
 // See Transport::Identity and RemoteSource::Session.
 std::string IdentityOf(const Greeting& greeting);

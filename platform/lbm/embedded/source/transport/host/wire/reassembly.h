@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "transport/host/wire/fault.h"
+#include "transport/fault.h"
 #include "transport/host/wire/frames.h"
 
 namespace engine::transport::host::wire {

@@ -7,9 +7,9 @@
 #include <span>
 #include <vector>
 
-#include "transport/host/wire/frames.h"
+#include "transport/message.h"
 
-namespace engine::transport::host {
+namespace engine::transport {
 
 [[noreturn]] void RefuseSize(std::size_t size);
 
@@ -19,7 +19,7 @@ inline std::size_t MessageSize(std::span<const iovec> pieces) {
   for (const iovec& piece : pieces) {
     size += piece.iov_len;
   }
-  if (size > wire::kMessageMax) {
+  if (size > kMessageMax) {
     RefuseSize(size);
   }
   return size;
@@ -28,7 +28,7 @@ inline std::size_t MessageSize(std::span<const iovec> pieces) {
 void CopyPieces(std::span<const iovec> pieces, std::byte* to) noexcept;
 
 // The bytes as a piece. The structure of the system calls serves both directions, hence no const.
-inline iovec PieceOf(wire::Bytes bytes) noexcept { return {const_cast<std::byte*>(bytes.data()), bytes.size()}; }
+inline iovec PieceOf(Bytes bytes) noexcept { return {const_cast<std::byte*>(bytes.data()), bytes.size()}; }
 
 // Cuts a message into fragments.
 class PieceCursor {
@@ -44,4 +44,4 @@ class PieceCursor {
   std::size_t m_offset = 0;         // in the first of them
 };
 
-}  // namespace engine::transport::host
+}  // namespace engine::transport

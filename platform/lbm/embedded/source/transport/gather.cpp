@@ -1,15 +1,15 @@
-#include "transport/host/wire/gather.h"
+#include "transport/gather.h"
 
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 
-namespace engine::transport::host {
+namespace engine::transport {
 
 void RefuseSize(std::size_t size) {
   throw std::invalid_argument("a message of " + std::to_string(size) + " bytes cannot be sent; the most is " +
-                              std::to_string(wire::kMessageMax));
+                              std::to_string(kMessageMax));
 }
 
 void CopyPieces(std::span<const iovec> pieces, std::byte* to) noexcept {
@@ -40,4 +40,4 @@ std::size_t PieceCursor::Take(std::size_t bytesWanted, std::size_t partsMax, std
   return size;
 }
 
-}  // namespace engine::transport::host
+}  // namespace engine::transport

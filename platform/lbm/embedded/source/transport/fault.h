@@ -5,7 +5,7 @@
 #include <new>
 #include <stdexcept>
 
-namespace engine::transport::host {
+namespace engine::transport {
 
 // Thrown for a violation of the protocol. It ends the link to that peer and nothing else.
 class Fault : public std::runtime_error {
@@ -20,4 +20,4 @@ inline const char* TextOf(const std::exception& error) noexcept {
   return dynamic_cast<const std::bad_alloc*>(&error) != nullptr ? kOutOfMemory : error.what();
 }
 
-}  // namespace engine::transport::host
+}  // namespace engine::transport

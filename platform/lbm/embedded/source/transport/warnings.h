@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-namespace engine::transport::host {
+namespace engine::transport {
 
 // Something an operator should know of while the context itself goes on. Called on any thread; must not call back.
 using WarningHandler = std::function<void(const std::string& text)>;
@@ -31,4 +31,4 @@ class Warnings {
   const WarningHandler m_handler;
 };
 
-}  // namespace engine::transport::host
+}  // namespace engine::transport

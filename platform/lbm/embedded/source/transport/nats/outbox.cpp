@@ -1,0 +1,140 @@
+#include "transport/nats/outbox.h"
+
+#include <utility>
+
+namespace engine::transport::nats {
+
+std::unique_ptr<Outbox::Parcel> Outbox::Blank() {
+  if (m_spare.empty()) {
+    return std::make_unique<Parcel>();
+  }
+  std::unique_ptr<Parcel> parcel = std::move(m_spare.back());
+  m_spare.pop_back();
+  return parcel;
+}
+
+Outbox::Parcel& Outbox::Add(const std::shared_ptr<const std::string>& subject, Parcel** open) {
+  std::unique_ptr<Parcel> parcel = Blank();
+  parcel->subject = subject;
+  parcel->open = open;
+  m_queue.push_back(std::move(parcel));
+  if (open != nullptr) {
+    *open = m_queue.back().get();
+  }
+  return *m_queue.back();
+}
+
+void Outbox::Put(std::string subject, std::vector<std::byte> bytes) {
+  if (!Connected()) {
+    return;  // everything is said anew to the next connection
+  }
+  Parcel& parcel = Add(std::make_shared<const std::string>(std::move(subject)), nullptr);
+  parcel.bytes = std::move(bytes);
+  Grew(parcel.bytes.size());
+}
+
+void Outbox::Seal(Parcel& parcel) noexcept {
+  if (parcel.open != nullptr) {
+    *std::exchange(parcel.open, nullptr) = nullptr;
+  }
+}
+
+void Outbox::Send(Lock lock) {
+  if (m_writing || m_blocked || m_keeperCalled || !Connected()) {
+    return;  // somebody will see to it
+  }
+  if (std::chrono::steady_clock::now() - m_lastWrite >= kBurstGap) {
+    if (Write(lock) && m_next == m_queue.size() && !m_connection->WantsFlush()) {
+      return;
+    }
+  }
+  m_keeperCalled = true;
+  lock.unlock();
+  m_keeper.Notify();
+}
+
+bool Outbox::WriteAll() {
+  Lock lock = Acquire();
+  m_keeperCalled = false;
+  while (!m_writing && Connected() && (m_next < m_queue.size() || m_connection->WantsFlush())) {
+    if (!Write(lock)) {
+      return false;
+    }
+  }
+  return !m_blocked;
+}
+
+// Takes some of the queue and writes it, without the lock.
+bool Outbox::Write(Lock& lock) {
+  std::size_t bytes = 0;
+  while (!m_blocked && m_next < m_queue.size() && (bytes == 0 || bytes < kTakenMax)) {
+    Seal(*m_queue[m_next]);
+    bytes += m_queue[m_next]->bytes.size();
+    m_taken.push_back(std::move(m_queue[m_next++]));
+  }
+  if (m_next == m_queue.size()) {
+    m_queue.clear();
+    m_next = 0;
+  }
+  m_queuedBytes -= bytes;
+  m_writingBytes += bytes;
+  m_writing = true;
+  const auto connection = m_connection;
+  lock.unlock();
+  for (const auto& parcel : m_taken) {
+    static_cast<void>(connection->Send(*parcel->subject, parcel->bytes));
+  }
+  const bool flushed = connection->Flush();
+  lock.lock();
+  Recycle();
+  m_writing = false;
+  m_lastWrite = std::chrono::steady_clock::now();
+  if (connection == m_connection) {
+    m_blocked = !flushed;
+    if (flushed) {
+      m_writingBytes = 0;
+      NoteRoom();
+    }
+  }
+  return flushed;
+}
+
+void Outbox::Recycle() {
+  for (auto& parcel : m_taken) {
+    if (m_spare.size() < kSpareMax && parcel->bytes.capacity() <= kSpareBytesMax) {
+      parcel->bytes.clear();
+      m_spare.push_back(std::move(parcel));
+    }
+  }
+  m_taken.clear();
+}
+
+void Outbox::SetConnection(std::shared_ptr<Connection> connection) {
+  const Lock lock = Acquire();
+  for (; m_next < m_queue.size(); ++m_next) {
+    Seal(*m_queue[m_next]);
+  }
+  m_queue.clear();
+  m_next = 0;
+  m_queuedBytes = 0;
+  m_writingBytes = 0;
+  m_blocked = false;
+  m_connection.swap(connection);
+  if (m_connection != nullptr) {
+    m_maxPayload = m_connection->MaxPayload();
+  }
+  NoteRoom();
+}
+
+bool Outbox::Empty() {
+  const Lock lock = Acquire();
+  return !Connected() || (m_next == m_queue.size() && !m_writing && !m_blocked);
+}
+
+void Outbox::Close() {
+  const Lock lock = Acquire();
+  m_closed = true;
+  NoteRoom();
+}
+
+}  // namespace engine::transport::nats
