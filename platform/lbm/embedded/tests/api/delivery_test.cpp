@@ -157,9 +157,9 @@ TEST_F(Delivery, GoesOnWhileEndpointsComeAndGoOnManyThreads) {
       EXPECT_EQ(0, steady.Send("tick"));
     }
   });
-  std::vector<std::jthread> threads;
-  for (int thread = 0; thread < 3; ++thread) {
-    threads.emplace_back([&] {
+  std::array<std::jthread, 3> threads;
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([&] {
       for (int round = 0; round < 50; ++round) {
         const Recorder recorder(context, "BUSY");
         const Sender source(context, "BUSY");
@@ -167,7 +167,9 @@ TEST_F(Delivery, GoesOnWhileEndpointsComeAndGoOnManyThreads) {
       }
     });
   }
-  threads.clear();  // joins them
+  for (std::jthread& thread : threads) {
+    thread.join();
+  }
   stop = true;
 }
 

@@ -18,6 +18,7 @@ TEST(CallbackGate, NoCallbackRunsOnceTheCalleeIsClosed) {
   };
   CallbackGate gate;
   std::vector<std::unique_ptr<Counted>> callees;
+  callees.reserve(kRounds);
   for (int i = 0; i < kRounds; ++i) {
     callees.push_back(std::make_unique<Counted>());
   }

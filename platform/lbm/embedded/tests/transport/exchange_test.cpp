@@ -81,7 +81,7 @@ TEST_F(Exchange, WithdrawingEndsASourceAfterItsMessages) {
   a.transport->Close(std::chrono::seconds(10));
   Settle({&b});
   EXPECT_THAT(b.events, ElementsAre("up T", "T: one", "down T", "up T", "T: two", "down T"));
-  EXPECT_TRUE(b.notices.empty());
+  EXPECT_TRUE(b.Notices().empty());
 }
 
 TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {

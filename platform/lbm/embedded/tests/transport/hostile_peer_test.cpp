@@ -55,7 +55,7 @@ TEST_F(HostilePeer, SayingNothingHarmsNobody) {
   Settle({&m_member});
   ExpectUnharmed();
   EXPECT_FALSE(silent.CutOff());
-  EXPECT_TRUE(m_member.notices.empty());
+  EXPECT_TRUE(m_member.Notices().empty());
 }
 
 TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
@@ -65,8 +65,8 @@ TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
     peer.Send(wire::BytesOf(hello));
     Settle({&m_member});
     EXPECT_TRUE(peer.CutOff());
-    ASSERT_FALSE(m_member.notices.empty());
-    EXPECT_THAT(m_member.notices.back(), HasSubstr(text));
+    ASSERT_FALSE(m_member.Notices().empty());
+    EXPECT_THAT(m_member.Notices().back(), HasSubstr(text));
   }
   ExpectUnharmed();
 }
@@ -99,7 +99,7 @@ TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
     }
     Settle({&m_member});
     EXPECT_TRUE(peer.CutOff()) << "conversation " << i;
-    EXPECT_EQ(m_member.notices.size(), i + 1);
+    EXPECT_EQ(m_member.Notices().size(), i + 1);
   }
   ExpectUnharmed();
 }
@@ -123,7 +123,7 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
     }
     Settle({&m_member});
     EXPECT_TRUE(peer.CutOff());
-    EXPECT_EQ(m_member.notices.size(), ++cutOff);
+    EXPECT_EQ(m_member.Notices().size(), ++cutOff);
   };
   const zq::posix::Descriptor ring = memory(control + kRingBytesMin, true);
   const zq::posix::Descriptor unsealed = memory(control + kRingBytesMin, false);
@@ -168,7 +168,7 @@ TEST_F(HostilePeer, ItsSourcesAndSubscriptionsEndWithTheLink) {
   peer.Send(wire::BytesOf(kSubscription));  // a second time
   Settle({&m_member});
   EXPECT_THAT(m_member.events, ElementsAre("down raw topic", "left raw"));
-  EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("context \"raw\" (process 2")));
+  EXPECT_THAT(m_member.Notices(), ElementsAre(HasSubstr("context \"raw\" (process 2")));
 }
 
 TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
@@ -202,11 +202,11 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
     peer.Greet();
     RawRing ring(peer);
     Settle({&m_member});
-    EXPECT_EQ(m_member.notices.size(), i);
+    EXPECT_EQ(m_member.Notices().size(), i);
     scribbles[i](ring);
     Settle({&m_member});
     EXPECT_TRUE(peer.CutOff()) << "scribble " << i;
-    EXPECT_EQ(m_member.notices.size(), i + 1);
+    EXPECT_EQ(m_member.Notices().size(), i + 1);
   }
   ExpectUnharmed();
 }
@@ -226,7 +226,7 @@ TEST_F(HostilePeer, AnImpossibleHeadEndsTheLink) {
   }
   Settle({&m_member});
   EXPECT_TRUE(peer.CutOff());
-  EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("impossible")));
+  EXPECT_THAT(m_member.Notices(), ElementsAre(HasSubstr("impossible")));
   ExpectUnharmed();
 }
 
@@ -280,7 +280,7 @@ TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
   }
   EXPECT_TRUE(m_member.Heard("raw topic: "));
   EXPECT_TRUE(m_member.Heard("down raw topic"));
-  EXPECT_FALSE(m_member.notices.empty());
+  EXPECT_FALSE(m_member.Notices().empty());
   ExpectUnharmed();
 }
 
@@ -289,11 +289,11 @@ TEST_F(HostilePeer, NeverReadingIsCutOffInTheEnd) {
   peer.Greet();
   Settle({&m_member});
   const std::string topic(4000, 't');
-  for (int i = 0; i < 40'000 && m_member.notices.empty(); ++i) {
+  for (int i = 0; i < 40'000 && m_member.Notices().empty(); ++i) {
     m_member.transport->Withdraw(*m_member.transport->Advertise({topic, Pacing::kSource}));
     m_member.Drain();
   }
-  EXPECT_THAT(m_member.notices, ElementsAre(HasSubstr("does not read")));
+  EXPECT_THAT(m_member.Notices(), ElementsAre(HasSubstr("does not read")));
   Settle({&m_member});
   ExpectUnharmed();
 }

@@ -94,7 +94,7 @@ constexpr int kKills = 500;
 
 TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
   const char* const wanted = std::getenv("TRANSPORT_TEST_KILLS");
-  const int kills = wanted != nullptr ? std::atoi(wanted) : kKills;
+  const int kills = wanted != nullptr ? std::stoi(wanted) : kKills;
   HostSettings settings = SettingsIn(m_directory);
   settings.ringBytes = kFloodRingBytes;
   Member a(settings);
@@ -136,8 +136,8 @@ TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
     EXPECT_EQ(Holdings::Now(), before);
   }
   EXPECT_GT(whole, static_cast<std::size_t>(kills));
-  EXPECT_TRUE(a.notices.empty());
-  Member(SettingsIn(m_directory), false);
+  EXPECT_TRUE(a.Notices().empty());
+  { const Member clearsUp(SettingsIn(m_directory), false); }
   EXPECT_EQ(m_directory.Sockets().size(), 1U);
 }
 
@@ -153,7 +153,7 @@ TEST_F(Membership, AnotherUserIsRefusedBeforeAWord) {
   ASSERT_TRUE(caller.Connected());
   Settle({&a});
   EXPECT_EQ(caller.BytesUntilHangUp(), 0U);
-  EXPECT_THAT(a.notices, ElementsAre(HasSubstr("another user")));
+  EXPECT_THAT(a.Notices(), ElementsAre(HasSubstr("another user")));
 }
 
 TEST_F(Membership, AHundredContextsThatJoinAtTheSameTimeFindEachOther) {
@@ -173,7 +173,8 @@ TEST_F(Membership, AHundredContextsThatJoinAtTheSameTimeFindEachOther) {
     });
   }
   threads.clear();  // joins them
-  std::vector<Member*> all;
+  std::vector<Witness*> all;
+  all.reserve(members.size());
   for (const auto& member : members) {
     all.push_back(member.get());
   }
@@ -244,7 +245,7 @@ TEST_F(Membership, AProcessThatStopsWhileItJoinsKeepsOthersNotForEver) {
   EXPECT_THAT([&] { JoinHostDomain(settings); },
               testing::ThrowsMessage<std::runtime_error>(AllOf(HasSubstr(lastToJoin), HasSubstr("kill -CONT"))));
   ASSERT_EQ(::flock(stopped.Get(), LOCK_UN), 0);
-  EXPECT_EQ(Member(settings).notices.size(), 0U);
+  EXPECT_EQ(Member(settings).Notices().size(), 0U);
 }
 
 TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {
@@ -259,7 +260,7 @@ TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {
     EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the context would keep its thread busy";
     EXPECT_EQ(::poll(&entry, 1, 60'000), 1) << "it would not try again";
     Settle({&a});
-    EXPECT_EQ(a.notices.size(), 1U);
+    EXPECT_EQ(a.Notices().size(), 1U);
   }
   DrainUntil({&a, &b}, "the source", [&] { return b.Heard("up T"); });
 }

@@ -81,7 +81,7 @@ TEST_F(PacedLink, ALongRunOfLossesIsToldInPortionsThatSequenceArithmeticTakes) {
   Settle({m_source.get(), m_slow.get()});
   EXPECT_EQ(m_slow->lost + m_slow->messages, kMany);
   EXPECT_LE(m_slow->longestLoss, std::size_t{1} << 20);
-  EXPECT_TRUE(m_slow->notices.empty());
+  EXPECT_TRUE(m_slow->Notices().empty());
 }
 
 TEST_F(PacedLink, LossesAreToldBeforeTheEndOfTheSource) {

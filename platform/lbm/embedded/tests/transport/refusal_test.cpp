@@ -161,8 +161,8 @@ TEST_P(Ring, ThatCannotBeMadeIsTriedAgainAndKeepsNobodyElse) {
     m_source.transport->Withdraw(*second);
     DrainTwoAttempts();
   }
-  ASSERT_THAT(m_source.notices, ElementsAre(HasSubstr(GetParam().remedy)));
-  EXPECT_THAT(m_source.notices[0], HasSubstr("\"late\""));
+  ASSERT_THAT(m_source.Notices(), ElementsAre(HasSubstr(GetParam().remedy)));
+  EXPECT_THAT(m_source.Notices()[0], HasSubstr("\"late\""));
   ExpectOtherIsServed();
   EXPECT_FALSE(m_late->Heard("T: still here"));
   ExpectLateIsServed();
@@ -170,8 +170,8 @@ TEST_P(Ring, ThatCannotBeMadeIsTriedAgainAndKeepsNobodyElse) {
   Publish(*m_source.transport, *third, "unwanted");
   Settle({m_late.get()});
   EXPECT_FALSE(m_late->Heard("V: unwanted"));
-  EXPECT_EQ(m_source.notices.size(), 1U);
-  EXPECT_TRUE(m_late->notices.empty());
+  EXPECT_EQ(m_source.Notices().size(), 1U);
+  EXPECT_TRUE(m_late->Notices().empty());
   ExpectNothingIsLeft();
 }
 
@@ -182,7 +182,7 @@ TEST_F(RefusingSystem, ALinkThatCannotBeWatchedIsTriedAgain) {
     const Refusal refusal(Call::kWatch, ENOSPC);
     DrainTwoAttempts();
   }
-  EXPECT_THAT(m_source.notices, ElementsAre(HasSubstr("max_user_watches")));
+  EXPECT_THAT(m_source.Notices(), ElementsAre(HasSubstr("max_user_watches")));
   ExpectOtherIsServed();
   ExpectLateIsServed();
   ExpectNothingIsLeft();
@@ -198,8 +198,8 @@ TEST_F(RefusingSystem, ARingThatCannotBeReceivedEndsThatLinkAlone) {
     const NoDescriptors none;
     Settle({m_late.get()});
   }
-  ASSERT_THAT(m_late->notices, ElementsAre(HasSubstr("ulimit -n")));
-  EXPECT_THAT(m_late->notices[0], HasSubstr("\"source\""));
+  ASSERT_THAT(m_late->Notices(), ElementsAre(HasSubstr("ulimit -n")));
+  EXPECT_THAT(m_late->Notices()[0], HasSubstr("\"source\""));
   EXPECT_TRUE(m_late->Heard("down T"));
   ExpectOtherIsServed();
   EXPECT_TRUE(m_source.Heard("left late"));
@@ -235,7 +235,7 @@ TEST_F(RefusingSystem, RunningOutOfMemoryEndsThatLinkAlone) {
     }
     EXPECT_GT(allocations, 1U) << occasion;
   }
-  EXPECT_THAT(m_source.notices, testing::Contains(HasSubstr("out of memory")));
+  EXPECT_THAT(m_source.Notices(), testing::Contains(HasSubstr("out of memory")));
 }
 
 // The message is larger than the ring, so its fragments have to wait in memory.
@@ -257,14 +257,14 @@ TEST_F(RefusingSystem, RunningOutOfMemoryInsideAMessageEndsThatLinkAlone) {
     EXPECT_EQ(m_late->messages, whole ? 2U : 0U);
     EXPECT_EQ(m_late->Heard("down T"), !whole);
     EXPECT_EQ(m_source.Heard("left late"), !whole);
-    EXPECT_TRUE(m_late->notices.empty());
+    EXPECT_TRUE(m_late->Notices().empty());
     m_late.reset();
     Settle({&m_source});
     m_source.events.clear();
     m_late = std::make_unique<Member>(SettingsIn(m_directory, "late"));
   }
   EXPECT_GT(allocations, 2U);
-  EXPECT_THAT(m_source.notices, testing::Each(HasSubstr("out of memory")));
+  EXPECT_THAT(m_source.Notices(), testing::Each(HasSubstr("out of memory")));
   m_other.transport->Subscribe(*m_other.sources.at("T"));
   ExpectOtherIsServed();
 }
@@ -288,7 +288,7 @@ TEST_P(Joining, IsRefusedWithARemedyAndLeavesNothing) {
   Settle({&m_source, &m_other, m_late.get()});
   EXPECT_EQ(Holdings::Now(), before);
   EXPECT_EQ(m_directory.Sockets().size(), sockets);
-  EXPECT_TRUE(m_source.notices.empty());
+  EXPECT_TRUE(m_source.Notices().empty());
   ExpectOtherIsServed();
 }
 

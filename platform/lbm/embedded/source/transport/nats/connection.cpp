@@ -1,6 +1,9 @@
 #include "transport/nats/connection.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,7 +19,8 @@ namespace engine::transport::nats {
 
 namespace {
 
-constexpr int kUnansweredPingsMax = 1;
+// The library would end the connection on its timer's thread, beside whoever is reading: see SilentFor.
+constexpr int kUnansweredPingsMax = 1'000'000'000;
 // More than a socket holds.
 constexpr int kLastReadsMax = 1'000;
 constexpr std::size_t kUserFileMax = 4'096;
@@ -46,6 +50,18 @@ std::string Trimmed(std::string text) {
   return text;
 }
 
+// Has the system end a connection whose other end is not heard of, also while somebody waits for the rest of an
+// encrypted record.
+void WatchOver(int socket) noexcept {
+  const auto set = [socket](int level, int name, int value) {
+    static_cast<void>(::setsockopt(socket, level, name, &value, sizeof(value)));
+  };
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, 2);   // seconds
+  set(IPPROTO_TCP, TCP_KEEPINTVL, 1);  // seconds
+  set(IPPROTO_TCP, TCP_KEEPCNT, 3);
+}
+
 // Marks the calling thread as one that will flush: it need not be told that there is something to flush.
 thread_local int t_flushing = 0;
 struct FlushingScope {
@@ -71,6 +87,7 @@ struct Connection::State : std::enable_shared_from_this<State> {
     if (state.socket.Get() < 0) {
       return NATS_SYS_ERROR;
     }
+    WatchOver(socket);
     state.attached = state.shared_from_this();
     *userData = &state;
     return NATS_OK;
@@ -126,6 +143,16 @@ StateTable& States() {
   return *table;
 }
 
+bool IsEncrypted(const ServerSettings& settings, const std::vector<std::string>& servers) {
+  return !settings.tlsCaFile.empty() || !settings.tlsCertificateFile.empty() ||
+         std::any_of(servers.begin(), servers.end(), [](const auto& url) { return url.starts_with("tls:"); });
+}
+
+bool IsReadable(int socket) noexcept {
+  pollfd readable{socket, POLLIN, 0};
+  return ::poll(&readable, 1, 0) == 1;
+}
+
 Options MakeOptions(const ServerSettings& settings, const std::vector<std::string>& servers) {
   natsOptions* made = nullptr;
   Check(::natsOptions_Create(&made), "cannot use the NATS client library");
@@ -155,9 +182,7 @@ Options MakeOptions(const ServerSettings& settings, const std::vector<std::strin
     Check(::natsOptions_SetUserInfo(made, Trimmed(text.substr(0, end)).c_str(), Trimmed(text.substr(end + 1)).c_str()),
           "option nats_user_file");
   }
-  const bool tls = !settings.tlsCaFile.empty() || !settings.tlsCertificateFile.empty() ||
-                   std::any_of(servers.begin(), servers.end(), [](const auto& url) { return url.starts_with("tls:"); });
-  if (tls) {
+  if (IsEncrypted(settings, servers)) {
     Check(::natsOptions_SetSecure(made, true), "TLS");
   }
   if (!settings.tlsCaFile.empty()) {
@@ -203,7 +228,7 @@ std::string PublicUrl(const std::string& url) {
 }
 
 Connection::Connection(const ServerSettings& settings, const std::vector<std::string>& servers, Observer observer)
-    : m_state(std::make_shared<State>()) {
+    : m_state(std::make_shared<State>()), m_encrypted(IsEncrypted(settings, servers)) {
   m_state->observer = std::move(observer);
   const Options options = MakeOptions(settings, servers);
   States().Purge();
@@ -272,6 +297,7 @@ bool Connection::Send(const std::string& subject, Bytes message) noexcept {
 bool Connection::Flush() noexcept {
   const FlushingScope scope;
   if (m_state->wantsFlush && !m_state->ended) {
+    const std::lock_guard lock(m_ioMutex);
     ::natsConnection_ProcessWriteEvent(m_connection);
   }
   return !m_state->wantsFlush || m_state->ended;
@@ -279,8 +305,20 @@ bool Connection::Flush() noexcept {
 
 bool Connection::WantsFlush() const noexcept { return m_state->wantsFlush && !m_state->ended; }
 
+std::chrono::milliseconds Connection::SilentFor() const noexcept {
+  tcp_info info{};
+  socklen_t size = sizeof(info);
+  const bool known = ::getsockopt(m_state->socket.Get(), IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
+  return std::chrono::milliseconds(known ? info.tcpi_last_data_recv : 0);
+}
+
 std::size_t Connection::Read() noexcept {
   if (m_state->ended) {
+    return 0;
+  }
+  const std::lock_guard lock(m_ioMutex);
+  // With encryption the library waits where there is nothing to read.
+  if (m_encrypted && !IsReadable(GetDescriptor())) {
     return 0;
   }
   {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -42,6 +43,11 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<natsMsg, MessageDeleter>;
 
+inline Bytes BytesOf(const Message& message) noexcept {
+  return std::as_bytes(
+      std::span(::natsMsg_GetData(message.get()), static_cast<std::size_t>(::natsMsg_GetDataLength(message.get()))));
+}
+
 struct SubscriptionDeleter {
   void operator()(natsSubscription* subscription) const noexcept { ::natsSubscription_Destroy(subscription); }
 };
@@ -50,7 +56,7 @@ using SubscriptionHandle = std::unique_ptr<natsSubscription, SubscriptionDeleter
 // The client library makes no thread that reads or writes the socket: whoever calls Read and Flush does. It does not
 // connect anew either: a connection that has ended stays so.
 //
-// Threads: Read and CloseNow by one at a time; everything else any.
+// Threads: any.
 class Connection {
  public:
   // Called on threads of the client library, with its locks held: they only take note, and wake somebody.
@@ -81,6 +87,9 @@ class Connection {
   bool Flush() noexcept;
   bool WantsFlush() const noexcept;
 
+  // How long ago the server sent something last, be it the answer to a ping.
+  std::chrono::milliseconds SilentFor() const noexcept;
+
   // Moves what has arrived to the subscriptions' queues, and returns how many messages that are.
   std::size_t Read() noexcept;
 
@@ -91,9 +100,11 @@ class Connection {
   struct State;
 
   const std::shared_ptr<State> m_state;
+  const bool m_encrypted;
   natsConnection* m_connection = nullptr;
-  natsStatistics* m_statistics = nullptr;
-  std::uint64_t m_received = 0;  // messages, for Read
+  std::mutex m_ioMutex;  // the library expects reading and writing on one thread, and ends the connection in either
+  natsStatistics* m_statistics = nullptr;  // guarded by m_ioMutex
+  std::uint64_t m_received = 0;            // messages; guarded by m_ioMutex
   std::size_t m_maxPayload = 0;
 };
 

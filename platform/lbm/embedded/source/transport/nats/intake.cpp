@@ -71,7 +71,7 @@ bool Intake::CollectFrom(const std::shared_ptr<Route>& route, std::size_t& expec
     --expected;
     Arrival arrival{route, std::move(message)};
     if (m_filter(arrival, m_bytes)) {
-      m_bytes += arrival.GetBytes().size();
+      m_bytes += BytesOf(arrival.message).size();
       m_queue.push_back(std::move(arrival));
     }
   }
@@ -84,7 +84,7 @@ std::optional<Arrival> Intake::Take() {
     return std::nullopt;
   }
   Arrival arrival = std::move(m_queue[m_next++]);
-  m_bytes -= arrival.GetBytes().size();
+  m_bytes -= BytesOf(arrival.message).size();
   if (m_next == m_queue.size()) {
     m_queue.clear();
     m_next = 0;

@@ -34,11 +34,6 @@ struct Route {
 struct Arrival {
   std::shared_ptr<const Route> route;
   Message message;
-
-  Bytes GetBytes() const noexcept {
-    return std::as_bytes(
-        std::span(::natsMsg_GetData(message.get()), static_cast<std::size_t>(::natsMsg_GetDataLength(message.get()))));
-  }
 };
 
 // Listens to subjects on whatever connection there is, and keeps what arrived in order.

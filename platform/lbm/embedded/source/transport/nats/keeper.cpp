@@ -64,7 +64,7 @@ Keeper::Keeper(const NatsSettings& given)
 // On whatever thread reads. What is for this context's sources is done at once, also when nobody drains.
 bool Keeper::Keep(const Arrival& arrival, std::size_t bytesKept) {
   try {
-    Bytes bytes = arrival.GetBytes();
+    Bytes bytes = BytesOf(arrival.message);
     const wire::Prologue prologue = wire::TakePrologue(bytes);
     switch (arrival.route->kind) {
       case RouteKind::kWant:
@@ -94,7 +94,8 @@ void Keeper::TellStranger(const Arrival& arrival, const Fault& fault) {
   constexpr std::uint32_t kTellEvery = 100'000;
   if (m_strangers.fetch_add(1) % kTellEvery == 0) {
     warnings.Tell([&] {
-      return "ignored a message on the NATS subject \"" + arrival.route->subject + "\": " + fault.what() +
+      return std::string("ignored a message on the NATS subject \"") + ::natsMsg_GetSubject(arrival.message.get()) +
+             "\": " + fault.what() +
              ". Give each application a nats_subject_prefix of its own, and let the server's permissions keep others "
              "off";
     });
@@ -128,7 +129,7 @@ void Keeper::Connect() {
 void Keeper::Use(const std::shared_ptr<Connection>& connection) {
   m_connection = connection;
   m_socketFull = false;
-  m_servers = connection->Servers();
+  m_nextCheck = Clock::now() + settings.server.pingInterval / 2;
   poller.Add(connection->GetDescriptor(), kSocketToken, EPOLLIN);
   intake.SetConnection(connection);
   outbox.SetConnection(connection);
@@ -140,12 +141,22 @@ void Keeper::Use(const std::shared_ptr<Connection>& connection) {
   m_failures = 0;
 }
 
-void Keeper::LoseConnection() {
+// A server that does not even answer pings, or the network to it, is as good as gone.
+void Keeper::CheckServer(Clock::time_point now) {
+  const std::chrono::milliseconds interval = settings.server.pingInterval;
+  // If this thread was held up itself, so may have been the pings.
+  const bool punctual = now - m_nextCheck < interval / 2;
+  m_nextCheck = now + interval / 2;
+  if (punctual && m_connection->SilentFor() > interval + interval / 2) {
+    LoseConnection("it does not answer");
+  }
+}
+
+void Keeper::LoseConnection(const std::string& reason) {
   poller.Remove(m_connection->GetDescriptor());
   intake.SetConnection(nullptr);
   outbox.SetConnection(nullptr);
-  TellFailure("the connection to " + m_connection->Url() + " has ended" +
-              (m_connection->EndReason().empty() ? "" : ": " + m_connection->EndReason()));
+  TellFailure("the connection to " + m_connection->Url() + " has ended" + (reason.empty() ? "" : ": " + reason));
   m_connection.reset();
   // Not all contexts that a server had come to the next one in the same instant.
   m_nextConnect = Clock::now() + UpTo(kFirstRetry);
@@ -184,6 +195,9 @@ void Keeper::Tick() {
     for (int reads = 0; reads < kReadsMax && intake.Read(); ++reads) {
     }
   }
+  if (m_connection != nullptr) {
+    m_servers = m_connection->Servers();  // servers tell of others that join their cluster
+  }
   publications.Tick();
   sources.Tick();
 }
@@ -215,10 +229,13 @@ void Keeper::Run() {
 void Keeper::Work() {
   const auto now = Clock::now();
   if (m_connection != nullptr && m_connection->Ended()) {
-    LoseConnection();
+    LoseConnection(m_connection->EndReason());
   }
   if (m_connection == nullptr && now >= m_nextConnect) {
     Connect();
+  }
+  if (m_connection != nullptr && now >= m_nextCheck) {
+    CheckServer(now);
   }
   m_socketFull = !outbox.WriteAll();
   publications.Written();
@@ -231,7 +248,7 @@ void Keeper::Work() {
 
 void Keeper::Wait() {
   std::array<pollfd, 2> descriptors{pollfd{m_signals->attention.GetDescriptor(), POLLIN, 0}, pollfd{-1, POLLOUT, 0}};
-  auto until = m_connection == nullptr ? std::min(m_nextTick, m_nextConnect) : m_nextTick;
+  auto until = std::min(m_nextTick, m_connection == nullptr ? m_nextConnect : m_nextCheck);
   if (m_socketFull && m_connection != nullptr) {
     descriptors[1].fd = m_connection->GetDescriptor();
   }

@@ -71,7 +71,8 @@ class Keeper {
 
   bool Keep(const Arrival& arrival, std::size_t bytesKept);
   void Use(const std::shared_ptr<Connection>& connection);
-  void LoseConnection();
+  void LoseConnection(const std::string& reason);
+  void CheckServer(Clock::time_point now);
   void TellFailure(const std::string& reason);
   void TellComplaints();
   void Work();
@@ -92,6 +93,7 @@ class Keeper {
   int m_failures = 0;
   Clock::time_point m_nextConnect;
   Clock::time_point m_nextTick;
+  Clock::time_point m_nextCheck;
   std::minstd_rand m_random;
 
   std::mutex m_stopMutex;

@@ -240,7 +240,7 @@ std::size_t NatsTransport::HandleArrivals(Listener& listener) {
 }
 
 void NatsTransport::Handle(const Arrival& arrival, Listener& listener) {
-  Bytes bytes = arrival.GetBytes();
+  Bytes bytes = BytesOf(arrival.message);
   const wire::Prologue prologue = wire::TakePrologue(bytes);
   const bool inbox = arrival.route->kind == RouteKind::kInbox;
   switch (prologue.kind) {

@@ -1,0 +1,167 @@
+#include <thread>
+
+#include "network.h"
+
+namespace engine::transport::nats {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class Exchange : public testing::Test {
+ protected:
+  const test_support::NatsServer m_server;
+};
+
+TEST_F(Exchange, CarriesMessagesRequestsAndResponsesBetweenBeginningAndEnd) {
+  Member a(SettingsFor(m_server.Url(), "a"), false);
+  Member b(SettingsFor(m_server.Url()));
+  const auto publication = a.transport->Advertise({"PRICES.DAX/1", Pacing::kSource});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.Heard("joined " + b.transport->Identity()); });
+  EXPECT_EQ(b.sources.at("PRICES.DAX/1")->Session(), publication->Session());
+
+  std::shared_ptr<ReplyPath> path;
+  b.onMessage = [&](RemoteSource&, InboundMessage& message) { path = message.replyPath; };
+  Publish(*a.transport, *publication, "one");
+  Publish(*a.transport, *publication, "");
+  Publish(*a.transport, *publication, "three", false, 77);
+  DrainUntil({&a, &b}, "the request", [&] { return path != nullptr; });
+
+  // Larger than a server takes at once, both ways.
+  std::string large(3'000'000, 'x');
+  iovec piece{large.data(), large.size()};
+  std::vector<std::byte> response;
+  ASSERT_EQ(b.transport->Respond(*path, {&piece, 1}, {}), SendResult::kSent);
+  DrainUntil({&a, &b}, "the response", [&] { return !a.events.empty() && a.events.back().starts_with("response 77"); });
+  EXPECT_EQ(a.events.back(), "response 77 of " + b.transport->Identity() + ": " + large);
+  std::size_t received = 0;
+  b.onMessage = [&](RemoteSource&, InboundMessage& message) { received = message.payload.size(); };
+  ASSERT_EQ(Publish(*a.transport, *publication, large), SendResult::kSent);
+  DrainUntil({&a, &b}, "the large message", [&] { return received == large.size(); });
+
+  Publish(*a.transport, *publication, "last");
+  a.transport->Withdraw(*publication);
+  DrainUntil({&a, &b}, "the end", [&] { return b.Heard("down PRICES.DAX/1"); });
+  EXPECT_THAT(b.events, ElementsAre("up PRICES.DAX/1", "PRICES.DAX/1: one", "PRICES.DAX/1: ", "PRICES.DAX/1: three",
+                                    "PRICES.DAX/1: last", "down PRICES.DAX/1"));
+  EXPECT_THAT(b.sequences, ElementsAre(0, 1, 2, 3, 4));
+  EXPECT_EQ(b.transport->Respond(*path, {}, {}), SendResult::kPeerGone);
+}
+
+TEST_F(Exchange, FindsSourcesThatWereThereBeforeAndThatComeLaterButOnlyThoseThatAreWatched) {
+  Member a(SettingsFor(m_server.Url()), false, false);
+  const auto earlier = a.transport->Advertise({"EARLIER", Pacing::kSource});
+  const auto other = a.transport->Advertise({"OTHER", Pacing::kSource});
+  Member b(SettingsFor(m_server.Url()), true, false);
+  b.transport->Watch("EARLIER");
+  b.transport->Watch("LATER");
+  DrainUntil({&a, &b}, "the earlier source", [&] { return b.Heard("up EARLIER"); });
+  const auto later = a.transport->Advertise({"LATER", Pacing::kSource});
+  DrainUntil({&a, &b}, "the later source", [&] { return b.Heard("up LATER"); });
+
+  b.transport->Unwatch("EARLIER");
+  DrainUntil({&a, &b}, "the end of watching", [&] { return b.Heard("down EARLIER"); });
+  b.events.clear();
+  b.transport->Watch("EARLIER");
+  DrainUntil({&a, &b}, "the source again", [&] { return b.Heard("up EARLIER"); });
+  EXPECT_THAT(b.events, Not(Contains("up OTHER")));
+}
+
+TEST_F(Exchange, SendsNothingWithoutASubscriberAndManySmallMessagesTogether) {
+  Stranger stranger(m_server.Url());
+  stranger.ListenTo("lbm.test.data.>");
+  Member a(SettingsFor(m_server.Url()), false);
+  const auto publication = a.transport->Advertise({"T", Pacing::kReceiver});
+  Publish(*a.transport, *publication, "to nobody");
+  EXPECT_TRUE(stranger.Heard().empty());
+
+  Member b(SettingsFor(m_server.Url()));
+  DrainUntil({&a, &b}, "the subscription", [&] { return b.Heard("up T") && a.events.size() == 2; });
+  constexpr std::size_t kBurst = 10'000;
+  for (std::size_t i = 0; i < kBurst; ++i) {
+    while (Publish(*a.transport, *publication, "small") != SendResult::kSent) {
+      Settle({&a, &b});
+    }
+  }
+  DrainUntil({&a, &b}, "the burst", [&] { return b.messages == kBurst; });
+  EXPECT_EQ(b.lost, 0U);
+  EXPECT_LT(stranger.Heard().size(), kBurst / 10);
+}
+
+TEST_F(Exchange, KeepsDomainsAndPrefixesApart) {
+  Member a(SettingsFor(m_server.Url()), false);
+  NatsSettings settings = SettingsFor(m_server.Url());
+  settings.domain = "other";
+  Member otherDomain(settings);
+  settings = SettingsFor(m_server.Url());
+  settings.subjectPrefix = "other";
+  Member otherPrefix(settings);
+  Member same(SettingsFor(m_server.Url()));
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&a, &same, &otherDomain, &otherPrefix}, "the source", [&] { return same.Heard("up T"); });
+  EXPECT_FALSE(otherDomain.Heard("up T"));
+  EXPECT_FALSE(otherPrefix.Heard("up T"));
+}
+
+TEST_F(Exchange, IgnoresWhatIsNotOfItsProtocolAndSaysSo) {
+  Member a(SettingsFor(m_server.Url()), false);
+  Member b(SettingsFor(m_server.Url()));
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  const Stranger stranger(m_server.Url());
+  stranger.Say("lbm.test.source.T", "hello");
+  DrainUntil({&a, &b}, "a notice", [&] { return !a.Notices().empty() && !b.Notices().empty(); });
+  EXPECT_THAT(b.Notices(),
+              ElementsAre(testing::AllOf(HasSubstr("lbm.test.source.T"), HasSubstr("nats_subject_prefix"))));
+
+  // Everything that begins well and ends too early, and sizes that cannot be.
+  for (std::uint16_t kind = 0; kind < 12; ++kind) {
+    for (std::size_t size = 0; size < 64; ++size) {
+      auto message = wire::Begin(static_cast<wire::Kind>(kind), 7);
+      message.resize(message.size() + size, std::byte{0xff});
+      for (const char* subject : {"lbm.test.source.T", "lbm.test.want.T", "lbm.test.want-all"}) {
+        stranger.Say(subject, message);
+      }
+    }
+  }
+  Publish(*a.transport, *publication, "still here");
+  DrainUntil({&a, &b}, "the message", [&] { return b.Heard("T: still here"); });
+  EXPECT_EQ(b.lost, 0U);
+}
+
+TEST_F(Exchange, ContextsThatFallSilentAreGone) {
+  NatsSettings settings = SettingsFor(m_server.Url());
+  settings.peerTimeout = std::chrono::milliseconds(500);
+  Member a(settings);
+  const auto publication = a.transport->Advertise({"T", Pacing::kReceiver});
+  const Subjects subjects("lbm", "test");
+  const Stranger stranger(m_server.Url());
+  auto announce = wire::Begin(wire::Kind::kAnnounce, 7);
+  wire::AppendValue(announce, wire::Announce{.source = 1, .identityLength = 5, .topicLength = 5});
+  wire::Append(announce, "ghostGHOST");
+  stranger.Say(subjects.Source("GHOST"), announce);
+  DrainUntil({&a}, "the ghost", [&] { return a.Heard("up GHOST"); });
+  auto interest = wire::Begin(wire::Kind::kInterest, 7);
+  wire::AppendValue(interest, wire::Interest{.nameLength = 5, .count = 1});
+  wire::Append(interest, "ghost");
+  wire::AppendValue(interest, wire::Subscription{.source = publication->Id(), .token = 1});
+  Stranger inbox(m_server.Url());
+  inbox.ListenTo(subjects.Inbox(7));
+  stranger.Say(subjects.Want("T"), wire::Begin(wire::Kind::kWant, 7));
+  std::vector<Message> answers;
+  DrainUntil({&a}, "an answer", [&] { return !(answers = inbox.Heard()).empty(); });
+  Bytes answer = BytesOf(answers.front());
+  stranger.Say(subjects.Inbox(wire::TakePrologue(answer).instance), interest);
+  DrainUntil({&a}, "the subscription", [&] { return a.Heard("joined ghost"); });
+  // Never consumed, so the window fills, until the subscriber is given up.
+  std::string payload(60'000, 'x');
+  while (Publish(*a.transport, *publication, payload) == SendResult::kSent) {
+  }
+  DrainUntil({&a}, "the end of the ghost",
+             [&] { return a.Heard("down GHOST") && a.Heard("left ghost") && a.Heard("writable"); });
+}
+
+}  // namespace
+}  // namespace engine::transport::nats

@@ -1,0 +1,140 @@
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <thread>
+
+#include "network.h"
+#include "zq/posix/error.h"
+
+namespace engine::transport::nats {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// Every message that the subscriber was to have arrived or was told as lost, in order, none twice.
+void ExpectAccount(const Member& member, std::size_t count) {
+  ASSERT_EQ(member.sequences.size(), count);
+  for (std::size_t i = 0; i < count; ++i) {
+    ASSERT_EQ(member.sequences[i], i);
+  }
+}
+
+TEST(Outage, AContextMadeWithoutAServerSaysSoOnceAndWorksWhenOneComes) {
+  test_support::NatsServer server;
+  server.Kill();
+  Member a(SettingsFor(server.Url()), false);
+  Member b(SettingsFor(server.Url()));
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  EXPECT_EQ(Publish(*a.transport, *publication, "to nobody"), SendResult::kSent);
+  server.Start();
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  Publish(*a.transport, *publication, "hello");
+  DrainUntil({&a, &b}, "the message", [&] { return b.Heard("T: hello"); });
+  EXPECT_THAT(a.Notices(), ElementsAre(HasSubstr("nats_servers"), HasSubstr("again")));
+}
+
+TEST(Outage, WhatIsLostWhileTheServerIsAwayIsToldWhenItIsBack) {
+  test_support::NatsServer server;
+  Member a(SettingsFor(server.Url()), false);
+  Member b(SettingsFor(server.Url()));
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  Publish(*a.transport, *publication, "before");
+  DrainUntil({&a, &b}, "the message", [&] { return b.messages == 1; });
+  server.Kill();
+  DrainUntil({&a, &b}, "both to notice", [&] { return !a.Notices().empty() && !b.Notices().empty(); });
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(Publish(*a.transport, *publication, "meanwhile"), SendResult::kSent);
+  }
+  server.Start();
+  DrainUntil({&a, &b}, "the loss", [&] { return b.lost == 5; });
+  Publish(*a.transport, *publication, "after");
+  DrainUntil({&a, &b}, "the next message", [&] { return b.messages == 2; });
+  EXPECT_THAT(b.events, ElementsAre("up T", "T: before", "loss T", "T: after"));
+  ExpectAccount(b, 7);
+}
+
+class Kills : public testing::TestWithParam<Pacing> {};
+
+TEST_P(Kills, OfTheServerWhileMessagesFlowLeaveAFullAccount) {
+  test_support::NatsServer server;
+  Member a(SettingsFor(server.Url()), false);
+  Member b(SettingsFor(server.Url()));
+  const auto publication = a.transport->Advertise({"T", GetParam()});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  std::atomic<bool> stop{false};
+  std::atomic<std::size_t> sent{0};
+  std::jthread sender([&] {
+    while (!stop) {
+      if (Publish(*a.transport, *publication, std::string(1'000, 'x')) == SendResult::kSent) {
+        ++sent;
+      }
+      std::this_thread::yield();
+    }
+  });
+  for (int kill = 0; kill < 5; ++kill) {
+    const std::size_t before = b.messages;
+    DrainUntil({&a, &b}, "messages", [&] { return b.messages > before + 100; });
+    server.Kill();
+    server.Start();
+  }
+  stop = true;
+  sender.join();
+  DrainUntil({&a, &b}, "an account", [&] { return b.messages + b.lost == sent; });
+  ExpectAccount(b, sent);
+  EXPECT_FALSE(b.Heard("down T"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Pacings, Kills, testing::Values(Pacing::kSource, Pacing::kReceiver));
+
+class ClusterOutage : public testing::TestWithParam<int> {};
+
+TEST_P(ClusterOutage, OfOneServerIsSurvivedOnTheOthers) {
+  test_support::NatsServer first("cluster { name: test, listen: \"127.0.0.1:-1\" }");
+  const std::string join = "cluster { name: test, listen: \"127.0.0.1:-1\", routes: [\"" + first.RouteUrl() + "\"] }";
+  test_support::NatsServer second(join);
+  const test_support::NatsServer third(join);
+  // While the second is away, the context can only choose the first.
+  second.Kill();
+  Member a(SettingsFor(first.Url() + ", " + second.Url()), false);
+  second.Start();
+  Member b(SettingsFor(third.Url()));
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  first.Signal(GetParam());
+  DrainUntil({&a, &b}, "the context to notice", [&] { return !a.Notices().empty(); });
+  DrainUntil({&a, &b}, "messages by way of another server", [&] {
+    Publish(*a.transport, *publication, "tick");
+    return b.Heard("T: tick");
+  });
+  first.Signal(SIGCONT);
+  ExpectAccount(b, b.messages + b.lost);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ClusterOutage, testing::Values(SIGKILL, SIGSTOP));
+
+TEST(Outage, DeletingAContextWhileAServerDoesNotAnswerWaitsForNothing) {
+  // Takes connections, and never says a word.
+  const zq::posix::Descriptor silent = zq::posix::Checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, ::bind(silent.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+  ASSERT_EQ(0, ::listen(silent.Get(), 16));
+  socklen_t length = sizeof(address);
+  ASSERT_EQ(0, ::getsockname(silent.Get(), reinterpret_cast<sockaddr*>(&address), &length));
+  NatsSettings settings = SettingsFor("nats://127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  settings.server.connectTimeout = std::chrono::milliseconds(300);
+  Member a(settings);
+  EXPECT_THAT(a.Notices(), Contains(HasSubstr("not connected")));
+  const auto begin = std::chrono::steady_clock::now();
+  settings.server.connectTimeout = std::chrono::seconds(60);
+  a.transport->Close(std::chrono::milliseconds(0));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+}
+
+}  // namespace
+}  // namespace engine::transport::nats

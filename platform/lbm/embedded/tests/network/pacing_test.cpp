@@ -1,0 +1,100 @@
+#include <thread>
+
+#include "network.h"
+
+namespace engine::transport::nats {
+namespace {
+
+const std::string kPayload(8'000, 'x');
+
+class NetworkPacing : public testing::Test {
+ protected:
+  void Start(Pacing pacing, NatsSettings settings) {
+    m_source = std::make_unique<Member>(SettingsFor(m_server.Url()), false);
+    m_publication = m_source->transport->Advertise({"T", pacing});
+    m_slow = std::make_unique<Member>(settings);
+    DrainUntil({m_source.get(), m_slow.get()}, "the subscription", [&] { return m_source->events.size() == 2; });
+  }
+
+  SendResult Send(bool block = false) { return Publish(*m_source->transport, *m_publication, kPayload, block); }
+
+  // Every message arrived or was told as lost, in order, none twice.
+  void ExpectAccount(std::size_t count) const {
+    ASSERT_EQ(m_slow->sequences.size(), count);
+    for (std::size_t i = 0; i < count; ++i) {
+      ASSERT_EQ(m_slow->sequences[i], i);
+    }
+  }
+
+  const test_support::NatsServer m_server;
+  std::unique_ptr<Member> m_source;
+  std::unique_ptr<Member> m_slow;
+  std::shared_ptr<Publication> m_publication;
+};
+
+TEST_F(NetworkPacing, AReceiverPacedSourceIsAtMostAWindowAheadAndLosesNothing) {
+  Start(Pacing::kReceiver, SettingsFor(m_server.Url()));
+  std::size_t sent = 0;
+  for (int round = 0; round < 3; ++round) {
+    std::size_t inRow = 0;
+    while (Send() == SendResult::kSent) {
+      ++inRow;
+    }
+    sent += inRow;
+    EXPECT_LE(inRow, (NatsSettings().windowBytes / kPayload.size()) + 1);
+    m_source->events.clear();
+    DrainUntil({m_source.get(), m_slow.get()}, "room", [&] { return m_source->Heard("writable"); });
+  }
+  DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == sent; });
+  EXPECT_EQ(m_slow->lost, 0U);
+  ExpectAccount(sent);
+}
+
+TEST_F(NetworkPacing, ASendThatWaitsGoesOnWhenTheReceiverDoesAlsoWithNobodyDrainingTheSource) {
+  Start(Pacing::kReceiver, SettingsFor(m_server.Url()));
+  constexpr std::size_t kMessages = 2'000;
+  std::jthread sender([&] {
+    for (std::size_t i = 0; i < kMessages; ++i) {
+      ASSERT_EQ(Send(true), SendResult::kSent);
+    }
+  });
+  DrainUntil({m_slow.get()}, "all messages", [&] { return m_slow->messages == kMessages; });
+  sender.join();
+  ExpectAccount(kMessages);
+}
+
+TEST_F(NetworkPacing, WhatASourcePacedReceiverCannotKeepIsToldAlsoWhenItWasTheLast) {
+  NatsSettings settings = SettingsFor(m_server.Url());
+  settings.receiveQueueBytes = 100'000;
+  Start(Pacing::kSource, settings);
+  constexpr std::size_t kMessages = 5'000;
+  for (std::size_t i = 0; i < kMessages; ++i) {
+    ASSERT_EQ(Send(), SendResult::kSent);
+    m_source->Drain();
+  }
+  DrainUntil({m_source.get(), m_slow.get()}, "an account of all",
+             [&] { return m_slow->messages + m_slow->lost == kMessages; });
+  ExpectAccount(kMessages);
+}
+
+TEST_F(NetworkPacing, ManyThreadsSendOnOneContextWithoutHarm) {
+  Start(Pacing::kReceiver, SettingsFor(m_server.Url()));
+  const auto other = m_source->transport->Advertise({"U", Pacing::kReceiver});
+  DrainUntil({m_source.get(), m_slow.get()}, "the subscription", [&] { return m_source->events.size() == 4; });
+  constexpr std::size_t kEach = 20'000;
+  std::vector<std::jthread> threads;
+  threads.reserve(4);
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&, thread] {
+      Publication& publication = thread % 2 == 0 ? *m_publication : *other;
+      for (std::size_t i = 0; i < kEach; ++i) {
+        ASSERT_EQ(Publish(*m_source->transport, publication, "small", true), SendResult::kSent);
+      }
+    });
+  }
+  DrainUntil({m_slow.get()}, "all messages", [&] { return m_slow->messages == 4 * kEach; });
+  EXPECT_EQ(m_slow->lost, 0U);
+}
+
+}  // namespace
+}  // namespace engine::transport::nats

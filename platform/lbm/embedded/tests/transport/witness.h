@@ -1,0 +1,146 @@
+// A context for the tests of transports, which writes down what its listener hears.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "transport/transport.h"
+#include "transport/warnings.h"
+
+namespace engine::transport {
+
+inline std::string TextOf(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+inline SendResult Publish(Transport& transport, Publication& publication, std::string text, bool block = false,
+                          std::uint64_t request = 0) {
+  const iovec piece{text.data(), text.size()};
+  OutboundMessage message;
+  message.pieces = {&piece, 1};
+  message.requestId = request;
+  return transport.Publish(publication, message, {block});
+}
+
+class Witness : public Listener {
+ public:
+  using Join = std::function<std::unique_ptr<Transport>(const WarningHandler& warn)>;
+
+  explicit Witness(const Join& join, bool subscribes = true) : m_subscribes(subscribes) {
+    transport = join([this](const std::string& text) {
+      const std::lock_guard lock(m_mutex);
+      m_notices.push_back(text);
+    });
+  }
+
+  void OnSourceUp(const std::shared_ptr<RemoteSource>& source) override {
+    Hear("up " + source->Topic());
+    sources[source->Topic()] = source;
+    if (m_subscribes) {
+      transport->Subscribe(*source);
+    }
+  }
+  void OnSourceDown(const std::shared_ptr<RemoteSource>& source) override { Hear("down " + source->Topic()); }
+  void OnMessage(RemoteSource& source, InboundMessage& message) override {
+    ++messages;
+    sequences.push_back(message.sequence);
+    if (message.payload.size() < 100) {
+      Hear(source.Topic() + ": " + TextOf(message.payload));
+    }
+    if (onMessage) {
+      onMessage(source, message);
+    }
+  }
+  void OnLoss(RemoteSource& source, std::uint32_t first, std::uint32_t count) override {
+    lost += count;
+    longestLoss = std::max<std::size_t>(longestLoss, count);
+    for (std::uint32_t i = 0; i < std::min(count, kLossesNoted); ++i) {
+      sequences.push_back(first + i);
+    }
+    Hear("loss " + source.Topic());
+  }
+  void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
+    Hear("response " + std::to_string(requestId) + " of " + responder + ": " + TextOf(payload));
+  }
+  void OnSubscriberJoined(Publication&, const std::string& name) override { Hear("joined " + name); }
+  void OnSubscriberLeft(Publication&, const std::string& name) override { Hear("left " + name); }
+  void OnWritable(Publication&) override { Hear("writable"); }
+
+  std::size_t Drain() { return transport->Drain(*this); }
+  // What operators were told, on whatever thread.
+  std::vector<std::string> Notices() const {
+    const std::lock_guard lock(m_mutex);
+    return m_notices;
+  }
+  bool Heard(const std::string& event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
+
+  std::unique_ptr<Transport> transport;
+  std::vector<std::string> events;
+  std::map<std::string, std::shared_ptr<RemoteSource>> sources;  // by topic
+  std::vector<std::uint32_t> sequences;                          // of what arrived or was lost
+  std::size_t messages = 0;
+  std::size_t lost = 0;
+  std::size_t longestLoss = 0;
+  std::function<void(RemoteSource&, InboundMessage&)> onMessage;
+
+ private:
+  static constexpr std::uint32_t kLossesNoted = 1'000'000;  // a faulty peer may tell of billions
+
+  void Hear(const std::string& event) { events.push_back(event); }
+
+  const bool m_subscribes;
+  mutable std::mutex m_mutex;
+  std::vector<std::string> m_notices;  // guarded by m_mutex
+};
+
+// Drains the members until the condition holds; a failure of the test if it does not within a time.
+inline void DrainUntil(const std::vector<Witness*>& members, const std::string& what,
+                       const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    std::size_t done = 0;
+    for (Witness* member : members) {
+      done += member->Drain();
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      FAIL() << "waited in vain for: " << what;
+    }
+    if (done == 0 && !condition()) {
+      std::vector<pollfd> descriptors;
+      bool nothing = true;
+      for (Witness* member : members) {
+        nothing = nothing && member->transport->Park();
+        descriptors.push_back({member->transport->GetDescriptor(), POLLIN, 0});
+      }
+      if (nothing) {
+        ::poll(descriptors.data(), descriptors.size(), static_cast<int>(left.count()));
+      }
+      for (Witness* member : members) {
+        member->transport->Unpark();
+      }
+    }
+  }
+}
+
+// Drains the members until none has anything to do.
+inline void Settle(const std::vector<Witness*>& members) {
+  std::size_t done = 1;
+  while (done != 0) {
+    done = 0;
+    for (Witness* member : members) {
+      done += member->Drain();
+    }
+  }
+}
+
+}  // namespace engine::transport
