@@ -44,7 +44,9 @@ void Outbox::Send(Lock lock) {
     return;  // somebody will see to it
   }
   if (std::chrono::steady_clock::now() - m_lastWrite >= kBurstGap) {
-    if (Write(lock) && m_next == m_queue.size() && !m_connection->WantsFlush()) {
+    const bool flushed = Write(lock);
+    // The connection may have ended meanwhile.
+    if (!Connected() || (flushed && m_next == m_queue.size() && !m_connection->WantsFlush())) {
       return;
     }
   }
