@@ -15,7 +15,7 @@ import tempfile
 from collections.abc import Collection, Sequence
 from pathlib import Path
 
-from . import comparison, small
+from . import comparison, servers, small
 from .comparison import Report, Run
 from .machine import describe_machine
 from .page import figures_of, with_figures
@@ -94,9 +94,12 @@ def run_small(programs: Sequence[str], quick: bool) -> None:
 def run_comparison(workloads: Sequence[str], quick: bool) -> Path:
     """Returns the file with what was measured."""
     in_memory = Path("/dev/shm")
-    with tempfile.TemporaryDirectory(prefix="compare-", dir=in_memory if in_memory.is_dir() else None) as temporary:
-        programs = Programs(PROGRAMS / "compare", Path(temporary))
-        run = comparison.measure(programs, workloads, QUICK if quick else FULL, show_progress)
+    with (
+        tempfile.TemporaryDirectory(prefix="compare-", dir=in_memory if in_memory.is_dir() else None) as temporary,
+        servers.one(Path(temporary)) as server,
+    ):
+        programs = Programs(PROGRAMS / "compare", Path(temporary), server.url)
+        run = comparison.measure(programs, server, workloads, QUICK if quick else FULL, show_progress)
     file = RESULTS / "compare" / "compare.json"
     file.parent.mkdir()
     file.write_text(json.dumps(run, indent=1) + "\n")

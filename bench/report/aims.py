@@ -1,16 +1,16 @@
 """What we want to be true."""
 
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from functools import partial
 from typing import Any
 
-from . import joining
-from .contenders import ENGINE, ENGINE_C, RING, ZEROMQ, Settings
+from . import joining, network
+from .contenders import ENGINE, ENGINE_C, ENGINE_HOST_NATS, ENGINE_NATS, NATS, RING, ZEROMQ, Settings
 from .figures import Figures, Spread
 from .joining import Domain
 from .tables import Table
-from .workloads import IDLE_PEERS, MANY_TOPICS, P50, RATE, Measurement, Quantity
+from .workloads import IDLE_PEERS, MANY_TOPICS, NETWORK_RECEIVERS, P50, RATE, Measurement, Quantity
 
 
 @dataclass(frozen=True)
@@ -47,6 +47,9 @@ trip = partial(Measurement.of, "round-trip")
 SPIN: Settings = {"spin": True}
 PEERS: Settings = {"idle-peers": IDLE_PEERS}
 TOPICS: Settings = {"topics": MANY_TOPICS}
+LARGE: Settings = {"payload": 1024}
+RECEIVERS: Settings = {"receivers": NETWORK_RECEIVERS}
+TO_RECEIVERS = f"rate to {NETWORK_RECEIVERS} receivers, nats against bare NATS"
 MANY_TOPICS_AGAINST_ONE = f"rate with {MANY_TOPICS:,} topics, one busy, against one"
 RATIO_AIMS = [
     RatioAim("rate against libzmq, both waiting", at_least(4), RATE, rate(ENGINE), rate(ZEROMQ)),
@@ -57,8 +60,21 @@ RATIO_AIMS = [
     RatioAim("rate of std::function against the C interface", at_least(0.9), RATE, rate(ENGINE), rate(ENGINE_C)),
     RatioAim(MANY_TOPICS_AGAINST_ONE, at_least(0.9), RATE, rate(ENGINE, TOPICS), rate(ENGINE)),
     RatioAim(f"rate with {IDLE_PEERS} idle peers against none", at_least(0.9), RATE, rate(ENGINE, PEERS), rate(ENGINE)),
+    RatioAim("rate, nats against bare NATS", at_least(3), RATE, rate(ENGINE_NATS), rate(NATS)),
+    RatioAim("rate at 1024 bytes, the same", at_least(1.5), RATE, rate(ENGINE_NATS, LARGE), rate(NATS, LARGE)),
+    RatioAim(TO_RECEIVERS, at_least(2), RATE, rate(ENGINE_NATS, RECEIVERS), rate(NATS, RECEIVERS)),
+    RatioAim("round trip, nats against bare NATS", at_most(1.1), P50, trip(ENGINE_NATS), trip(NATS)),
+    RatioAim("rate, host,nats on one machine against host", at_least(0.97), RATE, rate(ENGINE_HOST_NATS), rate(ENGINE)),
+    RatioAim("round trip, the same", at_most(1.03), P50, trip(ENGINE_HOST_NATS), trip(ENGINE)),
 ]
 JOINING_AIM = f"seconds to join {joining.CONTEXTS} contexts with 10,000 sources", at_most(1)
+NETWORK_AIMS: list[tuple[str, Bound, Callable[[network.Recorded], Spread | None]]] = [
+    ("messages a second that an idle context sends, nats", at_most(2), network.idle_messages),
+    ("wake-ups a second of the busiest thread of an idle context", at_most(1), network.idle_wakeups),
+    ("KiB of memory beyond host of an idle context", at_most(200), network.idle_memory),
+    (f"seconds until {network.CONTEXTS:,} contexts know ten sources", at_most(5), network.seconds_to_find),
+    ("seconds until delivery again after a killed server, p50", at_most(1), network.seconds_cut_off),
+]
 
 
 @dataclass(frozen=True)
@@ -78,9 +94,10 @@ class Check:
         return {"aim": self.text, "bound": self.bound.value, "upper": self.bound.upper, "measured": self.measured}
 
 
-def check_all(figures: Figures, domains: Sequence[Domain]) -> list[Check]:
+def check_all(figures: Figures, domains: Sequence[Domain], contexts: network.Recorded) -> list[Check]:
     ratios = [Check(aim.text, aim.bound, figures.ratio(aim.above, aim.below, aim.quantity)) for aim in RATIO_AIMS]
-    return [*ratios, Check(*JOINING_AIM, joining.seconds_to_join(domains))]
+    seconds_to_join = Check(*JOINING_AIM, joining.seconds_to_join(domains))
+    return [*ratios, seconds_to_join, *(Check(text, bound, of(contexts)) for text, bound, of in NETWORK_AIMS)]
 
 
 def table(checks: Sequence[Check]) -> Table:

@@ -4,12 +4,13 @@ from collections.abc import Collection, Iterator
 from dataclasses import asdict
 from typing import Any
 
-from . import aims, devices, joining, workloads
+from . import aims, devices, joining, network, workloads
 from .figures import Figures
 from .machine import describe_machine, load, machine_line
 from .plots import Curve, Plot
 from .programs import Programs, Result
 from .rounds import Progress, measure_in_rounds
+from .servers import Server
 from .tables import Cell, Table
 from .workloads import Quantity, Series, Size
 
@@ -19,8 +20,10 @@ ON_REQUEST = {workloads.DEVICES}  # not part of the whole
 Run = dict[str, Any]  # all that is recorded of one, ready for JSON
 
 
-def measure(programs: Programs, names: Collection[str], size: Size, progress: Progress) -> Run:
-    """Measures the workloads of these names. A contender that cannot even say what it is is left out."""
+def measure(programs: Programs, server: Server | None, names: Collection[str], size: Size, progress: Progress) -> Run:
+    """Measures the workloads of these names. A contender that cannot even say what it is is left out. server: the one
+    that the programs use; without it there is no network.
+    """
     machine = describe_machine()
     planned = workloads.plan(series for series in workloads.all_series(size) if series.workload in names)
     contenders: dict[str, Result] = {}
@@ -37,14 +40,18 @@ def measure(programs: Programs, names: Collection[str], size: Size, progress: Pr
     )
     measurements = [{**measurement.recorded(), "rounds": results} for measurement, results in rounds.items()]
     domains = joining.measure(programs, size.domains if joining.NAME in names else [])
+    contexts = network.measure(programs, server, size) if server and workloads.NETWORK in names else {}
     return {
         "machine": {**machine, "load_after": load()},
+        "server": server.look()["version"] if server else "",
         "size": asdict(size),
+        "workloads": list(names),
         "contenders": contenders,
         "domains": domains,
+        "network": contexts,
         "failures": programs.failures,
         "measurements": measurements,
-        "aims": [check.recorded() for check in aims.check_all(Figures(measurements), domains)],
+        "aims": [check.recorded() for check in aims.check_all(Figures(measurements), domains, contexts)],
     }
 
 
@@ -54,26 +61,32 @@ class Report:
     def __init__(self, run: Run) -> None:
         self._run = run
         self._figures = Figures(run["measurements"])
-        self._series = workloads.all_series(Size(**run["size"]))
+        self._series = [one for one in workloads.all_series(Size(**run["size"])) if one.workload in run["workloads"]]
 
     def headline(self) -> list[str]:
         machine, size = self._run["machine"], self._run["size"]
+        server = f"; nats-server {self._run['server']}" if self._run["server"] else ""
         return [
-            f"{machine_line(machine)}; {machine['compiler']}",
+            f"{machine_line(machine)}; {machine['compiler']}{server}",
             f"Revision {machine['revision']}, {machine['date']}; load {machine['load_before']:.1f} at the start, "
             f"{machine['load_after']:.1f} at the end",
             f"{size['rounds']} rounds, {size['milliseconds']} ms each measurement",
         ]
 
     def aims(self) -> Table:
-        return aims.table(aims.check_all(self._figures, self._run["domains"]))
+        return aims.table(aims.check_all(self._figures, self._run["domains"], self._run["network"]))
 
     def tables(self) -> list[Table]:
         """All of them but the aims, without those that would be empty."""
-        gains = devices.table(self._figures, self._series)
-        shown = [series for series in self._series if series.workload != workloads.DEVICES or gains.rows]
-        measured = [self._table(series, quantity) for series in shown for quantity in series.quantities]
-        tables = [self._contenders(), *measured, gains, self._distances(), joining.table(self._run["domains"])]
+        measured = [self._table(series, quantity) for series in self._series for quantity in series.quantities]
+        tables = [
+            self._contenders(),
+            *measured,
+            devices.table(self._figures, self._series),
+            self._distances(),
+            joining.table(self._run["domains"]),
+            *network.tables(self._run["network"]),
+        ]
         return [table for table in tables if table.rows]
 
     def plots(self) -> list[Plot]:
@@ -112,12 +125,12 @@ class Report:
         return label
 
     def _medians(self, series: Series, quantity: Quantity) -> Iterator[tuple[str, list[float | None]]]:
-        """A value for each column, of each contender that has one besides those that the columns are compared with."""
+        """A value for each column, of each contender that has one."""
         for contender in series.contenders:
             medians = [
                 self._figures.median(series.measurement(contender, column), quantity) for column in series.columns
             ]
-            if any(median is not None for median, column in zip(medians, series.columns) if column.settings):
+            if any(median is not None for median in medians):
                 values = [None if median is None else median / quantity.divisor for median in medians]
                 yield contender.key, values
 

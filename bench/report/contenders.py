@@ -32,6 +32,10 @@ NNG = Contender("nng", "nng")
 NATS = Contender("nats", "NATS")
 RING = Contender("ring", "bare ring")
 
+# The first of them with other values of the option "transport".
+ENGINE_NATS = Contender("engine_nats", "this engine, nats")
+ENGINE_HOST_NATS = Contender("engine_host_nats", "this engine, host,nats")
+
 ALL = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS, RING)
 # The ring has no topics, and nothing to wait on: its receiver yields the processor instead.
 WITHOUT_RING = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS)

@@ -2,7 +2,7 @@
 
 from collections.abc import Sequence
 
-from .contenders import ENGINE_C, Contender
+from .contenders import ENGINE_C, WITHOUT_DEVICE, Contender
 from .figures import Figures, Spread
 from .tables import Cell, Table
 from .workloads import DEVICES, Series
@@ -13,7 +13,7 @@ TITLE = "What each device gains: this engine against itself without it, above 1 
 def table(figures: Figures, series: Sequence[Series]) -> Table:
     """A row for each device, a column for each setting that was measured."""
     chosen = [one for one in series if one.workload == DEVICES]
-    without = [contender for contender in chosen[0].contenders if contender != ENGINE_C]
+    without = [contender for contender in WITHOUT_DEVICE if chosen]
     header = ["", *(f"{one.quantities[0].name}, {column.heading}" for one in chosen for column in one.columns)]
     rows = [[contender.label.removeprefix("without "), *_gains(figures, chosen, contender)] for contender in without]
     return Table(TITLE, header, [row for row in rows if any(row[1:])])

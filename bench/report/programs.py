@@ -3,6 +3,8 @@
 import json
 import os
 import subprocess
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
@@ -16,13 +18,45 @@ DISTANCE = Measurement.of("round-trip", RING, {"spin": True})
 DISTANCE_MILLISECONDS = 40
 
 
-class Programs:
-    """Those of a folder. A program that fails has no result, and failures says why."""
+SERVER_VARIABLE = "COMPARE_NATS_SERVER"
 
-    def __init__(self, folder: Path, temporary: Path, seconds_max: float = SECONDS_MAX) -> None:
+
+class Conversation:
+    """With a program that prints results while it runs, and runs until its input ends."""
+
+    def __init__(self, process: subprocess.Popen[str]) -> None:
+        self._process = process
+
+    @property
+    def process(self) -> int:
+        return self._process.pid
+
+    def hear(self) -> Result:
+        """Raises OSError when the program has ended instead."""
+        assert self._process.stdout
+        line = self._process.stdout.readline()
+        if not line:
+            assert self._process.stderr
+            raise OSError(self._process.stderr.read().strip() or "it ended early")
+        result: Result = json.loads(line)
+        return result
+
+    def say(self) -> None:
+        """A line, which lets it go on."""
+        assert self._process.stdin
+        self._process.stdin.write("\n")
+        self._process.stdin.flush()
+
+
+class Programs:
+    """Those of a folder. A program that fails has no result, and failures says why. server: URL of the NATS server for
+    those that need one.
+    """
+
+    def __init__(self, folder: Path, temporary: Path, server: str = "", seconds_max: float = SECONDS_MAX) -> None:
         self.failures: list[str] = []
         self._folder = folder
-        self._environment = {**os.environ, "TMPDIR": str(temporary)}
+        self._environment = {**os.environ, "TMPDIR": str(temporary), SERVER_VARIABLE: server}
         self._seconds_max = seconds_max
 
     def describe(self, contender: Contender) -> Result | None:
@@ -40,6 +74,23 @@ class Programs:
 
     def join(self, contexts: int, sources: int) -> Result | None:
         return self._run("compare_joining", *_options({"contexts": contexts, "sources": sources}))
+
+    @contextmanager
+    def converse(self, program: str, command: str, settings: Settings, server: str) -> Iterator[Conversation]:
+        """The program has ended when this ends."""
+        with subprocess.Popen(
+            [str(self._folder / program), command, *_options(settings)],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            env={**self._environment, SERVER_VARIABLE: server},
+        ) as process:
+            try:
+                yield Conversation(process)
+                process.communicate(timeout=self._seconds_max)
+            finally:
+                process.kill()
 
     def _run(self, program: str, *arguments: str) -> Result | None:
         """Returns when the program has ended, and with it the processes that it started."""

@@ -6,18 +6,35 @@ from functools import partial
 from itertools import groupby, zip_longest
 from typing import Any
 
-from .contenders import ALL, ENGINE_C, SPINNING, WITHOUT_DEVICE, WITHOUT_RING, Contender, Setting, Settings
+from .contenders import (
+    ALL,
+    ENGINE,
+    ENGINE_C,
+    ENGINE_HOST_NATS,
+    ENGINE_NATS,
+    NATS,
+    SPINNING,
+    WITHOUT_DEVICE,
+    WITHOUT_RING,
+    Contender,
+    Setting,
+    Settings,
+)
 
 # What a setting is when a measurement does not name it, here and in the programs.
 BASE: Settings = {"payload": 64, "receivers": 1, "topics": 1, "spread": False, "idle-peers": 0, "spin": False}
 IDLE_PEERS = 64
 MANY_TOPICS = 10_000
+NETWORK = "network"  # a workload: this engine beside what carries its messages between machines
+NETWORK_RECEIVERS = 16
 DEVICES = "devices"  # a workload: the engine against itself without each device for speed
 
 
 @dataclass(frozen=True)
 class Size:
-    """How much is measured. Topics: how many, and whether all are busy. Domains: contexts and sources."""
+    """How much is measured. Topics: how many, and whether all are busy. Domains: contexts and sources. Contexts: of a
+    network, when they look for each other. Idle seconds: how long such contexts are watched.
+    """
 
     rounds: int
     milliseconds: int
@@ -25,6 +42,8 @@ class Size:
     receivers: Sequence[int]
     topics: Sequence[tuple[int, bool]]
     domains: Sequence[tuple[int, int]]
+    contexts: Sequence[int]
+    idle_seconds: float
 
 
 FULL = Size(
@@ -34,9 +53,18 @@ FULL = Size(
     receivers=(4, 16),
     topics=((100, False), (100, True), (MANY_TOPICS, False), (MANY_TOPICS, True)),
     domains=((100, 10_000), (200, 200), (500, 500), (1000, 1000)),
+    contexts=(10, 100, 1000),
+    idle_seconds=20,
 )
 QUICK = Size(
-    rounds=3, milliseconds=150, payloads=(64,), receivers=(4,), topics=((MANY_TOPICS, False),), domains=((100, 10_000),)
+    rounds=3,
+    milliseconds=150,
+    payloads=(64,),
+    receivers=(4,),
+    topics=((MANY_TOPICS, False),),
+    domains=((100, 10_000),),
+    contexts=(10, 100),
+    idle_seconds=5,
 )
 
 
@@ -73,10 +101,7 @@ P50, P99, P999 = (Quantity(key, "round trip", f"Round trip, {key}, microseconds"
 
 @dataclass(frozen=True)
 class Column:
-    """A column of a table, and a point of the plot when it has a place on the x axis.
-
-    One without settings is there to compare with, and alone is not worth showing.
-    """
+    """A column of a table, and a point of the plot when it has a place on the x axis."""
 
     heading: str
     settings: Settings = field(default_factory=dict)
@@ -124,6 +149,12 @@ def all_series(size: Size) -> list[Series]:
         Column(f"{MANY_TOPICS:,} topics", {"topics": MANY_TOPICS}),
         Column(f"{IDLE_PEERS} idle peers", {"idle-peers": IDLE_PEERS}),
     ]
+    network = [
+        Column("64 bytes"),
+        Column("1024 bytes", {"payload": 1024}),
+        Column(f"64 bytes, {NETWORK_RECEIVERS} receivers", {"receivers": NETWORK_RECEIVERS}),
+    ]
+    networked = [ENGINE_NATS, NATS, ENGINE_HOST_NATS, ENGINE]
     rate = partial(Series, kind="rate", quantities=[RATE])
     round_trip = partial(Series, "round-trip", kind="round-trip", quantities=[P50, P99, P999])
     return [
@@ -157,6 +188,15 @@ def all_series(size: Size) -> list[Series]:
         ),
         round_trip(
             circumstances=", both sides spinning", contenders=SPINNING, columns=spinning, plot="round-trip-spinning.svg"
+        ),
+        rate(NETWORK, circumstances=" on a network", contenders=networked, columns=network),
+        Series(
+            NETWORK,
+            "round-trip",
+            circumstances=" on a network, both sides waiting",
+            contenders=networked,
+            columns=network[:2],
+            quantities=[P50, P99],
         ),
         rate(DEVICES, circumstances=", without each device", contenders=[ENGINE_C, *WITHOUT_DEVICE], columns=devices),
         Series(

@@ -16,11 +16,13 @@
 #include <thread>
 
 #include "control.h"
+#include "lbm_check.h"
 #include "processes.h"
 #include "test_support/temporary_directory.h"
 
 namespace {
 
+using compare::Check;
 using compare::Clock;
 using namespace std::chrono_literals;
 
@@ -43,12 +45,6 @@ struct Control {
   std::array<double, kJoins> createSeconds{};
   std::array<double, kJoins> foundSeconds{};
 };
-
-void Check(int result) {
-  if (result == -1) {
-    throw std::runtime_error(lbm_errmsg());
-  }
-}
 
 // The number of that line of a file of the proc file system.
 std::uint64_t ProcNumber(const char* file, const std::string& label) {

@@ -14,7 +14,14 @@ from report.programs import Programs
 from report.workloads import Size
 
 SIZE = Size(
-    rounds=2, milliseconds=1, payloads=[64, 128], receivers=[], topics=[], domains=[(100, 100), (200, 200), (300, 300)]
+    rounds=2,
+    milliseconds=1,
+    payloads=[64, 128],
+    receivers=[],
+    topics=[],
+    domains=[(100, 100), (200, 200), (300, 300)],
+    contexts=[],
+    idle_seconds=0,
 )
 DESCRIPTION = '{"version": "1", "transport": "shouting", "pacing": "none", "pinned": true, "window": 0}'
 
@@ -50,7 +57,7 @@ class Run(unittest.TestCase):
                 file.write_text(f"#!/bin/sh\n{script}\n")
                 file.chmod(0o755)
             programs = Programs(Path(temporary), Path(temporary))
-            run = comparison.measure(programs, ["rate", "joining"], SIZE, lambda *_: None)
+            run = comparison.measure(programs, None, ["rate", "joining"], SIZE, lambda *_: None)
         cls.recorded = json.loads(json.dumps(run))
         cls.report = Report(cls.recorded)
 

@@ -1,19 +1,12 @@
 // This engine, through its C interface.
 #include <lbm/lbm.h>
 
-#include <stdexcept>
-
+#include "lbm_check.h"
 #include "this_engine.h"
 
 namespace compare {
 
 namespace {
-
-void Check(int result) {
-  if (result == -1) {
-    throw std::runtime_error(lbm_errmsg());
-  }
-}
 
 class EngineNode : public Node {
  public:

@@ -3,19 +3,24 @@
 
 #include <lbm/lbm.h>
 
-#include <cstdlib>
-
 #include "contender.h"
+#include "engine_transport.h"
+
+// What the build says of a contender that does not take the engine's default.
+#ifndef COMPARE_TRANSPORT
+#define COMPARE_TRANSPORT "host"
+#endif
 
 namespace compare {
 
 template <class EngineNode>
 Contender ThisEngine(const std::filesystem::path& directory) {
-  ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1);
+  const std::string transport = COMPARE_TRANSPORT;
+  UseTransport(directory, transport);
   return {.version = lbm_version(),
-          .transport = "its own, default options",
+          .transport = transport == "host" ? "its own, default options" : "its own, option transport " + transport,
           .pacing = "transport_pacing receiver: a send waits for room",
-          .pinned = true,
+          .pinned = transport != "nats",
           .makeNode = [](const NodeSetup& setup) { return std::make_unique<EngineNode>(setup); }};
 }
 

@@ -93,14 +93,16 @@ INSTANTIATE_TEST_SUITE_P(Pacings, Kills, testing::Values(Pacing::kSource, Pacing
 class ClusterOutage : public testing::TestWithParam<int> {};
 
 TEST_P(ClusterOutage, OfOneServerIsSurvivedOnTheOthers) {
-  test_support::NatsServer first("cluster { name: test, listen: \"127.0.0.1:-1\" }");
-  const std::string join = "cluster { name: test, listen: \"127.0.0.1:-1\", routes: [\"" + first.RouteUrl() + "\"] }";
-  test_support::NatsServer second(join);
-  const test_support::NatsServer third(join);
+  const auto joining = [](const std::string& routes) {
+    return "cluster { name: test, listen: \"127.0.0.1:-1\", routes: [" + routes + "] }";
+  };
+  test_support::NatsServer first(joining(""));
+  test_support::NatsServer second(joining(first.RouteUrl()));
   // While the second is away, the context can only choose the first.
   second.Kill();
   Member a(SettingsFor(first.Url() + ", " + second.Url()), false);
   second.Start();
+  const test_support::NatsServer third(joining(first.RouteUrl() + ", " + second.RouteUrl()));
   Member b(SettingsFor(third.Url()));
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });

@@ -246,6 +246,9 @@ Connection::Connection(const ServerSettings& settings, const std::vector<std::st
     throw std::runtime_error(reason);
   }
   m_maxPayload = static_cast<std::size_t>(std::max<std::int64_t>(::natsConnection_GetMaxPayload(m_connection), 0));
+  std::array<char, 512> url{};
+  static_cast<void>(::natsConnection_GetConnectedUrl(m_connection, url.data(), url.size()));
+  m_url = PublicUrl(url.data());
 }
 
 Connection::~Connection() {
@@ -266,12 +269,6 @@ std::string Connection::EndReason() const {
   const char* text = nullptr;
   static_cast<void>(::natsConnection_GetLastError(m_connection, &text));
   return text != nullptr ? text : "";
-}
-
-std::string Connection::Url() const {
-  std::array<char, 512> buffer{};
-  static_cast<void>(::natsConnection_GetConnectedUrl(m_connection, buffer.data(), buffer.size()));
-  return PublicUrl(buffer.data());
 }
 
 std::vector<std::string> Connection::Servers() const {

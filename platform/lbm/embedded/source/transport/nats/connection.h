@@ -74,8 +74,9 @@ class Connection {
   // Readable when Read would find something; owned by the connection.
   int GetDescriptor() const noexcept;
   bool Ended() const noexcept;
-  std::string EndReason() const;             // empty: unknown
-  std::string Url() const;                   // of the server, without secrets
+  std::string EndReason() const;  // empty: unknown
+  // Of the server, without secrets; also once the connection has ended.
+  const std::string& Url() const noexcept { return m_url; }
   std::vector<std::string> Servers() const;  // those that were given, and those of its cluster
   std::size_t MaxPayload() const noexcept { return m_maxPayload; }
 
@@ -106,6 +107,7 @@ class Connection {
   natsStatistics* m_statistics = nullptr;  // guarded by m_ioMutex
   std::uint64_t m_received = 0;            // messages; guarded by m_ioMutex
   std::size_t m_maxPayload = 0;
+  std::string m_url;
 };
 
 // Takes the next message of the subscription, if one is there.

@@ -1,0 +1,30 @@
+// How this engine's contexts meet.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "nats_server.h"
+
+namespace compare {
+
+// For this process and those forked from it, before its first use of the engine. directory: an empty one. transport: a
+// value of the context option; with nats in it the run's server carries the messages.
+inline void UseTransport(const std::filesystem::path& directory, const std::string& transport) {
+  ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1);
+  if (transport == "host") {
+    return;
+  }
+  const std::string file = directory / "lbm.cfg";
+  std::ofstream options(file);
+  options << "context transport " << transport << "\ncontext nats_servers " << NatsServer() << '\n';
+  options.close();
+  if (!options) {
+    throw std::runtime_error("cannot write " + file);
+  }
+  ::setenv("LBM_CONFIG_FILE", file.c_str(), 1);
+}
+
+}  // namespace compare

@@ -1,0 +1,95 @@
+import os
+import tempfile
+import unittest
+from collections.abc import Sequence
+from contextlib import AbstractContextManager, nullcontext
+from dataclasses import replace
+from pathlib import Path
+from typing import Any
+from unittest.mock import patch
+
+from report import network, servers
+from report.aims import check_all
+from report.figures import Figures
+from report.network import Recorded
+from report.programs import Programs
+from report.servers import Server
+from report.workloads import QUICK
+
+SIZE = replace(QUICK, contexts=[10, 20, 1000], idle_seconds=0.1)
+# 20 contexts do not find each other, and one pair of contexts has no delivery after its server was killed.
+PROGRAM = """#!/bin/sh
+case "$*" in
+idle*) echo '{}'; read line ;;
+*20) echo finding all sources took too long >&2; exit 1 ;;
+discovery*) echo '{"contexts": '$3', "create_seconds": 1, "found_seconds": 0.25}'; read line ;;
+cut*) echo '{}'; read line; echo '{"gap_seconds": [0.5, 0.25, null]}'; read line ;;
+esac
+"""
+
+
+class CountingServer(Server):
+    """Stands for one that gets 400 messages and sends 800 between any two looks."""
+
+    def __init__(self) -> None:
+        self._looks = 0
+
+    @property
+    def url(self) -> str:
+        return "nats://nowhere"
+
+    def look(self, page: str = "varz") -> dict[str, Any]:
+        self._looks += 1
+        return {"in_msgs": 400 * self._looks, "out_msgs": 800 * self._looks}
+
+    def kill(self) -> None:
+        pass
+
+
+def three(*_: Any) -> AbstractContextManager[Sequence[Server]]:
+    return nullcontext([CountingServer() for _ in range(3)])
+
+
+class Measure(unittest.TestCase):
+    recorded: Recorded
+    failures: Sequence[str]
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        with tempfile.TemporaryDirectory() as temporary:
+            program = Path(temporary) / network.PROGRAM
+            program.write_text(PROGRAM)
+            program.chmod(0o755)
+            programs = Programs(Path(temporary), Path(temporary))
+            with patch.object(network, "SETTLE_SECONDS", 0), patch.object(servers, "cluster", three):
+                cls.recorded = network.measure(programs, CountingServer(), SIZE)
+        cls.failures = programs.failures
+
+    def test_goes_on_after_what_failed_and_says_why(self) -> None:
+        self.assertEqual([one["contexts"] for one in self.recorded["discovery"]], [10, 1000])
+        self.assertEqual(self.failures, ["20 contexts: finding all sources took too long"])
+
+    def test_counts_what_the_server_routed_meanwhile_for_each_context(self) -> None:
+        _, discovery, _ = network.tables(self.recorded)
+        self.assertEqual([list(row) for row in discovery.rows], [[10, 1, 250, 40, 80], [1000, 1, 250, 0.4, 0.8]])
+
+    def test_says_which_pairs_did_not_come_back(self) -> None:
+        *_, cut = network.tables(self.recorded)
+        self.assertEqual([list(row) for row in cut.rows], [[3, 375, 500, 1]])
+
+    def test_takes_for_the_aims_the_largest_network_and_all_pairs(self) -> None:
+        verdicts = {check.text: check for check in check_all(Figures([]), [], self.recorded)}
+        self.assertEqual(verdicts["seconds until 1,000 contexts know ten sources"].measured, (0.25, 0.25, 0.25))
+        cut = verdicts["seconds until delivery again after a killed server, p50"]
+        self.assertEqual((cut.measured, cut.verdict()), ((0.5, 0.25, network.CUT_SECONDS), "met"))
+        messages = verdicts["messages a second that an idle context sends, nats"]
+        self.assertEqual((messages.measured, messages.verdict()), ((4000, 4000, 4000), "NOT MET"))
+
+    def test_counts_waits_of_a_process_and_memory_of_its_own(self) -> None:
+        before = sum(count for _, count in network._switches(os.getpid()))
+        kib = network._private_kib(os.getpid())
+        block = bytearray(8 << 20)
+        block[:] = b"\1" * len(block)
+        os.waitpid(os.spawnlp(os.P_NOWAIT, "sleep", "sleep", "0.05"), 0)
+        self.assertGreater(sum(count for _, count in network._switches(os.getpid())), before)
+        self.assertGreaterEqual(network._private_kib(os.getpid()) - kib, 8 << 10)
