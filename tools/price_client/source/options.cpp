@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 
 #include "cli/command_line.h"
@@ -55,12 +56,12 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
       ->required()
       ->type_name("MARKET:SUBMARKET:NODE[:NAME]");
   app.add_option("--segments", options.segments, "Segments of every instance")
-      ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
+      ->check(cli::WholeNumber(1, feed::kMaxSegments))
       ->type_name("1.." + std::to_string(feed::kMaxSegments))
       ->capture_default_str();
   cli::AddSecondsOption(app, "--seconds", options.seconds, "End after this many seconds");
   app.add_option("--count", options.count, "End after at least this many updates")
-      ->check(cli::NumberUpTo(1e18))
+      ->check(cli::WholeNumber(0, cli::kMaxCount))
       ->type_name("N");
   app.add_flag("--json", options.json, "Print nothing but the summary, as one JSON document");
   app.add_flag("--quiet", options.quiet, "Print nothing but the summary");
@@ -76,7 +77,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
                  "Name of the messaging context; with one, the client answers no triage requests")
       ->type_name("NAME");
   app.add_option("--cpu", options.cpu, "CPU that the dispatch thread is pinned to")
-      ->check(CLI::NonNegativeNumber.description(""))
+      ->check(cli::WholeNumber(0, std::numeric_limits<int>::max()))
       ->type_name("N");
   app.add_flag("--onload", options.onload, "Let the dispatch thread spin when the kernel bypass is present");
   cli::AddCommonOptions(app);
