@@ -87,7 +87,8 @@ TEST_F(TriageToolTest, AStoppedClientDoesNotAnswerUntilItIsContinued) {
   const auto client = StartClient();
   EndOf(*Triage({"test", "--expect=1", "--timeout=60"}), 0);
   client->Signal(SIGSTOP);
-  EXPECT_THAT(EndOf(*Triage({"test", "--timeout=0.5"}), 4), ContainsRegex("price_client +[0-9]+ +stopped "));
+  EXPECT_THAT(EndOf(*Triage({"test", "--timeout=0.5"}), 4),
+              ContainsRegex("price_client +[0-9]+ +does not listen, stopped "));
   // It has sent its request, which nobody has taken in, or is about to.
   auto killed = Triage({"test", "--timeout=60"});
   killed->Signal(SIGKILL);

@@ -34,7 +34,7 @@ std::vector<Row> RowsOf(const Report& report) {
   }
   const auto add = [&rows](const std::vector<ProcessInfo>& processes, const char* status) {
     for (const auto& process : processes) {
-      rows.push_back({process, IsStopped(process) ? "stopped" : status, false, {}});
+      rows.push_back({process, std::string(status) + (IsStopped(process) ? ", stopped" : ""), false, {}});
     }
   };
   add(outcome.silent, "no answer");
