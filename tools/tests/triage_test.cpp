@@ -13,6 +13,9 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 
+// What a client prints once it has made its context.
+const std::string kHasStarted = "takes commands";
+
 class TriageToolTest : public ToolsFixture {
  protected:
   std::unique_ptr<Process> Start(const Arguments& command, const Environment& more,
@@ -27,7 +30,7 @@ class TriageToolTest : public ToolsFixture {
     return std::make_unique<Process>(command, environment, terminal);
   }
   std::unique_ptr<Process> StartClient(const Environment& more = {}, const Arguments& arguments = {}) const {
-    return Start(Command(Client({"--instance=1:1:1", "--quiet"}), arguments), more);
+    return Start(Command(Client({"--instance=1:1:1", "--plain"}), arguments), more);
   }
   std::unique_ptr<Process> Triage(const Arguments& arguments, const Environment& more = {}) const {
     return Start(Command({TRIAGE}, arguments), more);
@@ -44,10 +47,10 @@ TEST_F(TriageToolTest, ShowsWhoAnswersWithAndWithoutAnEventQueue) {
   const auto queue = StartClient({{"TRIAGE_HANDLER_USE_EVENT_QUEUE", "1"}});
   const auto elsewhere = StartClient({{"DATA_CENTER", "there"}});
   const auto prefixed = StartClient({{"LBM_TRIAGE_HANDLER_TOPIC_PREFIX", "site."}});
+  ASSERT_TRUE(elsewhere->WaitForOutput(kHasStarted) && prefixed->WaitForOutput(kHasStarted));
 
   EXPECT_THAT(EndOf(*Triage({"test", "--expect=2", "--timeout=60"}), 0),
-              MatchesRegex("program .*\n(price_client +[0-9]+ +success +[0-9.]+ ms\n){2}"
-                           "(price_client +[0-9]+ +does not listen +-\n){2}"
+              MatchesRegex("program .*\n(price_client +[0-9]+ +(success +[0-9.]+ ms|does not listen +-)\n){4}"
                            "2 answers to triage-.* on TRIAGE\\.ACTION\\.TEST\\.LBM\\.HERE in .*\n"));
   const auto all =
       nlohmann::json::parse(EndOf(*Triage({"test", "--all-data-centers", "--expect=3", "--timeout=60", "--json"}), 0));
@@ -76,6 +79,7 @@ TEST_F(TriageToolTest, SwitchesNaksAndTheClientSaysWhatBecameOfThem) {
 TEST_F(TriageToolTest, SaysThatNobodyAnswersAndWhatToLookAt) {
   const auto named = StartClient({}, {"--context-name=named"});
   const auto disabled = StartClient({{"DISABLE_LBM_TRIAGE_HANDLER", "1"}});
+  ASSERT_TRUE(named->WaitForOutput(kHasStarted) && disabled->WaitForOutput(kHasStarted));
   const auto tool = Triage({"test", "--timeout=1"});
   EXPECT_THAT(EndOf(*tool, 4), ContainsRegex("(price_client +[0-9]+ +does not listen +-\n){2}0 answers to "));
   EXPECT_THAT(tool->Errors(), AllOf(HasSubstr("nobody listens on TRIAGE.ACTION.TEST.LBM.HERE"),

@@ -150,8 +150,20 @@ TEST_F(EnquiryTest, WhoListensLaterIsAskedTooAndNobodyCountsTwice) {
 
 TEST_F(EnquiryTest, EndsAsSoonAsAllWhoListenHaveAnswered) {
   for (const bool haveNames : {false, true}) {
-    const Listener one(Answers(0), haveNames ? "one" : "");
-    const Listener two(Answers(0), haveNames ? "two" : "");
+    std::atomic_flag isOtherAsked;
+    const Listener one(
+        [&](const lbm::Message& message) {
+          isOtherAsked.wait(false);
+          Answers(0)(message);
+        },
+        haveNames ? "one" : "");
+    const Listener other(
+        [&](const lbm::Message& message) {
+          isOtherAsked.test_and_set();
+          isOtherAsked.notify_all();
+          Answers(0)(message);
+        },
+        haveNames ? "other" : "");
     const auto start = Enquiry::Clock::now();
     EXPECT_THAT(Ask({}).answers, SizeIs(2));
     EXPECT_LT(Enquiry::Clock::now() - start, kLong / 2);
@@ -164,7 +176,10 @@ TEST_F(EnquiryTest, WhoIsAskedAndEndsIsReportedAndNotWaitedFor) {
     isAsked.test_and_set();
     isAsked.notify_all();
   });
-  const Listener answering(Answers(0));
+  const Listener answering([&](const lbm::Message& message) {
+    isAsked.wait(false);
+    Answers(0)(message);
+  });
   std::jthread death([&] {
     isAsked.wait(false);
     dying.reset();
@@ -201,8 +216,8 @@ TEST_F(EnquiryTest, LookingFindsWhoListensAndAsksNobody) {
   const auto count = [&](const lbm::Message&) { ++requests; };
   const Listener one(count);
   const Listener two(count);
-  EXPECT_THAT(Enquiry(m_question, m_signals).Look(kLong, {}).unasked, SizeIs(2));
-  EXPECT_THAT(Enquiry(m_question, m_signals).Look(std::chrono::milliseconds(500), 3).unasked, SizeIs(2));
+  EXPECT_THAT(Enquiry(m_question, m_signals).Look(kLong, 2).unasked, SizeIs(2));
+  EXPECT_THAT(Enquiry(m_question, m_signals).Look(std::chrono::seconds(1), 3).unasked, SizeIs(2));
   EXPECT_EQ(requests, 0);
 }
 
