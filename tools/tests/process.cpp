@@ -53,24 +53,25 @@ Process::Process(std::vector<std::string> command, const Environment& environmen
     assignments.emplace_back(name).append("=").append(value);
   }
 
+  const bool isAll = terminal == Terminal::kAll;
   auto input = MakePipe();
-  auto output = terminal == Terminal::kOutput ? MakeTerminal() : MakePipe();
+  auto output = terminal == Terminal::kNone ? MakePipe() : MakeTerminal();
   auto errors = MakePipe();
   m_process = ::fork();
   if (m_process < 0) {
     zq::posix::ThrowErrno("fork");
   }
   if (m_process == 0) {
-    ::dup2(input.reader.Get(), STDIN_FILENO);
+    ::dup2((isAll ? output.writer : input.reader).Get(), STDIN_FILENO);
     ::dup2(output.writer.Get(), STDOUT_FILENO);
-    ::dup2(errors.writer.Get(), STDERR_FILENO);
+    ::dup2((isAll ? output : errors).writer.Get(), STDERR_FILENO);
     for (auto& assignment : assignments) {
       ::putenv(assignment.data());
     }
     ::execv(arguments[0], arguments.data());
     ::_exit(127);
   }
-  m_inputFile = std::move(input.writer);
+  m_inputFile = isAll ? Descriptor(::fcntl(output.reader.Get(), F_DUPFD_CLOEXEC, 0)) : std::move(input.writer);
   m_outputFile = std::move(output.reader);
   m_errorFile = std::move(errors.reader);
 }

@@ -18,9 +18,9 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 // A running program, a pipe to its standard input, and what it has written. It is killed when the object goes.
 class Process {
  public:
-  enum class Terminal { kNone, kOutput };
+  enum class Terminal { kNone, kOutput, kAll };
 
-  // Terminal::kOutput gives it a terminal of 80 columns and 24 rows as its standard output.
+  // Gives it a terminal of 80 columns and 24 rows as its standard output; kAll also as its standard input and error.
   Process(std::vector<std::string> command, const Environment& environment, Terminal terminal = Terminal::kNone);
   ~Process();
   Process(const Process&) = delete;

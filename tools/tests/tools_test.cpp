@@ -17,6 +17,12 @@ const std::string kIndex = "--prices=" PRICES_DIRECTORY "/sp500-2000.csv";
 
 using ToolsTest = ToolsFixture;
 
+void WaitForUpdates(Process& client) {
+  do {
+    ASSERT_TRUE(client.WaitForOutput(" updates=")) << client.Output();
+  } while (!testing::Matches(ContainsRegex(" updates=[1-9]"))(client.Output()));
+}
+
 TEST_F(ToolsTest, EveryUpdateArrivesAtAClientThatWasThereBefore) {
   Process client(Client({"--instance=1:1:1:TEST", "--segments=2", "--plain", "--strict"}), m_environment);
   Process server(Server({"--segments=2", kStocks, "--rate=5000", "--loop", "--count=2000", "--wait-for-client"}),
@@ -57,9 +63,7 @@ TEST_F(ToolsTest, AKilledServerCanBeStartedAgainAndTheClientReportsTheGap) {
     ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) is up")) << client.Output();
     ASSERT_TRUE(client.WaitForOutput("TEST(1.1.1.0) server is open")) << client.Output();
     // Who has received no price yet misses none.
-    do {
-      ASSERT_TRUE(client.WaitForOutput(" updates=")) << client.Output();
-    } while (!testing::Matches(ContainsRegex(" updates=[1-9]"))(client.Output()));
+    WaitForUpdates(client);
     first.Signal(SIGKILL);
     EXPECT_EQ(first.Wait(), 128 + SIGKILL);
   }
@@ -146,8 +150,37 @@ TEST_F(ToolsTest, TheTerminalComesBackWhenTheClientCrashes) {
 TEST_F(ToolsTest, AnInstanceThatDeliversNothingIsNotSuccess) {
   Process client(Client({"--instance=1:1:9:NONE", "--seconds=0.1", "--quiet"}), m_environment);
   EXPECT_EQ(client.Wait(), 1);
-  EXPECT_THAT(client.Errors(), HasSubstr("nothing received from NONE(1.1.9.0)"));
+  EXPECT_THAT(client.Errors(), HasSubstr("nothing received from NONE(1.1.9.0): no such server; check its numbers, its "
+                                         "user and LBM_RUNTIME_DIR (here " +
+                                         m_runtime.Path().string() + "/default)"));
   EXPECT_THAT(client.Output(), HasSubstr("never seen"));
+}
+
+TEST_F(ToolsTest, ProductsOfSegmentsThatNobodyReceivesAreAWarningAndAFailureWhenStrict) {
+  Process server(Server({"--segments=3", kStocks, "--loop"}), m_environment);
+  for (const bool isStrict : {false, true}) {
+    Process client({PRICE_CLIENT, "--instance=1:1:1", "--plain", isStrict ? "--strict" : "--plain"}, m_environment);
+    ASSERT_TRUE(client.WaitForOutput(" 1.1.1.0 products of segments 1, 2 are not received")) << client.Output();
+    WaitForUpdates(client);
+    client.Signal(SIGINT);
+    EXPECT_EQ(client.Wait(), isStrict ? 1 : 0) << client.Errors();
+    EXPECT_THAT(client.Errors(), HasSubstr("products of segments 1, 2 are not received; --segments auto does"));
+  }
+}
+
+TEST_F(ToolsTest, SegmentsThatProductsNameAreReceivedWhenAskedFor) {
+  Process server(Server({"--segments=3", kStocks, "--loop"}), m_environment);
+  Process client({PRICE_CLIENT, "--instance=1:1:1", "--segments=auto", "--strict", "--plain"}, m_environment);
+  EXPECT_TRUE(client.WaitForOutput(" segments=3/3 ")) << client.Output();
+  client.Signal(SIGINT);
+  EXPECT_EQ(client.Wait(), 0) << client.Errors();
+}
+
+TEST_F(ToolsTest, WhatAFileHoldsDoesNotReachTheTerminalAsItIs) {
+  const auto prices = Write("bad.csv", "symbol,date,price\nA,2000-01-03,\x1b[2J\xc2\x9b\n").string();
+  Process server(Server({"--prices=" + prices}), m_environment);
+  EXPECT_EQ(server.Wait(), 2);
+  EXPECT_THAT(server.Errors(), HasSubstr("bad price \" [2J \""));
 }
 
 TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
@@ -163,7 +196,8 @@ TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
       {Server({kStocks, "--seconds=nan"}), "--seconds: "},
       {Server({kStocks, "--status-every=0"}), "--status-every 0"},
       {Server({kStocks, "--log-level=loud"}), "--log-level: \"loud\""},
-      {Server({kStocks, "--segments=0"}), "--segments"},
+      {Server({kStocks, "--segments=0"}), "--segments: \"0\" is not a whole number from 1 to 1024"},
+      {Client({"--instance=1:1:1", "--segments=all"}), "\"all\" is not a whole number from 1 to 1024, nor \"auto\""},
       {Client({}), "--instance is required"},
       {Client({"--instance=1:1"}), "bad server instance \"1:1\""},
       {Client({"--instance=1:1:1", "--instance=1:1:1:AGAIN"}), "\"1:1:1:AGAIN\" is given twice"},

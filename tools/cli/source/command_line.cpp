@@ -1,12 +1,16 @@
 #include "cli/command_line.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <sstream>
+#include <system_error>
 
+#include "cli/one_line.h"
 #include "zq/logging/default_backend.h"
 #include "zq/posix/descriptor.h"
 #include "zq/posix/environment.h"
@@ -51,11 +55,22 @@ void AddCommonOptions(CLI::App& app) {
   SetMinLogLevel("warning");
 }
 
-CLI::Validator NumberUpTo(double max) {
-  const auto check = [max](const std::string& text) {
+CLI::Validator Number(double min, double max) {
+  const auto check = [min, max](const std::string& text) {
     double value = 0;
-    const bool good = CLI::detail::lexical_cast(text, value) && value >= 0 && value <= max;
-    return good ? std::string() : '"' + text + "\" is not a number from 0 to " + CLI::detail::to_string(max);
+    const bool good = CLI::detail::lexical_cast(text, value) && value >= min && value <= max;
+    return good ? std::string() : fmt::format("\"{}\" is not a number from {} to {:.0f}", text, min, max);
+  };
+  return CLI::Validator(check, "");
+}
+
+CLI::Validator WholeNumber(std::int64_t min, std::int64_t max) {
+  const auto check = [min, max](const std::string& text) {
+    std::int64_t value = 0;
+    const auto* const textEnd = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), textEnd, value);
+    const bool good = error == std::errc() && end == textEnd && value >= min && value <= max;
+    return good ? std::string() : fmt::format("\"{}\" is not a whole number from {} to {}", text, min, max);
   };
   return CLI::Validator(check, "");
 }
@@ -70,13 +85,30 @@ bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Ou
     output.Write(text.str());
     return false;
   } catch (const CLI::ParseError& error) {
-    throw UsageError(std::string(error.what()) + "\nRun '" + app.get_name() + " --help' for the options.");
+    // A word that is misspelt is what is wrong, rather than that the right one is missing.
+    const auto unknown = app.remaining(true);
+    const auto what = unknown.empty() ? error.what() : "unknown: \"" + unknown.front() + '"';
+    throw UsageError(what + "\nRun '" + app.get_name() + " --help' for the options.");
   }
+}
+
+void Complain(std::string_view toolName, std::string_view what) {
+  std::string text(toolName);
+  text += ": ";
+  for (;;) {
+    const auto end = what.find('\n');
+    text += OneLine(what.substr(0, end)) + '\n';
+    if (end == std::string_view::npos) {
+      break;
+    }
+    what.remove_prefix(end + 1);
+  }
+  std::cerr << text << std::flush;
 }
 
 int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept {
   const auto end = [toolName](ExitCode code, const char* what) {
-    std::cerr << toolName << ": " << what << std::endl;
+    Complain(toolName, what);
     return static_cast<int>(code);
   };
   try {

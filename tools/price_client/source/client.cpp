@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cli/exit_code.h"
+#include "lbm/errors.h"
 #include "ps_common/config/config.h"
 
 namespace price_client {
@@ -18,9 +19,18 @@ constexpr std::size_t kMaxPendingCommands = 1024;
 
 ps_ns::ConfigPtr LoadConfig(const std::string& path) {
   try {
-    return ps_ns::Config::Load(path);
+    return path.empty() ? ps_ns::Config::Parse("<Config><General/><Logging/></Config>") : ps_ns::Config::Load(path);
   } catch (const ps_ns::ConfigError& error) {
     throw cli::UsageError(error.what());
+  }
+}
+
+// Where servers have to be to be found; empty when the messaging library has no such place.
+std::string DomainDirectory(const lbm::Context& context) {
+  try {
+    return context.GetStrOpt("domain_directory");
+  } catch (const lbm::LbmError&) {
+    return {};
   }
 }
 
@@ -54,6 +64,7 @@ Client::Client(const Options& options, std::function<void()> wake)
     Stop();
     throw;
   }
+  m_self.directory = DomainDirectory(*m_manager->GetContext());
   m_self.id = options.clientID;
   m_self.host = options.host;
 }
@@ -62,6 +73,17 @@ void Client::Work(Clock::time_point now) {
   TakeInMail(now);
   for (const auto& subscription : m_subscriptions) {
     subscription->Pursue(now);
+  }
+  FollowProducts();
+}
+
+void Client::FollowProducts() {
+  bool isAny = false;
+  for (const auto& subscription : m_subscriptions) {
+    isAny |= subscription->AddNamedSegments();
+  }
+  if (isAny && !m_isPaused) {
+    StartPrices();
   }
 }
 

@@ -35,7 +35,8 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // Takes in what has come besides prices, and sends what is due. To be called several times a second.
+  // Takes in what has come besides prices, and sends what is due. To be called several times a second. Throws
+  // lbm::LbmError when prices of further segments cannot be received.
   void Work(Clock::time_point now);
 
   // The next command that Work has taken in; each must be answered.
@@ -58,6 +59,7 @@ class Client {
   void Stop();
 
  private:
+  void FollowProducts();
   void TakeInMail(Clock::time_point now);
   void TakeInCommand(const lbm::Message& message);
   void StartPrices();

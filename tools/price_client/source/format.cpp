@@ -28,6 +28,10 @@ std::string FormatLatency(std::uint64_t nanoseconds) {
   return fmt::format("{:.{}f} {}", value, value < 9.995 ? 2 : value < 99.95 ? 1 : 0, kUnits[unit]);
 }
 
+std::string QuantileText(const LatencyHistogram& latencies, double fraction) {
+  return latencies.Count() > 0 ? FormatLatency(latencies.Quantile(fraction)) : "-";
+}
+
 std::string FormatDuration(double seconds) {
   const auto whole = static_cast<std::uint64_t>(std::clamp(seconds, 0.0, 1e15));
   return fmt::format("{:02}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "latency_histogram.h"
+
 namespace price_client {
 
 // 1234567 as "1,234,567".
@@ -13,6 +15,9 @@ std::string FormatCount(std::uint64_t count);
 // Nanoseconds with a fitting unit and about three digits: "850 ns", "1.25 us",
 // "12.5 ms", "3.00 s".
 std::string FormatLatency(std::uint64_t nanoseconds);
+
+// A quantile of latencies in that form; "-" when there are none.
+std::string QuantileText(const LatencyHistogram& latencies, double fraction);
 
 // Seconds as "01:02:05"; hours may have more digits. What is negative counts as 0.
 std::string FormatDuration(double seconds);

@@ -13,6 +13,18 @@ void LatencyHistogram::Add(const LatencyHistogram& other) {
   m_max = std::max(m_max, other.m_max);
 }
 
+LatencyHistogram LatencyHistogram::Since(const LatencyHistogram& earlier) const {
+  LatencyHistogram difference;
+  for (std::size_t i = 0; i < m_counts.size(); ++i) {
+    difference.m_counts[i] = m_counts[i] - earlier.m_counts[i];
+    if (difference.m_counts[i] > 0) {
+      difference.m_max = std::min(LatencyBuckets::Highest(i), m_max);
+    }
+  }
+  difference.m_total = m_total - earlier.m_total;
+  return difference;
+}
+
 std::uint64_t LatencyHistogram::Quantile(double fraction) const {
   if (m_total == 0) {
     return 0;

@@ -48,6 +48,9 @@ class LatencyHistogram {
 
   void Add(const LatencyHistogram& other);
 
+  // What was recorded since then, when earlier was a copy of this one. Its maximum is that of a bucket.
+  LatencyHistogram Since(const LatencyHistogram& earlier) const;
+
   std::uint64_t Count() const { return m_total; }
   std::uint64_t Max() const { return m_max; }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "format.h"
+#include "hint.h"
 #include "server_text.h"
 
 namespace price_client {
@@ -40,14 +41,14 @@ std::string StateChange(const InstanceSnapshot& now) {
 
 std::string ProgressLine(const InstanceSnapshot& instance, double elapsedSeconds) {
   const auto& latency = instance.totals.latency;
+  const auto& recent = instance.recentLatency;
   return fmt::format(
       "{:8.1f}s {} {} segments={}/{} updates={} rate={:.0f}/s gaps={} "
-      "missed={} lost={} p50={} p99={} products={} rfqs={} news={}\n",
+      "missed={} lost={} p50={} p99={} p50_10s={} p99_10s={} products={} rfqs={} news={}\n",
       elapsedSeconds, instance.name, NameOf(instance.state), instance.liveSegments, instance.segments,
       instance.totals.updates, instance.currentRate, instance.totals.gaps, instance.totals.missed, instance.totals.lost,
-      latency.Count() > 0 ? FormatLatency(latency.Quantile(0.5)) : "-",
-      latency.Count() > 0 ? FormatLatency(latency.Quantile(0.99)) : "-", instance.notices.products.size(),
-      instance.notices.rfqs, instance.notices.news);
+      QuantileText(latency, 0.5), QuantileText(latency, 0.99), QuantileText(recent, 0.5), QuantileText(recent, 0.99),
+      instance.notices.products.size(), instance.notices.rfqs, instance.notices.news);
 }
 
 std::string ChangeLines(const InstanceSnapshot& before, const InstanceSnapshot& now, double elapsedSeconds) {
@@ -82,8 +83,24 @@ std::string ChangeLines(const InstanceSnapshot& before, const InstanceSnapshot& 
   if (now.notices.products.size() != before.notices.products.size()) {
     add(fmt::format("products: {}", now.notices.products.size()));
   }
+  if (now.unreceivedSegments.size() > before.unreceivedSegments.size()) {
+    add(SegmentsText(now));
+  }
+  if (now.totals.untracked > 0 && before.totals.untracked == 0) {
+    add(UntrackedText(now));
+  }
   if (now.notices.news > before.notices.news && now.notices.lastNews) {
     add("news: " + now.notices.lastNews->headline);
+  }
+  return text;
+}
+
+std::string HintLines(const Snapshot& snapshot) {
+  std::string text;
+  for (const auto& instance : snapshot.instances) {
+    if (const auto hint = HintFor(instance, snapshot.client); !hint.empty()) {
+      text += fmt::format("{:8.1f}s {} nothing yet: {}\n", snapshot.elapsedSeconds, instance.name, hint);
+    }
   }
   return text;
 }

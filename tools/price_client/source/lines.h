@@ -16,4 +16,7 @@ std::string ProgressLine(const InstanceSnapshot& instance, double elapsedSeconds
 std::string ChangeLines(const InstanceSnapshot& before, const InstanceSnapshot& now, double elapsedSeconds);
 std::string ChangeLines(const ClientSnapshot& before, const ClientSnapshot& now, double elapsedSeconds);
 
+// What to look at, for each instance of which nothing has come.
+std::string HintLines(const Snapshot& snapshot);
+
 }  // namespace price_client

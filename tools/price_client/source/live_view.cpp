@@ -7,9 +7,13 @@
 #include <cmath>
 #include <span>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "cli/table.h"
 #include "format.h"
+#include "hint.h"
+#include "instance_monitor.h"
 #include "server_text.h"
 
 namespace price_client {
@@ -127,11 +131,6 @@ void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
   if (totals.malformed > 0) {
     frame.Add(fmt::format("  malformed {}", FormatCount(totals.malformed)), Style::kRed);
   }
-  // Last, as the faults matter more where the line is cut.
-  if (totals.latency.Count() > 0) {
-    frame.Add(fmt::format("  p50 {}  p99 {}", FormatLatency(totals.latency.Quantile(0.5)),
-                          FormatLatency(totals.latency.Quantile(0.99))));
-  }
   frame.EndLine();
 }
 
@@ -146,6 +145,15 @@ Style StyleOfServer(const InstanceSnapshot& instance) {
     return Style::kRed;
   }
   return instance.status->last.state == feed::ServerState::kClosing ? Style::kYellow : Style::kPlain;
+}
+
+// Short enough for 60 columns.
+void AddLatency(Frame& frame, const InstanceSnapshot& instance) {
+  const auto& all = instance.totals.latency;
+  const auto& recent = instance.recentLatency;
+  frame.Add(fmt::format("  10 s p50 {} p99 {}", QuantileText(recent, 0.5), QuantileText(recent, 0.99)));
+  frame.Add(fmt::format("  all p50 {} p99 {}", QuantileText(all, 0.5), QuantileText(all, 0.99)), Style::kDim);
+  frame.EndLine();
 }
 
 // What the server tells besides prices.
@@ -170,15 +178,18 @@ Style StyleOfMove(const SymbolSnapshot& symbol) {
 // Wide enough for most prices from the start, so that the columns stay where they are as prices change.
 void AddSymbols(Frame& frame, std::span<const SymbolSnapshot> symbols) {
   cli::Table table(1, {8, 11, 9, 8, 10, 11});
+  table.Add({"symbol", "price", "change", "change %", "date", "updates"});
   for (const auto& symbol : symbols) {
     table.Add({std::string(symbol.symbol.View()), symbol.price.ToString(), fmt::format("{:+.2f}", symbol.Change()),
-               fmt::format("{:+.2f}%", symbol.ChangePercent()), feed::ToString(symbol.date),
+               fmt::format("{:+.2f}", symbol.ChangePercent()), feed::ToString(symbol.date),
                FormatCount(symbol.updates)});
   }
   const auto rows = table.Aligned();
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    const auto move = StyleOfMove(symbols[i]);
-    const std::array styles{Style::kPlain, Style::kPlain, move, move, Style::kDim, Style::kDim};
+    const bool isHeading = i == 0;
+    const auto move = isHeading ? Style::kDim : StyleOfMove(symbols[i - 1]);
+    const auto value = isHeading ? Style::kDim : Style::kPlain;
+    const std::array styles{value, value, move, move, Style::kDim, Style::kDim};
     for (std::size_t column = 0; column < styles.size(); ++column) {
       frame.Add(cli::Table::kGap).Add(rows[i][column], styles[column]);
     }
@@ -186,39 +197,85 @@ void AddSymbols(Frame& frame, std::span<const SymbolSnapshot> symbols) {
   }
 }
 
+// What there is beside an instance's own row.
+class Details {
+ public:
+  Details(const InstanceSnapshot& instance, const Snapshot& snapshot) : m_instance(instance) {
+    if (const auto segments = SegmentsText(instance); !segments.empty()) {
+      m_warnings.push_back({segments, Style::kRed});
+    }
+    if (const auto hint = HintFor(instance, snapshot.client);
+        !hint.empty() && snapshot.elapsedSeconds >= kSecondsBeforeHint) {
+      m_warnings.push_back({ToAscii(hint), Style::kYellow});
+    }
+  }
+
+  unsigned Rows() const { return (IsSeen() ? 2U : 0U) + static_cast<unsigned>(m_warnings.size()); }
+
+  void AddTo(Frame& frame) const {
+    if (IsSeen()) {
+      AddServer(frame, m_instance);
+      AddLatency(frame, m_instance);
+    }
+    for (const auto& [text, style] : m_warnings) {
+      frame.Add("  " + text, style).EndLine();
+    }
+  }
+
+ private:
+  bool IsSeen() const { return m_instance.state != InstanceState::kNeverSeen; }
+
+  const InstanceSnapshot& m_instance;
+  std::vector<std::pair<std::string, Style>> m_warnings;
+};
+
+void AddUnlisted(Frame& frame, std::size_t hidden, std::uint64_t untracked) {
+  if (frame.RowsLeft() == 0 || (hidden == 0 && untracked == 0)) {
+    return;
+  }
+  if (hidden > 0) {
+    frame.Add(fmt::format("  {} more symbols; a taller window shows them", hidden), Style::kDim);
+  }
+  if (untracked > 0) {
+    frame.Add(fmt::format("  {} updates of symbols beyond the first {}", FormatCount(untracked),
+                          FormatCount(InstanceMonitor::kMaxSymbols)),
+              Style::kYellow);
+  }
+  frame.EndLine();
+}
+
 }  // namespace
 
 std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) {
+  constexpr unsigned kHeadingRows = 1;
   Frame frame(size, colour);
   AddHeader(frame, snapshot);
-  // Every instance gets a row before any gets one for what its server tells, and those come before rows for symbols;
-  // one row is kept for what is hidden.
-  const bool withServers = frame.RowsLeft() > 2 * snapshot.instances.size();
-  const auto hasServerRow = [&](const InstanceSnapshot& instance) {
-    return withServers && instance.state != InstanceState::kNeverSeen;
-  };
-  auto kept = 1U;
+  // Every instance gets its row before any gets those for details, and these come before rows for symbols; one row is
+  // kept for what is hidden.
+  std::vector<Details> details;
+  auto detailRows = 0U;
   for (const auto& instance : snapshot.instances) {
-    kept += hasServerRow(instance) ? 2 : 1;
+    detailRows += details.emplace_back(instance, snapshot).Rows();
   }
+  const bool withDetails = frame.RowsLeft() > snapshot.instances.size() + detailRows;
+  auto kept = static_cast<unsigned>(1 + snapshot.instances.size() + (withDetails ? detailRows : 0));
   std::size_t hidden = 0;
-  for (const auto& instance : snapshot.instances) {
-    if (frame.RowsLeft() == 0) {
-      break;
-    }
+  for (std::size_t i = 0; i < snapshot.instances.size() && frame.RowsLeft() > 0; ++i) {
+    const auto& instance = snapshot.instances[i];
     AddInstance(frame, instance);
-    if (hasServerRow(instance)) {
-      AddServer(frame, instance);
+    --kept;
+    if (withDetails) {
+      details[i].AddTo(frame);
+      kept -= details[i].Rows();
     }
-    kept -= hasServerRow(instance) ? 2 : 1;
-    const auto room = frame.RowsLeft() > kept ? frame.RowsLeft() - kept : 0;
+    const auto room = frame.RowsLeft() > kept + kHeadingRows ? frame.RowsLeft() - kept - kHeadingRows : 0;
     const auto shown = std::min<std::size_t>(room, instance.symbols.size());
-    AddSymbols(frame, std::span(instance.symbols).first(shown));
+    if (shown > 0) {
+      AddSymbols(frame, std::span(instance.symbols).first(shown));
+    }
     hidden += instance.symbols.size() - shown;
   }
-  if (hidden > 0 && frame.RowsLeft() > 0) {
-    frame.Add(fmt::format("  {} more symbols; a taller window shows them", hidden), Style::kDim).EndLine();
-  }
+  AddUnlisted(frame, hidden, snapshot.Total().untracked);
   return std::move(frame).Finish();
 }
 

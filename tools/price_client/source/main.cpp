@@ -1,12 +1,12 @@
 // price_client: receives from price-server instances and shows what arrives.
 
-#include <iostream>
-
 #include "cli/command_line.h"
 #include "cli/signal_wait.h"
 #include "client.h"
+#include "hint.h"
 #include "options.h"
 #include "rate_meter.h"
+#include "server_text.h"
 #include "summary_json.h"
 #include "summary_table.h"
 #include "view.h"
@@ -15,15 +15,21 @@
 namespace price_client {
 namespace {
 
+constexpr const char* kName = "price_client";
+
 cli::ExitCode Judge(const Options& options, const Snapshot& snapshot) {
   auto code = cli::ExitCode::kOk;
-  const auto complain = [&code](const std::string& what) {
-    std::cerr << "price_client: " << what << std::endl;
-    code = cli::ExitCode::kUnsatisfied;
+  const auto complain = [&code](const std::string& what, bool isFailure = true) {
+    cli::Complain(kName, what);
+    code = isFailure ? cli::ExitCode::kUnsatisfied : code;
   };
   for (const auto& instance : snapshot.instances) {
     if (instance.totals.updates == 0) {
-      complain("nothing received from " + instance.name);
+      const auto hint = HintFor(instance, snapshot.client);
+      complain("nothing received from " + instance.name + (hint.empty() ? hint : ": " + hint));
+    }
+    if (const auto what = SegmentsText(instance); !what.empty()) {
+      complain(instance.name + ' ' + what + "; --segments auto does", options.strict);
     }
     if (options.strict && instance.totals.HasGap()) {
       complain("gap in the updates of " + instance.name);
@@ -51,7 +57,7 @@ cli::ExitCode Run(int argc, const char* const* argv) {
     endedByCommand = Watch(*options, client, signals, *view, rates).Run();
   }
   if (endedByCommand) {
-    std::cerr << "price_client: ended by a command" << std::endl;
+    cli::Complain(kName, "ended by a command");
   }
   client.Stop();
   const auto end = RateMeter::Clock::now();
@@ -64,5 +70,5 @@ cli::ExitCode Run(int argc, const char* const* argv) {
 }  // namespace price_client
 
 int main(int argc, char** argv) {
-  return cli::RunTool("price_client", [argc, argv] { return price_client::Run(argc, argv); });
+  return cli::RunTool(price_client::kName, [argc, argv] { return price_client::Run(argc, argv); });
 }

@@ -1,10 +1,12 @@
 #include "options.h"
 
+#include <fmt/format.h>
 #include <pwd.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 
 #include "cli/command_line.h"
@@ -16,8 +18,11 @@ namespace price_client {
 namespace {
 
 constexpr const char* kFooter =
-    "Exit codes: 0 ended in order, 1 an instance delivered nothing or, with --strict, a gap was seen, 2 the command\n"
-    "line or the configuration file is not usable, 3 something failed while running.\n"
+    "Exit codes: 0 ended in order, 1 an instance delivered nothing or, with --strict, a gap was seen or a product is "
+    "of a\n"
+    "segment that is not received, 2 the command line or the configuration file is not usable, 3 something failed "
+    "while\n"
+    "running.\n"
     "Ctrl-C, or the command \"quit\", ends in order. LBM_RUNTIME_DIR names the directory in which servers and clients "
     "meet.";
 
@@ -42,6 +47,25 @@ void CheckIdentity(const Options& options) {
   }
 }
 
+void AddSegments(CLI::App& app, Options& options) {
+  constexpr const char* kAuto = "auto";
+  const auto set = [&options](const std::string& text) {
+    options.segments.reset();
+    if (text != kAuto) {
+      options.segments = static_cast<unsigned short>(std::stoul(text));
+    }
+  };
+  const auto check = [number = cli::WholeNumber(1, feed::kMaxSegments)](std::string& text) {
+    const auto complaint = text == kAuto ? std::string() : number(text);
+    return complaint.empty() ? complaint : complaint + ", nor \"" + kAuto + '"';
+  };
+  app.add_option_function<std::string>("--segments", set,
+                                       "Segments of every instance; auto: those that its products name")
+      ->check(CLI::Validator(check, ""))
+      ->type_name(fmt::format("1..{}|{}", feed::kMaxSegments, kAuto))
+      ->default_str("1");
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli::Output& output) {
@@ -50,22 +74,21 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
 
   CLI::App app("Receives prices from price-server instances.", "price_client");
   app.footer(kFooter);
-  app.add_option("--config", options.configFile, "Configuration file (XML)")->required()->type_name("FILE");
+  app.add_option("--config", options.configFile, "Configuration file (XML); default: all its defaults")
+      ->type_name("FILE");
   app.add_option("--instance", instances, "Server instance to receive from; may be repeated")
       ->required()
       ->type_name("MARKET:SUBMARKET:NODE[:NAME]");
-  app.add_option("--segments", options.segments, "Segments of every instance")
-      ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
-      ->type_name("1.." + std::to_string(feed::kMaxSegments))
-      ->capture_default_str();
+  AddSegments(app, options);
   cli::AddSecondsOption(app, "--seconds", options.seconds, "End after this many seconds");
   app.add_option("--count", options.count, "End after at least this many updates")
-      ->check(cli::NumberUpTo(1e18))
+      ->check(cli::WholeNumber(0, cli::kMaxCount))
       ->type_name("N");
   app.add_flag("--json", options.json, "Print nothing but the summary, as one JSON document");
   app.add_flag("--quiet", options.quiet, "Print nothing but the summary");
   app.add_flag("--plain", options.plain, "Print lines on a terminal, too, instead of the live view");
-  app.add_flag("--strict", options.strict, "A gap makes the exit code 1");
+  app.add_flag("--strict", options.strict,
+               "A gap, or a product of a segment that is not received, makes the exit code 1");
   app.add_option("--client-id", options.clientID, "Name by which commands reach this client; default: USER-PROCESS")
       ->type_name("ID");
   app.add_option("--host", options.host, "Name by which commands reach all clients of a machine; default: its own")
@@ -76,7 +99,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
                  "Name of the messaging context; with one, the client answers no triage requests")
       ->type_name("NAME");
   app.add_option("--cpu", options.cpu, "CPU that the dispatch thread is pinned to")
-      ->check(CLI::NonNegativeNumber.description(""))
+      ->check(cli::WholeNumber(0, std::numeric_limits<int>::max()))
       ->type_name("N");
   app.add_flag("--onload", options.onload, "Let the dispatch thread spin when the kernel bypass is present");
   cli::AddCommonOptions(app);

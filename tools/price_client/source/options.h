@@ -13,9 +13,9 @@
 namespace price_client {
 
 struct Options {
-  std::string configFile;
+  std::string configFile;  // empty: none, all defaults
   std::vector<ps_ns::ServerInstance> instances;
-  unsigned short segments = 1;
+  std::optional<unsigned short> segments = 1;  // of every instance; none: those that its products name
   std::optional<std::chrono::duration<double>> seconds;
   std::optional<std::uint64_t> count;
   bool json = false;

@@ -62,6 +62,14 @@ double Snapshot::CurrentRate() const {
   return rate;
 }
 
+LatencyHistogram Snapshot::RecentLatency() const {
+  LatencyHistogram latency;
+  for (const auto& instance : instances) {
+    latency.Add(instance.recentLatency);
+  }
+  return latency;
+}
+
 std::size_t Snapshot::AliveInstances() const {
   return static_cast<std::size_t>(std::count_if(
       instances.begin(), instances.end(), [](const InstanceSnapshot& instance) { return IsAlive(instance.state); }));

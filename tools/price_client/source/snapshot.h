@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -90,9 +91,11 @@ struct InstanceSnapshot : PricesSnapshot {
   std::string name;
   InstanceState state = InstanceState::kNeverSeen;
   unsigned segments = 0;
-  double currentRate = 0;                // updates a second, over the last one
-  std::optional<StatusSnapshot> status;  // the last one since the instance came up last
-  NoticesSnapshot notices;               // malformed and lost are part of the totals as well
+  double currentRate = 0;                 // updates a second, over the last one
+  std::optional<StatusSnapshot> status;   // the last one since the instance came up last
+  NoticesSnapshot notices;                // malformed and lost are part of the totals as well
+  LatencyHistogram recentLatency;         // over the last 10 s
+  std::set<unsigned> unreceivedSegments;  // that products name, and that are not received
 
   // The server is gone, and has said before that it would go.
   bool HasClosedInOrder() const {
@@ -104,6 +107,7 @@ struct InstanceSnapshot : PricesSnapshot {
 struct ClientSnapshot {
   std::string id;
   std::string host;
+  std::string directory;  // in which servers are looked for; empty when the messaging library has none
   bool isPaused = false;
   std::uint64_t commands = 0;           // that could be read
   std::uint64_t malformedCommands = 0;  // messages on the command topics that could not
@@ -119,6 +123,8 @@ struct Snapshot {
 
   // Updates a second of all instances, over the last one.
   double CurrentRate() const;
+
+  LatencyHistogram RecentLatency() const;
 
   // Instances that are up or back.
   std::size_t AliveInstances() const;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "feed/client_response.h"
+#include "feed/instance_text.h"
 #include "feed/price_message.h"
 #include "feed/server_status.h"
 
@@ -16,14 +17,18 @@ std::string_view ContentOf(const lbm::Message& message) { return {message.Data()
 }  // namespace
 
 Subscription::Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbox, std::size_t index,
-                           const ps_ns::ServerInstance& instance, unsigned short segments, Clock::duration maxSilence)
+                           const ps_ns::ServerInstance& instance, std::optional<unsigned short> segments,
+                           Clock::duration maxSilence)
     : m_manager(manager),
       m_mailbox(mailbox),
       m_index(index),
       m_instance(instance),
-      m_segments(segments),
-      m_monitor(segments),
+      m_followsProducts(!segments),
+      m_monitor(segments.value_or(feed::kMaxSegments)),
       m_life(maxSilence) {
+  for (unsigned short segment = 0; segment < segments.value_or(1); ++segment) {
+    m_segments.insert(segment);
+  }
   m_prices.symbols.reserve(InstanceMonitor::kMaxSymbols);  // so that the dispatch thread takes no memory for it
   const auto post = [this](Mail::Kind kind) {
     return [this, kind](lbm::Message message) { Post(kind, std::move(message)); };
@@ -40,13 +45,15 @@ Subscription::Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbo
 }
 
 void Subscription::StartPrices() {
-  std::vector<ps_ns::ReceiverPtr> receivers;
-  for (unsigned short segment = 0; segment < m_segments; ++segment) {
-    std::string topicName;
-    receivers.push_back(m_manager.CreateClientDataReceiver(
-        m_instance, segment, [this, segment](const lbm::Message& message) { TakePrice(segment, message); }, topicName));
+  for (const auto segment : m_segments) {
+    if (!m_priceReceivers.contains(segment)) {
+      std::string topicName;
+      auto receiver = m_manager.CreateClientDataReceiver(
+          m_instance, segment, [this, segment](const lbm::Message& message) { TakePrice(segment, message); },
+          topicName);
+      m_priceReceivers.emplace(segment, std::move(receiver));
+    }
   }
-  m_priceReceivers = std::move(receivers);
 }
 
 void Subscription::StopPrices() {
@@ -163,6 +170,18 @@ void Subscription::TakeNotice(Mail::Kind kind, std::string_view bytes) {
   m_notices.TakeNews(bytes);
 }
 
+bool Subscription::AddNamedSegments() {
+  const auto before = m_segments.size();
+  if (m_followsProducts) {
+    for (const auto& product : m_notices.Read().products) {
+      if (product.segment < feed::kMaxSegments) {
+        m_segments.insert(product.segment);
+      }
+    }
+  }
+  return m_segments.size() > before;
+}
+
 void Subscription::Pursue(Clock::time_point now) {
   if (m_life.State() == InstanceState::kGone) {
     m_inquiry->End();
@@ -176,10 +195,15 @@ void Subscription::Pursue(Clock::time_point now) {
 InstanceSnapshot Subscription::Read(Clock::time_point now) const {
   InstanceSnapshot snapshot{m_prices};
   snapshot.name = m_instance.ToString();
-  snapshot.segments = m_segments;
+  snapshot.segments = static_cast<unsigned>(m_segments.size());
   snapshot.state = m_life.State();
   snapshot.status = m_life.Status(now);
   snapshot.notices = m_notices.Read();
+  for (const auto& product : snapshot.notices.products) {
+    if (!m_segments.contains(product.segment)) {
+      snapshot.unreceivedSegments.insert(product.segment);
+    }
+  }
   snapshot.totals.malformed += snapshot.notices.malformed;
   snapshot.totals.lost += snapshot.notices.lost;
   return snapshot;

@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "instance_monitor.h"
@@ -25,13 +27,14 @@ class Subscription {
   using Clock = ServerLife::Clock;
 
   // Prices are not received yet. index names the instance in its mail. manager and mailbox have to outlive it. Throws
-  // lbm::LbmError.
+  // lbm::LbmError. Without a number of segments: the first one, and those that products name.
   Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbox, std::size_t index,
-               const ps_ns::ServerInstance& instance, unsigned short segments, Clock::duration maxSilence);
+               const ps_ns::ServerInstance& instance, std::optional<unsigned short> segments,
+               Clock::duration maxSilence);
 
   // ---- For the dispatch thread, or when there is none any more ----
 
-  // Throws lbm::LbmError; then no prices are received.
+  // Receives prices of those segments that are not received yet. Throws lbm::LbmError.
   void StartPrices();
 
   // No prices arrive when it returns. What mail there is by then has to be taken in before PricesStopped.
@@ -45,6 +48,10 @@ class Subscription {
   void PricesStopped() { m_life.PricesDropped(); }
 
   void TakeIn(const Mail& mail, Clock::time_point now);
+
+  // Makes those segments that products name, if the subscription is for these, part of what StartPrices receives.
+  // Returns whether there were new ones. Not to run at the same time as that.
+  bool AddNamedSegments();
 
   // To be called now and then, when the mail has been taken in: asks for products when it is time.
   void Pursue(Clock::time_point now);
@@ -66,11 +73,12 @@ class Subscription {
   Mailbox& m_mailbox;
   const std::size_t m_index;
   const ps_ns::ServerInstance m_instance;
-  const unsigned short m_segments;
+  const bool m_followsProducts;
+  std::set<unsigned short> m_segments;
 
   // The dispatch thread's.
   InstanceMonitor m_monitor;
-  std::vector<ps_ns::ReceiverPtr> m_priceReceivers;
+  std::map<unsigned short, ps_ns::ReceiverPtr> m_priceReceivers;  // by segment
 
   PricesSnapshot m_prices;
   ServerLife m_life;

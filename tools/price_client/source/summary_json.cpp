@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "quantiles.h"
@@ -9,20 +10,31 @@
 namespace price_client {
 namespace {
 
-nlohmann::ordered_json ToJson(const Totals& totals) {
-  nlohmann::ordered_json json{
-      {"updates", totals.updates},     {"rate", totals.Rate()},         {"gaps", totals.gaps},
-      {"missed", totals.missed},       {"lost", totals.lost},           {"restarts", totals.restarts},
-      {"malformed", totals.malformed}, {"untracked", totals.untracked}, {"latency_ns", nullptr},
-  };
-  if (totals.latency.Count() > 0) {
-    auto& latency = json["latency_ns"] = nlohmann::ordered_json::object();
-    for (const auto& quantile : kQuantiles) {
-      latency[quantile.key] = totals.latency.Quantile(quantile.fraction);
-    }
-    latency["max"] = totals.latency.Max();
+nlohmann::ordered_json ToJson(const LatencyHistogram& latencies) {
+  if (latencies.Count() == 0) {
+    return nullptr;
   }
+  auto json = nlohmann::ordered_json::object();
+  for (const auto& quantile : kQuantiles) {
+    json[quantile.key] = latencies.Quantile(quantile.fraction);
+  }
+  json["max"] = latencies.Max();
   return json;
+}
+
+nlohmann::ordered_json ToJson(const Totals& totals, const LatencyHistogram& recentLatency) {
+  return {
+      {"updates", totals.updates},
+      {"rate", totals.Rate()},
+      {"gaps", totals.gaps},
+      {"missed", totals.missed},
+      {"lost", totals.lost},
+      {"restarts", totals.restarts},
+      {"malformed", totals.malformed},
+      {"untracked", totals.untracked},
+      {"latency_ns", ToJson(totals.latency)},
+      {"latency_10s_ns", ToJson(recentLatency)},
+  };
 }
 
 nlohmann::ordered_json ToJson(const SymbolSnapshot& symbol) {
@@ -42,9 +54,12 @@ nlohmann::ordered_json ToJson(const feed::ProductInfo& product) {
   };
 }
 
+// Identifiers of 64 bits are texts: many readers of JSON keep no more than 53 bits of a number.
 nlohmann::ordered_json ToJson(const feed::RequestForQuote& rfq) {
-  return {
-      {"id", rfq.id}, {"time", feed::ToString(rfq.time)}, {"symbol", rfq.symbol.View()}, {"quantity", rfq.quantity}};
+  return {{"id", std::to_string(rfq.id)},
+          {"time", feed::ToString(rfq.time)},
+          {"symbol", rfq.symbol.View()},
+          {"quantity", rfq.quantity}};
 }
 
 nlohmann::ordered_json ToJson(const feed::News& news) {
@@ -54,7 +69,7 @@ nlohmann::ordered_json ToJson(const feed::News& news) {
 nlohmann::ordered_json ToJson(const StatusSnapshot& status) {
   return {
       {"state", feed::ToString(status.last.state)},
-      {"session", status.last.session},
+      {"session", std::to_string(status.last.session)},
       {"uptime_seconds", status.last.uptime.count()},
       {"updates_sent", status.last.updatesSent},
       {"age_seconds", status.ageSeconds},
@@ -91,11 +106,12 @@ nlohmann::ordered_json ToJson(const std::vector<T>& values) {
 }
 
 nlohmann::ordered_json ToJson(const InstanceSnapshot& instance) {
-  auto json = ToJson(instance.totals);
+  auto json = ToJson(instance.totals, instance.recentLatency);
   json["instance"] = instance.name;
   json["state"] = NameOf(instance.state);
   json["segments"] = instance.segments;
   json["live_segments"] = instance.liveSegments;
+  json["unreceived_segments"] = instance.unreceivedSegments;
   json["status"] = ToJson(instance.status);
   json["closed_in_order"] = instance.HasClosedInOrder();
   json["products"] = ToJson(instance.notices.products);
@@ -112,7 +128,7 @@ nlohmann::ordered_json ToJson(const InstanceSnapshot& instance) {
 std::string SummaryJson(const Snapshot& snapshot) {
   const nlohmann::ordered_json document{{"seconds", snapshot.elapsedSeconds},
                                         {"client", ToJson(snapshot.client)},
-                                        {"total", ToJson(snapshot.Total())},
+                                        {"total", ToJson(snapshot.Total(), snapshot.RecentLatency())},
                                         {"instances", ToJson(snapshot.instances)}};
   return document.dump(2) + '\n';
 }

@@ -13,6 +13,8 @@
 namespace price_client {
 namespace {
 
+constexpr double kRecentSeconds = 10;
+
 using Row = cli::Table::Row;
 
 Row PricesRow(const std::string& name, const std::string& state, const Totals& totals) {
@@ -27,12 +29,11 @@ Row PricesRow(const std::string& name, const std::string& state, const Totals& t
 }
 
 Row LatencyRow(const std::string& name, const LatencyHistogram& latency) {
-  const bool any = latency.Count() > 0;
   Row row{name};
   for (const auto& quantile : kQuantiles) {
-    row.push_back(any ? FormatLatency(latency.Quantile(quantile.fraction)) : "-");
+    row.push_back(QuantileText(latency, quantile.fraction));
   }
-  row.push_back(any ? FormatLatency(latency.Max()) : "-");
+  row.push_back(latency.Count() > 0 ? FormatLatency(latency.Max()) : "-");
   return row;
 }
 
@@ -40,6 +41,15 @@ Row ServerRow(const InstanceSnapshot& instance) {
   const auto& notices = instance.notices;
   return {instance.name, ServerText(instance), FormatCount(notices.products.size()), FormatCount(notices.rfqs),
           FormatCount(notices.news)};
+}
+
+Row LatencyHeadings(const char* what) {
+  Row headings{what};
+  for (const auto& quantile : kQuantiles) {
+    headings.emplace_back(quantile.heading);
+  }
+  headings.emplace_back("max");
+  return headings;
 }
 
 std::string NewsAndProducts(const InstanceSnapshot& instance) {
@@ -57,6 +67,11 @@ std::string NewsAndProducts(const InstanceSnapshot& instance) {
     }
     text += '\n';
   }
+  for (const auto& what : {SegmentsText(instance), UntrackedText(instance)}) {
+    if (!what.empty()) {
+      text += instance.name + ' ' + what + '\n';
+    }
+  }
   if (notices.lastNews) {
     text += fmt::format("{} last news: {}\n", instance.name, notices.lastNews->headline);
   }
@@ -68,29 +83,30 @@ std::string NewsAndProducts(const InstanceSnapshot& instance) {
 std::string SummaryTable(const Snapshot& snapshot) {
   cli::Table prices(2);
   cli::Table latencies(1);
+  cli::Table recentLatencies(1);
   cli::Table servers(2);
   prices.Add({"prices", "state", "updates", "rate/s", "gaps", "missed", "lost", "restarts"});
-  Row headings{"latency"};
-  for (const auto& quantile : kQuantiles) {
-    headings.emplace_back(quantile.heading);
-  }
-  headings.emplace_back("max");
-  latencies.Add(headings);
+  latencies.Add(LatencyHeadings("latency"));
+  recentLatencies.Add(LatencyHeadings("last 10 s"));
   servers.Add({"server", "status", "products", "RFQs", "news"});
   std::string notices;
   for (const auto& instance : snapshot.instances) {
     prices.Add(PricesRow(instance.name, NameOf(instance.state), instance.totals));
     latencies.Add(LatencyRow(instance.name, instance.totals.latency));
+    recentLatencies.Add(LatencyRow(instance.name, instance.recentLatency));
     servers.Add(ServerRow(instance));
     notices += NewsAndProducts(instance);
   }
   const auto total = snapshot.Total();
   prices.Add(PricesRow("total", "", total));
   latencies.Add(LatencyRow("total", total.latency));
+  recentLatencies.Add(LatencyRow("total", snapshot.RecentLatency()));
   if (!notices.empty()) {
     notices.insert(0, 1, '\n');
   }
-  return prices.ToString() + '\n' + latencies.ToString() + '\n' + servers.ToString() + notices;
+  // Until then both say the same.
+  const auto recent = snapshot.elapsedSeconds > kRecentSeconds ? '\n' + recentLatencies.ToString() : std::string();
+  return prices.ToString() + '\n' + latencies.ToString() + recent + '\n' + servers.ToString() + notices;
 }
 
 }  // namespace price_client

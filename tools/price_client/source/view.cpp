@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "hint.h"
 #include "lines.h"
 #include "live_view.h"
 #include "terminal.h"
@@ -56,6 +57,10 @@ class Lines : public View {
       }
       m_before[i] = instance;
     }
+    if (!m_hasHinted && snapshot.elapsedSeconds >= kSecondsBeforeHint) {
+      m_hasHinted = true;
+      text += HintLines(snapshot);
+    }
     m_output.Write(text);
   }
 
@@ -66,6 +71,7 @@ class Lines : public View {
   ClientSnapshot m_clientBefore;
   std::vector<InstanceSnapshot> m_before;
   double m_nextProgress = kSecondsPerProgress;
+  bool m_hasHinted = false;
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "format.h"
+#include "hint.h"
 #include "lines.h"
 #include "live_view.h"
 #include "operator_report.h"
@@ -15,6 +16,7 @@
 namespace price_client {
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -34,6 +36,7 @@ InstanceSnapshot MakeInstance(const std::string& name, std::size_t symbols) {
   instance.totals.firstAt = 1'000'000'000;
   instance.totals.lastAt = 2'000'000'000;
   instance.totals.latency = latency;
+  instance.recentLatency = latency;
   return instance;
 }
 
@@ -61,25 +64,43 @@ TEST(LiveView, ShowsEveryInstanceAndAsManySymbolsAsFit) {
   auto snapshot = MakeSnapshot(3725, {MakeInstance("ONE", 5), MakeInstance("TWO", 30)});
   snapshot.instances[0].status = StatusSnapshot{Status(feed::ServerState::kOpen), 2, false};
   snapshot.instances[0].notices.lastNews = feed::News{{}, "Café prices up", ""};
-  const auto lines = LinesOf(RenderFrame(snapshot, {200, 15}, false));
-  ASSERT_EQ(lines.size(), 15U);
+  const auto lines = LinesOf(RenderFrame(snapshot, {200, 20}, false));
+  ASSERT_EQ(lines.size(), 20U);
   EXPECT_THAT(lines[0], HasSubstr("01:02:05"));
   EXPECT_THAT(lines[2], HasSubstr("ONE  up"));
   EXPECT_THAT(lines[3], testing::MatchesRegex("  open 01:02:05 .* Caf\\? prices up"));
-  EXPECT_THAT(lines[4], testing::MatchesRegex(" *SYM0 +99\\.50 +-0\\.50 +-0\\.50% +2000-01-31 +2"));
-  EXPECT_THAT(lines[9], HasSubstr("TWO  up"));
-  EXPECT_THAT(lines[14], HasSubstr(" 27 more symbols"));
+  EXPECT_THAT(lines[4], HasSubstr("10 s p50 1.50 us p99 1.50 us  all p50 1.50 us p99 "));
+  EXPECT_THAT(lines[5], testing::MatchesRegex(" *symbol +price +change +change % +date +updates"));
+  EXPECT_THAT(lines[6], testing::MatchesRegex(" *SYM0 +99\\.50 +-0\\.50 +-0\\.50 +2000-01-31 +2"));
+  EXPECT_EQ(lines[5].rfind("change %") + 8, lines[6].find("-0.50", lines[6].find("-0.50") + 1) + 5);
+  EXPECT_THAT(lines[11], HasSubstr("TWO  up"));
+  EXPECT_THAT(lines[19], HasSubstr(" 26 more symbols"));
+}
+
+TEST(LiveView, SaysWhatIsNotShownAndWhatToLookAtWhenNothingComes) {
+  auto snapshot = MakeSnapshot(kSecondsBeforeHint, {MakeInstance("ONE", 1), MakeInstance("NONE", 0)});
+  snapshot.client.directory = "/meet\x1b[2J";
+  snapshot.instances[0].unreceivedSegments = {2, 5};
+  snapshot.instances[0].totals.untracked = 1234;
+  snapshot.instances[1].state = InstanceState::kNeverSeen;
+  const auto frame = RenderFrame(snapshot, {200, 24}, false);
+  EXPECT_THAT(frame, AllOf(HasSubstr("products of segments 2, 5 are not received"),
+                           HasSubstr("1,234 updates of symbols beyond the first 1,024"),
+                           HasSubstr("LBM_RUNTIME_DIR (here /meet [2J)")));
+  snapshot.elapsedSeconds = 0;
+  EXPECT_THAT(RenderFrame(snapshot, {200, 24}, false), Not(HasSubstr("no such server")));
 }
 
 TEST(LiveView, KeepsColumnsInPlaceWhateverTheSymbolsLength) {
   auto instance = MakeInstance("ONE", 2);
   instance.symbols[1].symbol = feed::Symbol::Parse("TWENTY-CHARACTERS-XX").value();
   const auto lines = LinesOf(RenderFrame(MakeSnapshot(1, {instance}), {}, false));
-  EXPECT_EQ(lines[4].find("2000-01-31"), lines[5].find("2000-01-31"));
+  EXPECT_EQ(lines[6].find("2000-01-31"), lines[7].find("2000-01-31"));
 }
 
 TEST(LiveView, NeverLeavesTheScreen) {
-  const auto snapshot = MakeSnapshot(1, {MakeInstance("ONE", 5), MakeInstance("TWO", 30), MakeInstance("THREE", 1)});
+  auto snapshot = MakeSnapshot(5, {MakeInstance("ONE", 5), MakeInstance("TWO", 30), MakeInstance("THREE", 1)});
+  snapshot.instances[2].totals.updates = 0;
   for (unsigned rows = 1; rows < 45; ++rows) {
     for (const unsigned columns : {1U, 10U, 300U}) {
       const auto lines = LinesOf(RenderFrame(snapshot, {columns, rows}, false));
@@ -116,6 +137,34 @@ TEST(Lines, TellWhatChangedAndNothingElse) {
   EXPECT_THAT(text, HasSubstr("     1.0s ONE gaps: 2 more, 37 updates missed\n"));
 }
 
+TEST(Lines, TellOnceOfWhatIsNotReceivedOrNotListed) {
+  const auto before = MakeInstance("ONE", 1);
+  auto now = before;
+  now.unreceivedSegments = {1};
+  now.totals.untracked = 3;
+  EXPECT_EQ(ChangeLines(before, now, 1),
+            "     1.0s ONE products of segment 1 are not received\n"
+            "     1.0s ONE 3 updates of symbols beyond the first 1,024 are counted, and not listed\n");
+  auto later = now;
+  later.totals.untracked = 4;
+  EXPECT_EQ(ChangeLines(now, later, 2), "");
+}
+
+TEST(Hint, FitsWhatIsKnownOfTheServer) {
+  auto instance = MakeInstance("ONE", 0);
+  ClientSnapshot client;
+  EXPECT_THAT(HintFor(instance, client), HasSubstr("sends no prices"));
+  instance.liveSegments = 1;
+  EXPECT_THAT(HintFor(instance, client), HasSubstr("--segments"));
+  instance.state = InstanceState::kGone;
+  EXPECT_THAT(HintFor(instance, client), HasSubstr("ended"));
+  instance.state = InstanceState::kNeverSeen;
+  EXPECT_THAT(HintLines(MakeSnapshot(3, {instance, MakeInstance("TWO", 1)})),
+              testing::MatchesRegex("     3.0s ONE nothing yet: no such server; [^\n]*\n"));
+  client.isPaused = true;
+  EXPECT_EQ(HintFor(instance, client), "");
+}
+
 TEST(Lines, TellThatAServerClosedBeforeTheyTellThatItIsGone) {
   auto open = MakeInstance("ONE", 0);
   open.status = StatusSnapshot{Status(feed::ServerState::kOpen), 6, true};
@@ -137,17 +186,22 @@ TEST(Report, FiguresFitIntoAnAnswer) {
 TEST(Report, SaysNothingOfWhatIsNotThere) {
   auto snapshot = MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("NONE", 0)});
   snapshot.instances[0].status = StatusSnapshot{Status(feed::ServerState::kClosing), 2, true};
+  snapshot.instances[0].status->last.session = (std::uint64_t{1} << 53) + 1;
+  snapshot.instances[0].notices.lastRfq = feed::RequestForQuote{.id = ~std::uint64_t{0}};
   const auto json = nlohmann::json::parse(SummaryJson(snapshot));
   EXPECT_EQ(json["total"]["rate"], 3.0);
   EXPECT_EQ(json["instances"][0]["status"]["silent"], true);
   EXPECT_EQ(json["instances"][0]["symbols"][1]["change"], -0.5);
-  for (const char* name : {"latency_ns", "status", "last_rfq", "last_news"}) {
+  EXPECT_EQ(json["instances"][0]["status"]["session"], "9007199254740993");
+  EXPECT_EQ(json["instances"][0]["last_rfq"]["id"], "18446744073709551615");
+  EXPECT_EQ(json["total"]["latency_10s_ns"]["p50"], 1500);
+  for (const char* name : {"latency_ns", "latency_10s_ns", "status", "last_rfq", "last_news"}) {
     EXPECT_TRUE(json["instances"][1].at(name).is_null()) << name;
   }
 }
 
 TEST(Report, TablesFitATerminal) {
-  auto snapshot = MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("A-LONGER-NAME", 0)});
+  auto snapshot = MakeSnapshot(25, {MakeInstance("ONE", 2), MakeInstance("A-LONGER-NAME", 0)});
   snapshot.instances[1].totals.updates = 1'000'000'000;
   std::istringstream table(SummaryTable(snapshot));
   for (std::string row; std::getline(table, row);) {
@@ -163,6 +217,25 @@ TEST(Format, ChoosesUnitAndDigits) {
   EXPECT_EQ(FormatLatency(68'700'000'000), "68.7 s");
   EXPECT_EQ(FormatCount(999), "999");
   EXPECT_EQ(FormatCount(1'234'567), "1,234,567");
+}
+
+TEST(RateMeter, TellsTheLatencyOfTheLastTenSecondsFromThatSinceTheStart) {
+  const auto start = RateMeter::Clock::time_point();
+  RateMeter meter(start);
+  auto instance = MakeInstance("ONE", 0);
+  Snapshot snapshot;
+  // A slow update at first, and a fast one every second.
+  instance.totals.latency.Record(1'000'000);
+  for (int second = 0; second <= 11; ++second) {
+    instance.totals.latency.Record(10);
+    snapshot = meter.Measure(MakeSnapshot(0, {instance}), start + std::chrono::seconds(second));
+    if (second == 9) {
+      EXPECT_EQ(snapshot.RecentLatency().Quantile(1), 1'000'000U);
+    }
+  }
+  EXPECT_EQ(snapshot.RecentLatency().Count(), 10U);
+  EXPECT_EQ(snapshot.RecentLatency().Max(), 10U);
+  EXPECT_EQ(snapshot.Total().latency.Max(), 1'000'000U);
 }
 
 TEST(RateMeter, MeasuresOverTheLastSecond) {

@@ -4,7 +4,6 @@
 
 #include <exception>
 #include <filesystem>
-#include <iostream>
 #include <optional>
 #include <stop_token>
 #include <thread>
@@ -87,8 +86,8 @@ cli::ExitCode Run(int argc, const char* const* argv) {
   try {
     lock.emplace(LockDirectory(context), "price_server-" + options->instance.ToIdentifier());
   } catch (const InstanceRunning& error) {
-    std::cerr << "price_server: instance " << options->instance.ToString() << " is " << error.what()
-              << "; end it first, or choose another --node" << std::endl;
+    cli::Complain("price_server", "instance " + options->instance.ToString() + " is " + error.what() +
+                                      "; end it first, or choose another --node");
     return cli::ExitCode::kUnsatisfied;
   }
 

@@ -25,7 +25,7 @@ feed::Symbol SymbolFromFileName(const std::string& path) {
 
 void AddReplayOptions(CLI::App& app, Options& options, std::string& symbol) {
   app.add_option("--segments", options.segments, "Segments over which the symbols are spread")
-      ->check(CLI::Range(1U, feed::kMaxSegments).description(""))
+      ->check(cli::WholeNumber(1, feed::kMaxSegments))
       ->type_name("1.." + std::to_string(feed::kMaxSegments))
       ->capture_default_str();
   app.add_option("--prices", options.pricesFile, "Prices file (symbol,date,price or date,open,high,low,close,...)")
@@ -34,11 +34,13 @@ void AddReplayOptions(CLI::App& app, Options& options, std::string& symbol) {
   app.add_option("--symbol", symbol, "Symbol for a prices file without a symbol column; default: from the file's name")
       ->type_name("SYMBOL");
   app.add_option("--rate", options.updatesPerSecond, "Updates a second over all segments; 0: as fast as possible")
-      ->check(cli::NumberUpTo(1e9))
+      ->check(cli::Number(0, 1e9))
       ->type_name("R")
       ->capture_default_str();
   app.add_flag("--loop", options.loop, "Start over at the end of the prices file");
-  app.add_option("--count", options.count, "End after this many updates")->check(cli::NumberUpTo(1e18))->type_name("N");
+  app.add_option("--count", options.count, "End after this many updates")
+      ->check(cli::WholeNumber(0, cli::kMaxCount))
+      ->type_name("N");
   cli::AddSecondsOption(app, "--seconds", options.seconds, "End after this many seconds");
   app.add_flag("--wait-for-client", options.waitForClient,
                "Send the first update when a client has subscribed to every segment");
@@ -80,7 +82,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   CLI::App app("Replays recorded prices as one price-server instance.", "price_server");
   app.footer(kFooter);
   const auto id = [&app](const char* name, std::int16_t& value, const char* help) {
-    app.add_option(name, value, help)->required()->check(CLI::Range(0, 32767).description(""))->type_name("0..32767");
+    app.add_option(name, value, help)->required()->check(cli::WholeNumber(0, 32767))->type_name("0..32767");
   };
   id("--market", options.instance.m_marketID, "Market number");
   id("--submarket", options.instance.m_submarketID, "Submarket number");

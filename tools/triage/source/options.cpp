@@ -16,9 +16,12 @@ namespace protocol = zq::messaging::triage;
 
 constexpr const char* kFooter =
     "Exit codes: 0 everybody answered with success, 1 fewer answers than listeners or than --expect asks for, 2 the\n"
-    "command line is not usable, 3 something failed while running, 4 nobody answered, 5 somebody answered with a\n"
-    "failure. Ctrl-C ends the wait; what came by then counts.\n"
+    "command line is not usable or was not confirmed, 3 something failed while running, 4 nobody answered, 5 somebody\n"
+    "answered with a failure. Ctrl-C ends the wait; what came by then counts.\n"
     "LBM_RUNTIME_DIR names the directory in which this tool and the processes meet.";
+
+// Less time does not let those who listen announce themselves.
+constexpr double kMinTimeout = 0.1;
 
 // What the command line says of the target.
 struct Target {
@@ -71,9 +74,9 @@ void Resolve(const Target& target, Options& options) {
 }
 
 void AddWaiting(CLI::App& command, Options& options) {
-  cli::AddSecondsOption(command, "--timeout", options.timeout, "How long to wait for answers");
+  cli::AddSecondsOption(command, "--timeout", options.timeout, "How long to wait for answers", kMinTimeout);
   command.add_option("--expect", options.expected, "End as soon as so many have answered; fewer are not enough")
-      ->check(CLI::Range(1, 1'000'000).description(""))
+      ->check(cli::WholeNumber(1, 1'000'000))
       ->type_name("N");
   command.add_flag("--json", options.json, "Print one JSON document instead of the table");
 }
@@ -88,13 +91,15 @@ std::string ContextGroups() {
   return names;
 }
 
-void AddNakKill(CLI::App& command, NakKillFlags& request) {
+void AddNakKill(CLI::App& command, NakKillFlags& request, Options& options) {
   command
       .add_option("--context", request.contexts, "Contexts to switch NAKs on, by their names: see docs/operations.md")
       ->required()
       ->type_name(ContextGroups());
   auto* const enable = command.add_flag("--enable", request.enable, "Enable NAKs");
   command.add_flag("--disable", request.disable, "Disable NAKs")->excludes(enable);
+  command.add_flag("--dry-run", options.dryRun, "Show who would get the request, and send nothing");
+  command.add_flag("--yes", options.confirmed, "Address a whole environment without asking");
 }
 
 NakKill Read(const NakKillFlags& flags) {
@@ -122,7 +127,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   cli::AddCommonOptions(app);
   auto* const test = app.add_subcommand("test", "Ask for an answer and nothing else");
   auto* const nak = app.add_subcommand("nak-kill", "Switch NAKs on or off on contexts chosen by name");
-  AddNakKill(*nak, nakKill);
+  AddNakKill(*nak, nakKill, options);
   for (auto* const command : {test, nak}) {
     AddTarget(*command, target);
     AddWaiting(*command, options);
@@ -138,6 +143,10 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   }
   Resolve(target, options);
   return options;
+}
+
+bool NeedsConfirmation(const Options& options) {
+  return options.nakKill && options.dataCenter.empty() && !options.dryRun && !options.confirmed;
 }
 
 std::string TopicOf(const Options& options) {

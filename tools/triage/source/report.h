@@ -17,7 +17,7 @@ struct Report {
   std::chrono::duration<double> elapsed;
 };
 
-// A row for each answer, and a line that counts them.
+// A row for each process, and a line that counts the answers.
 std::string Table(const Report& report);
 
 // The same as one JSON document; docs/tools.md describes it.

@@ -10,7 +10,9 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include "lbm/receiver.h"
 #include "test_support/private_domain.h"
@@ -20,9 +22,8 @@ namespace triage {
 namespace {
 
 using testing::AllOf;
-using testing::Contains;
 using testing::Field;
-using testing::Not;
+using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
@@ -70,9 +71,11 @@ class EnquiryTest : public testing::Test {
  protected:
   EnquiryTest() { ::setenv("DISABLE_LBM_TRIAGE_HANDLER", "the test answers itself", 1); }
 
-  Outcome Ask(std::optional<std::size_t> expected) {
-    return Enquiry({.topic = "ASK", .requestId = "id", .data = "?"}, m_signals).Run(kLong, expected);
+  Outcome Ask(std::optional<std::size_t> expected, Enquiry::Clock::duration timeout = kLong) {
+    return Enquiry(m_question, m_signals).Run(timeout, expected);
   }
+
+  const Question m_question{.topic = "ASK", .requestId = "id", .data = "?"};
 
   const test_support::PrivateDomain m_domain;
   cli::SignalWait m_signals{SIGTERM};
@@ -88,7 +91,10 @@ TEST_F(EnquiryTest, EveryAnswerIsReadAndEndsTheWaitWhenItIsTheLastExpected) {
   const auto outcome = Ask(6);
   const auto is = [](const char* status, bool success) {
     return AllOf(Field("status", &Answer::status, status), Field("success", &Answer::success, success),
-                 Field("process", &Answer::process, StartsWith("host:")),
+                 Field("process", &Answer::process,
+                       AllOf(Field("context", &ProcessInfo::context, StartsWith("host:")),
+                             Field("number", &ProcessInfo::number, ::getpid()),
+                             Field("program", &ProcessInfo::program, "triage_test"))),
                  Field("roundTrip", &Answer::roundTrip, testing::Gt(std::chrono::nanoseconds(0))));
   };
   EXPECT_THAT(outcome.answers,
@@ -116,8 +122,10 @@ TEST_F(EnquiryTest, WhoListensAndDoesNotAnswerIsCountedAndNamedIfContextsHaveNoN
     const auto outcome = Ask(1);
     ASSERT_THAT(outcome.answers, SizeIs(1));
     EXPECT_EQ(outcome.silentCount, 1U);
-    EXPECT_THAT(outcome.silent, SizeIs(haveNames ? 0 : 1));
-    EXPECT_THAT(outcome.silent, Not(Contains(outcome.answers[0].process)));
+    ASSERT_THAT(outcome.silent, SizeIs(haveNames ? 0 : 1));
+    if (!haveNames) {
+      EXPECT_NE(outcome.silent[0].context, outcome.answers[0].process.context);
+    }
   }
 }
 
@@ -137,7 +145,80 @@ TEST_F(EnquiryTest, WhoListensLaterIsAskedTooAndNobodyCountsTwice) {
   });
   const auto outcome = Ask(2);
   ASSERT_THAT(outcome.answers, SizeIs(2));
-  EXPECT_NE(outcome.answers[0].process, outcome.answers[1].process);
+  EXPECT_NE(outcome.answers[0].process.context, outcome.answers[1].process.context);
+}
+
+TEST_F(EnquiryTest, EndsAsSoonAsAllWhoListenHaveAnswered) {
+  for (const bool haveNames : {false, true}) {
+    std::atomic_flag isOtherAsked;
+    const Listener one(
+        [&](const lbm::Message& message) {
+          isOtherAsked.wait(false);
+          Answers(0)(message);
+        },
+        haveNames ? "one" : "");
+    const Listener other(
+        [&](const lbm::Message& message) {
+          isOtherAsked.test_and_set();
+          isOtherAsked.notify_all();
+          Answers(0)(message);
+        },
+        haveNames ? "other" : "");
+    const auto start = Enquiry::Clock::now();
+    EXPECT_THAT(Ask({}).answers, SizeIs(2));
+    EXPECT_LT(Enquiry::Clock::now() - start, kLong / 2);
+  }
+}
+
+TEST_F(EnquiryTest, WhoIsAskedAndEndsIsReportedAndNotWaitedFor) {
+  std::atomic_flag isAsked;
+  std::optional<Listener> dying([&](const lbm::Message&) {
+    isAsked.test_and_set();
+    isAsked.notify_all();
+  });
+  const Listener answering([&](const lbm::Message& message) {
+    isAsked.wait(false);
+    Answers(0)(message);
+  });
+  std::jthread death([&] {
+    isAsked.wait(false);
+    dying.reset();
+  });
+  const auto outcome = Ask({});
+  EXPECT_THAT(outcome.answers, SizeIs(1));
+  EXPECT_EQ(outcome.silentCount, 1U);
+  EXPECT_THAT(outcome.silent, IsEmpty());
+  EXPECT_THAT(outcome.ended, SizeIs(1));
+}
+
+TEST_F(EnquiryTest, WhoComesAndGoesAllTheTimeDoesNotKeepItFromAsking) {
+  const Listener steady(Answers(0));
+  std::jthread passing([](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      const Listener brief([](const lbm::Message&) {});
+    }
+  });
+  EXPECT_THAT(Ask(100, std::chrono::seconds(2)).answers, SizeIs(1));
+}
+
+TEST_F(EnquiryTest, AShortTimeoutLeavesTimeToAsk) {
+  const Listener listener(Answers(0));
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    if (!Ask({}, std::chrono::milliseconds(100)).answers.empty()) {
+      return;
+    }
+  }
+  FAIL() << "nobody was asked within 100 ms";
+}
+
+TEST_F(EnquiryTest, LookingFindsWhoListensAndAsksNobody) {
+  std::atomic<int> requests = 0;
+  const auto count = [&](const lbm::Message&) { ++requests; };
+  const Listener one(count);
+  const Listener two(count);
+  EXPECT_THAT(Enquiry(m_question, m_signals).Look(kLong, 2).unasked, SizeIs(2));
+  EXPECT_THAT(Enquiry(m_question, m_signals).Look(std::chrono::seconds(1), 3).unasked, SizeIs(2));
+  EXPECT_EQ(requests, 0);
 }
 
 TEST_F(EnquiryTest, ASignalEndsTheWait) {

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -17,16 +18,19 @@ namespace cli {
 // Adds --version and --log-level. The log goes to standard error, from warnings on unless the user asks for more.
 void AddCommonOptions(CLI::App& app);
 
-// Takes numbers from 0 to max; unlike the library's range check, not "nan".
-CLI::Validator NumberUpTo(double max);
+// Take numbers from min to max; unlike the library's range check, not "nan", and what is wrong is said in plain words.
+CLI::Validator Number(double min, double max);
+constexpr std::int64_t kMaxCount = 1'000'000'000'000'000'000;
+CLI::Validator WholeNumber(std::int64_t min, std::int64_t max);
 
 // Adds an option that takes a number of seconds such as 2.5, at most so many that deadlines are within what clocks can
 // represent. What seconds holds already is shown as the default; an optional one has none.
 template <class Seconds>
-void AddSecondsOption(CLI::App& app, const std::string& name, Seconds& seconds, const std::string& help) {
+void AddSecondsOption(CLI::App& app, const std::string& name, Seconds& seconds, const std::string& help,
+                      double min = 0) {
   constexpr double kMax = 1e8;
   const auto set = [&seconds](double value) { seconds = std::chrono::duration<double>(value); };
-  auto* const option = app.add_option_function<double>(name, set, help)->check(NumberUpTo(kMax))->type_name("S");
+  auto* const option = app.add_option_function<double>(name, set, help)->check(Number(min, kMax))->type_name("S");
   if constexpr (!std::is_same_v<Seconds, std::optional<std::chrono::duration<double>>>) {
     option->default_str(CLI::detail::to_string(seconds.count()));
   }
@@ -34,6 +38,10 @@ void AddSecondsOption(CLI::App& app, const std::string& name, Seconds& seconds, 
 
 // Returns false when the user asked for help or the version, which then has been written. Throws UsageError.
 bool ParseCommandLine(CLI::App& app, int argc, const char* const* argv, const Output& output);
+
+// Says on standard error what is wrong, in as many lines as the text has; control characters, which it may have from a
+// file, become blanks.
+void Complain(std::string_view toolName, std::string_view what);
 
 // Runs a tool's body and returns what main is to return. What the body throws is written to standard error.
 int RunTool(std::string_view toolName, const std::function<ExitCode()>& body) noexcept;
