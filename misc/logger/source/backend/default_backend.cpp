@@ -5,7 +5,6 @@
 
 #include <array>
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -15,58 +14,24 @@
 
 #include "backend/line_format.h"
 #include "backend/output.h"
+#include "backend/settings.h"
 #include "backend/sinks.h"
 #include "zq/logging/backend.h"
-#include "zq/posix/environment.h"
 
 namespace zq::logging {
 namespace {
 
-std::optional<bool> ParseSwitch(std::string text) {
-  for (char& c : text) {
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
-  if (text == "1" || text == "on" || text == "yes" || text == "true") {
-    return true;
-  }
-  if (text == "0" || text == "off" || text == "no" || text == "false") {
-    return false;
-  }
-  return std::nullopt;
-}
-
-BackendOptions ReadEnvironment() {
-  BackendOptions options;
-  if (const std::string text = zq::posix::Environment("ZQLOG_LEVEL"); !text.empty()) {
-    if (const auto level = ParseLevel(text)) {
-      options.minLevel = *level;
-    } else {
-      ReportTrouble("ZQLOG_LEVEL is \"" + text +
-                    "\"; using INFO. Give DEBUG, INFO, INFO_LOCAL, INFO_SEARCH, WARNING, ERROR, ALERT, CRITICAL, WALL "
-                    "or a number");
-    }
-  }
-  options.file = zq::posix::Environment("ZQLOG_FILE");
-  if (const std::string text = zq::posix::Environment("ZQLOG_CONSOLE"); !text.empty()) {
-    if (const auto console = ParseSwitch(text)) {
-      options.console = *console;
-    } else {
-      ReportTrouble("ZQLOG_CONSOLE is \"" + text + "\"; using on. Give on or off");
-    }
-  }
-  return options;
-}
-
 // Never destroyed: other threads, and objects that are destroyed later than this library, may still make statements.
 std::atomic<Output*> g_output{nullptr};
 std::atomic<bool> g_exiting{false};
+std::atomic<LineFormat> g_format{LineFormat::kText};
 
 // initial counts only in the call that makes the output.
 Output& TheOutput(const BackendOptions& initial = BackendOptionsFromEnvironment()) {
   static Output& output = [&]() -> Output& {
     auto* const made = new Output(kDefaultQueueSize);
-    made->SetConsole(initial.console);
-    made->SetFile(initial.file);
+    made->Configure(initial);
+    g_format = initial.format;
     g_output = made;
     if (g_exiting) {
       made->Stop();
@@ -91,11 +56,12 @@ void Emit(LogLevel level, unsigned int id, const Source* source, const char* fil
   // The name can change at any time, so it is asked for every time.
   std::array<char, 16> threadName{};
   ::prctl(PR_GET_NAME, threadName.data());
-  LineBuffer buffer;
-  FormatLine(buffer, {std::chrono::system_clock::now(), level, id, source, filename, line, text, ::gettid(),
-                      threadName.data()});
   auto& output = TheOutput();
-  output.Write({buffer.data(), buffer.size()});
+  LineBuffer buffer;
+  FormatLine(buffer,
+             {std::chrono::system_clock::now(), level, id, source, filename, line, text, ::gettid(), threadName.data()},
+             g_format.load(std::memory_order_relaxed));
+  output.Write({buffer.data(), buffer.size()}, level);
   if (level >= ZQLOG_CRITICAL) {
     output.Flush();
   }
@@ -135,8 +101,8 @@ const BackendOptions& BackendOptionsFromEnvironment() {
 void ConfigureBackend(const BackendOptions& options) {
   auto& output = TheOutput(options);
   output.Flush();
-  output.SetConsole(options.console);
-  output.SetFile(options.file);
+  output.Configure(options);
+  g_format = options.format;
   SetMinLevel(options.minLevel);
 }
 

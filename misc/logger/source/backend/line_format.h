@@ -8,6 +8,7 @@
 
 #include <spdlog/fmt/fmt.h>
 
+#include "zq/logging/default_backend.h"
 #include "zq/logging/log_level.h"
 #include "zq/logging/source.h"
 
@@ -28,6 +29,9 @@ struct Statement {
 using LineBuffer = fmt::memory_buffer;
 
 // Appends the statement to buffer as exactly one line, its end included.
-void FormatLine(LineBuffer& buffer, const Statement& statement);
+void FormatLine(LineBuffer& buffer, const Statement& statement, LineFormat format);
+
+// The line for readers who note the time themselves. JSON stays as it is.
+std::string_view WithoutTime(std::string_view line);
 
 }  // namespace zq::logging

@@ -47,6 +47,20 @@ std::shared_ptr<spdlog::details::thread_pool> StartThread(std::size_t queueSize)
                                                         [] { ::pthread_setname_np(::pthread_self(), kThreadName); });
 }
 
+// For sinks that pass a level on.
+spdlog::level::level_enum RankOf(LogLevel level) {
+  if (level < ZQLOG_INFO) {
+    return spdlog::level::debug;
+  }
+  if (level < ZQLOG_WARNING) {
+    return spdlog::level::info;
+  }
+  if (level < ZQLOG_ERROR) {
+    return spdlog::level::warn;
+  }
+  return level < ZQLOG_ALERT ? spdlog::level::err : spdlog::level::critical;
+}
+
 }  // namespace
 
 // Counts the flush requests that have come out of the queue.
@@ -78,14 +92,17 @@ class Output::FlushCounter final : public spdlog::sinks::sink {
 Output::Output(std::size_t queueSize)
     : m_console(std::make_shared<ConsoleSink>()),
       m_file(std::make_shared<FileSink>()),
+      m_syslog(std::make_shared<SyslogSink>()),
       m_flushes(std::make_shared<FlushCounter>()),
       m_process(::getpid()) {
-  const std::array<spdlog::sink_ptr, 3> sinks{m_console, m_file, m_flushes};
+  const std::array<spdlog::sink_ptr, 4> sinks{m_console, m_file, m_syslog, m_flushes};
   m_direct = std::make_unique<spdlog::logger>(kLoggerName, sinks.begin(), sinks.end());
+  m_direct->set_level(spdlog::level::trace);  // what is not wanted does not come here
   try {
     m_pool = StartThread(queueSize);
     m_queueing = std::make_shared<spdlog::async_logger>(kLoggerName, sinks.begin(), sinks.end(), m_pool,
                                                         spdlog::async_overflow_policy::block);
+    m_queueing->set_level(spdlog::level::trace);
   } catch (const std::exception& error) {
     ReportTrouble(std::string("cannot start the writing thread: ") + error.what() +
                   ". Every statement waits for its line to be written");
@@ -96,9 +113,11 @@ Output::Output(std::size_t queueSize)
 
 Output::~Output() { Stop(); }
 
-void Output::SetConsole(bool enabled) { m_console->SetEnabled(enabled); }
-
-void Output::SetFile(const std::string& path) { m_file->SetPath(path); }
+void Output::Configure(const BackendOptions& options) {
+  m_console->Set(options.console);
+  m_file->Configure(options);
+  m_syslog->SetEnabled(options.syslog);
+}
 
 template <typename Action>
 bool Output::WhileQueueing(Action&& action) {
@@ -113,9 +132,9 @@ bool Output::WhileQueueing(Action&& action) {
   return true;
 }
 
-void Output::Write(std::string_view line) {
-  const auto log = [line](spdlog::logger& logger) {
-    logger.log(spdlog::level::info, spdlog::string_view_t(line.data(), line.size()));
+void Output::Write(std::string_view line, LogLevel level) {
+  const auto log = [line, rank = RankOf(level)](spdlog::logger& logger) {
+    logger.log(rank, spdlog::string_view_t(line.data(), line.size()));
   };
   if (!WhileQueueing(log)) {
     m_drained.wait(false);

@@ -7,8 +7,9 @@
 #include <cstddef>
 #include <memory>
 #include <shared_mutex>
-#include <string>
 #include <string_view>
+
+#include "zq/logging/default_backend.h"
 
 namespace spdlog {
 class logger;
@@ -21,6 +22,7 @@ namespace zq::logging {
 
 class ConsoleSink;
 class FileSink;
+class SyslogSink;
 
 inline constexpr std::size_t kDefaultQueueSize = 8192;  // lines
 
@@ -37,11 +39,10 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   // Lines that are still queued go where the new settings say.
-  void SetConsole(bool enabled);
-  void SetFile(const std::string& path);  // empty: none
+  void Configure(const BackendOptions& options);
 
   // line is complete, its end included. Waits while the queue is full.
-  void Write(std::string_view line);
+  void Write(std::string_view line, LogLevel level);
 
   // Returns when the caller's lines so far have reached the sinks.
   void Flush();
@@ -58,6 +59,7 @@ class Output {
 
   const std::shared_ptr<ConsoleSink> m_console;
   const std::shared_ptr<FileSink> m_file;
+  const std::shared_ptr<SyslogSink> m_syslog;
   const std::shared_ptr<FlushCounter> m_flushes;
   const pid_t m_process;
   std::unique_ptr<spdlog::logger> m_direct;

@@ -1,23 +1,34 @@
 #include "backend/sinks.h"
 
-#include <fcntl.h>
+#include <paths.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <string_view>
-#include <system_error>
 
+#include "backend/line_format.h"
 #include "zq/posix/error.h"
 #include "zq/posix/file.h"
 
 namespace zq::logging {
 namespace {
 
-// A missing file is looked for no more often than this.
-constexpr std::chrono::seconds kOpenInterval{1};
-
-constexpr mode_t kFileMode = 0644;
+int PriorityOf(spdlog::level::level_enum level) {
+  switch (level) {
+    case spdlog::level::trace:
+    case spdlog::level::debug:
+      return LOG_DEBUG;
+    case spdlog::level::warn:
+      return LOG_WARNING;
+    case spdlog::level::err:
+      return LOG_ERR;
+    case spdlog::level::critical:
+      return LOG_CRIT;
+    default:
+      return LOG_INFO;
+  }
+}
 
 std::string_view LineOf(const spdlog::details::log_msg& message) {
   return {message.payload.data(), message.payload.size()};
@@ -27,77 +38,53 @@ std::string_view LineOf(const spdlog::details::log_msg& message) {
 
 void ReportTrouble(const std::string& what) { zq::posix::WriteAll(STDERR_FILENO, "zq::logging: " + what + '\n'); }
 
-void ConsoleSink::SetEnabled(bool enabled) {
+void ConsoleSink::Set(Console console) {
   const std::lock_guard lock(mutex_);
-  m_enabled = enabled;
+  m_console = console;
 }
 
 void ConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
-  if (m_enabled) {
+  if (m_console == Console::kOn) {
     zq::posix::WriteAll(STDERR_FILENO, LineOf(message));
+  } else if (m_console == Console::kJournal) {
+    m_line.assign("<");
+    m_line += static_cast<char>('0' + PriorityOf(message.level));
+    m_line += '>';
+    m_line += WithoutTime(LineOf(message));
+    zq::posix::WriteAll(STDERR_FILENO, m_line);
   }
 }
 
-void FileSink::SetPath(const std::string& path) {
-  // Absolute, so that opening it again finds the same place whatever the process made its working directory.
-  std::error_code error;
-  const std::string absolute = path.empty() ? path : std::filesystem::absolute(path, error).string();
-  const std::string& wanted = error ? path : absolute;
+void FileSink::Configure(const BackendOptions& options) {
   const std::lock_guard lock(mutex_);
-  if (wanted == m_path) {
-    return;
-  }
-  m_file = {};
-  m_torn = false;
-  m_failing = false;
-  m_lostLines = 0;
-  m_path = wanted;
-  if (!m_path.empty()) {
-    Open();
-  }
+  m_file.Configure(options);
 }
 
-void FileSink::sink_it_(const spdlog::details::log_msg& message) {
-  if (m_path.empty()) {
+void FileSink::sink_it_(const spdlog::details::log_msg& message) { m_file.Write(LineOf(message), message.time); }
+
+void SyslogSink::SetEnabled(bool enabled) {
+  const std::lock_guard lock(mutex_);
+  if (enabled == (m_syslog != nullptr)) {
     return;
   }
-  if (!m_file && std::chrono::steady_clock::now() >= m_nextOpen) {
-    Open();
-  }
-  if (!m_file) {
-    ++m_lostLines;
+  m_syslog.reset();
+  if (!enabled) {
     return;
   }
-  if (m_torn) {
-    m_torn = zq::posix::WriteAll(m_file.Get(), "\n").error != 0;
+  if (::access(_PATH_LOG, W_OK) != 0) {
+    ReportTrouble("cannot write to syslog at " _PATH_LOG ": " + zq::posix::ErrorText(errno) +
+                  ". Lines will be missing there until its service runs");
   }
-  const auto result = zq::posix::WriteAll(m_file.Get(), LineOf(message));
-  if (result.error != 0) {
-    m_torn = m_torn || result.written > 0;
-    ++m_lostLines;
-    Failed("write", result.error);
-  } else if (m_failing) {
-    m_failing = false;
-    ReportTrouble("log file " + m_path +
-                  " is written again. Lines that are missing there: " + std::to_string(m_lostLines));
-    m_lostLines = 0;
-  }
+  m_syslog = std::make_unique<decltype(m_syslog)::element_type>("", LOG_PID, LOG_USER, false);
 }
 
-void FileSink::Open() {
-  m_file =
-      zq::posix::Descriptor(::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, kFileMode));
-  if (!m_file) {
-    m_nextOpen = std::chrono::steady_clock::now() + kOpenInterval;
-    Failed("open", errno);
-  }
-}
-
-void FileSink::Failed(const char* action, int error) {
-  if (!m_failing) {
-    m_failing = true;
-    ReportTrouble(std::string("cannot ") + action + " log file " + m_path + ": " + zq::posix::ErrorText(error) +
-                  ". Lines will be missing there until that is put right");
+void SyslogSink::sink_it_(const spdlog::details::log_msg& message) {
+  if (m_syslog) {
+    std::string_view line = WithoutTime(LineOf(message));
+    line.remove_suffix(1);  // its end
+    auto record = message;
+    record.payload = {line.data(), line.size()};
+    m_syslog->log(record);
   }
 }
 

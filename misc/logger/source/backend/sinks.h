@@ -1,23 +1,54 @@
 // Where lines go.
 #pragma once
 
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/syslog_sink.h>
 
-#include <chrono>
-#include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 
-#include "zq/posix/descriptor.h"
+#include "backend/log_file.h"
+#include "zq/logging/default_backend.h"
 
 namespace zq::logging {
 
 // Tells the operator about the log itself, on standard error.
 void ReportTrouble(const std::string& what);
 
-// Writes each record's payload, a finished line, to standard error. What cannot be written is dropped: there is no
-// better place to tell.
+// Each of these takes records whose payload is a finished line.
+
+// Writes lines to standard error. What cannot be written is dropped: there is no better place to tell.
 class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  void Set(Console console);
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override;
+  void flush_() override {}
+
+ private:
+  Console m_console = Console::kOff;  // under the base's mutex, like everything below it here and in the other sinks
+  std::string m_line;                 // keeps its memory from one line for the journal to the next
+};
+
+class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  void Configure(const BackendOptions& options);
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override;
+  void flush_() override {}
+
+ private:
+  LogFile m_file;
+};
+
+// Hands lines to syslog under the program's name, which the process's other users of syslog get too: the C library has
+// one setting for all. It drops lines without a word when nobody takes them, so that is looked at when the sink is
+// switched on.
+class SyslogSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   void SetEnabled(bool enabled);
 
@@ -26,31 +57,7 @@ class ConsoleSink final : public spdlog::sinks::base_sink<std::mutex> {
   void flush_() override {}
 
  private:
-  bool m_enabled = false;  // under the base's mutex, like everything below it here and in FileSink
-};
-
-// Writes each record's payload, a finished line, to a file, with one system call a line and no buffer. Trouble is
-// reported when it begins and when it is over; every further line tries again, but a file that cannot be opened only
-// once a second.
-class FileSink final : public spdlog::sinks::base_sink<std::mutex> {
- public:
-  // Empty for no file. Another path than before is opened at once.
-  void SetPath(const std::string& path);
-
- protected:
-  void sink_it_(const spdlog::details::log_msg& message) override;
-  void flush_() override {}
-
- private:
-  void Open();
-  void Failed(const char* action, int error);
-
-  std::string m_path;
-  zq::posix::Descriptor m_file;
-  bool m_failing = false;
-  bool m_torn = false;  // the last line in the file is incomplete
-  std::uint64_t m_lostLines = 0;
-  std::chrono::steady_clock::time_point m_nextOpen;
+  std::unique_ptr<spdlog::sinks::syslog_sink<spdlog::details::null_mutex>> m_syslog;
 };
 
 }  // namespace zq::logging

@@ -42,7 +42,7 @@ class Reader {
     XML_SetStartDoctypeDeclHandler(parser, &Handle<&Reader::StartDoctype>);
   }
 
-  pt::ptree Run() {
+  XmlDocument Run() {
     // UTF-16 is known by its zero bytes; elsewhere they are no characters.
     if (const auto zero = std::find(m_text.begin(), m_text.end(), '\0'); zero != m_text.end()) {
       throw XmlFault(1 + static_cast<std::size_t>(std::count(m_text.begin(), zero, '\n')),
@@ -55,9 +55,10 @@ class Reader {
     if (status != XML_STATUS_OK) {
       FailAsParsed();
     }
-    pt::ptree tree;
-    tree.swap(m_tree);  // a tree cannot be moved
-    return tree;
+    XmlDocument document;
+    document.tree.swap(m_tree);  // a tree cannot be moved
+    document.lines = std::move(m_lines);
+    return document;
   }
 
  private:
@@ -99,6 +100,7 @@ class Reader {
         values.push_back({attributes[0], pt::ptree(attributes[1])});
       }
     }
+    m_lines.push_back(Line());
     m_open.push_back({name, Line(), &node});
   }
 
@@ -210,6 +212,7 @@ class Reader {
   const std::size_t m_maxNesting;
   const std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&XML_ParserFree)> m_parser;
   pt::ptree m_tree;
+  std::vector<std::size_t> m_lines;
   std::vector<Element> m_open;
   std::size_t m_cdataLine = 0;  // where the CDATA section began; 0 outside of one
   bool m_inSegment = false;     // there is text since the last tag, comment, processing instruction or CDATA section
@@ -219,7 +222,7 @@ class Reader {
 
 }  // namespace
 
-pt::ptree ReadXml(const std::string& text, const std::string& expectedRoot, std::size_t maxNesting) {
+XmlDocument ReadXml(const std::string& text, const std::string& expectedRoot, std::size_t maxNesting) {
   return Reader(text, expectedRoot, maxNesting).Run();
 }
 

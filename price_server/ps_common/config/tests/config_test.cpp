@@ -114,6 +114,39 @@ TEST(ConfigTest, BooleansAreWordsInAnyCaseAndNothingElse) {
   EXPECT_EQ(ErrorOf([&] { read("y"); }), "Invalid Value Y for Attribute flag");
 }
 
+TEST(ConfigTest, AMisspeltAttributeIsFoundWithItsLine) {
+  const auto config = Config::Parse(R"(<PSConfig site="Chicago">
+  <Deep><Deeper flag="1"/>
+    <Logging lbmNotifications="yes"/></Deep>
+  <Logging
+    other="" lbmNotifications_="yes" lbmNotification="yes"/>
+  <Logging levle="3"/>
+  <General OnloadStack="x" ONLOADSTACKNAME="y" Present="1" present="2"/>
+</PSConfig>)");
+  const auto find = [](const Config& where, const std::string& node, const std::string& attribute) {
+    const auto found = where.FindMisspelling(node, attribute);
+    return found ? found->name + ':' + std::to_string(found->line) : "none";
+  };
+  EXPECT_EQ(find(*config, "Logging", "lbmNotifications"), "lbmNotifications_:4") << "the first of equals";
+  EXPECT_EQ(find(*config, "Logging", "lbmNotificatoin"), "lbmNotification:4");
+  EXPECT_EQ(find(*config, "Logging", "lbmNotifying"), "none");
+  EXPECT_EQ(find(*config, "Logging", "level"), "none") << "lookups know the first node of a name only";
+  EXPECT_EQ(find(*config, "Deep.Deeper", "lag"), "flag:2");
+  EXPECT_EQ(find(*config, "Deep.Logging", "Notifications"), "none");
+  EXPECT_EQ(find(*config, "PSConfig", "siet"), "site:1");
+  EXPECT_EQ(find(*config, "General", "OnloadStackName"), "ONLOADSTACKNAME:7");
+  EXPECT_EQ(find(*config, "General", "Present"), "none") << "it is there";
+  EXPECT_EQ(find(*config, "Deep", "flag"), "none") << "a node without attributes";
+  EXPECT_EQ(find(*config, "Missing", "flag"), "none");
+
+  pt::ptree tree;
+  tree.put("A.<xmlattr>.flag", "1");
+  EXPECT_EQ(find(Config("made.xml", "A", tree), "A", "flags"), "flag:0");
+  Config copy("made.xml", "A", tree);
+  copy = *config;
+  EXPECT_EQ(find(copy, "Deep.Deeper", "lag"), "flag:2");
+}
+
 TEST(ConfigTest, CopiesAreIndependentOfTheOriginal) {
   auto original = Config::Parse(kText, "one.xml");
   const Config copy = *original;

@@ -27,6 +27,12 @@ constexpr unsigned int kThreadStatement = 0;
 constexpr unsigned int kManagerStatement = 13;
 constexpr unsigned int kNotificationStatement = 9999;
 
+// What is read from the configuration.
+constexpr const char* kGeneralNode = "General";
+constexpr const char* kOnloadStackName = "OnloadStackName";
+constexpr const char* kLoggingNode = "Logging";
+constexpr const char* kNotifications = "lbmNotifications";
+
 constexpr int kNoAffinity = -1;
 constexpr const char* kThreadName = "lbm_ctx_thread";  // at most 15 characters
 
@@ -53,6 +59,26 @@ std::shared_ptr<Endpoint> Create(Arguments&&... arguments) {
   return endpoint;
 }
 
+// What is wrong, in a handler of it.
+std::string TextOfException() {
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    return error.what();
+  } catch (...) {
+    return "unknown";
+  }
+}
+
+// A misspelt attribute is one that is missing, for which there is a default: nothing else would tell.
+void WarnOfMisspelling(const Config& config, const char* node, const char* attribute) {
+  if (const auto found = config.FindMisspelling(node, attribute)) {
+    ZQLOG(ZQLOG_WARNING, kManagerStatement,
+          "Unknown configuration attribute=" << found->name << " file=" << config.GetPath() << " line=" << found->line
+                                             << " node=" << node << " meant=" << attribute);
+  }
+}
+
 // A convenience for operators too: the receiver is worth having without it.
 void SetSourceNotification(lbm::ReceiverTopicAttributes& attributes) {
   try {
@@ -60,6 +86,7 @@ void SetSourceNotification(lbm::ReceiverTopicAttributes& attributes) {
                    lbm_rcv_src_notification_func_t{receiver_src_notify_create, receiver_src_notify_delete, nullptr});
   } catch (...) {
     ZQLOG(ZQLOG_WARNING, kNotificationStatement, "register source_notification_function failed");
+    ZQLOG(ZQLOG_DEBUG, kNotificationStatement, "source_notification_function reason=" << TextOfException());
   }
 }
 
@@ -112,7 +139,9 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
   if (!contextName.empty()) {
     m_contextAttr->SetString("context_name", contextName.c_str());
   }
-  m_onloadStackName = m_config->GetCompositeNode("General")->GetAttrValue<std::string>("OnloadStackName", "lbm_pc_ctx");
+  m_onloadStackName =
+      m_config->GetCompositeNode(kGeneralNode)->GetAttrValue<std::string>(kOnloadStackName, "lbm_pc_ctx");
+  WarnOfMisspelling(*m_config, kGeneralNode, kOnloadStackName);
   m_ctx = new lbm::Context(*m_contextAttr);
 
   m_running = true;
@@ -123,12 +152,14 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
 // A convenience for operators: whatever is wrong with it must not keep the client from starting.
 void LbmClientResourceMgr::RegisterSourceNotification() {
   try {
-    m_logNotifications = m_config->GetCompositeNode("Logging")->GetAttrValue<bool>("lbmNotifications", false);
+    m_logNotifications = m_config->GetCompositeNode(kLoggingNode)->GetAttrValue<bool>(kNotifications, false);
+    WarnOfMisspelling(*m_config, kLoggingNode, kNotifications);
     if (m_logNotifications) {
       m_contextAttr->Set("resolver_source_notification_function", lbm_src_notify_func_t{context_src_notify, nullptr});
     }
   } catch (...) {
     ZQLOG(ZQLOG_WARNING, kNotificationStatement, "register resolver_source_notification_function failed");
+    ZQLOG(ZQLOG_DEBUG, kNotificationStatement, "resolver_source_notification_function reason=" << TextOfException());
   }
 }
 

@@ -157,8 +157,12 @@ TEST_F(ServerStatus, IsReceivedAlthoughItsSourcesCannotBeWatched) {
   log_capture::Clear();
   Script("lbm_rcv_topic_attr_setopt", Failure(LBM_EINVAL, "unknown option"));
   EXPECT_TRUE(m_manager->CreateServerStatusReceiver(kInstance, {}));
-  EXPECT_THAT(Lines(), ElementsAre("20 9999 register source_notification_function failed",
-                                   Created("ServerStatusReceiver", kStatusTopic)));
+  EXPECT_THAT(
+      Lines(),
+      ElementsAre(
+          "20 9999 register source_notification_function failed",
+          "0 9999 source_notification_function reason=Failed to set LBM receiver topic attribute: unknown option",
+          Created("ServerStatusReceiver", kStatusTopic)));
 }
 
 TEST_F(ServerStatus, AFailureLeavesTheManagerReadyForTheNextCall) {

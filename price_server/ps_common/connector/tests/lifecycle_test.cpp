@@ -84,15 +84,36 @@ TEST_F(Lifecycle, WithoutAContextNameLbmChoosesOneAndWithoutConfigurationNothing
 
 TEST_F(Lifecycle, TroubleWithNotificationsIsAWarningAndTheManagerStartsAnyway) {
   // No node, a bad value, an option that is refused.
-  for (const char* config : {"<General/>", R"(<Logging lbmNotifications="2"/><General/>)",
-                             R"(<Logging lbmNotifications="true"/><General/>)"}) {
+  const struct {
+    const char* config;
+    const char* reason;
+  } cases[] = {
+      {"<General/>", "No such node (PSConfig.Logging)"},
+      {R"(<Logging lbmNotifications="2"/><General/>)", "Invalid Value 2 for Attribute lbmNotifications"},
+      {R"(<Logging lbmNotifications="true"/><General/>)", "Failed to set LBM context attribute: unknown option"}};
+  for (const auto& [config, reason] : cases) {
     log_capture::Clear();
     Script("lbm_context_attr_setopt", Failure(LBM_EINVAL, "unknown option"));
     Start({.config = config});
-    EXPECT_THAT(Lines(), Contains(kNotRegistered).Times(1)) << config;
+    ASSERT_THAT(Lines(), SizeIs(testing::Ge(3U))) << config;
+    EXPECT_EQ(Lines()[1], kNotRegistered) << config;
+    EXPECT_EQ(Lines()[2], std::string("0 9999 resolver_source_notification_function reason=") + reason);
     EXPECT_THAT(lbm_scripted::CallsTo("lbm_context_attr_str_setopt"), SizeIs(2));
     End();
   }
+}
+
+TEST_F(Lifecycle, MisspeltAttributesAreWarnedAboutAndTheDefaultsHold) {
+  Start({.config = "\n<Logging lbmNotification='yes'/>\n<General onloadStackNames='x'/>"});
+  const auto lines = Lines();
+  ASSERT_THAT(lines, SizeIs(testing::Ge(3U)));
+  EXPECT_EQ(lines[1],
+            "20 13 Unknown configuration attribute=lbmNotification file=<memory> line=2 node=Logging "
+            "meant=lbmNotifications");
+  EXPECT_EQ(lines[2],
+            "20 13 Unknown configuration attribute=onloadStackNames file=<memory> line=3 node=General "
+            "meant=OnloadStackName");
+  EXPECT_THAT(OptionsSet(), testing::Not(Contains("resolver_source_notification_function")));
 }
 
 TEST_F(Lifecycle, AFailedConstructionSaysWhyAndLeavesNothingBehind) {

@@ -7,6 +7,7 @@
 #include <boost/property_tree/ptree.hpp>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -68,6 +69,16 @@ class Config : public ConfigHelper {
   // empty name stands for the root. Throws boost::property_tree::ptree_bad_path when there is no such node.
   std::vector<std::string> GetChildNames(const std::string& name = {}) const;
 
+  struct Misspelling {
+    std::string name;
+    std::size_t line;  // on which its element begins; 0 in a tree that was made elsewhere
+  };
+
+  // The attribute that somebody may have written for this one, which the node with that name lacks: the one that
+  // differs least, by no more than two characters that were added, left out or mistaken, upper and lower case being
+  // equal. Nothing when there is none, or no such node.
+  std::optional<Misspelling> FindMisspelling(const std::string& name, const std::string& attribute) const;
+
   const std::string& GetPath() const noexcept { return m_path; }
   const std::string& GetRoot() const noexcept { return m_root; }
 
@@ -75,6 +86,7 @@ class Config : public ConfigHelper {
   const std::string m_path;
   const std::string m_root;
   boost::property_tree::ptree m_ptree;
+  std::vector<std::size_t> m_lines;  // on which the tree's elements begin, in the order of the file; may be empty
 };
 
 }  // namespace ps_ns
