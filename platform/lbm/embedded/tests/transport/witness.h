@@ -36,9 +36,9 @@ class Witness : public Listener {
   using Join = std::function<std::unique_ptr<Transport>(const WarningHandler& warn)>;
 
   explicit Witness(const Join& join, bool subscribes = true) : m_subscribes(subscribes) {
-    transport = join([this](const std::string& text) {
-      const std::lock_guard lock(m_mutex);
-      m_notices.push_back(text);
+    transport = join([told = m_told](const std::string& text) {
+      const std::lock_guard lock(told->mutex);
+      told->texts.push_back(text);
     });
   }
 
@@ -78,8 +78,8 @@ class Witness : public Listener {
   std::size_t Drain() { return transport->Drain(*this); }
   // What operators were told, on whatever thread.
   std::vector<std::string> Notices() const {
-    const std::lock_guard lock(m_mutex);
-    return m_notices;
+    const std::lock_guard lock(m_told->mutex);
+    return m_told->texts;
   }
   bool Heard(const std::string& event) const { return std::find(events.begin(), events.end(), event) != events.end(); }
 
@@ -98,8 +98,12 @@ class Witness : public Listener {
   void Hear(const std::string& event) { events.push_back(event); }
 
   const bool m_subscribes;
-  mutable std::mutex m_mutex;
-  std::vector<std::string> m_notices;  // guarded by m_mutex
+  // A thread of the transport may live on for a moment.
+  struct Told {
+    std::mutex mutex;
+    std::vector<std::string> texts;  // guarded by mutex
+  };
+  const std::shared_ptr<Told> m_told = std::make_shared<Told>();
 };
 
 // Drains the members until the condition holds; a failure of the test if it does not within a time.

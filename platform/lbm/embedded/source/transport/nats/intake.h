@@ -46,7 +46,9 @@ class Intake {
   using Filter = std::function<bool(const Arrival& arrival, std::size_t bytesKept)>;
 
   // arrived is notified when something comes to be kept.
-  Intake(zq::posix::Event& arrived, Filter filter) : m_arrived(arrived), m_filter(std::move(filter)) {}
+  Intake(zq::posix::Event& arrived, Filter filter) : m_arrived(arrived), m_filter(std::move(filter)) {
+    m_queue.reserve(kQueueUsual);
+  }
 
   // What follows on the connection comes after the subscription.
   std::shared_ptr<Route> Listen(RouteKind kind, std::string subject, std::shared_ptr<NatsRemoteSource> source = nullptr,
@@ -63,6 +65,8 @@ class Intake {
   bool Empty();
 
  private:
+  static constexpr std::size_t kQueueUsual = 64;  // messages
+
   void Collect(std::size_t expected);
   bool CollectFrom(const std::shared_ptr<Route>& route, std::size_t& expected);
 

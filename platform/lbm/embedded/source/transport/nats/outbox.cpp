@@ -4,6 +4,12 @@
 
 namespace engine::transport::nats {
 
+Outbox::Outbox(std::size_t bytesMax, zq::posix::Event& keeper) : m_bytesMax(bytesMax), m_keeper(keeper) {
+  m_queue.reserve(kSpareMax);
+  m_taken.reserve(kSpareMax);
+  m_spare.reserve(kSpareMax);
+}
+
 std::unique_ptr<Outbox::Parcel> Outbox::Blank() {
   if (m_spare.empty()) {
     return std::make_unique<Parcel>();
@@ -17,6 +23,14 @@ Outbox::Parcel& Outbox::Add(const std::shared_ptr<const std::string>& subject, P
   std::unique_ptr<Parcel> parcel = Blank();
   parcel->subject = subject;
   parcel->open = open;
+  if (open != nullptr) {
+    // Once: parcels are used again. One fills while another is written.
+    parcel->bytes.reserve(kParcelBytes);
+    if (m_spare.empty()) {
+      m_spare.push_back(std::make_unique<Parcel>());
+      m_spare.back()->bytes.reserve(kParcelBytes);
+    }
+  }
   m_queue.push_back(std::move(parcel));
   if (open != nullptr) {
     *open = m_queue.back().get();

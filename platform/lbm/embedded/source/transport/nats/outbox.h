@@ -30,8 +30,11 @@ class Outbox {
     Parcel** open = nullptr;  // where somebody keeps it in mind, to add to it; null: nobody may
   };
 
+  // Bytes of small messages that travel together.
+  static constexpr std::size_t kParcelBytes = std::size_t{32} << 10;
+
   // keeper is notified when WriteAll has to be called. bytesMax: of what has not been written.
-  Outbox(std::size_t bytesMax, zq::posix::Event& keeper) : m_bytesMax(bytesMax), m_keeper(keeper) {}
+  Outbox(std::size_t bytesMax, zq::posix::Event& keeper);
 
   Lock Acquire() { return Lock(m_mutex); }
 

@@ -11,7 +11,6 @@ namespace engine::transport::nats {
 
 namespace {
 
-constexpr std::size_t kParcelMax = std::size_t{32} << 10;     // bytes of small messages that travel together
 constexpr std::size_t kFragmentMax = std::size_t{256} << 10;  // bytes of a large message in one NATS message
 constexpr std::size_t kOverhead = sizeof(wire::Prologue) + sizeof(wire::Data) + sizeof(wire::Frame) + 16;
 constexpr std::size_t kAliveProgressMax = 1'000;  // in one message
@@ -179,7 +178,7 @@ std::size_t PublicationTable::FragmentMax() const noexcept {
 // Where the next frame of the size goes.
 std::vector<std::byte>& PublicationTable::ParcelFor(NatsPublication& publication, std::size_t size) {
   if (publication.open != nullptr &&
-      publication.open->bytes.size() + size > std::min(kParcelMax, m_outbox.MaxPayload())) {
+      publication.open->bytes.size() + size > std::min(Outbox::kParcelBytes, m_outbox.MaxPayload())) {
     Outbox::Seal(*publication.open);
   }
   if (publication.open == nullptr) {
@@ -260,6 +259,10 @@ void PublicationTable::OnSubscription(const wire::Subscription& subscription, st
                                   [&](const Subscriber& subscriber) { return subscriber.instance == instance; });
   if (known != subscribers.end() && known->token == subscription.token) {
     known->silentTicks = 0;
+    if (subscription.accepted == 0) {
+      PutAcceptance(*publication, *known);  // the first one was lost on its way
+      return;
+    }
     known->consumed = std::max(known->consumed, std::min(subscription.position, publication->position));
     Credited(publication);
     return;
@@ -268,8 +271,11 @@ void PublicationTable::OnSubscription(const wire::Subscription& subscription, st
     Leave(publication, static_cast<std::size_t>(known - subscribers.begin()));
   }
   if (subscription.token != 0) {
-    Join(publication,
-         {.instance = instance, .token = subscription.token, .consumed = publication->position, .name = name});
+    Join(publication, {.instance = instance,
+                       .token = subscription.token,
+                       .beginning = publication->GetProgress(),
+                       .consumed = publication->position,
+                       .name = name});
   }
 }
 
@@ -277,19 +283,23 @@ void PublicationTable::Join(const std::shared_ptr<NatsPublication>& publication,
   if (publication->open != nullptr) {
     Outbox::Seal(*publication->open);  // what it has begun with is not for the newcomer, what comes now is
   }
-  auto message = wire::Begin(wire::Kind::kAccept, m_instance);
-  const bool credits = publication->info.pacing == Pacing::kReceiver;
-  wire::AppendValue(message, wire::Accept{.progress = publication->GetProgress(),
-                                          .token = subscriber.token,
-                                          .creditBytes = static_cast<std::uint32_t>(
-                                              credits ? std::max<std::size_t>(m_settings.windowBytes / 4, 1) : 0)});
-  m_outbox.Put(m_subjects.Inbox(subscriber.instance), std::move(message));
+  PutAcceptance(*publication, subscriber);
   Note(NewsKind::kJoined, publication, subscriber.name);
   if (publication->subscribers.empty()) {
     publication->slowest = publication->position;
   }
   publication->subscribers.push_back(std::move(subscriber));
   publication->wanted = true;
+}
+
+void PublicationTable::PutAcceptance(const NatsPublication& publication, const Subscriber& subscriber) {
+  const bool credits = publication.info.pacing == Pacing::kReceiver;
+  auto message = wire::Begin(wire::Kind::kAccept, m_instance);
+  wire::AppendValue(message, wire::Accept{.progress = subscriber.beginning,
+                                          .token = subscriber.token,
+                                          .creditBytes = static_cast<std::uint32_t>(
+                                              credits ? std::max<std::size_t>(m_settings.windowBytes / 4, 1) : 0)});
+  m_outbox.Put(m_subjects.Inbox(subscriber.instance), std::move(message));
 }
 
 void PublicationTable::Leave(const std::shared_ptr<NatsPublication>& publication, std::size_t place) {

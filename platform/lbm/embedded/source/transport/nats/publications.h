@@ -27,6 +27,7 @@ std::int64_t SilentTicksMax(const NatsSettings& settings);
 struct Subscriber {
   std::uint64_t instance = 0;
   std::uint32_t token = 0;
+  wire::Progress beginning;    // of the publication when it subscribed
   std::uint64_t consumed = 0;  // position
   std::string name;
   std::int64_t silentTicks = 0;
@@ -142,6 +143,7 @@ class PublicationTable {
   std::size_t FragmentMax() const noexcept;
   void OnSubscription(const wire::Subscription& subscription, std::uint64_t instance, const std::string& name);
   void Join(const std::shared_ptr<NatsPublication>& publication, Subscriber subscriber);
+  void PutAcceptance(const NatsPublication& publication, const Subscriber& subscriber);
   void Leave(const std::shared_ptr<NatsPublication>& publication, std::size_t place);
   void Credited(const std::shared_ptr<NatsPublication>& publication);
   void Note(NewsKind kind, const std::shared_ptr<NatsPublication>& publication, std::string name);

@@ -18,16 +18,16 @@ void NatsRemoteSource::OnAccept(const wire::Accept& accept, Listener& listener) 
     return;
   }
   if (Active()) {
-    // It had forgotten the subscription meanwhile.
+    // It had forgotten the subscription meanwhile, or answers twice.
     LoseUpTo(accept.progress.next, listener);
   } else {
-    m_accepted = accept.token;
     m_expected = accept.progress.next;
     m_partial = {};
+    m_accepted = accept.token;
   }
   m_creditBytes = accept.creditBytes;
-  m_consumed = accept.progress.position;
-  m_credited = accept.progress.position;
+  m_consumed = std::max(m_consumed.load(), accept.progress.position);
+  m_credited = m_consumed;
 }
 
 void NatsRemoteSource::OnProgress(const wire::Progress& progress, Listener& listener) {

@@ -30,7 +30,9 @@ class NatsRemoteSource final : public RemoteSource {
 
   // Threads: any.
   bool Down() const noexcept { return m_down.load(std::memory_order_acquire); }
-  wire::Subscription GetSubscription() const noexcept { return {m_id, m_wanted, m_consumed}; }
+  wire::Subscription GetSubscription() const noexcept {
+    return {.source = m_id, .token = m_wanted, .position = m_consumed, .accepted = Active() ? 1U : 0U};
+  }
 
   // Whether the source waits for this context when it cannot keep up, and so must lose nothing here.
   bool Waits() const noexcept { return m_creditBytes != 0; }
@@ -65,7 +67,7 @@ class NatsRemoteSource final : public RemoteSource {
   std::atomic<bool> m_down{false};
   std::atomic<std::uint32_t> m_wanted{0};    // token of the subscription; 0: none
   std::atomic<std::uint64_t> m_consumed{0};  // position
-  std::uint32_t m_accepted = 0;              // token
+  std::atomic<std::uint32_t> m_accepted{0};  // token
   std::uint32_t m_expected = 0;              // sequence number
   std::uint64_t m_credited = 0;              // position that was told
   std::atomic<std::uint32_t> m_creditBytes{0};

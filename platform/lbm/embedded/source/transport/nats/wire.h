@@ -68,6 +68,8 @@ struct Subscription {
   std::uint32_t source = 0;
   std::uint32_t token = 0;     // names the subscription among those of the subscriber to the source; 0: there is none
   std::uint64_t position = 0;  // up to which it has consumed
+  std::uint32_t accepted = 0;  // whether it knows that it has begun
+  std::uint32_t reserved = 0;
 };
 
 struct Accept {
