@@ -21,7 +21,7 @@ from .workloads import Size
 PROGRAM = "compare_network"
 CONTEXTS = 1000  # that look for the same sources, in the aim
 MORE_CONTEXTS = 10  # in the same process, to see what each further one takes
-MEMORY_ROUNDS = 5
+MEMORY_ROUNDS = 3
 SETTLE_SECONDS = 1
 TRANSPORTS = ("host", "nats")
 CLUSTER = 3

@@ -3,10 +3,11 @@
 import json
 import os
 import subprocess
+import tempfile
 from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
-from typing import Any
+from typing import IO, Any
 
 from .contenders import RING, Contender, Settings
 from .workloads import Measurement
@@ -24,8 +25,9 @@ SERVER_VARIABLE = "COMPARE_NATS_SERVER"
 class Conversation:
     """With a program that prints results while it runs, and runs until its input ends."""
 
-    def __init__(self, process: subprocess.Popen[str]) -> None:
+    def __init__(self, process: subprocess.Popen[str], complaints: IO[str]) -> None:
         self._process = process
+        self._complaints = complaints
 
     @property
     def process(self) -> int:
@@ -36,8 +38,9 @@ class Conversation:
         assert self._process.stdout
         line = self._process.stdout.readline()
         if not line:
-            assert self._process.stderr
-            raise OSError(self._process.stderr.read().strip() or "it ended early")
+            self._process.wait()
+            self._complaints.seek(0)
+            raise OSError(self._complaints.read().strip() or "it ended early")
         result: Result = json.loads(line)
         return result
 
@@ -78,16 +81,19 @@ class Programs:
     @contextmanager
     def converse(self, program: str, command: str, settings: Settings, server: str) -> Iterator[Conversation]:
         """The program has ended when this ends."""
-        with subprocess.Popen(
-            [str(self._folder / program), command, *_options(settings)],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-            env={**self._environment, SERVER_VARIABLE: server},
-        ) as process:
+        with (
+            tempfile.TemporaryFile("w+") as complaints,  # a pipe would fill up unread
+            subprocess.Popen(
+                [str(self._folder / program), command, *_options(settings)],
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                stderr=complaints,
+                text=True,
+                env={**self._environment, SERVER_VARIABLE: server},
+            ) as process,
+        ):
             try:
-                yield Conversation(process)
+                yield Conversation(process, complaints)
                 process.communicate(timeout=self._seconds_max)
             finally:
                 process.kill()

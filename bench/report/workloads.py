@@ -198,6 +198,14 @@ def all_series(size: Size) -> list[Series]:
             columns=network[:2],
             quantities=[P50, P99],
         ),
+        Series(
+            NETWORK,
+            "round-trip",
+            circumstances=" on one machine, both sides spinning",
+            contenders=[ENGINE_HOST_NATS, ENGINE],
+            columns=[Column("64 bytes", {"spin": True})],
+            quantities=[P50],
+        ),
         rate(DEVICES, circumstances=", without each device", contenders=[ENGINE_C, *WITHOUT_DEVICE], columns=devices),
         Series(
             DEVICES,

@@ -4,10 +4,9 @@
 #include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>

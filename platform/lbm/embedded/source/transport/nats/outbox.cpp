@@ -58,8 +58,7 @@ void Outbox::Send(Lock lock) {
     return;  // somebody will see to it
   }
   if (std::chrono::steady_clock::now() - m_lastWrite >= kBurstGap) {
-    const bool flushed = Write(lock);
-    if (!Connected() || (flushed && m_next == m_queue.size() && !m_connection->WantsFlush())) {
+    if (Write(lock) && m_next == m_queue.size() && !m_connection->WantsFlush()) {
       return;
     }
   }
@@ -93,24 +92,22 @@ bool Outbox::Write(Lock& lock) {
   }
   m_queuedBytes -= bytes;
   m_writingBytes += bytes;
-  m_writing = true;
-  const auto connection = m_connection;
+  m_writing = true;  // so m_connection stays as it is
+  Connection& connection = *m_connection;
   lock.unlock();
   for (const auto& parcel : m_taken) {
-    static_cast<void>(connection->Send(*parcel->subject, parcel->bytes));
+    static_cast<void>(connection.Send(*parcel->subject, parcel->bytes));
   }
-  const bool flushed = connection->Flush();
+  const bool flushed = connection.Flush();
   lock.lock();
   Recycle();
   m_writing = false;
   m_lastWrite = std::chrono::steady_clock::now();
-  if (connection == m_connection) {
-    m_blocked = !flushed;
-    if (flushed) {
-      m_writingBytes = 0;
-      NoteRoom();
-    }
+  m_blocked = !flushed;
+  if (flushed) {
+    m_writingBytes = 0;
   }
+  NoteRoom();
   return flushed;
 }
 
@@ -125,7 +122,11 @@ void Outbox::Recycle() {
 }
 
 void Outbox::SetConnection(std::shared_ptr<Connection> connection) {
-  const Lock lock = Acquire();
+  Lock lock = Acquire();
+  // Ending a connection takes time, which the keeper has and a sender has not.
+  while (m_writing) {
+    AwaitRoom(lock);
+  }
   for (; m_next < m_queue.size(); ++m_next) {
     Seal(*m_queue[m_next]);
   }

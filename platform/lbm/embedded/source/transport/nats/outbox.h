@@ -62,7 +62,8 @@ class Outbox {
   // For the keeper: sends all that the socket takes. False when more has to wait until the socket takes it.
   bool WriteAll();
 
-  // What waits is lost with a connection: only what comes after may go out on the next one. Null: there is none.
+  // What waits is lost with a connection: only what comes after may go out on the next one. Null: there is none. Nobody
+  // writes to the last one any more when it returns.
   void SetConnection(std::shared_ptr<Connection> connection);
   bool Empty();
 
