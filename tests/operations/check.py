@@ -52,7 +52,7 @@ GIVEN = {
     "lbm/source/triage_handler.cpp": {"invalid"},
     "lbm/source/triage_requests.cpp": {"event"},
     "misc/logger/source/backend/sinks.cpp": {'"zq::logging: "', "LineOf", "m_line"},
-    "platform/lbm/embedded/source/api/context.cpp": {"text"},
+    "platform/lbm/embedded/source/api/transports.cpp": {"text"},
     "platform/lbm/embedded/source/transport/host/link/acceptor.cpp": {"compose", "TextOf"},
     "price_server/ps_common/connector/source/lbm_client_resource_mgr.cpp": {"logPrefix", "std"},
 }

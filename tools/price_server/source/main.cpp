@@ -36,11 +36,13 @@ feed::PricesFile ReadPrices(const Options& options) {
 
 // Where servers that could meet each other meet; with a messaging library that has no such place, the machine's.
 std::filesystem::path LockDirectory(const lbm::Context& context) {
+  std::string directory;
   try {
-    return context.GetStrOpt("domain_directory");
+    directory = context.GetStrOpt("domain_directory");
   } catch (const lbm::LbmError&) {
-    return std::filesystem::temp_directory_path();
+    // The provider has no such option.
   }
+  return directory.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(directory);
 }
 
 lbm::ContextAttributes AttributesOf(const Options& options) {

@@ -131,6 +131,23 @@ TEST_F(Exchange, IgnoresWhatIsNotOfItsProtocolAndSaysSo) {
   EXPECT_EQ(b.lost, 0U);
 }
 
+TEST_F(Exchange, ASourceThatWasTakenForGoneIsFoundAndHeardAgain) {
+  Member a(SettingsFor(m_server.Url()), false);
+  Member b(SettingsFor(m_server.Url()));
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  // As if it had been silent for too long: it does not know, and still has the subscription.
+  const std::string digits = a.transport->Identity().substr(a.transport->Identity().rfind('.') + 1);
+  const std::uint64_t instance = std::stoull(digits, nullptr, 16);
+  Stranger(m_server.Url()).Say(Subjects("lbm", "test").Alive(instance), wire::Begin(wire::Kind::kBye, instance));
+  DrainUntil({&a, &b}, "the end", [&] { return b.Heard("down T"); });
+  DrainUntil({&a, &b}, "its messages again", [&] {
+    Publish(*a.transport, *publication, "again");
+    return b.Heard("T: again");
+  });
+  EXPECT_EQ(b.lost, 0U);
+}
+
 TEST_F(Exchange, ContextsThatFallSilentAreGone) {
   NatsSettings settings = SettingsFor(m_server.Url());
   settings.peerTimeout = std::chrono::milliseconds(500);

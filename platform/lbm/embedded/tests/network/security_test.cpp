@@ -102,26 +102,29 @@ TEST_F(Security, TlsIsAcceptedOfTheRightServerOnly) {
   }
 }
 
-TEST_F(Security, WhatTheServerForbidsIsTold) {
-  const test_support::NatsServer server(R"(
-    authorization {
-      users: [
-        { user: server, password: s }
-        { user: client, password: c, permissions: {
-            publish: ["lbm.test.inbox.>", "lbm.test.alive.>", "lbm.test.want.>", "lbm.test.want-all"]
-            subscribe: ["lbm.test.>"] } }
-      ]
-    })");
+TEST_F(Security, OurPermissionsLetServersPublishPricesAndClientsNot) {
+  ::setenv("LBM_SERVER_PASSWORD", "s", 1);
+  ::setenv("LBM_CLIENT_PASSWORD", "c", 1);
+  ::setenv("LBM_OPERATOR_PASSWORD", "o", 1);
+  std::ifstream permissions(PERMISSIONS);
+  const test_support::NatsServer server({std::istreambuf_iterator<char>(permissions), {}});
   NatsSettings settings = SettingsFor(server.Url());
+  settings.domain = "default";
   settings.server.userFile = Write("server", "server\ns\n");
-  Member prices(settings);
+  Member prices(settings, true, false);
   settings.server.userFile = Write("client", "client\nc\n");
-  Member client(settings);
-  EXPECT_TRUE(Works(prices, client));
-  const auto forbidden = client.transport->Advertise({"FORGED", Pacing::kSource});
+  Member client(settings, true, false);
+  client.transport->Watch("price_server.segment.1");
+  const auto publication = prices.transport->Advertise({"price_server.segment.1", Pacing::kSource});
+  DrainUntil({&prices, &client}, "the subscription", [&] { return !prices.events.empty(); });
+  Publish(*prices.transport, *publication, "42");
+  DrainUntil({&prices, &client}, "the price", [&] { return client.Heard("price_server.segment.1: 42"); });
+  EXPECT_THAT(prices.Notices(), testing::IsEmpty());
+  EXPECT_THAT(client.Notices(), testing::IsEmpty());
+
+  const auto forged = client.transport->Advertise({"price_server.segment.2", Pacing::kSource});
   DrainUntil({&prices, &client}, "the refusal", [&] { return !client.Notices().empty(); });
-  EXPECT_THAT(client.Notices(), Contains(HasSubstr("lbm.test.source.FORGED")));
-  EXPECT_FALSE(prices.Heard("up FORGED"));
+  EXPECT_THAT(client.Notices(), Contains(HasSubstr("lbm.default.source.price_server.segment.2")));
 }
 
 TEST_F(Security, AServerThatTakesTooLittleAtOnceIsToldAndNotUsed) {

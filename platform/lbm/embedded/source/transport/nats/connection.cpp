@@ -34,7 +34,13 @@ using Options = std::unique_ptr<natsOptions, OptionsDeleter>;
 std::string Reason(natsStatus status) {
   natsStatus last = status;
   const char* const text = ::nats_GetLastError(&last);
-  return text != nullptr && *text != '\0' ? text : ::natsStatus_GetText(status);
+  if (text == nullptr || *text == '\0') {
+    return ::natsStatus_GetText(status);
+  }
+  // It begins with the place in the library's own sources.
+  const std::string_view reason(text);
+  const std::size_t place = reason.starts_with('(') ? reason.find("): ") : std::string_view::npos;
+  return std::string(place == std::string_view::npos ? reason : reason.substr(place + 3));
 }
 
 void Check(natsStatus status, const std::string& what) {

@@ -112,8 +112,12 @@ void Keeper::Connect() {
     }
     signals->attention.Notify();
   };
+  ServerSettings server = settings.server;
+  if (server.name.empty()) {
+    server.name = subscriberName;
+  }
   try {
-    const auto connection = std::make_shared<Connection>(settings.server, m_servers, std::move(observer));
+    const auto connection = std::make_shared<Connection>(server, m_servers, std::move(observer));
     if (connection->MaxPayload() < kPayloadMin) {
       throw std::runtime_error("the server's max_payload is " + std::to_string(connection->MaxPayload()) +
                                " bytes; set it to " + std::to_string(kPayloadMin) + " at least");
@@ -141,13 +145,24 @@ void Keeper::Use(const std::shared_ptr<Connection>& connection) {
   m_failures = 0;
 }
 
+// When the context is busy with something else: its answers, and its place in the server's patience, must not depend on
+// that. Whether anything was there.
+bool Keeper::ReadForContext() {
+  int reads = 0;
+  while (reads < kReadsMax && intake.Read()) {
+    ++reads;
+  }
+  return reads > 0;
+}
+
 // A server that does not even answer pings, or the network to it, is as good as gone.
 void Keeper::CheckServer(Clock::time_point now) {
   const std::chrono::milliseconds interval = settings.server.pingInterval;
   // If this thread was held up itself, so may have been the pings.
   const bool punctual = now - m_nextCheck < interval / 2;
   m_nextCheck = now + interval / 2;
-  if (punctual && m_connection->SilentFor() > interval + interval / 2) {
+  const bool held = !m_drained.exchange(false) && ReadForContext();
+  if (punctual && !held && m_connection->SilentFor() > interval + interval / 2) {
     LoseConnection("it does not answer");
   }
 }
@@ -189,12 +204,6 @@ void Keeper::TellComplaints() {
 }
 
 void Keeper::Tick() {
-  if (!m_drained.exchange(false)) {
-    // The context is busy with something else. Its answers, and its place in the server's patience, must not depend on
-    // that.
-    for (int reads = 0; reads < kReadsMax && intake.Read(); ++reads) {
-    }
-  }
   if (m_connection != nullptr) {
     m_servers = m_connection->Servers();  // servers tell of others that join their cluster
   }

@@ -73,6 +73,7 @@ class Keeper {
   void Use(const std::shared_ptr<Connection>& connection);
   void LoseConnection(const std::string& reason);
   void CheckServer(Clock::time_point now);
+  bool ReadForContext();
   void TellFailure(const std::string& reason);
   void TellComplaints();
   void Work();

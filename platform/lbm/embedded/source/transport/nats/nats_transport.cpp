@@ -212,7 +212,7 @@ std::size_t NatsTransport::ReadAndHandle(Listener& listener) {
     done += HandleArrivals(listener);
   }
   if (m_keeper->publications.HasNews()) {
-    done += m_keeper->publications.Tell(listener);
+    done += m_keeper->publications.Report(listener);
   }
   if (m_keeper->sources.IsUntidy()) {
     done += m_keeper->sources.TidyUp(m_keeper->intake.Empty(), listener);

@@ -255,65 +255,71 @@ void PublicationTable::OnSubscription(const wire::Subscription& subscription, st
   }
   const auto publication = found->second;
   auto& subscribers = publication->subscribers;
-  const auto known = std::find_if(subscribers.begin(), subscribers.end(),
-                                  [&](const Subscriber& subscriber) { return subscriber.instance == instance; });
-  if (known != subscribers.end() && known->token == subscription.token) {
-    known->silentTicks = 0;
+  const auto known = subscribers.find(instance);
+  if (known != subscribers.end() && known->second.token == subscription.token) {
+    Subscriber& subscriber = known->second;
+    subscriber.silentTicks = 0;
     if (subscription.accepted == 0) {
-      PutAcceptance(*publication, *known);  // the first one was lost on its way
+      PutAcceptance(*publication, instance, subscriber);  // the first one was lost on its way
       return;
     }
-    known->consumed = std::max(known->consumed, std::min(subscription.position, publication->position));
-    Credited(publication);
+    const bool wasSlowest = subscriber.consumed == publication->slowest;
+    subscriber.consumed = std::max(subscriber.consumed, std::min(subscription.position, publication->position));
+    if (wasSlowest && publication->info.pacing == Pacing::kReceiver) {
+      Credited(publication);
+    }
     return;
   }
   if (known != subscribers.end()) {
-    Leave(publication, static_cast<std::size_t>(known - subscribers.begin()));
+    Leave(publication, known);
   }
   if (subscription.token != 0) {
-    Join(publication, {.instance = instance,
-                       .token = subscription.token,
-                       .beginning = publication->GetProgress(),
-                       .consumed = publication->position,
-                       .name = name});
+    Join(publication, instance,
+         {.token = subscription.token,
+          .beginning = publication->GetProgress(),
+          .consumed = publication->position,
+          .name = name});
   }
 }
 
-void PublicationTable::Join(const std::shared_ptr<NatsPublication>& publication, Subscriber subscriber) {
+void PublicationTable::Join(const std::shared_ptr<NatsPublication>& publication, std::uint64_t instance,
+                            Subscriber subscriber) {
   if (publication->open != nullptr) {
     Outbox::Seal(*publication->open);  // what it has begun with is not for the newcomer, what comes now is
   }
-  PutAcceptance(*publication, subscriber);
+  PutAcceptance(*publication, instance, subscriber);
   Note(NewsKind::kJoined, publication, subscriber.name);
   if (publication->subscribers.empty()) {
     publication->slowest = publication->position;
   }
-  publication->subscribers.push_back(std::move(subscriber));
+  publication->subscribers.emplace(instance, std::move(subscriber));
   publication->wanted = true;
 }
 
-void PublicationTable::PutAcceptance(const NatsPublication& publication, const Subscriber& subscriber) {
+void PublicationTable::PutAcceptance(const NatsPublication& publication, std::uint64_t instance,
+                                     const Subscriber& subscriber) {
   const bool credits = publication.info.pacing == Pacing::kReceiver;
   auto message = wire::Begin(wire::Kind::kAccept, m_instance);
   wire::AppendValue(message, wire::Accept{.progress = subscriber.beginning,
                                           .token = subscriber.token,
                                           .creditBytes = static_cast<std::uint32_t>(
                                               credits ? std::max<std::size_t>(m_settings.windowBytes / 4, 1) : 0)});
-  m_outbox.Put(m_subjects.Inbox(subscriber.instance), std::move(message));
+  m_outbox.Put(m_subjects.Inbox(instance), std::move(message));
 }
 
-void PublicationTable::Leave(const std::shared_ptr<NatsPublication>& publication, std::size_t place) {
-  auto& subscribers = publication->subscribers;
-  Note(NewsKind::kLeft, publication, std::move(subscribers[place].name));
-  subscribers.erase(subscribers.begin() + static_cast<std::ptrdiff_t>(place));
-  publication->wanted = !subscribers.empty();
+PublicationTable::Subscribers::iterator PublicationTable::Leave(const std::shared_ptr<NatsPublication>& publication,
+                                                                Subscribers::iterator subscriber) {
+  Note(NewsKind::kLeft, publication, std::move(subscriber->second.name));
+  const auto next = publication->subscribers.erase(subscriber);
+  publication->wanted = !publication->subscribers.empty();
   Credited(publication);
+  return next;
 }
 
 // After a subscriber has consumed something, or left.
 void PublicationTable::Credited(const std::shared_ptr<NatsPublication>& publication) {
   publication->slowest = publication->position;
-  for (const Subscriber& subscriber : publication->subscribers) {
+  for (const auto& [instance, subscriber] : publication->subscribers) {
     publication->slowest = std::min(publication->slowest, subscriber.consumed);
   }
   WakeBlocked();
@@ -361,12 +367,9 @@ void PublicationTable::Tick() {
     if (IsRepetitionDue(++publication->announcedTicks)) {
       PutAnnouncement(*publication, m_subjects.Source(publication->info.topic));
     }
-    for (std::size_t place = 0; place < publication->subscribers.size();) {
-      if (++publication->subscribers[place].silentTicks > m_silentTicksMax) {
-        Leave(publication, place);
-      } else {
-        ++place;
-      }
+    for (auto subscriber = publication->subscribers.begin(); subscriber != publication->subscribers.end();) {
+      const bool silent = ++subscriber->second.silentTicks > m_silentTicksMax;
+      subscriber = silent ? Leave(publication, subscriber) : std::next(subscriber);
     }
   }
   WakeBlocked();
@@ -414,7 +417,7 @@ bool PublicationTable::HasNews() {
   return !m_news.empty();
 }
 
-std::size_t PublicationTable::Tell(Listener& listener) {
+std::size_t PublicationTable::Report(Listener& listener) {
   std::vector<News> news;
   {
     const Outbox::Lock lock = m_outbox.Acquire();

@@ -25,7 +25,6 @@ std::int64_t SilentTicksMax(const NatsSettings& settings);
 
 // A context that subscribed to a publication.
 struct Subscriber {
-  std::uint64_t instance = 0;
   std::uint32_t token = 0;
   wire::Progress beginning;    // of the publication when it subscribed
   std::uint64_t consumed = 0;  // position
@@ -49,20 +48,20 @@ class NatsPublication final : public Publication {
   const std::shared_ptr<const std::string> subject;
   std::uint32_t next;
   std::uint64_t position = 0;
-  std::uint64_t slowest = 0;       // position of the subscriber that has consumed least
-  Outbox::Parcel* open = nullptr;  // takes more
-  std::vector<Subscriber> subscribers;
-  std::int64_t quietTicks = 0;      // since the last message
-  std::int64_t announcedTicks = 0;  // since it was advertised, or the connection was made
-  std::atomic<bool> wanted{false};  // has subscribers; read without the lock
-  bool blocked = false;             // a send gave kWouldBlock
+  std::uint64_t slowest = 0;                                  // position of the subscriber that has consumed least
+  Outbox::Parcel* open = nullptr;                             // takes more
+  std::unordered_map<std::uint64_t, Subscriber> subscribers;  // by instance
+  std::int64_t quietTicks = 0;                                // since the last message
+  std::int64_t announcedTicks = 0;                            // since it was advertised, or the connection was made
+  std::atomic<bool> wanted{false};                            // has subscribers; read without the lock
+  bool blocked = false;                                       // a send gave kWouldBlock
   bool withdrawn = false;
 };
 
-// Threads: any. Nothing calls the listener but Tell.
+// Threads: any. Nothing calls the listener but Report.
 class PublicationTable {
  public:
-  // arrived is notified when Tell has something to tell.
+  // arrived is notified when Report has something to report.
   PublicationTable(const NatsSettings& settings, const Subjects& subjects, std::uint64_t instance,
                    const std::string& identity, Outbox& outbox, zq::posix::Event& arrived);
 
@@ -101,7 +100,7 @@ class PublicationTable {
   void SayGoodbye();
 
   // Tells what happened since the last call.
-  std::size_t Tell(Listener& listener);
+  std::size_t Report(Listener& listener);
   bool HasNews();
 
  private:
@@ -142,9 +141,11 @@ class PublicationTable {
   std::vector<std::byte>& ParcelFor(NatsPublication& publication, std::size_t size);
   std::size_t FragmentMax() const noexcept;
   void OnSubscription(const wire::Subscription& subscription, std::uint64_t instance, const std::string& name);
-  void Join(const std::shared_ptr<NatsPublication>& publication, Subscriber subscriber);
-  void PutAcceptance(const NatsPublication& publication, const Subscriber& subscriber);
-  void Leave(const std::shared_ptr<NatsPublication>& publication, std::size_t place);
+  using Subscribers = std::unordered_map<std::uint64_t, Subscriber>;
+
+  void Join(const std::shared_ptr<NatsPublication>& publication, std::uint64_t instance, Subscriber subscriber);
+  void PutAcceptance(const NatsPublication& publication, std::uint64_t instance, const Subscriber& subscriber);
+  Subscribers::iterator Leave(const std::shared_ptr<NatsPublication>& publication, Subscribers::iterator subscriber);
   void Credited(const std::shared_ptr<NatsPublication>& publication);
   void Note(NewsKind kind, const std::shared_ptr<NatsPublication>& publication, std::string name);
   void WakeBlocked();

@@ -170,8 +170,8 @@ void SourceTable::Subscribe(NatsRemoteSource& source) {
   if (self == peer->second.sources.end()) {
     return;
   }
-  source.m_lastToken = std::max(source.m_lastToken + 1, std::uint32_t{1});
-  source.m_wanted = source.m_lastToken;
+  m_lastToken = std::max(m_lastToken + 1, std::uint32_t{1});
+  source.m_wanted = m_lastToken;
   source.m_route =
       m_intake.Listen(RouteKind::kData, m_subjects.Data(source.Topic(), source.Instance(), source.Id()), self->second);
   PutInterest(source.Instance(), {source.GetSubscription()});

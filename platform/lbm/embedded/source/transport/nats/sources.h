@@ -74,7 +74,6 @@ class NatsRemoteSource final : public RemoteSource {
   Partial m_partial;
 
   // Guarded by the table:
-  std::uint32_t m_lastToken = 0;
   std::shared_ptr<Route> m_route;  // null: not subscribed
 };
 
@@ -158,6 +157,8 @@ class SourceTable {
   std::unordered_map<std::string, Watched> m_watched;
   std::shared_ptr<Route> m_allSources;
   std::int64_t m_allTicks = 0;
+  // Of all sources, those that were found before too: a publisher may still know a subscription that has ended here.
+  std::uint32_t m_lastToken = 0;
   std::int64_t m_ticksDue = 0;  // intervals that TidyUp has not seen
   bool m_unwatched = false;     // sources may be known that nobody watches
 };
