@@ -25,15 +25,18 @@ namespace test_support {
 // end.
 class NatsServer {
  public:
-  // configuration: what follows the lines about ports in the server's configuration file. Throws when the server does
-  // not come up.
-  explicit NatsServer(std::string configuration = "") : m_configuration(std::move(configuration)) { Start(); }
+  // configuration: what follows the lines about ports in the server's configuration file. address: one of the
+  // interfaces of the calling thread's network. Throws when the server does not come up.
+  explicit NatsServer(std::string configuration = "", std::string address = "127.0.0.1")
+      : m_configuration(std::move(configuration)), m_address(std::move(address)) {
+    Start();
+  }
   ~NatsServer() { Kill(); }
   NatsServer(const NatsServer&) = delete;
   NatsServer& operator=(const NatsServer&) = delete;
 
   std::string Url(const std::string& scheme = "nats") const {
-    return scheme + "://127.0.0.1:" + std::to_string(m_port);
+    return scheme + "://" + m_address + ":" + std::to_string(m_port);
   }
   std::string RouteUrl() const { return "nats://127.0.0.1:" + std::to_string(m_clusterPort); }
   int Port() const noexcept { return m_port; }
@@ -55,7 +58,7 @@ class NatsServer {
     std::filesystem::remove_all(ports);
     std::filesystem::create_directory(ports);
     std::ofstream(m_directory.Path() / "server.conf")
-        << "listen: \"127.0.0.1:" << m_port << "\"\nports_file_dir: \"" << ports.string() << "\"\n"
+        << "listen: \"" << m_address << ":" << m_port << "\"\nports_file_dir: \"" << ports.string() << "\"\n"
         << "pid_file: \"" << (m_directory.Path() / "pid").string() << "\"\n"
         << m_configuration << '\n';
     const zq::posix::Descriptor watch = zq::posix::Checked(::inotify_init1(IN_CLOEXEC), "inotify_init1");
@@ -121,6 +124,7 @@ class NatsServer {
 
   const TemporaryDirectory m_directory;
   const std::string m_configuration;
+  const std::string m_address;
   int m_port = -1;  // before the first start: any
   int m_clusterPort = -1;
   pid_t m_process = -1;

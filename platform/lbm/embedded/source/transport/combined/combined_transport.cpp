@@ -16,7 +16,7 @@ constexpr Poller::Token kNearToken = 0;
 constexpr Poller::Token kFarToken = 1;
 
 // Whoever spins looks at what is near each time, and at what is far each so many times.
-constexpr unsigned kFarEvery = 32;
+constexpr unsigned kFarEvery = 256;
 
 // A send that both have to take, and one of them cannot yet, looks again after this time.
 constexpr std::chrono::milliseconds kRetry{1};

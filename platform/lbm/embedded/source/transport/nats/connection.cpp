@@ -164,6 +164,7 @@ Options MakeOptions(const ServerSettings& settings, const std::vector<std::strin
   Check(::natsOptions_Create(&made), "cannot use the NATS client library");
   Options options(made);
   std::vector<const char*> urls;
+  urls.reserve(servers.size());
   for (const std::string& server : servers) {
     urls.push_back(server.c_str());
   }

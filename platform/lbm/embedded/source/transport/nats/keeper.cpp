@@ -1,6 +1,7 @@
 #include "transport/nats/keeper.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -133,7 +134,6 @@ void Keeper::Connect() {
 void Keeper::Use(const std::shared_ptr<Connection>& connection) {
   m_connection = connection;
   m_socketFull = false;
-  m_nextCheck = Clock::now() + settings.server.pingInterval / 2;
   poller.Add(connection->GetDescriptor(), kSocketToken, EPOLLIN);
   intake.SetConnection(connection);
   outbox.SetConnection(connection);
@@ -156,12 +156,10 @@ bool Keeper::ReadForContext() {
 }
 
 // A server that does not even answer pings, or the network to it, is as good as gone.
-void Keeper::CheckServer(Clock::time_point now) {
+void Keeper::CheckServer(bool punctual) {
   const std::chrono::milliseconds interval = settings.server.pingInterval;
-  // If this thread was held up itself, so may have been the pings.
-  const bool punctual = now - m_nextCheck < interval / 2;
-  m_nextCheck = now + interval / 2;
   const bool held = !m_drained.exchange(false) && ReadForContext();
+  // If this thread was held up itself, so may have been the pings.
   if (punctual && !held && m_connection->SilentFor() > interval + interval / 2) {
     LoseConnection("it does not answer");
   }
@@ -203,7 +201,10 @@ void Keeper::TellComplaints() {
   }
 }
 
-void Keeper::Tick() {
+void Keeper::Tick(bool punctual) {
+  if (m_connection != nullptr) {
+    CheckServer(punctual);
+  }
   if (m_connection != nullptr) {
     m_servers = m_connection->Servers();  // servers tell of others that join their cluster
   }
@@ -212,6 +213,7 @@ void Keeper::Tick() {
 }
 
 void Keeper::Run() {
+  static_cast<void>(::pthread_setname_np(::pthread_self(), "lbm_nats"));
   for (;;) {
     try {
       Work();
@@ -243,21 +245,19 @@ void Keeper::Work() {
   if (m_connection == nullptr && now >= m_nextConnect) {
     Connect();
   }
-  if (m_connection != nullptr && now >= m_nextCheck) {
-    CheckServer(now);
-  }
   m_socketFull = !outbox.WriteAll();
   publications.Written();
   if (now >= m_nextTick) {
+    const bool punctual = now - m_nextTick < settings.server.pingInterval / 4;
     m_nextTick = now + settings.announcementInterval;
-    Tick();
+    Tick(punctual);
   }
   TellComplaints();
 }
 
 void Keeper::Wait() {
   std::array<pollfd, 2> descriptors{pollfd{m_signals->attention.GetDescriptor(), POLLIN, 0}, pollfd{-1, POLLOUT, 0}};
-  auto until = std::min(m_nextTick, m_connection == nullptr ? m_nextConnect : m_nextCheck);
+  auto until = m_connection == nullptr ? std::min(m_nextTick, m_nextConnect) : m_nextTick;
   if (m_socketFull && m_connection != nullptr) {
     descriptors[1].fd = m_connection->GetDescriptor();
   }

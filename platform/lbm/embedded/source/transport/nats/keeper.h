@@ -72,12 +72,12 @@ class Keeper {
   bool Keep(const Arrival& arrival, std::size_t bytesKept);
   void Use(const std::shared_ptr<Connection>& connection);
   void LoseConnection(const std::string& reason);
-  void CheckServer(Clock::time_point now);
+  void CheckServer(bool punctual);
   bool ReadForContext();
   void TellFailure(const std::string& reason);
   void TellComplaints();
   void Work();
-  void Tick();
+  void Tick(bool punctual);
   void Wait();
   bool Finished();
   std::chrono::milliseconds UpTo(std::chrono::milliseconds most);
@@ -94,7 +94,6 @@ class Keeper {
   int m_failures = 0;
   Clock::time_point m_nextConnect;
   Clock::time_point m_nextTick;
-  Clock::time_point m_nextCheck;
   std::minstd_rand m_random;
 
   std::mutex m_stopMutex;

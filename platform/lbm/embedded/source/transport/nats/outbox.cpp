@@ -81,7 +81,7 @@ bool Outbox::WriteAll() {
 // Takes some of the queue and writes it, without the lock.
 bool Outbox::Write(Lock& lock) {
   std::size_t bytes = 0;
-  while (!m_blocked && m_next < m_queue.size() && (bytes == 0 || bytes < kTakenMax)) {
+  while (!m_blocked && m_next < m_queue.size() && bytes < kTakenMax) {
     Seal(*m_queue[m_next]);
     bytes += m_queue[m_next]->bytes.size();
     m_taken.push_back(std::move(m_queue[m_next++]));
