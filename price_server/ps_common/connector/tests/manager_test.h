@@ -54,6 +54,7 @@ std::vector<lbm_scripted::Call> CallsOf(const Action& action) {
 
 inline std::vector<std::string> Functions(const std::vector<lbm_scripted::Call>& calls) {
   std::vector<std::string> functions;
+  functions.reserve(calls.size());
   for (const auto& call : calls) {
     functions.push_back(call.function);
   }
