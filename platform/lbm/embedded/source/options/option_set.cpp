@@ -61,7 +61,7 @@ Word ParseWord(const OptionDefinition& option, std::string_view text) {
 OptionValue ValueFromText(const OptionDefinition& option, std::string_view text) {
   switch (option.type) {
     case OptionType::kText:
-      return ParseText(option, text);
+      return Text(ParseText(option, text));
     case OptionType::kWord:
       return ParseWord(option, text);
     case OptionType::kFlag:
@@ -128,7 +128,7 @@ OptionValue BuiltInValue(const OptionDefinition& option) {
 struct ToText {
   const OptionDefinition& option;
 
-  std::string operator()(const std::string& text) const { return text; }
+  std::string operator()(const Text& text) const { return text.Get(); }
   std::string operator()(Word word) const { return std::string(option.words[word.place]); }
   std::string operator()(bool flag) const { return flag ? "1" : "0"; }
   std::string operator()(std::uint32_t number) const { return std::to_string(number); }
@@ -163,7 +163,7 @@ struct ToBinary {
   std::size_t& size;
 
   void operator()(std::monostate) const {}
-  void operator()(const std::string& text) const { CopyOut(option, text, buffer, size); }
+  void operator()(const Text& text) const { CopyOut(option, text.Get(), buffer, size); }
   void operator()(Word word) const { CopyOut(option, option.words[word.place], buffer, size); }
   void operator()(bool flag) const { (*this)(flag ? 1 : 0); }
   void operator()(std::chrono::milliseconds time) const { (*this)(static_cast<lbm_ulong_t>(time.count())); }

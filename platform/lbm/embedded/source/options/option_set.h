@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -14,12 +16,26 @@
 
 namespace engine {
 
-// An option's value. Nothing stands for an option that only a live object has a value for.
 struct Word {
   std::uint8_t place = 0;  // in the option's words
   friend bool operator==(Word, Word) = default;
 };
-using OptionValue = std::variant<std::monostate, std::string, Word, bool, std::uint32_t, std::chrono::milliseconds,
+
+// A text that its copies share, so that copying a value cannot fail. (The variant of GCC 12 does not survive that the
+// copy of what it holds throws.)
+class Text {
+ public:
+  explicit Text(std::string text) : m_text(std::make_shared<const std::string>(std::move(text))) {}
+
+  const std::string& Get() const noexcept { return *m_text; }
+  friend bool operator==(const Text& left, const Text& right) noexcept { return left.Get() == right.Get(); }
+
+ private:
+  std::shared_ptr<const std::string> m_text;
+};
+
+// An option's value. Nothing stands for an option that only a live object has a value for.
+using OptionValue = std::variant<std::monostate, Text, Word, bool, std::uint32_t, std::chrono::milliseconds,
                                  std::size_t, lbm_src_notify_func_t, lbm_rcv_src_notification_func_t>;
 
 // The row of an option that may be set. Throws Error when the scope has no such option, or a read-only one.
@@ -56,7 +72,7 @@ class OptionSet {
   decltype(auto) Get(const OptionKey<T>& key) const {
     const OptionValue& value = ValueOf(key.GetScope(), key.Place());
     if constexpr (std::is_same_v<T, std::string>) {
-      return static_cast<const std::string&>(std::get<std::string>(value));
+      return std::get<Text>(value).Get();
     } else if constexpr (std::is_enum_v<T>) {
       return static_cast<T>(std::get<Word>(value).place);
     } else {
@@ -67,7 +83,11 @@ class OptionSet {
   // Gives the value of an option that nobody else may change (Change::never).
   template <class T>
   void Provide(const OptionKey<T>& key, T value) {
-    ProvideValue(key.GetScope(), key.Place(), OptionValue(std::in_place_type<T>, std::move(value)));
+    if constexpr (std::is_same_v<T, std::string>) {
+      ProvideValue(key.GetScope(), key.Place(), Text(std::move(value)));
+    } else {
+      ProvideValue(key.GetScope(), key.Place(), OptionValue(std::in_place_type<T>, std::move(value)));
+    }
   }
 
   friend bool operator==(const OptionSet& left, const OptionSet& right) noexcept;

@@ -29,8 +29,8 @@ class Member : public Witness {
 class Combined : public testing::Test {
  protected:
   const test_support::NatsServer m_server;
-  const host::ScratchDirectory m_here;
-  const host::ScratchDirectory m_there;
+  const host::ScratchDirectory m_here{};
+  const host::ScratchDirectory m_there{};
   Member m_a{m_here.Path(), m_server.Url()};
   Member m_near{m_here.Path(), m_server.Url()};
   Member m_far{m_there.Path(), m_server.Url()};

@@ -9,7 +9,7 @@ const std::string kPayload(8'000, 'x');
 
 class NetworkPacing : public testing::Test {
  protected:
-  void Start(Pacing pacing, NatsSettings settings) {
+  void Start(Pacing pacing, const NatsSettings& settings) {
     m_source = std::make_unique<Member>(SettingsFor(m_server.Url()), false);
     m_publication = m_source->transport->Advertise({"T", pacing});
     m_slow = std::make_unique<Member>(settings);

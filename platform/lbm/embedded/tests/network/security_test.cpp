@@ -15,7 +15,7 @@ using testing::Not;
 class Security : public testing::Test {
  protected:
   std::string Write(const std::string& name, const std::string& text) const {
-    const std::string path = m_directory.Path() / name;
+    std::string path = m_directory.Path() / name;
     std::ofstream(path) << text;
     return path;
   }
