@@ -40,6 +40,35 @@ std::string JoinUrls(const std::vector<std::string>& urls) {
   return text;
 }
 
+// Threads whose contexts are deleted.
+class Stragglers {
+ public:
+  Stragglers() = default;
+  ~Stragglers() {
+    for (auto& [keeper, thread] : m_threads) {
+      thread.join();
+    }
+  }
+  Stragglers(const Stragglers&) = delete;
+  Stragglers& operator=(const Stragglers&) = delete;
+
+  void Add(std::shared_ptr<Keeper> keeper, std::thread thread) {
+    const std::lock_guard lock(m_mutex);
+    std::erase_if(m_threads, [](auto& one) {
+      const bool stopped = one.first->Stopped();
+      if (stopped) {
+        one.second.join();
+      }
+      return stopped;
+    });
+    m_threads.emplace_back(std::move(keeper), std::move(thread));
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::pair<std::shared_ptr<Keeper>, std::thread>> m_threads;  // guarded by m_mutex
+};
+
 }  // namespace
 
 Keeper::Keeper(const NatsSettings& given)
@@ -286,8 +315,19 @@ bool Keeper::Stop(Clock::time_point deadline) {
   return m_stoppedNow.wait_until(lock, deadline + kStopPatience, [this] { return m_stopped; });
 }
 
+bool Keeper::Stopped() {
+  const std::lock_guard lock(m_stopMutex);
+  return m_stopped;
+}
+
 std::chrono::milliseconds Keeper::UpTo(std::chrono::milliseconds most) {
   return std::chrono::milliseconds(std::uniform_int_distribution<std::int64_t>(0, most.count())(m_random));
+}
+
+void LetGo(std::shared_ptr<Keeper> keeper, std::thread thread) {
+  // Made after the first connection, so destroyed before what that has set up.
+  static Stragglers stragglers;
+  stragglers.Add(std::move(keeper), std::move(thread));
 }
 
 }  // namespace engine::transport::nats

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <thread>
 #include <unordered_set>
 #include <vector>
 
@@ -46,6 +47,7 @@ class Keeper {
 
   // Ends Run when everything is written, at the latest at the deadline; returns whether it has ended by then.
   bool Stop(std::chrono::steady_clock::time_point deadline);
+  bool Stopped();
 
   // That the context's own thread has been looking for messages.
   void NoteDrain() noexcept { m_drained.store(true, std::memory_order_relaxed); }
@@ -103,5 +105,9 @@ class Keeper {
   Clock::time_point m_deadline;
   bool m_stopped = false;
 };
+
+// Leaves alone a thread that is connecting, which nothing interrupts, when its context is deleted. It ends when that
+// succeeds or fails; the process does not end before, since the thread is inside libraries that clean up then.
+void LetGo(std::shared_ptr<Keeper> keeper, std::thread thread);
 
 }  // namespace engine::transport::nats

@@ -312,7 +312,7 @@ void NatsTransport::Close(std::chrono::milliseconds linger) noexcept {
   if (m_keeper->Stop(deadline)) {
     m_thread.join();
   } else {
-    m_thread.detach();  // it is connecting, which nothing interrupts, and holds what it needs
+    LetGo(m_keeper, std::move(m_thread));
   }
 }
 

@@ -36,9 +36,9 @@ Prologue TakePrologue(Bytes& bytes) {
 }
 
 std::vector<std::byte> Begin(Kind kind, std::uint64_t instance) {
-  std::vector<std::byte> message;
-  AppendValue(message, Prologue{.kind = kind, .instance = instance});
-  return message;
+  const Prologue prologue{.kind = kind, .instance = instance};
+  const Bytes bytes = BytesOf(prologue);
+  return {bytes.begin(), bytes.end()};
 }
 
 }  // namespace engine::transport::nats::wire
