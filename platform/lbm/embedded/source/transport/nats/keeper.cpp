@@ -163,6 +163,7 @@ void Keeper::Connect() {
 void Keeper::Use(const std::shared_ptr<Connection>& connection) {
   m_connection = connection;
   m_socketFull = false;
+  m_servers = connection->Servers();
   poller.Add(connection->GetDescriptor(), kSocketToken, EPOLLIN);
   intake.SetConnection(connection);
   outbox.SetConnection(connection);
