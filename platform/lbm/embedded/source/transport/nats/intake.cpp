@@ -17,10 +17,9 @@ std::shared_ptr<Route> Intake::Listen(RouteKind kind, std::string subject, std::
 }
 
 void Intake::Ignore(const std::shared_ptr<Route>& route) {
-  SubscriptionHandle handle;
   const std::lock_guard lock(m_mutex);
   std::erase(m_routes[static_cast<std::size_t>(route->kind)], route);
-  handle = std::move(route->handle);
+  route->handle = nullptr;  // with the lock: the library does not expect it while it reads
 }
 
 void Intake::SetConnection(std::shared_ptr<Connection> connection) {
