@@ -1,3 +1,6 @@
+#include <atomic>
+#include <thread>
+
 #include "../transport/member.h"
 #include "network.h"
 #include "transport/combined/combined_transport.h"
@@ -93,6 +96,40 @@ TEST_F(Combined, ASendThatEitherWayCannotTakeGoesNeither) {
   DrainUntil(m_all, "all messages",
              [&] { return m_a.messages == sent && m_near.messages == sent && m_far.messages == sent; });
   EXPECT_EQ(m_far.lost, 0U);
+}
+
+TEST_F(Combined, ASendFromInsideADrainNeverWaitsAndOneFromOutsideLooksForRoomItself) {
+  const auto publication = m_a.transport->Advertise({"T", Pacing::kReceiver});
+  DrainUntil(m_all, "all three subscriptions", [&] {
+    return std::count_if(m_a.events.begin(), m_a.events.end(),
+                         [](const auto& event) { return event.starts_with("joined"); }) == 3;
+  });
+  const std::string payload(10'000, 'x');
+  std::size_t sent = 0;
+  bool refused = false;
+  m_a.onMessage = [&](RemoteSource&, InboundMessage&) {
+    // Nobody else takes anything in meanwhile.
+    while (!refused) {
+      refused = Publish(*m_a.transport, *publication, payload, true) == SendResult::kWouldBlock;
+      sent += refused ? 0 : 1;
+    }
+  };
+  ASSERT_EQ(Publish(*m_a.transport, *publication, payload), SendResult::kSent);
+  ++sent;
+  DrainUntil({&m_a}, "a refusal", [&] { return refused; });
+
+  std::atomic<bool> done{false};
+  std::jthread others([&] { DrainUntil({&m_near, &m_far}, "the last send", [&] { return done.load(); }); });
+  for (int i = 0; i < 500; ++i) {
+    EXPECT_EQ(Publish(*m_a.transport, *publication, payload, true), SendResult::kSent);
+    ++sent;
+    m_a.transport->DrainMemory(m_a);
+  }
+  done = true;
+  // Wakes the others.
+  const auto last = m_a.transport->Advertise({"LAST", Pacing::kSource});
+  others.join();
+  DrainUntil(m_all, "all messages", [&] { return m_near.messages == sent && m_far.messages == sent; });
 }
 
 }  // namespace

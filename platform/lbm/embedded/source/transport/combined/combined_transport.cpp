@@ -1,12 +1,12 @@
 #include "transport/combined/combined_transport.h"
 
 #include <algorithm>
-#include <atomic>
 #include <mutex>
 #include <thread>
 #include <utility>
 
 #include "system/poller.h"
+#include "transport/draining_thread.h"
 
 namespace engine::transport::combined {
 
@@ -123,6 +123,7 @@ class CombinedTransport final : public Transport {
   const std::unique_ptr<Transport> m_near;
   const std::unique_ptr<FarTransport> m_far;
   Poller m_poller;
+  DrainingThread m_draining;
   unsigned m_looks = 0;  // for the thread inside Drain
 };
 
@@ -145,7 +146,7 @@ SendResult CombinedTransport::Publish(Publication& publication, const OutboundMe
   }
   for (;;) {
     const SendResult result = TryBoth(both, message);
-    if (result != SendResult::kWouldBlock || !wait.GoesOn()) {
+    if (result != SendResult::kWouldBlock || !m_draining.Allowed(wait).GoesOn()) {
       return result;
     }
     std::this_thread::sleep_for(kRetry);
@@ -166,6 +167,7 @@ SendResult CombinedTransport::TryBoth(CombinedPublication& publication, const Ou
 }
 
 std::size_t CombinedTransport::DrainMemory(Listener& listener) {
+  const DrainingThread::Scope scope(m_draining);
   const std::size_t done = m_near->DrainMemory(listener);
   if (++m_looks % kFarEvery != 0) {
     return done;
@@ -175,6 +177,7 @@ std::size_t CombinedTransport::DrainMemory(Listener& listener) {
 }
 
 std::size_t CombinedTransport::Drain(Listener& listener) {
+  const DrainingThread::Scope scope(m_draining);
   FarListener far(listener, *m_far);
   const std::size_t done = m_near->Drain(listener);
   return done + m_far->Drain(far);

@@ -17,6 +17,7 @@
 
 #include "system/poller.h"
 #include "system/tuning.h"
+#include "transport/draining_thread.h"
 #include "transport/fault.h"
 #include "transport/host/link/acceptor.h"
 #include "transport/host/link/link.h"
@@ -69,10 +70,10 @@ class HostTransport final : public Transport {
   void Subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Subscribe(); }
   void Unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Unsubscribe(); }
   SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override {
-    return static_cast<HostPublication&>(publication).Publish(message, Allowed(wait), m_closed);
+    return static_cast<HostPublication&>(publication).Publish(message, m_draining.Allowed(wait), m_closed);
   }
   SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) override {
-    return static_cast<HostReplyPath&>(path).Respond(pieces, Allowed(wait), m_closed);
+    return static_cast<HostReplyPath&>(path).Respond(pieces, m_draining.Allowed(wait), m_closed);
   }
   int GetDescriptor() const noexcept override { return m_poller.GetDescriptor(); }
   bool Park() override;
@@ -82,27 +83,6 @@ class HostTransport final : public Transport {
   void Close(std::chrono::milliseconds linger) noexcept override;
 
  private:
-  // Marks the calling thread as being inside Drain.
-  class DrainScope {
-   public:
-    explicit DrainScope(HostTransport& transport) : m_thread(transport.m_drainingThread) {
-      m_thread.store(std::this_thread::get_id(), std::memory_order_relaxed);
-    }
-    ~DrainScope() { m_thread.store(std::thread::id(), std::memory_order_relaxed); }
-    DrainScope(const DrainScope&) = delete;
-    DrainScope& operator=(const DrainScope&) = delete;
-
-   private:
-    std::atomic<std::thread::id>& m_thread;
-  };
-
-  SendWait Allowed(const SendWait& wait) const noexcept {
-    const auto draining = [this] {
-      return m_drainingThread.load(std::memory_order_relaxed) == std::this_thread::get_id();
-    };
-    return {wait.allowed && !draining(), wait.givesUp};
-  }
-
   void LinkToSelf();
   void Adopt(zq::posix::Descriptor& socket, LinkKind kind);
   void OpenRing(Peer& peer, Listener& listener);
@@ -125,7 +105,7 @@ class HostTransport final : public Transport {
   Rendezvous m_rendezvous;
   ParkingWord m_parkingWord;
   std::atomic<bool> m_closed{false};
-  std::atomic<std::thread::id> m_drainingThread{};
+  DrainingThread m_draining;
 
   // For the thread inside Drain:
   Acceptor m_acceptor;
@@ -177,12 +157,12 @@ bool HostTransport::RingsHaveWork() noexcept {
 }
 
 std::size_t HostTransport::DrainMemory(Listener& listener) {
-  const DrainScope scope(*this);
+  const DrainingThread::Scope scope(m_draining);
   return ConsumeRings(listener);
 }
 
 std::size_t HostTransport::Drain(Listener& listener) {
-  const DrainScope scope(*this);
+  const DrainingThread::Scope scope(m_draining);
   std::size_t done = ConsumeRings(listener);
   Poller::Events storage;
   for (const epoll_event& event : m_poller.Poll(storage, 0)) {

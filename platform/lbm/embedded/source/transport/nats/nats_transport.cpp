@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "transport/draining_thread.h"
 #include "transport/gather.h"
 #include "transport/nats/keeper.h"
 
@@ -36,14 +37,17 @@ class NatsTransport final : public FarTransport {
     m_keeper->sources.Unsubscribe(static_cast<NatsRemoteSource&>(source));
   }
   SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override {
-    return m_keeper->publications.Publish(static_cast<NatsPublication&>(publication), message, Allowed(wait),
+    return m_keeper->publications.Publish(static_cast<NatsPublication&>(publication), message, m_draining.Allowed(wait),
                                           [this] { m_keeper->intake.Read(); });
   }
   bool HasSubscribers(const Publication& publication) const noexcept override {
     return static_cast<const NatsPublication&>(publication).wanted.load(std::memory_order_relaxed);
   }
   bool HasRoom(Publication& publication, const OutboundMessage& message) override {
-    return m_keeper->publications.HasRoom(static_cast<NatsPublication&>(publication), message);
+    auto& ours = static_cast<NatsPublication&>(publication);
+    // Whoever waits for room may be the only one to see it come.
+    return m_keeper->publications.HasRoom(ours, message) ||
+           (m_keeper->intake.Read() && m_keeper->publications.HasRoom(ours, message));
   }
   void PublishRegardless(Publication& publication, const OutboundMessage& message) override {
     m_keeper->publications.PublishRegardless(static_cast<NatsPublication&>(publication), message);
@@ -64,25 +68,6 @@ class NatsTransport final : public FarTransport {
     std::vector<std::byte> bytes;
   };
 
-  // Marks the calling thread as being inside Drain.
-  class DrainScope {
-   public:
-    explicit DrainScope(NatsTransport& transport) : m_thread(transport.m_drainingThread) {
-      m_thread.store(std::this_thread::get_id(), std::memory_order_relaxed);
-      transport.m_keeper->NoteDrain();
-    }
-    ~DrainScope() { m_thread.store(std::thread::id(), std::memory_order_relaxed); }
-    DrainScope(const DrainScope&) = delete;
-    DrainScope& operator=(const DrainScope&) = delete;
-
-   private:
-    std::atomic<std::thread::id>& m_thread;
-  };
-
-  SendWait Allowed(const SendWait& wait) const noexcept {
-    return {wait.allowed && m_drainingThread.load(std::memory_order_relaxed) != std::this_thread::get_id(),
-            wait.givesUp};
-  }
   std::size_t ReadAndHandle(Listener& listener);
   std::size_t HandleArrivals(Listener& listener);
   void Handle(const Arrival& arrival, Listener& listener);
@@ -92,7 +77,7 @@ class NatsTransport final : public FarTransport {
   const std::shared_ptr<Keeper> m_keeper;
   std::thread m_thread;
   std::atomic<bool> m_closed{false};
-  std::atomic<std::thread::id> m_drainingThread{};
+  DrainingThread m_draining;
 
   std::mutex m_wantsMutex;
   std::unordered_map<std::uint32_t, std::shared_ptr<Route>> m_wants;  // by publication; guarded by m_wantsMutex
@@ -137,7 +122,7 @@ void NatsTransport::Withdraw(Publication& publication) {
 SendResult NatsTransport::Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) {
   const auto& to = static_cast<NatsReplyPath&>(path);
   const std::size_t size = MessageSize(pieces);
-  const SendWait allowed = Allowed(wait);
+  const SendWait allowed = m_draining.Allowed(wait);
   Outbox& outbox = m_keeper->outbox;
   for (Outbox::Lock lock = outbox.Acquire();;) {
     if (outbox.Closed()) {
@@ -203,7 +188,8 @@ std::size_t NatsTransport::Drain(Listener& listener) {
 }
 
 std::size_t NatsTransport::ReadAndHandle(Listener& listener) {
-  const DrainScope scope(*this);
+  const DrainingThread::Scope scope(m_draining);
+  m_keeper->NoteDrain();
   if (m_closed.load(std::memory_order_relaxed)) {
     return 0;
   }
