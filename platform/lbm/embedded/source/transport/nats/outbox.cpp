@@ -10,41 +10,41 @@ Outbox::Outbox(std::size_t bytesMax, zq::posix::Event& keeper) : m_bytesMax(byte
   m_spare.reserve(kSpareMax);
 }
 
-std::unique_ptr<Outbox::Parcel> Outbox::Blank() {
-  if (m_spare.empty()) {
-    return std::make_unique<Parcel>();
+void Outbox::Prepare() {
+  const Lock lock = Acquire();
+  while (m_spare.size() < kPrepared) {
+    m_spare.push_back(Blank());
   }
-  std::unique_ptr<Parcel> parcel = std::move(m_spare.back());
-  m_spare.pop_back();
+}
+
+std::unique_ptr<Outbox::Parcel> Outbox::Blank() {
+  auto parcel = std::make_unique<Parcel>();
+  parcel->bytes.reserve(kParcelBytes);
   return parcel;
 }
 
-Outbox::Parcel& Outbox::Add(const std::shared_ptr<const std::string>& subject, Parcel** open) {
-  std::unique_ptr<Parcel> parcel = Blank();
-  parcel->subject = subject;
-  parcel->open = open;
-  if (open != nullptr) {
-    // Once: parcels are used again. One fills while another is written.
-    parcel->bytes.reserve(kParcelBytes);
-    if (m_spare.empty()) {
-      m_spare.push_back(std::make_unique<Parcel>());
-      m_spare.back()->bytes.reserve(kParcelBytes);
-    }
+Outbox::Parcel& Outbox::Open(const std::shared_ptr<const std::string>& subject, Parcel** open) {
+  if (m_spare.empty()) {
+    m_spare.push_back(Blank());
   }
-  m_queue.push_back(std::move(parcel));
-  if (open != nullptr) {
-    *open = m_queue.back().get();
-  }
-  return *m_queue.back();
+  m_queue.push_back(std::move(m_spare.back()));
+  m_spare.pop_back();
+  Parcel& parcel = *m_queue.back();
+  parcel.subject = subject;
+  parcel.open = open;
+  *open = &parcel;
+  return parcel;
 }
 
 void Outbox::Put(std::string subject, std::vector<std::byte> bytes) {
   if (!Connected()) {
     return;  // everything is said anew to the next connection
   }
-  Parcel& parcel = Add(std::make_shared<const std::string>(std::move(subject)), nullptr);
-  parcel.bytes = std::move(bytes);
-  Grew(parcel.bytes.size());
+  auto parcel = std::make_unique<Parcel>();
+  parcel->subject = std::make_shared<const std::string>(std::move(subject));
+  parcel->bytes = std::move(bytes);
+  m_queue.push_back(std::move(parcel));
+  Grew(m_queue.back()->bytes.size());
 }
 
 void Outbox::Seal(Parcel& parcel) noexcept {
@@ -113,7 +113,8 @@ bool Outbox::Write(Lock& lock) {
 
 void Outbox::Recycle() {
   for (auto& parcel : m_taken) {
-    if (m_spare.size() < kSpareMax && parcel->bytes.capacity() <= kSpareBytesMax) {
+    const std::size_t capacity = parcel->bytes.capacity();
+    if (m_spare.size() < kSpareMax && capacity >= kParcelBytes && capacity <= kSpareBytesMax) {
       parcel->bytes.clear();
       m_spare.push_back(std::move(parcel));
     }

@@ -46,14 +46,18 @@ class Outbox {
     const std::size_t unsent = m_queuedBytes + m_writingBytes;
     return unsent == 0 || unsent + size <= m_bytesMax;
   }
-  // A new parcel at the end. With open, more may be added to it until it is taken; then *open is null again.
-  Parcel& Add(const std::shared_ptr<const std::string>& subject, Parcel** open);
+  // A new parcel at the end, at *open. More may be added to it until it is taken; then *open is null again.
+  Parcel& Open(const std::shared_ptr<const std::string>& subject, Parcel** open);
+  // A parcel of its own.
   void Put(std::string subject, std::vector<std::byte> bytes);
   void Grew(std::size_t size) noexcept { m_queuedBytes += size; }
   static void Seal(Parcel& parcel) noexcept;
   // Waits until there may be room or credit, briefly.
   bool AwaitRoom(Lock& lock) { return m_room.wait_for(lock, kRoomPatience) == std::cv_status::no_timeout; }
   void NoteRoom() { m_room.notify_all(); }
+
+  // Without the lock: so that the sending of a new source's small messages need not allocate.
+  void Prepare();
 
   // Sees to it that what was added goes out. Releases the lock.
   void Send(Lock lock);
@@ -75,12 +79,13 @@ class Outbox {
   static constexpr std::chrono::microseconds kBurstGap{20};
   static constexpr std::chrono::milliseconds kRoomPatience{1};
   static constexpr std::size_t kTakenMax = std::size_t{256} << 10;  // bytes taken to be written at a time
+  static constexpr std::size_t kPrepared = 2;                       // one parcel fills while another is written
   static constexpr std::size_t kSpareMax = 16;
   static constexpr std::size_t kSpareBytesMax = std::size_t{64} << 10;
 
   bool Write(Lock& lock);
   void Recycle();
-  std::unique_ptr<Parcel> Blank();
+  static std::unique_ptr<Parcel> Blank();
 
   const std::size_t m_bytesMax;
   zq::posix::Event& m_keeper;
@@ -91,8 +96,8 @@ class Outbox {
   std::shared_ptr<Connection> m_connection;
   std::size_t m_maxPayload = std::size_t{1} << 20;
   std::vector<std::unique_ptr<Parcel>> m_queue;
-  std::size_t m_next = 0;  // of m_queue, to be taken
-  std::vector<std::unique_ptr<Parcel>> m_spare;
+  std::size_t m_next = 0;                        // of m_queue, to be taken
+  std::vector<std::unique_ptr<Parcel>> m_spare;  // as large as Blank makes them, or larger
   std::size_t m_queuedBytes = 0;
   std::size_t m_writingBytes = 0;  // taken, and not yet in the socket
   bool m_writing = false;          // by some thread

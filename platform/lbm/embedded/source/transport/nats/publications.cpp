@@ -45,6 +45,7 @@ PublicationTable::PublicationTable(const NatsSettings& settings, const Subjects&
       m_silentTicksMax(SilentTicksMax(settings)) {}
 
 std::shared_ptr<NatsPublication> PublicationTable::Advertise(const PublicationInfo& info, std::uint32_t id) {
+  m_outbox.Prepare();
   const Outbox::Lock lock = m_outbox.Acquire();
   m_lastId = id != 0 ? id : m_lastId + 1;
   auto publication =
@@ -182,7 +183,7 @@ std::vector<std::byte>& PublicationTable::ParcelFor(NatsPublication& publication
     Outbox::Seal(*publication.open);
   }
   if (publication.open == nullptr) {
-    std::vector<std::byte>& bytes = m_outbox.Add(publication.subject, &publication.open).bytes;
+    std::vector<std::byte>& bytes = m_outbox.Open(publication.subject, &publication.open).bytes;
     wire::AppendValue(bytes, wire::Prologue{.kind = wire::Kind::kData, .instance = m_instance});
     wire::AppendValue(bytes, wire::Data{.position = publication.position, .source = publication.Id()});
     m_outbox.Grew(bytes.size());
