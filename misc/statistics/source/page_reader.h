@@ -1,0 +1,13 @@
+// Reading of pages that are being written.
+#pragma once
+
+#include <cstddef>
+
+#include "zq/statistics/snapshot.h"
+
+namespace zq::statistics {
+
+// Of the page at this address in this process.
+Snapshot ReadMemory(const std::byte* page, std::size_t bytes);
+
+}  // namespace zq::statistics
