@@ -25,7 +25,7 @@ struct Header {
   std::uint32_t version;
   std::uint32_t headerBytes;
   std::uint64_t layoutChecksum;
-  std::uint64_t pageBytes;    // of the file
+  std::uint64_t bytesMax;     // that the page can have; the file has as many as are in use or a few more
   std::uint64_t indexOffset;  // of the index: 8 bytes for each row
   std::uint64_t rowsMax;      // entries of the index
   std::uint64_t heapOffset;   // of the blocks

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@ namespace zq::statistics {
 namespace {
 
 constexpr std::string_view kOther = "other";
+constexpr std::uint64_t kMemoryPage = 4096;
 constexpr std::uint64_t kBackedAtOnce = std::uint64_t{256} << 10;
 
 constexpr std::uint64_t RoundUp(std::uint64_t bytes, std::uint64_t unit) { return (bytes + unit - 1) / unit * unit; }
@@ -83,6 +85,12 @@ std::uint64_t StartTicks() {
   }
 }
 
+// Growing a file beyond this would end the process.
+std::uint64_t FileBytesMax() {
+  struct rlimit limit {};
+  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
+}
+
 }  // namespace
 
 struct Page::KnownKind {
@@ -96,7 +104,7 @@ struct Page::KnownKind {
 
 Page::Page(const PageSettings& settings)
     : m_process(::getpid()),
-      m_bytesMax(std::min(RoundUp(settings.bytesMax, 4096), kPageBytesMax)),
+      m_bytesMax(std::min(RoundUp(settings.bytesMax, kMemoryPage), kPageBytesMax)),
       m_rowsMax(settings.rowsMax) {
   if (!settings.directory.empty()) {
     try {
@@ -106,41 +114,40 @@ Page::Page(const PageSettings& settings)
       m_fault = error.what();
     }
   }
-  const int flags = m_file ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
-  void* const memory = ::mmap(nullptr, m_bytesMax, PROT_READ | PROT_WRITE, flags, m_file.Get(), 0);
-  if (memory == MAP_FAILED) {
-    m_fault = "no memory for a page: " + posix::ErrorText(errno);
+  // Addresses for the largest page; memory comes as rows need it, also for a process that locks all of its memory.
+  void* const addresses = ::mmap(nullptr, m_bytesMax, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (addresses == MAP_FAILED) {
+    m_fault = "reserving addresses for a page: " + posix::ErrorText(errno);
     m_file = {};
     return;
   }
-  m_memory = static_cast<std::byte*>(memory);
+  m_memory = static_cast<std::byte*>(addresses);
 
   const std::uint64_t indexOffset = RoundUp(sizeof(Header), kUnit);
-  const std::uint64_t heapOffset = RoundUp(indexOffset + m_rowsMax * sizeof(std::uint64_t), 4096);
-  m_indexBacked = indexOffset;
-  m_heapBacked = heapOffset;
-  if (m_bytesMax < heapOffset || !Back(m_indexBacked, indexOffset + 4096)) {
-    m_fault = "no space for a page";
+  m_heapEnd = RoundUp(indexOffset + m_rowsMax * sizeof(std::uint64_t), kMemoryPage);
+  if (!Map(0, m_heapEnd) || !Back(0, indexOffset + kMemoryPage)) {
+    m_fault = "there is no room for a page of statistics" + (m_file ? " in " + settings.directory : std::string());
     ::munmap(std::exchange(m_memory, nullptr), m_bytesMax);
     m_file = {};
     return;
   }
+  m_indexBacked = RoundUp(indexOffset + kMemoryPage, kMemoryPage);
+  m_heapBacked = m_heapEnd;
   auto* const header = new (m_memory) Header{};
   header->magic = kMagic;
   header->version = kVersion;
   header->headerBytes = sizeof(Header);
   header->layoutChecksum = LayoutChecksum();
-  header->pageBytes = m_bytesMax;
+  header->bytesMax = m_bytesMax;
   header->indexOffset = indexOffset;
   header->rowsMax = m_rowsMax;
-  header->heapOffset = heapOffset;
+  header->heapOffset = m_heapEnd;
   header->process = m_process;
   header->startTicks = StartTicks();
   header->startRealtime = std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
   header->startMonotonic = Now();
   ProgramName().copy(header->program.data(), header->program.size() - 1);
-  header->heapEnd = heapOffset;
-  m_heapEnd = heapOffset;
+  header->heapEnd = m_heapEnd;
 
   if (m_file) {
     try {
@@ -162,9 +169,6 @@ void Page::OpenFile(const PageSettings& settings) {
   m_file = OpenUnnamedPage(settings.directory);
   if (::flock(m_file.Get(), LOCK_EX | LOCK_NB) != 0) {
     posix::ThrowErrno("locking a page");
-  }
-  if (::ftruncate(m_file.Get(), static_cast<off_t>(m_bytesMax)) != 0) {
-    posix::ThrowErrno("making a page of " + std::to_string(m_bytesMax) + " bytes");
   }
 }
 
@@ -202,20 +206,50 @@ void Page::OnFork() noexcept {
   m_mutex.unlock();
 }
 
-bool Page::Back(std::uint64_t& end, std::uint64_t wanted) {
-  if (wanted <= end) {
+// Makes the part of the page usable.
+bool Page::Map(std::uint64_t begin, std::uint64_t end) {
+  if (end > m_bytesMax || (m_file && end > FileBytesMax())) {
+    return false;
+  }
+  if (!m_file) {
+    return ::mprotect(m_memory + begin, end - begin, PROT_READ | PROT_WRITE) == 0;
+  }
+  return ::mmap(m_memory + begin, end - begin, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, m_file.Get(),
+                static_cast<off_t>(begin)) != MAP_FAILED;
+}
+
+// Sees to it that the file system has memory for the part: writing to what it has not would end the process.
+bool Page::Back(std::uint64_t begin, std::uint64_t end) {
+  int error = 0;
+  if (m_file) {
+    do {
+      error = ::posix_fallocate(m_file.Get(), static_cast<off_t>(begin), static_cast<off_t>(end - begin));
+    } while (error == EINTR);
+  }
+  return error == 0;
+}
+
+bool Page::GrowIndex(std::uint64_t end) {
+  if (end <= m_indexBacked) {
     return true;
   }
-  if (wanted > m_bytesMax) {
+  if (!Back(m_indexBacked, m_indexBacked + kMemoryPage)) {
     return false;
   }
-  const std::uint64_t upTo =
-      std::min(RoundUp(wanted, &end == &m_heapBacked ? kBackedAtOnce : 4096), std::uint64_t{m_bytesMax});
-  // Memory that the file system does not have would end the process when it is written to.
-  if (m_file && ::posix_fallocate(m_file.Get(), static_cast<off_t>(end), static_cast<off_t>(upTo - end)) != 0) {
+  m_indexBacked += kMemoryPage;
+  return true;
+}
+
+bool Page::GrowHeap(std::uint64_t end) {
+  if (end <= m_heapBacked) {
+    return true;
+  }
+  const std::uint64_t wanted = std::min(RoundUp(end, kBackedAtOnce), std::uint64_t{m_bytesMax});
+  if (wanted < end || (m_file && wanted > FileBytesMax()) || !Back(m_heapBacked, wanted) ||
+      !Map(m_heapBacked, wanted)) {
     return false;
   }
-  end = upTo;
+  m_heapBacked = wanted;
   return true;
 }
 
@@ -228,7 +262,7 @@ Page::Block Page::Allocate(std::size_t size) {
     std::memset(m_memory + block.offset, 0, bytes);
     return block;
   }
-  if (!Back(m_heapBacked, m_heapEnd + bytes)) {
+  if (!GrowHeap(m_heapEnd + bytes)) {
     return {};
   }
   const Block block{std::exchange(m_heapEnd, m_heapEnd + bytes), bytes};
@@ -274,7 +308,7 @@ std::optional<std::uint32_t> Page::MakeRow(std::uint32_t kind, const details::Ki
   }
   if (m_freeIndices.empty()) {
     const std::uint64_t end = GetHeader().indexOffset + (m_rows.size() + 1) * sizeof(std::uint64_t);
-    if (m_rows.size() == m_rowsMax || !Back(m_indexBacked, end)) {
+    if (m_rows.size() == m_rowsMax || !GrowIndex(end)) {
       return std::nullopt;
     }
     m_freeIndices.push_back(static_cast<std::uint32_t>(m_rows.size()));
@@ -342,7 +376,7 @@ Snapshot Page::Take() {
   if (m_memory == nullptr || m_forked) {
     return {};
   }
-  return ReadMemory(m_memory, m_bytesMax);
+  return ReadMemory(m_memory);
 }
 
 Snapshot TakeSnapshot() { return Page::OfProcess().Take(); }

@@ -25,7 +25,7 @@ namespace zq::statistics {
 struct PageSettings {
   std::string directory;  // empty: seen by this process alone
   std::size_t bytesMax = std::size_t{64} << 20;
-  std::size_t rowsMax = 262'144;
+  std::size_t rowsMax = 65'536;
 };
 
 // A file of the directory while this lives: "<program>.<process>.page", locked, so that others can tell whether its
@@ -78,7 +78,10 @@ class Page {
   std::optional<std::uint32_t> MakeRow(std::uint32_t kind, const details::KindLayout& layout,
                                        const std::vector<std::string_view>& labels);
   Block Allocate(std::size_t size);
-  bool Back(std::uint64_t& end, std::uint64_t wanted);
+  bool Map(std::uint64_t begin, std::uint64_t end);
+  bool Back(std::uint64_t begin, std::uint64_t end);
+  bool GrowIndex(std::uint64_t end);
+  bool GrowHeap(std::uint64_t end);
   details::Cell* CellsOf(std::uint32_t index) const noexcept;
 
   template <class T>

@@ -33,12 +33,14 @@ class Damaged : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Copies bytes of a page; to is as long as is to be copied.
-using Copy = std::function<void(std::uint64_t offset, std::span<std::uint64_t> to)>;
+struct Source {
+  std::function<void(std::uint64_t offset, std::span<std::uint64_t> to)> copy;  // as many bytes as there is room for
+  std::function<std::uint64_t()> bytes;                                         // that there are now
+};
 
-std::vector<std::uint64_t> CopyOf(const Copy& copy, std::uint64_t begin, std::uint64_t end) {
+std::vector<std::uint64_t> CopyOf(const Source& source, std::uint64_t begin, std::uint64_t end) {
   std::vector<std::uint64_t> words((end - begin) / sizeof(std::uint64_t));
-  copy(begin, words);
+  source.copy(begin, words);
   return words;
 }
 
@@ -144,15 +146,15 @@ Value TakeLarge(FieldType type, std::span<const std::uint64_t> cells, std::uint6
 // One look at a page: what must not have changed meanwhile is looked at twice.
 class Look {
  public:
-  Look(const Copy& copy, std::uint64_t bytes) : m_copy(copy), m_bytes(bytes) {}
+  explicit Look(Source source) : m_source(std::move(source)) {}
 
   Snapshot Take() {
     ReadHeader();
     m_snapshot.takenMonotonic = Now();
     const std::uint64_t indexEnd = m_header.indexOffset + m_indexUsed * sizeof(std::uint64_t);
-    const std::vector<std::uint64_t> index = CopyOf(m_copy, m_header.indexOffset, indexEnd);
-    m_heap = CopyOf(m_copy, m_header.heapOffset, m_heapEnd);
-    const std::vector<std::uint64_t> indexAfter = CopyOf(m_copy, m_header.indexOffset, indexEnd);
+    const std::vector<std::uint64_t> index = CopyOf(m_source, m_header.indexOffset, indexEnd);
+    m_heap = CopyOf(m_source, m_header.heapOffset, m_heapEnd);
+    const std::vector<std::uint64_t> indexAfter = CopyOf(m_source, m_header.indexOffset, indexEnd);
     ReadKinds();
     for (std::size_t i = 0; i < index.size(); ++i) {
       // A row that came or went while it was copied is left out.
@@ -171,7 +173,7 @@ class Look {
     std::uint32_t version;
     std::uint32_t headerBytes;
     std::uint64_t layoutChecksum;
-    std::uint64_t pageBytes;
+    std::uint64_t bytesMax;
     std::uint64_t indexOffset;
     std::uint64_t rowsMax;
     std::uint64_t heapOffset;
@@ -185,10 +187,7 @@ class Look {
   static_assert(sizeof(Constants) == offsetof(Header, indexUsed));
 
   void ReadHeader() {
-    if (m_bytes < sizeof(Header)) {
-      throw Damaged("it is shorter than a page's beginning");
-    }
-    m_words = CopyOf(m_copy, 0, sizeof(Header));
+    m_words = CopyOf(m_source, 0, sizeof(Header));
     std::memcpy(&m_header, m_words.data(), sizeof m_header);
     if (m_header.magic != kMagic) {
       throw Damaged("it is no page of statistics");
@@ -203,10 +202,10 @@ class Look {
     m_kindsUsed = Word(offsetof(Header, kindsUsed));
     const std::uint64_t indexOffset = m_header.indexOffset;
     const std::uint64_t heapOffset = m_header.heapOffset;
-    if (m_header.pageBytes != m_bytes || indexOffset < sizeof(Header) || indexOffset % kUnit != 0 ||
-        heapOffset % kUnit != 0 || heapOffset < indexOffset || m_heapEnd < heapOffset || m_heapEnd > m_bytes ||
-        m_heapEnd % kUnit != 0 || m_indexUsed > (heapOffset - indexOffset) / sizeof(std::uint64_t) ||
-        m_kindsUsed > kKindsMax) {
+    if (m_header.bytesMax > kPageBytesMax || indexOffset < sizeof(Header) || indexOffset % kUnit != 0 ||
+        heapOffset % kUnit != 0 || heapOffset < indexOffset || m_heapEnd < heapOffset ||
+        m_heapEnd > m_header.bytesMax || m_heapEnd > m_source.bytes() || m_heapEnd % kUnit != 0 ||
+        m_indexUsed > (heapOffset - indexOffset) / sizeof(std::uint64_t) || m_kindsUsed > kKindsMax) {
       throw Damaged("its size or its parts' places are wrong");
     }
     m_snapshot.process = m_header.process;
@@ -271,8 +270,7 @@ class Look {
                          row.kind->fields[field].type == FieldType::kHistogram ? kHistogramCells : kMaximumCells);
   }
 
-  const Copy& m_copy;
-  const std::uint64_t m_bytes;
+  const Source m_source;
   Constants m_header{};
   std::vector<std::uint64_t> m_words;  // of the header
   std::uint64_t m_indexUsed = 0;
@@ -285,31 +283,32 @@ class Look {
 
 }  // namespace
 
-Snapshot ReadMemory(const std::byte* page, std::size_t bytes) {
+Snapshot ReadMemory(const std::byte* page) {
   const auto copy = [&](std::uint64_t offset, std::span<std::uint64_t> to) {
     const auto* from = reinterpret_cast<const details::Cell*>(page + offset);
     for (std::uint64_t& word : to) {
       word = (from++)->load(std::memory_order_acquire);
     }
   };
-  return Look(copy, bytes).Take();
+  return Look({.copy = copy, .bytes = [] { return kPageBytesMax; }}).Take();
 }
 
 Snapshot ReadPage(const std::string& path) try {
   const posix::Descriptor file =
       posix::Checked(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC), "opening it");
-  struct stat status {};
-  if (::fstat(file.Get(), &status) != 0) {
-    posix::ThrowErrno("examining it");
-  }
+  const auto examine = [&] {
+    struct stat status {};
+    if (::fstat(file.Get(), &status) != 0) {
+      posix::ThrowErrno("examining it");
+    }
+    return status;
+  };
+  const struct stat status = examine();
   if (!S_ISREG(status.st_mode)) {
     throw Damaged("it is no file");
   }
   if (status.st_uid != ::geteuid()) {
     throw Damaged("it belongs to user " + std::to_string(status.st_uid));
-  }
-  if (static_cast<std::uint64_t>(status.st_size) > kPageBytesMax) {
-    throw Damaged("it is larger than any page");
   }
   // The system copies aligned words whole, and truncating the file ends the reading, not the reader.
   const auto copy = [&](std::uint64_t offset, std::span<std::uint64_t> to) {
@@ -320,7 +319,7 @@ Snapshot ReadPage(const std::string& path) try {
         posix::ThrowErrno("reading it");
       }
       if (got == 0) {
-        throw Damaged("it was truncated");
+        throw Damaged("it is shorter than it says");
       }
       if (got > 0) {
         bytes = bytes.subspan(static_cast<std::size_t>(got));
@@ -328,7 +327,7 @@ Snapshot ReadPage(const std::string& path) try {
       }
     }
   };
-  return Look(copy, static_cast<std::uint64_t>(status.st_size)).Take();
+  return Look({.copy = copy, .bytes = [&] { return static_cast<std::uint64_t>(examine().st_size); }}).Take();
 } catch (const std::exception& error) {
   throw std::runtime_error(path + ": " + error.what());
 }

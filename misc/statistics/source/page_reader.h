@@ -8,6 +8,6 @@
 namespace zq::statistics {
 
 // Of the page at this address in this process.
-Snapshot ReadMemory(const std::byte* page, std::size_t bytes);
+Snapshot ReadMemory(const std::byte* page);
 
 }  // namespace zq::statistics

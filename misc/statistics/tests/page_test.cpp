@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -134,6 +135,26 @@ TEST_F(PageTest, CountsTogetherWhatHasNoRoom) {
   EXPECT_EQ(30U, snapshot.rows[0].values[kMessages].Count());
   EXPECT_EQ(0, snapshot.rows[0].values[kOpen].number);
   EXPECT_EQ(10U, snapshot.rows[2].values[kMessages].Count());
+}
+
+TEST_F(PageTest, GrowsNoFileBeyondTheLimitThatWouldEndTheProcess) {
+  const std::string directory = m_directory.Path() / "pages";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const struct rlimit limit { .rlim_cur = 1U << 20U, .rlim_max = 1U << 20U };
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    statistics::Page page({.directory = directory});
+    std::vector<std::unique_ptr<statistics::Row>> rows;
+    for (int i = 0; i < 100; ++i) {
+      rows.push_back(
+          std::make_unique<statistics::Row>(page, kThing, std::initializer_list<std::string_view>{"a", "b"}));
+      rows.back()->Add(kMessages);
+    }
+    ::_exit(page.Fault().empty() && statistics::ReadPage(page.Path()).rowsInOther > 0 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
 }
 
 TEST_F(PageTest, NothingIsLostWhereNoFileCanBe) {
