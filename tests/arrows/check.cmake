@@ -15,6 +15,7 @@ set(arrows
     "lbm -> platform/lbm messaging misc/logger misc/posix"
     "messaging ->"
     "misc/logger -> misc/posix"
+    "misc/statistics -> misc/posix"
     "misc/posix ->"
     "platform/onload ->"
     "platform/lbm/embedded -> ${engine}/api"
