@@ -63,7 +63,7 @@ std::string PublishPage(const std::string& directory, int file, const std::strin
   const std::string name = directory + '/' + program + '.' + std::to_string(process);
   // A process of this number may live in another process namespace.
   for (int attempt = 0; attempt < kNamesTried; ++attempt) {
-    const std::string path = name + (attempt == 0 ? "" : '-' + std::to_string(attempt)) + std::string(kPageSuffix);
+    std::string path = name + (attempt == 0 ? "" : '-' + std::to_string(attempt)) + std::string(kPageSuffix);
     if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) {
       return path;
     }

@@ -14,7 +14,7 @@ namespace {
 
 // Where rows of nothing write, whatever field it is.
 constexpr std::size_t kNowhereCells = 256;
-std::array<details::Cell, kNowhereCells> nowhere;
+std::array<details::Cell, kNowhereCells> g_nowhere;
 
 void Increase(details::Cell& cell, std::uint64_t amount) noexcept {
   cell.store(cell.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
@@ -53,7 +53,7 @@ std::uint64_t Now() noexcept {
   return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1));
 }
 
-Row::Row() noexcept : m_cells(nowhere.data()), m_layout(nullptr) {}
+Row::Row() noexcept : m_cells(g_nowhere.data()), m_layout(nullptr) {}
 
 Row::Row(const Kind& kind, std::initializer_list<std::string_view> labels) noexcept
     : Row(Page::OfProcess(), kind, labels) {}

@@ -25,7 +25,6 @@ namespace {
 namespace statistics = zq::statistics;
 using statistics::FieldType;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 enum : std::size_t { kMessages, kOpen, kLongest, kLatency };
@@ -70,6 +69,7 @@ TEST_F(PageTest, ShowsOthersWhatIsWritten) {
 TEST_F(PageTest, LosesNoAdditionOfAnyThread) {
   statistics::Row row(*m_page, kThing, {"a", "b"});
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (int j = 0; j < 20'000; ++j) {
@@ -158,7 +158,7 @@ TEST_F(PageTest, GrowsNoFileBeyondTheLimitThatWouldEndTheProcess) {
 }
 
 TEST_F(PageTest, NothingIsLostWhereNoFileCanBe) {
-  std::ofstream(m_directory.Path() / "file");
+  const std::ofstream file(m_directory.Path() / "file");
   statistics::Page hidden({.directory = m_directory.Path() / "file"});
   EXPECT_THAT(hidden.Fault(), testing::HasSubstr("must be a directory that belongs to the process's user"));
   statistics::Row row(hidden, kThing, {"a", "b"});

@@ -24,7 +24,7 @@ using Cell = std::atomic<std::uint64_t>;
 static_assert(sizeof(Cell) == sizeof(std::uint64_t) && Cell::is_always_lock_free);
 
 // Tells the threads that live at one time apart by its address.
-inline thread_local char threadMark [[gnu::tls_model("initial-exec")]] = 0;
+inline thread_local char g_threadMark [[gnu::tls_model("initial-exec")]] = 0;
 
 }  // namespace details
 
@@ -68,7 +68,7 @@ class Row {
 
   // For several additions at once.
   Cells Mine() noexcept {
-    const void* const mark = &details::threadMark;
+    const void* const mark = &details::g_threadMark;
     return m_owner.load(std::memory_order_relaxed) == mark ? Cells(m_cells, true) : OfAnother(mark);
   }
   void Add(std::size_t field, std::uint64_t amount = 1) noexcept { Mine().Add(field, amount); }
