@@ -38,9 +38,8 @@ details::Cell* TurnOver(details::Cell* slots, std::size_t count, std::size_t cel
   details::Cell* const slot = slots + number % count * (1 + cells);
   if (slot->load(std::memory_order_relaxed) != number) {
     slot->store(0, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
     for (std::size_t i = 1; i <= cells; ++i) {
-      slot[i].store(0, std::memory_order_relaxed);
+      slot[i].store(0, std::memory_order_release);
     }
     slot->store(number, std::memory_order_release);
   }
