@@ -93,6 +93,17 @@ function(price_connector_test name)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120 LABELS "${arg_LABELS}")
 endfunction()
 
+# price_connector_soname(<path of a shared library> <result variable>)
+#
+# The name by which programs that are linked with the library find it when they start.
+function(price_connector_soname library result)
+  execute_process(COMMAND ${CMAKE_READELF} --dynamic --wide ${library} OUTPUT_VARIABLE entries ERROR_VARIABLE entries)
+  if(NOT entries MATCHES "\\(SONAME\\)[^[]*\\[([^]]+)\\]")
+    message(FATAL_ERROR "${library} is needed as a shared library with a SONAME, but ${CMAKE_READELF} says:\n${entries}")
+  endif()
+  set(${result} ${CMAKE_MATCH_1} PARENT_SCOPE)
+endfunction()
+
 # price_connector_c_header(<room> <header>)
 #
 # Has the build of the tests compile a room's C header alone in each language that may include it, as strictly as a user

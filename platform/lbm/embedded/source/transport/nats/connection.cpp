@@ -26,16 +26,16 @@ constexpr int kLastReadsMax = 1'000;
 constexpr std::size_t kUserFileMax = 4'096;
 
 struct OptionsDeleter {
-  void operator()(natsOptions* options) const noexcept { ::natsOptions_Destroy(options); }
+  void operator()(natsOptions* options) const noexcept { Nats().natsOptions_Destroy(options); }
 };
 using Options = std::unique_ptr<natsOptions, OptionsDeleter>;
 
 // What the client library says of its last failure on this thread.
 std::string Reason(natsStatus status) {
   natsStatus last = status;
-  const char* const text = ::nats_GetLastError(&last);
+  const char* const text = Nats().nats_GetLastError(&last);
   if (text == nullptr || *text == '\0') {
-    return ::natsStatus_GetText(status);
+    return Nats().natsStatus_GetText(status);
   }
   // It begins with the place in the library's own sources.
   const std::string_view reason(text);
@@ -161,22 +161,22 @@ bool IsReadable(int socket) noexcept {
 
 Options MakeOptions(const ServerSettings& settings, const std::vector<std::string>& servers) {
   natsOptions* made = nullptr;
-  Check(::natsOptions_Create(&made), "cannot use the NATS client library");
+  Check(Nats().natsOptions_Create(&made), "cannot use the NATS client library");
   Options options(made);
   std::vector<const char*> urls;
   urls.reserve(servers.size());
   for (const std::string& server : servers) {
     urls.push_back(server.c_str());
   }
-  Check(::natsOptions_SetServers(made, urls.data(), static_cast<int>(urls.size())), "option nats_servers");
-  Check(::natsOptions_SetTimeout(made, settings.connectTimeout.count()), "connect time-out");
-  Check(::natsOptions_SetName(made, settings.name.c_str()), "option nats_connection_name");
-  Check(::natsOptions_SetPingInterval(made, settings.pingInterval.count()), "ping interval");
-  Check(::natsOptions_SetMaxPingsOut(made, kUnansweredPingsMax), "pings");
-  Check(::natsOptions_SetAllowReconnect(made, false), "reconnecting");
-  Check(::natsOptions_SetSendAsap(made, true), "sending");  // else the library makes a thread that flushes
+  Check(Nats().natsOptions_SetServers(made, urls.data(), static_cast<int>(urls.size())), "option nats_servers");
+  Check(Nats().natsOptions_SetTimeout(made, settings.connectTimeout.count()), "connect time-out");
+  Check(Nats().natsOptions_SetName(made, settings.name.c_str()), "option nats_connection_name");
+  Check(Nats().natsOptions_SetPingInterval(made, settings.pingInterval.count()), "ping interval");
+  Check(Nats().natsOptions_SetMaxPingsOut(made, kUnansweredPingsMax), "pings");
+  Check(Nats().natsOptions_SetAllowReconnect(made, false), "reconnecting");
+  Check(Nats().natsOptions_SetSendAsap(made, true), "sending");  // else the library makes a thread that flushes
   if (!settings.credentialsFile.empty()) {
-    Check(::natsOptions_SetUserCredentialsFromFiles(made, settings.credentialsFile.c_str(), nullptr),
+    Check(Nats().natsOptions_SetUserCredentialsFromFiles(made, settings.credentialsFile.c_str(), nullptr),
           "option nats_credentials_file");
   }
   if (!settings.userFile.empty()) {
@@ -186,17 +186,19 @@ Options MakeOptions(const ServerSettings& settings, const std::vector<std::strin
       throw std::runtime_error("option nats_user_file: \"" + settings.userFile +
                                "\" must have the user on its first line and the password on its second");
     }
-    Check(::natsOptions_SetUserInfo(made, Trimmed(text.substr(0, end)).c_str(), Trimmed(text.substr(end + 1)).c_str()),
+    Check(Nats().natsOptions_SetUserInfo(made, Trimmed(text.substr(0, end)).c_str(),
+                                         Trimmed(text.substr(end + 1)).c_str()),
           "option nats_user_file");
   }
   if (IsEncrypted(settings, servers)) {
-    Check(::natsOptions_SetSecure(made, true), "TLS");
+    Check(Nats().natsOptions_SetSecure(made, true), "TLS");
   }
   if (!settings.tlsCaFile.empty()) {
-    Check(::natsOptions_LoadCATrustedCertificates(made, settings.tlsCaFile.c_str()), "option nats_tls_ca_file");
+    Check(Nats().natsOptions_LoadCATrustedCertificates(made, settings.tlsCaFile.c_str()), "option nats_tls_ca_file");
   }
   if (!settings.tlsCertificateFile.empty()) {
-    Check(::natsOptions_LoadCertificatesChain(made, settings.tlsCertificateFile.c_str(), settings.tlsKeyFile.c_str()),
+    Check(Nats().natsOptions_LoadCertificatesChain(made, settings.tlsCertificateFile.c_str(),
+                                                   settings.tlsKeyFile.c_str()),
           "options nats_tls_certificate_file and nats_tls_key_file");
   }
   return options;
@@ -207,8 +209,8 @@ Options MakeOptions(const ServerSettings& settings, const std::vector<std::strin
 void Connection::State::OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
   if (const auto state = std::static_pointer_cast<State>(States().Find(closure))) {
     const char* text = nullptr;
-    static_cast<void>(::natsConnection_GetLastError(connection, &text));
-    state->observer.complained(text != nullptr && *text != '\0' ? text : ::natsStatus_GetText(status));
+    static_cast<void>(Nats().natsConnection_GetLastError(connection, &text));
+    state->observer.complained(text != nullptr && *text != '\0' ? text : Nats().natsStatus_GetText(status));
   }
 }
 
@@ -239,22 +241,22 @@ Connection::Connection(const ServerSettings& settings, const std::vector<std::st
   m_state->observer = std::move(observer);
   const Options options = MakeOptions(settings, servers);
   States().Purge();
-  Check(::natsOptions_SetEventLoop(options.get(), m_state.get(), &State::Attach, &State::SetReading, &State::SetWriting,
-                                   &State::Detach),
+  Check(Nats().natsOptions_SetEventLoop(options.get(), m_state.get(), &State::Attach, &State::SetReading,
+                                        &State::SetWriting, &State::Detach),
         "event loop");
-  Check(::natsOptions_SetErrorHandler(options.get(), &State::OnError, States().Add(m_state)), "errors");
-  Check(::natsStatistics_Create(&m_statistics), "statistics");
+  Check(Nats().natsOptions_SetErrorHandler(options.get(), &State::OnError, States().Add(m_state)), "errors");
+  Check(Nats().natsStatistics_Create(&m_statistics), "statistics");
   const FlushingScope scope;
-  const natsStatus status = ::natsConnection_Connect(&m_connection, options.get());
+  const natsStatus status = Nats().natsConnection_Connect(&m_connection, options.get());
   if (status != NATS_OK) {
     const std::string reason = Reason(status);
-    ::natsStatistics_Destroy(m_statistics);
-    ::natsConnection_Destroy(m_connection);
+    Nats().natsStatistics_Destroy(m_statistics);
+    Nats().natsConnection_Destroy(m_connection);
     throw std::runtime_error(reason);
   }
-  m_maxPayload = static_cast<std::size_t>(std::max<std::int64_t>(::natsConnection_GetMaxPayload(m_connection), 0));
+  m_maxPayload = static_cast<std::size_t>(std::max<std::int64_t>(Nats().natsConnection_GetMaxPayload(m_connection), 0));
   std::array<char, 512> url{};
-  static_cast<void>(::natsConnection_GetConnectedUrl(m_connection, url.data(), url.size()));
+  static_cast<void>(Nats().natsConnection_GetConnectedUrl(m_connection, url.data(), url.size()));
   m_url = PublicUrl(url.data());
 }
 
@@ -262,10 +264,10 @@ Connection::~Connection() {
   // Otherwise the library waits for an answer to a last ping, which only Read could find.
   ::shutdown(m_state->socket.Get(), SHUT_RDWR);
   for (int reads = 0; !m_state->ended && reads < kLastReadsMax; ++reads) {
-    ::natsConnection_ProcessReadEvent(m_connection);
+    Nats().natsConnection_ProcessReadEvent(m_connection);
   }
-  ::natsConnection_Destroy(m_connection);
-  ::natsStatistics_Destroy(m_statistics);
+  Nats().natsConnection_Destroy(m_connection);
+  Nats().natsStatistics_Destroy(m_statistics);
 }
 
 int Connection::GetDescriptor() const noexcept { return m_state->socket.Get(); }
@@ -274,7 +276,7 @@ bool Connection::Ended() const noexcept { return m_state->ended; }
 
 std::string Connection::EndReason() const {
   const char* text = nullptr;
-  static_cast<void>(::natsConnection_GetLastError(m_connection, &text));
+  static_cast<void>(Nats().natsConnection_GetLastError(m_connection, &text));
   return text != nullptr ? text : "";
 }
 
@@ -282,7 +284,7 @@ std::vector<std::string> Connection::Servers() const {
   char** urls = nullptr;
   int count = 0;
   std::vector<std::string> servers;
-  if (::natsConnection_GetServers(m_connection, &urls, &count) == NATS_OK) {
+  if (Nats().natsConnection_GetServers(m_connection, &urls, &count) == NATS_OK) {
     for (int i = 0; i < count; ++i) {
       servers.emplace_back(urls[i]);
       std::free(urls[i]);
@@ -294,15 +296,15 @@ std::vector<std::string> Connection::Servers() const {
 
 bool Connection::Send(const std::string& subject, Bytes message) noexcept {
   const FlushingScope scope;
-  return ::natsConnection_Publish(m_connection, subject.c_str(), message.data(), static_cast<int>(message.size())) ==
-         NATS_OK;
+  return Nats().natsConnection_Publish(m_connection, subject.c_str(), message.data(),
+                                       static_cast<int>(message.size())) == NATS_OK;
 }
 
 bool Connection::Flush() noexcept {
   const FlushingScope scope;
   if (m_state->wantsFlush && !m_state->ended) {
     const std::lock_guard lock(m_ioMutex);
-    ::natsConnection_ProcessWriteEvent(m_connection);
+    Nats().natsConnection_ProcessWriteEvent(m_connection);
   }
   return !m_state->wantsFlush || m_state->ended;
 }
@@ -327,18 +329,18 @@ std::size_t Connection::Read() noexcept {
   }
   {
     const FlushingScope scope;
-    ::natsConnection_ProcessReadEvent(m_connection);
+    Nats().natsConnection_ProcessReadEvent(m_connection);
   }
   std::uint64_t received = 0;
-  static_cast<void>(::natsConnection_GetStats(m_connection, m_statistics));
-  static_cast<void>(::natsStatistics_GetCounts(m_statistics, &received, nullptr, nullptr, nullptr, nullptr));
+  static_cast<void>(Nats().natsConnection_GetStats(m_connection, m_statistics));
+  static_cast<void>(Nats().natsStatistics_GetCounts(m_statistics, &received, nullptr, nullptr, nullptr, nullptr));
   return static_cast<std::size_t>(received - std::exchange(m_received, received));
 }
 
 SubscriptionHandle Connection::Subscribe(const std::string& subject) {
   natsSubscription* subscription = nullptr;
   const FlushingScope scope;
-  static_cast<void>(::natsConnection_SubscribeSync(&subscription, m_connection, subject.c_str()));
+  static_cast<void>(Nats().natsConnection_SubscribeSync(&subscription, m_connection, subject.c_str()));
   return SubscriptionHandle(subscription);
 }
 
@@ -346,8 +348,8 @@ Message Next(natsSubscription* subscription) noexcept {
   int waiting = 0;
   natsMsg* message = nullptr;
   // The call for a message costs far more than this one when there is none.
-  if (::natsSubscription_GetPending(subscription, &waiting, nullptr) == NATS_OK && waiting > 0) {
-    static_cast<void>(::natsSubscription_NextMsg(&message, subscription, 0));
+  if (Nats().natsSubscription_GetPending(subscription, &waiting, nullptr) == NATS_OK && waiting > 0) {
+    static_cast<void>(Nats().natsSubscription_NextMsg(&message, subscription, 0));
   }
   return Message(message);
 }

@@ -1,8 +1,6 @@
 // One connection to a NATS server.
 #pragma once
 
-#include <nats/nats.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -14,6 +12,7 @@
 #include <vector>
 
 #include "transport/message.h"
+#include "transport/nats/library.h"
 #include "zq/posix/descriptor.h"
 
 namespace engine::transport::nats {
@@ -39,17 +38,17 @@ std::vector<std::string> ServerUrls(const std::string& servers);
 std::string PublicUrl(const std::string& url);
 
 struct MessageDeleter {
-  void operator()(natsMsg* message) const noexcept { ::natsMsg_Destroy(message); }
+  void operator()(natsMsg* message) const noexcept { Nats().natsMsg_Destroy(message); }
 };
 using Message = std::unique_ptr<natsMsg, MessageDeleter>;
 
 inline Bytes BytesOf(const Message& message) noexcept {
-  return std::as_bytes(
-      std::span(::natsMsg_GetData(message.get()), static_cast<std::size_t>(::natsMsg_GetDataLength(message.get()))));
+  return std::as_bytes(std::span(Nats().natsMsg_GetData(message.get()),
+                                 static_cast<std::size_t>(Nats().natsMsg_GetDataLength(message.get()))));
 }
 
 struct SubscriptionDeleter {
-  void operator()(natsSubscription* subscription) const noexcept { ::natsSubscription_Destroy(subscription); }
+  void operator()(natsSubscription* subscription) const noexcept { Nats().natsSubscription_Destroy(subscription); }
 };
 using SubscriptionHandle = std::unique_ptr<natsSubscription, SubscriptionDeleter>;
 

@@ -124,8 +124,8 @@ void Keeper::TellStranger(const Arrival& arrival, const Fault& fault) {
   constexpr std::uint32_t kTellEvery = 100'000;
   if (m_strangers.fetch_add(1) % kTellEvery == 0) {
     warnings.Tell([&] {
-      return std::string("ignored a message on the NATS subject \"") + ::natsMsg_GetSubject(arrival.message.get()) +
-             "\": " + fault.what() +
+      return std::string("ignored a message on the NATS subject \"") +
+             Nats().natsMsg_GetSubject(arrival.message.get()) + "\": " + fault.what() +
              ". Give each application a nats_subject_prefix of its own, and let the server's permissions keep others "
              "off";
     });

@@ -305,6 +305,7 @@ void NatsTransport::Close(std::chrono::milliseconds linger) noexcept {
 }  // namespace
 
 std::unique_ptr<FarTransport> JoinNatsDomain(const NatsSettings& settings) {
+  static_cast<void>(Nats());  // so that its absence is an error, not another connection that fails
   return std::make_unique<NatsTransport>(settings);
 }
 

@@ -9,7 +9,8 @@
 namespace engine::transport::nats {
 
 // Joins the domain. Returns when a server is reached or has not answered; then it goes on trying. Throws as the
-// transport's operations do, for settings that make no sense; a file that cannot be read is told of, and tried again.
+// transport's operations do, for settings that make no sense, and std::runtime_error when the client library cannot be
+// used; a file that cannot be read is told of, and tried again.
 std::unique_ptr<FarTransport> JoinNatsDomain(const NatsSettings& settings);
 
 }  // namespace engine::transport::nats
