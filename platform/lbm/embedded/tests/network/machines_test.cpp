@@ -80,5 +80,33 @@ TEST_F(Machines, FindEachOtherAgainWhenTheLinkBetweenThemWasCut) {
   EXPECT_TRUE(b->Heard("T: meanwhile") || b->Heard("loss T") || b->Heard("down T"));
 }
 
+TEST_F(Machines, CountAsGoneDuringALongCutAndBeginAnewAfterIt) {
+  const auto settingsFor = [](const std::string& url, const std::string& name) {
+    NatsSettings settings = SettingsFor(url, name);
+    settings.peerTimeout = std::chrono::milliseconds(500);
+    return settings;
+  };
+  std::optional<test_support::NatsServer> server;
+  std::optional<Member> a;
+  std::optional<Member> b;
+  On(m_a, [&] {
+    server.emplace("", "10.99.0.1");
+    a.emplace(settingsFor(server->Url(), "a"), false);
+  });
+  On(m_b, [&] { b.emplace(settingsFor(server->Url(), "b")); });
+  const auto publication = a->transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&*a, &*b}, "the subscription", [&] { return a->Heard("joined b"); });
+
+  ASSERT_TRUE(SetLink(false));
+  DrainUntil({&*a, &*b}, "both to give up", [&] { return a->Heard("left b") && b->Heard("down T"); });
+  Publish(*a->transport, *publication, "meanwhile");
+  a->events.clear();
+  ASSERT_TRUE(SetLink(true));
+  DrainUntil({&*a, &*b}, "the subscription again", [&] { return a->Heard("joined b"); });
+  Publish(*a->transport, *publication, "after");
+  DrainUntil({&*a, &*b}, "the message", [&] { return b->Heard("T: after"); });
+  EXPECT_THAT(b->events, testing::ElementsAre("up T", "down T", "up T", "T: after"));
+}
+
 }  // namespace
 }  // namespace engine::transport::nats

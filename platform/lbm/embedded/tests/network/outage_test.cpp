@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
 #include "network.h"
@@ -13,14 +14,6 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-// Every message that the subscriber was to have arrived or was told as lost, in order, none twice.
-void ExpectAccount(const Member& member, std::size_t count) {
-  ASSERT_EQ(member.sequences.size(), count);
-  for (std::size_t i = 0; i < count; ++i) {
-    ASSERT_EQ(member.sequences[i], i);
-  }
-}
 
 TEST(Outage, AContextMadeWithoutAServerSaysSoOnceAndWorksWhenOneComes) {
   test_support::NatsServer server;
@@ -89,6 +82,67 @@ TEST_P(Kills, OfTheServerWhileMessagesFlowLeaveAFullAccount) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Pacings, Kills, testing::Values(Pacing::kSource, Pacing::kReceiver));
+
+// A context that ends while there is no server says good-bye to nobody, as if its process had been killed.
+
+TEST(Restarts, OfThePublisherTogetherWithTheServerEndOneSessionAndBeginAnother) {
+  test_support::NatsServer server;
+  NatsSettings settings = SettingsFor(server.Url());
+  settings.peerTimeout = std::chrono::milliseconds(500);
+  std::optional<Member> a(std::in_place, settings, false);
+  Member b(settings);
+  auto publication = a->transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&*a, &b}, "the subscription", [&] { return a->events.size() == 2; });
+  Publish(*a->transport, *publication, "before");
+  DrainUntil({&*a, &b}, "the message", [&] { return b.messages == 1; });
+  const std::string session = publication->Session();
+
+  server.Kill();
+  publication.reset();
+  a.emplace(settings, false);
+  publication = a->transport->Advertise({"T", Pacing::kSource});
+  server.Start();
+  DrainUntil({&*a, &b}, "the new subscription", [&] { return a->events.size() == 2; });
+  EXPECT_EQ(b.sources.at("T")->Session(), publication->Session());
+  EXPECT_NE(session, publication->Session());
+  Publish(*a->transport, *publication, "after");
+  DrainUntil({&*a, &b}, "the end of the former", [&] { return b.Heard("down T") && b.Heard("T: after"); });
+  EXPECT_EQ(std::count(b.events.begin(), b.events.end(), "up T"), 2);
+  EXPECT_EQ(std::count(b.events.begin(), b.events.end(), "down T"), 1);
+  EXPECT_THAT(b.sequences, ElementsAre(0, 0));
+}
+
+TEST(Restarts, OfASubscriberTogetherWithTheServerDoNotHoldASourceUpForLong) {
+  test_support::NatsServer server;
+  NatsSettings settings = SettingsFor(server.Url());
+  settings.peerTimeout = std::chrono::milliseconds(500);
+  Member a(settings, false);
+  settings.contextName = "former";
+  std::optional<Member> b(std::in_place, settings);
+  const auto publication = a.transport->Advertise({"T", Pacing::kReceiver});
+  DrainUntil({&a, &*b}, "the subscription", [&] { return a.Heard("joined former"); });
+  const std::string payload(8'000, 'x');
+  while (Publish(*a.transport, *publication, payload) == SendResult::kSent) {
+  }
+
+  server.Kill();
+  settings.contextName = "new";
+  b.emplace(settings);
+  server.Start();
+  a.events.clear();
+  DrainUntil({&a, &*b}, "the new subscription", [&] { return a.Heard("joined new"); });
+  DrainUntil({&a, &*b}, "room", [&] { return a.Heard("writable"); });
+  const std::size_t twoWindows = 2 * settings.windowBytes / payload.size();
+  std::size_t sent = 0;
+  DrainUntil({&a, &*b}, "two windows", [&] {
+    while (sent < twoWindows && Publish(*a.transport, *publication, payload) == SendResult::kSent) {
+      ++sent;
+    }
+    return b->messages == twoWindows;
+  });
+  EXPECT_TRUE(a.Heard("left former"));
+  EXPECT_EQ(b->lost, 0U);
+}
 
 class ClusterOutage : public testing::TestWithParam<int> {};
 

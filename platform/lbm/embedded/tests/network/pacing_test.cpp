@@ -18,14 +18,6 @@ class NetworkPacing : public testing::Test {
 
   SendResult Send(bool block = false) { return Publish(*m_source->transport, *m_publication, kPayload, block); }
 
-  // Every message arrived or was told as lost, in order, none twice.
-  void ExpectAccount(std::size_t count) const {
-    ASSERT_EQ(m_slow->sequences.size(), count);
-    for (std::size_t i = 0; i < count; ++i) {
-      ASSERT_EQ(m_slow->sequences[i], i);
-    }
-  }
-
   const test_support::NatsServer m_server;
   std::unique_ptr<Member> m_source;
   std::unique_ptr<Member> m_slow;
@@ -47,7 +39,7 @@ TEST_F(NetworkPacing, AReceiverPacedSourceIsAtMostAWindowAheadAndLosesNothing) {
   }
   DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == sent; });
   EXPECT_EQ(m_slow->lost, 0U);
-  ExpectAccount(sent);
+  ExpectAccount(*m_slow, sent);
 }
 
 TEST_F(NetworkPacing, ASendThatWaitsGoesOnWhenTheReceiverDoesAlsoWithNobodyDrainingTheSource) {
@@ -60,7 +52,7 @@ TEST_F(NetworkPacing, ASendThatWaitsGoesOnWhenTheReceiverDoesAlsoWithNobodyDrain
   });
   DrainUntil({m_slow.get()}, "all messages", [&] { return m_slow->messages == kMessages; });
   sender.join();
-  ExpectAccount(kMessages);
+  ExpectAccount(*m_slow, kMessages);
 }
 
 TEST_F(NetworkPacing, WhatASourcePacedReceiverCannotKeepIsToldAlsoWhenItWasTheLast) {
@@ -74,7 +66,43 @@ TEST_F(NetworkPacing, WhatASourcePacedReceiverCannotKeepIsToldAlsoWhenItWasTheLa
   }
   DrainUntil({m_source.get(), m_slow.get()}, "an account of all",
              [&] { return m_slow->messages + m_slow->lost == kMessages; });
-  ExpectAccount(kMessages);
+  ExpectAccount(*m_slow, kMessages);
+}
+
+TEST(SlowConsumer, IsCutOffByTheServerAndComesBackWithAFullAccount) {
+  const test_support::NatsServer server("max_payload: 65536\nmax_pending: 65536\nwrite_deadline: \"100ms\"");
+  Member a(SettingsFor(server.Url()), false);
+  NatsSettings settings = SettingsFor(server.Url());
+  settings.announcementInterval = std::chrono::seconds(60);  // nor does its keeper read
+  Member b(settings);
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
+  std::size_t sent = 0;
+  const auto send = [&] {
+    ASSERT_EQ(Publish(*a.transport, *publication, kPayload), SendResult::kSent);
+    ++sent;
+  };
+  const auto isCut = [&] { return server.Log().find("Slow Consumer") != std::string::npos; };
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (sent % 100 != 0 || !isCut()) {
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << server.Log();
+    send();
+    a.Drain();
+  }
+  // By now it is away.
+  send();
+  DrainUntil({&a, &b}, "the way back", [&] { return b.Notices().size() == 2; });
+  EXPECT_THAT(b.Notices().back(), testing::HasSubstr("again"));
+  DrainUntil({&a, &b}, "an account of all", [&] { return b.messages + b.lost == sent; });
+  EXPECT_GT(b.lost, 0U);
+  const std::size_t lost = b.lost;
+  for (int i = 0; i < 10; ++i) {
+    send();
+  }
+  DrainUntil({&a, &b}, "the next messages", [&] { return b.messages + b.lost == sent; });
+  EXPECT_EQ(b.lost, lost);
+  ExpectAccount(b, sent);
+  EXPECT_FALSE(b.Heard("down T"));
 }
 
 TEST_F(NetworkPacing, ManyThreadsSendOnOneContextWithoutHarm) {

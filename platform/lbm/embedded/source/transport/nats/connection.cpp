@@ -249,7 +249,10 @@ Connection::Connection(const ServerSettings& settings, const std::vector<std::st
   const FlushingScope scope;
   const natsStatus status = Nats().natsConnection_Connect(&m_connection, options.get());
   if (status != NATS_OK) {
-    const std::string reason = Reason(status);
+    std::string reason = Reason(status);
+    if (!settings.credentialsFile.empty() && reason.find(settings.credentialsFile) != std::string::npos) {
+      reason.insert(0, "option nats_credentials_file: ");  // the library reads it while it connects
+    }
     Nats().natsStatistics_Destroy(m_statistics);
     Nats().natsConnection_Destroy(m_connection);
     throw std::runtime_error(reason);
