@@ -1,11 +1,14 @@
 #include <fcntl.h>
 #include <sched.h>
 
+#include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <optional>
 
 #include "network.h"
 #include "zq/posix/descriptor.h"
+#include "zq/posix/file.h"
 
 namespace engine::transport::nats {
 namespace {
@@ -49,63 +52,83 @@ class Machines : public testing::Test {
     ASSERT_EQ(0, ::setns(home.Get(), CLONE_NEWNET));
   }
 
+  // A server and a context "a" on the one machine, a context "b" on the other, and a source of the publisher's.
+  void Start(std::chrono::milliseconds peerTimeout, bool aPublishes = true) {
+    const auto settings = [&](const std::string& name) {
+      NatsSettings made = SettingsFor(m_server->Url(), name);
+      made.peerTimeout = peerTimeout;
+      return made;
+    };
+    On(m_a, [&] {
+      m_server.emplace("", "10.99.0.1");
+      m_inA.emplace(settings("a"), !aPublishes);
+    });
+    On(m_b, [&] { m_inB.emplace(settings("b"), aPublishes); });
+    Member& publisher = aPublishes ? *m_inA : *m_inB;
+    m_publication = publisher.transport->Advertise({"T", Pacing::kSource});
+    Await("the subscription", [&] { return publisher.Heard(aPublishes ? "joined b" : "joined a"); });
+  }
+  void Await(const std::string& what, const std::function<bool()>& condition) {
+    DrainUntil({&*m_inA, &*m_inB}, what, condition);
+  }
+
   const std::string m_a = "lbma" + std::to_string(::getpid());
   const std::string m_b = "lbmb" + std::to_string(::getpid());
+  std::optional<test_support::NatsServer> m_server;
+  std::optional<Member> m_inA;
+  std::optional<Member> m_inB;
+  std::shared_ptr<Publication> m_publication;
 };
 
+constexpr std::chrono::seconds kLong{5};
+constexpr std::chrono::milliseconds kShort{500};
+
 TEST_F(Machines, FindEachOtherAgainWhenTheLinkBetweenThemWasCut) {
-  std::optional<test_support::NatsServer> server;
-  std::optional<Member> a;
-  std::optional<Member> b;
-  On(m_a, [&] {
-    server.emplace("", "10.99.0.1");
-    a.emplace(SettingsFor(server->Url(), "a"), false);
-  });
-  On(m_b, [&] { b.emplace(SettingsFor(server->Url(), "b")); });
-  const auto publication = a->transport->Advertise({"T", Pacing::kSource});
-  DrainUntil({&*a, &*b}, "the subscription", [&] { return a->Heard("joined b"); });
-  Publish(*a->transport, *publication, "before");
-  DrainUntil({&*a, &*b}, "the message", [&] { return b->Heard("T: before"); });
+  Start(kLong);
+  Publish(*m_inA->transport, *m_publication, "before");
+  Await("the message", [&] { return m_inB->Heard("T: before"); });
 
   ASSERT_TRUE(SetLink(false));
-  Publish(*a->transport, *publication, "meanwhile");
-  DrainUntil({&*a, &*b}, "the far side to notice", [&] { return !b->Notices().empty(); });
-  EXPECT_THAT(b->Notices(), Contains(AllOf(HasSubstr("10.99.0.1"), HasSubstr("does not answer"))));
+  Publish(*m_inA->transport, *m_publication, "meanwhile");
+  Await("the far side to notice", [&] { return !m_inB->Notices().empty(); });
+  EXPECT_THAT(m_inB->Notices(), Contains(AllOf(HasSubstr("10.99.0.1"), HasSubstr("does not answer"))));
   ASSERT_TRUE(SetLink(true));
   // Gone and found again, or told of the loss: that depends on how long it took.
-  DrainUntil({&*a, &*b}, "messages again", [&] {
-    Publish(*a->transport, *publication, "after");
-    return b->Heard("T: after");
+  Await("messages again", [&] {
+    Publish(*m_inA->transport, *m_publication, "after");
+    return m_inB->Heard("T: after");
   });
-  EXPECT_TRUE(b->Heard("T: meanwhile") || b->Heard("loss T") || b->Heard("down T"));
+  EXPECT_TRUE(m_inB->Heard("T: meanwhile") || m_inB->Heard("loss T") || m_inB->Heard("down T"));
 }
 
-TEST_F(Machines, CountAsGoneDuringALongCutAndBeginAnewAfterIt) {
-  const auto settingsFor = [](const std::string& url, const std::string& name) {
-    NatsSettings settings = SettingsFor(url, name);
-    settings.peerTimeout = std::chrono::milliseconds(500);
-    return settings;
-  };
-  std::optional<test_support::NatsServer> server;
-  std::optional<Member> a;
-  std::optional<Member> b;
-  On(m_a, [&] {
-    server.emplace("", "10.99.0.1");
-    a.emplace(settingsFor(server->Url(), "a"), false);
-  });
-  On(m_b, [&] { b.emplace(settingsFor(server->Url(), "b")); });
-  const auto publication = a->transport->Advertise({"T", Pacing::kSource});
-  DrainUntil({&*a, &*b}, "the subscription", [&] { return a->Heard("joined b"); });
-
+TEST_F(Machines, AreGoneWhileTheLinkIsCutForLongAndBeginAnewAfterIt) {
+  Start(kShort);
   ASSERT_TRUE(SetLink(false));
-  DrainUntil({&*a, &*b}, "both to give up", [&] { return a->Heard("left b") && b->Heard("down T"); });
-  Publish(*a->transport, *publication, "meanwhile");
-  a->events.clear();
+  Await("both to give up", [&] { return m_inA->Heard("left b") && m_inB->Heard("down T"); });
+  Publish(*m_inA->transport, *m_publication, "meanwhile");
   ASSERT_TRUE(SetLink(true));
-  DrainUntil({&*a, &*b}, "the subscription again", [&] { return a->Heard("joined b"); });
-  Publish(*a->transport, *publication, "after");
-  DrainUntil({&*a, &*b}, "the message", [&] { return b->Heard("T: after"); });
-  EXPECT_THAT(b->events, testing::ElementsAre("up T", "down T", "up T", "T: after"));
+  Await("messages again", [&] {
+    Publish(*m_inA->transport, *m_publication, "after");
+    return m_inB->Heard("T: after");
+  });
+  m_inB->events.resize(4);
+  EXPECT_THAT(m_inB->events, testing::ElementsAre("up T", "down T", "up T", "T: after"));
+}
+
+TEST_F(Machines, SendNothingLateOfWhatWasOnItsWayWhenTheServerWasGivenUp) {
+  Start(kLong, false);
+  const auto hasConnection = [&](const std::string& state) {
+    std::array<char, 8> port{};
+    std::snprintf(port.data(), port.size(), "%04X", static_cast<unsigned>(m_server->Port()));
+    std::string sockets;
+    On(m_b, [&] { sockets = zq::posix::ReadFile("/proc/thread-self/net/tcp", std::size_t{1} << 20); });
+    return sockets.find(std::string(" 0100630A:") + port.data() + ' ' + state + ' ') != std::string::npos;
+  };
+  ASSERT_TRUE(SetLink(false));
+  Publish(*m_inB->transport, *m_publication, "late");
+  Await("the server to be given up", [&] { return !m_inB->Notices().empty() && !hasConnection("01"); });
+  // The system would go on sending what it has of such a connection, for minutes.
+  EXPECT_FALSE(hasConnection("04"));
 }
 
 }  // namespace
