@@ -1,6 +1,7 @@
 #include <thread>
 
 #include "network.h"
+#include "transport/nats/keeper.h"
 
 namespace engine::transport::nats {
 namespace {
@@ -87,7 +88,19 @@ TEST_F(Exchange, SendsNothingWithoutASubscriberAndManySmallMessagesTogether) {
   }
   DrainUntil({&a, &b}, "the burst", [&] { return b.messages == kBurst; });
   EXPECT_EQ(b.lost, 0U);
-  EXPECT_LT(stranger.Heard().size(), kBurst / 10);
+  const std::vector<Message> heard = stranger.Heard();
+  EXPECT_LT(heard.size(), kBurst / 10);
+  Bytes last = BytesOf(heard.back());
+  wire::TakePrologue(last);
+  EXPECT_EQ(wire::Take<wire::Data>(last).audience, 1U);
+}
+
+TEST(Reconnecting, TakesLongerTheMoreReceiveTheSameButNeverLongerThanOthersWait) {
+  using std::chrono::milliseconds;
+  EXPECT_EQ(ReconnectSpread(0, milliseconds(10'000)), milliseconds(100));
+  EXPECT_EQ(ReconnectSpread(1'000, milliseconds(10'000)), milliseconds(1'000));
+  EXPECT_EQ(ReconnectSpread(4'000'000'000, milliseconds(10'000)), milliseconds(2'500));
+  EXPECT_EQ(ReconnectSpread(4'000'000'000, milliseconds(0)), milliseconds(100));
 }
 
 TEST_F(Exchange, KeepsDomainsAndPrefixesApart) {

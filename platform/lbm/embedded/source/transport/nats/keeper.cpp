@@ -71,6 +71,10 @@ class Stragglers {
 
 }  // namespace
 
+std::chrono::milliseconds ReconnectSpread(std::uint32_t audience, std::chrono::milliseconds peerTimeout) {
+  return std::clamp(std::chrono::milliseconds(audience), kFirstRetry, std::max(kFirstRetry, peerTimeout / 4));
+}
+
 Keeper::Keeper(const NatsSettings& given)
     : settings(given),
       subjects(settings.subjectPrefix, settings.domain),
@@ -155,7 +159,7 @@ void Keeper::Connect() {
     Use(connection);
   } catch (const std::exception& error) {
     TellFailure(error.what());
-    const auto wait = std::min(kFirstRetry * (1 << std::min(m_failures++, 8)), kLastRetry);
+    const auto wait = std::min(kFirstRetry * (1 << std::min(m_failures++, 8)), std::max(kLastRetry, m_spread));
     m_nextConnect = Clock::now() + wait / 2 + UpTo(wait / 2);
   }
 }
@@ -201,8 +205,8 @@ void Keeper::LoseConnection(const std::string& reason) {
   outbox.SetConnection(nullptr);
   TellFailure("the connection to " + m_connection->Url() + " has ended" + (reason.empty() ? "" : ": " + reason));
   m_connection.reset();
-  // Not all contexts that a server had come to the next one in the same instant.
-  m_nextConnect = Clock::now() + UpTo(kFirstRetry);
+  m_spread = ReconnectSpread(sources.Audience(), settings.peerTimeout);
+  m_nextConnect = Clock::now() + UpTo(m_spread);
 }
 
 // Once for each reason, until there is a connection again.

@@ -25,6 +25,10 @@
 
 namespace engine::transport::nats {
 
+// Contexts that lose their server together connect anew spread over so long: those that receive the same source at
+// about one a millisecond. A server that is there has then been found long before the context counts as gone.
+std::chrono::milliseconds ReconnectSpread(std::uint32_t audience, std::chrono::milliseconds peerTimeout);
+
 // Shared by the transport and the keeper's thread, which may be the last to hold it: nothing interrupts the client
 // library while it connects.
 class Keeper {
@@ -94,6 +98,7 @@ class Keeper {
   std::unordered_set<std::string> m_toldComplaints;
   bool m_socketFull = false;
   int m_failures = 0;
+  std::chrono::milliseconds m_spread{0};  // as it was when the last connection was lost
   Clock::time_point m_nextConnect;
   Clock::time_point m_nextTick;
   std::minstd_rand m_random;

@@ -185,7 +185,9 @@ std::vector<std::byte>& PublicationTable::ParcelFor(NatsPublication& publication
   if (publication.open == nullptr) {
     std::vector<std::byte>& bytes = m_outbox.Open(publication.subject, &publication.open).bytes;
     wire::AppendValue(bytes, wire::Prologue{.kind = wire::Kind::kData, .instance = m_instance});
-    wire::AppendValue(bytes, wire::Data{.position = publication.position, .source = publication.Id()});
+    wire::AppendValue(bytes, wire::Data{.position = publication.position,
+                                        .source = publication.Id(),
+                                        .audience = static_cast<std::uint32_t>(publication.subscribers.size())});
     m_outbox.Grew(bytes.size());
   }
   return publication.open->bytes;

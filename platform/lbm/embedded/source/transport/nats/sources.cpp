@@ -48,6 +48,7 @@ void NatsRemoteSource::LoseUpTo(std::uint32_t sequence, Listener& listener) {
 void NatsRemoteSource::OnData(const std::shared_ptr<NatsRemoteSource>& self, Bytes message, Listener& listener) {
   const auto data = wire::Take<wire::Data>(message);
   const std::uint64_t end = data.position + message.size();
+  m_audience.store(data.audience, std::memory_order_relaxed);
   while (!message.empty() && Active()) {
     OnFrame(self, message, listener);
   }
@@ -425,6 +426,17 @@ void SourceTable::Tick() {
     ++m_ticksDue;
     m_arrived.Notify();
   }
+}
+
+std::uint32_t SourceTable::Audience() {
+  const std::lock_guard lock(m_mutex);
+  std::uint32_t most = 0;
+  for (const auto& [instance, peer] : m_peers) {
+    for (const auto& [id, source] : peer.sources) {
+      most = std::max(most, source->Active() ? source->Audience() : 0);
+    }
+  }
+  return most;
 }
 
 void SourceTable::SayGoodbye() {

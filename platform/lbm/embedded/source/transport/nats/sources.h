@@ -40,6 +40,9 @@ class NatsRemoteSource final : public RemoteSource {
   void GoDown() noexcept { m_down.store(true, std::memory_order_release); }
   bool Active() const noexcept { return m_accepted != 0 && m_accepted == m_wanted; }
 
+  // Contexts that receive it, as far as it has told; 0: it has not.
+  std::uint32_t Audience() const noexcept { return m_audience.load(std::memory_order_relaxed); }
+
   // What the listener is told. Throw Fault.
   void OnAccept(const wire::Accept& accept, Listener& listener);
   void OnProgress(const wire::Progress& progress, Listener& listener);
@@ -68,8 +71,9 @@ class NatsRemoteSource final : public RemoteSource {
   std::atomic<std::uint32_t> m_wanted{0};    // token of the subscription; 0: none
   std::atomic<std::uint64_t> m_consumed{0};  // position
   std::atomic<std::uint32_t> m_accepted{0};  // token
-  std::uint32_t m_expected = 0;              // sequence number
-  std::uint64_t m_credited = 0;              // position that was told
+  std::atomic<std::uint32_t> m_audience{0};
+  std::uint32_t m_expected = 0;  // sequence number
+  std::uint64_t m_credited = 0;  // position that was told
   std::atomic<std::uint32_t> m_creditBytes{0};
   Partial m_partial;
 
@@ -115,6 +119,9 @@ class SourceTable {
   void Connected();
   void Tick();
   void SayGoodbye();
+
+  // How many contexts receive the source of this context's that has most of them.
+  std::uint32_t Audience();
 
  private:
   struct Peer {

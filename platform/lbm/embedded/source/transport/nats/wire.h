@@ -81,7 +81,7 @@ struct Accept {
 struct Data {
   std::uint64_t position = 0;  // of the first frame
   std::uint32_t source = 0;
-  std::uint32_t reserved = 0;
+  std::uint32_t audience = 0;  // contexts that have subscribed to it
 };
 
 // The sender's identity and a piece of the response follow.
