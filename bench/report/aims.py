@@ -93,7 +93,12 @@ NETWORK_AIMS: list[tuple[str, Bound, Callable[[network.Recorded], Spread | None]
     ("wake-ups a second of the busiest thread of an idle context", at_most(1), network.idle_wakeups),
     ("KiB of memory beyond host of an idle context", at_most(200), network.idle_memory),
     (f"seconds until {network.CONTEXTS:,} contexts know ten sources", at_most(5), network.seconds_to_find),
-    ("seconds until delivery again after a killed server, p50", at_most(1), network.seconds_cut_off),
+    ("seconds until delivery again after a killed server, p50", at_most(1), network.seconds_after_kill),
+    (
+        f"seconds until delivery again after a cut of {network.CUT_SECONDS} s, longest",
+        at_most(2),
+        network.longest_seconds_after_cut,
+    ),
 ]
 
 

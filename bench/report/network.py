@@ -1,4 +1,4 @@
-"""This engine's contexts on a network: idle ones, many that look for the same sources, and some whose server is killed."""
+"""This engine's contexts on a network: idle ones, many that look for the same sources, and some that lose their server."""
 
 import json
 import statistics
@@ -10,7 +10,7 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
-from . import servers
+from . import outage, servers
 from .contenders import Settings
 from .figures import Spread
 from .programs import Programs
@@ -18,15 +18,13 @@ from .servers import Server
 from .tables import Cell, Table
 from .workloads import Size
 
-PROGRAM = "compare_network"
 CONTEXTS = 1000  # that look for the same sources, in the aim
 MORE_CONTEXTS = 10  # in the same process, to see what each further one takes
 MEMORY_ROUNDS = 3
 SETTLE_SECONDS = 1
 TRANSPORTS = ("host", "nats")
 CLUSTER = 3
-PAIRS = 50
-CUT_SECONDS = 5  # a pair without delivery so long after its server was killed has failed
+CUT_SECONDS = 5  # of the link between contexts and server
 
 Recorded = Mapping[str, Any]
 
@@ -44,7 +42,8 @@ def measure(programs: Programs, server: Server, size: Size) -> Recorded:
     attempt("idle contexts", lambda: recorded.update(idle=_idle(programs, server, size.idle_seconds)))
     for contexts in size.contexts:
         attempt(f"{contexts} contexts", lambda: recorded["discovery"].append(_discovery(programs, server, contexts)))
-    attempt("killed server", lambda: recorded.update(cut=_cut(programs)))
+    attempt("killed server", lambda: recorded.update(kill=_kill(programs)))
+    attempt(f"cut of {CUT_SECONDS} s", lambda: recorded.update(cut=_cut(programs)))
     return recorded
 
 
@@ -73,7 +72,7 @@ def _idle(programs: Programs, server: Server, seconds: float) -> Recorded:
 def _idle_process(programs: Programs, server: Server, transport: str, contexts: int) -> Iterator[int]:
     """One with idle contexts that have settled."""
     settings: Settings = {"transport": transport, "contexts": contexts}
-    with programs.converse(PROGRAM, "idle", settings, server.url) as idle:
+    with programs.converse(outage.PROGRAM, "idle", settings, server.url) as idle:
         idle.hear()
         time.sleep(SETTLE_SECONDS)
         yield idle.process
@@ -94,21 +93,28 @@ def _private_kib(process: int) -> int:
 
 def _discovery(programs: Programs, server: Server, contexts: int) -> Recorded:
     before = server.look()
-    with programs.converse(PROGRAM, "discovery", {"contexts": contexts}, server.url) as discovery:
+    with programs.converse(outage.PROGRAM, "discovery", {"contexts": contexts}, server.url) as discovery:
         result = discovery.hear()
         after = server.look()
     return {**result, **{key: after[key] - before[key] for key in ("in_msgs", "out_msgs")}}
 
 
-def _cut(programs: Programs) -> Recorded:
+def _kill(programs: Programs) -> Recorded:
     with tempfile.TemporaryDirectory() as folder, servers.cluster(Path(folder), CLUSTER) as members:
         # All contexts begin with this server; they hear from it of the others.
-        settings = {"pairs": PAIRS, "seconds": CUT_SECONDS}
-        with programs.converse(PROGRAM, "cut", settings, members[0].url) as pairs:
+        settings = {"pairs": outage.PAIRS, "seconds": outage.WATCHED_SECONDS}
+        with programs.converse(outage.PROGRAM, "cut", settings, members[0].url) as pairs:
             pairs.hear()
             members[0].kill()
             pairs.say()
             return pairs.hear()
+
+
+def _cut(programs: Programs) -> Recorded:
+    try:
+        return outage.measure(programs, CUT_SECONDS)
+    except PermissionError as error:
+        return {"skipped": str(error), "gap_seconds": []}
 
 
 def idle_messages(recorded: Recorded) -> Spread | None:
@@ -130,10 +136,19 @@ def seconds_to_find(recorded: Recorded) -> Spread | None:
     return Spread.over(found)
 
 
-def seconds_cut_off(recorded: Recorded) -> Spread | None:
-    """Pairs that did not come back count as cut off for the whole time."""
-    gaps = recorded.get("cut", {}).get("gap_seconds", [])
-    return Spread.over([float(CUT_SECONDS) if gap is None else gap for gap in gaps])
+def seconds_after_kill(recorded: Recorded) -> Spread | None:
+    return Spread.over(_gaps(recorded, "kill"))
+
+
+def longest_seconds_after_cut(recorded: Recorded) -> Spread | None:
+    gaps = _gaps(recorded, "cut")
+    return _single(max(gaps)) if gaps else None
+
+
+def _gaps(recorded: Recorded, outage_kind: str) -> list[float]:
+    """Pairs that did not come back count as without delivery for the whole time."""
+    gaps = recorded.get(outage_kind, {}).get("gap_seconds", [])
+    return [float(outage.WATCHED_SECONDS) if gap is None else gap for gap in gaps]
 
 
 def _single(value: float) -> Spread:
@@ -145,8 +160,12 @@ def tables(recorded: Recorded) -> list[Table]:
     made = [Table.of("Contexts on a network that look for the same ten sources", _discovery_rows(recorded))]
     if idle := recorded.get("idle"):
         made.insert(0, Table.of("Idle contexts", _idle_rows(idle)))
-    if cut := recorded.get("cut"):
-        made.append(Table.of("Contexts whose server is killed", [_cut_row(cut["gap_seconds"])]))
+    if kill := recorded.get("kill"):
+        rows = [_outage_row("server killed", kill["gap_seconds"])]
+        if cut := recorded.get("cut"):
+            skipped = f" (skipped: {cut['skipped']})" if "skipped" in cut else ""
+            rows.append(_outage_row(f"since the end of a cut of {CUT_SECONDS} s{skipped}", cut["gap_seconds"]))
+        made.append(Table.of("Contexts that lose their server", rows))
     return made
 
 
@@ -179,9 +198,10 @@ def _discovery_rows(recorded: Recorded) -> list[Mapping[str, Cell]]:
     ]
 
 
-def _cut_row(gaps: list[float | None]) -> Mapping[str, Cell]:
+def _outage_row(outage_kind: str, gaps: list[float | None]) -> Mapping[str, Cell]:
     back = [gap * 1000 for gap in gaps if gap is not None]
     return {
+        "": outage_kind,
         "pairs": len(gaps),
         "without delivery, p50, ms": statistics.median(back) if back else None,
         "longest, ms": max(back, default=None),

@@ -4,7 +4,7 @@ import json
 import os
 import subprocess
 import tempfile
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from pathlib import Path
 from typing import IO, Any
@@ -79,12 +79,14 @@ class Programs:
         return self._run("compare_joining", *_options({"contexts": contexts, "sources": sources}))
 
     @contextmanager
-    def converse(self, program: str, command: str, settings: Settings, server: str) -> Iterator[Conversation]:
-        """The program has ended when this ends."""
+    def converse(
+        self, program: str, command: str, settings: Settings, server: str, within: Sequence[str] = ()
+    ) -> Iterator[Conversation]:
+        """The program has ended when this ends. within: what it is started with, for another network."""
         with (
             tempfile.TemporaryFile("w+") as complaints,  # a pipe would fill up unread
             subprocess.Popen(
-                [str(self._folder / program), command, *_options(settings)],
+                [*within, str(self._folder / program), command, *_options(settings)],
                 stdin=subprocess.PIPE,
                 stdout=subprocess.PIPE,
                 stderr=complaints,

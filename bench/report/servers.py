@@ -13,17 +13,18 @@ from typing import Any, TypeVar
 
 Found = TypeVar("Found")
 
+ADDRESS = "127.0.0.1"
 SECONDS_MAX = 15  # to start, and to find each other
 
 
 class Server:
-    """One that runs. Raises OSError when it does not start."""
+    """One that runs. Raises OSError when it does not start. within: what it is started with, for another network."""
 
-    def __init__(self, folder: Path, *options: str) -> None:
+    def __init__(self, folder: Path, *options: str, address: str = ADDRESS, within: Sequence[str] = ()) -> None:
         # Debian has it where only administrators look for programs.
         program = shutil.which("nats-server", path=f"{os.environ.get('PATH', '')}:/usr/sbin") or "nats-server"
-        free = ["--addr", "127.0.0.1", "--port", "-1", "--http_port", "-1", "--ports_file_dir", str(folder)]
-        self._process = subprocess.Popen([program, *free, *options], stderr=subprocess.DEVNULL)
+        free = ["--addr", address, "--port", "-1", "--http_port", "-1", "--ports_file_dir", str(folder)]
+        self._process = subprocess.Popen([*within, program, *free, *options], stderr=subprocess.DEVNULL)
         try:
             self._ports = _await("the server does not start", lambda: self._read_ports(folder))
         except OSError:
@@ -59,8 +60,8 @@ class Server:
 
 
 @contextmanager
-def one(folder: Path) -> Iterator[Server]:
-    server = Server(folder)
+def one(folder: Path, address: str = ADDRESS, within: Sequence[str] = ()) -> Iterator[Server]:
+    server = Server(folder, address=address, within=within)
     try:
         yield server
     finally:

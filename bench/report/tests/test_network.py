@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Any
 from unittest.mock import patch
 
-from report import network, servers
+from report import network, outage, servers
 from report.aims import check_all
 from report.figures import Figures
 from report.network import Recorded
@@ -18,7 +18,7 @@ from report.servers import Server
 from report.workloads import QUICK
 
 SIZE = replace(QUICK, contexts=[10, 20, 1000], idle_seconds=0.1)
-# 20 contexts do not find each other, and one pair of contexts has no delivery after its server was killed.
+# 20 contexts do not find each other, and one pair of contexts has no delivery after it lost its server.
 PROGRAM = """#!/bin/sh
 case "$*" in
 idle*) echo '{}'; read line ;;
@@ -51,6 +51,20 @@ def three(*_: Any) -> AbstractContextManager[Sequence[Server]]:
     return nullcontext([CountingServer() for _ in range(3)])
 
 
+def one(*_: Any) -> AbstractContextManager[Server]:
+    return nullcontext(CountingServer())
+
+
+class StillLink(outage.Link):
+    """Of this machine's own network, and cut for no time at all."""
+
+    def __init__(self) -> None:
+        self.server_side = self.client_side = []
+
+    def set(self, state: str) -> None:
+        pass
+
+
 class Measure(unittest.TestCase):
     recorded: Recorded
     failures: Sequence[str]
@@ -58,11 +72,15 @@ class Measure(unittest.TestCase):
     @classmethod
     def setUpClass(cls) -> None:
         with tempfile.TemporaryDirectory() as temporary:
-            program = Path(temporary) / network.PROGRAM
+            program = Path(temporary) / outage.PROGRAM
             program.write_text(PROGRAM)
             program.chmod(0o755)
             programs = Programs(Path(temporary), Path(temporary))
-            with patch.object(network, "SETTLE_SECONDS", 0), patch.object(servers, "cluster", three):
+            with (
+                patch.multiple(network, SETTLE_SECONDS=0, CUT_SECONDS=0),
+                patch.multiple(servers, cluster=three, one=one),
+                patch.object(outage, "link", lambda: nullcontext(StillLink())),
+            ):
                 cls.recorded = network.measure(programs, CountingServer(), SIZE)
         cls.failures = programs.failures
 
@@ -75,14 +93,28 @@ class Measure(unittest.TestCase):
         self.assertEqual([list(row) for row in discovery.rows], [[10, 1, 250, 40, 80], [1000, 1, 250, 0.4, 0.8]])
 
     def test_says_which_pairs_did_not_come_back(self) -> None:
-        *_, cut = network.tables(self.recorded)
-        self.assertEqual([list(row) for row in cut.rows], [[3, 375, 500, 1]])
+        *_, outages = network.tables(self.recorded)
+        killed, cut = (list(row) for row in outages.rows)
+        self.assertEqual(killed[1:], [3, 375, 500, 1])
+        self.assertEqual((cut[1], cut[4]), (3, 1))
+
+    def test_counts_from_the_end_of_a_cut(self) -> None:
+        cut = self.recorded["cut"]
+        self.assertEqual(cut["gap_seconds"], [0.5 - cut["cut_seconds"], 0.25 - cut["cut_seconds"], None])
+        self.assertEqual(network.longest_seconds_after_cut(self.recorded), (5, 5, 5))
+
+    def test_says_that_a_cut_needs_a_right_and_does_not_fail(self) -> None:
+        with patch.object(outage, "_ip", side_effect=PermissionError("no right")):
+            recorded = {**self.recorded, "cut": network._cut(Programs(Path(), Path()))}
+        *_, outages = network.tables(recorded)
+        self.assertIn("skipped: no right", str(list(outages.rows[1])[0]))
+        self.assertIsNone(network.longest_seconds_after_cut(recorded))
 
     def test_takes_for_the_aims_the_largest_network_and_all_pairs(self) -> None:
         verdicts = {check.text: check for check in check_all(Figures([]), [], self.recorded)}
         self.assertEqual(verdicts["seconds until 1,000 contexts know ten sources"].measured, (0.25, 0.25, 0.25))
         cut = verdicts["seconds until delivery again after a killed server, p50"]
-        self.assertEqual((cut.measured, cut.verdict()), ((0.5, 0.25, network.CUT_SECONDS), "met"))
+        self.assertEqual((cut.measured, cut.verdict()), ((0.5, 0.25, outage.WATCHED_SECONDS), "met"))
         messages = verdicts["messages a second that an idle context sends, nats"]
         self.assertEqual((messages.measured, messages.verdict()), ((4000, 4000, 4000), "NOT MET"))
 
