@@ -1,5 +1,6 @@
 #include <array>
 #include <memory>
+#include <tuple>
 
 #include "../options/short_memory.h"
 #include "domain.h"
@@ -11,7 +12,9 @@ using engine_test::Driven;
 using engine_test::OverNetwork;
 using engine_test::Sender;
 
-class Allocations : public engine_test::EngineTest, public testing::WithParamInterface<std::size_t> {};
+// Sizes of messages, and what their source waits for.
+class Allocations : public engine_test::EngineTest,
+                    public testing::WithParamInterface<std::tuple<std::size_t, const char*>> {};
 
 // Keeps the last messages, as an application with a history does.
 class Keeper {
@@ -35,14 +38,16 @@ class Keeper {
 };
 
 TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
-  if (OverNetwork() && GetParam() > 64) {
+  const auto [size, pacing] = GetParam();
+  if (OverNetwork() && size > 64) {
     GTEST_SKIP() << "large messages travel in memory of their own";
   }
-  const std::string payload(GetParam(), 'x');
+  const std::string payload(size, 'x');
   Keeper keeper;
-  const Driven publisher;
+  // A window so small that the receiver gives credit several times.
+  const Driven publisher({{"operational_mode", "sequential"}, {"nats_window_size", "65536"}});
   const Driven subscriber;
-  const Sender source(publisher, "T");
+  const Sender source(publisher, "T", {{"transport_pacing", pacing}});
   lbm_rcv_t* receiver = nullptr;
   ASSERT_EQ(0, lbm_rcv_create(&receiver, subscriber, engine_test::ReceiverTopic(subscriber, "T"), &Keeper::Receive,
                               &keeper, nullptr));
@@ -70,6 +75,8 @@ TEST_P(Allocations, AreNotMadeBySteadySendingDeliveringAndRetaining) {
   EXPECT_EQ(0, lbm_rcv_delete(receiver));
 }
 
-INSTANTIATE_TEST_SUITE_P(Bytes, Allocations, testing::Values(0, 64, 100'000, 300'000, 1'000'000));
+INSTANTIATE_TEST_SUITE_P(Bytes, Allocations,
+                         testing::Combine(testing::Values(0, 64, 100'000, 300'000, 1'000'000),
+                                          testing::Values("source", "receiver")));
 
 }  // namespace

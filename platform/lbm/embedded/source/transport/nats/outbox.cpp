@@ -8,6 +8,7 @@ Outbox::Outbox(std::size_t bytesMax, zq::posix::Event& keeper) : m_bytesMax(byte
   m_queue.reserve(kSpareMax);
   m_taken.reserve(kSpareMax);
   m_spare.reserve(kSpareMax);
+  m_spareNotes.reserve(kSpareNotesMax);
 }
 
 void Outbox::Prepare() {
@@ -45,6 +46,21 @@ void Outbox::Put(std::string subject, std::vector<std::byte> bytes) {
   parcel->bytes = std::move(bytes);
   m_queue.push_back(std::move(parcel));
   Grew(m_queue.back()->bytes.size());
+}
+
+void Outbox::Put(std::shared_ptr<const std::string> subject, Bytes note) {
+  if (!Connected()) {
+    return;
+  }
+  if (m_spareNotes.empty()) {
+    m_spareNotes.push_back(std::make_unique<Parcel>());
+  }
+  m_queue.push_back(std::move(m_spareNotes.back()));
+  m_spareNotes.pop_back();
+  Parcel& parcel = *m_queue.back();
+  parcel.subject = std::move(subject);
+  parcel.bytes.assign(note.begin(), note.end());
+  Grew(note.size());
 }
 
 void Outbox::Seal(Parcel& parcel) noexcept {
@@ -117,6 +133,8 @@ void Outbox::Recycle() {
     if (m_spare.size() < kSpareMax && capacity >= kParcelBytes && capacity <= kSpareBytesMax) {
       parcel->bytes.clear();
       m_spare.push_back(std::move(parcel));
+    } else if (m_spareNotes.size() < kSpareNotesMax && capacity <= kSpareNoteBytesMax) {
+      m_spareNotes.push_back(std::move(parcel));
     }
   }
   m_taken.clear();

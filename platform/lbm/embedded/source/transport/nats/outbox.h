@@ -50,6 +50,8 @@ class Outbox {
   Parcel& Open(const std::shared_ptr<const std::string>& subject, Parcel** open);
   // A parcel of its own.
   void Put(std::string subject, std::vector<std::byte> bytes);
+  // The same for what is said again and again: allocates nothing once it has been said.
+  void Put(std::shared_ptr<const std::string> subject, Bytes note);
   void Grew(std::size_t size) noexcept { m_queuedBytes += size; }
   static void Seal(Parcel& parcel) noexcept;
   // Waits until there may be room or credit, briefly.
@@ -82,6 +84,8 @@ class Outbox {
   static constexpr std::size_t kPrepared = 2;                       // one parcel fills while another is written
   static constexpr std::size_t kSpareMax = 16;
   static constexpr std::size_t kSpareBytesMax = std::size_t{64} << 10;
+  static constexpr std::size_t kSpareNotesMax = 4;
+  static constexpr std::size_t kSpareNoteBytesMax = std::size_t{1} << 10;
 
   bool Write(Lock& lock);
   void Recycle();
@@ -98,6 +102,7 @@ class Outbox {
   std::vector<std::unique_ptr<Parcel>> m_queue;
   std::size_t m_next = 0;                        // of m_queue, to be taken
   std::vector<std::unique_ptr<Parcel>> m_spare;  // as large as Blank makes them, or larger
+  std::vector<std::unique_ptr<Parcel>> m_spareNotes;
   std::size_t m_queuedBytes = 0;
   std::size_t m_writingBytes = 0;  // taken, and not yet in the socket
   bool m_writing = false;          // by some thread

@@ -237,7 +237,7 @@ void PublicationTable::OnWant(std::uint64_t asker, std::uint32_t publication) {
 
 void PublicationTable::OnInterest(std::uint64_t instance, Bytes message) {
   const auto interest = wire::Take<wire::Interest>(message);
-  const std::string name(wire::TakeText(message, interest.nameLength));
+  const std::string_view name = wire::TakeText(message, interest.nameLength);
   Outbox::Lock lock = m_outbox.Acquire();
   for (std::uint32_t i = 0; i < interest.count; ++i) {
     OnSubscription(wire::Take<wire::Subscription>(message), instance, name);
@@ -246,7 +246,7 @@ void PublicationTable::OnInterest(std::uint64_t instance, Bytes message) {
 }
 
 void PublicationTable::OnSubscription(const wire::Subscription& subscription, std::uint64_t instance,
-                                      const std::string& name) {
+                                      std::string_view name) {
   const auto found = m_publications.find(subscription.source);
   if (found == m_publications.end()) {
     if (subscription.token != 0) {
@@ -281,7 +281,7 @@ void PublicationTable::OnSubscription(const wire::Subscription& subscription, st
          {.token = subscription.token,
           .beginning = publication->GetProgress(),
           .consumed = publication->position,
-          .name = name});
+          .name = std::string(name)});
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -140,7 +141,7 @@ class PublicationTable {
   void AddMessage(NatsPublication& publication, const OutboundMessage& message, std::size_t size);
   std::vector<std::byte>& ParcelFor(NatsPublication& publication, std::size_t size);
   std::size_t FragmentMax() const noexcept;
-  void OnSubscription(const wire::Subscription& subscription, std::uint64_t instance, const std::string& name);
+  void OnSubscription(const wire::Subscription& subscription, std::uint64_t instance, std::string_view name);
   using Subscribers = std::unordered_map<std::uint64_t, Subscriber>;
 
   void Join(const std::shared_ptr<NatsPublication>& publication, std::uint64_t instance, Subscriber subscriber);

@@ -175,14 +175,14 @@ void SourceTable::Subscribe(NatsRemoteSource& source) {
   source.m_wanted = m_lastToken;
   source.m_route =
       m_intake.Listen(RouteKind::kData, m_subjects.Data(source.Topic(), source.Instance(), source.Id()), self->second);
-  PutInterest(source.Instance(), {source.GetSubscription()});
+  PutInterest(source);
 }
 
 void SourceTable::Unsubscribe(NatsRemoteSource& source) {
   const std::lock_guard lock(m_mutex);
   if (source.m_route != nullptr) {
     Detach(source);
-    PutInterest(source.Instance(), {source.GetSubscription()});
+    PutInterest(source);
   }
 }
 
@@ -193,14 +193,23 @@ void SourceTable::Detach(NatsRemoteSource& source) {
   }
 }
 
-void SourceTable::PutInterest(std::uint64_t instance, const std::vector<wire::Subscription>& subscriptions) {
-  auto message = wire::Begin(wire::Kind::kInterest, m_instance);
-  wire::AppendValue(message, wire::Interest{.nameLength = static_cast<std::uint32_t>(m_subscriberName.size()),
-                                            .count = static_cast<std::uint32_t>(subscriptions.size())});
-  wire::Append(message, m_subscriberName);
-  wire::Append(message, std::as_bytes(std::span(subscriptions)));
+void SourceTable::PutInterest(const NatsRemoteSource& source) {
+  const auto peer = m_peers.find(source.Instance());
+  if (peer != m_peers.end()) {
+    const wire::Subscription subscription = source.GetSubscription();
+    PutInterest(peer->second, {&subscription, 1});
+  }
+}
+
+void SourceTable::PutInterest(const Peer& peer, std::span<const wire::Subscription> subscriptions) {
+  m_interest.clear();
+  wire::AppendValue(m_interest, wire::Prologue{.kind = wire::Kind::kInterest, .instance = m_instance});
+  wire::AppendValue(m_interest, wire::Interest{.nameLength = static_cast<std::uint32_t>(m_subscriberName.size()),
+                                               .count = static_cast<std::uint32_t>(subscriptions.size())});
+  wire::Append(m_interest, m_subscriberName);
+  wire::Append(m_interest, std::as_bytes(subscriptions));
   Outbox::Lock lock = m_outbox.Acquire();
-  m_outbox.Put(m_subjects.Inbox(instance), std::move(message));
+  m_outbox.Put(peer.inbox, m_interest);
   m_outbox.Send(std::move(lock));
 }
 
@@ -231,6 +240,7 @@ void SourceTable::OnAnnounce(std::uint64_t instance, Bytes message, Listener& li
     const auto [peer, added] = m_peers.try_emplace(instance);
     if (added) {
       peer->second.identity = identity;
+      peer->second.inbox = std::make_shared<const std::string>(m_subjects.Inbox(instance));
       peer->second.alive = m_intake.Listen(RouteKind::kAlive, m_subjects.Alive(instance));
       m_outbox.Send();
     }
@@ -305,7 +315,7 @@ void SourceTable::OnData(const std::shared_ptr<NatsRemoteSource>& source, Bytes 
   if (source->TakeCreditDue()) {
     const std::lock_guard lock(m_mutex);
     if (source->m_route != nullptr) {
-      PutInterest(source->Instance(), {source->GetSubscription()});
+      PutInterest(*source);
     }
   }
 }
@@ -388,12 +398,12 @@ void SourceTable::PutAllInterest() {
         subscriptions.push_back(source->GetSubscription());
       }
       if (subscriptions.size() == kSubscriptionsMax) {
-        PutInterest(instance, subscriptions);
+        PutInterest(peer, subscriptions);
         subscriptions.clear();
       }
     }
     if (!subscriptions.empty()) {
-      PutInterest(instance, subscriptions);
+      PutInterest(peer, subscriptions);
     }
   }
 }
@@ -445,7 +455,7 @@ void SourceTable::SayGoodbye() {
     for (const auto& [id, source] : peer.sources) {
       if (source->m_route != nullptr) {
         Detach(*source);
-        PutInterest(instance, {source->GetSubscription()});
+        PutInterest(*source);
       }
     }
   }

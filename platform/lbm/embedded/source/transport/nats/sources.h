@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -126,6 +127,7 @@ class SourceTable {
  private:
   struct Peer {
     std::string identity;
+    std::shared_ptr<const std::string> inbox;  // its subject
     std::shared_ptr<Route> alive;
     std::unordered_map<std::uint32_t, std::shared_ptr<NatsRemoteSource>> sources;  // by id
     std::int64_t silentTicks = 0;
@@ -145,7 +147,8 @@ class SourceTable {
   Sources TakeUnwatched();
   Sources TakeSilent();
   void ForgetPeers();
-  void PutInterest(std::uint64_t instance, const std::vector<wire::Subscription>& subscriptions);
+  void PutInterest(const Peer& peer, std::span<const wire::Subscription> subscriptions);
+  void PutInterest(const NatsRemoteSource& source);
   void PutAllInterest();
   bool HasSources(const std::string& topic) const;
 
@@ -166,8 +169,9 @@ class SourceTable {
   std::int64_t m_allTicks = 0;
   // Of all sources, those that were found before too: a publisher may still know a subscription that has ended here.
   std::uint32_t m_lastToken = 0;
-  std::int64_t m_ticksDue = 0;  // intervals that TidyUp has not seen
-  bool m_unwatched = false;     // sources may be known that nobody watches
+  std::int64_t m_ticksDue = 0;        // intervals that TidyUp has not seen
+  bool m_unwatched = false;           // sources may be known that nobody watches
+  std::vector<std::byte> m_interest;  // the last one that was put, for its memory
 };
 
 }  // namespace engine::transport::nats
