@@ -100,6 +100,7 @@ TEST(Reconnecting, TakesLongerTheMoreReceiveTheSameButNeverLongerThanOthersWait)
   EXPECT_EQ(ReconnectSpread(0, milliseconds(10'000)), milliseconds(100));
   EXPECT_EQ(ReconnectSpread(1'000, milliseconds(10'000)), milliseconds(1'000));
   EXPECT_EQ(ReconnectSpread(4'000'000'000, milliseconds(10'000)), milliseconds(2'500));
+  EXPECT_EQ(ReconnectSpread(4'000'000'000, milliseconds(600'000)), milliseconds(5'000));
   EXPECT_EQ(ReconnectSpread(4'000'000'000, milliseconds(0)), milliseconds(100));
 }
 

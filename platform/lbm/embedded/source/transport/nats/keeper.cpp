@@ -19,6 +19,7 @@ constexpr Poller::Token kSocketToken = 1;
 
 constexpr std::chrono::milliseconds kFirstRetry{100};
 constexpr std::chrono::milliseconds kLastRetry{1'000};
+constexpr std::chrono::milliseconds kSpreadMax{5'000};  // whatever sources say of their audience
 
 // The thread may be late.
 constexpr std::chrono::milliseconds kStopPatience{50};
@@ -72,7 +73,8 @@ class Stragglers {
 }  // namespace
 
 std::chrono::milliseconds ReconnectSpread(std::uint32_t audience, std::chrono::milliseconds peerTimeout) {
-  return std::clamp(std::chrono::milliseconds(audience), kFirstRetry, std::max(kFirstRetry, peerTimeout / 4));
+  const auto most = std::clamp(peerTimeout / 4, kFirstRetry, kSpreadMax);
+  return std::clamp(std::chrono::milliseconds(audience), kFirstRetry, most);
 }
 
 Keeper::Keeper(const NatsSettings& given)
