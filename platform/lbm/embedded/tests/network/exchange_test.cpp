@@ -167,6 +167,8 @@ TEST_F(Exchange, ContextsThatFallSilentAreGone) {
   settings.peerTimeout = std::chrono::milliseconds(500);
   Member a(settings);
   const auto publication = a.transport->Advertise({"T", Pacing::kReceiver});
+  // What it listens to is known to the server before what it says.
+  DrainUntil({&a}, "its own source", [&] { return a.Heard("up T"); });
   const Subjects subjects("lbm", "test");
   const Stranger stranger(m_server.Url());
   auto announce = wire::Begin(wire::Kind::kAnnounce, 7);
