@@ -71,8 +71,9 @@ TEST_F(NetworkPacing, WhatASourcePacedReceiverCannotKeepIsToldAlsoWhenItWasTheLa
 
 TEST(SlowConsumer, IsCutOffByTheServerAndComesBackWithAFullAccount) {
   const test_support::NatsServer server("max_payload: 65536\nmax_pending: 65536\nwrite_deadline: \"100ms\"");
-  Member a(SettingsFor(server.Url()), false);
   NatsSettings settings = SettingsFor(server.Url());
+  settings.peerTimeout = std::chrono::minutes(10);  // however long it takes until it is cut off
+  Member a(settings, false);
   settings.announcementInterval = std::chrono::seconds(60);  // nor does its keeper read
   Member b(settings);
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
