@@ -87,6 +87,15 @@ Request Source::SendRequest(const char* data, std::size_t length, int flags, Mes
   return Request(m_src, data, length, flags, std::move(cb), details::HandleOf(eq));
 }
 
+std::unique_ptr<Request> Source::SendRequestEC(const char* data, std::size_t length, int flags, MessageCallback cb,
+                                               EventQueue* eq) {
+  std::unique_ptr<Request> request(new Request(std::move(cb)));
+  if (details::Failed(request->SendEC(m_src, data, length, flags, details::HandleOf(eq)))) {
+    request.reset();
+  }
+  return request;
+}
+
 void Source::SetString(const char* name, const char* value) {
   details::ThrowIfFailed(lbm_src_str_setopt(m_src, name, value), "Failed to set LBM source option");
 }

@@ -3,6 +3,8 @@
 
 #include <lbm/lbm.h>
 
+#include <utility>
+
 #include "lbm/message.h"
 
 namespace lbm {
@@ -25,7 +27,11 @@ class Request {
  private:
   friend class Source;
 
+  // Not sent yet.
+  explicit Request(MessageCallback cb) : m_cbk(std::move(cb)) {}
   Request(lbm_src_t* src, const char* data, size_t length, int flags, MessageCallback cb, lbm_event_queue_t* evq);
+
+  int SendEC(lbm_src_t* src, const char* data, size_t length, int flags, lbm_event_queue_t* evq) noexcept;
 
   lbm_request_t* m_req = nullptr;
   MessageCallback m_cbk;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "lbm/request.h"
@@ -58,9 +59,13 @@ class Source {
   void Sendv(const iovec* pieces, int num, int flags);
   void SendvEx(const iovec* pieces, int num, int flags, const lbm_src_send_ex_info_t* info);
 
-  // Every receiver of the request may answer, for as long as the Request lives.
+  // Every receiver of the request may answer, for as long as the Request lives. Who begins to listen later does not get
+  // it, nor is anybody told when nobody listens; RequestSource is for those who have to know.
   [[nodiscard]] Request SendRequest(const char* data, std::size_t length, int flags, MessageCallback cb,
                                     EventQueue* eq = nullptr);
+  // The same; null when it could not be sent, with the reason in lbm_errnum().
+  [[nodiscard]] std::unique_ptr<Request> SendRequestEC(const char* data, std::size_t length, int flags,
+                                                       MessageCallback cb, EventQueue* eq = nullptr);
 
   // Sets an option of the live source; throws LbmError.
   void SetString(const char* name, const char* value);
