@@ -9,16 +9,18 @@
 
 #include "ps_common/config/config.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
+#include "ps_common/connector/shutdown_guard.h"
 
 int main() {
   using namespace std::chrono_literals;
 
-  // Before the manager, because messages arrive until that is gone.
+  // Before the receiver, because messages arrive until that is gone.
   std::promise<std::string> promise;
   bool received = false;
 
   const auto config = ps_ns::Config::Parse("<config><General/></config>");
   ps_ns::LbmClientResourceMgr manager(config, "package_test", false, -1, 10, {}, 0);
+  const ps_ns::ShutdownGuard guard(manager);
   ps_ns::ServerInstance server;
   server.m_marketID = server.m_submarketID = server.m_nodeID = 1;
 
@@ -43,7 +45,6 @@ int main() {
     source.Send("price", 5, LBM_SRC_FLUSH);
     status = arrival.wait_for(10ms);
   }
-  manager.Shutdown();
 
   if (status != std::future_status::ready) {
     std::cerr << "no message arrived on " << topicName << '\n';

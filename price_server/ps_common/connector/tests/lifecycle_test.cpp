@@ -13,6 +13,7 @@
 #include <type_traits>
 
 #include "manager_test.h"
+#include "ps_common/connector/shutdown_guard.h"
 
 namespace ps_ns {
 namespace {
@@ -136,6 +137,20 @@ TEST_F(Lifecycle, AFailedConstructionSaysWhyAndLeavesNothingBehind) {
   EXPECT_THROW(Start(), std::system_error);
   pthread_setattr_default_np(&usual);
   EXPECT_THAT(LiveHandles(), IsEmpty());
+}
+
+TEST_F(Lifecycle, AGuardedScopeMayBeLeftInAnyWay) {
+  const auto leave = [](bool byException) {
+    LbmClientResourceMgr manager(Config::Parse("<PSConfig><General/></PSConfig>"), "a_client", false, -1, 3'600'000, {},
+                                 0);
+    const ShutdownGuard guard(manager);
+    if (byException) {
+      throw std::runtime_error("thrown with the dispatch thread running");
+    }
+    manager.Shutdown();
+  };
+  EXPECT_THROW(leave(true), std::runtime_error);
+  leave(false);
 }
 
 // ---- Destruction without Shutdown

@@ -23,14 +23,13 @@ using ClientID_t = std::string;
 // Owns the client's LBM context and the dispatch thread that drives it, and makes the client's endpoints on it.
 //
 //   ps_ns::LbmClientResourceMgr manager(config, "my_client", false, -1, 100, {}, 0);
+//   const ps_ns::ShutdownGuard guard(manager);
 //   std::string topicName;
 //   auto prices = manager.CreateClientDataReceiver(instance, 0, onMessage, topicName);
-//   ...
-//   manager.Shutdown();
 //
-// Lifecycle: running from construction to Shutdown, which is for good and must come before the destruction. Endpoints
-// belong to whoever created them, but for the command channel, which is the manager's; they are silent after Shutdown,
-// and should go before the manager.
+// Lifecycle: running from construction to Shutdown, which is for good and must come before the destruction;
+// ShutdownGuard sees to that. Endpoints belong to whoever created them, but for the command channel, which is the
+// manager's; they are silent after Shutdown, and should go before the manager.
 //
 // Threads: the callbacks of receivers and registered sockets, and the background task, run on the dispatch thread, one
 // at a time; they delay each other and must not throw. Endpoints may be created and sockets registered on any thread.
