@@ -51,6 +51,7 @@ Client::Client(const Options& options, std::function<void()> wake)
   } catch (const boost::property_tree::ptree_error& error) {
     throw cli::UsageError(options.configFile + ": " + error.what());
   }
+  m_shutdown.emplace(*m_manager);
   try {
     const auto maxSilence = std::chrono::duration_cast<Clock::duration>(options.maxSilence);
     for (const auto& instance : options.instances) {
@@ -181,7 +182,7 @@ void Client::Stop() {
   if (!m_manager) {
     return;
   }
-  m_manager->Shutdown();
+  m_shutdown.reset();
   m_dispatchThread.NoteEnd();
   m_mailbox.HandOver();
   if (m_commands) {

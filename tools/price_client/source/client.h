@@ -14,6 +14,7 @@
 #include "mailbox.h"
 #include "options.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"
+#include "ps_common/connector/shutdown_guard.h"
 #include "snapshot.h"
 #include "subscription.h"
 
@@ -71,6 +72,7 @@ class Client {
   bool m_isPaused = false;
   std::deque<ReceivedCommand> m_pendingCommands;
   std::unique_ptr<ps_ns::LbmClientResourceMgr> m_manager;
+  std::optional<ps_ns::ShutdownGuard> m_shutdown;
   std::vector<std::unique_ptr<Subscription>> m_subscriptions;
   std::optional<CommandChannel> m_commands;
 };

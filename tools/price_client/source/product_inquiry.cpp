@@ -1,47 +1,48 @@
 #include "product_inquiry.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "feed/client_request.h"
+#include "lbm/attributes.h"
 #include "lbm/errors.h"
 
 namespace price_client {
 
-ProductInquiry::ProductInquiry(ps_ns::SourcePtr source, lbm::MessageCallback onResponse)
-    : m_source(std::move(source)), m_onResponse(std::move(onResponse)) {}
+ProductInquiry::ProductInquiry(lbm::Context& context, const std::string& topic, lbm::MessageCallback onResponse)
+    : m_onResponse(std::move(onResponse)),
+      m_requests(context, lbm::SourceTopic(context, topic, lbm::SourceTopicAttributes())) {}
 
 void ProductInquiry::Begin(Clock::time_point now) {
   m_isOpen = true;
-  m_interval = kFirstInterval;
-  m_due = now;
+  Ask(now);
 }
 
 void ProductInquiry::End() {
   m_isOpen = false;
-  m_request.reset();
+  m_request = {};
 }
 
 void ProductInquiry::Pursue(Clock::time_point now) {
-  if (!m_isOpen || now < m_due) {
-    return;
+  if (m_isOpen && now >= m_due && !m_request.IsOpen()) {
+    Ask(now);
   }
-  Ask();
-  m_due = now + m_interval;
-  m_interval = std::min(2 * m_interval, kLongestInterval);
 }
 
-void ProductInquiry::Ask() {
+void ProductInquiry::Ask(Clock::time_point now) {
+  m_due = now + kTimeout;
   feed::ClientRequest request;
   request.id = ++m_id;
   request.request = feed::kProductsRequest;
-  const auto bytes = feed::Encode(request);
-  m_request.reset();
+  // Which response is the last is found out off the dispatch thread, by Take.
+  const auto onResponse = [this](lbm::Message message) {
+    m_onResponse(std::move(message));
+    return lbm::Answer::kPartial;
+  };
+  m_request = {};
   try {
-    m_request.reset(
-        new lbm::Request(m_source->SendRequest(bytes.data(), bytes.size(), LBM_SRC_NONBLOCK, m_onResponse)));
+    m_request = m_requests.Ask(feed::Encode(request), {kTimeout}, onResponse);
   } catch (const lbm::LbmError&) {
-    // There was no room, say. It is asked again anyway.
+    // It is logged, and asked again when the time is up.
   }
 }
 

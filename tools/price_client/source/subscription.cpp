@@ -41,7 +41,7 @@ Subscription::Subscription(ps_ns::LbmClientResourceMgr& manager, Mailbox& mailbo
       manager.CreateClientNewsReceiver(instance, post(Mail::Kind::kNews), topicName),
       manager.CreateClientReceiver(instance, post(Mail::Kind::kResponse), topicName),
   };
-  m_inquiry.emplace(manager.CreateClientSource(instance), post(Mail::Kind::kResponse));
+  m_inquiry.emplace(*manager.GetContext(), manager.CreateClientRequestTopic(instance), post(Mail::Kind::kResponse));
 }
 
 void Subscription::StartPrices() {
