@@ -48,7 +48,8 @@ using ResponseCallback = std::function<Answer(Message)>;
 using OutcomeCallback = std::function<void(RequestOutcome)>;
 
 // Owns one request that was made with RequestSource::Ask, or none. The request is open until its outcome is told or it
-// is cancelled, and cancelled at the latest when its owner goes. What its callbacks hold is kept as long as the owner.
+// is cancelled, and cancelled at the latest when its owner goes. What its callbacks hold goes with the owner; when that
+// goes in one of them, with the next event that the dispatching thread processes, or with the RequestSource.
 //
 // May be destroyed, assigned to and cancelled in any callback, its own included, and before or after its RequestSource;
 // when that goes, the request is cancelled.
