@@ -2,7 +2,15 @@
 
 #include <pthread.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "zq/statistics/row.h"
 
 namespace zq::logging {
 namespace {
@@ -43,7 +51,57 @@ class ErrnoKeeper {
   const int m_errno = errno;
 };
 
+struct NamedLevel {
+  int level;
+  std::string_view name;
+};
+
+constexpr std::array kLevels{
+    NamedLevel{ZQLOG_DEBUG, "DEBUG"},
+    NamedLevel{ZQLOG_INFO, "INFO"},
+    NamedLevel{ZQLOG_INFO_LOCAL, "INFO_LOCAL"},
+    NamedLevel{ZQLOG_INFO_SEARCH, "INFO_SEARCH"},
+    NamedLevel{ZQLOG_WARNING, "WARNING"},
+    NamedLevel{ZQLOG_ERROR, "ERROR"},
+    NamedLevel{ZQLOG_ALERT, "ALERT"},
+    NamedLevel{ZQLOG_CRITICAL, "CRITICAL"},
+    NamedLevel{ZQLOG_WALL, "WALL"},
+    NamedLevel{-1, "unnamed"},  // any that an application made up
+};
+
+// Rows are made by the first statement of their level and never destroyed, for statements come until the very end.
+using LevelRow = std::atomic<statistics::Row*>;
+constinit std::array<LevelRow, kLevels.size()> g_levelRows{};
+
+statistics::Row* MakeLevelRow(LevelRow& place, std::string_view name) {
+  const statistics::Kind kind{
+      .name = "log",
+      .help = "Log statements of one level.",
+      .labels = {"level"},
+      .fields = {{"lines", statistics::FieldType::kCounter, "", "Statements given to the log."}}};
+  auto made = std::make_unique<statistics::Row>(kind, std::initializer_list<std::string_view>{name});
+  statistics::Row* there = nullptr;
+  return place.compare_exchange_strong(there, made.get()) ? made.release() : there;
+}
+
 }  // namespace
+
+void details::CountLine(LogLevel level) noexcept {
+  std::size_t index = 0;
+  while (index + 1 < kLevels.size() && kLevels[index].level != level) {
+    ++index;
+  }
+  statistics::Row* row = g_levelRows[index].load(std::memory_order_acquire);
+  if (row == nullptr) {
+    const ErrnoKeeper keeper;
+    try {
+      row = MakeLevelRow(g_levelRows[index], kLevels[index].name);
+    } catch (const std::bad_alloc&) {
+      return;
+    }
+  }
+  row->Add(0);
+}
 
 std::ostringstream& GetThreadLocalStream() {
   if (t_stream != nullptr) {
@@ -67,6 +125,7 @@ Logger::Logger(LogLevel level, unsigned int id, DecodeType decodeType, const std
 
 Logger::~Logger() {
   const ErrnoKeeper keeper;
+  details::CountLine(m_level);
   try {
     ForceLockHandlers();
     LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, m_stream.str(), m_handlerName);

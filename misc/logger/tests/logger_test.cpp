@@ -10,10 +10,14 @@
 #include <cstdlib>
 #include <functional>
 #include <iomanip>
+#include <map>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "zq/statistics/snapshot.h"
 
 namespace zq::logging {
 
@@ -65,6 +69,8 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::FieldsAre;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
 
 class LoggerTest : public ::testing::Test {
  protected:
@@ -135,6 +141,30 @@ TEST_F(LoggerTest, AStatementLeavesErrnoAlone) {
   errno = EAGAIN;
   ZQLOG(ZQLOG_INFO, 0, "text");
   EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(LoggerTest, StatisticsCountWhatIsGivenToTheLogByLevel) {
+  const auto counts = [] {
+    std::map<std::string, std::uint64_t> lines;
+    for (const statistics::Snapshot snapshot = statistics::TakeSnapshot(); const auto* row : snapshot.Of("log")) {
+      lines[row->labels[0]] = row->values[0].Count();
+    }
+    return lines;
+  };
+  auto before = counts();
+  errno = EAGAIN;
+  ZQLOG(ZQLOG_DEBUG, 0, "disabled");
+  ZQLOG_FORMAT(ZQLOG_ALERT, 0, "%s", "formatted");
+  ZQLOG(ZQLOG_ALERT, 0, "streamed");
+  ZQLOG_AT(static_cast<LogLevel>(77), 0, ConstSourcePtr(), "file", 1, "of a level without a name");
+  EXPECT_EQ(errno, EAGAIN);
+  std::map<std::string, std::uint64_t> counted;
+  for (const auto& [level, lines] : counts()) {
+    if (lines != before[level]) {
+      counted[level] = lines - before[level];
+    }
+  }
+  EXPECT_THAT(counted, UnorderedElementsAre(Pair("ALERT", 2), Pair("unnamed", 1)));
 }
 
 struct LogsWhenDestroyed {

@@ -16,6 +16,13 @@
 
 namespace zq::logging {
 
+namespace details {
+
+// Counts a statement in the process's statistics. Leaves errno alone.
+void CountLine(LogLevel level) noexcept;
+
+}  // namespace details
+
 // The calling thread's string stream, shared by all statements of the thread. Made on the thread's first statement and
 // destroyed when the thread ends, after its thread_local objects; the main thread's lives as long as the process.
 std::ostringstream& GetThreadLocalStream();
@@ -70,6 +77,7 @@ class Logger {
 #define ZQLOG_FORMAT(level, id, ...)                                                                        \
   do {                                                                                                      \
     if (::zq::logging::IsEnabled(::zq::logging::level)) {                                                   \
+      ::zq::logging::details::CountLine(::zq::logging::level);                                              \
       ::zq::logging::FormatAndLogMessage(::zq::logging::level, (id), ::zq::logging::ZQLOG_DECODE_AS_KV,     \
                                          ::zq::logging::ConstSourcePtr(), __FILE__, __LINE__, __VA_ARGS__); \
     }                                                                                                       \
