@@ -2,14 +2,19 @@
 
 #include <exception>
 #include <type_traits>
+#include <vector>
 
 #include "lbm/errors.h"
 #include "lbm/triage_handler.h"
 #include "log_statements.h"
+#include "loop.h"
 #include "print_line.h"
+#include "statistics.h"
 #include "text_option.h"
 
 namespace lbm {
+
+const details::ContextStatistics& details::StatisticsOf(const Context& ctx) noexcept { return *ctx.m_statistics; }
 
 static_assert(!std::is_copy_constructible_v<Context> && !std::is_move_constructible_v<Context>);
 
@@ -22,6 +27,8 @@ Context::Context(const ContextAttributes& attrs) : m_triageHandler(LbmTriageHand
   }
   LBM_LOG(ZQLOG_INFO_SEARCH, kContextCreated,
           "Created LBM context=" << m_ctx << " with attributes context_name=" << m_contextName);
+  details::ShowProcess();
+  m_statistics = std::make_unique<details::ContextStatistics>(m_contextName, m_ctx);
   m_triageHandler->registerContext(m_contextName, this);
 }
 
@@ -33,10 +40,16 @@ Context::~Context() {
   if (m_ctx != nullptr) {
     lbm_context_delete(m_ctx);
   }
+  details::Loop::Forget(m_statistics->loops);
 }
 
 int Context::Poll(lbm_ulong_t timeoutMs) {
-  return details::ThrowIfFailed(lbm_context_process_events(m_ctx, timeoutMs), "Failed to process LBM context events");
+  return details::ThrowIfFailed(PollEC(timeoutMs), "Failed to process LBM context events");
+}
+
+int Context::PollEC(lbm_ulong_t timeoutMs) {
+  const details::Loop loop(m_statistics->loops, m_statistics->clock);
+  return lbm_context_process_events(m_ctx, timeoutMs);
 }
 
 void Context::Unblock() { details::ThrowIfFailed(lbm_context_unblock(m_ctx), "Failed to unblock LBM context"); }
@@ -45,6 +58,12 @@ std::string Context::GetStrOpt(const char* name) const {
   return details::ReadTextOption(
       [&](char* text, std::size_t* length) { return lbm_context_str_getopt(m_ctx, name, text, length); },
       "Failed to get context string option");
+}
+
+zq::statistics::Snapshot Context::GetStatistics() const {
+  zq::statistics::Snapshot snapshot = zq::statistics::TakeSnapshot();
+  std::erase_if(snapshot.rows, [&](const auto& row) { return row.Label("handle") != m_statistics->handle; });
+  return snapshot;
 }
 
 int Context::EnableNAKs() {

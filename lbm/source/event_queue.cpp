@@ -3,6 +3,8 @@
 #include <type_traits>
 
 #include "lbm/errors.h"
+#include "loop.h"
+#include "statistics.h"
 
 namespace lbm {
 
@@ -12,6 +14,7 @@ EventQueue::EventQueue(const EventQueueAttributes& attrs) {
   EventQueueAttributes own(attrs);
   own.Set<int>("queue_cancellation_callbacks_enabled", 1);
   details::ThrowIfFailed(lbm_event_queue_create(&m_eq, nullptr, nullptr, own), "Failed to create LBM event queue");
+  m_row.emplace(details::EventQueueKind(), std::initializer_list<std::string_view>{details::Address(m_eq)});
 }
 
 EventQueue::~EventQueue() {
@@ -22,11 +25,16 @@ EventQueue::~EventQueue() {
 }
 
 int EventQueue::Run() {
-  return details::ThrowIfFailed(lbm_event_dispatch(m_eq, LBM_EVENT_QUEUE_BLOCK), "Failed to run LBM event queue");
+  return details::ThrowIfFailed(Dispatch(LBM_EVENT_QUEUE_BLOCK), "Failed to run LBM event queue");
 }
 
 int EventQueue::Poll() {
-  return details::ThrowIfFailed(lbm_event_dispatch(m_eq, LBM_EVENT_QUEUE_POLL), "Failed to poll LBM event queue");
+  return details::ThrowIfFailed(Dispatch(LBM_EVENT_QUEUE_POLL), "Failed to poll LBM event queue");
+}
+
+int EventQueue::Dispatch(lbm_ulong_t timeoutMs) {
+  const details::Loop loop(*m_row);
+  return lbm_event_dispatch(m_eq, timeoutMs);
 }
 
 void EventQueue::Unblock() {

@@ -1,6 +1,9 @@
 #include "lbm/source.h"
 
+#include <numeric>
+#include <span>
 #include <stdexcept>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -9,12 +12,21 @@
 #include "lbm/errors.h"
 #include "lbm/event_queue.h"
 #include "log_statements.h"
+#include "statistics.h"
 #include "text_option.h"
 
 namespace lbm {
 namespace {
 
+namespace field = details::source_field;
+
 constexpr auto kSendFailed = "Failed to send LBM message";
+
+std::size_t LengthOf(const iovec* pieces, int num) {
+  const std::span all(pieces, num > 0 ? static_cast<std::size_t>(num) : 0);
+  return std::accumulate(all.begin(), all.end(), std::size_t{0},
+                         [](std::size_t sum, const iovec& piece) { return sum + piece.iov_len; });
+}
 
 }  // namespace
 
@@ -40,8 +52,17 @@ void Source::DoDeferredRegistration(Context& ctx, const SourceTopic& topic, Even
 void Source::Create(Context& ctx, const SourceTopic& topic, EventQueue* eq) {
   m_topic = topic.GetString();
   LBM_LOG(ZQLOG_INFO, kSourceCreating, "Creating source on topic=" << m_topic);
-  details::ThrowIfFailed(lbm_src_create(&m_src, ctx, topic, m_cbk ? LbmCallback : nullptr, this, details::HandleOf(eq)),
-                         "Failed to create LBM sender");
+  // Before it is created, for events may come at once.
+  const details::ContextStatistics& context = details::StatisticsOf(ctx);
+  m_row = std::make_shared<details::Row>(
+      details::SourceKind(), std::initializer_list<std::string_view>{context.name, context.handle, m_topic});
+  if (!m_cbk) {
+    m_row->Set(field::kReceivers, -1);
+  }
+  if (details::Failed(lbm_src_create(&m_src, ctx, topic, m_cbk ? LbmCallback : nullptr, this, details::HandleOf(eq)))) {
+    m_row.reset();
+    details::ThrowLbmError("Failed to create LBM sender");
+  }
 }
 
 void Source::Destroy() {
@@ -55,8 +76,28 @@ void Source::Destroy() {
     }
   }
   m_src = nullptr;
+  m_row.reset();
+  ++details::rowsGone;
   m_transport_id = 0;
   m_destroyed = true;
+}
+
+// Gives a send's result back.
+int Source::Count(int result, std::size_t length, int flags) noexcept {
+  if (m_row == nullptr) {
+    return result;
+  }
+  const zq::statistics::Cells cells = m_row->Mine();
+  if (!details::Failed(result)) {
+    cells.Add(field::kMessages);
+    cells.Add(field::kBytes, length);
+  } else {
+    cells.Add(field::kFailures);
+    if ((flags & LBM_SRC_NONBLOCK) != 0) {
+      cells.Add(field::kNonBlockingFailures);
+    }
+  }
+  return result;
 }
 
 void Source::Send(const char* data, std::size_t length, int flags) {
@@ -64,7 +105,7 @@ void Source::Send(const char* data, std::size_t length, int flags) {
 }
 
 int Source::SendEC(const char* data, std::size_t length, int flags) noexcept {
-  return lbm_src_send(m_src, data, length, flags);
+  return Count(lbm_src_send(m_src, data, length, flags), length, flags);
 }
 
 void Source::SendEx(const char* data, std::size_t length, int flags, const lbm_src_send_ex_info_t* info) {
@@ -72,24 +113,25 @@ void Source::SendEx(const char* data, std::size_t length, int flags, const lbm_s
 }
 
 int Source::SendExEC(const char* data, std::size_t length, int flags, const lbm_src_send_ex_info_t* info) noexcept {
-  return lbm_src_send_ex(m_src, data, length, flags, info);
+  return Count(lbm_src_send_ex(m_src, data, length, flags, info), length, flags);
 }
 
 void Source::Sendv(const iovec* pieces, int num, int flags) {
-  details::ThrowIfFailed(lbm_src_sendv(m_src, pieces, num, flags), kSendFailed);
+  details::ThrowIfFailed(Count(lbm_src_sendv(m_src, pieces, num, flags), LengthOf(pieces, num), flags), kSendFailed);
 }
 
 void Source::SendvEx(const iovec* pieces, int num, int flags, const lbm_src_send_ex_info_t* info) {
-  details::ThrowIfFailed(lbm_src_sendv_ex(m_src, pieces, num, flags, info), kSendFailed);
+  details::ThrowIfFailed(Count(lbm_src_sendv_ex(m_src, pieces, num, flags, info), LengthOf(pieces, num), flags),
+                         kSendFailed);
 }
 
 Request Source::SendRequest(const char* data, std::size_t length, int flags, MessageCallback cb, EventQueue* eq) {
-  return Request(m_src, data, length, flags, std::move(cb), details::HandleOf(eq));
+  return Request(m_src, m_row, data, length, flags, std::move(cb), details::HandleOf(eq));
 }
 
 std::unique_ptr<Request> Source::SendRequestEC(const char* data, std::size_t length, int flags, MessageCallback cb,
                                                EventQueue* eq) {
-  std::unique_ptr<Request> request(new Request(std::move(cb)));
+  std::unique_ptr<Request> request(new Request(m_row, std::move(cb)));
   if (details::Failed(request->SendEC(m_src, data, length, flags, details::HandleOf(eq)))) {
     request.reset();
   }
@@ -131,16 +173,31 @@ const char* Source::EventToString(int event) noexcept {
 
 int Source::LbmCallback(lbm_src_t*, int event, void* eventData, void* clientd) {
   const auto* source = static_cast<const Source*>(clientd);
-  if (source != nullptr && source->m_cbk) {
-    source->m_cbk(event, eventData);
+  if (source == nullptr || !source->m_cbk) {
+    return 0;
   }
+  details::Row& row = *source->m_row;
+  if (event == LBM_SRC_EVENT_CONNECT) {
+    row.Add(field::kReceivers);
+  } else if (event == LBM_SRC_EVENT_DISCONNECT) {
+    row.Subtract(field::kReceivers);
+  } else if (event == LBM_SRC_EVENT_WAKEUP) {
+    row.Add(field::kWakeups);
+  }
+  details::CallApplication(nullptr, row, field::kCallbackFailures, [&] { source->m_cbk(event, eventData); });
   return 0;
 }
 
 int Source::LbmRequestCallback(lbm_request_t*, lbm_msg_t* msg, void* clientd) {
-  if (clientd != nullptr) {
-    details::Deliver(static_cast<const Request*>(clientd)->m_cbk, msg);
+  const auto* request = static_cast<const Request*>(clientd);
+  if (request == nullptr || !request->m_cbk) {
+    return 0;
   }
+  if (msg != nullptr && msg->type == LBM_MSG_RESPONSE) {
+    request->m_row->Add(field::kResponses);
+    request->m_row->Add(field::kResponseBytes, msg->len);
+  }
+  details::Deliver(request->m_cbk, msg, *request->m_row, field::kCallbackFailures);
   return 0;
 }
 

@@ -3,7 +3,10 @@
 
 #include <lbm/lbm.h>
 
+#include <optional>
+
 #include "lbm/attributes.h"
+#include "zq/statistics/row.h"
 
 namespace lbm {
 
@@ -34,7 +37,10 @@ class EventQueue {
   operator const lbm_event_queue_t*() const noexcept { return m_eq; }
 
  private:
+  int Dispatch(lbm_ulong_t timeoutMs);
+
   lbm_event_queue_t* m_eq = nullptr;
+  std::optional<zq::statistics::Row> m_row;
 };
 
 namespace details {

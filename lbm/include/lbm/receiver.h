@@ -3,10 +3,12 @@
 
 #include <lbm/lbm.h>
 
+#include <memory>
 #include <string>
 
 #include "lbm/message.h"
 #include "lbm/topics.h"
+#include "zq/statistics/row.h"
 
 namespace lbm {
 
@@ -51,6 +53,8 @@ class Receiver : public BaseReceiver {
   lbm_rcv_t* m_rcv = nullptr;
   Callback m_cbk;
   std::string m_topic;
+  zq::statistics::Row m_row;
+  std::shared_ptr<zq::statistics::Row> m_responses;  // of the context
 };
 
 }  // namespace lbm

@@ -3,9 +3,10 @@
 
 #include <lbm/lbm.h>
 
-#include <utility>
+#include <memory>
 
 #include "lbm/message.h"
+#include "zq/statistics/row.h"
 
 namespace lbm {
 
@@ -28,13 +29,15 @@ class Request {
   friend class Source;
 
   // Not sent yet.
-  explicit Request(MessageCallback cb) : m_cbk(std::move(cb)) {}
-  Request(lbm_src_t* src, const char* data, size_t length, int flags, MessageCallback cb, lbm_event_queue_t* evq);
+  Request(std::shared_ptr<zq::statistics::Row> row, MessageCallback cb);
+  Request(lbm_src_t* src, std::shared_ptr<zq::statistics::Row> row, const char* data, size_t length, int flags,
+          MessageCallback cb, lbm_event_queue_t* evq);
 
   int SendEC(lbm_src_t* src, const char* data, size_t length, int flags, lbm_event_queue_t* evq) noexcept;
 
   lbm_request_t* m_req = nullptr;
   MessageCallback m_cbk;
+  std::shared_ptr<zq::statistics::Row> m_row;  // of the source
 };
 
 }  // namespace lbm

@@ -11,6 +11,7 @@
 
 #include "lbm/request.h"
 #include "lbm/topics.h"
+#include "zq/statistics/row.h"
 
 namespace lbm {
 
@@ -89,12 +90,14 @@ class Source {
 
  private:
   void Create(Context& ctx, const SourceTopic& topic, EventQueue* eq);
+  int Count(int result, std::size_t length, int flags) noexcept;
 
   lbm_src_t* m_src = nullptr;
   Callback m_cbk;
   std::string m_topic;
   std::uint32_t m_transport_id = 0;
   bool m_destroyed = false;
+  std::shared_ptr<zq::statistics::Row> m_row;  // while it is registered; requests share it
 };
 
 }  // namespace lbm
