@@ -1,9 +1,11 @@
 // What the handler does with what its receivers deliver.
 #include <exception>
 
+#include "answer.h"
 #include "lbm/context.h"
 #include "lbm/triage_handler.h"
 #include "log_statements.h"
+#include "statistics.h"
 #include "zq/messaging/triage.pb.h"
 #include "zq/messaging/triage_requests.h"
 #include "zq/messaging/wire.pb.h"
@@ -22,6 +24,17 @@ using zq::messaging::triage::UpperCase;
 bool IsComplete(const Wire& wire) {
   return wire.has_header() && wire.header().has_msg_type() && wire.payload_size() > 0;
 }
+
+// Counts a request when it has been dealt with.
+struct Outcome {
+  const char* request = "unknown";
+  const char* result = "error";
+
+  Outcome() = default;
+  Outcome(const Outcome&) = delete;
+  Outcome& operator=(const Outcome&) = delete;
+  ~Outcome() { details::CountTriageRequest(request, result); }
+};
 
 // What toggleNaks is to look for in the names of contexts.
 const char* PatternOf(zq::messaging::triage::LBMContext context) {
@@ -122,14 +135,17 @@ void LbmTriageHandler::toggleNaks(bool enable, std::string pattern) {
 
 void LbmTriageHandler::handleTriageMessage(const Message& message) {
   const char* const topic = message.TopicName();
+  Outcome outcome;
   try {
     Wire wire;
     if (!wire.ParseFromString(std::string(message.Data(), message.Length())) || !IsComplete(wire)) {
+      outcome.result = "invalid";
       TRIAGE_LOG(ZQLOG_WARNING, kTriageWireInvalid,
                  "dropping request. Wire message is not valid topic=" << topic << " wire=" << wire.ShortDebugString());
       return;
     }
     if (wire.header().msg_type() != Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE) {
+      outcome.result = "invalid";
       TRIAGE_LOG(ZQLOG_WARNING, kTriageNoAction,
                  "dropping Triage request topic=" << topic << " Header must be MSG_OPS_TRIAGE_ACTION_WITH_WIRE wire="
                                                   << wire.ShortDebugString());
@@ -139,6 +155,7 @@ void LbmTriageHandler::handleTriageMessage(const Message& message) {
     // What a broken action lacks shows in its wire.
     action.ParseFromString(wire.payload(0));
     if (!IsComplete(action.wire())) {
+      outcome.result = "invalid";
       return;
     }
     const auto respond = [&](const std::string& request) {
@@ -147,21 +164,26 @@ void LbmTriageHandler::handleTriageMessage(const Message& message) {
       TRIAGE_LOG(ZQLOG_INFO_SEARCH, kTriageResponding,
                  "responding to " << request << " request with request_id=" << action.request_id() << " :"
                                   << response.ShortDebugString() << " topic=" << topic);
-      message.GetResponse().SendWithRetries(message, data, action.request_id(), m_maxRetries, m_timeBetweenRetriesMs,
-                                            LBM_SRC_FLUSH);
+      const details::Answer answer = details::SendAnswer(
+          message.GetResponse(), {message.Source(), topic, data.data(), data.size(), action.request_id()}, m_maxRetries,
+          m_timeBetweenRetriesMs, LBM_SRC_FLUSH);
+      outcome.result = answer == details::Answer::kSent ? "answered" : "not_answered";
     };
     switch (action.wire().header().msg_type()) {
       case Header::MSG_OPS_TRIAGE_NAK_KILL_REQUEST: {
+        outcome.request = "nak_kill";
         const auto request = TakeRequest<TriageNakKillRequest>(action, topic);
         toggleNaks(request.enable(), PatternOf(request.context()));
         respond(TriageNakKillRequest::descriptor()->name());
         break;
       }
       case Header::MSG_OPS_TRIAGE_TEST_REQUEST:
+        outcome.request = "test";
         TakeRequest<TriageTestRequest>(action, topic);
         respond(TriageTestRequest::descriptor()->name());
         break;
       default:
+        outcome.result = "invalid";
         TRIAGE_LOG(ZQLOG_WARNING, kTriageUnknownRequest,
                    "dropping Triage request. msg_type must be MSG_OPS_TRIAGE_NAK_KILL_REQUEST or "
                    "MSG_OPS_TRIAGE_TEST_REQUEST TriageActionWithWire="

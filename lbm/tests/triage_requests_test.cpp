@@ -204,5 +204,28 @@ TEST(TriageEventsTest, TheLevelIsLookedAtForEachLine) {
   });
 }
 
+TEST(TriageRequestsTest, AreCountedByKindAndResult) {
+  InProcessWith(NamesAnd({{"TRIAGE_HANDLER_MAX_RETRIES", "0"}}), [] {
+    const auto context = MakeContext();
+    DeliverRequest(triage::TestRequest("id"));
+    DeliverRequest(triage::TestRequest("id"));
+    DeliverRequest(triage::NakKillRequest(triage::ALL, true, "id"));
+    Script("lbm_send_response", Failure(LBM_EWOULDBLOCK, "full"));
+    DeliverRequest(triage::TestRequest("let go, though the send with retries reports success"));
+    DeliverRequest("");
+    DeliverRequest(ActionAround(""));
+    const zq::statistics::Snapshot snapshot = zq::statistics::TakeSnapshot();
+    std::map<std::string, std::uint64_t> requests;
+    for (const auto* row : snapshot.Of("triage")) {
+      requests[row->labels[0] + ' ' + row->labels[1]] = row->values[0].Count();
+    }
+    EXPECT_EQ(requests, (std::map<std::string, std::uint64_t>{{"other other", 0},
+                                                              {"test answered", 2},
+                                                              {"nak_kill answered", 1},
+                                                              {"test not_answered", 1},
+                                                              {"unknown invalid", 2}}));
+  });
+}
+
 }  // namespace
 }  // namespace lbm
