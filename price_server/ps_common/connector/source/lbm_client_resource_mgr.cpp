@@ -16,11 +16,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "statistics.h"
 #include "zq/logging/logger.h"
 #include "zq/posix/file.h"
 
 namespace ps_ns {
 namespace {
+
+namespace field = dispatch_thread_field;
 
 // Statement ids.
 constexpr unsigned int kThreadStatement = 0;
@@ -139,10 +142,12 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
   if (!contextName.empty()) {
     m_contextAttr->SetString("context_name", contextName.c_str());
   }
-  m_onloadStackName =
-      m_config->GetCompositeNode(kGeneralNode)->GetAttrValue<std::string>(kOnloadStackName, "lbm_pc_ctx");
+  bool stackNameConfigured = false;
+  m_onloadStackName = m_config->GetCompositeNode(kGeneralNode)
+                          ->GetAttrValue<std::string>(kOnloadStackName, "lbm_pc_ctx", &stackNameConfigured);
   WarnOfMisspelling(*m_config, kGeneralNode, kOnloadStackName);
   m_ctx = new lbm::Context(*m_contextAttr);
+  ShowStatistics(stackNameConfigured);
 
   m_running = true;
   ZQLOG(ZQLOG_INFO, kThreadStatement, "About to start LBM Context thread. Creator thread_id=" << gettid());
@@ -152,7 +157,10 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
 // A convenience for operators: whatever is wrong with it must not keep the client from starting.
 void LbmClientResourceMgr::RegisterSourceNotification() {
   try {
-    m_logNotifications = m_config->GetCompositeNode(kLoggingNode)->GetAttrValue<bool>(kNotifications, false);
+    bool configured = false;
+    m_logNotifications =
+        m_config->GetCompositeNode(kLoggingNode)->GetAttrValue<bool>(kNotifications, false, &configured);
+    m_notificationsConfigured = configured;
     WarnOfMisspelling(*m_config, kLoggingNode, kNotifications);
     if (m_logNotifications) {
       m_contextAttr->Set("resolver_source_notification_function", lbm_src_notify_func_t{context_src_notify, nullptr});
@@ -161,6 +169,25 @@ void LbmClientResourceMgr::RegisterSourceNotification() {
     ZQLOG(ZQLOG_WARNING, kNotificationStatement, "register resolver_source_notification_function failed");
     ZQLOG(ZQLOG_DEBUG, kNotificationStatement, "resolver_source_notification_function reason=" << TextOfException());
   }
+}
+
+void LbmClientResourceMgr::ShowStatistics(bool stackNameConfigured) {
+  m_statistics = std::make_unique<ManagerStatistics>(*m_ctx);
+  zq::statistics::Row& thread = m_statistics->DispatchThread();
+  thread.Set(field::kBackgroundTasks, m_backgroundTaskExecutor && m_maxTasksToExecute > 0 ? 1 : 0);
+  thread.Set(field::kCpuWanted, m_lbmThreadCPUAffinity);
+  thread.Set(field::kCpuGot, kNoAffinity);
+
+  const std::string argument = "argument";
+  m_statistics->ShowOption("shouldOnload", std::to_string(m_shouldOnload), argument);
+  m_statistics->ShowOption("lbmThreadCPUAffinity", std::to_string(m_lbmThreadCPUAffinity), argument);
+  m_statistics->ShowOption("lbmProcessEventTimeout_ms", std::to_string(m_lbmProcessEventTimeout_ms), argument);
+  m_statistics->ShowOption("maxTasksToExecute", std::to_string(m_maxTasksToExecute), argument);
+  const auto origin = [this](bool configured) { return configured ? "file " + m_config->GetPath() : "default"; };
+  m_statistics->ShowOption(std::string(kGeneralNode) + '/' + kOnloadStackName, m_onloadStackName,
+                           origin(stackNameConfigured));
+  m_statistics->ShowOption(std::string(kLoggingNode) + '/' + kNotifications, std::to_string(m_logNotifications),
+                           origin(m_notificationsConfigured));
 }
 
 void LbmClientResourceMgr::Shutdown() {
@@ -220,6 +247,8 @@ std::string LbmClientResourceMgr::GetPriceMulticastInterface() const {
 
 void LbmClientResourceMgr::ContextThreadFunc() {
   ZQLOG(ZQLOG_INFO, kThreadStatement, "Started LBM Context dispatch loop thread. thread_id=" << gettid());
+  zq::statistics::Row& statistics = m_statistics->DispatchThread();
+  statistics.Set(field::kThread, gettid());
   if (m_lbmThreadCPUAffinity != kNoAffinity) {
     PinThread();
   }
@@ -232,15 +261,17 @@ void LbmClientResourceMgr::ContextThreadFunc() {
     UseOnload();
   }
 
+  statistics.Set(field::kRunning, 1);
   const std::atomic_ref running(m_running);
   while (running) {
-    if (lbm_context_process_events(*m_ctx, m_lbmProcessEventTimeout_ms) != 0) {
+    if (m_ctx->PollEC(m_lbmProcessEventTimeout_ms) != 0) {
       ZQLOG(ZQLOG_ERROR, kManagerStatement,
             "Error calling lbm_context_process_events. error=" << lbm_errnum() << ' ' << lbm_errmsg());
       break;
     }
     RunBackgroundTask();
   }
+  statistics.Set(field::kRunning, 0);
   ZQLOG(ZQLOG_INFO, kThreadStatement, "Exiting LBM ClientResourceMgr dispatch loop thread.");
 }
 
@@ -255,6 +286,8 @@ void LbmClientResourceMgr::PinThread() const {
   const int error = pthread_setaffinity_np(pthread_self(), sizeof(cpus), &cpus);
   if (error != 0) {
     ZQLOG(ZQLOG_ERROR, kThreadStatement, "Error settign CPU affinity for LBM context thread. error=" << error);
+  } else {
+    m_statistics->DispatchThread().Set(field::kCpuGot, m_lbmThreadCPUAffinity);
   }
 }
 
@@ -262,6 +295,7 @@ void LbmClientResourceMgr::UseOnload() const {
   ZQLOG(ZQLOG_INFO, kThreadStatement,
         "Onload is present. Setting LBM thread to spin. Using Onload stack Name=" << m_onloadStackName);
   onload_thread_set_spin(ONLOAD_SPIN_ALL, 1);
+  m_statistics->DispatchThread().Set(field::kSpinning, 1);
   onload_set_stackname(ONLOAD_THIS_THREAD, ONLOAD_SCOPE_PROCESS, m_onloadStackName.c_str());
 }
 
@@ -269,11 +303,17 @@ void LbmClientResourceMgr::RunBackgroundTask() const {
   if (!m_backgroundTaskExecutor) {
     return;
   }
-  for (std::uint32_t calls = 0; calls < m_maxTasksToExecute; ++calls) {
+  zq::statistics::Row& statistics = m_statistics->DispatchThread();
+  statistics.Set(field::kInBackgroundTask, 1);
+  std::uint32_t calls = 0;
+  while (calls < m_maxTasksToExecute) {
+    ++calls;
     if (!m_backgroundTaskExecutor()) {
       break;
     }
   }
+  statistics.Add(field::kTaskRuns, calls);
+  statistics.Set(field::kInBackgroundTask, 0);
 }
 
 // ---- Sockets ----
@@ -281,6 +321,7 @@ void LbmClientResourceMgr::RunBackgroundTask() const {
 bool LbmClientResourceMgr::RegisterSocketForReadEvents(int socket, lbm_fd_cb_proc callback, void* callbackData) {
   const int ret = lbm_register_fd(*m_ctx, socket, callback, callbackData, nullptr, LBM_FD_EVENT_READ);
   if (ret == 0) {
+    m_statistics->DispatchThread().Add(field::kSockets);
     return true;
   }
   ZQLOG(ZQLOG_ERROR, kManagerStatement,
@@ -290,6 +331,7 @@ bool LbmClientResourceMgr::RegisterSocketForReadEvents(int socket, lbm_fd_cb_pro
 
 bool LbmClientResourceMgr::UnregisterSocketForReadEvents(int socket) {
   if (lbm_cancel_fd(*m_ctx, socket, LBM_FD_EVENT_READ) == 0) {
+    m_statistics->DispatchThread().Subtract(field::kSockets);
     return true;
   }
   ZQLOG(ZQLOG_ERROR, kManagerStatement, "Error occured while unregistering socket with context for read events");
@@ -301,6 +343,7 @@ bool LbmClientResourceMgr::UnregisterSocketForReadEventsEx(int socket, lbm_event
                                                            void* callbackData) {
   const lbm_event_queue_cancel_cb_info_t info{queue, callback, callbackData};
   if (lbm_cancel_fd_ex(*m_ctx, socket, LBM_FD_EVENT_READ, &info) == 0) {
+    m_statistics->DispatchThread().Subtract(field::kSockets);
     return true;
   }
   ZQLOG(ZQLOG_ERROR, kManagerStatement, "Error occured while unregistering socket (ex) with context for read events");
@@ -375,6 +418,7 @@ ReceiverPtr LbmClientResourceMgr::CreateServerStatusReceiver(const ServerInstanc
 
 void LbmClientResourceMgr::CreateCommandSourceAndReceivers(lbm::Receiver::Callback callback,
                                                            const std::string& hostname, const std::string& clientID) {
+  m_statistics->HideCommandChannel();
   std::string topicName;
   Make(
       m_hostCommandReceiver, *m_ctx,
@@ -387,6 +431,8 @@ void LbmClientResourceMgr::CreateCommandSourceAndReceivers(lbm::Receiver::Callba
   Make(
       m_commandResponseSource, *m_ctx, "Created ClientCommandResponseSource on topic=",
       [&] { return CreateClientCommandResponseTopic(hostname, clientID); }, {}, topicName);
+  m_statistics->ShowCommandChannel(m_hostCommandReceiver->GetTopic(), m_idCommandReceiver->GetTopic(),
+                                   m_commandResponseSource->GetTopic());
 }
 
 // ---- Look-up of recorded endpoints ----

@@ -15,8 +15,11 @@
 #include "ps_common/connector/lbm_resource_mgr.h"
 #include "ps_common/connector/server_instance.h"
 #include "ps_common/connector/symbol_prefixes.h"
+#include "zq/statistics/snapshot.h"
 
 namespace ps_ns {
+
+class ManagerStatistics;
 
 using ClientID_t = std::string;
 
@@ -87,6 +90,10 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
 
   // The network interface of the context's multicast resolver, as LBM prints it. Throws lbm::LbmError.
   std::string GetPriceMulticastInterface() const;
+
+  // The statistics of the manager, of its context and of all endpoints on it; what it costs lbm::Context::GetStatistics
+  // says. Threads: any.
+  zq::statistics::Snapshot GetStatistics() const { return m_ctx->GetStatistics(); }
 
   // ---- Sockets ----
   // A registered callback runs on the dispatch thread whenever the socket is readable. A socket must be unregistered
@@ -161,6 +168,7 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
                        unsigned int maxTasksToExecute);
 
   void RegisterSourceNotification();
+  void ShowStatistics(bool stackNameConfigured);
 
   // The parts of Shutdown and of the destructor; the last is for a destructor that no Shutdown came before.
   void Stop();
@@ -192,9 +200,11 @@ class LbmClientResourceMgr final : public LbmResourceMgr {
   bool m_shouldOnload;
   int m_lbmThreadCPUAffinity;
   bool m_logNotifications = false;
+  bool m_notificationsConfigured = false;
   std::string m_onloadStackName;
   std::unordered_map<std::string, lbm::ReceiverTopic> m_statusTopics;  // guarded by m_mtx
   std::mutex m_mtx;
+  std::unique_ptr<ManagerStatistics> m_statistics;
 };
 
 // The context's callback for sources that it finds: logs topic and source, ignores clientd and returns 0.
