@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "statistics.h"
@@ -36,10 +37,17 @@ std::uint64_t LoopClock::OfArrival(const timespec& arrival) noexcept {
                                                                     : Now();
 }
 
-Loop::Loop(Row& row, LoopClock& clock) noexcept
-    : m_row(&row), m_clock(&clock), m_outer(std::exchange(current, this)), m_stride(kStride) {}
+void LoopClock::StrideTook(std::uint64_t nanoseconds) noexcept {
+  if (nanoseconds < kTooShort) {
+    m_stride = std::min(2 * m_stride, kStrideMax);
+  } else if (nanoseconds > kTooLong) {
+    m_stride = std::max(m_stride / 2, std::uint64_t{1});
+  }
+}
 
-Loop::Loop(Row& row) noexcept : m_row(&row), m_outer(std::exchange(current, this)), m_stride(1) {}
+Loop::Loop(Row& row, LoopClock& clock) noexcept : m_row(&row), m_clock(&clock), m_outer(std::exchange(current, this)) {}
+
+Loop::Loop(Row& row) noexcept : m_row(&row), m_outer(std::exchange(current, this)) {}
 
 Loop::~Loop() {
   current = m_outer;
@@ -58,14 +66,22 @@ void Loop::Forget(const Row& row) noexcept {
 }
 
 void Loop::Look(const lbm_msg_t* msg) noexcept {
-  m_nextLook = m_callbacks + m_stride;
   if (m_row == nullptr) {
     return;
   }
   if (m_lastLook != 0) {
-    m_lastLook = Record();
-    return;
+    const std::uint64_t now = Record();
+    if (m_clock != nullptr) {
+      m_clock->StrideTook(now - m_lastLook);
+    }
+    m_lastLook = now;
+  } else {
+    Begin(msg);
   }
+  m_nextLook = m_callbacks + (m_clock != nullptr ? m_clock->Stride() : 1);
+}
+
+void Loop::Begin(const lbm_msg_t* msg) noexcept {
   m_lastLook = m_clock != nullptr && msg != nullptr ? m_clock->OfArrival(msg->timestamp) : Now();
   m_row->Set(loop_field::kBusySince, static_cast<std::int64_t>(m_lastLook));
 }

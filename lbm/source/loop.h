@@ -21,12 +21,20 @@ class LoopClock {
   // When a message arrived that is being delivered, or now when the stamp is not to be believed.
   std::uint64_t OfArrival(const timespec& arrival) noexcept;
 
+  // Callbacks from one look at the clock to the next: as many as fit into some microseconds.
+  std::uint64_t Stride() const noexcept { return m_stride; }
+  void StrideTook(std::uint64_t nanoseconds) noexcept;
+
  private:
+  static constexpr std::uint64_t kStrideMax = 256;
+  static constexpr std::uint64_t kTooShort = 8'000;  // nanoseconds
+  static constexpr std::uint64_t kTooLong = 2 * kTooShort;
   static constexpr std::int64_t kBelieved = 10'000'000;  // nanoseconds
 
   std::int64_t m_read = 0;      // realtime at the last reading; 0: none yet
   std::int64_t m_compared = 0;  // realtime when the clocks were compared
   std::int64_t m_ahead = 0;     // how far the realtime clock was ahead then
+  std::uint64_t m_stride = 1;
 };
 
 // One call that processes events, from construction to destruction, as the row with loop_field's fields has it. The
@@ -34,9 +42,8 @@ class LoopClock {
 // of their own.
 class Loop {
  public:
-  // Of a context, whose callbacks follow one another: the clock is read at the first, at each kStride-th of the others,
-  // and at the end. What lies between two readings is taken for one callback, so the longest may be as long as kStride
-  // short ones.
+  // Of a context, whose callbacks follow one another: the clock is read at the first, at some of the others, and at the
+  // end. What lies between two readings is taken for one callback, so the longest may be as long as some short ones.
   Loop(zq::statistics::Row& row, LoopClock& clock) noexcept;
   // Of an event queue, whose callbacks come whenever something arrives: the clock is read before and after each.
   explicit Loop(zq::statistics::Row& row) noexcept;
@@ -57,15 +64,14 @@ class Loop {
     }
   }
   void AfterCallback() noexcept {
-    if (m_stride == 1) {
+    if (m_clock == nullptr) {
       Rest();
     }
   }
 
  private:
-  static constexpr std::uint64_t kStride = 64;
-
   void Look(const lbm_msg_t* msg) noexcept;
+  void Begin(const lbm_msg_t* msg) noexcept;
   void Rest() noexcept;
   std::uint64_t Record() noexcept;
   std::uint64_t Now() noexcept;
@@ -75,7 +81,6 @@ class Loop {
   zq::statistics::Row* m_row;
   LoopClock* m_clock = nullptr;
   Loop* const m_outer;
-  const std::uint64_t m_stride;
   std::uint64_t m_callbacks = 0;
   std::uint64_t m_counted = 0;  // of them, in the row
   std::uint64_t m_nextLook = 1;
