@@ -11,7 +11,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <span>
 #include <stdexcept>
 #include <utility>
@@ -130,11 +129,11 @@ Value TakeLarge(FieldType type, std::span<const std::uint64_t> cells, std::uint6
              [&](auto slot) { value.recentMaximum = std::max(value.recentMaximum, slot[0]); });
     return value;
   }
-  AddCells(value.all.emplace(), cells);
+  AddCells(value.all.Emplace(), cells);
   const auto slots = cells.subspan(kDistributionCells);
   const std::uint64_t current = now / kHistogramSlotNanoseconds;
-  const auto window = [&](std::optional<Distribution>& windowed, std::uint64_t last) {
-    windowed.emplace();
+  const auto window = [&](OptionalDistribution& windowed, std::uint64_t last) {
+    windowed.Emplace();
     ForSlots(slots, kDistributionCells, current, last, [&](auto slot) { AddCells(*windowed, slot); });
   };
   window(value.last10s, kSlotsOf10s + 1);

@@ -119,6 +119,18 @@ TEST_F(PageTest, WindowsForgetAndTotalsDoNot) {
   EXPECT_EQ(900U, values[kLatency].all->Quantile(1));
 }
 
+TEST(Value, TakesNoMoreThanItHas) {
+  static_assert(sizeof(statistics::Value) < 64, "a snapshot has a hundred thousand of them");
+  statistics::Value value;
+  value.all.Emplace().count = 1;
+  statistics::Value copy = value;
+  value.all->count = 2;
+  EXPECT_EQ(1U, copy.all->count);
+  EXPECT_FALSE(copy.last10s);
+  copy = statistics::Value();
+  EXPECT_FALSE(copy.all);
+}
+
 TEST_F(PageTest, CountsTogetherWhatHasNoRoom) {
   statistics::Page small({.directory = m_directory.Path() / "pages", .bytesMax = 1U << 20U, .rowsMax = 3});
   std::vector<std::unique_ptr<statistics::Row>> rows;

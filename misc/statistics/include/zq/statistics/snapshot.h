@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,13 +27,42 @@ struct Distribution {
   std::uint64_t Quantile(double share) const noexcept;
 };
 
+// One or none, like std::optional, but no larger than a pointer: there are many values, and few are distributions.
+class OptionalDistribution {
+ public:
+  OptionalDistribution() = default;
+  OptionalDistribution(const Distribution& value) : m_value(std::make_unique<Distribution>(value)) {}
+  OptionalDistribution(const OptionalDistribution& other)
+      : m_value(other ? std::make_unique<Distribution>(*other) : nullptr) {}
+  OptionalDistribution(OptionalDistribution&&) noexcept = default;
+  OptionalDistribution& operator=(OptionalDistribution other) noexcept {
+    m_value.swap(other.m_value);
+    return *this;
+  }
+  ~OptionalDistribution() = default;
+
+  Distribution& Emplace() {
+    m_value = std::make_unique<Distribution>();
+    return *m_value;
+  }
+
+  explicit operator bool() const noexcept { return m_value != nullptr; }
+  Distribution& operator*() noexcept { return *m_value; }
+  const Distribution& operator*() const noexcept { return *m_value; }
+  Distribution* operator->() noexcept { return m_value.get(); }
+  const Distribution* operator->() const noexcept { return m_value.get(); }
+
+ private:
+  std::unique_ptr<Distribution> m_value;
+};
+
 struct Value {
   std::int64_t number = 0;          // a counter's, as unsigned, or a gauge's; a recent maximum's of all
   std::uint64_t recentMaximum = 0;  // of the last 10 s
   // A histogram's; else empty. The windows end with the snapshot and are up to 5 s longer than their names say.
-  std::optional<Distribution> all;
-  std::optional<Distribution> last10s;
-  std::optional<Distribution> last60s;
+  OptionalDistribution all;
+  OptionalDistribution last10s;
+  OptionalDistribution last60s;
 
   std::uint64_t Count() const noexcept { return static_cast<std::uint64_t>(number); }
 };
