@@ -60,7 +60,7 @@ class Context {
 
   // The statistics of this context and of all that was made on it: the rows whose label "handle" is the context's.
   // Reads all rows of the process, under a lock that keeps others from making and destroying any meanwhile:
-  // milliseconds for thousands of rows.
+  // some tens of milliseconds for ten thousand rows.
   zq::statistics::Snapshot GetStatistics() const;
 
   operator lbm_context_t*() noexcept { return m_ctx; }
