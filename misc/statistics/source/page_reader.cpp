@@ -245,7 +245,8 @@ class Look {
     RowValues row{.kind = m_snapshot.kinds[header.kind].get(), .id = IdOf(entry)};
     std::vector<std::uint64_t> cells(header.cells);
     const auto cellBytes = bytes.Bytes(header.cells * sizeof(std::uint64_t));
-    std::memcpy(cells.data(), cellBytes.data(), cellBytes.size());
+    // Of a kind without fields there are none, and no memory to copy to.
+    std::copy(cellBytes.begin(), cellBytes.end(), std::as_writable_bytes(std::span(cells)).begin());
     Taker labels(bytes.Bytes(header.labelBytes));
     for (std::size_t i = 0; i < row.kind->labels.size(); ++i) {
       row.labels.push_back(labels.Text());
