@@ -118,13 +118,14 @@ std::string Address(const void* pointer) {
 }
 
 void ShowProcess() {
-  static const Row& row = *[] {
+  // Goes with the static objects: nobody writes to it.
+  static const Row row = [] {
     const Kind kind{.name = "process",
                     .help = "What the process runs on.",
                     .labels = {"version", "provider", "library"},
                     .fields = {}};
     const auto [file, provider] = Provider();
-    return new Row(kind, {PRICE_CONNECTOR_VERSION, provider, file});
+    return Row(kind, {PRICE_CONNECTOR_VERSION, provider, file});
   }();
   static_cast<void>(row);
 }
