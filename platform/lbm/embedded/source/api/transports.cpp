@@ -1,6 +1,7 @@
 #include "api/transports.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "core/notice.h"
@@ -24,7 +25,9 @@ void Warn(const std::string& text) { Notice(LBM_LOG_WARNING, text); }
 
 std::unique_ptr<Transport> JoinHost(OptionSet& options) {
   const auto runtimeDirectory = host::RuntimeDirectory();
-  options.Provide(option::kDomainDirectory, runtimeDirectory + '/' + options.Get(option::kDomain));
+  const std::string_view variable = host::RuntimeDirectoryVariable();
+  options.Provide(option::kDomainDirectory, runtimeDirectory + '/' + options.Get(option::kDomain),
+                  variable.empty() ? origin::Default() : origin::Environment(variable));
   return host::JoinHostDomain({.runtimeDirectory = runtimeDirectory,
                                .domain = options.Get(option::kDomain),
                                .contextName = options.Get(option::kContextName),

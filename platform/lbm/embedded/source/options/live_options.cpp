@@ -47,6 +47,11 @@ std::vector<std::pair<std::string_view, std::string>> LiveOptions::Texts() const
   return m_options.Texts();
 }
 
+std::vector<ShownOption> LiveOptions::Shown() const {
+  const std::lock_guard lock(m_mutex);
+  return m_options.Shown();
+}
+
 void FixedOptions::SetText(std::string_view name, std::string_view /*value*/) const {
   RefuseEveryChange(m_options.GetScope(), name);
 }

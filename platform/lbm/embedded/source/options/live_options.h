@@ -24,6 +24,8 @@ class LiveOptions {
   void GetBinary(std::string_view name, void* buffer, std::size_t& size) const;
   std::vector<std::pair<std::string_view, std::string>> Texts() const;
 
+  std::vector<ShownOption> Shown() const;
+
   template <class T>
   T Get(const OptionKey<T>& key) const {
     const std::lock_guard lock(m_mutex);

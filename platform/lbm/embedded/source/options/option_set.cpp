@@ -175,6 +175,38 @@ struct ToBinary {
   }
 };
 
+// The servers of a list of URLs; what may be a user or a password is starred out.
+std::string WithoutUsers(std::string_view urls) {
+  constexpr std::string_view kSlashes = "//";
+  std::string shown;
+  for (std::string_view rest = urls; !rest.empty();) {
+    const std::size_t slashes = rest.find(kSlashes);
+    const std::string_view part = rest.substr(0, slashes);
+    const std::size_t at = part.rfind('@');
+    shown += at == std::string_view::npos ? std::string(part) : "***" + std::string(part.substr(at));
+    rest.remove_prefix(part.size());
+    if (!rest.empty()) {
+      shown += kSlashes;
+      rest.remove_prefix(kSlashes.size());
+    }
+  }
+  return shown;
+}
+
+struct ToShown {
+  const OptionDefinition& option;
+
+  std::string operator()(const lbm_src_notify_func_t& functions) const { return functions.notifyfunc ? "set" : "none"; }
+  std::string operator()(const lbm_rcv_src_notification_func_t& functions) const {
+    return functions.create_func ? "set" : "none";
+  }
+  std::string operator()(const Text& text) const { return option.holdsUrls ? WithoutUsers(text.Get()) : text.Get(); }
+  template <class T>
+  std::string operator()(const T& value) const {
+    return ToText{option}(value);
+  }
+};
+
 struct SameValue {
   template <class Left, class Right>
   bool operator()(const Left&, const Right&) const {
@@ -195,6 +227,24 @@ struct SameValue {
 
 }  // namespace
 
+namespace origin {
+
+const Text& Default() {
+  static const Text text("default");
+  return text;
+}
+
+const Text& Attribute() {
+  static const Text text("attribute");
+  return text;
+}
+
+Text Environment(std::string_view variable) { return Text("environment " + std::string(variable)); }
+
+Text File(const std::string& path, std::size_t line) { return Text("file " + path + ":" + std::to_string(line)); }
+
+}  // namespace origin
+
 const OptionDefinition& FindSettable(Scope scope, std::string_view name) {
   const auto& option = Find(scope, name);
   if (option.change == Change::kNever) {
@@ -207,15 +257,15 @@ OptionSet::OptionSet(Scope scope) : OptionSet(ProcessDefaults::Instance().Option
 
 OptionSet::OptionSet(Scope scope, BuiltIn) : m_scope(scope) {
   for (const auto& option : OptionsOf(scope)) {
-    m_values.push_back(BuiltInValue(option));
+    m_settings.push_back({BuiltInValue(option), origin::Default()});
   }
 }
 
 OptionSet OptionSet::BuiltInDefaults(Scope scope) { return {scope, BuiltIn{}}; }
 
-void OptionSet::SetText(std::string_view name, std::string_view value) {
+void OptionSet::SetText(std::string_view name, std::string_view value, const Text& from) {
   const auto& option = FindSettable(m_scope, name);
-  m_values[Place(option)] = ValueFromText(option, value);
+  m_settings[Place(option)] = {ValueFromText(option, value), from};
 }
 
 std::string OptionSet::GetText(std::string_view name) const {
@@ -225,7 +275,7 @@ std::string OptionSet::GetText(std::string_view name) const {
 
 void OptionSet::SetBinary(std::string_view name, const void* value, std::size_t size) {
   const auto& option = FindSettable(m_scope, name);
-  m_values[Place(option)] = ValueFromBinary(option, value, size);
+  m_settings[Place(option)] = {ValueFromBinary(option, value, size), origin::Attribute()};
 }
 
 void OptionSet::GetText(std::string_view name, char* buffer, std::size_t& size) const {
@@ -240,7 +290,7 @@ void OptionSet::GetBinary(std::string_view name, void* buffer, std::size_t& size
 std::vector<std::pair<std::string_view, std::string>> OptionSet::Texts() const {
   std::vector<std::pair<std::string_view, std::string>> result;
   for (const auto& option : OptionsOf(m_scope)) {
-    const auto& value = m_values[Place(option)];
+    const auto& value = m_settings[Place(option)].value;
     if (!HasTextForm(option.type) || std::holds_alternative<std::monostate>(value)) {
       continue;
     }
@@ -249,35 +299,46 @@ std::vector<std::pair<std::string_view, std::string>> OptionSet::Texts() const {
   return result;
 }
 
+std::vector<ShownOption> OptionSet::Shown() const {
+  std::vector<ShownOption> result;
+  for (const auto& option : OptionsOf(m_scope)) {
+    const Setting& setting = m_settings[Place(option)];
+    if (!std::holds_alternative<std::monostate>(setting.value)) {
+      result.push_back({option.name, std::visit(ToShown{option}, setting.value), setting.from.Get()});
+    }
+  }
+  return result;
+}
+
 bool operator==(const OptionSet& left, const OptionSet& right) noexcept {
   return left.m_scope == right.m_scope &&
-         std::equal(left.m_values.begin(), left.m_values.end(), right.m_values.begin(), right.m_values.end(),
-                    [](const OptionValue& a, const OptionValue& b) { return std::visit(SameValue{}, a, b); });
+         std::equal(left.m_settings.begin(), left.m_settings.end(), right.m_settings.begin(), right.m_settings.end(),
+                    [](const auto& a, const auto& b) { return std::visit(SameValue{}, a.value, b.value); });
 }
 
 const OptionValue& OptionSet::ValueOf(Scope scope, std::size_t place) const {
   if (scope != m_scope) {
     throw std::logic_error("an option of another scope");
   }
-  return m_values[place];
+  return m_settings[place].value;
 }
 
 const OptionValue& OptionSet::PresentValue(const OptionDefinition& option) const {
-  const auto& value = m_values[Place(option)];
+  const auto& value = m_settings[Place(option)].value;
   if (std::holds_alternative<std::monostate>(value)) {
     throw Error(LBM_EOP, Describe(option) + " has a value on a live " + std::string(NameOf(option.scope)) + " only");
   }
   return value;
 }
 
-void OptionSet::ProvideValue(Scope scope, std::size_t place, OptionValue value) {
+void OptionSet::ProvideValue(Scope scope, std::size_t place, Setting setting) {
   if (scope != m_scope) {
     throw std::logic_error("an option of another scope");
   }
   if (OptionsOf(scope)[place].change != Change::kNever) {
     throw std::logic_error("an option that is not the engine's own");
   }
-  m_values[place] = std::move(value);
+  m_settings[place] = std::move(setting);
 }
 
 std::size_t OptionSet::Place(const OptionDefinition& option) const noexcept {

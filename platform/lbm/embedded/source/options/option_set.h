@@ -38,6 +38,24 @@ class Text {
 using OptionValue = std::variant<std::monostate, Text, Word, bool, std::uint32_t, std::chrono::milliseconds,
                                  std::size_t, lbm_src_notify_func_t, lbm_rcv_src_notification_func_t>;
 
+// Where a value comes from, for operators: "default", "attribute" (the program set it), "environment NAME" or
+// "file PATH:LINE".
+namespace origin {
+
+const Text& Default();
+const Text& Attribute();
+Text Environment(std::string_view variable);
+Text File(const std::string& path, std::size_t line);
+
+}  // namespace origin
+
+// An option as operators see it: a record of functions is "set" or "none", and no user or password is in a URL.
+struct ShownOption {
+  std::string_view name;
+  std::string value;
+  std::string origin;
+};
+
 // The row of an option that may be set. Throws Error when the scope has no such option, or a read-only one.
 const OptionDefinition& FindSettable(Scope scope, std::string_view name);
 
@@ -53,7 +71,7 @@ class OptionSet {
 
   Scope GetScope() const noexcept { return m_scope; }
 
-  void SetText(std::string_view name, std::string_view value);
+  void SetText(std::string_view name, std::string_view value, const Text& from = origin::Attribute());
   std::string GetText(std::string_view name) const;
 
   // Binary forms: see OptionType. size is that of the value, exactly.
@@ -66,6 +84,9 @@ class OptionSet {
 
   // All options that have a value and a text form, in the order of their names.
   std::vector<std::pair<std::string_view, std::string>> Texts() const;
+
+  // All options that have a value, in the order of their names.
+  std::vector<ShownOption> Shown() const;
 
   // Typed reading: a reference for texts, else a copy. For options that only live objects have: after Provide only.
   template <class T>
@@ -82,27 +103,32 @@ class OptionSet {
 
   // Gives the value of an option that nobody else may change (Change::never).
   template <class T>
-  void Provide(const OptionKey<T>& key, T value) {
+  void Provide(const OptionKey<T>& key, T value, const Text& from = origin::Default()) {
     if constexpr (std::is_same_v<T, std::string>) {
-      ProvideValue(key.GetScope(), key.Place(), Text(std::move(value)));
+      ProvideValue(key.GetScope(), key.Place(), {Text(std::move(value)), from});
     } else {
-      ProvideValue(key.GetScope(), key.Place(), OptionValue(std::in_place_type<T>, std::move(value)));
+      ProvideValue(key.GetScope(), key.Place(), {OptionValue(std::in_place_type<T>, std::move(value)), from});
     }
   }
 
+  // Whether the values are the same, wherever they come from.
   friend bool operator==(const OptionSet& left, const OptionSet& right) noexcept;
 
  private:
   struct BuiltIn {};
+  struct Setting {
+    OptionValue value;
+    Text from;
+  };
   OptionSet(Scope scope, BuiltIn);
 
   const OptionValue& ValueOf(Scope scope, std::size_t place) const;
   const OptionValue& PresentValue(const OptionDefinition& option) const;
-  void ProvideValue(Scope scope, std::size_t place, OptionValue value);
+  void ProvideValue(Scope scope, std::size_t place, Setting setting);
   std::size_t Place(const OptionDefinition& option) const noexcept;
 
   Scope m_scope;
-  std::vector<OptionValue> m_values;  // in the order of OptionsOf(m_scope)
+  std::vector<Setting> m_settings;  // in the order of OptionsOf(m_scope)
 };
 
 }  // namespace engine

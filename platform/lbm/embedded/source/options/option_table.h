@@ -70,6 +70,7 @@ struct OptionDefinition {
   std::string_view unit = {};
   std::span<const std::string_view> words = {};
   const TextRule* textRule = nullptr;  // what a text must be beyond its length; null: anything
+  bool holdsUrls = false;              // of servers, perhaps with users and passwords
   std::string_view documentation;      // markdown, one line
 };
 
@@ -182,6 +183,7 @@ inline constexpr std::array kOptionTable{
         .minimum = 1,
         .maximum = LBM_OPTION_VALUE_MAX - 1,
         .unit = "bytes",
+        .holdsUrls = true,
         .documentation = "URLs of NATS servers, separated by commas; `tls://` for encryption. One of a cluster is "
                          "enough; several let the context start while one is down.",
     },

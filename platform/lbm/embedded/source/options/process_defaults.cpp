@@ -1,5 +1,6 @@
 #include "options/process_defaults.h"
 
+#include <filesystem>
 #include <span>
 #include <system_error>
 
@@ -58,7 +59,7 @@ Scope ParseScope(std::string_view word) {
   return static_cast<Scope>(name - kScopeNames.begin());
 }
 
-void ApplyLine(std::string_view line, std::span<OptionSet> sets) {
+void ApplyLine(std::string_view line, const Text& from, std::span<OptionSet> sets) {
   if (line.ends_with('\r')) {
     line.remove_suffix(1);
   }
@@ -71,17 +72,18 @@ void ApplyLine(std::string_view line, std::span<OptionSet> sets) {
   if (rest.empty()) {
     throw Error(LBM_EINVAL, "a line has a scope, an option and a value");
   }
-  sets[static_cast<std::size_t>(scope)].SetText(name, rest);
+  sets[static_cast<std::size_t>(scope)].SetText(name, rest, from);
 }
 
 void ApplyFile(const std::string& fileName, std::span<OptionSet> sets) {
   const std::string content = ReadWhole(fileName);
+  const std::string path = std::filesystem::absolute(fileName).lexically_normal();
   std::string_view rest = content;
   for (std::size_t lineNumber = 1; !rest.empty(); ++lineNumber) {
     const auto line = rest.substr(0, rest.find('\n'));
     rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     try {
-      ApplyLine(line, sets);
+      ApplyLine(line, origin::File(path, lineNumber), sets);
     } catch (const Error& error) {
       throw Error(error.Number(), fileName + ":" + std::to_string(lineNumber) + ": " + error.what());
     }

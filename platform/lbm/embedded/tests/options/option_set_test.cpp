@@ -231,5 +231,49 @@ TEST(FixedOptions, ShowTheEnginesOwnValuesAndRefuseEveryChange) {
   EXPECT_THAT(ErrorOf([&] { context.SetText("spintime", "1"); }), StartsWith("1 "));
 }
 
+std::string ShownOf(const OptionSet& set, std::string_view name) {
+  for (const ShownOption& option : set.Shown()) {
+    if (option.name == name) {
+      return option.value + " by " + option.origin;
+    }
+  }
+  return "nothing";
+}
+
+TEST(ShownOptions, TellWhereValuesComeFrom) {
+  auto set = OptionSet::BuiltInDefaults(Scope::kContext);
+  set.SetText("domain", "x");
+  set.SetText("context_name", "y", origin::File("/etc/lbm.cfg", 7));
+  const std::uint32_t spinTime = 3;
+  set.SetBinary("spin_time", &spinTime, sizeof spinTime);
+  EXPECT_EQ(ShownOf(set, "domain_directory"), "nothing");
+  set.Provide(option::kDomainDirectory, std::string("/run/x"), origin::Environment("LBM_RUNTIME_DIR"));
+  const OptionSet copy = set;
+  EXPECT_EQ(ShownOf(copy, "domain"), "x by attribute");
+  EXPECT_EQ(ShownOf(copy, "context_name"), "y by file /etc/lbm.cfg:7");
+  EXPECT_EQ(ShownOf(copy, "spin_time"), "3 by attribute");
+  EXPECT_EQ(ShownOf(copy, "domain_directory"), "/run/x by environment LBM_RUNTIME_DIR");
+  EXPECT_EQ(ShownOf(copy, "transport"), "host by default");
+  EXPECT_EQ(ShownOf(copy, "resolver_source_notification_function"), "none by default");
+  const lbm_src_notify_func_t function{&Notify, nullptr};
+  set.SetBinary("resolver_source_notification_function", &function, sizeof function);
+  EXPECT_EQ(ShownOf(set, "resolver_source_notification_function"), "set by attribute");
+
+  auto same = OptionSet::BuiltInDefaults(Scope::kSource);
+  same.SetText("transport_pacing", "source");
+  EXPECT_EQ(same, OptionSet::BuiltInDefaults(Scope::kSource)) << "values are the same, wherever they come from";
+}
+
+TEST(ShownOptions, HideUsersAndPasswordsOfServers) {
+  for (const auto& [servers, shown] : {std::pair("nats://a:4222,tls://b", "nats://a:4222,tls://b"),
+                                       {"nats://user:pass@a, nats://token@b:1", "nats://***@a, nats://***@b:1"},
+                                       {"user:pass@a,nats://b", "***@a,nats://b"},
+                                       {"nats://u:p@ss,w@a,v:q@b,c", "nats://***@b,c"}}) {
+    auto set = OptionSet::BuiltInDefaults(Scope::kContext);
+    set.SetText("nats_servers", servers);
+    EXPECT_EQ(ShownOf(set, "nats_servers"), std::string(shown) + " by attribute");
+  }
+}
+
 }  // namespace
 }  // namespace engine

@@ -17,6 +17,7 @@ namespace {
 
 using test::ErrorOf;
 using testing::HasSubstr;
+using testing::SizeIs;
 using testing::StartsWith;
 
 class ConfigFile : public testing::Test {
@@ -58,6 +59,16 @@ TEST_F(ConfigFile, AWrongLineIsNamedAndNothingChanges) {
     EXPECT_EQ(ErrorOf([&] { defaults.Load(Path()); }), "1 " + Path() + ":3: " + complaint);
     EXPECT_EQ(defaults.Options(Scope::kContext), OptionSet::BuiltInDefaults(Scope::kContext));
   }
+}
+
+TEST_F(ConfigFile, IsTheOriginOfWhatItSets) {
+  ProcessDefaults defaults("");
+  Write("\nsource transport_pacing source\n");
+  const auto shown = [&] { return defaults.Options(Scope::kSource).Shown(); };
+  ASSERT_THAT(shown(), SizeIs(1)) << "a value that only live sources have is not shown";
+  EXPECT_EQ(shown()[0].origin, "default");
+  defaults.Load(std::filesystem::relative(Path()));
+  EXPECT_EQ(shown()[0].origin, "file " + Path() + ":2");
 }
 
 TEST_F(ConfigFile, OneThatCannotBeReadOrIsTooLargeIsRefused) {

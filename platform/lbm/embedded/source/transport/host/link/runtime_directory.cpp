@@ -17,6 +17,9 @@ namespace engine::transport::host {
 
 namespace {
 
+constexpr const char* kOwnVariable = "LBM_RUNTIME_DIR";
+constexpr const char* kSessionVariable = "XDG_RUNTIME_DIR";
+
 const std::string kRemedy = "or set LBM_RUNTIME_DIR to another directory";
 
 const char* AdviceFor(int error) {
@@ -88,13 +91,20 @@ void RefuseErrno(const std::string& path, const std::string& action) {
 }
 
 std::string RuntimeDirectory() {
-  if (std::string own = zq::posix::Environment("LBM_RUNTIME_DIR"); !own.empty()) {
-    return own;
+  const std::string_view variable = RuntimeDirectoryVariable();
+  if (variable.empty()) {
+    return "/tmp/lbm-" + std::to_string(::geteuid());
   }
-  if (const std::string session = zq::posix::Environment("XDG_RUNTIME_DIR"); !session.empty()) {
-    return session + "/lbm";
+  return zq::posix::Environment(variable.data()) + (variable == kOwnVariable ? "" : "/lbm");
+}
+
+std::string_view RuntimeDirectoryVariable() {
+  for (const char* const variable : {kOwnVariable, kSessionVariable}) {
+    if (!zq::posix::Environment(variable).empty()) {
+      return variable;
+    }
   }
-  return "/tmp/lbm-" + std::to_string(::geteuid());
+  return {};
 }
 
 zq::posix::Descriptor OpenDomain(const std::string& runtimeDirectory, const std::string& domain) {

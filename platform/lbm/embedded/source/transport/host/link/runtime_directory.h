@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "zq/posix/descriptor.h"
 
@@ -10,6 +11,8 @@ namespace engine::transport::host {
 
 // Where the domains are: LBM_RUNTIME_DIR, else $XDG_RUNTIME_DIR/lbm, else /tmp/lbm-<uid>.
 std::string RuntimeDirectory();
+// The environment variable that says so; empty when none does.
+std::string_view RuntimeDirectoryVariable();
 
 // Opens a domain's directory below the runtime directory, and creates what is missing with mode 0700. Refuses what
 // others might tamper with. Throws std::invalid_argument for a domain that is no file name, std::runtime_error or
