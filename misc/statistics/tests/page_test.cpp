@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -81,6 +82,34 @@ TEST_F(PageTest, LosesNoAdditionOfAnyThread) {
     thread.join();
   }
   EXPECT_EQ(80'000U, Look().Of("thing")[1]->values[kMessages].Count());
+}
+
+TEST_F(PageTest, LosesNoSerialAdditionBesideThoseOfAnyThread) {
+  statistics::Page small({.directory = m_directory.Path() / "pages", .bytesMax = 1U << 20U, .rowsMax = 2});
+  statistics::Row row(small, kThing, {"a", "b"});
+  statistics::Row inOther(small, kThing, {"a", "c"});
+  for (statistics::Row* one : {&row, &inOther}) {
+    std::atomic<int> turn{0};
+    const auto additions = [&](int mine) {
+      for (int i = 0; i < 2'000; ++i) {
+        one->Add(kOpen);
+        while (turn.load() % 2 != mine) {
+          std::this_thread::yield();
+        }
+        one->Serial().Add(kMessages);
+        turn.fetch_add(1);
+      }
+    };
+    std::thread other(additions, 1);
+    additions(0);
+    other.join();
+  }
+  const statistics::Snapshot snapshot = statistics::ReadPage(small.Path());
+  ASSERT_THAT(snapshot.Of("thing"), SizeIs(2));
+  for (const statistics::RowValues* one : snapshot.Of("thing")) {
+    EXPECT_EQ(4'000U, one->values[kMessages].Count());
+    EXPECT_EQ(4'000, one->values[kOpen].number);
+  }
 }
 
 TEST_F(PageTest, RowsLeaveWithTheirObjectsAndTheirPlaceIsUsedAgain) {

@@ -71,6 +71,9 @@ class Row {
     const void* const mark = &details::g_threadMark;
     return m_owner.load(std::memory_order_relaxed) == mark ? Cells(m_cells, true) : OfAnother(mark);
   }
+  // The same for fields to which nothing is added in another way, and by one thread at a time: plain stores whichever
+  // thread it is.
+  Cells Serial() noexcept { return m_page != nullptr ? Cells(m_cells, true) : OfAnother(nullptr); }
   void Add(std::size_t field, std::uint64_t amount = 1) noexcept { Mine().Add(field, amount); }
   void Subtract(std::size_t field, std::uint64_t amount = 1) noexcept { Mine().Subtract(field, amount); }
 
