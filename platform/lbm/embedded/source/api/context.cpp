@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <sstream>
 
 #include "api/attributes.h"
 #include "api/endpoints.h"
@@ -17,6 +18,16 @@ namespace {
 
 engine::core::Context& ContextOf(lbm_context_t* ctx) { return *Required(ctx, "ctx").context; }
 
+std::shared_ptr<engine::ContextStatistics> StatisticsFor(const OptionSet& options, const lbm_context_t* handle) {
+  std::ostringstream address;
+  address << handle;
+  return std::make_shared<engine::ContextStatistics>(
+      engine::ContextStatistics::Labels{.context = options.Get(engine::option::kContextName),
+                                        .handle = address.str(),
+                                        .domain = options.Get(engine::option::kDomain),
+                                        .transport = options.GetText("transport")});
+}
+
 }  // namespace
 
 int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_daemon_event_cb_proc, void*) {
@@ -24,8 +35,9 @@ int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_
     Required(ctx, "ctx");
     OptionSet options = engine::api::CreationOptions(attr);
     auto handle = std::make_unique<lbm_context_t>();
-    auto transport = engine::api::JoinDomain(options);
-    handle->context = engine::core::Context::Create(std::move(options), std::move(transport), handle.get());
+    const auto statistics = StatisticsFor(options, handle.get());
+    auto transport = engine::api::JoinDomain(options, statistics);
+    handle->context = engine::core::Context::Create(std::move(options), std::move(transport), statistics, handle.get());
     *ctx = handle.release();
     return 0;
   });
@@ -55,7 +67,11 @@ int lbm_context_unblock(lbm_context_t* ctx) {
 }
 
 int lbm_context_setopt(lbm_context_t* ctx, const char* optname, const void* optval, size_t optlen) {
-  return Guarded(__func__, [&] { return engine::api::SetOption(ContextOf(ctx).Options(), optname, optval, optlen); });
+  return Guarded(__func__, [&] {
+    const int result = engine::api::SetOption(ContextOf(ctx).Options(), optname, optval, optlen);
+    ContextOf(ctx).ShowOptions();
+    return result;
+  });
 }
 
 int lbm_context_getopt(lbm_context_t* ctx, const char* optname, void* optval, size_t* optlen) {
@@ -63,7 +79,11 @@ int lbm_context_getopt(lbm_context_t* ctx, const char* optname, void* optval, si
 }
 
 int lbm_context_str_setopt(lbm_context_t* ctx, const char* optname, const char* optval) {
-  return Guarded(__func__, [&] { return engine::api::SetTextOption(ContextOf(ctx).Options(), optname, optval); });
+  return Guarded(__func__, [&] {
+    const int result = engine::api::SetTextOption(ContextOf(ctx).Options(), optname, optval);
+    ContextOf(ctx).ShowOptions();
+    return result;
+  });
 }
 
 int lbm_context_str_getopt(lbm_context_t* ctx, const char* optname, char* optval, size_t* optlen) {

@@ -12,9 +12,12 @@ using engine::api::Required;
 int lbm_event_queue_create(lbm_event_queue_t** evq, lbm_event_queue_monitor_proc, void*,
                            const lbm_event_queue_attr_t* attr) {
   return Guarded(__func__, [&] {
-    const bool cancellations =
-        engine::api::CreationOptions(attr).Get(engine::option::kQueueCancellationCallbacksEnabled);
-    Required(evq, "evq") = new lbm_event_queue_t{std::make_shared<engine::core::EventQueue>(cancellations)};
+    const engine::OptionSet options = engine::api::CreationOptions(attr);
+    auto rows = std::make_unique<engine::core::OptionRows>("", "");
+    rows->Add(engine::Scope::kEventQueue, options.Shown());
+    const bool cancellations = options.Get(engine::option::kQueueCancellationCallbacksEnabled);
+    Required(evq, "evq") =
+        new lbm_event_queue_t{std::make_shared<engine::core::EventQueue>(cancellations), std::move(rows)};
     return 0;
   });
 }

@@ -14,6 +14,7 @@ struct lbm_context_t_stct {
 
 struct lbm_event_queue_t_stct {
   std::shared_ptr<engine::core::EventQueue> queue;
+  std::unique_ptr<engine::core::OptionRows> optionRows;
 };
 
 // What a context made, and the context itself, which has to delete it.

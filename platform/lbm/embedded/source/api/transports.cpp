@@ -23,7 +23,7 @@ namespace host = transport::host;
 
 void Warn(const std::string& text) { Notice(LBM_LOG_WARNING, text); }
 
-std::unique_ptr<Transport> JoinHost(OptionSet& options) {
+std::unique_ptr<Transport> JoinHost(OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   const auto runtimeDirectory = host::RuntimeDirectory();
   const std::string_view variable = host::RuntimeDirectoryVariable();
   options.Provide(option::kDomainDirectory, runtimeDirectory + '/' + options.Get(option::kDomain),
@@ -32,7 +32,8 @@ std::unique_ptr<Transport> JoinHost(OptionSet& options) {
                                .domain = options.Get(option::kDomain),
                                .contextName = options.Get(option::kContextName),
                                .ringBytes = options.Get(option::kTransportRingSize),
-                               .warn = &Warn});
+                               .warn = &Warn,
+                               .statistics = statistics});
 }
 
 #ifdef LBM_EMBEDDED_WITH_NATS
@@ -64,10 +65,10 @@ std::unique_ptr<Transport> JoinNats(OptionSet& options) {
   return nats::JoinNatsDomain(SettingsFrom(options));
 }
 
-std::unique_ptr<Transport> JoinBoth(OptionSet& options) {
+std::unique_ptr<Transport> JoinBoth(OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   // The socket of the network is looked at less often, in favour of what is near.
   constexpr std::chrono::microseconds kPollInterval{50};
-  auto near = JoinHost(options);
+  auto near = JoinHost(options, statistics);
   nats::NatsSettings settings = SettingsFrom(options);
   settings.identity = near->Identity();
   settings.place = host::PlaceOf(host::RuntimeDirectory(), settings.domain);
@@ -81,21 +82,23 @@ std::unique_ptr<Transport> JoinNats(OptionSet&) {
               "PRICE_CONNECTOR_NATS=ON");
 }
 
-std::unique_ptr<Transport> JoinBoth(OptionSet& options) { return JoinNats(options); }
+std::unique_ptr<Transport> JoinBoth(OptionSet& options, const std::shared_ptr<ContextStatistics>&) {
+  return JoinNats(options);
+}
 #endif
 
 }  // namespace
 
-std::unique_ptr<Transport> JoinDomain(OptionSet& options) {
+std::unique_ptr<Transport> JoinDomain(OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   switch (options.Get(option::kTransport)) {
     case TransportKind::kNats:
       return JoinNats(options);
     case TransportKind::kHostAndNats:
-      return JoinBoth(options);
+      return JoinBoth(options, statistics);
     case TransportKind::kHost:
       break;
   }
-  return JoinHost(options);
+  return JoinHost(options, statistics);
 }
 
 }  // namespace engine::api

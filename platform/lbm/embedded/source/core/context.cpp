@@ -31,8 +31,10 @@ class TaskTarget : public Target {
 }  // namespace
 
 std::shared_ptr<Context> Context::Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
-                                         lbm_context_t* handle) {
-  std::shared_ptr<Context> context(new Context(std::move(options), std::move(transport), handle));
+                                         std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle) {
+  std::shared_ptr<Context> context(
+      new Context(std::move(options), std::move(transport), std::move(statistics), handle));
+  context->ShowOptions();
   if (!context->m_sequential) {
     const std::lock_guard lock(context->m_threadMutex);
     context->m_thread = std::thread([context] { context->RunThread(); });
@@ -40,12 +42,15 @@ std::shared_ptr<Context> Context::Create(OptionSet options, std::unique_ptr<tran
   return context;
 }
 
-Context::Context(OptionSet options, std::unique_ptr<transport::Transport> transport, lbm_context_t* handle)
+Context::Context(OptionSet options, std::unique_ptr<transport::Transport> transport,
+                 std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle)
     : m_handle(handle),
       m_options(std::move(options)),
       m_sequential(m_options.Get(option::kOperationalMode) == OperationalMode::kSequential),
-      m_membership(std::make_shared<Membership>(std::move(transport))),
-      m_sources(m_membership->GetTransport()),
+      m_membership(std::make_shared<Membership>(std::move(transport), statistics)),
+      m_optionRows(statistics->GetLabels().context, statistics->GetLabels().handle),
+      m_topics(m_optionRows),
+      m_sources(*m_membership),
       m_directory({.membership = m_membership,
                    .sources = m_sources,
                    .requests = m_requests,

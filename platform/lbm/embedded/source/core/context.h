@@ -11,6 +11,7 @@
 #include "core/directory.h"
 #include "core/dispatcher.h"
 #include "core/membership.h"
+#include "core/option_rows.h"
 #include "core/receiver.h"
 #include "core/request.h"
 #include "core/source.h"
@@ -29,7 +30,7 @@ class Context : public std::enable_shared_from_this<Context> {
  public:
   // handle is what callbacks get. In embedded mode the context's thread runs when it returns.
   static std::shared_ptr<Context> Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
-                                         lbm_context_t* handle);
+                                         std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle);
 
   // See lbm_context_delete. handle: kept until no callback can be using it.
   void Remove(std::shared_ptr<const void> handle);
@@ -39,6 +40,8 @@ class Context : public std::enable_shared_from_this<Context> {
   void Unblock() { m_dispatcher.Unblock(); }
 
   LiveOptions& Options() noexcept { return m_options; }
+  // To be called after a change of the options.
+  void ShowOptions() { m_optionRows.Replace(m_options); }
   TopicTable& Topics() noexcept { return m_topics; }
 
   // The receiver hears the topic's sources until DeleteReceiver; after that none of its callbacks runs, except the one
@@ -68,7 +71,8 @@ class Context : public std::enable_shared_from_this<Context> {
                                   const std::shared_ptr<EventQueue>& queue);
 
  private:
-  Context(OptionSet options, std::unique_ptr<transport::Transport> transport, lbm_context_t* handle);
+  Context(OptionSet options, std::unique_ptr<transport::Transport> transport,
+          std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle);
 
   void RunThread();
   void Finish();
@@ -78,6 +82,7 @@ class Context : public std::enable_shared_from_this<Context> {
   LiveOptions m_options;
   const bool m_sequential;
   const std::shared_ptr<Membership> m_membership;
+  OptionRows m_optionRows;
   TopicTable m_topics;
   SourceTable m_sources;
   RequestTable m_requests;

@@ -13,10 +13,15 @@ Directory::Directory(const Parts& parts) : m_parts(parts), m_pool(MessagePool::C
   }
 }
 
+void Directory::CountTopics() const noexcept {
+  Statistics().Counters().Set(context_field::kTopics, static_cast<std::int64_t>(m_topics.size()));
+}
+
 void Directory::ForgetIfEmpty(const std::string& topic) {
   const auto found = m_topics.find(topic);
   if (found != m_topics.end() && !found->second.Wanted() && found->second.streams.empty()) {
     m_topics.erase(found);
+    CountTopics();
   }
 }
 
@@ -30,6 +35,8 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
     GetTransport().Watch(topic.name);
   }
   entry.receivers.push_back(receiver);
+  CountTopics();
+  Statistics().Counters().Serial().Add(context_field::kReceivers);
   const bool notifies = topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr;
   if (notifies && std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
     entry.notifying.push_back(&topic);
@@ -52,7 +59,8 @@ void Directory::RemoveReceiver(const Receiver& receiver) {
   }
   const auto isOfReceiver = [&](const Subscription& subscription) { return subscription.receiver.get() == &receiver; };
   TopicEntry& entry = found->second;
-  std::erase_if(entry.receivers, [&](const auto& one) { return one.get() == &receiver; });
+  const std::size_t removed = std::erase_if(entry.receivers, [&](const auto& one) { return one.get() == &receiver; });
+  Statistics().Counters().Serial().Subtract(context_field::kReceivers, removed);
   for (const auto& stream : entry.streams) {
     if (std::erase_if(stream->subscriptions, isOfReceiver) != 0 && stream->subscriptions.empty()) {
       GetTransport().Unsubscribe(*stream->source);
@@ -72,6 +80,7 @@ void Directory::Subscribe(Stream& stream, const std::shared_ptr<Receiver>& recei
     }
   }
   stream.subscriptions.push_back(std::move(subscription));
+  receiver->Counters().Add(receiver_field::kSources);
   if (stream.subscriptions.size() == 1) {
     GetTransport().Subscribe(*stream.source);
   }
@@ -108,6 +117,7 @@ void Directory::OnSourceUp(const std::shared_ptr<transport::RemoteSource>& sourc
   TopicEntry& entry = m_topics[source->Topic()];
   Stream& stream = *entry.streams.emplace_back(std::make_unique<Stream>());
   stream.source = source;
+  CountTopics();
   stream.entry = &entry;
   source->listenerData = &stream;
   for (const Topic* topic : entry.notifying) {
@@ -127,6 +137,7 @@ void Directory::OnSourceDown(const std::shared_ptr<transport::RemoteSource>& sou
     return;
   }
   for (Subscription& subscription : stream->subscriptions) {
+    subscription.receiver->Counters().Subtract(receiver_field::kSources);
     if (subscription.begun) {
       DeliverEvent(*stream, subscription, LBM_MSG_EOS, 0);
     }
@@ -208,6 +219,7 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
     return;
   }
   MessageRef message;
+  Statistics().Counters().Serial().Add(context_field::kDelivered, stream->subscriptions.size());
   for (Subscription& subscription : stream->subscriptions) {
     // One message serves all receivers unless they have to see something of their own in it: the client data of their
     // source notification, or a response that each of them may take over.
@@ -218,6 +230,7 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
       message = MakeMessage(*stream, inbound, subscription.sourceClientd);
     }
     BeginSession(*stream, subscription, inbound.sequence);
+    subscription.receiver->Counters().Add(receiver_field::kMessages);
     subscription.receiver->Deliver(message);
   }
   if (message) {
@@ -265,7 +278,7 @@ void Directory::OnWritable(transport::Publication& publication) { NotifySource(p
 
 void Directory::NotifySource(const transport::Publication& publication, int event, const std::string& text) {
   if (const auto source = m_parts.sources.Find(publication)) {
-    source->Dispatch({.code = event, .text = text});
+    source->Notify(event, text);
   }
 }
 

@@ -88,6 +88,8 @@ class Directory : public transport::Listener {
   static Stream* StreamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }
 
   transport::Transport& GetTransport() const noexcept { return m_parts.membership->GetTransport(); }
+  ContextStatistics& Statistics() const noexcept { return m_parts.membership->Statistics(); }
+  void CountTopics() const noexcept;
   void ForgetIfEmpty(const std::string& topic);
   void Subscribe(Stream& stream, const std::shared_ptr<Receiver>& receiver);
   void NotifyCreate(Stream& stream, const Topic& topic);

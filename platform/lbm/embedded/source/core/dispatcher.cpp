@@ -62,6 +62,7 @@ Dispatcher::Dispatcher(const Parts& parts)
 void Dispatcher::Process(lbm_ulong_t msec) {
   const Occupancy occupancy(*this);
   const CallbackGate::Scope scope(m_membership->Gate());
+  zq::statistics::Row& counters = m_membership->Statistics().Counters();
   struct Last {
     Dispatcher& dispatcher;
     ~Last() { dispatcher.RunLast(); }
@@ -70,6 +71,7 @@ void Dispatcher::Process(lbm_ulong_t msec) {
   std::optional<Clock::time_point> deadline;
   std::optional<Clock::time_point> spinDeadline;
   while (true) {
+    counters.Serial().Add(context_field::kPasses);
     const std::size_t done = RunWithoutSystemCalls();
     const bool unblocked = m_unblocked.load(std::memory_order_relaxed) && m_unblocked.exchange(false);
     if (done != 0 || unblocked || Ended() || msec == 0) {
@@ -137,6 +139,7 @@ std::size_t Dispatcher::ParkAndPoll(int timeoutMs) {
   if (!m_transport.Park()) {
     return 0;
   }
+  zq::statistics::Row& counters = m_membership->Statistics().Counters();
   Poller::Events storage;
   std::span<const epoll_event> ready;
   {
@@ -144,7 +147,12 @@ std::size_t Dispatcher::ParkAndPoll(int timeoutMs) {
       transport::Transport& transport;
       ~Unpark() { transport.Unpark(); }
     } const unpark{m_transport};
+    counters.Set(context_field::kWaiting, 1);
     ready = m_poller.Poll(storage, timeoutMs);
+    counters.Set(context_field::kWaiting, 0);
+  }
+  if (!ready.empty()) {
+    counters.Serial().Add(context_field::kWakeups);
   }
   return HandleEvents(ready);
 }

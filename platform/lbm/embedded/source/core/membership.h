@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "core/callback_gate.h"
+#include "statistics/context_statistics.h"
 #include "transport/transport.h"
 
 namespace engine::core {
@@ -18,10 +19,12 @@ namespace engine::core {
 // Threads: any.
 class Membership {
  public:
-  explicit Membership(std::unique_ptr<transport::Transport> transport) noexcept : m_transport(std::move(transport)) {}
+  Membership(std::unique_ptr<transport::Transport> transport, std::shared_ptr<ContextStatistics> statistics) noexcept
+      : m_statistics(std::move(statistics)), m_transport(std::move(transport)) {}
 
   transport::Transport& GetTransport() noexcept { return *m_transport; }
   CallbackGate& Gate() noexcept { return m_gate; }
+  ContextStatistics& Statistics() noexcept { return *m_statistics; }
 
   bool Ended() const noexcept { return m_gate.Shut(); }
   // Throws Error when it has ended.
@@ -43,6 +46,7 @@ class Membership {
     return {wait && !m_gate.Dispatching(), &CallbackGate::CallbackAwaited};
   }
 
+  const std::shared_ptr<ContextStatistics> m_statistics;
   const std::unique_ptr<transport::Transport> m_transport;
   CallbackGate m_gate;
 };

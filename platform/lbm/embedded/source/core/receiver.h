@@ -22,7 +22,8 @@ class Receiver : public Target {
       : Target(std::move(membership), std::move(queue)),
         m_topic(topic),
         m_callback(callback),
-        m_lossBurstThreshold(topic.options->Get(option::kLossBurstThreshold)) {}
+        m_lossBurstThreshold(topic.options->Get(option::kLossBurstThreshold)),
+        m_statistics(GetMembership().Statistics().ReceiverRow(topic.name)) {}
 
   // As Dispatch, for messages: costs no reference count when the callback is made here.
   void Deliver(const MessageRef& message) {
@@ -35,6 +36,9 @@ class Receiver : public Target {
 
   void Run(Event& event) override { m_callback(event.message.Get()); }
 
+  // Threads: the context's dispatching one.
+  zq::statistics::Cells Counters() noexcept { return m_statistics.Serial(); }
+
   const Topic& GetTopic() const noexcept { return m_topic; }
   std::uint32_t LossBurstThreshold() const noexcept { return m_lossBurstThreshold; }
 
@@ -42,6 +46,7 @@ class Receiver : public Target {
   const Topic& m_topic;
   const Callback m_callback;
   const std::uint32_t m_lossBurstThreshold;
+  zq::statistics::Row m_statistics;
 };
 
 }  // namespace engine::core

@@ -21,10 +21,22 @@ Source::Source(std::shared_ptr<Membership> membership, const Topic& topic, const
     : Target(std::move(membership), std::move(queue)),
       m_topic(topic),
       m_callback(callback),
-      m_pacing(PacingOf(topic)) {}
+      m_pacing(PacingOf(topic)),
+      m_statistics(GetMembership().Statistics().SourceRow(topic.name)) {}
 
 void Source::ThrowContextDeleted() const {
   throw Error(LBM_EOP, "the context of the source on topic " + m_topic.name + " is deleted");
+}
+
+void Source::Notify(int event, const std::string& text) {
+  if (event == LBM_SRC_EVENT_CONNECT) {
+    m_statistics.Serial().Add(source_field::kSubscribers);
+  } else if (event == LBM_SRC_EVENT_DISCONNECT) {
+    m_statistics.Serial().Subtract(source_field::kSubscribers);
+  }
+  if (m_callback) {
+    Dispatch({.code = event, .text = text});
+  }
 }
 
 void Source::Run(Event& event) {
@@ -43,16 +55,17 @@ void SourceTable::Add(const std::shared_ptr<Source>& source) {
   // Locked throughout, so that the first subscriber's event finds the source, and the source its publication.
   const std::lock_guard lock(m_mutex);
   source->m_publication = m_transport.Advertise({source->m_topic.name, source->m_pacing});
-  if (source->m_callback) {
-    m_sources.emplace(source->m_publication->Id(), source);
-  }
+  m_sources.emplace(source->m_publication->Id(), source);
+  m_statistics.Counters().Add(context_field::kSources);
 }
 
 void SourceTable::Remove(Source& source) {
   m_transport.Withdraw(*source.m_publication);
   {
     const std::lock_guard lock(m_mutex);
-    m_sources.erase(source.m_publication->Id());
+    if (m_sources.erase(source.m_publication->Id()) != 0) {
+      m_statistics.Counters().Subtract(context_field::kSources);
+    }
   }
   source.CloseAndWait();
 }
@@ -69,6 +82,7 @@ void SourceTable::Clear() {
     const std::lock_guard lock(m_mutex);
     sources.swap(m_sources);
   }
+  m_statistics.Counters().Subtract(context_field::kSources, sources.size());
   for (const auto& [id, weak] : sources) {
     if (const auto source = weak.lock()) {
       source->CloseAndWait();

@@ -16,7 +16,7 @@ namespace engine::core {
 
 class Source : public Target {
  public:
-  using Callback = ApplicationCallback<lbm_src_cb_proc, lbm_src_t>;  // none: no events
+  using Callback = ApplicationCallback<lbm_src_cb_proc, lbm_src_t>;  // none: nobody is told of events
 
   Source(std::shared_ptr<Membership> membership, const Topic& topic, const Callback& callback,
          std::shared_ptr<EventQueue> queue);
@@ -26,11 +26,16 @@ class Source : public Target {
   transport::SendResult Send(const transport::OutboundMessage& message, int flags) {
     const bool wait = m_pacing == transport::Pacing::kReceiver && (flags & LBM_SRC_NONBLOCK) == 0;
     const transport::SendResult result = GetMembership().Publish(*m_publication, message, wait);
-    if (result == transport::SendResult::kClosed) {
+    if (result == transport::SendResult::kSent) {
+      m_statistics.Add(source_field::kMessages);
+    } else if (result == transport::SendResult::kClosed) {
       ThrowContextDeleted();
     }
     return result;
   }
+
+  // Tells the application, if it wants to know. event: one of LBM_SRC_EVENT_... Threads: the context's dispatching one.
+  void Notify(int event, const std::string& text);
 
   // The event's code is one of LBM_SRC_EVENT_..., its text the event data, if any.
   void Run(Event& event) override;
@@ -47,13 +52,15 @@ class Source : public Target {
   const Topic& m_topic;
   const Callback m_callback;
   const transport::Pacing m_pacing;
+  zq::statistics::Row m_statistics;
   std::shared_ptr<transport::Publication> m_publication;  // set once, by the table
 };
 
 // The sources of a context. Threads: any.
 class SourceTable {
  public:
-  explicit SourceTable(transport::Transport& transport) noexcept : m_transport(transport) {}
+  explicit SourceTable(Membership& membership) noexcept
+      : m_transport(membership.GetTransport()), m_statistics(membership.Statistics()) {}
 
   // Advertises the source; its first event may come before this returns.
   void Add(const std::shared_ptr<Source>& source);
@@ -64,13 +71,14 @@ class SourceTable {
   // The source to be told of what happens to the publication; null when there is none.
   std::shared_ptr<Source> Find(const transport::Publication& publication);
 
-  // Closes all that have events, and returns when no callback of them runs.
+  // Closes all, and returns when no callback of them runs.
   void Clear();
 
  private:
   transport::Transport& m_transport;
+  ContextStatistics& m_statistics;
   std::mutex m_mutex;
-  std::unordered_map<std::uint32_t, std::weak_ptr<Source>> m_sources;  // with events, by Publication::Id; under m_mutex
+  std::unordered_map<std::uint32_t, std::weak_ptr<Source>> m_sources;  // by Publication::Id; under m_mutex
 };
 
 }  // namespace engine::core

@@ -21,6 +21,9 @@ lbm_topic_t& TopicTable::Find(std::string_view name, const OptionSet& options) {
   }
   const auto same =
       std::find_if(m_options.begin(), m_options.end(), [&](const auto& known) { return *known == options; });
+  if (same == m_options.end()) {
+    m_optionRows.Add(options.GetScope(), options.Shown());
+  }
   const std::shared_ptr<const OptionSet> shared =
       same != m_options.end() ? *same : m_options.emplace_back(std::make_shared<OptionSet>(options));
   std::unique_ptr<lbm_topic_t> topic(new lbm_topic_t{{*this, std::string(name), shared}});

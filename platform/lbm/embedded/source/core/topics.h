@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/option_rows.h"
 #include "options/option_set.h"
 
 namespace engine::core {
@@ -26,11 +27,14 @@ struct Topic {
 // The topics of a context. Threads: any.
 class TopicTable {
  public:
+  explicit TopicTable(OptionRows& optionRows) noexcept : m_optionRows(optionRows) {}
+
   // The topic of that name and with such options (of scope source or receiver): the same each time. Throws Error when
   // the name is empty or too long.
   lbm_topic_t& Find(std::string_view name, const OptionSet& options);
 
  private:
+  OptionRows& m_optionRows;
   std::mutex m_mutex;
   // Guarded by m_mutex:
   std::unordered_multimap<std::string_view, std::unique_ptr<lbm_topic_t>> m_topics;  // by their names

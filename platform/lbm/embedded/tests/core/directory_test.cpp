@@ -66,7 +66,7 @@ class DirectoryTest : public ::testing::Test {
     m_transport = transport.get();
     OptionSet options = OptionSet::BuiltInDefaults(Scope::kContext);
     options.SetText("operational_mode", "sequential");
-    m_context = Context::Create(options, std::move(transport), nullptr);
+    m_context = Context::Create(options, std::move(transport), std::make_shared<ContextStatistics>(), nullptr);
   }
   ~DirectoryTest() override { m_context->Remove(nullptr); }
 

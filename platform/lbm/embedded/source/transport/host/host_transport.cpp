@@ -217,7 +217,12 @@ void HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
   const std::uint64_t id = m_nextLinkId++;
   m_poller.Add(socket.Get(), id, EPOLLIN);
   const auto link = std::make_shared<Link>(id, kind, std::move(socket), m_poller, m_parkingWord.GetDescriptor());
-  m_peers.try_emplace(id, link, Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes)});
+  m_peers.try_emplace(
+      id, link,
+      Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes), m_settings.statistics});
+  if (kind == LinkKind::kPeer) {
+    m_settings.statistics->Counters().Serial().Add(context_field::kPeers);
+  }
   try {
     m_publications.Attach(link, m_hello);
   } catch (...) {
@@ -342,6 +347,9 @@ void HostTransport::EndPeer(Peer& peer, Listener& listener) {
     const std::string reason = peer.GetLink()->AbortReason();
     return reason.empty() ? reason : "cut off " + peer.Description() + ": " + reason;
   });
+  if (peer.GetLink()->Kind() == LinkKind::kPeer) {
+    m_settings.statistics->Counters().Serial().Subtract(context_field::kPeers);
+  }
   const auto node = m_peers.extract(peer.GetLink()->Id());
   peer.GetLink()->Close();
   peer.End(listener);

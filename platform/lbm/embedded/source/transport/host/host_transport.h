@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "statistics/context_statistics.h"
 #include "transport/transport.h"
 #include "transport/warnings.h"
 
@@ -21,6 +22,7 @@ struct HostSettings {
   // How long a process that is stopped while it joins may keep this one waiting.
   std::chrono::milliseconds joinPatience{10'000};
   WarningHandler warn;  // of faults of peers and refusals of the system
+  std::shared_ptr<ContextStatistics> statistics = std::make_shared<ContextStatistics>();
 };
 
 // Joins the domain and returns when every context that was there is linked. Throws as the transport's operations do.

@@ -20,6 +20,10 @@ std::string Peer::Description() const {
          InstanceText(m_greeting.instance) + ")";
 }
 
+std::string Peer::Label() const {
+  return m_greeting.name.empty() ? m_identity : m_greeting.name + " (" + m_identity + ")";
+}
+
 void Peer::Handle(Link::Arrival arrival, Listener& listener) {
   const Bytes frame = arrival.frame;
   if (!m_greeted) {
@@ -94,8 +98,8 @@ void Peer::End(Listener& listener) {
 void Peer::OpenRing(Listener& listener) {
   RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
   m_link->SendRing(std::move(created.memory));
-  m_subscriber =
-      std::make_shared<Subscriber>(m_link, std::move(created.ring), *std::exchange(m_parkingWord, std::nullopt));
+  m_subscriber = std::make_shared<Subscriber>(
+      m_link, std::move(created.ring), *std::exchange(m_parkingWord, std::nullopt), m_surroundings.statistics, Label());
   m_surroundings.publications.AddSubscriber(m_subscriber);
   for (const auto& [source, token] : std::exchange(m_unanswered, {})) {
     Answer(source, token, listener);
@@ -224,6 +228,9 @@ void Peer::OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener
     return;
   }
   source->Expect(header.sequence + 1);
+  if (header.sent != 0) {
+    m_surroundings.statistics->NoteDelivery(header.sent);
+  }
   InboundMessage inbound;
   inbound.payload = payload;
   inbound.sequence = header.sequence;

@@ -39,6 +39,7 @@ class Peer {
     PublicationRegistry& publications;
     const std::atomic<bool>& closed;
     const std::size_t ringBytes;
+    const std::shared_ptr<ContextStatistics> statistics;
   };
 
   Peer(std::shared_ptr<Link> link, const Surroundings& surroundings)
@@ -48,6 +49,8 @@ class Peer {
   // Of the context; its identity if it has none.
   const std::string& Name() const noexcept { return m_greeting.name.empty() ? m_identity : m_greeting.name; }
   std::string Description() const;  // for operators
+  // For statistics: its name, if it has one, and its identity, which is its own.
+  std::string Label() const;
 
   // Handles one frame of the link. Throws Fault when the peer is to be cut off.
   void Handle(Link::Arrival arrival, Listener& listener);

@@ -22,7 +22,7 @@ SendResult HostPublication::Publish(const OutboundMessage& message, const SendWa
     header.flags = wire::kHasChannel;
     header.channel = *message.channel;
   }
-  for (;;) {
+  for (bool waited = false;;) {
     std::shared_ptr<Subscriber> full;
     std::uint32_t granted = 0;
     {
@@ -39,6 +39,9 @@ SendResult HostPublication::Publish(const OutboundMessage& message, const SendWa
           subscriber->SendOrDrop(header, message.pieces);
         }
         return SendResult::kSent;
+      }
+      if (!std::exchange(waited, true)) {
+        full->NoteWait();
       }
       if (!wait.GoesOn()) {
         if (!m_blocked.load()) {

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "statistics/context_statistics.h"
 #include "transport/host/link/link.h"
 #include "transport/host/link/send_queue.h"
 #include "transport/host/ring/parking_word.h"
@@ -31,7 +32,9 @@ namespace engine::transport::host {
 
 class Subscriber {
  public:
-  Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord);
+  // peer: the label of its statistics.
+  Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord,
+             std::shared_ptr<ContextStatistics> statistics, std::string_view peer);
 
   const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
 
@@ -45,6 +48,9 @@ class Subscriber {
 
   // Sends a message if there is space; otherwise the loss will be reported before anything else is sent.
   void SendOrDrop(const wire::FragmentHeader& header, std::span<const iovec> pieces);
+
+  // Counts a message that has to wait for space, or is refused for want of it.
+  void NoteWait() noexcept;
 
   // The source's messages follow, from that sequence number on.
   void Accept(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence);
@@ -81,6 +87,8 @@ class Subscriber {
 
   bool NothingPending() const noexcept { return m_rest.Empty() && m_reports.empty(); }
   bool TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces);
+  bool TrySendSample(wire::FragmentHeader header, std::span<const iovec> pieces);
+  void NoteUse() noexcept;
   void SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool FlushPending();
   bool SendReport(std::uint32_t source, Report& report);
@@ -105,6 +113,12 @@ class Subscriber {
   std::unordered_map<std::uint32_t, Report> m_reports;
   std::vector<std::uint32_t> m_blocked;  // publications that wait for space
   std::vector<iovec> m_parts;            // of the frame being put together
+
+  const std::shared_ptr<ContextStatistics> m_contextStatistics;
+  zq::statistics::Row m_statistics;  // of the peer
+  std::size_t m_highWater = 0;
+  std::uint32_t m_untilSample = 0;  // messages
+  std::uint64_t m_lastSample = 0;
 };
 
 }  // namespace engine::transport::host

@@ -152,6 +152,9 @@ class RingProducer : public RingEnd<Cursor> {
   // As HasSpace, by the cached head alone: false when that does not tell.
   bool HasSpaceCached(std::size_t size) const noexcept { return DemandOf(size).Total() <= CachedSpace(); }
 
+  // Bytes in use, by the cached head: at least those that are.
+  std::size_t UsedCached() const noexcept { return this->Capacity() - CachedSpace(); }
+
   // Free bytes, of which a frame that wraps may need some for padding.
   std::size_t FreeSpace() {
     LoadHead();

@@ -24,7 +24,7 @@
 namespace engine::transport::host::wire {
 
 inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
-inline constexpr std::uint32_t kVersion = 4;
+inline constexpr std::uint32_t kVersion = 5;
 
 inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any packet
 inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a packet of advertisements
@@ -112,7 +112,7 @@ struct ResponseHeader {
   friend bool operator==(const ResponseHeader&, const ResponseHeader&) = default;
 };
 
-// A message without channel or request that fits in one frame, as most do; the payload follows.
+// A message without channel, request or time that fits in one frame, as most do; the payload follows.
 struct MessageHeader {
   std::uint32_t source = 0;
   std::uint32_t sequence = 0;
@@ -128,6 +128,7 @@ struct FragmentHeader {
   std::uint32_t channel = 0;
   std::uint64_t request = 0;  // 0: not a request
   std::uint64_t total = 0;    // bytes of the whole message
+  std::uint64_t sent = 0;     // a sample for statistics: when, in nanoseconds of the monotonic clock; 0: none
 
   friend bool operator==(const FragmentHeader&, const FragmentHeader&) = default;
 };
