@@ -39,7 +39,7 @@ std::unique_ptr<Transport> JoinHost(OptionSet& options, const std::shared_ptr<Co
 #ifdef LBM_EMBEDDED_WITH_NATS
 namespace nats = transport::nats;
 
-nats::NatsSettings SettingsFrom(const OptionSet& options) {
+nats::NatsSettings SettingsFrom(const OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   nats::NatsSettings settings;
   settings.server = {.servers = options.Get(option::kNatsServers),
                      .name = options.Get(option::kNatsConnectionName),
@@ -57,33 +57,34 @@ nats::NatsSettings SettingsFrom(const OptionSet& options) {
   settings.sendQueueBytes = options.Get(option::kNatsSendQueueSize);
   settings.receiveQueueBytes = options.Get(option::kNatsReceiveQueueSize);
   settings.warn = &Warn;
+  settings.statistics = statistics;
   return settings;
 }
 
-std::unique_ptr<Transport> JoinNats(OptionSet& options) {
+std::unique_ptr<Transport> JoinNats(OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   options.Provide(option::kDomainDirectory, std::string());
-  return nats::JoinNatsDomain(SettingsFrom(options));
+  return nats::JoinNatsDomain(SettingsFrom(options, statistics));
 }
 
 std::unique_ptr<Transport> JoinBoth(OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   // The socket of the network is looked at less often, in favour of what is near.
   constexpr std::chrono::microseconds kPollInterval{50};
   auto near = JoinHost(options, statistics);
-  nats::NatsSettings settings = SettingsFrom(options);
+  nats::NatsSettings settings = SettingsFrom(options, statistics);
   settings.identity = near->Identity();
   settings.place = host::PlaceOf(host::RuntimeDirectory(), settings.domain);
   settings.pollInterval = kPollInterval;
   return transport::combined::Combine(std::move(near), nats::JoinNatsDomain(settings));
 }
 #else
-std::unique_ptr<Transport> JoinNats(OptionSet&) {
+std::unique_ptr<Transport> JoinNats(OptionSet&, const std::shared_ptr<ContextStatistics>&) {
   throw Error(LBM_EOP,
               "this engine was built without NATS; set the context option \"transport\" to host, or build it with "
               "PRICE_CONNECTOR_NATS=ON");
 }
 
 std::unique_ptr<Transport> JoinBoth(OptionSet& options, const std::shared_ptr<ContextStatistics>&) {
-  return JoinNats(options);
+  return JoinNats(options, nullptr);
 }
 #endif
 
@@ -92,7 +93,7 @@ std::unique_ptr<Transport> JoinBoth(OptionSet& options, const std::shared_ptr<Co
 std::unique_ptr<Transport> JoinDomain(OptionSet& options, const std::shared_ptr<ContextStatistics>& statistics) {
   switch (options.Get(option::kTransport)) {
     case TransportKind::kNats:
-      return JoinNats(options);
+      return JoinNats(options, statistics);
     case TransportKind::kHostAndNats:
       return JoinBoth(options, statistics);
     case TransportKind::kHost:

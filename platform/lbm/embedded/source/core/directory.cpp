@@ -7,14 +7,18 @@
 
 namespace engine::core {
 
-Directory::Directory(const Parts& parts) : m_parts(parts), m_pool(MessagePool::Create()) {
+Directory::Directory(const Parts& parts)
+    : m_parts(parts),
+      m_statistics(parts.membership->Statistics().Counters()),
+      m_counters(m_statistics.Serial()),
+      m_pool(MessagePool::Create()) {
   if (m_parts.resolverNotification.notifyfunc != nullptr) {
     GetTransport().WatchAll();
   }
 }
 
-void Directory::CountTopics() const noexcept {
-  Statistics().Counters().Set(context_field::kTopics, static_cast<std::int64_t>(m_topics.size()));
+void Directory::CountTopics() noexcept {
+  m_statistics.Set(context_field::kTopics, static_cast<std::int64_t>(m_topics.size()));
 }
 
 void Directory::ForgetIfEmpty(const std::string& topic) {
@@ -36,7 +40,7 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
   }
   entry.receivers.push_back(receiver);
   CountTopics();
-  Statistics().Counters().Serial().Add(context_field::kReceivers);
+  m_counters.Add(context_field::kReceivers);
   const bool notifies = topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr;
   if (notifies && std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
     entry.notifying.push_back(&topic);
@@ -60,7 +64,7 @@ void Directory::RemoveReceiver(const Receiver& receiver) {
   const auto isOfReceiver = [&](const Subscription& subscription) { return subscription.receiver.get() == &receiver; };
   TopicEntry& entry = found->second;
   const std::size_t removed = std::erase_if(entry.receivers, [&](const auto& one) { return one.get() == &receiver; });
-  Statistics().Counters().Serial().Subtract(context_field::kReceivers, removed);
+  m_counters.Subtract(context_field::kReceivers, removed);
   for (const auto& stream : entry.streams) {
     if (std::erase_if(stream->subscriptions, isOfReceiver) != 0 && stream->subscriptions.empty()) {
       GetTransport().Unsubscribe(*stream->source);
@@ -219,7 +223,6 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
     return;
   }
   MessageRef message;
-  Statistics().Counters().Serial().Add(context_field::kDelivered, stream->subscriptions.size());
   for (Subscription& subscription : stream->subscriptions) {
     // One message serves all receivers unless they have to see something of their own in it: the client data of their
     // source notification, or a response that each of them may take over.
@@ -230,6 +233,7 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
       message = MakeMessage(*stream, inbound, subscription.sourceClientd);
     }
     BeginSession(*stream, subscription, inbound.sequence);
+    m_counters.Add(context_field::kDelivered);
     subscription.receiver->Counters().Add(receiver_field::kMessages);
     subscription.receiver->Deliver(message);
   }

@@ -88,8 +88,7 @@ class Directory : public transport::Listener {
   static Stream* StreamOf(const transport::RemoteSource& source) { return static_cast<Stream*>(source.listenerData); }
 
   transport::Transport& GetTransport() const noexcept { return m_parts.membership->GetTransport(); }
-  ContextStatistics& Statistics() const noexcept { return m_parts.membership->Statistics(); }
-  void CountTopics() const noexcept;
+  void CountTopics() noexcept;
   void ForgetIfEmpty(const std::string& topic);
   void Subscribe(Stream& stream, const std::shared_ptr<Receiver>& receiver);
   void NotifyCreate(Stream& stream, const Topic& topic);
@@ -103,6 +102,8 @@ class Directory : public transport::Listener {
   void NotifySource(const transport::Publication& publication, int event, const std::string& text);
 
   const Parts m_parts;
+  zq::statistics::Row& m_statistics;       // of the context
+  const zq::statistics::Cells m_counters;  // of the row
   MessagePool::Owner m_pool;
   std::unordered_map<std::string, TopicEntry> m_topics;
 };

@@ -23,7 +23,8 @@ class Receiver : public Target {
         m_topic(topic),
         m_callback(callback),
         m_lossBurstThreshold(topic.options->Get(option::kLossBurstThreshold)),
-        m_statistics(GetMembership().Statistics().ReceiverRow(topic.name)) {}
+        m_statistics(GetMembership().Statistics().ReceiverRow(topic.name)),
+        m_counters(m_statistics.Serial()) {}
 
   // As Dispatch, for messages: costs no reference count when the callback is made here.
   void Deliver(const MessageRef& message) {
@@ -37,7 +38,7 @@ class Receiver : public Target {
   void Run(Event& event) override { m_callback(event.message.Get()); }
 
   // Threads: the context's dispatching one.
-  zq::statistics::Cells Counters() noexcept { return m_statistics.Serial(); }
+  const zq::statistics::Cells& Counters() const noexcept { return m_counters; }
 
   const Topic& GetTopic() const noexcept { return m_topic; }
   std::uint32_t LossBurstThreshold() const noexcept { return m_lossBurstThreshold; }
@@ -47,6 +48,7 @@ class Receiver : public Target {
   const Callback m_callback;
   const std::uint32_t m_lossBurstThreshold;
   zq::statistics::Row m_statistics;
+  const zq::statistics::Cells m_counters;  // of the row
 };
 
 }  // namespace engine::core

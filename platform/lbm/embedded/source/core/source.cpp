@@ -54,7 +54,8 @@ OptionSet Source::Options() const {
 void SourceTable::Add(const std::shared_ptr<Source>& source) {
   // Locked throughout, so that the first subscriber's event finds the source, and the source its publication.
   const std::lock_guard lock(m_mutex);
-  source->m_publication = m_transport.Advertise({source->m_topic.name, source->m_pacing});
+  source->m_publication = m_transport.Advertise(
+      {.topic = source->m_topic.name, .pacing = source->m_pacing, .statistics = &source->m_statistics});
   m_sources.emplace(source->m_publication->Id(), source);
   m_statistics.Counters().Add(context_field::kSources);
 }

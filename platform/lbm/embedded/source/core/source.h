@@ -26,9 +26,7 @@ class Source : public Target {
   transport::SendResult Send(const transport::OutboundMessage& message, int flags) {
     const bool wait = m_pacing == transport::Pacing::kReceiver && (flags & LBM_SRC_NONBLOCK) == 0;
     const transport::SendResult result = GetMembership().Publish(*m_publication, message, wait);
-    if (result == transport::SendResult::kSent) {
-      m_statistics.Add(source_field::kMessages);
-    } else if (result == transport::SendResult::kClosed) {
+    if (result == transport::SendResult::kClosed) {
       ThrowContextDeleted();
     }
     return result;

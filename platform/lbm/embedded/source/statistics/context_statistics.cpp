@@ -76,6 +76,24 @@ const Kind& ReceiverKind() {
   return *kind;
 }
 
+const Kind& NetworkKind() {
+  static const auto* const kind = new Kind{
+      .name = "network",
+      .help = "A context's connection to the servers that connect machines.",
+      .labels = {"context", "handle", "server"},
+      .fields = {
+          {"reconnects", FieldType::kCounter, "", "Connections made after the first one."},
+          {"batches", FieldType::kCounter, "", "Batches sent; each has what came together."},
+          {"batch_bytes", FieldType::kCounter, "bytes", "Their bytes."},
+          {"dropped", FieldType::kCounter, "", "Messages not sent for want of room or of a connection."},
+          {"receive_dropped", FieldType::kCounter, "", "Batches that arrived and found no room to wait for delivery."},
+          {"connected", FieldType::kGauge, "", "1 while there is a connection."},
+          {"round_trip", FieldType::kHistogram, "nanoseconds",
+           "To the server and back, as the kernel has it of the "
+           "connection, looked at with every announcement."}}};
+  return *kind;
+}
+
 const Kind& OptionKind() {
   static const auto* const kind = new Kind{.name = "option",
                                            .help = "The value of an option, and where it comes from.",
@@ -107,6 +125,8 @@ Row ContextStatistics::PeerRow(std::string_view peer) const noexcept { return Ma
 Row ContextStatistics::SourceRow(std::string_view topic) const noexcept { return MakeRow(SourceKind(), topic); }
 
 Row ContextStatistics::ReceiverRow(std::string_view topic) const noexcept { return MakeRow(ReceiverKind(), topic); }
+
+Row ContextStatistics::NetworkRow(std::string_view servers) const noexcept { return MakeRow(NetworkKind(), servers); }
 
 Row OptionRow(std::initializer_list<std::string_view> labels) noexcept { return {OptionKind(), labels}; }
 

@@ -36,6 +36,9 @@ enum : std::size_t { kMessages, kSubscribers };
 namespace receiver_field {
 enum : std::size_t { kMessages, kSources };
 }
+namespace network_field {
+enum : std::size_t { kReconnects, kBatches, kBatchBytes, kDropped, kReceiveDropped, kConnected, kRoundTrip };
+}
 
 // The statistics of one context: its own row, and rows with its labels. Rows may outlive it.
 //
@@ -64,6 +67,7 @@ class ContextStatistics {
   zq::statistics::Row PeerRow(std::string_view peer) const noexcept;
   zq::statistics::Row SourceRow(std::string_view topic) const noexcept;
   zq::statistics::Row ReceiverRow(std::string_view topic) const noexcept;
+  zq::statistics::Row NetworkRow(std::string_view servers) const noexcept;
 
   const Labels& GetLabels() const noexcept { return m_labels; }
 

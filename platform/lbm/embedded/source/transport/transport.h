@@ -24,6 +24,8 @@
 #include <string>
 #include <utility>
 
+#include "statistics/context_statistics.h"
+
 namespace engine::transport {
 
 class Transport;
@@ -36,6 +38,8 @@ struct PublicationInfo {
   std::string topic;
   Pacing pacing = Pacing::kSource;
   std::uint32_t id = 0;  // 0: the transport chooses
+  // Where messages sent are counted, by whatever it is that publishes; has to outlive that. Null: nowhere.
+  zq::statistics::Row* statistics = nullptr;
 };
 
 // A source of this context, made by Transport::Advertise.

@@ -131,6 +131,7 @@ std::shared_ptr<Publication> CombinedTransport::Advertise(const PublicationInfo&
   auto near = m_near->Advertise(info);
   PublicationInfo same = info;
   same.id = near->Id();
+  same.statistics = nullptr;  // every message goes to the near one as well
   try {
     return std::make_shared<CombinedPublication>(near, m_far->Advertise(same), info.pacing);
   } catch (...) {

@@ -98,8 +98,9 @@ void Peer::End(Listener& listener) {
 void Peer::OpenRing(Listener& listener) {
   RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
   m_link->SendRing(std::move(created.memory));
-  m_subscriber = std::make_shared<Subscriber>(
-      m_link, std::move(created.ring), *std::exchange(m_parkingWord, std::nullopt), m_surroundings.statistics, Label());
+  m_subscriber =
+      std::make_shared<Subscriber>(m_link, std::move(created.ring), *std::exchange(m_parkingWord, std::nullopt),
+                                   m_surroundings.publications.GetSampler(), m_surroundings.statistics, Label());
   m_surroundings.publications.AddSubscriber(m_subscriber);
   for (const auto& [source, token] : std::exchange(m_unanswered, {})) {
     Answer(source, token, listener);

@@ -9,8 +9,13 @@
 namespace engine::transport::host {
 
 HostPublication::HostPublication(std::uint32_t id, std::string session, PublicationInfo info,
-                                 std::uint32_t firstSequence, PublishingMutex& mutex)
-    : Publication(id, std::move(session)), m_info(std::move(info)), m_mutex(mutex), m_nextSequence(firstSequence) {}
+                                 std::uint32_t firstSequence, Publishing& publishing)
+    : Publication(id, std::move(session)),
+      m_info(std::move(info)),
+      m_counters((m_info.statistics != nullptr ? *m_info.statistics : m_uncounted).Serial()),
+      m_mutex(publishing.mutex),
+      m_sampler(publishing.sampler),
+      m_nextSequence(firstSequence) {}
 
 SendResult HostPublication::Publish(const OutboundMessage& message, const SendWait& wait,
                                     const std::atomic<bool>& closed) {
@@ -35,6 +40,8 @@ SendResult HostPublication::Publish(const OutboundMessage& message, const SendWa
       }
       if (full == nullptr) {
         header.sequence = m_nextSequence++;
+        header.sent = m_sampler.TimeFor(header.source, header.sequence);
+        m_counters.Add(source_field::kMessages);
         for (const auto& subscriber : m_subscribers) {
           subscriber->SendOrDrop(header, message.pieces);
         }
@@ -196,7 +203,7 @@ HostPublications PublicationRegistry::Detach(const Link& link) {
     }
   }
   std::erase_if(publications, [&](const auto& publication) { return !publication->RemoveSubscriber(link); });
-  const std::lock_guard lock(m_publishing);
+  const std::lock_guard lock(m_publishing.mutex);
   std::erase_if(m_subscribers, [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
   return publications;
 }
@@ -207,17 +214,17 @@ std::vector<std::shared_ptr<Link>> PublicationRegistry::Links() const {
 }
 
 void PublicationRegistry::AddSubscriber(const std::shared_ptr<Subscriber>& subscriber) {
-  const std::lock_guard lock(m_publishing);
+  const std::lock_guard lock(m_publishing.mutex);
   m_subscribers.push_back(subscriber);
 }
 
 std::vector<std::uint32_t> PublicationRegistry::Flush(Subscriber& subscriber) {
-  const std::lock_guard lock(m_publishing);
+  const std::lock_guard lock(m_publishing.mutex);
   return subscriber.Flush() ? subscriber.TakeBlocked() : std::vector<std::uint32_t>();
 }
 
 bool PublicationRegistry::FlushAll() {
-  const std::lock_guard lock(m_publishing);
+  const std::lock_guard lock(m_publishing.mutex);
   bool all = true;
   for (const auto& subscriber : m_subscribers) {
     const bool another = subscriber->GetLink()->Kind() == LinkKind::kPeer;

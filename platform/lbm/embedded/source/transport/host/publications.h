@@ -13,6 +13,7 @@
 #include "system/biased_mutex.h"
 #include "system/tuning.h"
 #include "transport/host/link/link.h"
+#include "transport/host/sampler.h"
 #include "transport/host/subscriber.h"
 #include "transport/transport.h"
 
@@ -22,11 +23,16 @@ namespace engine::transport::host {
 // one thread publishes. Taken before a link's mutex, never together with the registry's.
 using PublishingMutex = std::conditional_t<tuning::kBiasedMutex, BiasedMutex, std::mutex>;
 
+struct Publishing {
+  PublishingMutex mutex;
+  Sampler sampler;  // guarded by mutex
+};
+
 // Threads: any.
 class HostPublication final : public Publication {
  public:
   HostPublication(std::uint32_t id, std::string session, PublicationInfo info, std::uint32_t firstSequence,
-                  PublishingMutex& mutex);
+                  Publishing& publishing);
 
   const PublicationInfo& Info() const noexcept { return m_info; }
 
@@ -54,8 +60,11 @@ class HostPublication final : public Publication {
   const PublicationInfo m_info;
   std::atomic<bool> m_blocked{false};
 
+  zq::statistics::Row m_uncounted;
+  const zq::statistics::Cells m_counters;  // of the source
   PublishingMutex& m_mutex;
   // Guarded by m_mutex:
+  Sampler& m_sampler;
   std::uint32_t m_nextSequence;
   std::vector<std::shared_ptr<Subscriber>> m_subscribers;
   bool m_withdrawn = false;
@@ -85,6 +94,9 @@ class PublicationRegistry {
 
   std::vector<std::shared_ptr<Link>> Links() const;
 
+  // For subscribers, which use it with the publishing mutex held.
+  Sampler& GetSampler() noexcept { return m_publishing.sampler; }
+
   // Belongs to its link, until the link is detached.
   void AddSubscriber(const std::shared_ptr<Subscriber>& subscriber);
 
@@ -101,8 +113,8 @@ class PublicationRegistry {
 
   const std::string& m_identity;
   const std::uint32_t m_firstSequence;
-  PublishingMutex m_publishing;
-  std::vector<std::shared_ptr<Subscriber>> m_subscribers;  // guarded by m_publishing
+  Publishing m_publishing;
+  std::vector<std::shared_ptr<Subscriber>> m_subscribers;  // guarded by m_publishing.mutex
 
   mutable std::mutex m_mutex;  // taken before a link's
   // Guarded by m_mutex:

@@ -25,12 +25,6 @@ constexpr std::uint64_t kLossesMax = std::uint64_t{1} << 20;
 // its subscription, the context may be closing.
 constexpr timespec kBlockedPoll{0, 10'000'000};
 
-// One message in so many carries the time at which it was sent, for the statistics of latency. Where messages are few,
-// the one after a wake-up does as well, if there has been none for the interval; so many more do not change what a fast
-// flow shows.
-constexpr std::uint32_t kMessagesPerSample = 64;
-constexpr std::uint64_t kSlowFlowInterval = 100'000'000;  // nanoseconds
-
 constexpr std::uint32_t TagOf(wire::Type type) { return static_cast<std::uint32_t>(type); }
 
 template <typename T>
@@ -41,15 +35,17 @@ std::byte* Append(std::byte* to, const T& value) {
 
 }  // namespace
 
-Subscriber::Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord,
+Subscriber::Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord, Sampler& sampler,
                        std::shared_ptr<ContextStatistics> statistics, std::string_view peer)
     : m_link(std::move(link)),
       m_memory(std::move(memory)),
       m_ring(m_memory.Control(), m_memory.Bytes()),
       m_parkingWord(std::move(parkingWord)),
       m_contentMax(m_ring.Capacity() / 8 - sizeof(RingFrameHeader)),
+      m_sampler(sampler),
       m_contextStatistics(std::move(statistics)),
-      m_statistics(m_contextStatistics->PeerRow(peer)) {
+      m_statistics(m_contextStatistics->PeerRow(peer)),
+      m_counters(m_statistics.Serial()) {
   m_statistics.Set(peer_field::kRingBytes, static_cast<std::int64_t>(m_ring.Capacity()));
 }
 
@@ -78,15 +74,11 @@ void Subscriber::SendOrDrop(const wire::FragmentHeader& header, std::span<const 
     return;
   }
   try {
-    m_untilSample -= m_untilSample != 0 ? 1 : 0;
-    const bool sent = (NothingPending() || FlushPending()) &&
-                      (m_untilSample != 0 ? TrySend(header, pieces) : TrySendSample(header, pieces));
-    const zq::statistics::Cells counters = m_statistics.Serial();
-    if (sent) {
-      counters.Add(peer_field::kMessages);
-      counters.Add(peer_field::kBytes, header.total);
+    if ((NothingPending() || FlushPending()) && TrySend(header, pieces)) {
+      m_counters.Add(peer_field::kMessages);
+      m_counters.Add(peer_field::kBytes, header.total);
     } else {
-      counters.Add(peer_field::kDropped);
+      m_counters.Add(peer_field::kDropped);
       m_contextStatistics->Counters().Add(context_field::kDropped);
       NoteUse();
       Report& report = m_reports[header.source];
@@ -149,16 +141,6 @@ bool Subscriber::Flush() {
   }
 }
 
-// As TrySend, with the time. The ring's use is looked at as well, which takes its head from the consumer's cache.
-bool Subscriber::TrySendSample(wire::FragmentHeader header, std::span<const iovec> pieces) {
-  static_cast<void>(m_ring.FreeSpace());
-  NoteUse();
-  m_untilSample = kMessagesPerSample;
-  m_lastSample = zq::statistics::Now();
-  header.sent = m_lastSample;
-  return TrySend(header, pieces);
-}
-
 void Subscriber::NoteUse() noexcept {
   if (const std::size_t used = m_ring.UsedCached(); used > m_highWater) {
     m_highWater = used;
@@ -167,13 +149,17 @@ void Subscriber::NoteUse() noexcept {
 }
 
 void Subscriber::NoteWait() noexcept {
-  m_statistics.Serial().Add(peer_field::kWaitsForRoom);
+  m_counters.Add(peer_field::kWaitsForRoom);
   m_contextStatistics->Counters().Add(context_field::kWaitsForRoom);
   NoteUse();
 }
 
 // Puts the message into the ring, a large one as far as there is space. False when there is none.
 bool Subscriber::TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces) {
+  if (header.sent != 0) {
+    static_cast<void>(m_ring.FreeSpace());  // takes the head from the consumer's cache, so for samples only
+    NoteUse();
+  }
   const bool plain = header.flags == 0 && header.request == 0 && header.sent == 0;
   const std::size_t headerSize = plain ? sizeof(wire::MessageHeader) : sizeof(wire::FragmentHeader);
   const std::size_t size = headerSize + header.total;
@@ -269,10 +255,8 @@ void Subscriber::RingIfParked() {
   m_ring.FenceCommit();
   if (m_parkingWord.NeedsDoorbell()) {
     m_link->SendSignal(wire::Type::kDoorbell);
-    m_statistics.Serial().Add(peer_field::kWakeups);
-    if (zq::statistics::Now() - m_lastSample >= kSlowFlowInterval) {
-      m_untilSample = 0;
-    }
+    m_counters.Add(peer_field::kWakeups);
+    m_sampler.NoteWakeUp();
   }
 }
 

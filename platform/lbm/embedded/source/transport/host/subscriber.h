@@ -26,6 +26,7 @@
 #include "transport/host/ring/parking_word.h"
 #include "transport/host/ring/ring.h"
 #include "transport/host/ring/ring_memory.h"
+#include "transport/host/sampler.h"
 #include "transport/host/wire/frames.h"
 
 namespace engine::transport::host {
@@ -33,7 +34,7 @@ namespace engine::transport::host {
 class Subscriber {
  public:
   // peer: the label of its statistics.
-  Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord,
+  Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord, Sampler& sampler,
              std::shared_ptr<ContextStatistics> statistics, std::string_view peer);
 
   const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
@@ -87,7 +88,6 @@ class Subscriber {
 
   bool NothingPending() const noexcept { return m_rest.Empty() && m_reports.empty(); }
   bool TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces);
-  bool TrySendSample(wire::FragmentHeader header, std::span<const iovec> pieces);
   void NoteUse() noexcept;
   void SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool FlushPending();
@@ -114,11 +114,11 @@ class Subscriber {
   std::vector<std::uint32_t> m_blocked;  // publications that wait for space
   std::vector<iovec> m_parts;            // of the frame being put together
 
+  Sampler& m_sampler;
   const std::shared_ptr<ContextStatistics> m_contextStatistics;
-  zq::statistics::Row m_statistics;  // of the peer
+  zq::statistics::Row m_statistics;        // of the peer
+  const zq::statistics::Cells m_counters;  // of that row
   std::size_t m_highWater = 0;
-  std::uint32_t m_untilSample = 0;  // messages
-  std::uint64_t m_lastSample = 0;
 };
 
 }  // namespace engine::transport::host

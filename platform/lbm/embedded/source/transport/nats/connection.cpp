@@ -204,6 +204,16 @@ Options MakeOptions(const ServerSettings& settings, const std::vector<std::strin
   return options;
 }
 
+// What the kernel knows of a connection; all 0 when that is nothing.
+tcp_info SocketInfo(int socket) noexcept {
+  tcp_info info{};
+  socklen_t size = sizeof(info);
+  if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
+    info = {};
+  }
+  return info;
+}
+
 }  // namespace
 
 void Connection::State::OnError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
@@ -315,10 +325,11 @@ bool Connection::Flush() noexcept {
 bool Connection::WantsFlush() const noexcept { return m_state->wantsFlush && !m_state->ended; }
 
 std::chrono::milliseconds Connection::SilentFor() const noexcept {
-  tcp_info info{};
-  socklen_t size = sizeof(info);
-  const bool known = ::getsockopt(m_state->socket.Get(), IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
-  return std::chrono::milliseconds(known ? info.tcpi_last_data_recv : 0);
+  return std::chrono::milliseconds(SocketInfo(GetDescriptor()).tcpi_last_data_recv);
+}
+
+std::chrono::nanoseconds Connection::RoundTrip() const noexcept {
+  return std::chrono::microseconds(SocketInfo(GetDescriptor()).tcpi_rtt);
 }
 
 std::size_t Connection::Read() noexcept {

@@ -90,6 +90,9 @@ class Connection {
   // How long ago the server sent something last, be it the answer to a ping.
   std::chrono::milliseconds SilentFor() const noexcept;
 
+  // To the server and back, smoothed, as the kernel measures it; 0: not known.
+  std::chrono::nanoseconds RoundTrip() const noexcept;
+
   // Moves what has arrived to the subscriptions' queues, and returns how many messages that are.
   std::size_t Read() noexcept;
 

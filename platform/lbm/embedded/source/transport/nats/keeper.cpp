@@ -85,7 +85,8 @@ Keeper::Keeper(const NatsSettings& given)
                                           : "nats:" + std::to_string(::getpid()) + '.' + InstanceText(instance)),
       subscriberName(!settings.contextName.empty() ? settings.contextName : identity),
       warnings(settings.warn),
-      outbox(settings.sendQueueBytes, m_signals->attention),
+      statistics(settings.statistics->NetworkRow(JoinUrls(ServerUrls(settings.server.servers)))),
+      outbox(settings.sendQueueBytes, m_signals->attention, statistics),
       publications(settings, subjects, instance, identity, outbox, arrived),
       intake(arrived, [this](const Arrival& arrival, std::size_t bytesKept) { return Keep(arrival, bytesKept); }),
       sources(settings, subjects, instance, subscriberName, outbox, intake, arrived),
@@ -113,7 +114,11 @@ bool Keeper::Keep(const Arrival& arrival, std::size_t bytesKept) {
         }
         return true;
       case RouteKind::kData:
-        return bytesKept < settings.receiveQueueBytes || arrival.route->source->Waits();
+        if (bytesKept < settings.receiveQueueBytes || arrival.route->source->Waits()) {
+          return true;
+        }
+        statistics.Serial().Add(network_field::kReceiveDropped);
+        return false;
       default:
         return true;
     }
@@ -179,6 +184,10 @@ void Keeper::Use(const std::shared_ptr<Connection>& connection) {
     warnings.Tell([&] { return "is connected to the NATS server " + connection->Url() + " again"; });
   }
   m_failures = 0;
+  statistics.Set(network_field::kConnected, 1);
+  if (std::exchange(m_wasConnected, true)) {
+    statistics.Serial().Add(network_field::kReconnects);
+  }
 }
 
 // When the context is busy with something else: its answers, and its place in the server's patience, must not depend on
@@ -205,6 +214,7 @@ void Keeper::LoseConnection(const std::string& reason) {
   poller.Remove(m_connection->GetDescriptor());
   intake.SetConnection(nullptr);
   outbox.SetConnection(nullptr);
+  statistics.Set(network_field::kConnected, 0);
   TellFailure("the connection to " + m_connection->Url() + " has ended" + (reason.empty() ? "" : ": " + reason));
   m_connection.reset();
   m_spread = ReconnectSpread(sources.Audience(), settings.peerTimeout);
@@ -243,6 +253,10 @@ void Keeper::Tick(bool punctual) {
   }
   if (m_connection != nullptr) {
     m_servers = m_connection->Servers();  // servers tell of others that join their cluster
+    if (const auto roundTrip = m_connection->RoundTrip(); roundTrip.count() > 0) {
+      statistics.RecordInHistogram(network_field::kRoundTrip, static_cast<std::uint64_t>(roundTrip.count()),
+                                   zq::statistics::Now());
+    }
   }
   publications.Tick();
   sources.Tick();

@@ -67,6 +67,7 @@ class Keeper {
   const Warnings warnings;
   Poller poller;             // readable when there is something for Drain
   zq::posix::Event arrived;  // in the poller
+  zq::statistics::Row statistics;
   Outbox outbox;
   PublicationTable publications;
   Intake intake;
@@ -99,6 +100,7 @@ class Keeper {
   bool m_socketFull = false;
   int m_failures = 0;
   std::chrono::milliseconds m_spread{0};  // as it was when the last connection was lost
+  bool m_wasConnected = false;
   Clock::time_point m_nextConnect;
   Clock::time_point m_nextTick;
   std::minstd_rand m_random;

@@ -4,7 +4,8 @@
 
 namespace engine::transport::nats {
 
-Outbox::Outbox(std::size_t bytesMax, zq::posix::Event& keeper) : m_bytesMax(bytesMax), m_keeper(keeper) {
+Outbox::Outbox(std::size_t bytesMax, zq::posix::Event& keeper, zq::statistics::Row& statistics)
+    : m_bytesMax(bytesMax), m_keeper(keeper), m_counters(statistics.Serial()) {
   m_queue.reserve(kSpareMax);
   m_taken.reserve(kSpareMax);
   m_spare.reserve(kSpareMax);
@@ -116,6 +117,8 @@ bool Outbox::Write(Lock& lock) {
   }
   const bool flushed = connection.Flush();
   lock.lock();
+  m_counters.Add(network_field::kBatches, m_taken.size());
+  m_counters.Add(network_field::kBatchBytes, bytes);
   Recycle();
   m_writing = false;
   m_lastWrite = std::chrono::steady_clock::now();

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "statistics/context_statistics.h"
 #include "transport/nats/connection.h"
 #include "zq/posix/event.h"
 
@@ -33,12 +34,14 @@ class Outbox {
   // Bytes of small messages that travel together.
   static constexpr std::size_t kParcelBytes = std::size_t{32} << 10;
 
-  // keeper is notified when WriteAll has to be called. bytesMax: of what has not been written.
-  Outbox(std::size_t bytesMax, zq::posix::Event& keeper);
+  // keeper is notified when WriteAll has to be called. bytesMax: of what has not been written. statistics: of the kind
+  // network.
+  Outbox(std::size_t bytesMax, zq::posix::Event& keeper, zq::statistics::Row& statistics);
 
   Lock Acquire() { return Lock(m_mutex); }
 
   // With the lock:
+  const zq::statistics::Cells& Counters() const noexcept { return m_counters; }
   bool Closed() const noexcept { return m_closed; }
   bool Connected() const noexcept { return m_connection != nullptr; }
   std::size_t MaxPayload() const noexcept { return m_maxPayload; }
@@ -94,6 +97,7 @@ class Outbox {
   const std::size_t m_bytesMax;
   zq::posix::Event& m_keeper;
   std::condition_variable m_room;
+  const zq::statistics::Cells m_counters;
 
   std::mutex m_mutex;
   // Guarded by m_mutex:

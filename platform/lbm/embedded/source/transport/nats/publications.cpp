@@ -118,6 +118,7 @@ PublicationTable::Attempt PublicationTable::Try(NatsPublication& publication, co
   size = MessageSize(message.pieces);
   if (publication.subscribers.empty()) {
     ++publication.next;
+    CountSent(publication);
     return Attempt::kDone;
   }
   const bool hasRoom = HasRoomFor(publication, size);
@@ -127,9 +128,23 @@ PublicationTable::Attempt PublicationTable::Try(NatsPublication& publication, co
   publication.quietTicks = 0;
   if (hasRoom) {
     AddMessage(publication, message, size);
+  } else {
+    CountDropped();
   }
   ++publication.next;
+  CountSent(publication);
   return hasRoom ? Attempt::kAdded : Attempt::kDone;
+}
+
+void PublicationTable::CountSent(const NatsPublication& publication) noexcept {
+  if (publication.info.statistics != nullptr) {
+    publication.info.statistics->Serial().Add(source_field::kMessages);
+  }
+}
+
+void PublicationTable::CountDropped() noexcept {
+  m_outbox.Counters().Add(network_field::kDropped);
+  m_settings.statistics->Counters().Add(context_field::kDropped);
 }
 
 SendResult PublicationTable::Conclude(Attempt attempt, Outbox::Lock lock) {
@@ -143,6 +158,9 @@ bool PublicationTable::HasRoom(NatsPublication& publication, const OutboundMessa
   const Outbox::Lock lock = m_outbox.Acquire();
   if (publication.subscribers.empty() || HasRoomFor(publication, MessageSize(message.pieces))) {
     return true;
+  }
+  if (!publication.blocked) {
+    m_settings.statistics->Counters().Add(context_field::kWaitsForRoom);
   }
   publication.blocked = true;
   m_someBlocked = true;
@@ -159,6 +177,8 @@ void PublicationTable::PublishRegardless(NatsPublication& publication, const Out
   publication.quietTicks = 0;
   if (hasRoom && m_outbox.Connected()) {
     AddMessage(publication, message, size);
+  } else {
+    CountDropped();
   }
   ++publication.next;
   m_outbox.Send(std::move(lock));

@@ -116,6 +116,7 @@ class PublicationTable {
   template <typename Read>
   SendResult PublishPatiently(NatsPublication& publication, const OutboundMessage& message, const SendWait& wait,
                               std::size_t size, Outbox::Lock lock, Read read) {
+    m_settings.statistics->Counters().Add(context_field::kWaitsForRoom);
     for (;;) {
       if (!wait.GoesOn()) {
         publication.blocked = true;
@@ -136,6 +137,8 @@ class PublicationTable {
 
   // With the outbox's lock:
   Attempt Try(NatsPublication& publication, const OutboundMessage& message, std::size_t& size);
+  static void CountSent(const NatsPublication& publication) noexcept;
+  void CountDropped() noexcept;
   SendResult Conclude(Attempt attempt, Outbox::Lock lock);
   bool HasRoomFor(const NatsPublication& publication, std::size_t size) const;
   void AddMessage(NatsPublication& publication, const OutboundMessage& message, std::size_t size);

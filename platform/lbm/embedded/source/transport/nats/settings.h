@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "statistics/context_statistics.h"
 #include "transport/nats/connection.h"
 #include "transport/warnings.h"
 
@@ -28,6 +30,7 @@ struct NatsSettings {
   // How long DrainMemory may leave the socket alone.
   std::chrono::microseconds pollInterval{5};
   WarningHandler warn;
+  std::shared_ptr<ContextStatistics> statistics = std::make_shared<ContextStatistics>();
 };
 
 }  // namespace engine::transport::nats
