@@ -291,12 +291,17 @@ void Directory::Clear() {
     for (const auto& receiver : entry.receivers) {
       receiver->CloseAndWait();
     }
+    m_counters.Subtract(context_field::kReceivers, entry.receivers.size());
     for (const auto& stream : entry.streams) {
+      for (const Subscription& subscription : stream->subscriptions) {
+        subscription.receiver->Counters().Subtract(receiver_field::kSources);
+      }
       NotifyDelete(*stream);
       stream->source->listenerData = nullptr;
     }
   }
   m_topics.clear();
+  CountTopics();
 }
 
 }  // namespace engine::core

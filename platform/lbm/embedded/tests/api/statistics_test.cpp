@@ -123,6 +123,17 @@ TEST_F(Statistics, LeaveWithTheirContext) {
   }
 }
 
+TEST_F(Statistics, OfAReceiverThatOutlivesItsContextShowNothingThatIsThere) {
+  const Sender source(m_publisher, "T");
+  const Recorder recorder(m_subscriber, "T");
+  source.AwaitSubscriber({m_publisher, m_subscriber});
+  m_subscriber.Delete();
+  EXPECT_EQ(0, NumberOf("engine_receiver", "subscriber", "sources", "T"));
+  for (const char* gauge : {"receivers", "topics", "peers"}) {
+    EXPECT_EQ(0, NumberOf("engine_context", "subscriber", gauge)) << gauge;
+  }
+}
+
 TEST_F(Statistics, ShowOptionsThatHoldNowAndWhoSetThem) {
   EXPECT_THAT(OptionsOf("publisher"), Contains(Pair("context operational_mode", "sequential (attribute)")));
   EXPECT_THAT(OptionsOf("publisher"), Contains(Pair("context spin_time", "0 (default)")));

@@ -195,6 +195,7 @@ void HostTransport::Close(std::chrono::milliseconds linger) noexcept {
   for (const auto& link : m_publications.Links()) {
     link->Close();
   }
+  m_settings.statistics->Counters().Set(context_field::kPeers, 0);
 }
 
 void HostTransport::LinkToSelf() {

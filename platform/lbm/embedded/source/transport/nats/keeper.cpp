@@ -282,6 +282,7 @@ void Keeper::Run() {
   intake.SetConnection(nullptr);
   outbox.SetConnection(nullptr);
   m_connection.reset();
+  statistics.Set(network_field::kConnected, 0);
   const std::lock_guard lock(m_stopMutex);
   m_stopped = true;
   m_stoppedNow.notify_all();
