@@ -1,0 +1,42 @@
+#include "call.h"
+
+#include "cli/command_line.h"
+#include "zq/statistics/snapshot.h"
+
+namespace price_stat {
+namespace {
+
+constexpr const char* kFooter =
+    "Exit codes: 0 done, 1 there is nothing to show, 2 the command line or a file that it names is not usable,\n"
+    "3 something failed while running.\n"
+    "Only pages are read: processes that hang or are stopped are seen like all others, and none notices.\n"
+    "ZQ_STATISTICS_DIR names the directory of the pages.";
+
+}  // namespace
+
+void AddJsonOption(CLI::App& command, Call& call) {
+  command.add_flag("--json", call.json, "Print one JSON document instead of tables");
+}
+
+bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Call& call) {
+  CLI::App app("Shows what the processes that use the price connector count.", "price_stat");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(kFooter);
+  cli::AddCommonOptions(app);
+  call.directory = zq::statistics::PageDirectory();
+  app.add_option("--directory", call.directory, "Where the pages are")->type_name("DIR")->capture_default_str();
+  AddList(app, call);
+  for (auto* const command : app.get_subcommands({})) {
+    command->footer(kFooter);
+  }
+  if (!cli::ParseCommandLine(app, argc, argv, output)) {
+    return false;
+  }
+  if (call.directory.empty()) {
+    throw cli::UsageError("ZQ_STATISTICS_DIR is \"off\": say with --directory where the pages are");
+  }
+  return true;
+}
+
+}  // namespace price_stat

@@ -1,0 +1,29 @@
+// What the user asks for: one of the tool's commands.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+#include "cli/exit_code.h"
+#include "cli/output.h"
+
+namespace price_stat {
+
+struct Call {
+  std::string directory;  // of the pages
+  bool json = false;
+  std::function<cli::ExitCode(const cli::Output&)> run;
+};
+
+// Each adds a command with its options to the app; when the command line is parsed and has the command, it sets
+// call.run. The call has to outlive the app.
+void AddList(CLI::App& app, Call& call);
+
+// For commands that print results once.
+void AddJsonOption(CLI::App& command, Call& call);
+
+// Returns false when the user asked for help or the version, which then has been written. Throws cli::UsageError.
+bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Call& call);
+
+}  // namespace price_stat
