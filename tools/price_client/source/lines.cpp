@@ -2,8 +2,9 @@
 
 #include <fmt/format.h>
 
-#include "format.h"
+#include "cli/format.h"
 #include "hint.h"
+#include "quantile_text.h"
 #include "server_text.h"
 
 namespace price_client {
@@ -18,7 +19,7 @@ std::string StatusChange(const InstanceSnapshot& before, const InstanceSnapshot&
   const bool isSame = before.status && before.status->last.session == status.last.session;
   if (!isSame || before.status->last.state != status.last.state) {
     return fmt::format("server is {}, up for {}, session {}", feed::ToString(status.last.state),
-                       FormatDuration(static_cast<double>(status.last.uptime.count())), status.last.session);
+                       cli::FormatDuration(static_cast<double>(status.last.uptime.count())), status.last.session);
   }
   if (status.isSilent && !before.status->isSilent) {
     return fmt::format("server is silent: no status for {:.0f} s", status.ageSeconds);

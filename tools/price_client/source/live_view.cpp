@@ -10,78 +10,18 @@
 #include <utility>
 #include <vector>
 
+#include "cli/format.h"
 #include "cli/table.h"
-#include "format.h"
 #include "hint.h"
 #include "instance_monitor.h"
+#include "quantile_text.h"
 #include "server_text.h"
 
 namespace price_client {
 namespace {
 
-enum class Style : std::uint8_t { kPlain, kBold, kDim, kGreen, kRed, kYellow };
-
-std::string_view CodeOf(Style style) {
-  switch (style) {
-    case Style::kPlain:
-      return "";
-    case Style::kBold:
-      return "\x1b[1m";
-    case Style::kDim:
-      return "\x1b[2m";
-    case Style::kGreen:
-      return "\x1b[32m";
-    case Style::kRed:
-      return "\x1b[31m";
-    case Style::kYellow:
-      return "\x1b[33m";
-  }
-  return "";
-}
-
-// Collects lines of ASCII text, cut at the screen's width whatever the styles
-// in them.
-class Frame {
- public:
-  Frame(ScreenSize size, bool colour) : m_size(size), m_colour(colour), m_text("\x1b[H") {}
-
-  Frame& Add(std::string_view text, Style style = Style::kPlain) {
-    text = text.substr(0, m_size.columns - std::min<std::size_t>(m_size.columns, m_column));
-    m_column += text.size();
-    const auto code = m_colour ? CodeOf(style) : std::string_view();
-    m_text += code;
-    m_text += text;
-    if (!code.empty()) {
-      m_text += "\x1b[0m";
-    }
-    return *this;
-  }
-
-  // There is no end of line after the last row, as it would scroll the screen.
-  void EndLine() {
-    m_text += "\x1b[K";
-    if (++m_row < m_size.rows) {
-      m_text += "\r\n";
-    }
-    m_column = 0;
-  }
-
-  unsigned RowsLeft() const { return m_size.rows - std::min(m_size.rows, m_row); }
-
-  std::string Finish() && {
-    if (RowsLeft() > 0) {
-      m_text += "\x1b[J";
-    }
-    return std::move(m_text);
-  }
-
- private:
-  ScreenSize m_size;
-  bool m_colour;
-  std::string m_text;
-  std::size_t m_column = 0;
-  unsigned m_row = 0;
-};
+using cli::Frame;
+using cli::Style;
 
 Style StyleOf(InstanceState state) {
   switch (state) {
@@ -99,16 +39,16 @@ Style StyleOf(InstanceState state) {
 
 void AddHeader(Frame& frame, const Snapshot& snapshot) {
   frame.Add("price_client", Style::kBold)
-      .Add(fmt::format("  {}  {} updates  {}/s  ", FormatDuration(snapshot.elapsedSeconds),
-                       FormatCount(snapshot.Total().updates),
-                       FormatCount(static_cast<std::uint64_t>(std::llround(snapshot.CurrentRate())))));
+      .Add(fmt::format("  {}  {} updates  {}/s  ", cli::FormatDuration(snapshot.elapsedSeconds),
+                       cli::FormatCount(snapshot.Total().updates),
+                       cli::FormatCount(static_cast<std::uint64_t>(std::llround(snapshot.CurrentRate())))));
   if (snapshot.client.isPaused) {
     frame.Add("paused", Style::kYellow).Add("  ");
   }
   frame.Add("Ctrl-C ends", Style::kDim).EndLine();
   frame.Add(fmt::format("client {} on host {}", snapshot.client.id, snapshot.client.host), Style::kDim);
   if (snapshot.client.dropped > 0) {
-    frame.Add(fmt::format("  dropped {}", FormatCount(snapshot.client.dropped)), Style::kRed);
+    frame.Add(fmt::format("  dropped {}", cli::FormatCount(snapshot.client.dropped)), Style::kRed);
   }
   frame.EndLine();
 }
@@ -117,19 +57,19 @@ void AddInstance(Frame& frame, const InstanceSnapshot& instance) {
   const auto& totals = instance.totals;
   frame.Add(instance.name, Style::kBold).Add("  ").Add(NameOf(instance.state), StyleOf(instance.state));
   frame.Add(fmt::format("  segments {}/{}  {}/s", instance.liveSegments, instance.segments,
-                        FormatCount(static_cast<std::uint64_t>(std::llround(instance.currentRate)))));
-  frame.Add("  gaps ").Add(FormatCount(totals.gaps), totals.gaps > 0 ? Style::kRed : Style::kPlain);
+                        cli::FormatCount(static_cast<std::uint64_t>(std::llround(instance.currentRate)))));
+  frame.Add("  gaps ").Add(cli::FormatCount(totals.gaps), totals.gaps > 0 ? Style::kRed : Style::kPlain);
   if (totals.missed > 0) {
-    frame.Add(fmt::format(" ({} missed)", FormatCount(totals.missed)), Style::kRed);
+    frame.Add(fmt::format(" ({} missed)", cli::FormatCount(totals.missed)), Style::kRed);
   }
   if (totals.lost > 0) {
-    frame.Add(fmt::format("  lost {}", FormatCount(totals.lost)), Style::kRed);
+    frame.Add(fmt::format("  lost {}", cli::FormatCount(totals.lost)), Style::kRed);
   }
   if (totals.restarts > 0) {
     frame.Add(fmt::format("  restarts {}", totals.restarts), Style::kYellow);
   }
   if (totals.malformed > 0) {
-    frame.Add(fmt::format("  malformed {}", FormatCount(totals.malformed)), Style::kRed);
+    frame.Add(fmt::format("  malformed {}", cli::FormatCount(totals.malformed)), Style::kRed);
   }
   frame.EndLine();
 }
@@ -160,10 +100,10 @@ void AddLatency(Frame& frame, const InstanceSnapshot& instance) {
 void AddServer(Frame& frame, const InstanceSnapshot& instance) {
   const auto& notices = instance.notices;
   frame.Add("  ").Add(ServerText(instance), StyleOfServer(instance));
-  frame.Add(fmt::format("  products {}  RFQs {}  news {}", FormatCount(notices.products.size()),
-                        FormatCount(notices.rfqs), FormatCount(notices.news)));
+  frame.Add(fmt::format("  products {}  RFQs {}  news {}", cli::FormatCount(notices.products.size()),
+                        cli::FormatCount(notices.rfqs), cli::FormatCount(notices.news)));
   if (notices.lastNews) {
-    frame.Add("  " + ToAscii(notices.lastNews->headline), Style::kDim);
+    frame.Add("  " + cli::ToAscii(notices.lastNews->headline), Style::kDim);
   }
   frame.EndLine();
 }
@@ -182,7 +122,7 @@ void AddSymbols(Frame& frame, std::span<const SymbolSnapshot> symbols) {
   for (const auto& symbol : symbols) {
     table.Add({std::string(symbol.symbol.View()), symbol.price.ToString(), fmt::format("{:+.2f}", symbol.Change()),
                fmt::format("{:+.2f}", symbol.ChangePercent()), feed::ToString(symbol.date),
-               FormatCount(symbol.updates)});
+               cli::FormatCount(symbol.updates)});
   }
   const auto rows = table.Aligned();
   for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -206,7 +146,7 @@ class Details {
     }
     if (const auto hint = HintFor(instance, snapshot.client);
         !hint.empty() && snapshot.elapsedSeconds >= kSecondsBeforeHint) {
-      m_warnings.push_back({ToAscii(hint), Style::kYellow});
+      m_warnings.push_back({cli::ToAscii(hint), Style::kYellow});
     }
   }
 
@@ -237,8 +177,8 @@ void AddUnlisted(Frame& frame, std::size_t hidden, std::uint64_t untracked) {
     frame.Add(fmt::format("  {} more symbols; a taller window shows them", hidden), Style::kDim);
   }
   if (untracked > 0) {
-    frame.Add(fmt::format("  {} updates of symbols beyond the first {}", FormatCount(untracked),
-                          FormatCount(InstanceMonitor::kMaxSymbols)),
+    frame.Add(fmt::format("  {} updates of symbols beyond the first {}", cli::FormatCount(untracked),
+                          cli::FormatCount(InstanceMonitor::kMaxSymbols)),
               Style::kYellow);
   }
   frame.EndLine();
@@ -246,7 +186,7 @@ void AddUnlisted(Frame& frame, std::size_t hidden, std::uint64_t untracked) {
 
 }  // namespace
 
-std::string RenderFrame(const Snapshot& snapshot, ScreenSize size, bool colour) {
+std::string RenderFrame(const Snapshot& snapshot, cli::ScreenSize size, bool colour) {
   constexpr unsigned kHeadingRows = 1;
   Frame frame(size, colour);
   AddHeader(frame, snapshot);

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "format.h"
+#include "cli/format.h"
 #include "quantiles.h"
 
 namespace price_client {
@@ -15,7 +15,7 @@ std::string ReportText(const Snapshot& snapshot) {
   return fmt::format("{}{} of {} instances up, {} updates, {:.0f}/s, gaps {}, lost {}, p50 {}, p99 {}",
                      snapshot.client.isPaused ? "paused, " : "", snapshot.AliveInstances(), snapshot.instances.size(),
                      total.updates, snapshot.CurrentRate(), total.gaps, total.lost,
-                     FormatLatency(total.latency.Quantile(0.5)), FormatLatency(total.latency.Quantile(0.99)));
+                     cli::FormatLatency(total.latency.Quantile(0.5)), cli::FormatLatency(total.latency.Quantile(0.99)));
 }
 
 feed::CommandAnswer::Figures ReportFigures(const Snapshot& snapshot) {

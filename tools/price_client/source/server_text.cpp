@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <iterator>
 
-#include "format.h"
+#include "cli/format.h"
 #include "instance_monitor.h"
 
 namespace price_client {
@@ -28,7 +28,7 @@ std::string ServerText(const InstanceSnapshot& instance) {
     return fmt::format("no status for {:.0f} s", status.ageSeconds);
   }
   return fmt::format("{} {}", feed::ToString(status.last.state),
-                     FormatDuration(static_cast<double>(status.last.uptime.count()) + status.ageSeconds));
+                     cli::FormatDuration(static_cast<double>(status.last.uptime.count()) + status.ageSeconds));
 }
 
 std::string SegmentsText(const InstanceSnapshot& instance) {
@@ -54,7 +54,7 @@ std::string UntrackedText(const InstanceSnapshot& instance) {
     return {};
   }
   return fmt::format("{} updates of symbols beyond the first {} are counted, and not listed",
-                     FormatCount(instance.totals.untracked), FormatCount(InstanceMonitor::kMaxSymbols));
+                     cli::FormatCount(instance.totals.untracked), cli::FormatCount(InstanceMonitor::kMaxSymbols));
 }
 
 }  // namespace price_client

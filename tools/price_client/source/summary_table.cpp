@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "cli/format.h"
 #include "cli/table.h"
-#include "format.h"
+#include "quantile_text.h"
 #include "quantiles.h"
 #include "server_text.h"
 
@@ -20,12 +21,12 @@ using Row = cli::Table::Row;
 Row PricesRow(const std::string& name, const std::string& state, const Totals& totals) {
   return {name,
           state,
-          FormatCount(totals.updates),
+          cli::FormatCount(totals.updates),
           fmt::format("{:.1f}", totals.Rate()),
-          FormatCount(totals.gaps),
-          FormatCount(totals.missed),
-          FormatCount(totals.lost),
-          FormatCount(totals.restarts)};
+          cli::FormatCount(totals.gaps),
+          cli::FormatCount(totals.missed),
+          cli::FormatCount(totals.lost),
+          cli::FormatCount(totals.restarts)};
 }
 
 Row LatencyRow(const std::string& name, const LatencyHistogram& latency) {
@@ -33,14 +34,14 @@ Row LatencyRow(const std::string& name, const LatencyHistogram& latency) {
   for (const auto& quantile : kQuantiles) {
     row.push_back(QuantileText(latency, quantile.fraction));
   }
-  row.push_back(latency.Count() > 0 ? FormatLatency(latency.Max()) : "-");
+  row.push_back(latency.Count() > 0 ? cli::FormatLatency(latency.Max()) : "-");
   return row;
 }
 
 Row ServerRow(const InstanceSnapshot& instance) {
   const auto& notices = instance.notices;
-  return {instance.name, ServerText(instance), FormatCount(notices.products.size()), FormatCount(notices.rfqs),
-          FormatCount(notices.news)};
+  return {instance.name, ServerText(instance), cli::FormatCount(notices.products.size()),
+          cli::FormatCount(notices.rfqs), cli::FormatCount(notices.news)};
 }
 
 Row LatencyHeadings(const char* what) {

@@ -2,10 +2,10 @@
 
 #include <cstdlib>
 
+#include "cli/terminal.h"
 #include "hint.h"
 #include "lines.h"
 #include "live_view.h"
-#include "terminal.h"
 
 namespace price_client {
 namespace {
@@ -31,7 +31,7 @@ class LiveView : public View {
  private:
   static constexpr double kSecondsPerFrame = 0.25;
 
-  Terminal m_terminal;
+  cli::Terminal m_terminal;
   bool m_colour;
   double m_nextFrame = 0;
 };

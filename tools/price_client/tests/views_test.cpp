@@ -4,7 +4,6 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "format.h"
 #include "hint.h"
 #include "lines.h"
 #include "live_view.h"
@@ -207,16 +206,6 @@ TEST(Report, TablesFitATerminal) {
   for (std::string row; std::getline(table, row);) {
     EXPECT_LE(row.size(), 80U) << row;
   }
-}
-
-TEST(Format, ChoosesUnitAndDigits) {
-  EXPECT_EQ(FormatLatency(999), "999 ns");
-  EXPECT_EQ(FormatLatency(9'996), "10.0 us");
-  EXPECT_EQ(FormatLatency(999'400), "999 us");
-  EXPECT_EQ(FormatLatency(999'600), "1.00 ms");
-  EXPECT_EQ(FormatLatency(68'700'000'000), "68.7 s");
-  EXPECT_EQ(FormatCount(999), "999");
-  EXPECT_EQ(FormatCount(1'234'567), "1,234,567");
 }
 
 TEST(RateMeter, TellsTheLatencyOfTheLastTenSecondsFromThatSinceTheStart) {

@@ -5,9 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "latency_histogram.h"
-
-namespace price_client {
+namespace cli {
 
 // 1234567 as "1,234,567".
 std::string FormatCount(std::uint64_t count);
@@ -16,13 +14,10 @@ std::string FormatCount(std::uint64_t count);
 // "12.5 ms", "3.00 s".
 std::string FormatLatency(std::uint64_t nanoseconds);
 
-// A quantile of latencies in that form; "-" when there are none.
-std::string QuantileText(const LatencyHistogram& latencies, double fraction);
-
 // Seconds as "01:02:05"; hours may have more digits. What is negative counts as 0.
 std::string FormatDuration(double seconds);
 
 // UTF-8 with a question mark for each character that is not ASCII, so that bytes are columns.
 std::string ToAscii(std::string_view text);
 
-}  // namespace price_client
+}  // namespace cli

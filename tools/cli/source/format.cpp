@@ -1,11 +1,11 @@
-#include "format.h"
+#include "cli/format.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
 
-namespace price_client {
+namespace cli {
 
 std::string FormatCount(std::uint64_t count) {
   auto text = std::to_string(count);
@@ -28,10 +28,6 @@ std::string FormatLatency(std::uint64_t nanoseconds) {
   return fmt::format("{:.{}f} {}", value, value < 9.995 ? 2 : value < 99.95 ? 1 : 0, kUnits[unit]);
 }
 
-std::string QuantileText(const LatencyHistogram& latencies, double fraction) {
-  return latencies.Count() > 0 ? FormatLatency(latencies.Quantile(fraction)) : "-";
-}
-
 std::string FormatDuration(double seconds) {
   const auto whole = static_cast<std::uint64_t>(std::clamp(seconds, 0.0, 1e15));
   return fmt::format("{:02}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
@@ -49,4 +45,4 @@ std::string ToAscii(std::string_view text) {
   return ascii;
 }
 
-}  // namespace price_client
+}  // namespace cli
