@@ -29,6 +29,7 @@ std::string Table::ToString() const {
       text += gap + cell;
       gap = kGap;
     }
+    text.erase(text.find_last_not_of(' ') + 1);
     text += '\n';
   }
   return text;

@@ -18,6 +18,12 @@ void AddJsonOption(CLI::App& command, Call& call) {
   command.add_flag("--json", call.json, "Print one JSON document instead of tables");
 }
 
+std::shared_ptr<std::vector<std::string>> AddNames(CLI::App& command) {
+  auto names = std::make_shared<std::vector<std::string>>();
+  command.add_option("process", *names, "Programs or process numbers; without any, all")->type_name("PROCESS");
+  return names;
+}
+
 bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Call& call) {
   CLI::App app("Shows what the processes that use the price connector count.", "price_stat");
   app.require_subcommand(1);
@@ -27,6 +33,10 @@ bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Cal
   call.directory = zq::statistics::PageDirectory();
   app.add_option("--directory", call.directory, "Where the pages are")->type_name("DIR")->capture_default_str();
   AddList(app, call);
+  AddShow(app, call);
+  AddTopics(app, call);
+  AddOptions(app, call);
+  AddThreads(app, call);
   for (auto* const command : app.get_subcommands({})) {
     command->footer(kFooter);
   }

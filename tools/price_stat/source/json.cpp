@@ -99,6 +99,13 @@ Json HeadJson(const Process& process) {
     json["rows_in_other"] = snapshot->rowsInOther;
     json["page_bytes"] = snapshot->bytes;
   }
+  auto& contexts = json["contexts"] = Json::array();
+  for (const auto& context : process.contexts) {
+    contexts.push_back({{"context", context.name},
+                        {"handle", context.handle},
+                        {"state", NameOf(context.state)},
+                        {"hang_ns", context.hangNanoseconds}});
+  }
   return json;
 }
 

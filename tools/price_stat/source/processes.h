@@ -1,6 +1,8 @@
 // The processes that have pages in a directory, and what state they are in.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,26 +25,45 @@ enum class State : std::uint8_t {
 // Of what callbacks and pauses between two loops may take before somebody should know.
 constexpr std::uint64_t kHangNanoseconds = 1'000'000'000;
 
+// A messaging context of a process.
+struct Context {
+  std::string name;    // may be empty
+  std::string handle;  // tells it from others of the process
+  State state = State::kRunning;
+  std::uint64_t hangNanoseconds = 0;   // in a callback, or not looping
+  std::optional<std::uint64_t> loops;  // how often somebody has processed its events, where that is counted
+  pid_t thread = 0;                    // that does it; 0: not known
+};
+
 struct Process {
   std::string path;  // of the page
   State state = State::kRunning;
-  std::uint64_t hangNanoseconds = 0;                 // in a callback, or not looping
+  std::uint64_t hangNanoseconds = 0;                 // the longest of its contexts
   std::string fault;                                 // why there is no snapshot
   std::optional<zq::statistics::Snapshot> snapshot;  // always there when the state is not kUnreadable
+  std::vector<Context> contexts;                     // in the order of their rows
   bool inOurProc = false;                            // /proc is about this process: same machine and process namespace
 
-  // The program's name and process number, as far as the page or its name tells.
-  std::string Name() const;
-  // The state for people, such as "in a callback for 12.0 s".
-  std::string StateText() const;
+  // The program's name, as far as the page or its name tells.
+  std::string Program() const;
   bool IsAlive() const noexcept { return state != State::kEnded && state != State::kUnreadable; }
+  double UptimeSeconds() const noexcept;  // since the page was made, which is shortly after the start
 };
+
+// Whether the row counts what had no room in rows of its own.
+bool IsOther(const zq::statistics::RowValues& row);
 
 // The stable name of a state, for programs: "running", "in_callback", ...
 std::string_view NameOf(State state);
 
-// Looks at all pages of a directory, sorted by path. One look does not find those that are not looping. Throws
-// std::system_error when the directory cannot be read; what is wrong with a page is the process's fault text.
+// The state for people, such as "in a callback for 12.0 s".
+std::string StateText(State state, std::uint64_t hangNanoseconds);
+
+// Those that hang give their states to the process, the longest hang first; not to one that is stopped or has ended.
+void JudgeByContexts(Process& process);
+
+// Looks at all pages of a directory, sorted by path. One look does not find those that are not looping: HangWatch does.
+// Throws std::system_error when the directory cannot be read; what is wrong with a page is the process's fault text.
 std::vector<Process> ReadProcesses(const std::string& directory);
 
 // The process in another look; null when it is not there.

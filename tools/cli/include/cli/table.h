@@ -26,7 +26,7 @@ class Table {
   // The rows, their cells filled up to the widths of their columns.
   std::vector<Row> Aligned() const;
 
-  // The same as text, a line for each row.
+  // The same as text, a line for each row, without blanks at its end.
   std::string ToString() const;
 
  private:
