@@ -34,9 +34,11 @@ bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Cal
   app.add_option("--directory", call.directory, "Where the pages are")->type_name("DIR")->capture_default_str();
   AddList(app, call);
   AddShow(app, call);
+  AddWatch(app, call);
   AddTopics(app, call);
   AddOptions(app, call);
   AddThreads(app, call);
+  AddDiff(app, call);
   for (auto* const command : app.get_subcommands({})) {
     command->footer(kFooter);
   }
