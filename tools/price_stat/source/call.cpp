@@ -39,6 +39,7 @@ bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Cal
   AddOptions(app, call);
   AddThreads(app, call);
   AddDiff(app, call);
+  AddServe(app, call);
   for (auto* const command : app.get_subcommands({})) {
     command->footer(kFooter);
   }

@@ -21,13 +21,13 @@ struct Call {
 // Each adds a command with its options to the app; when the command line is parsed and has the command, it sets
 // call.run. The call has to outlive the app.
 void AddList(CLI::App& app, Call& call);
-
 void AddShow(CLI::App& app, Call& call);
 void AddWatch(CLI::App& app, Call& call);
 void AddTopics(CLI::App& app, Call& call);
 void AddOptions(CLI::App& app, Call& call);
 void AddThreads(CLI::App& app, Call& call);
 void AddDiff(CLI::App& app, Call& call);
+void AddServe(CLI::App& app, Call& call);
 
 void AddJsonOption(CLI::App& command, Call& call);
 
