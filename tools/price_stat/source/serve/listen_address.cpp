@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <system_error>
 
 #include "cli/exit_code.h"
 #include "cli/one_line.h"
@@ -49,6 +50,12 @@ std::optional<HostAndPort> Split(std::string_view text) {
   return parts;
 }
 
+std::optional<std::uint16_t> PortOf(std::string_view text) {
+  std::uint16_t port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  return error == std::errc() && end == text.data() + text.size() ? std::optional(port) : std::nullopt;
+}
+
 bool SameName(std::string_view one, std::string_view other) {
   return one.size() == other.size() && ::strncasecmp(one.data(), other.data(), one.size()) == 0;
 }
@@ -61,14 +68,14 @@ const sockaddr* Generic(const sockaddr_storage& address) {
 
 ListenAddress::ListenAddress(std::string_view text) {
   const auto parts = Split(text);
-  std::uint16_t port = 0;
-  const auto portEnd = parts ? parts->port.data() + parts->port.size() : nullptr;
-  if (!parts || parts->port.empty() || std::from_chars(parts->port.data(), portEnd, port).ptr != portEnd) {
+  const auto number = parts ? PortOf(parts->port) : std::nullopt;
+  if (!number) {
     throw cli::UsageError("cannot listen at \"" + cli::OneLine(text) +
                           "\": an address and a port are needed, such as 127.0.0.1:9911 or [::1]:9911");
   }
-  sockaddr_in v4{.sin_family = AF_INET, .sin_port = ::htons(port)};
-  sockaddr_in6 v6{.sin6_family = AF_INET6, .sin6_port = ::htons(port)};
+  const std::uint16_t port = ::htons(*number);
+  sockaddr_in v4{.sin_family = AF_INET, .sin_port = port};
+  sockaddr_in6 v6{.sin6_family = AF_INET6, .sin6_port = port};
   const std::string host = SameName(parts->host, "localhost") ? "127.0.0.1" : parts->host;
   if (!parts->bracketed && ::inet_pton(AF_INET, host.c_str(), &v4.sin_addr) == 1) {
     std::memcpy(&m_address, &v4, m_length = sizeof v4);

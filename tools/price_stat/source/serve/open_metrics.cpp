@@ -38,10 +38,19 @@ constexpr std::size_t kFirstOctaveOfDurations = 7;
 constexpr std::size_t kLastOctaveOfDurations = 34;
 constexpr std::size_t kOctaveStepOfNumbers = 2;
 
+// Labels of ours, and endings that make samples of one metric look like those of another.
+constexpr std::array<std::string_view, 4> kOurLabels{"pid", "program", "row", "le"};
+constexpr std::array<std::string_view, 6> kEndingsOfSamples{"_total", "_count", "_sum", "_bucket", "_info", "_created"};
+
 bool IsName(std::string_view text) {
   const auto fits = [](unsigned char c) { return std::islower(c) != 0 || std::isdigit(c) != 0 || c == '_'; };
   return !text.empty() && std::islower(static_cast<unsigned char>(text[0])) != 0 &&
          std::all_of(text.begin(), text.end(), fits);
+}
+
+bool IsNameOfField(std::string_view text) {
+  return IsName(text) && std::none_of(kEndingsOfSamples.begin(), kEndingsOfSamples.end(),
+                                      [&](std::string_view ending) { return text.ends_with(ending); });
 }
 
 // Escapes what may not stand in a quoted text.
@@ -68,27 +77,29 @@ std::string LabelPair(std::string_view name, std::string_view value) {
   return fmt::format("{}=\"{}\"", name, Quoted(value));
 }
 
-// The metrics so far, each with its samples together, as the format wants it.
+// The metrics so far, each with its samples together, as the formats want it.
 class Families {
  public:
-  // Null when there is a metric of this name that is of another type or unit.
-  std::string* SamplesOf(const std::string& name, std::string_view type, std::string_view unit, std::string_view help) {
+  // owner: the kind and field that the metric is made of; empty for those of price_stat itself. Null when there is a
+  // metric of this name that is made of something else.
+  std::string* SamplesOf(const std::string& name, std::string_view owner, std::string_view type, std::string_view unit,
+                         std::string_view help) {
     const auto [found, made] = m_families.try_emplace(name);
     Family& family = found->second;
     if (made) {
+      family.owner = owner;
       family.type = type;
       family.unit = unit;
       family.help = HelpText(help);
     }
-    return family.type == type && family.unit == unit ? &family.samples : nullptr;
+    return family.owner == owner && family.type == type && family.unit == unit ? &family.samples : nullptr;
   }
 
+  // One of price_stat itself.
   void AddGauge(std::string_view name, std::string_view unit, std::string_view help, std::string_view labels,
                 double value) {
     const std::string full = std::string(kPrefix).append(name);
-    if (std::string* const samples = SamplesOf(full, "gauge", unit, help)) {
-      fmt::format_to(std::back_inserter(*samples), "{}{{{}}} {}\n", full, labels, value);
-    }
+    fmt::format_to(std::back_inserter(*SamplesOf(full, "", "gauge", unit, help)), "{}{{{}}} {}\n", full, labels, value);
   }
 
   std::string Text(MetricsFormat format) const {
@@ -116,6 +127,7 @@ class Families {
 
  private:
   struct Family {
+    std::string owner;
     std::string type;
     std::string unit;
     std::string help;
@@ -124,30 +136,32 @@ class Families {
   std::map<std::string, Family> m_families;
 };
 
-// A field's name and scale in the monitoring system, which counts in base units.
+// What a field becomes in the monitoring system, which counts in base units.
 struct Metric {
   std::string name;
+  std::string owner;
   std::string unit;
-  double scale = 1;
+  bool inNanoseconds = false;
 
-  Metric(const Kind& kind, std::string_view field, std::string_view pageUnit, std::string_view suffix = "")
-      : name(fmt::format("{}{}_{}{}", kPrefix, kind.name, field, suffix)), unit(pageUnit) {
-    if (unit == "nanoseconds") {
+  Metric(const Kind& kind, const Field& field) : Metric(kind, field, field.name) {}
+  // With a name that is not quite the field's.
+  Metric(const Kind& kind, const Field& field, std::string_view fieldName)
+      : name(fmt::format("{}{}_{}", kPrefix, kind.name, fieldName)),
+        owner(fmt::format("{} {}", kind.name, field.name)),
+        unit(field.unit),
+        inNanoseconds(unit == "nanoseconds") {
+    if (inNanoseconds) {
       unit = "seconds";
-      scale = 1 / kNanosecondsPerSecond;
     }
-    if (!unit.empty() && name != unit && !name.ends_with("_" + unit)) {
+    if (!unit.empty() && !name.ends_with("_" + unit)) {
       name += "_" + unit;
     }
   }
 
-  std::string Scaled(std::uint64_t value) const {
-    return scale == 1 ? fmt::format("{}", value)
-                      : fmt::format("{}", static_cast<double>(value) / kNanosecondsPerSecond);
-  }
-  std::string Scaled(std::int64_t value) const {
-    return scale == 1 ? fmt::format("{}", value)
-                      : fmt::format("{}", static_cast<double>(value) / kNanosecondsPerSecond);
+  template <class Number>
+  std::string Scaled(Number value) const {
+    return inNanoseconds ? fmt::format("{}", static_cast<double>(value) / kNanosecondsPerSecond)
+                         : fmt::format("{}", value);
   }
 };
 
@@ -164,7 +178,8 @@ class Exposition {
     }
   }
 
-  void AddRows() {
+  // Returns how many fields had to be left out.
+  std::size_t AddRows() {
     for (const auto& kind : m_snapshot.kinds) {
       if (!CanBeShown(*kind)) {
         m_leftOut += kind->fields.size();
@@ -175,17 +190,18 @@ class Exposition {
         AddKind(*kind);
       }
     }
+    return m_leftOut;
   }
-
-  std::size_t LeftOut() const noexcept { return m_leftOut; }
 
  private:
   static bool CanBeShown(const Kind& kind) {
-    static const std::set<std::string_view> kOurs{"pid", "program", "row", "le"};
-    std::set<std::string_view> names;
-    return IsName(kind.name) && std::all_of(kind.labels.begin(), kind.labels.end(), [&](const std::string& label) {
-             return IsName(label) && !kOurs.contains(label) && names.insert(label).second;
-           });
+    std::set<std::string_view> labels(kOurLabels.begin(), kOurLabels.end());
+    std::set<std::string_view> fields;
+    return IsName(kind.name) &&
+           std::all_of(kind.labels.begin(), kind.labels.end(),
+                       [&](const std::string& label) { return IsName(label) && labels.insert(label).second; }) &&
+           std::all_of(kind.fields.begin(), kind.fields.end(),
+                       [&](const Field& field) { return fields.insert(field.name).second; });
   }
 
   void AddKind(const Kind& kind) {
@@ -209,7 +225,7 @@ class Exposition {
   void AddRow(const RowValues& row, std::string_view labels) {
     if (row.kind->fields.empty()) {
       const std::string name = fmt::format("{}{}", kPrefix, row.kind->name);
-      if (std::string* const samples = m_families.SamplesOf(name, "info", "", row.kind->help)) {
+      if (std::string* const samples = m_families.SamplesOf(name, row.kind->name, "info", "", row.kind->help)) {
         fmt::format_to(std::back_inserter(*samples), "{}_info{{{}}} 1\n", name, labels);
       }
       return;
@@ -220,7 +236,7 @@ class Exposition {
       if (field.type != FieldType::kCounter && IsOther(row)) {
         continue;
       }
-      if (!IsName(field.name) || (!field.unit.empty() && !IsName(field.unit)) ||
+      if (!IsNameOfField(field.name) || (!field.unit.empty() && !IsName(field.unit)) ||
           !AddField(*row.kind, field, row.values[i], labels)) {
         ++m_leftOut;
       }
@@ -230,8 +246,9 @@ class Exposition {
   bool AddField(const Kind& kind, const Field& field, const Value& value, std::string_view labels) {
     switch (field.type) {
       case FieldType::kCounter: {
-        const Metric metric(kind, field.name, field.unit);
-        std::string* const samples = m_families.SamplesOf(metric.name, "counter", metric.unit, field.help);
+        const Metric metric(kind, field);
+        std::string* const samples =
+            m_families.SamplesOf(metric.name, metric.owner, "counter", metric.unit, field.help);
         if (samples != nullptr) {
           fmt::format_to(std::back_inserter(*samples), "{}_total{{{}}} {}\n", metric.name, labels,
                          metric.Scaled(value.Count()));
@@ -243,23 +260,23 @@ class Exposition {
           const std::string name = field.name.substr(0, field.name.size() - kSince.size());
           const auto now = m_snapshot.takenMonotonic;
           const bool began = value.number != 0 && value.Count() < now;
-          return AddSample(Metric(kind, name, field.unit), field.help, labels, began ? now - value.Count() : 0);
+          return AddSample(Metric(kind, field, name), field.help, labels, began ? now - value.Count() : 0);
         }
-        return AddSample(Metric(kind, field.name, field.unit), field.help, labels, value.number);
+        return AddSample(Metric(kind, field), field.help, labels, value.number);
       }
       case FieldType::kRecentMaximum:
-        return AddSample(Metric(kind, field.name, field.unit), field.help, labels, value.Count()) &&
-               AddSample(Metric(kind, field.name, field.unit, "_recent"), field.help + " Of the last 10 s.", labels,
+        return AddSample(Metric(kind, field), field.help, labels, value.Count()) &&
+               AddSample(Metric(kind, field, field.name + "_recent"), field.help + " Of the last 10 s.", labels,
                          value.recentMaximum);
       case FieldType::kHistogram:
-        return AddHistogram(Metric(kind, field.name, field.unit), field.help, labels, *value.all);
+        return AddHistogram(Metric(kind, field), field.help, labels, *value.all);
     }
     return false;
   }
 
   template <class Number>
   bool AddSample(const Metric& metric, std::string_view help, std::string_view labels, Number value) {
-    std::string* const samples = m_families.SamplesOf(metric.name, "gauge", metric.unit, help);
+    std::string* const samples = m_families.SamplesOf(metric.name, metric.owner, "gauge", metric.unit, help);
     if (samples != nullptr) {
       fmt::format_to(std::back_inserter(*samples), "{}{{{}}} {}\n", metric.name, labels, metric.Scaled(value));
     }
@@ -268,7 +285,7 @@ class Exposition {
 
   bool AddHistogram(const Metric& metric, std::string_view help, std::string_view labels,
                     const Distribution& distribution) {
-    std::string* const samples = m_families.SamplesOf(metric.name, "histogram", metric.unit, help);
+    std::string* const samples = m_families.SamplesOf(metric.name, metric.owner, "histogram", metric.unit, help);
     if (samples == nullptr) {
       return false;
     }
@@ -343,33 +360,37 @@ void AddProcess(Families& families, const Process& process, const std::string& l
 
 std::string Metrics(const std::vector<Process>& processes, MetricsFormat format) {
   Families families;
+  // Ours come first: nothing on a page can take their places.
   std::map<State, std::size_t> inState;
-  std::set<std::string> seen;
-  std::size_t leftOut = 0;
   for (const Process& process : processes) {
     ++inState[process.state];
-    if (!process.IsAlive()) {
-      continue;
-    }
-    const Snapshot& snapshot = *process.snapshot;
-    const std::string labels =
-        LabelPair("pid", std::to_string(snapshot.process)) + "," + LabelPair("program", snapshot.program);
-    Exposition exposition(families, snapshot, labels);
-    // A page that says that it is of the same process as another one has been tampered with.
-    if (seen.insert(labels).second) {
-      AddProcess(families, process, labels);
-      exposition.AddRows();
-      leftOut += exposition.LeftOut();
-    } else {
-      ++leftOut;
-    }
   }
   for (const State state : kStates) {
     families.AddGauge("pages", "", "Pages of processes, by what state those are in.", LabelPair("state", NameOf(state)),
                       static_cast<double>(inState[state]));
   }
-  families.AddGauge("fields_left_out", "", "Fields that cannot be shown: names are wrong or contradict one another.",
-                    "", static_cast<double>(leftOut));
+  const std::string leftOutName = std::string(kPrefix) + "fields_left_out";
+  std::string& leftOutSample = *families.SamplesOf(
+      leftOutName, "", "gauge", "", "Fields that cannot be shown: their names are wrong or contradict one another.");
+  std::size_t leftOut = 0;
+  std::map<std::string, const Process*> living;
+  for (const Process& process : processes) {
+    if (!process.IsAlive()) {
+      continue;
+    }
+    const std::string labels = LabelPair("pid", std::to_string(process.snapshot->process)) + "," +
+                               LabelPair("program", process.snapshot->program);
+    // A page that says that it is of the same process as another one has been tampered with.
+    if (living.emplace(labels, &process).second) {
+      AddProcess(families, process, labels);
+    } else {
+      ++leftOut;
+    }
+  }
+  for (const auto& [labels, process] : living) {
+    leftOut += Exposition(families, *process->snapshot, labels).AddRows();
+  }
+  leftOutSample = fmt::format("{} {}\n", leftOutName, leftOut);
   return families.Text(format);
 }
 

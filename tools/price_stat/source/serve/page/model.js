@@ -169,7 +169,7 @@ class Model {
     }));
     for (const context of this.contexts) {
       if (!looks.has(processKey(context.process)) && !context.gone) {
-        this.gone.push({ ...context, gone: now, over: true, state: `ended ${new Date(now * 1000).toLocaleTimeString()}`,
+        this.gone.push({ ...context, gone: now, over: true, state: `ended ${new Date(now * 1000).toLocaleTimeString("en-GB")}`,
           received: null, sent: null, busy: null, longest: null, latency: null });
       }
     }

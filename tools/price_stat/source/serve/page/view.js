@@ -13,7 +13,7 @@ const view = { chosen: null, filter: "", paused: false, sort: { key: null, down:
 // Seconds since 1970 as of the page's opening, and from there on a clock that does not jump.
 const opened = Date.now() - performance.now();
 const nowSeconds = () => (opened + performance.now()) / 1000;
-const clockText = (seconds) => new Date(seconds * 1000).toLocaleTimeString();
+const clockText = (seconds) => new Date(seconds * 1000).toLocaleTimeString("en-GB");
 
 // --- tables ---
 
@@ -241,9 +241,9 @@ function makePlots() {
       height: 180,
       cursor: { sync: { key: "plots" } },
       scales: { y: { range: (_, low, high) => [0, high > 0 ? high * 1.1 : 1] } },
-      axes: [axis, { ...axis, size: 70, values: (_, ticks) => ticks.map((tick) => plot.show(plot.show === showDuration ? Math.round(tick) : tick)) }],
-      series: [{}, ...plot.series.map(([, label], i) => ({
-        label, stroke: colour(`--plot-${i + 1}`), width: 2, dash: i === 2 ? [4, 3] : undefined,
+      axes: [{ ...axis, space: 90, values: (_, ticks) => ticks.map(clockText) }, { ...axis, size: 70, values: (_, ticks) => ticks.map((tick) => plot.show(plot.show === showDuration ? Math.round(tick) : tick)) }],
+      series: [{ label: "time", value: (_, seconds) => (isKnown(seconds) ? clockText(seconds) : "–") }, ...plot.series.map(([, label], i) => ({
+        label, points: { show: false }, stroke: colour(`--plot-${i + 1}`), width: 2, dash: i === 2 ? [4, 3] : undefined,
         value: (_, value) => plot.show(value) }))],
     }, plotData(plot), figure);
   }
@@ -252,6 +252,13 @@ function makePlots() {
 function plotData(plot) {
   const series = model.history.get(view.chosen ?? "") ?? null;
   return series ? [series.now, ...plot.series.map(([key]) => series[key])] : [[], ...plot.series.map(() => [])];
+}
+
+// Without a pointer on it, the legend tells the latest values.
+function showPlot({ chart, ...plot }) {
+  const data = plotData(plot);
+  chart.setData(data);
+  if (!isKnown(chart.cursor.idx)) chart.setLegend({ idx: data[0].length - 1 });
 }
 
 function fitPlots() {
@@ -277,7 +284,7 @@ function show() {
   showContexts();
   showDetails();
   showStatus();
-  for (const plot of PLOTS) plot.chart.setData(plotData(plot));
+  for (const plot of PLOTS) showPlot(plot);
   find("unreadable").hidden = model.unreadable.length === 0;
   find("unreadable").querySelector("ul").replaceChildren(...model.unreadable.map((process) => {
     const item = document.createElement("li");
