@@ -50,7 +50,7 @@ const Kind kReceiver{
 const Kind kSource{"source",
                    "A source.",
                    {"context", "handle", "topic"},
-                   {Counter("messages"), Counter("bytes", "bytes"), Counter("would_block"), Counter("failures"),
+                   {Counter("messages"), Counter("bytes", "bytes"), Counter("nonblocking_failures"), Counter("failures"),
                     Gauge("receivers"), Counter("requests"), Counter("request_failures"), Counter("responses")}};
 const Kind kResponse{
     "response",
@@ -68,7 +68,7 @@ const Kind kEngine{"engine_context",
                    "The engine.",
                    {"context", "handle", "domain", "transport"},
                    {Counter("delivered"), Counter("wakeups"), Counter("waits_for_room"), Counter("dropped"),
-                    Gauge("sources"), Gauge("receivers"), Gauge("peers"), Histogram("latency")}};
+                    Gauge("sources"), Gauge("receivers"), Gauge("peers"), Gauge("waiting"), Histogram("latency")}};
 const Kind kPeer{
     "peer",
     "A peer.",
@@ -107,7 +107,7 @@ struct Context {
     engine.Set(5, receiverCount);
     engine.Set(6, 1);
     for (const std::uint64_t latency : {1U, 2U, 4U, 700U}) {
-      engine.RecordInHistogram(7, latency * kMicrosecond, Now());
+      engine.RecordInHistogram(8, latency * kMicrosecond, Now());
     }
     peer.Set(2, 8 << 20);
     peer.Set(3, 1 << 16);
@@ -148,7 +148,7 @@ void Work(Context& context, std::mt19937& random) {
   context.source.Add(0, 10 + random() % 10);
   context.context.RecordMaximum(4, static_cast<std::uint64_t>(20e3 * micros(random)), Now());
   for (int i = 0; i < 10; ++i) {
-    context.engine.RecordInHistogram(7, static_cast<std::uint64_t>(300 * micros(random)), Now());
+    context.engine.RecordInHistogram(8, static_cast<std::uint64_t>(300 * micros(random)), Now());
     context.network.RecordInHistogram(5, static_cast<std::uint64_t>(90e3 * micros(random)), Now());
   }
   if (context.receivers.size() > 3 && random() % 40 == 0) {
@@ -167,12 +167,13 @@ bool InputHasEnded(int milliseconds) {
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   const Row process(kProcess, {"0.1.0", "embedded"});
-  Row log(kLog, {"error"});
+  Row log(kLog, {"ERROR"});
   Row triage(kTriage, {"test", "answered"});
   std::vector<std::unique_ptr<Context>> contexts;
   for (int i = 0; i < std::stoi(arguments.at(0)); ++i) {
     const std::string number = std::to_string(i);
-    contexts.push_back(std::make_unique<Context>(i == 0 ? "prices" : "prices-" + number, "0x55d0c0de" + number,
+    // A name that a page must not take for markup.
+    contexts.push_back(std::make_unique<Context>(i == 0 ? "prices" : "<i>prices</i>" + number, "0x55d0c0de" + number,
                                                  std::stoi(arguments.at(1))));
   }
   std::cout << "ready" << std::endl;

@@ -17,10 +17,13 @@ const CONTEXT_COLUMNS = [
   { key: "latency", title: "Latency p99", show: showDuration },
 ];
 
+// Kinds of rows in the details of a context. What belongs to no context is the whole process's.
 const ROW_TABLES = [
   ["receiver", "Receivers"], ["source", "Sources"], ["response", "Responses"], ["command_channel", "Command channel"],
   ["dispatch_thread", "Dispatch thread"], ["engine_context", "Engine"], ["peer", "Peers"], ["network", "Network"],
   ["engine_receiver", "Receivers in the engine"], ["engine_source", "Sources in the engine"],
+  ["event_queue", "Event queues of the process"], ["log", "Log lines of the process"],
+  ["triage", "Triage requests to the process"],
 ];
 
 // null and undefined: not counted by the process.
@@ -114,8 +117,8 @@ function contextOf(look, rows, labels) {
     lostRate: rate("receiver", "lost_messages"),
     dropped: total(["engine_context", "dropped"]),
     droppedRate: rate("engine_context", "dropped"),
-    wouldBlock: total(["source", "would_block"], ["response", "would_block"], ["command_channel", "would_block"]),
-    wouldBlockRate: plus(rate("source", "would_block"), rate("response", "would_block")),
+    wouldBlock: total(["source", "nonblocking_failures"], ["response", "would_block"], ["command_channel", "would_block"]),
+    wouldBlockRate: plus(rate("source", "nonblocking_failures"), rate("response", "would_block")),
     failures: total(["receiver", "failures"], ["source", "failures"], ["response", "failures"]),
     busy: isKnown(callbackTime) ? callbackTime / 1e9 : null,
     longest: largest(rows, "context", "longest_callback", (value) => value.last_10s),
@@ -123,6 +126,9 @@ function contextOf(look, rows, labels) {
     latencyMedian: latency("p50"),
   };
 }
+
+// What belongs to the whole process.
+const rowsWithoutContext = (look) => look.rows.filter((row) => row.labels.context === undefined);
 
 // The contexts of a process; one without a name where it has none.
 function contextsOf(look) {

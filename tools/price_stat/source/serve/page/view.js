@@ -156,11 +156,16 @@ function showFieldValue(field, value, rate) {
     const { last_10s: recent } = value;
     return recent.count > 0 ? `${showIn(field.unit, recent.p50)} / ${showIn(field.unit, recent.p99)}` : "–";
   }
-  const text = showIn(field.unit, value);
+  // Some gauges are ids.
+  const text = field.type === "gauge" && field.unit === "" ? String(value) : showIn(field.unit, value);
   return isKnown(rate) && rate > 0 ? `${text} (${showIn(field.unit, rate)}/s)` : text;
 }
 
-const showIn = (unit, value) => (unit === "nanoseconds" ? showDuration(Math.round(value)) : showNumber(value));
+function showIn(unit, value) {
+  if (unit === "nanoseconds") return showDuration(Math.round(value));
+  const number = showNumber(value);
+  return unit === "bytes" ? number + (/[kMG]$/.test(number) ? "B" : " B") : number;
+}
 
 function showDetails() {
   const context = model.contexts.find((one) => one.key === view.chosen);
@@ -168,9 +173,10 @@ function showDetails() {
   find("plots-title").textContent = context ? `${context.program}, context ${context.context}` : "All contexts";
   if (!context) return;
   find("details-title").textContent = `${context.program}, context ${context.context}: ${context.state}`;
+  const allRows = new Set([...context.rows, ...rowsWithoutContext(context.look)]);
   for (const [kindName, title] of ROW_TABLES) {
     const kind = context.process.kinds?.[kindName];
-    const rows = context.rows.filter((row) => row.kind === kindName && matches(...Object.values(row.labels)));
+    const rows = [...allRows].filter((row) => row.kind === kindName && matches(...Object.values(row.labels)));
     if (kind && rows.length > 0) showDetailTable(context, kindName, title, kind, rows);
     else if (detailTables.has(kindName)) {
       detailTables.get(kindName).place.remove();
