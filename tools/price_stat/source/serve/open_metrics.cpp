@@ -312,11 +312,6 @@ class Exposition {
     return true;
   }
 
-  static bool IsOther(const RowValues& row) {
-    return !row.labels.empty() &&
-           std::all_of(row.labels.begin(), row.labels.end(), [](const std::string& label) { return label == "other"; });
-  }
-
   // Contexts are told apart by their handles only where their names do not do it: a handle is another one at each
   // start.
   std::string LabelsOf(const RowValues& row) const {
@@ -341,8 +336,8 @@ class Exposition {
   std::size_t m_leftOut = 0;
 };
 
-// One look does not tell those that are not looping.
-constexpr std::array kStates{State::kRunning, State::kInCallback, State::kStopped, State::kEnded, State::kUnreadable};
+constexpr std::array kStates{State::kRunning, State::kInCallback, State::kNotLooping,
+                             State::kStopped, State::kEnded,      State::kUnreadable};
 
 void AddProcess(Families& families, const Process& process, const std::string& labels) {
   const Snapshot& snapshot = *process.snapshot;

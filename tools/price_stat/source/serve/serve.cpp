@@ -6,16 +6,19 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "call.h"
 #include "cli/command_line.h"
 #include "cli/one_line.h"
 #include "cli/signal_wait.h"
 #include "json.h"
+#include "looks.h"
 #include "processes.h"
 #include "serve/fresh_text.h"
 #include "serve/http_server.h"
@@ -27,6 +30,21 @@
 namespace price_stat {
 
 namespace {
+
+// What threads that answer requests look with. Looks know of each other, and so who hangs.
+class SharedLooks {
+ public:
+  explicit SharedLooks(const std::string& directory) : m_looks(directory, {}) {}
+
+  std::vector<Process> Take() {
+    const std::lock_guard lock(m_mutex);
+    return m_looks.Take();
+  }
+
+ private:
+  std::mutex m_mutex;
+  Looks m_looks;  // with m_mutex
+};
 
 // Without blanks: it is for programs, and may be large.
 std::string JsonText(const std::vector<Process>& processes) {
@@ -49,8 +67,8 @@ std::string JsonWithoutOptions(std::vector<Process> processes) {
 }
 
 template <class F>
-Resource MadeAnew(std::string path, std::string type, const std::string& directory, const F& make) {
-  const auto text = std::make_shared<FreshText>([directory, make] { return make(ReadProcesses(directory)); });
+Resource MadeAnew(std::string path, std::string type, const std::shared_ptr<SharedLooks>& looks, const F& make) {
+  const auto text = std::make_shared<FreshText>([looks, make] { return make(looks->Take()); });
   return {.path = std::move(path), .type = std::move(type), .make = [text] { return text->Get(); }};
 }
 
@@ -61,18 +79,19 @@ std::string RandomText() {
 
 HttpSettings SettingsOf(const std::string& directory, const ServeOptions& options) {
   constexpr const char* kJsonType = "application/json";
+  const auto looks = std::make_shared<SharedLooks>(directory);
   HttpSettings settings{.hostNames = options.hostNames};
   settings.hostNames.push_back(zq::posix::HostName());
-  auto openMetrics = MadeAnew("/metrics", kOpenMetricsType, directory, [](const std::vector<Process>& processes) {
+  auto openMetrics = MadeAnew("/metrics", kOpenMetricsType, looks, [](const std::vector<Process>& processes) {
     return Metrics(processes, MetricsFormat::kOpenMetrics);
   });
   openMetrics.accepted = "application/openmetrics-text";
   settings.resources.push_back(std::move(openMetrics));
-  settings.resources.push_back(
-      MadeAnew("/metrics", kTextMetricsType, directory,
-               [](const std::vector<Process>& processes) { return Metrics(processes, MetricsFormat::kText); }));
-  settings.resources.push_back(MadeAnew("/json", kJsonType, directory, JsonText));
-  settings.resources.push_back(MadeAnew("/live.json", kJsonType, directory, JsonWithoutOptions));
+  settings.resources.push_back(MadeAnew("/metrics", kTextMetricsType, looks, [](const std::vector<Process>& processes) {
+    return Metrics(processes, MetricsFormat::kText);
+  }));
+  settings.resources.push_back(MadeAnew("/json", kJsonType, looks, JsonText));
+  settings.resources.push_back(MadeAnew("/live.json", kJsonType, looks, JsonWithoutOptions));
   // The page's own scripts and styles are told from others by a text that nobody else can know.
   const std::string nonce = RandomText();
   const auto page = std::make_shared<const std::string>(WebPage(nonce));

@@ -30,7 +30,7 @@ class Browser:
         to_browser, self.commands = os.pipe()
         self.answers, from_browser = os.pipe()
         # The browser reads commands from descriptor 3 and writes answers to 4.
-        pipes = f"exec {BROWSER} \"$@\" 3<&{to_browser} 4>&{from_browser}"
+        pipes = f'exec {BROWSER} "$@" 3<&{to_browser} 4>&{from_browser}'
         options = [
             "--headless",
             "--no-sandbox",
@@ -107,7 +107,9 @@ class Browser:
             )
 
 
-CELLS = "[...document.querySelectorAll('#contexts tbody tr')].map((row) => [...row.cells].map((cell) => cell.innerText))"
+CELLS = (
+    "[...document.querySelectorAll('#contexts tbody tr')].map((row) => [...row.cells].map((cell) => cell.innerText))"
+)
 
 
 class BrowserTest(unittest.TestCase):
@@ -206,10 +208,11 @@ def take_picture(file: str) -> None:
     test = BrowserTest()
     test.setUp()
     try:
-        players = [test.play(contexts, "live") for contexts in (1, 2, 1)]
+        players = [test.play(1, "live") for _ in range(3)]
+        select.select([], [], [], 12)
         test.browser.call("Page.navigate", url=test.address)
         test.browser.call(
-            "Emulation.setDeviceMetricsOverride", width=1280, height=1200, deviceScaleFactor=1, mobile=False
+            "Emulation.setDeviceMetricsOverride", width=1440, height=1240, deviceScaleFactor=1, mobile=False
         )
         select.select([], [], [], 25)
         players[2].send_signal(signal.SIGSTOP)

@@ -19,9 +19,7 @@ NAME = re.compile(r"price_connector_\w+")
 
 
 def promtool(*arguments: str, text: str = "") -> None:
-    done = subprocess.run(
-        ["promtool", *arguments], input=text, capture_output=True, text=True, cwd=MONITORING
-    )
+    done = subprocess.run(["promtool", *arguments], input=text, capture_output=True, text=True, cwd=MONITORING)
     if done.returncode != 0:
         raise AssertionError(done.stdout + done.stderr)
 

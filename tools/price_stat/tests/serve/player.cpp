@@ -47,11 +47,12 @@ const Kind kReceiver{
     {"context", "handle", "topic"},
     {Counter("messages"), Counter("bytes", "bytes"), Counter("requests"), Counter("losses"), Counter("lost_messages"),
      Counter("sessions_begun"), Counter("sessions_ended"), Counter("other_events"), Counter("failures")}};
-const Kind kSource{"source",
-                   "A source.",
-                   {"context", "handle", "topic"},
-                   {Counter("messages"), Counter("bytes", "bytes"), Counter("nonblocking_failures"), Counter("failures"),
-                    Gauge("receivers"), Counter("requests"), Counter("request_failures"), Counter("responses")}};
+const Kind kSource{
+    "source",
+    "A source.",
+    {"context", "handle", "topic"},
+    {Counter("messages"), Counter("bytes", "bytes"), Counter("nonblocking_failures"), Counter("failures"),
+     Gauge("receivers"), Counter("requests"), Counter("request_failures"), Counter("responses")}};
 const Kind kResponse{
     "response",
     "Responses.",

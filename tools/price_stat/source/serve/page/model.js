@@ -91,14 +91,21 @@ function largest(rows, kind, field, number) {
   return values.length > 0 ? Math.max(...values) : null;
 }
 
-function stateText(process) {
-  if (process.state === "in_callback") return `in a callback for ${showDuration(process.hang_ns)}`;
-  if (process.state === "ended") return "ended, page left behind";
-  return process.state.replace("_", " ");
+// The state of a context; of all contexts of a process that is stopped or has ended.
+function stateOf(process, labels) {
+  const context = process.contexts?.find((one) => one.context === labels.context && one.handle === labels.handle);
+  return context && !["stopped", "ended"].includes(process.state) ? context : process;
+}
+
+function stateText({ state, hang_ns: hang }) {
+  if (state === "in_callback") return `in a callback for ${showDuration(hang)}`;
+  if (state === "not_looping") return `not looping for ${showDuration(hang)}`;
+  return state === "ended" ? "ended, page left behind" : state;
 }
 
 function contextOf(look, rows, labels) {
   const { process } = look;
+  const state = stateOf(process, labels);
   const rate = (kind, field) => sum(rows, kind, field, (row) => look.rate(row, field));
   const total = (...places) => places.reduce((all, [kind, field]) => plus(all, sum(rows, kind, field)), null);
   const callbackTime = rate("context", "callback_time");
@@ -109,7 +116,8 @@ function contextOf(look, rows, labels) {
     process, rows, look,
     program: `${process.program}.${process.process}`,
     context: labels.context ?? "",
-    state: stateText(process),
+    state: stateText(state),
+    hangs: ["stopped", "in_callback", "not_looping"].includes(state.state),
     over: process.state === "ended",
     received: rate("receiver", "messages") ?? rate("engine_context", "delivered") ?? rate("engine_receiver", "messages"),
     sent: plus(rate("source", "messages") ?? rate("engine_source", "messages"), rate("response", "messages")),
@@ -145,7 +153,7 @@ function contextsOf(look) {
 }
 
 function hurts(context) {
-  let pain = ["stopped", "in_callback", "not_looping"].includes(context.process.state) ? 1e12 : 0;
+  let pain = context.hangs ? 1e12 : 0;
   for (const { key, hurts: weight } of CONTEXT_COLUMNS) {
     if (weight) pain += weight * Math.min(context[key] ?? 0, 1e3);
   }

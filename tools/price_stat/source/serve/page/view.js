@@ -141,7 +141,7 @@ function showContexts() {
 }
 
 function kindOf(column, context) {
-  if (column.key === "state") return ["running", "ended"].includes(context.process.state) || context.over ? "" : "bad";
+  if (column.key === "state") return context.hangs && !context.over ? "bad" : "";
   if (!(context[column.key] > 0)) return "";
   return column.bad ? "bad" : column.warn ? "warn" : "";
 }
