@@ -24,9 +24,11 @@ namespace {
 
 constexpr std::size_t kChunkBytes = std::size_t{64} << 10;
 constexpr std::size_t kBodyBytesMax = 1024;
+constexpr std::size_t kRequestBytesMax = std::size_t{64} << 10;
 
-// One connection: what it reads and writes ends with its time, or with the server. The library's own limits are for
-// each call, so that a peer who takes a byte now and then could hold a connection for ever.
+// One connection: what it reads and writes ends with its time, or with the server, and a request with its size. The
+// library's own limits are for each call and each line, so that a peer who takes a byte now and then could hold a
+// connection for ever, and one who sends line after line all the memory.
 class Connection : public httplib::Stream {
  public:
   Connection(int socket, const zq::posix::Event& stop) : m_socket(socket), m_stop(stop) {}
@@ -35,7 +37,9 @@ class Connection : public httplib::Stream {
   bool is_writable() const override { return Wait(POLLOUT); }
 
   ssize_t read(char* bytes, std::size_t size) override {
-    return Transfer(POLLIN, [&] { return ::recv(m_socket.Get(), bytes, size, MSG_DONTWAIT); });
+    const ssize_t got = Receive(bytes, std::min(size, m_requestBytesLeft));
+    m_requestBytesLeft -= got > 0 ? static_cast<std::size_t>(got) : 0;
+    return got;
   }
   ssize_t write(const char* bytes, std::size_t size) override {
     return Transfer(POLLOUT, [&] { return ::send(m_socket.Get(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL); });
@@ -51,7 +55,7 @@ class Connection : public httplib::Stream {
     ::shutdown(m_socket.Get(), SHUT_WR);
     std::array<char, 4096> rest{};
     for (std::size_t left = kChunkBytes; left > 0;) {
-      const ssize_t got = read(rest.data(), std::min(rest.size(), left));
+      const ssize_t got = Receive(rest.data(), std::min(rest.size(), left));
       if (got <= 0) {
         return;
       }
@@ -61,6 +65,10 @@ class Connection : public httplib::Stream {
 
  private:
   using Clock = std::chrono::steady_clock;
+
+  ssize_t Receive(char* bytes, std::size_t size) const {
+    return Transfer(POLLIN, [&] { return ::recv(m_socket.Get(), bytes, size, MSG_DONTWAIT); });
+  }
 
   template <class F>
   ssize_t Transfer(short event, const F& call) const {
@@ -87,6 +95,7 @@ class Connection : public httplib::Stream {
 
   const zq::posix::Descriptor m_socket;
   const zq::posix::Event& m_stop;
+  std::size_t m_requestBytesLeft = kRequestBytesMax;
   const Clock::time_point m_end = Clock::now() + std::chrono::seconds(HttpServer::kConnectionSeconds);
 };
 

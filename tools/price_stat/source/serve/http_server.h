@@ -28,7 +28,7 @@ struct HttpSettings {
 // many are served at once that a few that hang keep nobody else waiting.
 class HttpServer {
  public:
-  static constexpr int kConnectionSeconds = 10;
+  static constexpr int kConnectionSeconds = 30;
   static constexpr int kConnectionsMax = 128;
 
   // listening: a socket that listens.

@@ -47,23 +47,25 @@ class SharedLooks {
 };
 
 // Without blanks: it is for programs, and may be large.
-std::string JsonText(const std::vector<Process>& processes) {
+std::string JsonText(const std::string& directory, const std::vector<Process>& processes) {
   auto list = nlohmann::ordered_json::array();
   for (const Process& process : processes) {
     list.push_back(FullJson(process));
   }
   using Json = nlohmann::ordered_json;
-  return Json{{"processes", std::move(list)}}.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+  return Json{{"directory", directory}, {"processes", std::move(list)}}.dump(-1, ' ', false,
+                                                                             Json::error_handler_t::replace) +
+         '\n';
 }
 
 // What the web page asks for again and again: options are many and do not change.
-std::string JsonWithoutOptions(std::vector<Process> processes) {
+std::string JsonWithoutOptions(const std::string& directory, std::vector<Process> processes) {
   for (Process& process : processes) {
     if (process.snapshot) {
       std::erase_if(process.snapshot->rows, [](const auto& row) { return row.kind->name == "option"; });
     }
   }
-  return JsonText(processes);
+  return JsonText(directory, processes);
 }
 
 template <class F>
@@ -90,8 +92,12 @@ HttpSettings SettingsOf(const std::string& directory, const ServeOptions& option
   settings.resources.push_back(MadeAnew("/metrics", kTextMetricsType, looks, [](const std::vector<Process>& processes) {
     return Metrics(processes, MetricsFormat::kText);
   }));
-  settings.resources.push_back(MadeAnew("/json", kJsonType, looks, JsonText));
-  settings.resources.push_back(MadeAnew("/live.json", kJsonType, looks, JsonWithoutOptions));
+  settings.resources.push_back(MadeAnew("/json", kJsonType, looks, [directory](const std::vector<Process>& processes) {
+    return JsonText(directory, processes);
+  }));
+  settings.resources.push_back(MadeAnew("/live.json", kJsonType, looks, [directory](std::vector<Process> processes) {
+    return JsonWithoutOptions(directory, std::move(processes));
+  }));
   // The page's own scripts and styles are told from others by a text that nobody else can know.
   const std::string nonce = RandomText();
   const auto page = std::make_shared<const std::string>(WebPage(nonce));

