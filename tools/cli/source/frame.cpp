@@ -26,6 +26,9 @@ std::string_view CodeOf(Style style) {
 }  // namespace
 
 Frame& Frame::Add(std::string_view text, Style style) {
+  if (RowsLeft() == 0) {
+    return *this;
+  }
   text = text.substr(0, m_size.columns - std::min<std::size_t>(m_size.columns, m_column));
   m_column += text.size();
   const auto code = m_colour ? CodeOf(style) : std::string_view();
@@ -39,6 +42,9 @@ Frame& Frame::Add(std::string_view text, Style style) {
 
 // There is no end of line after the last row, as it would scroll the screen.
 void Frame::EndLine() {
+  if (RowsLeft() == 0) {
+    return;
+  }
   m_text += "\x1b[K";
   if (++m_row < m_size.rows) {
     m_text += "\r\n";
