@@ -55,8 +55,8 @@ cli::ExitCode ShowOptions(const Call& call, const Filter& filter, const std::vec
   } else if (!isEmpty) {
     output.Write(table.ToString());
   }
-  if (processes.empty()) {
-    ComplainOfNobody(call.directory);
+  if (isEmpty) {
+    ComplainOfNothing(call.directory, processes);
   }
   return isEmpty ? cli::ExitCode::kUnsatisfied : cli::ExitCode::kOk;
 }

@@ -45,7 +45,7 @@ cli::ExitCode List(const Call& call, const std::vector<std::string>& names, cons
     output.Write(ToText({{"directory", call.directory}, {"processes", std::move(heads)}}));
   }
   if (processes.empty()) {
-    ComplainOfNobody(call.directory);
+    ComplainOfNothing(call.directory, processes);
     return cli::ExitCode::kUnsatisfied;
   }
   if (!call.json) {

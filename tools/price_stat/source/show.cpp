@@ -263,7 +263,7 @@ cli::ExitCode Show(const Call& call, const ShowOptions& options, const std::vect
     output.Write(ToText({{"directory", call.directory}, {"processes", std::move(all)}}));
   }
   if (processes.empty()) {
-    ComplainOfNobody(call.directory);
+    ComplainOfNothing(call.directory, processes);
     return cli::ExitCode::kUnsatisfied;
   }
   if (!call.json) {

@@ -48,11 +48,13 @@ std::string NumberOf(const Process& process) {
 
 std::string ProcessName(const Process& process) { return cli::OneLine(process.Program()) + ' ' + NumberOf(process); }
 
-void ComplainOfNobody(const std::string& directory) {
+void ComplainOfNothing(const std::string& directory, const std::vector<Process>& processes) {
   cli::Complain("price_stat",
-                "no such process has a page in " + directory +
-                    "\nLook at: whether the processes run, as which user, and whether ZQ_STATISTICS_DIR and "
-                    "XDG_RUNTIME_DIR\nare the same there (with ZQ_STATISTICS_DIR=off they have no pages)");
+                processes.empty()
+                    ? "no such process has a page in " + directory +
+                          "\nLook at: whether the processes run, as which user, and whether ZQ_STATISTICS_DIR and "
+                          "XDG_RUNTIME_DIR are the same there.\nWith ZQ_STATISTICS_DIR=off they have no pages."
+                    : "nothing of that in the pages in " + directory);
 }
 
 }  // namespace price_stat

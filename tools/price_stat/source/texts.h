@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "processes.h"
 #include "zq/statistics/kind.h"
@@ -28,7 +29,7 @@ std::string ProcessName(const Process& process);
 // A process's number; "?" when it is not known.
 std::string NumberOf(const Process& process);
 
-// Says on standard error that there is nothing to show, and what to look at.
-void ComplainOfNobody(const std::string& directory);
+// Says on standard error that there is nothing to show, and what to look at when there are no processes at all.
+void ComplainOfNothing(const std::string& directory, const std::vector<Process>& processes);
 
 }  // namespace price_stat

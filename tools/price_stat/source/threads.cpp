@@ -182,7 +182,7 @@ cli::ExitCode ShowThreads(const Call& call, std::chrono::duration<double> interv
   }
   output.Write(call.json ? ToText({{"directory", call.directory}, {"processes", std::move(json)}}) : text);
   if (processes.empty()) {
-    ComplainOfNobody(call.directory);
+    ComplainOfNothing(call.directory, processes);
     return cli::ExitCode::kUnsatisfied;
   }
   return cli::ExitCode::kOk;

@@ -137,7 +137,7 @@ cli::ExitCode ShowTopics(const Call& call, const std::string& pattern, const cli
     }
   }
   if (topics.empty()) {
-    ComplainOfNobody(call.directory);
+    ComplainOfNothing(call.directory, processes);
     return cli::ExitCode::kUnsatisfied;
   }
   return cli::ExitCode::kOk;
