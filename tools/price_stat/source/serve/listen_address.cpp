@@ -1,6 +1,7 @@
 #include "serve/listen_address.h"
 
 #include <arpa/inet.h>
+#include <fmt/format.h>
 #include <netinet/in.h>
 #include <strings.h>
 
@@ -122,12 +123,12 @@ std::string ListenAddress::Text() const {
     sockaddr_in v4{};
     std::memcpy(&v4, &m_address, sizeof v4);
     ::inet_ntop(AF_INET, &v4.sin_addr, host.data(), host.size());
-    return std::string(host.data()) + ":" + std::to_string(::ntohs(v4.sin_port));
+    return fmt::format("{}:{}", host.data(), ::ntohs(v4.sin_port));
   }
   sockaddr_in6 v6{};
   std::memcpy(&v6, &m_address, sizeof v6);
   ::inet_ntop(AF_INET6, &v6.sin6_addr, host.data(), host.size());
-  return "[" + std::string(host.data()) + "]:" + std::to_string(::ntohs(v6.sin6_port));
+  return fmt::format("[{}]:{}", host.data(), ::ntohs(v6.sin6_port));
 }
 
 bool IsKnownHost(std::string_view host, const std::vector<std::string>& names) {
