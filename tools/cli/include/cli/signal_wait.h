@@ -17,8 +17,8 @@ class SignalWait {
   // Throws std::system_error.
   explicit SignalWait(std::initializer_list<int> signals) : m_signals(signals) {}
 
-  // Returns the signal that came, or 0 once the deadline has passed, Wake was called or, where one is given, input can be
-  // read or has ended. With a deadline in the past it does not wait.
+  // Returns the signal that came, or 0 once the deadline has passed, Wake was called or, where one is given, input can
+  // be read or has ended. With a deadline in the past it does not wait.
   int WaitUntil(Clock::time_point deadline, int input = -1);
 
   // Readable when a signal has come.
