@@ -216,7 +216,7 @@ class Exposition {
     for (const RowValues* const row : rows) {
       std::string labels = LabelsOf(*row);
       if (uses[labels] > 1) {
-        labels += "," + LabelPair("row", std::to_string(row->id));
+        labels.append(1, ',').append(LabelPair("row", std::to_string(row->id)));
       }
       AddRow(*row, labels);
     }
@@ -324,7 +324,7 @@ class Exposition {
           continue;
         }
       }
-      labels += "," + LabelPair(name, row.labels[i]);
+      labels.append(1, ',').append(LabelPair(name, row.labels[i]));
     }
     return labels;
   }
