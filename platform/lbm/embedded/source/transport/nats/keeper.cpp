@@ -36,7 +36,7 @@ constexpr int kReadsMax = 1'024;
 std::string JoinUrls(const std::vector<std::string>& urls) {
   std::string text;
   for (const std::string& url : urls) {
-    text += (text.empty() ? "" : ", ") + PublicUrl(url);
+    text.append(text.empty() ? "" : ", ").append(PublicUrl(url));
   }
   return text;
 }
