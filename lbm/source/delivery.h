@@ -13,14 +13,14 @@ namespace lbm::details {
 
 // How often a row of this thread's callbacks may have gone. A callback that destroys what it belongs to leaves no row
 // to count in.
-inline constinit thread_local std::uint64_t rowsGone = 0;
+inline constinit thread_local std::uint64_t g_rowsGone = 0;
 
 // Counts an exception as it passes, without catching it: where nobody does, the process is to end where it was thrown.
 class CountIfThrown {
  public:
   CountIfThrown(zq::statistics::Row& row, std::size_t failures) noexcept : m_row(row), m_failures(failures) {}
   ~CountIfThrown() {
-    if (!m_returned && m_rowsGone == rowsGone) {
+    if (!m_returned && m_rowsGone == g_rowsGone) {
       m_row.Add(m_failures);
     }
   }
@@ -32,7 +32,7 @@ class CountIfThrown {
  private:
   zq::statistics::Row& m_row;
   const std::size_t m_failures;
-  const std::uint64_t m_rowsGone = rowsGone;
+  const std::uint64_t m_rowsGone = g_rowsGone;
   bool m_returned = false;
 };
 

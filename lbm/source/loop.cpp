@@ -45,12 +45,13 @@ void LoopClock::StrideTook(std::uint64_t nanoseconds) noexcept {
   }
 }
 
-Loop::Loop(Row& row, LoopClock& clock) noexcept : m_row(&row), m_clock(&clock), m_outer(std::exchange(current, this)) {}
+Loop::Loop(Row& row, LoopClock& clock) noexcept
+    : m_row(&row), m_clock(&clock), m_outer(std::exchange(g_current, this)) {}
 
-Loop::Loop(Row& row) noexcept : m_row(&row), m_outer(std::exchange(current, this)) {}
+Loop::Loop(Row& row) noexcept : m_row(&row), m_outer(std::exchange(g_current, this)) {}
 
 Loop::~Loop() {
-  current = m_outer;
+  g_current = m_outer;
   Rest();
   if (m_row != nullptr) {
     m_row->Add(loop_field::kLoops);
@@ -58,7 +59,7 @@ Loop::~Loop() {
 }
 
 void Loop::Forget(const Row& row) noexcept {
-  for (Loop* loop = current; loop != nullptr; loop = loop->m_outer) {
+  for (Loop* loop = g_current; loop != nullptr; loop = loop->m_outer) {
     if (loop->m_row == &row) {
       loop->m_row = nullptr;
     }

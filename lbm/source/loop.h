@@ -52,7 +52,7 @@ class Loop {
   Loop& operator=(const Loop&) = delete;
 
   // The innermost one of the calling thread, or null.
-  static Loop* Current() noexcept { return current; }
+  static Loop* Current() noexcept { return g_current; }
 
   // Has the calling thread's loops forget a row that is going.
   static void Forget(const zq::statistics::Row& row) noexcept;
@@ -76,7 +76,7 @@ class Loop {
   std::uint64_t Record() noexcept;
   std::uint64_t Now() noexcept;
 
-  static inline constinit thread_local Loop* current = nullptr;
+  static inline constinit thread_local Loop* g_current = nullptr;
 
   zq::statistics::Row* m_row;
   LoopClock* m_clock = nullptr;

@@ -63,7 +63,7 @@ Receiver::Receiver(Context& ctx, ReceiverTopic topic, Callback cb, EventQueue* e
 Receiver::~Receiver() {
   LBM_LOG(ZQLOG_INFO, kReceiverDeleting, "Deleting receiver on topic=" << m_topic);
   lbm_rcv_delete(m_rcv);
-  ++details::rowsGone;
+  ++details::g_rowsGone;
 }
 
 void Receiver::SetString(const char* name, const char* value) {

@@ -38,7 +38,7 @@ Request::~Request() {
   if (m_req != nullptr && details::Failed(lbm_request_delete(m_req))) {
     details::LogLbmError("Failed to delete LBM request");
   }
-  ++details::rowsGone;
+  ++details::g_rowsGone;
 }
 
 }  // namespace lbm

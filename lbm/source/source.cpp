@@ -77,7 +77,7 @@ void Source::Destroy() {
   }
   m_src = nullptr;
   m_row.reset();
-  ++details::rowsGone;
+  ++details::g_rowsGone;
   m_transport_id = 0;
   m_destroyed = true;
 }

@@ -13,8 +13,6 @@
 
 namespace lbm {
 
-class Context;
-
 namespace details {
 
 using zq::statistics::Row;
@@ -81,8 +79,6 @@ struct ContextStatistics {
   // Goes with the last of the context and its receivers: one of these may answer while the context goes.
   const std::shared_ptr<Row> responses;
 };
-
-const ContextStatistics& StatisticsOf(const Context& ctx) noexcept;
 
 // The row of what is answered by the calling thread: that of the context whose request it has been delivered, or one
 // without a context.

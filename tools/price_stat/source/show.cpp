@@ -17,7 +17,6 @@ namespace price_stat {
 namespace {
 
 using zq::statistics::Distribution;
-using zq::statistics::Field;
 using zq::statistics::FieldType;
 using zq::statistics::Kind;
 using zq::statistics::RowValues;

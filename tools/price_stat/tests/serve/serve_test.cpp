@@ -57,7 +57,10 @@ class ServeTest : public testing::Test {
 
   std::string Get(const std::string& path) const {
     const auto answer = Client().Get(path);
-    return answer && answer->status == 200 ? answer->body : "no answer";
+    if (!answer) {
+      return "no answer: " + httplib::to_string(answer.error());
+    }
+    return answer->status == 200 ? answer->body : "status " + std::to_string(answer->status);
   }
 
   // A connection on which the request was sent and nothing is read, with little room for an answer.
