@@ -99,7 +99,7 @@ struct Page::KnownKind {
   Kind kind;
   details::KindLayout layout;
   std::uint32_t id = 0;
-  details::Cell* other = nullptr;  // the cells of the row for which there was no room
+  details::Cell* other = nullptr;  // cells of the row of those for which there was no room; null: nor was for it
 };
 
 Page::Page(const PageSettings& settings)
@@ -125,7 +125,9 @@ Page::Page(const PageSettings& settings)
 
   const std::uint64_t indexOffset = RoundUp(sizeof(Header), kUnit);
   m_heapEnd = RoundUp(indexOffset + m_rowsMax * sizeof(std::uint64_t), kMemoryPage);
-  if (!Map(0, m_heapEnd) || !Back(0, indexOffset + kMemoryPage)) {
+  // The file is as long as the page says from the beginning, and takes memory for the part that is in use.
+  if (!Map(0, m_heapEnd) || (m_file && ::ftruncate(m_file.Get(), static_cast<off_t>(m_heapEnd)) != 0) ||
+      !Back(0, indexOffset + kMemoryPage)) {
     m_fault = "there is no room for a page of statistics" + (m_file ? " in " + settings.directory : std::string());
     ::munmap(std::exchange(m_memory, nullptr), m_bytesMax);
     m_file = {};
@@ -286,16 +288,15 @@ Page::KnownKind* Page::Known(const Kind& kind) {
     return nullptr;
   }
   description.copy(At<char>(block.offset), description.size());
-  // Before the first row that is denied, so that there is room for it.
-  const std::vector<std::string_view> labels(kind.labels.size(), kOther);
-  const std::optional<std::uint32_t> other = MakeRow(known->id, known->layout, labels);
-  if (!other) {
-    return nullptr;
-  }
-  known->other = CellsOf(*other);
   KnownKind& result = *m_kinds.emplace(kind.name, std::move(known)).first->second;
+  // Before any row of it, which readers could not understand.
   GetHeader().kinds[result.id].store(static_cast<std::uint32_t>(block.offset / kUnit), std::memory_order_relaxed);
   GetHeader().kindsUsed.store(m_kinds.size(), std::memory_order_release);
+  // Before the first row that is denied, so that there is room for it.
+  const std::vector<std::string_view> labels(kind.labels.size(), kOther);
+  if (const std::optional<std::uint32_t> other = MakeRow(result.id, result.layout, labels)) {
+    result.other = CellsOf(*other);
+  }
   return &result;
 }
 
@@ -336,19 +337,16 @@ Page::Place Page::Make(const Kind& kind, std::initializer_list<std::string_view>
   if (m_memory == nullptr || m_forked) {
     return {};
   }
-  GetHeader().rowsInOther.fetch_add(1, std::memory_order_relaxed);
   KnownKind* const known = Known(kind);
-  if (known == nullptr) {
-    return {};
+  if (known != nullptr) {
+    std::vector<std::string_view> all(labels);
+    all.resize(kind.labels.size());
+    if (const std::optional<std::uint32_t> index = MakeRow(known->id, known->layout, all)) {
+      return {.cells = CellsOf(*index), .layout = &known->layout, .index = *index};
+    }
   }
-  std::vector<std::string_view> all(labels);
-  all.resize(kind.labels.size());
-  const std::optional<std::uint32_t> index = MakeRow(known->id, known->layout, all);
-  if (!index) {
-    return {.cells = known->other, .layout = &known->layout, .other = true};
-  }
-  GetHeader().rowsInOther.fetch_sub(1, std::memory_order_relaxed);
-  return {.cells = CellsOf(*index), .layout = &known->layout, .index = *index};
+  GetHeader().rowsInOther.fetch_add(1, std::memory_order_relaxed);
+  return known != nullptr ? Place{.cells = known->other, .layout = &known->layout, .other = true} : Place{};
 }
 
 void Page::Give(std::uint32_t index) noexcept {

@@ -150,10 +150,12 @@ class Look {
   Snapshot Take() {
     ReadHeader();
     m_snapshot.takenMonotonic = Now();
-    const std::uint64_t indexEnd = m_header.indexOffset + m_indexUsed * sizeof(std::uint64_t);
-    const std::vector<std::uint64_t> index = CopyOf(m_source, m_header.indexOffset, indexEnd);
+    const std::uint64_t indexBegin = m_header.indexOffset;
+    const std::uint64_t indexEnd = indexBegin + m_indexUsed * sizeof(std::uint64_t);
+    const std::vector<std::uint64_t> index = CopyOf(m_source, indexBegin, indexEnd);
+    ReadHeader();  // again: the rows just seen may be of kinds, and in a part of the heap, that are newer
     m_heap = CopyOf(m_source, m_header.heapOffset, m_heapEnd);
-    const std::vector<std::uint64_t> indexAfter = CopyOf(m_source, m_header.indexOffset, indexEnd);
+    const std::vector<std::uint64_t> indexAfter = CopyOf(m_source, indexBegin, indexEnd);
     ReadKinds();
     for (std::size_t i = 0; i < index.size(); ++i) {
       // A row that came or went while it was copied is left out.

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "page.h"
 #include "test_support/temporary_directory.h"
@@ -122,6 +123,34 @@ TEST_F(DamagedPage, RowsThatComeAndGoAreNeverMixedUp) {
   }
   ended = true;
   writer.join();
+}
+
+TEST_F(DamagedPage, IsNotSeenInOneThatGrowsAndLearnsNewKinds) {
+  for (int round = 0; round < 20; ++round) {
+    statistics::Page page({.directory = m_directory.Path() / "pages"});
+    std::atomic<bool> ended{false};
+    std::thread writer([&] {
+      std::vector<std::unique_ptr<statistics::Row>> rows;
+      for (int number = 0; number < 100; ++number) {
+        statistics::Kind kind = kThing;
+        kind.name += std::to_string(number);
+        for (int i = 0; i < 3; ++i) {
+          rows.push_back(std::make_unique<statistics::Row>(page, kind, std::initializer_list<std::string_view>{"a"}));
+        }
+      }
+      ended = true;
+      while (ended) {
+        std::this_thread::yield();
+      }
+    });
+    while (!ended) {
+      EXPECT_NO_THROW(statistics::ReadPage(page.Path()));
+    }
+    EXPECT_EQ(400U, statistics::ReadPage(page.Path()).rows.size());
+    EXPECT_EQ(0U, statistics::ReadPage(page.Path()).rowsInOther);
+    ended = false;
+    writer.join();
+  }
 }
 
 }  // namespace
