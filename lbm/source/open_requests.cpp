@@ -135,7 +135,10 @@ void OpenRequests::TakeEvent(int event) {
   }
   lock.unlock();
   for (const auto& request : due) {
-    SendAgain(Lock(m_mutex), *request);
+    Lock again(m_mutex);
+    if (request->isOpen && !request->isAnswered) {
+      SendAgain(std::move(again), *request);
+    }
   }
   if (listeners != listenersBefore && m_onListeners) {
     m_onListeners(listeners);
