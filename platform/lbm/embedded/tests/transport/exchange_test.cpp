@@ -17,6 +17,7 @@ class Exchange : public testing::Test {
 TEST_F(Exchange, ReachesEverySubscriberOfTheDomainAndTheContextItself) {
   Member a(SettingsIn(m_directory, "a"));
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  Settle({&a});
   Member b(SettingsIn(m_directory, "b"));
   Member c(SettingsIn(m_directory, "c"), false);
   Settle({&a, &b, &c});
@@ -34,6 +35,7 @@ TEST_F(Exchange, ReachesEverySubscriberOfTheDomainAndTheContextItself) {
 TEST_F(Exchange, SubscribersHearOnlyWhatFollowsTheirSubscription) {
   Member a(SettingsIn(m_directory), false);
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  Settle({&a});
   Publish(*a.transport, *publication, "early");
   Member b(SettingsIn(m_directory, "b"));
   Settle({&a, &b});

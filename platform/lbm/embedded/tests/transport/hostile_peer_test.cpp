@@ -21,10 +21,17 @@ FrameBytes FrameOf(const T& value) {
   return {bytes.begin(), bytes.end()};
 }
 
+FrameBytes TopicFrame(wire::Type type, std::uint32_t source, std::string_view topic) {
+  FrameBytes frame;
+  const auto send = [&](Bytes packet) { frame.assign(packet.begin(), packet.end()); };
+  wire::TopicBatch batch(type);
+  batch.Add(source, topic, send);
+  batch.Finish(send);
+  return frame;
+}
+
 FrameBytes Advertisement(std::uint32_t id) {
-  wire::AdvertiseBatch batch;
-  batch.Add(id, "raw topic");
-  return {batch.Packet().begin(), batch.Packet().end()};
+  return TopicFrame(wire::Type::kAdvertise, id, "raw topic");
 }
 
 // To the only source of the test's context.
@@ -72,18 +79,16 @@ TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
 }
 
 TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
-  const wire::Withdraw withdraw{.source = 9};
-  FrameBytes longWithdraw = FrameOf(withdraw);
+  FrameBytes longWithdraw = FrameOf(wire::Withdraw{.source = 9});
   longWithdraw.push_back(std::byte{0});
   FrameBytes cutAdvertisement = Advertisement(1);
   cutAdvertisement.pop_back();
   const std::vector<std::vector<FrameBytes>> conversations = {
-      {FrameOf(withdraw)},
       {FrameOf(wire::Hello())},
       {longWithdraw},
       {FrameBytes(1)},
       {cutAdvertisement},
-      {Advertisement(1), Advertisement(1)},
+      {Advertisement(1), TopicFrame(wire::Type::kAdvertise, 1, "another topic")},
       {FrameOf(kSubscription)},                              // without a parking word
       {FrameOf(wire::ResponseHeader{.total = 10})},          // a fragment of nothing
       {FrameOf(wire::ResponseHeader{.total = 0xffffffff})},  // a response beyond the bound
@@ -182,7 +187,7 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
       [](RawRing& ring) { ring.Put(wire::Type::kDoorbell, {}); },
       [&](RawRing& ring) { ring.Put(wire::Type::kMessage, cutAt(wire::MessageHeader{}, 7)); },
       [&](RawRing& ring) { ring.Put(wire::Type::kLoss, cutAt(wire::Loss{}, 13)); },
-      [](RawRing& ring) { ring.Put(wire::Type::kWithdrawn, wire::BytesOf(wire::Withdrawn{9})); },
+      [&](RawRing& ring) { ring.Put(wire::Type::kWithdrawn, cutAt(wire::Withdrawn{}, 3)); },
       [](RawRing& ring) { ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = 10})); },
       [](RawRing& ring) {
         ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = kMessageMax + 1}));
@@ -233,6 +238,7 @@ TEST_F(HostilePeer, AnImpossibleHeadEndsTheLink) {
 TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
   const ParkingWord parkingWord;
   const std::vector<FrameBytes> honest = {wire::EncodeHello({1, 2, "raw"}),        Advertisement(1),
+                                          TopicFrame(wire::Type::kWant, 0, "T"),   FrameOf(wire::Type::kWantAll),
                                           FrameOf(wire::Type::kParkingWord),       FrameOf(kSubscription),
                                           FrameOf(wire::Unsubscribe{.source = 1}), FrameOf(wire::Type::kCredit),
                                           FrameOf(wire::Withdraw{.source = 1})};
@@ -287,11 +293,13 @@ TEST_F(HostilePeer, DamagedFramesNeverHarmTheContext) {
 TEST_F(HostilePeer, NeverReadingIsCutOffInTheEnd) {
   const RawPeer peer(m_address);
   peer.Greet();
+  peer.Send(wire::Type::kWantAll);
   Settle({&m_member});
   const std::string topic(4000, 't');
   for (int i = 0; i < 40'000 && m_member.Notices().empty(); ++i) {
-    m_member.transport->Withdraw(*m_member.transport->Advertise({topic, Pacing::kSource}));
-    m_member.Drain();
+    const auto publication = m_member.transport->Advertise({topic, Pacing::kSource});
+    Settle({&m_member});
+    m_member.transport->Withdraw(*publication);
   }
   EXPECT_THAT(m_member.Notices(), ElementsAre(HasSubstr("does not read")));
   Settle({&m_member});

@@ -26,6 +26,16 @@ class ScratchDirectory {
     return found;
   }
 
+  // How many entries say what contexts offer and want.
+  std::size_t Entries() const {
+    const auto topics = m_directory.Path() / "test/topics";
+    std::size_t found = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(topics)) {
+      found += entry.is_directory() ? 0 : 1;
+    }
+    return found;
+  }
+
  private:
   const test_support::TemporaryDirectory m_directory;
 };
@@ -38,15 +48,21 @@ inline HostSettings SettingsIn(const ScratchDirectory& directory, const std::str
   return settings;
 }
 
+// A context that wants to hear of all sources, unless it is told which.
 class Member : public Witness {
  public:
-  explicit Member(HostSettings settings, bool subscribes = true)
+  explicit Member(HostSettings settings, bool subscribes = true, bool watchesAll = true)
       : Witness(
             [&](const WarningHandler& warn) {
               settings.warn = warn;
               return JoinHostDomain(settings);
             },
-            subscribes) {}
+            subscribes) {
+    if (watchesAll) {
+      transport->WatchAll();
+      Drain();  // to be linked to those that are there
+    }
+  }
 };
 
 }  // namespace engine::transport::host

@@ -1,6 +1,4 @@
-#include <fcntl.h>
 #include <spawn.h>
-#include <sys/file.h>
 #include <sys/fsuid.h>
 #include <sys/wait.h>
 
@@ -113,6 +111,7 @@ TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
   Publish(*a.transport, *publication, "to make the context's own ring");
   Settle({&a});
   const Holdings before = Holdings::Now();
+  const std::size_t entriesBefore = m_directory.Entries();
   std::mt19937 random(static_cast<unsigned>(kills));
   for (int i = 0; i < kills && !HasFailure(); ++i) {
     next = 0;
@@ -139,6 +138,7 @@ TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
   EXPECT_TRUE(a.Notices().empty());
   { const Member clearsUp(SettingsIn(m_directory), false); }
   EXPECT_EQ(m_directory.Sockets().size(), 1U);
+  EXPECT_EQ(m_directory.Entries(), entriesBefore);
 }
 
 TEST_F(Membership, AnotherUserIsRefusedBeforeAWord) {
@@ -233,19 +233,6 @@ TEST_F(Membership, WhoCallsAContextThatLeavesIsHungUpOn) {
   EXPECT_FALSE(caller.CutOff());
   a.transport->Close(std::chrono::milliseconds(0));
   EXPECT_TRUE(caller.CutOff());
-}
-
-TEST_F(Membership, AProcessThatStopsWhileItJoinsKeepsOthersNotForEver) {
-  HostSettings settings = SettingsIn(m_directory);
-  settings.joinPatience = std::chrono::milliseconds(20);
-  { const Member a(settings); }
-  const zq::posix::Descriptor stopped(::open((m_directory.Path() + "/test/lock").c_str(), O_RDWR | O_CLOEXEC));
-  ASSERT_EQ(::flock(stopped.Get(), LOCK_EX), 0);
-  const auto lastToJoin = "process " + std::to_string(::getpid());
-  EXPECT_THAT([&] { JoinHostDomain(settings); },
-              testing::ThrowsMessage<std::runtime_error>(AllOf(HasSubstr(lastToJoin), HasSubstr("kill -CONT"))));
-  ASSERT_EQ(::flock(stopped.Get(), LOCK_UN), 0);
-  EXPECT_EQ(Member(settings).Notices().size(), 0U);
 }
 
 TEST_F(Membership, ContextsAreTakenInOnceThereAreDescriptorsAgain) {

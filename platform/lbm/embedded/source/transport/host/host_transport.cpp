@@ -19,6 +19,7 @@
 #include "system/tuning.h"
 #include "transport/draining_thread.h"
 #include "transport/fault.h"
+#include "transport/host/introductions.h"
 #include "transport/host/link/acceptor.h"
 #include "transport/host/link/link.h"
 #include "transport/host/link/rendezvous.h"
@@ -44,6 +45,9 @@ constexpr Poller::Token kFirstLinkId = 2;
 constexpr int kFramesPerLinkMax = 64;
 constexpr std::size_t kFramesPerRingMax = 256;
 
+// Drains in a row that serve others before this context looks whom it has to call itself.
+constexpr int kCallsPostponedMax = 16;
+
 // A context that parks again within this time is woken often.
 constexpr std::chrono::milliseconds kOften{1};
 
@@ -57,16 +61,11 @@ class HostTransport final : public Transport {
   ~HostTransport() override { Close(std::chrono::milliseconds(0)); }
 
   const std::string& Identity() const noexcept override { return m_identity; }
-  std::shared_ptr<Publication> Advertise(const PublicationInfo& info) override {
-    return m_publications.Advertise(info);
-  }
-  void Withdraw(Publication& publication) override {
-    m_publications.Withdraw(static_cast<HostPublication&>(publication));
-  }
-  // Every context of the domain hears of every source.
-  void Watch(const std::string&) override {}
-  void Unwatch(const std::string&) override {}
-  void WatchAll() override {}
+  std::shared_ptr<Publication> Advertise(const PublicationInfo& info) override;
+  void Withdraw(Publication& publication) override;
+  void Watch(const std::string& topic) override { m_introductions.Watch(topic); }
+  void Unwatch(const std::string& topic) override { m_introductions.Unwatch(topic); }
+  void WatchAll() override { m_introductions.WatchAll(); }
   void Subscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Subscribe(); }
   void Unsubscribe(RemoteSource& source) override { static_cast<HostRemoteSource&>(source).Unsubscribe(); }
   SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override {
@@ -83,8 +82,12 @@ class HostTransport final : public Transport {
   void Close(std::chrono::milliseconds linger) noexcept override;
 
  private:
-  void LinkToSelf();
-  void Adopt(zq::posix::Descriptor& socket, LinkKind kind);
+  Rendezvous::Outcome LinkTo(const std::string& name, std::shared_ptr<Link>& link);
+  std::shared_ptr<Link> LinkToSelf();
+  Peer* Adopt(zq::posix::Descriptor& socket, LinkKind kind);
+  void NoteGreeting(Peer& peer);
+  void ForgetName(Peer& peer);
+  std::size_t MeetOthers(Listener& listener);
   void OpenRing(Peer& peer, Listener& listener);
   void Retry(Listener& listener);
   bool RingsHaveWork() noexcept;
@@ -103,6 +106,7 @@ class HostTransport final : public Transport {
   RetryTimer m_retryTimer;
   PublicationRegistry m_publications;
   Rendezvous m_rendezvous;
+  Introductions m_introductions;
   ParkingWord m_parkingWord;
   std::atomic<bool> m_closed{false};
   DrainingThread m_draining;
@@ -112,9 +116,14 @@ class HostTransport final : public Transport {
   std::uint64_t m_nextLinkId = kFirstLinkId;
   std::unordered_map<std::uint64_t, Peer> m_peers;  // by the link's id
   std::vector<Peer*> m_producers;                   // those of m_peers that have passed a ring
+  std::shared_ptr<Link> m_self;                     // on which this context advertises to itself
+  // Those of m_peers that are the same context, by its name in the directory of the domain: both may have called the
+  // other at the same time. This context advertises on the first link, and only there.
+  std::unordered_map<std::string, std::vector<Peer*>> m_byName;
   PollBackoff m_pollBackoff;
   std::chrono::steady_clock::time_point m_lastPark;
   std::vector<std::byte> m_packet;
+  int m_callsPostponed = 0;
 };
 
 HostTransport::HostTransport(const HostSettings& settings)
@@ -125,12 +134,36 @@ HostTransport::HostTransport(const HostSettings& settings)
       m_warnings(settings.warn),
       m_retryTimer(m_poller, kRetryToken),
       m_publications(m_identity, settings.firstSequence),
-      m_rendezvous(settings.runtimeDirectory, settings.domain, m_greeting.instance),
-      m_acceptor(m_rendezvous, m_poller, kAcceptToken, m_retryTimer, m_warnings,
+      m_rendezvous(settings.runtimeDirectory, settings.domain,
+                   ContextFileName(m_greeting.process, m_greeting.instance)),
+      m_introductions(m_rendezvous, m_publications, m_retryTimer, m_warnings,
+                      [this](const std::string& name, std::shared_ptr<Link>& link) { return LinkTo(name, link); }),
+      m_acceptor(m_rendezvous.Join(), m_poller, kAcceptToken, m_retryTimer, m_warnings,
                  [this](zq::posix::Descriptor& socket) { Adopt(socket, LinkKind::kPeer); }),
-      m_packet(wire::kPacketMax) {
-  LinkToSelf();
-  m_acceptor.Join(settings.joinPatience);
+      m_packet(wire::kPacketMax) {}
+
+std::shared_ptr<Publication> HostTransport::Advertise(const PublicationInfo& info) {
+  auto publication = m_publications.Advertise(info);
+  try {
+    m_rendezvous.Say(Role::kOffers, KeyOf(info.topic));
+  } catch (...) {
+    m_publications.Withdraw(*publication);
+    throw;
+  }
+  try {
+    m_introductions.Announce(publication->Id());
+  } catch (...) {
+    Withdraw(*publication);
+    throw;
+  }
+  return publication;
+}
+
+void HostTransport::Withdraw(Publication& publication) {
+  auto& own = static_cast<HostPublication&>(publication);
+  if (m_publications.Withdraw(own)) {
+    m_rendezvous.TakeBack(Role::kOffers, KeyOf(own.Info().topic));
+  }
 }
 
 bool HostTransport::Park() {
@@ -164,21 +197,29 @@ std::size_t HostTransport::DrainMemory(Listener& listener) {
 std::size_t HostTransport::Drain(Listener& listener) {
   const DrainingThread::Scope scope(m_draining);
   std::size_t done = ConsumeRings(listener);
+  std::size_t served = 0;
   Poller::Events storage;
   for (const epoll_event& event : m_poller.Poll(storage, 0)) {
     if (m_closed) {
       break;
     }
     if (event.data.u64 == kAcceptToken) {
-      done += m_acceptor.Accept();
+      served += m_acceptor.Accept();
     } else if (event.data.u64 == kRetryToken) {
       Retry(listener);
       ++done;
     } else if (const auto found = m_peers.find(event.data.u64); found != m_peers.end()) {
-      done += Serve(found->second, event.events, listener);
+      served += Serve(found->second, event.events, listener);
     }
   }
-  return done;
+  // Those who call first may be just the ones to be called.
+  if (served == 0 || ++m_callsPostponed == kCallsPostponedMax) {
+    m_callsPostponed = 0;
+    done += MeetOthers(listener);
+  } else {
+    m_introductions.Postpone();
+  }
+  return done + served;
 }
 
 void HostTransport::Close(std::chrono::milliseconds linger) noexcept {
@@ -192,43 +233,111 @@ void HostTransport::Close(std::chrono::milliseconds linger) noexcept {
   } catch (const std::exception& error) {
     m_warnings.Tell([&] { return std::string("left the domain without sending everything: ") + TextOf(error); });
   }
-  for (const auto& link : m_publications.Links()) {
+  for (const auto& link : m_publications.Attached()) {
     link->Close();
   }
   m_settings.statistics->Counters().Set(context_field::kPeers, 0);
 }
 
-void HostTransport::LinkToSelf() {
-  int ends[2];
-  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
-    zq::posix::ThrowErrno("cannot connect a context to itself");
+std::size_t HostTransport::MeetOthers(Listener& listener) {
+  const std::size_t done = m_introductions.Run();
+  if (m_introductions.TakeUnwatched()) {
+    for (auto& [id, peer] : m_peers) {
+      peer.EndUnwatched(listener);
+    }
   }
-  zq::posix::Descriptor advertising(ends[0]);
-  zq::posix::Descriptor finding(ends[1]);
-  Adopt(advertising, LinkKind::kSelfAdvertising);
-  Adopt(finding, LinkKind::kSelfFinding);
+  return done;
 }
 
-// See Acceptor::Adopt.
-void HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
+Rendezvous::Outcome HostTransport::LinkTo(const std::string& name, std::shared_ptr<Link>& link) {
+  if (name == m_rendezvous.Name()) {
+    link = LinkToSelf();
+    return Rendezvous::Outcome::kConnected;
+  }
+  if (const auto found = m_byName.find(name); found != m_byName.end()) {
+    link = found->second.front()->GetLink();
+    return Rendezvous::Outcome::kConnected;
+  }
+  zq::posix::Descriptor socket;
+  const Rendezvous::Outcome outcome = m_rendezvous.Connect(name, socket);
+  if (outcome != Rendezvous::Outcome::kConnected) {
+    return outcome;
+  }
+  Peer* const peer = Adopt(socket, LinkKind::kPeer);
+  if (peer == nullptr) {
+    return Rendezvous::Outcome::kGone;
+  }
+  peer->SetFileName(name);
+  m_byName[name].push_back(peer);
+  link = peer->GetLink();
+  return outcome;
+}
+
+std::shared_ptr<Link> HostTransport::LinkToSelf() {
+  if (m_self == nullptr) {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
+      zq::posix::ThrowErrno("cannot connect a context to itself");
+    }
+    zq::posix::Descriptor advertising(ends[0]);
+    zq::posix::Descriptor finding(ends[1]);
+    Adopt(finding, LinkKind::kSelfFinding);
+    m_self = Adopt(advertising, LinkKind::kSelfAdvertising)->GetLink();
+  }
+  return m_self;
+}
+
+// See Acceptor::Adopt. Null when it is refused for good.
+Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
   if (!SameUser(socket.Get())) {
     m_warnings.Tell([] { return "refused a context that runs as another user"; });
-    return;
+    return nullptr;
   }
   const std::uint64_t id = m_nextLinkId++;
   m_poller.Add(socket.Get(), id, EPOLLIN);
   const auto link = std::make_shared<Link>(id, kind, std::move(socket), m_poller, m_parkingWord.GetDescriptor());
-  m_peers.try_emplace(
-      id, link,
-      Peer::Surroundings{m_publications, m_closed, std::bit_ceil(m_settings.ringBytes), m_settings.statistics});
+  Peer& peer = m_peers
+                   .try_emplace(id, link,
+                                Peer::Surroundings{m_publications, m_introductions, m_closed,
+                                                   std::bit_ceil(m_settings.ringBytes), m_settings.statistics})
+                   .first->second;
   if (kind == LinkKind::kPeer) {
     m_settings.statistics->Counters().Serial().Add(context_field::kPeers);
   }
   try {
     m_publications.Attach(link, m_hello);
+    if (kind == LinkKind::kPeer && m_introductions.WatchesAll()) {
+      link->SendSignal(wire::Type::kWantAll);
+    }
   } catch (...) {
     link->Abort({});
     throw;
+  }
+  return &peer;
+}
+
+void HostTransport::NoteGreeting(Peer& peer) {
+  if (peer.GetLink()->Kind() != LinkKind::kPeer) {
+    return;
+  }
+  std::vector<Peer*>& same = m_byName[peer.FileName()];
+  if (std::find(same.begin(), same.end(), &peer) == same.end()) {
+    same.push_back(&peer);
+  }
+  peer.AdvertiseOn(same.front()->GetLink());
+}
+
+// Where there are two links to a context, the other one ends as well.
+void HostTransport::ForgetName(Peer& peer) {
+  const auto found = m_byName.find(peer.FileName());
+  if (found == m_byName.end() || std::erase(found->second, &peer) == 0) {
+    return;
+  }
+  for (Peer* const other : found->second) {
+    other->GetLink()->Abort({});
+  }
+  if (found->second.empty()) {
+    m_byName.erase(found);
   }
 }
 
@@ -260,6 +369,7 @@ void HostTransport::Retry(Listener& listener) {
     }
   }
   m_acceptor.Retry();
+  m_introductions.Retry();
   if (refused) {
     m_retryTimer.Start();
   }
@@ -324,7 +434,11 @@ Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener
   if (received == Link::Received::kFrame) {
     const bool hadRing = peer.HasInboundRing();
     const bool awaitedRing = peer.AwaitsRing();
+    const bool wasGreeted = peer.Greeted();
     peer.Handle(std::move(arrival), listener);
+    if (!wasGreeted) {
+      NoteGreeting(peer);
+    }
     if (peer.HasInboundRing() != hadRing) {
       m_producers.push_back(&peer);
     }
@@ -351,6 +465,7 @@ void HostTransport::EndPeer(Peer& peer, Listener& listener) {
   if (peer.GetLink()->Kind() == LinkKind::kPeer) {
     m_settings.statistics->Counters().Serial().Subtract(context_field::kPeers);
   }
+  ForgetName(peer);
   const auto node = m_peers.extract(peer.GetLink()->Id());
   peer.GetLink()->Close();
   peer.End(listener);
@@ -375,7 +490,7 @@ void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
   for (;;) {
     unsent.clear();
     const bool ringsPending = !m_publications.FlushAll();
-    for (const auto& link : m_publications.Links()) {
+    for (const auto& link : m_publications.Attached()) {
       // Nobody is left at the other end of the links to this context itself.
       if (link->Kind() == LinkKind::kPeer && !link->Flush()) {
         unsent.push_back({link->GetDescriptor(), POLLOUT, 0});

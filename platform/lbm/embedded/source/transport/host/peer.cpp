@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <utility>
+#include <vector>
 
 #include "transport/fault.h"
 #include "transport/instance.h"
@@ -27,12 +28,13 @@ std::string Peer::Label() const {
 void Peer::Handle(Link::Arrival arrival, Listener& listener) {
   const Bytes frame = arrival.frame;
   if (!m_greeted) {
-    m_greeting = wire::DecodeHello(frame);
-    m_identity = wire::IdentityOf(m_greeting);
-    m_greeted = true;
-    return;
+    return OnHello(frame);
   }
   switch (wire::TypeOf(frame)) {
+    case wire::Type::kWant:
+      return OnWant(frame);
+    case wire::Type::kWantAll:
+      return m_surroundings.publications.OfferAll(m_advertising);
     case wire::Type::kAdvertise:
       return OnAdvertise(frame, listener);
     case wire::Type::kWithdraw:
@@ -88,6 +90,18 @@ bool Peer::RingHasWork() noexcept {
   }
 }
 
+void Peer::EndUnwatched(Listener& listener) {
+  std::vector<std::uint32_t> unwatched;
+  for (const auto& [id, source] : m_sources) {
+    if (!m_surroundings.introductions.Watches(source->Topic())) {
+      unwatched.push_back(id);
+    }
+  }
+  for (const std::uint32_t id : unwatched) {
+    OnWithdrawn(id, listener);
+  }
+}
+
 void Peer::End(Listener& listener) {
   m_lastSource = nullptr;
   for (const auto& [id, source] : std::exchange(m_sources, {})) {
@@ -117,24 +131,51 @@ void Peer::TellWritable(const std::vector<std::uint32_t>& publications, Listener
   }
 }
 
+void Peer::OnHello(Bytes frame) {
+  m_greeting = wire::DecodeHello(frame);
+  m_identity = wire::IdentityOf(m_greeting);
+  const std::string fileName = ContextFileName(m_greeting.process, m_greeting.instance);
+  if (!m_fileName.empty() && m_fileName != fileName) {
+    throw Fault("it answers for another context");
+  }
+  m_fileName = fileName;
+  m_greeted = true;
+}
+
+void Peer::OnWant(Bytes frame) {
+  std::vector<std::uint32_t> wanted;
+  wire::DecodeTopics(frame, [&](std::uint32_t, std::string_view topic) {
+    const auto publications = m_surroundings.publications.Of(std::string(topic));
+    wanted.insert(wanted.end(), publications.begin(), publications.end());
+  });
+  m_surroundings.publications.Offer(m_advertising, wanted);
+}
+
+// A source may be advertised more than once: to whoever looks for it, and because somebody looks. What is no longer
+// wanted may still be on its way.
 void Peer::OnAdvertise(Bytes frame, Listener& listener) {
-  wire::DecodeAdvertise(frame, [&](std::uint32_t id, std::string_view topic) {
-    auto source =
-        std::make_shared<HostRemoteSource>(std::string(topic), wire::SourceSession(m_identity, id), id, m_link);
-    if (!m_sources.emplace(id, source).second) {
-      throw Fault("it advertised a source twice");
+  wire::DecodeTopics(frame, [&](std::uint32_t id, std::string_view name) {
+    const std::string topic(name);
+    if (const auto known = m_sources.find(id); known != m_sources.end()) {
+      if (known->second->Topic() != topic) {
+        throw Fault("it advertised one source with two topics");
+      }
+      return;
     }
-    listener.OnSourceUp(source);
+    if (m_surroundings.introductions.Watches(topic)) {
+      auto source = std::make_shared<HostRemoteSource>(topic, wire::SourceSession(m_identity, id), id, m_link);
+      m_sources.emplace(id, source);
+      listener.OnSourceUp(source);
+    }
   });
 }
 
+// Of a source that is not wanted it may not be known.
 void Peer::OnWithdrawn(std::uint32_t source, Listener& listener) {
-  const auto node = m_sources.extract(source);
-  if (!node) {
-    throw Fault("it withdrew a source that it had not advertised");
+  if (const auto node = m_sources.extract(source)) {
+    m_lastSource = nullptr;
+    listener.OnSourceDown(node.mapped());
   }
-  m_lastSource = nullptr;
-  listener.OnSourceDown(node.mapped());
 }
 
 void Peer::OnParkingWord(const zq::posix::Descriptor& memory) {

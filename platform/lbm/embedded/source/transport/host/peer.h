@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "transport/host/introductions.h"
 #include "transport/host/link/link.h"
 #include "transport/host/publications.h"
 #include "transport/host/remote_source.h"
@@ -37,13 +38,14 @@ class Peer {
   // What it uses of its context.
   struct Surroundings {
     PublicationRegistry& publications;
+    const Introductions& introductions;
     const std::atomic<bool>& closed;
     const std::size_t ringBytes;
     const std::shared_ptr<ContextStatistics> statistics;
   };
 
   Peer(std::shared_ptr<Link> link, const Surroundings& surroundings)
-      : m_link(std::move(link)), m_surroundings(surroundings) {}
+      : m_link(std::move(link)), m_advertising(m_link), m_surroundings(surroundings) {}
 
   const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
   // Of the context; its identity if it has none.
@@ -51,6 +53,17 @@ class Peer {
   std::string Description() const;  // for operators
   // For statistics: its name, if it has one, and its identity, which is its own.
   std::string Label() const;
+
+  // Whether it has introduced itself.
+  bool Greeted() const noexcept { return m_greeted; }
+
+  // The name of the context in the directory of the domain; empty until it has introduced itself.
+  const std::string& FileName() const noexcept { return m_fileName; }
+  // For a context that was called by that name.
+  void SetFileName(const std::string& name) { m_fileName = name; }
+
+  // The link on which this context advertises to the peer, when two were made at the same time. This one otherwise.
+  void AdvertiseOn(std::shared_ptr<Link> link) noexcept { m_advertising = std::move(link); }
 
   // Handles one frame of the link. Throws Fault when the peer is to be cut off.
   void Handle(Link::Arrival arrival, Listener& listener);
@@ -72,10 +85,15 @@ class Peer {
   // later.
   bool RingHasWork() noexcept;
 
+  // Those of its sources whose topics are no longer watched go down.
+  void EndUnwatched(Listener& listener);
+
   // The link is gone, and with it the peer's sources.
   void End(Listener& listener);
 
  private:
+  void OnHello(Bytes frame);
+  void OnWant(Bytes frame);
   void OnAdvertise(Bytes frame, Listener& listener);
   void OnWithdrawn(std::uint32_t source, Listener& listener);
   void OnParkingWord(const zq::posix::Descriptor& memory);
@@ -92,7 +110,9 @@ class Peer {
   HostRemoteSource* FindSource(std::uint32_t id);
 
   const std::shared_ptr<Link> m_link;
+  std::shared_ptr<Link> m_advertising;
   const Surroundings m_surroundings;
+  std::string m_fileName;
   bool m_greeted = false;
   wire::Greeting m_greeting;
   std::string m_identity;  // see Transport::Identity

@@ -134,33 +134,53 @@ std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const Publicatio
   const std::uint32_t id = ++m_lastId;
   auto publication =
       std::make_shared<HostPublication>(id, wire::SourceSession(m_identity, id), info, m_firstSequence, m_publishing);
-  m_publications.emplace(id, publication);
-  wire::AdvertiseBatch batch;
-  batch.Add(id, info.topic);
-  SendToLinks(batch.Packet(), [](const Link&) { return true; });
+  auto& ofTopic = m_byTopic[info.topic];
+  ofTopic.push_back(id);
+  try {
+    m_publications.emplace(id, Advertised{publication});
+  } catch (...) {
+    ofTopic.pop_back();
+    throw;
+  }
   return publication;
 }
 
-void PublicationRegistry::Withdraw(HostPublication& publication) {
-  // First, so that nothing of the publication can follow its withdrawal on a link.
-  const auto subscribers = publication.Withdraw();
-  const std::lock_guard lock(m_mutex);
-  if (m_publications.erase(publication.Id()) != 0) {
-    wire::Withdraw frame;
-    frame.source = publication.Id();
-    SendToLinks(wire::BytesOf(frame), [&](const Link& link) {
-      return std::none_of(subscribers.begin(), subscribers.end(),
-                          [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
-    });
+bool PublicationRegistry::Withdraw(HostPublication& publication) {
+  Links told;
+  {
+    // First, so that no advertisement can follow the withdrawal on a link.
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_publications.find(publication.Id());
+    if (found != m_publications.end()) {
+      told = std::move(found->second.told);
+      m_publications.erase(found);
+      const auto ofTopic = m_byTopic.find(publication.Info().topic);
+      std::erase(ofTopic->second, publication.Id());
+      if (ofTopic->second.empty()) {
+        m_byTopic.erase(ofTopic);
+      }
+    } else {
+      return false;
+    }
   }
+  const auto subscribers = publication.Withdraw();
+  wire::Withdraw frame;
+  frame.source = publication.Id();
+  for (const auto& link : told) {
+    if (std::none_of(subscribers.begin(), subscribers.end(),
+                     [&](const auto& subscriber) { return subscriber->GetLink() == link; })) {
+      link->SendControl(wire::BytesOf(frame));
+    }
+  }
+  return true;
 }
 
 void PublicationRegistry::WithdrawAll() {
   HostPublications publications;
   {
     const std::lock_guard lock(m_mutex);
-    for (const auto& [id, publication] : m_publications) {
-      publications.push_back(publication);
+    for (const auto& [id, advertised] : m_publications) {
+      publications.push_back(advertised.publication);
     }
   }
   for (const auto& publication : publications) {
@@ -171,35 +191,85 @@ void PublicationRegistry::WithdrawAll() {
 std::shared_ptr<HostPublication> PublicationRegistry::Find(std::uint32_t id) const {
   const std::lock_guard lock(m_mutex);
   const auto found = m_publications.find(id);
-  return found == m_publications.end() ? nullptr : found->second;
+  return found == m_publications.end() ? nullptr : found->second.publication;
+}
+
+std::vector<std::uint32_t> PublicationRegistry::Of(const std::string& topic) const {
+  const std::lock_guard lock(m_mutex);
+  const auto found = m_byTopic.find(topic);
+  return found == m_byTopic.end() ? std::vector<std::uint32_t>() : found->second;
+}
+
+std::vector<std::uint32_t> PublicationRegistry::All() const {
+  const std::lock_guard lock(m_mutex);
+  std::vector<std::uint32_t> ids;
+  ids.reserve(m_publications.size());
+  for (const auto& [id, advertised] : m_publications) {
+    ids.push_back(id);
+  }
+  std::sort(ids.begin(), ids.end());  // in the order in which they came
+  return ids;
 }
 
 void PublicationRegistry::Attach(const std::shared_ptr<Link>& link, Bytes hello) {
   const std::lock_guard lock(m_mutex);
   link->SendControl(hello);
-  if (link->Kind() != LinkKind::kSelfFinding) {
-    wire::AdvertiseBatch batch;
-    for (const auto& [id, publication] : m_publications) {
-      if (!batch.Add(id, publication->Info().topic)) {
-        link->SendControl(batch.Packet());
-        batch.Clear();
-        batch.Add(id, publication->Info().topic);
-      }
-    }
-    if (!batch.Empty()) {
-      link->SendControl(batch.Packet());
-    }
-  }
   m_links.push_back(link);
 }
 
+void PublicationRegistry::Offer(const std::shared_ptr<Link>& link, std::span<const std::uint32_t> ids) {
+  const auto send = [&](Bytes packet) { link->SendControl(packet); };
+  wire::TopicBatch batch(wire::Type::kAdvertise);
+  const std::lock_guard lock(m_mutex);
+  if (std::find(m_links.begin(), m_links.end(), link) == m_links.end()) {
+    return;  // nobody would forget it
+  }
+  for (const std::uint32_t id : ids) {
+    const auto found = m_publications.find(id);
+    if (found == m_publications.end()) {
+      continue;  // withdrawn meanwhile
+    }
+    Links& told = found->second.told;
+    if (std::find(told.begin(), told.end(), link) == told.end()) {
+      told.push_back(link);
+    }
+    batch.Add(id, found->second.publication->Info().topic, send);
+  }
+  batch.Finish(send);
+}
+
+void PublicationRegistry::OfferAll(const std::shared_ptr<Link>& link) {
+  {
+    const std::lock_guard lock(m_mutex);
+    if (std::find(m_watchersOfAll.begin(), m_watchersOfAll.end(), link) == m_watchersOfAll.end()) {
+      m_watchersOfAll.push_back(link);
+    }
+  }
+  Offer(link, All());
+}
+
+void PublicationRegistry::OfferToWatchersOfAll(std::uint32_t id) {
+  Links watchers;
+  {
+    const std::lock_guard lock(m_mutex);
+    watchers = m_watchersOfAll;
+  }
+  for (const auto& link : watchers) {
+    Offer(link, {&id, 1});
+  }
+}
+
 HostPublications PublicationRegistry::Detach(const Link& link) {
+  const auto isOf = [&](const std::shared_ptr<Link>& other) { return other.get() == &link; };
   HostPublications publications;
   {
     const std::lock_guard lock(m_mutex);
-    std::erase_if(m_links, [&](const auto& attached) { return attached.get() == &link; });
-    for (const auto& [id, publication] : m_publications) {
-      publications.push_back(publication);
+    publications.reserve(m_publications.size());
+    std::erase_if(m_links, isOf);
+    std::erase_if(m_watchersOfAll, isOf);
+    for (auto& [id, advertised] : m_publications) {
+      std::erase_if(advertised.told, isOf);
+      publications.push_back(advertised.publication);
     }
   }
   std::erase_if(publications, [&](const auto& publication) { return !publication->RemoveSubscriber(link); });
@@ -208,7 +278,7 @@ HostPublications PublicationRegistry::Detach(const Link& link) {
   return publications;
 }
 
-std::vector<std::shared_ptr<Link>> PublicationRegistry::Links() const {
+PublicationRegistry::Links PublicationRegistry::Attached() const {
   const std::lock_guard lock(m_mutex);
   return m_links;
 }
@@ -231,15 +301,6 @@ bool PublicationRegistry::FlushAll() {
     all = (!another || !subscriber->CheckReachable() || subscriber->Flush()) && all;
   }
   return all;
-}
-
-template <typename Selects>
-void PublicationRegistry::SendToLinks(Bytes frame, Selects selects) {
-  for (const auto& link : m_links) {
-    if (link->Kind() != LinkKind::kSelfFinding && selects(*link)) {
-      link->SendControl(frame);
-    }
-  }
 }
 
 }  // namespace engine::transport::host

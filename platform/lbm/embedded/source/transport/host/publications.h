@@ -1,10 +1,11 @@
-// The sources of one context, and the links on which they are advertised.
+// The sources of one context, and who knows of them.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <unordered_map>
@@ -79,20 +80,32 @@ class PublicationRegistry {
   PublicationRegistry(const std::string& identity, std::uint32_t firstSequence)
       : m_identity(identity), m_firstSequence(firstSequence) {}
 
-  // Throws std::invalid_argument when the topic's name is too long.
+  using Links = std::vector<std::shared_ptr<Link>>;
+
+  // Nobody is told yet. Throws std::invalid_argument when the topic's name is too long.
   std::shared_ptr<HostPublication> Advertise(const PublicationInfo& info);
-  void Withdraw(HostPublication& publication);
+  // Tells all who know of the publication. False when it was withdrawn before.
+  bool Withdraw(HostPublication& publication);
   void WithdrawAll();
 
   // Null when there is none of that id any more.
   std::shared_ptr<HostPublication> Find(std::uint32_t id) const;
 
-  // Sends the hello on the link, and advertises what there is and will be.
+  // The ids of a topic's publications, or of all.
+  std::vector<std::uint32_t> Of(const std::string& topic) const;
+  std::vector<std::uint32_t> All() const;
+
+  // Sends the hello on the link.
   void Attach(const std::shared_ptr<Link>& link, Bytes hello);
   // Returns the publications to which the link was subscribed.
   HostPublications Detach(const Link& link);
+  Links Attached() const;
 
-  std::vector<std::shared_ptr<Link>> Links() const;
+  // Advertises those of the publications that are still there. Does nothing for a link that is detached.
+  void Offer(const std::shared_ptr<Link>& link, std::span<const std::uint32_t> ids);
+  // Advertises all that there are and will be: those that come later are to be offered to all such links.
+  void OfferAll(const std::shared_ptr<Link>& link);
+  void OfferToWatchersOfAll(std::uint32_t id);
 
   // For subscribers, which use it with the publishing mutex held.
   Sampler& GetSampler() noexcept { return m_publishing.sampler; }
@@ -108,8 +121,10 @@ class PublicationRegistry {
   bool FlushAll();
 
  private:
-  template <typename Selects>
-  void SendToLinks(Bytes frame, Selects selects);  // with m_mutex locked
+  struct Advertised {
+    std::shared_ptr<HostPublication> publication;
+    Links told;  // that it is there
+  };
 
   const std::string& m_identity;
   const std::uint32_t m_firstSequence;
@@ -119,8 +134,10 @@ class PublicationRegistry {
   mutable std::mutex m_mutex;  // taken before a link's
   // Guarded by m_mutex:
   std::uint32_t m_lastId = 0;
-  std::unordered_map<std::uint32_t, std::shared_ptr<HostPublication>> m_publications;
-  std::vector<std::shared_ptr<Link>> m_links;
+  std::unordered_map<std::uint32_t, Advertised> m_publications;
+  std::unordered_map<std::string, std::vector<std::uint32_t>> m_byTopic;
+  Links m_links;
+  Links m_watchersOfAll;  // of m_links
 };
 
 }  // namespace engine::transport::host

@@ -25,34 +25,22 @@ bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error 
 
 }  // namespace
 
-Acceptor::Acceptor(Rendezvous& rendezvous, Poller& poller, Poller::Token acceptToken, RetryTimer& retryTimer,
-                   const Warnings& warnings, Adopt adopt)
-    : m_rendezvous(rendezvous),
+Acceptor::Acceptor(int listener, Poller& poller, Poller::Token token, RetryTimer& retryTimer, const Warnings& warnings,
+                   Adopt adopt)
+    : m_listener(listener),
       m_poller(poller),
-      m_acceptToken(acceptToken),
+      m_token(token),
       m_retryTimer(retryTimer),
       m_warnings(warnings),
-      m_adopt(std::move(adopt)) {}
-
-void Acceptor::Join(std::chrono::milliseconds patience) {
-  for (Rendezvous::Neighbour& neighbour : m_rendezvous.Join(patience)) {
-    if (neighbour.socket) {
-      m_adopt(neighbour.socket);
-    } else {
-      m_backlogged.push_back(std::move(neighbour));
-    }
-  }
-  m_poller.Add(m_rendezvous.ListeningSocket(), m_acceptToken, EPOLLIN);
-  if (!m_backlogged.empty()) {
-    m_retryTimer.Start();
-  }
+      m_adopt(std::move(adopt)) {
+  m_poller.Add(m_listener, m_token, EPOLLIN);
 }
 
 std::size_t Acceptor::Accept() {
   std::size_t accepted = 0;
   for (std::size_t attempt = 0; attempt < kAcceptedMax; ++attempt) {
     zq::posix::Descriptor socket(
-        ::accept4(m_rendezvous.ListeningSocket(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        ::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
       TryToAdopt(std::move(socket));
       ++accepted;
@@ -70,11 +58,12 @@ std::size_t Acceptor::Accept() {
 }
 
 void Acceptor::Retry() {
-  m_poller.Change(m_rendezvous.ListeningSocket(), m_acceptToken, EPOLLIN);
+  if (std::exchange(m_paused, false)) {
+    m_poller.Change(m_listener, m_token, EPOLLIN);
+  }
   for (zq::posix::Descriptor& socket : std::exchange(m_refused, {})) {
     TryToAdopt(std::move(socket));
   }
-  RetryBacklogged();
 }
 
 // A connection among many: what goes wrong with it must not be the end of this context.
@@ -94,26 +83,9 @@ void Acceptor::TryToAdopt(zq::posix::Descriptor socket) {
 
 // The listener stays readable while the system refuses; looking at it all the time would only burn the processor.
 void Acceptor::PauseAccepting() {
-  m_poller.Change(m_rendezvous.ListeningSocket(), m_acceptToken, 0);
+  m_poller.Change(m_listener, m_token, 0);
+  m_paused = true;
   m_retryTimer.Start();
-}
-
-void Acceptor::RetryBacklogged() {
-  for (auto neighbour = m_backlogged.begin(); neighbour != m_backlogged.end();) {
-    auto outcome = Rendezvous::Outcome::kBacklogFull;
-    try {
-      outcome = m_rendezvous.Connect(*neighbour);
-    } catch (const std::exception& error) {
-      WarnOfRefusal([&] { return TextOf(error); });
-    }
-    if (outcome == Rendezvous::Outcome::kConnected) {
-      TryToAdopt(std::move(neighbour->socket));
-    }
-    neighbour = outcome == Rendezvous::Outcome::kBacklogFull ? neighbour + 1 : m_backlogged.erase(neighbour);
-  }
-  if (!m_backlogged.empty()) {
-    m_retryTimer.Start();
-  }
 }
 
 // Tells the first refusal only: while the system refuses, it is asked again and again.

@@ -1,14 +1,11 @@
-// Where a context's connections come from: those it makes when it joins its domain, and those that contexts make to it
-// which join later.
+// The connections that other contexts make to this one.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <vector>
 
 #include "system/poller.h"
-#include "transport/host/link/rendezvous.h"
 #include "transport/host/link/retry_timer.h"
 #include "transport/warnings.h"
 #include "zq/posix/descriptor.h"
@@ -25,13 +22,10 @@ class Acceptor {
   // for the moment; anything else that it throws is the end of that connection.
   using Adopt = std::function<void(zq::posix::Descriptor& socket)>;
 
-  // acceptToken: of the events in the poller at which to call Accept.
-  Acceptor(Rendezvous& rendezvous, Poller& poller, Poller::Token acceptToken, RetryTimer& retryTimer,
-           const Warnings& warnings, Adopt adopt);
-
-  // Joins the domain and adopts the connections to all contexts that are there; see Rendezvous::Join. What fails here
-  // is thrown.
-  void Join(std::chrono::milliseconds patience);
+  // listener: the descriptor on which others connect, which is watched in the poller with the token from now on; call
+  // Accept at its events.
+  Acceptor(int listener, Poller& poller, Poller::Token token, RetryTimer& retryTimer, const Warnings& warnings,
+           Adopt adopt);
 
   // Adopts connections that others have made, up to a bound, and returns how many.
   std::size_t Accept();
@@ -42,19 +36,18 @@ class Acceptor {
  private:
   void TryToAdopt(zq::posix::Descriptor socket);
   void PauseAccepting();
-  void RetryBacklogged();
   template <typename Compose>
   void WarnOfRefusal(Compose compose) noexcept;
 
-  Rendezvous& m_rendezvous;
+  const int m_listener;
   Poller& m_poller;
-  const Poller::Token m_acceptToken;
+  const Poller::Token m_token;
   RetryTimer& m_retryTimer;
   const Warnings& m_warnings;
   const Adopt m_adopt;
-  std::vector<Rendezvous::Neighbour> m_backlogged;  // neighbours whose backlog was full
-  std::vector<zq::posix::Descriptor> m_refused;     // connections that could not be adopted yet
-  bool m_refusalTold = false;                       // since the last connection was adopted
+  std::vector<zq::posix::Descriptor> m_refused;  // connections that could not be adopted yet
+  bool m_paused = false;                         // the listener is not watched for the moment
+  bool m_refusalTold = false;                    // since the last connection was adopted
 };
 
 // Whether the process at the other end of a connection runs as the same user.

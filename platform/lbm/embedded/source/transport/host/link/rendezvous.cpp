@@ -2,173 +2,310 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
+#include <csignal>
 #include <cstring>
 #include <memory>
-#include <string_view>
-#include <thread>
+#include <optional>
 #include <utility>
 
+#include "transport/hash.h"
 #include "transport/host/link/runtime_directory.h"
-#include "transport/host/wire/frames.h"
 #include "transport/instance.h"
-#include "zq/posix/file.h"
 
 namespace engine::transport::host {
 
 namespace {
 
 constexpr std::string_view kSocketSuffix = ".socket";
-constexpr std::size_t kSocketNameMax = 64;  // bytes; nobody's is longer
-constexpr const char* kLockName = "lock";
+constexpr std::string_view kJoiningSuffix = ".joining";  // of a socket that does not listen yet
+constexpr std::array<std::string_view, 2> kRoleSuffixes = {".offers", ".wants"};
+constexpr std::size_t kNameMax = 48;  // bytes of a context's name; nobody's is longer
 constexpr int kBacklog = 4096;
 
-// The address of a socket in a directory. The path through the descriptor is short however long the directory's is.
-sockaddr_un AddressOf(int directory, const std::string& name) {
+constexpr std::string_view kTopics = "topics";
+constexpr std::size_t kBucketDigits = 2;  // of a key
+
+std::string BucketOf(const std::string& key) { return std::string(kTopics) + '/' + key.substr(0, kBucketDigits); }
+
+std::string SocketOf(const std::string& name) { return name + std::string(kSocketSuffix); }
+
+std::string_view SuffixOf(Role role) { return kRoleSuffixes[static_cast<std::size_t>(role)]; }
+
+// The text before the suffix, if that is how the file's name ends.
+std::optional<std::string> Before(std::string_view suffix, const std::string& file) {
+  if (!file.ends_with(suffix) || file.size() == suffix.size()) {
+    return std::nullopt;
+  }
+  return file.substr(0, file.size() - suffix.size());
+}
+
+// The context that the file belongs to; none if it is no such file.
+std::optional<std::string> ContextOf(std::string_view suffix, const std::string& file) {
+  auto name = Before(suffix, file);
+  return name && name->size() <= kNameMax ? name : std::nullopt;
+}
+
+// Whether the process in a context's name is certainly none of those that this one can see.
+bool ProcessIsGone(const std::string& name) {
+  pid_t process = 0;
+  const char* const end = name.data() + name.size();
+  const auto [rest, error] = std::from_chars(name.data(), end, process);
+  return error == std::errc() && rest != end && *rest == '-' && process > 0 && ::kill(process, 0) != 0 &&
+         errno == ESRCH;
+}
+
+// The address of a file in a directory. The path through the descriptor is short however long the directory's is.
+sockaddr_un AddressOf(int directory, const std::string& file) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   constexpr std::string_view kPrefix = "/proc/self/fd/";
-  static_assert(kPrefix.size() + sizeof("2147483647/") + kSocketNameMax <= sizeof(address.sun_path));
-  const std::string path = std::string(kPrefix) + std::to_string(directory) + "/" + name;
+  static_assert(kPrefix.size() + sizeof("2147483647/") + kNameMax + kJoiningSuffix.size() <= sizeof(address.sun_path));
+  const std::string path = std::string(kPrefix) + std::to_string(directory) + "/" + file;
   std::memcpy(address.sun_path, path.c_str(), path.size());
   return address;
 }
 
 const sockaddr* Generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
-zq::posix::Descriptor OpenSocket() {
-  return zq::posix::Descriptor(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+zq::posix::Descriptor OpenSocket(const std::string& path) {
+  zq::posix::Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket) {
+    RefuseErrno(path, "opening a socket");
+  }
+  return socket;
 }
 
-std::string SocketName(std::uint64_t instance) {
-  return std::to_string(::getpid()) + "-" + InstanceText(instance) + std::string(kSocketSuffix);
-}
-
-std::string FirstLine(const zq::posix::Descriptor& file) {
-  const std::string text = zq::posix::ReadBeginning(file.Get(), 64);
-  return text.substr(0, text.find('\n'));
-}
-
-// Locks the domain for as long as the returned descriptor lives. The file names the holder, so that those who wait can
-// tell a crowd that moves on from a process that is stopped, and say which one that is.
-zq::posix::Descriptor LockDomain(int directory, const std::string& path, const std::string& self,
-                                 std::chrono::milliseconds patience) {
-  using Clock = std::chrono::steady_clock;
-  constexpr std::chrono::milliseconds kPollInterval{1};
-  zq::posix::Descriptor file(
-      ::openat(directory, kLockName, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!file) {
-    RefuseErrno(path, "creating the lock file");
-  }
-  std::string holder = FirstLine(file);
-  auto deadline = Clock::now() + patience;
-  while (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EINTR && errno != EWOULDBLOCK) {
-      RefuseErrno(path, "locking the lock file");
-    }
-    if (std::string present = FirstLine(file); present != holder) {
-      holder = std::move(present);
-      deadline = Clock::now() + patience;
-    } else if (Clock::now() >= deadline) {
-      Refuse(path, (holder.empty() ? "another process" : holder) + " has been joining for more than " +
-                       std::to_string(patience.count()) +
-                       " ms and keeps all others out; if it is stopped, continue it (kill -CONT) or end it");
-    }
-    std::this_thread::sleep_for(kPollInterval);
-  }
-  const std::string line = self + '\n';
-  // A name that cannot be written costs others only their patience.
-  if (::pwrite(file.Get(), line.data(), line.size(), 0) < 0) {
-    static_cast<void>(::ftruncate(file.Get(), 0));
-  }
-  return file;
+// Creates the directory below that of the domain, unless it is there.
+bool MakeDirectory(int domain, const std::string& name) {
+  return ::mkdirat(domain, name.c_str(), S_IRWXU) == 0 || errno == EEXIST;
 }
 
 }  // namespace
 
-Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t instance)
-    : m_path(runtimeDirectory + "/" + domain),
-      m_name(SocketName(instance)),
-      m_directory(OpenDomain(runtimeDirectory, domain)),
-      m_socket(OpenSocket()) {
-  if (!m_socket) {
-    RefuseErrno(m_path, "opening a socket");
-  }
+std::string KeyOf(std::string_view topic) {
+  std::string key = InstanceText(StableHash(topic));
+  key.insert(0, 2 * sizeof(std::uint64_t) - key.size(), '0');
+  return key;
 }
 
-std::vector<Rendezvous::Neighbour> Rendezvous::Join(std::chrono::milliseconds patience) {
-  const zq::posix::Descriptor lock =
-      LockDomain(m_directory.Get(), m_path, "process " + std::to_string(::getpid()) + ", " + m_name, patience);
-  const sockaddr_un address = AddressOf(m_directory.Get(), m_name);
-  if (::bind(m_socket.Get(), Generic(address), sizeof(address)) != 0) {
+std::string ContextFileName(std::uint32_t process, std::uint64_t instance) {
+  return std::to_string(process) + '-' + InstanceText(instance);
+}
+
+Rendezvous::Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::string name)
+    : m_path(runtimeDirectory + "/" + domain),
+      m_name(std::move(name)),
+      m_socketFile(SocketOf(m_name)),
+      m_directory(OpenDomain(runtimeDirectory, domain)) {}
+
+int Rendezvous::Join() {
+  ClearUp();
+  const std::lock_guard lock(m_mutex);
+  PutSocket();
+  return m_socket.Get();
+}
+
+// A socket refuses connections until it listens, so it gets its name only then: nobody takes it for a dead one.
+void Rendezvous::PutSocket() {
+  const std::string joining = m_name + std::string(kJoiningSuffix);
+  const sockaddr_un address = AddressOf(m_directory.Get(), joining);
+  zq::posix::Descriptor socket = OpenSocket(m_path);
+  if (::bind(socket.Get(), Generic(address), sizeof(address)) != 0) {
     RefuseErrno(m_path, "creating a socket");
   }
-  m_bound = true;
-  if (::listen(m_socket.Get(), kBacklog) != 0) {
-    RefuseErrno(m_path, "listening");
+  if (::listen(socket.Get(), kBacklog) != 0 ||
+      ::renameat(m_directory.Get(), joining.c_str(), m_directory.Get(), m_socketFile.c_str()) != 0) {
+    const int error = errno;
+    Remove(joining);
+    errno = error;
+    RefuseErrno(m_path, "listening on a socket");
   }
-  std::vector<Neighbour> neighbours;
-  for (std::string& name : OtherSockets()) {
-    Neighbour neighbour{std::move(name), {}};
-    if (Connect(neighbour) != Outcome::kGone) {
-      neighbours.push_back(std::move(neighbour));
-    }
-  }
-  return neighbours;
+  m_socket = std::move(socket);
 }
 
-Rendezvous::Outcome Rendezvous::Connect(Neighbour& neighbour) const {
-  zq::posix::Descriptor socket = OpenSocket();
-  if (!socket) {
-    RefuseErrno(m_path, "opening a socket");
+void Rendezvous::Say(Role role, const std::string& key) {
+  const std::lock_guard lock(m_mutex);
+  if (m_left) {
+    return;
   }
-  const sockaddr_un address = AddressOf(m_directory.Get(), neighbour.name);
-  while (::connect(socket.Get(), Generic(address), sizeof(address)) != 0) {
-    if (errno == EAGAIN) {
-      return Outcome::kBacklogFull;
-    }
-    if (errno == ECONNREFUSED) {
-      // Names are never used twice, so this cannot hit a living context.
-      ::unlinkat(m_directory.Get(), neighbour.name.c_str(), 0);
-    }
-    if (errno != EINTR) {
-      return Outcome::kGone;
+  auto& said = m_said[static_cast<std::size_t>(role)];
+  const auto [place, isNew] = said.try_emplace(key);
+  if (isNew) {
+    try {
+      place->second.entry = BucketOf(key) + '/' + key + '.' + m_name + std::string(SuffixOf(role));
+      Make(place->second.entry);
+    } catch (...) {
+      said.erase(place);
+      throw;
     }
   }
-  neighbour.socket = std::move(socket);
-  return Outcome::kConnected;
+  ++place->second.count;
 }
 
-void Rendezvous::Leave() noexcept {
-  if (m_bound) {
-    ::unlinkat(m_directory.Get(), m_name.c_str(), 0);
-    m_socket = zq::posix::Descriptor();
-    m_bound = false;
+void Rendezvous::Make(const std::string& entry) const {
+  const int domain = m_directory.Get();
+  const auto link = [&] {
+    return ::linkat(domain, m_socketFile.c_str(), domain, entry.c_str(), 0) == 0 ||
+           // A file has so many names on some file systems; any other file serves as well.
+           (errno == EMLINK && ::mknodat(domain, entry.c_str(), S_IFREG | S_IRUSR | S_IWUSR, 0) == 0);
+  };
+  if (link()) {
+    return;
+  }
+  if (errno == ENOENT && MakeDirectory(domain, std::string(kTopics)) &&
+      MakeDirectory(domain, entry.substr(0, entry.rfind('/'))) && link()) {
+    return;
+  }
+  if (errno == ENOENT) {
+    Refuse(m_path, "it was removed while contexts met there; end all of them and start them again");
+  }
+  RefuseErrno(m_path, "creating a file");
+}
+
+void Rendezvous::TakeBack(Role role, const std::string& key) noexcept {
+  const std::lock_guard lock(m_mutex);
+  auto& said = m_said[static_cast<std::size_t>(role)];
+  const auto found = said.find(key);
+  if (found != said.end() && --found->second.count == 0) {
+    Remove(found->second.entry);
+    said.erase(found);
   }
 }
 
-std::vector<std::string> Rendezvous::OtherSockets() const {
-  zq::posix::Descriptor descriptor(::openat(m_directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  DIR* opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
-  if (opened == nullptr) {
-    RefuseErrno(m_path, "listing the directory");
-  }
-  descriptor.Release();
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opened, &::closedir);
+void Rendezvous::Remove(const std::string& file) const noexcept { ::unlinkat(m_directory.Get(), file.c_str(), 0); }
+
+std::vector<std::string> Rendezvous::WhoElse(Role role, const std::string& key) const {
   std::vector<std::string> names;
-  while (const dirent* entry = ::readdir(directory.get())) {
-    const std::string_view name = entry->d_name;
-    const bool maybeSocket = entry->d_type == DT_SOCK || entry->d_type == DT_UNKNOWN;
-    if (maybeSocket && name.size() <= kSocketNameMax && name.ends_with(kSocketSuffix) && name != m_name) {
-      names.emplace_back(name);
+  for (const std::string& file : FilesIn(BucketOf(key))) {
+    if (!file.starts_with(key + '.')) {
+      continue;
+    }
+    if (auto name = ContextOf(SuffixOf(role), file.substr(key.size() + 1)); name && *name != m_name) {
+      names.push_back(std::move(*name));
     }
   }
   return names;
+}
+
+std::vector<std::string> Rendezvous::Others() const {
+  std::vector<std::string> names;
+  for (const std::string& file : FilesIn(".")) {
+    if (auto name = ContextOf(kSocketSuffix, file); name && *name != m_name) {
+      names.push_back(std::move(*name));
+    }
+  }
+  return names;
+}
+
+Rendezvous::Outcome Rendezvous::Connect(const std::string& name, zq::posix::Descriptor& socket) const {
+  Outcome outcome = Call(name, socket);
+  // Asked twice, since nobody digs a context up again.
+  if (outcome == Outcome::kGone && (outcome = Call(name, socket)) == Outcome::kGone) {
+    Bury({name});
+  }
+  return outcome;
+}
+
+Rendezvous::Outcome Rendezvous::Call(const std::string& name, zq::posix::Descriptor& socket) const {
+  zq::posix::Descriptor made = OpenSocket(m_path);
+  const sockaddr_un address = AddressOf(m_directory.Get(), SocketOf(name));
+  while (::connect(made.Get(), Generic(address), sizeof(address)) != 0) {
+    switch (errno) {
+      case EINTR:
+        continue;
+      case EAGAIN:
+        return Outcome::kBacklogFull;
+      case ECONNREFUSED:
+      case ENOENT:
+        return Outcome::kGone;
+      case ENOBUFS:
+      case ENOMEM:
+        RefuseErrno(m_path, "connecting to a context");
+      default:
+        return Outcome::kNoContext;
+    }
+  }
+  socket = std::move(made);
+  return Outcome::kConnected;
+}
+
+// Removes what dead contexts have left, as far as their processes show it; the others are found by who connects to them.
+void Rendezvous::ClearUp() const {
+  std::vector<std::string> dead;
+  for (const std::string& file : FilesIn(".")) {
+    if (const auto joining = ContextOf(kJoiningSuffix, file); joining && ProcessIsGone(*joining)) {
+      Remove(file);
+    }
+    if (auto name = ContextOf(kSocketSuffix, file); name && ProcessIsGone(*name)) {
+      dead.push_back(std::move(*name));
+    }
+  }
+  // A process may also be out of this one's sight.
+  std::erase_if(dead, [&](const std::string& name) {
+    zq::posix::Descriptor socket;
+    return Call(name, socket) != Outcome::kGone;
+  });
+  if (!dead.empty()) {
+    Bury(dead);
+  }
+}
+
+// The socket's own name goes last: as long as it is there, somebody will find the others.
+void Rendezvous::Bury(const std::vector<std::string>& names) const {
+  for (const std::string& bucket : FilesIn(std::string(kTopics))) {
+    const std::string directory = std::string(kTopics) + '/' + bucket;
+    for (const std::string& file : bucket.starts_with('.') ? std::vector<std::string>() : FilesIn(directory)) {
+      if (std::any_of(names.begin(), names.end(),
+                      [&](const std::string& name) { return file.find('.' + name + '.') != std::string::npos; })) {
+        Remove(directory + '/' + file);
+      }
+    }
+  }
+  for (const std::string& name : names) {
+    Remove(SocketOf(name));
+  }
+}
+
+void Rendezvous::Leave() noexcept {
+  const std::lock_guard lock(m_mutex);
+  if (std::exchange(m_left, true) || !m_socket) {
+    return;
+  }
+  Remove(m_socketFile);
+  m_socket = zq::posix::Descriptor();
+  for (const auto& said : m_said) {
+    for (const auto& [key, one] : said) {
+      Remove(one.entry);
+    }
+  }
+}
+
+// None when the directory is not there.
+std::vector<std::string> Rendezvous::FilesIn(const std::string& directory) const {
+  zq::posix::Descriptor descriptor(
+      ::openat(m_directory.Get(), directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!descriptor && errno == ENOENT) {
+    return {};
+  }
+  DIR* const opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
+  if (opened == nullptr) {
+    RefuseErrno(m_path, "listing a directory");
+  }
+  descriptor.Release();
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opened, &::closedir);
+  std::vector<std::string> files;
+  while (const dirent* const entry = ::readdir(stream.get())) {
+    files.emplace_back(entry->d_name);
+  }
+  return files;
 }
 
 }  // namespace engine::transport::host

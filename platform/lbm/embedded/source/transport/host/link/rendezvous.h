@@ -1,56 +1,98 @@
-// How contexts of a domain find each other: a directory that holds a listening socket for each of them.
+// How contexts of a domain find each other: a directory in which each of them has a socket, and where it says of which
+// topics it has sources and which it wants.
 //
-// Joining is serialised by a lock on a file there. Whoever holds it binds its own socket before it lists those of
-// others, so of two contexts the later one always finds the earlier. A socket that refuses connections was left behind
-// by a process that died, and is removed.
+//   <context>.socket                         on which others connect
+//   topics/<bucket>/<key>.<context>.offers   the context has a source of the topic
+//   topics/<bucket>/<key>.<context>.wants    the context wants to hear of sources of the topic
+//
+// The entries are further names of the socket: to make and to remove one costs no more than a line in a directory.
+//
+// Nobody watches and nobody waits: whoever offers says so first and then looks who wants, and whoever wants says so
+// first and then looks who offers. So of two contexts at least the later one finds the earlier, and what it costs depends
+// on those who have to do with each other, not on how many there are.
+//
+// A socket that refuses connections was left behind by a process that died; it is removed with all its names. Names are
+// never used twice, so that cannot hit a living context.
 #pragma once
 
-#include <chrono>
+#include <array>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
 
-// A context's socket in the directory of its domain. Threads: one at a time.
+// What a context may say of a topic.
+enum class Role : std::uint8_t { kOffers, kWants };
+
+// A topic as the directory names it. Topics that share a key, which is as good as never, only bring contexts together
+// that have nothing to tell each other.
+std::string KeyOf(std::string_view topic);
+inline const std::string kEveryTopic = "all";  // the key of those that want to hear of all sources
+
+// The name of a context, of which the instance tells it from every other; see wire::Greeting.
+std::string ContextFileName(std::uint32_t process, std::uint64_t instance);
+
+// A context's place in the directory of its domain. Threads: any.
 class Rendezvous {
  public:
-  // Another context: the name of its socket, and a connection to it unless its backlog was full.
-  struct Neighbour {
-    std::string name;
-    zq::posix::Descriptor socket;
-  };
-
-  // instance: of the context, see wire::Greeting. Throws as OpenDomain does.
-  Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::uint64_t instance);
+  // Throws as OpenDomain does.
+  Rendezvous(const std::string& runtimeDirectory, const std::string& domain, std::string name);
   ~Rendezvous() { Leave(); }
   Rendezvous(const Rendezvous&) = delete;
   Rendezvous& operator=(const Rendezvous&) = delete;
 
-  // Puts the socket in place and connects to every other context. Throws when one and the same process keeps the
-  // lock for longer than patience.
-  std::vector<Neighbour> Join(std::chrono::milliseconds patience);
+  const std::string& Name() const noexcept { return m_name; }
 
-  enum class Outcome : std::uint8_t { kConnected, kBacklogFull, kGone };
-  // Tries once, without waiting.
-  Outcome Connect(Neighbour& neighbour) const;
+  // Puts the socket in place, before anything else. Returns the descriptor on which others connect, which stays open
+  // until Leave. Throws as OpenDomain does.
+  int Join();
 
-  // The socket on which later contexts connect.
-  int ListeningSocket() const noexcept { return m_socket.Get(); }
+  // Says it, until it has been taken back as often. Throws as OpenDomain does, and has said nothing then.
+  void Say(Role role, const std::string& key);
+  void TakeBack(Role role, const std::string& key) noexcept;
 
-  // Takes the socket away: nobody can connect any more, and who was waiting in the backlog is hung up on. Idempotent.
+  // The names of the other contexts that say it, or of all that are there. Throw as OpenDomain does.
+  std::vector<std::string> WhoElse(Role role, const std::string& key) const;
+  std::vector<std::string> Others() const;
+
+  enum class Outcome : std::uint8_t { kConnected, kBacklogFull, kGone, kNoContext };
+  // Connects to the context of that name, without waiting; one that is gone is cleared away. Throws as OpenDomain does.
+  Outcome Connect(const std::string& name, zq::posix::Descriptor& socket) const;
+
+  // Takes away all of it: nobody finds this context any more, and who was waiting in the backlog is hung up on. What is
+  // said after it has no effect. Idempotent.
   void Leave() noexcept;
 
  private:
-  std::vector<std::string> OtherSockets() const;
+  struct Said {
+    std::string entry;  // relative to the domain's directory
+    unsigned count = 0;
+  };
+
+  void PutSocket();
+  Outcome Call(const std::string& name, zq::posix::Descriptor& socket) const;
+  void ClearUp() const;
+  void Bury(const std::vector<std::string>& names) const;
+  void Make(const std::string& entry) const;
+  void Remove(const std::string& file) const noexcept;
+  std::vector<std::string> FilesIn(const std::string& directory) const;
 
   const std::string m_path;  // of the domain's directory, for error texts
-  const std::string m_name;  // of the own socket in it
+  const std::string m_name;
+  const std::string m_socketFile;
   const zq::posix::Descriptor m_directory;
+
+  std::mutex m_mutex;
+  // Guarded by m_mutex:
   zq::posix::Descriptor m_socket;
-  bool m_bound = false;
+  bool m_left = false;
+  std::array<std::unordered_map<std::string, Said>, 2> m_said;  // by the role, and the key
 };
 
 }  // namespace engine::transport::host

@@ -10,7 +10,7 @@ namespace engine::transport::host {
 
 namespace {
 
-constexpr itimerspec kDelay{{}, {0, 50'000'000}};
+constexpr long kDelay = 50'000'000;  // nanoseconds
 
 }  // namespace
 
@@ -21,14 +21,31 @@ RetryTimer::RetryTimer(Poller& poller, Poller::Token token)
 }
 
 void RetryTimer::Start() {
-  if (::timerfd_settime(m_timer.Get(), 0, &kDelay, nullptr) != 0) {
+  const std::lock_guard lock(m_mutex);
+  if (!m_isDue) {
+    Set(kDelay);
+  }
+}
+
+void RetryTimer::StartNow() {
+  const std::lock_guard lock(m_mutex);
+  Set(1);
+  m_isDue = true;
+}
+
+void RetryTimer::Set(long nanoseconds) {
+  const itimerspec time{{}, {0, nanoseconds}};
+  if (::timerfd_settime(m_timer.Get(), 0, &time, nullptr) != 0) {
     zq::posix::ThrowErrno("cannot set a timer");
   }
 }
 
 bool RetryTimer::TakeExpiry() noexcept {
+  const std::lock_guard lock(m_mutex);
   std::uint64_t expirations = 0;
-  return ::read(m_timer.Get(), &expirations, sizeof(expirations)) == sizeof(expirations);
+  const bool expired = ::read(m_timer.Get(), &expirations, sizeof(expirations)) == sizeof(expirations);
+  m_isDue = m_isDue && !expired;
+  return expired;
 }
 
 }  // namespace engine::transport::host

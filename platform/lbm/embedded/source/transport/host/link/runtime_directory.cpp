@@ -9,6 +9,7 @@
 #include <climits>
 #include <stdexcept>
 
+#include "transport/hash.h"
 #include "zq/posix/environment.h"
 #include "zq/posix/error.h"
 #include "zq/posix/file.h"
@@ -126,12 +127,7 @@ std::uint64_t PlaceOf(const std::string& runtimeDirectory, const std::string& do
   }
   const std::string boot = zq::posix::ReadFile("/proc/sys/kernel/random/boot_id", 64);
   const std::string text = boot + std::to_string(status.st_dev) + ' ' + std::to_string(status.st_ino);
-  // FNV-1a: the same in every build.
-  std::uint64_t place = 0xcbf29ce484222325;
-  for (const char c : text) {
-    place = (place ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  }
-  return std::max<std::uint64_t>(place, 1);
+  return std::max<std::uint64_t>(StableHash(text), 1);
 }
 
 }  // namespace engine::transport::host

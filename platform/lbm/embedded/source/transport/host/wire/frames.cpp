@@ -67,29 +67,25 @@ std::string SourceSession(const std::string& context, std::uint32_t source) {
   return context + ':' + std::to_string(source);
 }
 
-bool AdvertiseBatch::Add(std::uint32_t source, std::string_view topic) {
-  if (m_packet.size() + sizeof(Advertisement) + topic.size() > kAdvertisePacketMax) {
-    return false;
-  }
-  Advertisement advertisement;
-  advertisement.source = source;
-  advertisement.topicLength = static_cast<std::uint16_t>(topic.size());
-  Append(m_packet, BytesOf(advertisement));
-  Append(m_packet, topic);
-  return true;
+void TopicBatch::Append(std::uint32_t source, std::string_view topic) {
+  TopicHeader header;
+  header.source = source;
+  header.length = static_cast<std::uint16_t>(topic.size());
+  wire::Append(m_packet, BytesOf(header));
+  wire::Append(m_packet, topic);
 }
 
-void AdvertiseBatch::Clear() {
+void TopicBatch::Clear() {
   m_packet.clear();
-  Append(m_packet, BytesOf(AdvertiseHeader{}));
+  wire::Append(m_packet, BytesOf(TopicsHeader{m_type}));
 }
 
-void DecodeAdvertise(Bytes packet, const AdvertisementHandler& handler) {
-  Take<AdvertiseHeader>(packet);
+void DecodeTopics(Bytes packet, const TopicHandler& handler) {
+  Take<TopicsHeader>(packet);
   while (!packet.empty()) {
-    const auto advertisement = Take<Advertisement>(packet);
-    const std::string_view topic = TakeText(packet, advertisement.topicLength);
-    handler(advertisement.source, topic);
+    const auto header = Take<TopicHeader>(packet);
+    const std::string_view topic = TakeText(packet, header.length);
+    handler(header.source, topic);
   }
 }
 

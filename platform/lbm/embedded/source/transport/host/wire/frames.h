@@ -24,14 +24,16 @@
 namespace engine::transport::host::wire {
 
 inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
-inline constexpr std::uint32_t kVersion = 5;
+inline constexpr std::uint32_t kVersion = 6;
 
-inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;           // bytes of any packet
-inline constexpr std::size_t kAdvertisePacketMax = std::size_t{32} << 10;  // bytes of a packet of advertisements
+inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;       // bytes of any packet
+inline constexpr std::size_t kTopicPacketMax = std::size_t{32} << 10;  // bytes of a packet of topics
 
 enum class Type : std::uint16_t {
   // Control frames, on the socket:
   kHello = 1,
+  kWant,     // asks for advertisements of the sources of topics
+  kWantAll,  // asks for those of all sources, present and future
   kAdvertise,
   kWithdraw,
   kSubscribe,
@@ -67,16 +69,16 @@ struct Hello {
   std::uint32_t reserved = 0;
 };
 
-// Followed by any number of advertisements.
-struct AdvertiseHeader {
+// Of a want or advertise frame; any number of topics follow.
+struct TopicsHeader {
   Type type = Type::kAdvertise;
   std::uint16_t reserved = 0;
 };
 
-// One source. Its topic follows.
-struct Advertisement {
-  std::uint32_t source = 0;
-  std::uint16_t topicLength = 0;
+// The topic that is wanted, or that of an advertised source. Its name follows.
+struct TopicHeader {
+  std::uint32_t source = 0;  // 0 where it is wanted
+  std::uint16_t length = 0;
   std::uint16_t reserved = 0;
 };
 
@@ -197,21 +199,38 @@ Greeting DecodeHello(Bytes frame);
 std::string IdentityOf(const Greeting& greeting);
 std::string SourceSession(const std::string& context, std::uint32_t source);
 
-// Packs advertisements into as few packets as they need: when Add returns false, the packet is full; send it, Clear,
-// and add again.
-class AdvertiseBatch {
+// Packs topics into as few packets as they need, and gives each that is full to send, which takes Bytes.
+class TopicBatch {
  public:
-  AdvertiseBatch() { Clear(); }
-  bool Add(std::uint32_t source, std::string_view topic);
-  bool Empty() const { return m_packet.size() == sizeof(AdvertiseHeader); }
-  Bytes Packet() const { return m_packet; }
-  void Clear();
+  explicit TopicBatch(Type type) : m_type(type) { Clear(); }
+
+  template <typename Send>
+  void Add(std::uint32_t source, std::string_view topic, Send send) {
+    if (!HasSpace(topic)) {
+      Finish(send);
+    }
+    Append(source, topic);
+  }
+  template <typename Send>
+  void Finish(Send send) {
+    if (m_packet.size() > sizeof(TopicsHeader)) {
+      send(Bytes(m_packet));
+      Clear();
+    }
+  }
 
  private:
+  bool HasSpace(std::string_view topic) const noexcept {
+    return m_packet.size() + sizeof(TopicHeader) + topic.size() <= kTopicPacketMax;
+  }
+  void Append(std::uint32_t source, std::string_view topic);
+  void Clear();
+
+  const Type m_type;
   std::vector<std::byte> m_packet;
 };
 
-using AdvertisementHandler = std::function<void(std::uint32_t source, std::string_view topic)>;
-void DecodeAdvertise(Bytes packet, const AdvertisementHandler& handler);
+using TopicHandler = std::function<void(std::uint32_t source, std::string_view topic)>;
+void DecodeTopics(Bytes packet, const TopicHandler& handler);
 
 }  // namespace engine::transport::host::wire

@@ -1,0 +1,168 @@
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "holdings.h"
+#include "member.h"
+
+namespace engine::transport::host {
+namespace {
+
+using testing::ElementsAre;
+
+class Introduced : public testing::Test {
+ protected:
+  // A context that hears of what it watches.
+  Member Context(const std::string& name) const { return Member(SettingsIn(m_directory, name), true, false); }
+
+  ScratchDirectory m_directory;
+};
+
+TEST_F(Introduced, AreOnlyThoseWhoHaveToDoWithEachOther) {
+  Member server = Context("server");
+  Member client = Context("client");
+  Member stranger = Context("stranger");
+  const std::vector<Witness*> all = {&server, &client, &stranger};
+  const auto offered = server.transport->Advertise({"T", Pacing::kSource});
+  const auto unwanted = stranger.transport->Advertise({"U", Pacing::kSource});
+  Settle(all);
+  const std::size_t before = Holdings::Now().descriptors;
+  stranger.transport->Watch("V");
+  Settle(all);
+  EXPECT_EQ(Holdings::Now().descriptors, before);
+
+  client.transport->Watch("T");
+  Settle(all);
+  EXPECT_EQ(Holdings::Now().descriptors, before + 2) << "one link has two ends";
+  EXPECT_THAT(client.events, ElementsAre("up T"));
+  EXPECT_THAT(server.events, ElementsAre("joined client"));
+  EXPECT_TRUE(stranger.events.empty());
+
+  stranger.transport->WatchAll();
+  Settle(all);
+  EXPECT_TRUE(stranger.Heard("up T"));
+  EXPECT_TRUE(stranger.Heard("up U"));
+}
+
+TEST_F(Introduced, FindEachOtherWhoeverComesFirst) {
+  Member a = Context("a");
+  a.transport->Watch("later");
+  const auto earlier = a.transport->Advertise({"earlier", Pacing::kSource});
+  Settle({&a});
+  Member b = Context("b");
+  const auto later = b.transport->Advertise({"later", Pacing::kSource});
+  b.transport->Watch("earlier");
+  b.transport->Watch("later");
+  Settle({&a, &b});
+  EXPECT_THAT(a.events, testing::UnorderedElementsAre("up later", "joined b"));
+  EXPECT_THAT(b.events, testing::UnorderedElementsAre("up earlier", "up later", "joined a", "joined b"));
+  const auto another = b.transport->Advertise({"later", Pacing::kSource});
+  Settle({&a, &b});
+  EXPECT_EQ(std::count(a.events.begin(), a.events.end(), "up later"), 2);
+  a.events.clear();
+  b.transport->Withdraw(*later);
+  b.transport->Withdraw(*another);
+  Settle({&a, &b});
+  EXPECT_THAT(a.events, ElementsAre("down later", "down later"));
+}
+
+TEST_F(Introduced, ForgetWhatIsNoLongerWatchedAndFindItAgain) {
+  Member a = Context("a");
+  Member b = Context("b");
+  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+  b.transport->Watch("T");
+  Settle({&a, &b});
+  b.transport->Unsubscribe(*b.sources.at("T"));
+  b.transport->Unwatch("T");
+  Settle({&a, &b});
+  EXPECT_THAT(b.events, ElementsAre("up T", "down T"));
+  const auto second = a.transport->Advertise({"T", Pacing::kSource});
+  Settle({&a, &b});
+  EXPECT_EQ(b.events.size(), 2U);
+
+  a.transport->Withdraw(*second);
+  b.transport->Watch("T");
+  Settle({&a, &b});
+  Publish(*a.transport, *publication, "hello");
+  b.transport->Unwatch("T");
+  b.transport->Watch("T");
+  Settle({&a, &b});
+  EXPECT_THAT(b.events, ElementsAre("up T", "down T", "up T", "T: hello"));
+  EXPECT_EQ(b.lost, 0U);
+}
+
+TEST_F(Introduced, HearOfEachSourceOnceThoughAllCallAllAtTheSameTime) {
+  constexpr std::size_t kContexts = 4;
+  constexpr int kRounds = 25;
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<std::size_t> ready{0};
+    std::atomic<std::size_t> served{0};
+    std::vector<std::jthread> threads;
+    for (std::size_t number = 0; number < kContexts; ++number) {
+      threads.emplace_back([&, number] {
+        Member self(SettingsIn(m_directory, std::to_string(number)), true, false);
+        for (std::size_t other = 0; other < kContexts; ++other) {
+          self.transport->Watch(std::to_string(other));
+        }
+        const auto publication = self.transport->Advertise({std::to_string(number), Pacing::kReceiver});
+        const auto drainUntil = [&](std::atomic<std::size_t>& all, const auto& own) {
+          bool counted = false;
+          while (all < kContexts) {
+            self.Drain();
+            if (!counted && own()) {
+              counted = true;
+              ++all;
+            }
+          }
+        };
+        const auto joined = [&] {
+          return std::count_if(self.events.begin(), self.events.end(),
+                               [](const std::string& event) { return event.starts_with("joined"); });
+        };
+        drainUntil(ready, [&] { return joined() == kContexts; });
+        Publish(*self.transport, *publication, "hello", true);
+        drainUntil(served, [&] { return self.messages >= kContexts; });
+        Settle({&self});
+        EXPECT_EQ(self.messages, kContexts);
+        EXPECT_EQ(self.sources.size(), kContexts);
+        EXPECT_EQ(joined(), kContexts);
+        EXPECT_TRUE(self.Notices().empty());
+      });
+    }
+  }
+  EXPECT_EQ(m_directory.Entries(), 0U);
+}
+
+TEST_F(Introduced, OverManyTopics) {
+  constexpr std::size_t kTopics = 2'000;
+  Member a = Context("a");
+  Member b = Context("b");
+  std::vector<std::shared_ptr<Publication>> publications;
+  for (std::size_t i = 0; i < kTopics; ++i) {
+    const std::string topic = "topic." + std::to_string(i);
+    if (i % 2 == 0) {
+      b.transport->Watch(topic);
+    }
+    publications.push_back(a.transport->Advertise({topic, Pacing::kSource}));
+    if (i % 2 != 0) {
+      b.transport->Watch(topic);
+    }
+  }
+  Settle({&a, &b});
+  EXPECT_EQ(b.sources.size(), kTopics);
+  publications.clear();
+  a.transport.reset();
+  b.transport.reset();
+  EXPECT_EQ(m_directory.Entries(), 0U);
+}
+
+TEST_F(Introduced, WhereTheDirectoryWasRemovedAreToldWhatToDo) {
+  Member a = Context("a");
+  std::filesystem::remove_all(m_directory.Path() + "/test");
+  EXPECT_THAT([&] { a.transport->Advertise({"T", Pacing::kSource}); },
+              testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr("start them again")));
+}
+
+}  // namespace
+}  // namespace engine::transport::host
