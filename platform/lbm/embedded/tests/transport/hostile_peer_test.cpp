@@ -30,9 +30,7 @@ FrameBytes TopicFrame(wire::Type type, std::uint32_t source, std::string_view to
   return frame;
 }
 
-FrameBytes Advertisement(std::uint32_t id) {
-  return TopicFrame(wire::Type::kAdvertise, id, "raw topic");
-}
+FrameBytes Advertisement(std::uint32_t id) { return TopicFrame(wire::Type::kAdvertise, id, "raw topic"); }
 
 // To the only source of the test's context.
 const wire::Subscribe kSubscription{.source = 1};

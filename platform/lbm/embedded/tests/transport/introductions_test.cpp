@@ -160,8 +160,11 @@ TEST_F(Introduced, OverManyTopics) {
 TEST_F(Introduced, WhereTheDirectoryWasRemovedAreToldWhatToDo) {
   Member a = Context("a");
   std::filesystem::remove_all(m_directory.Path() + "/test");
-  EXPECT_THAT([&] { a.transport->Advertise({"T", Pacing::kSource}); },
-              testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr("start them again")));
+  EXPECT_THAT(
+      [&] {
+        a.transport->Advertise({"T", Pacing::kSource});
+      },
+      testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr("start them again")));
 }
 
 }  // namespace
