@@ -18,7 +18,7 @@ struct HostSettings {
   std::string contextName;          // told to peers; may be empty
   std::size_t ringBytes = 1 << 20;  // of the ring to each subscribed context; rounded up to a power of two
   std::uint32_t firstSequence = 0;  // of every publication
-  WarningHandler warn;  // of faults of peers and refusals of the system
+  WarningHandler warn;              // of faults of peers and refusals of the system
   std::shared_ptr<ContextStatistics> statistics = std::make_shared<ContextStatistics>();
 };
 

@@ -1,5 +1,5 @@
-// Whom a context gets to know, and what it tells them: it is linked to contexts that offer what it wants or want what it
-// offers, and to no others.
+// Whom a context gets to know, and what it tells them: it is linked to contexts that offer what it wants or want what
+// it offers, and to no others.
 #pragma once
 
 #include <atomic>

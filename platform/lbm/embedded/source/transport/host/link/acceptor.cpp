@@ -39,8 +39,7 @@ Acceptor::Acceptor(int listener, Poller& poller, Poller::Token token, RetryTimer
 std::size_t Acceptor::Accept() {
   std::size_t accepted = 0;
   for (std::size_t attempt = 0; attempt < kAcceptedMax; ++attempt) {
-    zq::posix::Descriptor socket(
-        ::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    zq::posix::Descriptor socket(::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
       TryToAdopt(std::move(socket));
       ++accepted;

@@ -237,7 +237,8 @@ Rendezvous::Outcome Rendezvous::Call(const std::string& name, zq::posix::Descrip
   return Outcome::kConnected;
 }
 
-// Removes what dead contexts have left, as far as their processes show it; the others are found by who connects to them.
+// Removes what dead contexts have left, as far as their processes show it; the others are found by who connects to
+// them.
 void Rendezvous::ClearUp() const {
   std::vector<std::string> dead;
   for (const std::string& file : FilesIn(".")) {

@@ -8,8 +8,8 @@
 // The entries are further names of the socket: to make and to remove one costs no more than a line in a directory.
 //
 // Nobody watches and nobody waits: whoever offers says so first and then looks who wants, and whoever wants says so
-// first and then looks who offers. So of two contexts at least the later one finds the earlier, and what it costs depends
-// on those who have to do with each other, not on how many there are.
+// first and then looks who offers. So of two contexts at least the later one finds the earlier, and what it costs
+// depends on those who have to do with each other, not on how many there are.
 //
 // A socket that refuses connections was left behind by a process that died; it is removed with all its names. Names are
 // never used twice, so that cannot hit a living context.
