@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
-#include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "options/option_keys.h"
 #include "system/error.h"
 #include "system/processor.h"
+#include "system/wake_up_cost.h"
 
 namespace engine::core {
 
@@ -18,6 +19,12 @@ namespace {
 // Tokens beyond those of the application's descriptors.
 constexpr Poller::Token kWakeToken = Poller::Token{1} << 32;
 constexpr Poller::Token kTransportToken = kWakeToken + 1;
+
+// How often a context that spins in a stream, where messages come several at a time, lets threads run that share its
+// processor: the source, or other receivers of the stream for which the source waits. Parking does that for contexts
+// that do not spin. A context to which one message comes at a time does not yield, since a neighbour that computes
+// would keep the processor.
+constexpr std::chrono::microseconds kYieldInterval{50};
 
 }  // namespace
 
@@ -62,40 +69,98 @@ Dispatcher::Dispatcher(const Parts& parts)
 void Dispatcher::Process(lbm_ulong_t msec) {
   const Occupancy occupancy(*this);
   const CallbackGate::Scope scope(m_membership->Gate());
-  zq::statistics::Row& counters = m_membership->Statistics().Counters();
   struct Last {
     Dispatcher& dispatcher;
     ~Last() { dispatcher.RunLast(); }
   } const last{*this};
 
-  std::optional<Clock::time_point> deadline;
-  std::optional<Clock::time_point> spinDeadline;
+  if (RunOnce()) {
+    return;
+  }
+  const Clock::time_point begin = Clock::now();
+  if (msec == 0) {
+    PollIfDue(begin, Clock::duration::zero());
+    return;
+  }
+  // Far enough for any purpose, near enough for the clock's arithmetic.
+  constexpr lbm_ulong_t kLongest = 1000UL * 60 * 60 * 24 * 365;
+  const Clock::time_point deadline = begin + std::chrono::milliseconds(std::min(msec, kLongest));
+  const std::chrono::nanoseconds spinTime = SpinTime();
+  const bool spins = spinTime != spinTime.zero();
+  if (spins && Spin(begin, std::min(deadline, begin + spinTime))) {
+    return;
+  }
   while (true) {
-    counters.Serial().Add(context_field::kPasses);
-    const std::size_t done = RunWithoutSystemCalls();
-    const bool unblocked = m_unblocked.load(std::memory_order_relaxed) && m_unblocked.exchange(false);
-    if (done != 0 || unblocked || Ended() || msec == 0) {
-      PollIfDue();
-      return;
-    }
-    const Clock::time_point now = Clock::now();
-    if (!deadline) {
-      // Far enough for any purpose, near enough for the clock's arithmetic.
-      constexpr lbm_ulong_t kLongest = 1000UL * 60 * 60 * 24 * 365;
-      deadline = now + std::chrono::milliseconds(std::min(msec, kLongest));
-      spinDeadline = std::min(*deadline, now + std::chrono::microseconds(m_options.Get(option::kSpinTime)));
-    }
-    if (now < *spinDeadline) {
-      if (PollIfDue() != 0) {
-        return;
+    const int timeoutMs = RemainingMs(deadline);
+    const std::size_t done = ParkAndPoll(timeoutMs);
+    const Clock::duration slept = m_sleepEnd - begin;
+    const bool goesOn = timeoutMs != 0 && !Ended();
+    const bool found = done != 0 || (goesOn && RunOnce());
+    if (found || !goesOn) {
+      if (m_adaptiveSpin && !spins) {
+        m_adaptiveSpin->NoteSleep(found, slept);
       }
-      SpinPause();
-      continue;
-    }
-    const int timeoutMs = RemainingMs(*deadline);
-    if (ParkAndPoll(timeoutMs) != 0 || Ended() || timeoutMs == 0) {
       return;
     }
+  }
+}
+
+// Whether that ends the call.
+bool Dispatcher::RunOnce() {
+  m_membership->Statistics().Counters().Serial().Add(context_field::kPasses);
+  const std::size_t done = RunWithoutSystemCalls();
+  const bool unblocked = m_unblocked.load(std::memory_order_relaxed) && m_unblocked.exchange(false);
+  if (done == 0 && !unblocked && !Ended()) {
+    return false;
+  }
+  m_lastDone = done;
+  PollIfDue(Clock::now(), Clock::duration::zero());
+  return true;
+}
+
+std::chrono::nanoseconds Dispatcher::SpinTime() {
+  std::chrono::nanoseconds time{};
+  if (const std::uint32_t option = m_options.Get(option::kSpinTime); option != kAuto) {
+    m_adaptiveSpin.reset();
+    time = std::chrono::microseconds(option);
+  } else {
+    if (!m_adaptiveSpin) {
+      m_adaptiveSpin.emplace(WakeUpCost());
+    }
+    time = m_adaptiveSpin->Time();
+  }
+  m_membership->Statistics().Counters().Set(context_field::kSpinTime, time.count());
+  return time;
+}
+
+// Whether something ended the call meanwhile.
+bool Dispatcher::Spin(Clock::time_point begin, Clock::time_point end) {
+  if (m_adaptiveSpin && m_lastDone > 1 && begin - std::max(m_lastYield, m_sleepEnd) >= kYieldInterval) {
+    m_lastYield = begin;
+    std::this_thread::yield();
+    if (RunOnce()) {
+      return true;
+    }
+  }
+  for (Clock::time_point now = begin; now < end; now = Clock::now()) {
+    if (PollIfDue(now, kSpinPollInterval) != 0) {
+      NoteSpin(true);
+      return true;
+    }
+    SpinPause();
+    if (RunOnce()) {
+      NoteSpin(true);
+      return true;
+    }
+  }
+  NoteSpin(false);
+  return false;
+}
+
+void Dispatcher::NoteSpin(bool found) {
+  m_membership->Statistics().Counters().Serial().Add(found ? context_field::kSpinsFound : context_field::kSpinsInVain);
+  if (m_adaptiveSpin) {
+    m_adaptiveSpin->NoteSpin(found);
   }
 }
 
@@ -117,15 +182,12 @@ std::size_t Dispatcher::RunTasks() {
   return tasks.size();
 }
 
-// What takes a system call to look at. Everything but registered descriptors can wait for kPollInterval.
-std::size_t Dispatcher::PollIfDue() {
-  if (m_descriptors.Empty()) {
-    const Clock::time_point now = Clock::now();
-    if (now < m_nextPoll) {
-      return 0;
-    }
-    m_nextPoll = now + kPollInterval;
+// What takes a system call to look at. Registered descriptors can wait for their interval, all else for kPollInterval.
+std::size_t Dispatcher::PollIfDue(Clock::time_point now, Clock::duration registeredInterval) {
+  if (now - m_lastPoll < (m_descriptors.Empty() ? kPollInterval : registeredInterval)) {
+    return 0;
   }
+  m_lastPoll = now;
   return Poll(0);
 }
 
@@ -137,6 +199,7 @@ std::size_t Dispatcher::Poll(int timeoutMs) {
 // The same, waiting until something arrives in memory, too.
 std::size_t Dispatcher::ParkAndPoll(int timeoutMs) {
   if (!m_transport.Park()) {
+    m_sleepEnd = Clock::now();
     return 0;
   }
   zq::statistics::Row& counters = m_membership->Statistics().Counters();
@@ -151,6 +214,7 @@ std::size_t Dispatcher::ParkAndPoll(int timeoutMs) {
     ready = m_poller.Poll(storage, timeoutMs);
     counters.Set(context_field::kWaiting, 0);
   }
+  m_sleepEnd = Clock::now();
   if (!ready.empty()) {
     counters.Serial().Add(context_field::kWakeups);
   }

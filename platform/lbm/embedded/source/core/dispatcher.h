@@ -10,8 +10,10 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 
+#include "core/adaptive_spin.h"
 #include "core/arrival_clock.h"
 #include "core/descriptors.h"
 #include "core/membership.h"
@@ -41,13 +43,17 @@ class Dispatcher {
   // Does what there is to do; when that is nothing, waits up to msec milliseconds for something. Returns early after
   // Unblock, once. Throws Error when another thread is inside, or after End.
   //
-  // Memory shared with peers is always polled. Descriptors, which take a system call, are always polled before waiting;
-  // otherwise (msec is 0, or there is no end of messages) always when the application has registered any, and else once
-  // in kPollInterval.
+  // Before it sleeps it spins for the option spin_time.
+  //
+  // Memory shared with peers is always polled. Descriptors, which take a system call, are always polled before
+  // sleeping; otherwise (msec is 0, or there is no end of messages) always when the application has registered any, and
+  // else once in kPollInterval. While it spins, those of the application are polled once in kSpinPollInterval, so that
+  // they do not hold up messages.
   void Process(lbm_ulong_t msec);
   void Unblock();  // threads: any
 
   static constexpr std::chrono::milliseconds kPollInterval{1};
+  static constexpr std::chrono::microseconds kSpinPollInterval{5};
 
   // Runs the task on the dispatching thread, before it looks for other work. Tasks run in the order of their posting,
   // those posted after End never. Threads: any.
@@ -65,7 +71,11 @@ class Dispatcher {
   bool Ended() const noexcept { return m_membership->Ended(); }
   std::size_t RunTasks();
   std::size_t RunWithoutSystemCalls();
-  std::size_t PollIfDue();
+  bool RunOnce();
+  std::chrono::nanoseconds SpinTime();
+  bool Spin(Clock::time_point begin, Clock::time_point end);
+  void NoteSpin(bool found);
+  std::size_t PollIfDue(Clock::time_point now, Clock::duration registeredInterval);
   std::size_t Poll(int timeoutMs);
   std::size_t ParkAndPoll(int timeoutMs);
   std::size_t HandleEvents(std::span<const epoll_event> events);
@@ -86,8 +96,12 @@ class Dispatcher {
   std::atomic<bool> m_unblocked{false};
 
   // The dispatching thread's own:
-  Clock::time_point m_nextPoll;
-  Task m_last;  // set by End on the dispatching thread
+  std::size_t m_lastDone = 0;  // by the last RunOnce that did anything
+  Clock::time_point m_lastPoll;
+  Clock::time_point m_lastYield;
+  Clock::time_point m_sleepEnd;                // of the last ParkAndPoll, before what came was handled
+  std::optional<AdaptiveSpin> m_adaptiveSpin;  // while spin_time is auto
+  Task m_last;                                 // set by End on the dispatching thread
 
   std::mutex m_occupancyMutex;
   std::condition_variable m_vacant;

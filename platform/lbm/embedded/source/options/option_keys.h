@@ -87,7 +87,7 @@ inline constexpr OptionKey<std::size_t> kNatsWindowSize{Scope::kContext, "nats_w
 inline constexpr OptionKey<OperationalMode> kOperationalMode{Scope::kContext, "operational_mode"};
 inline constexpr OptionKey<lbm_src_notify_func_t> kResolverSourceNotification{Scope::kContext,
                                                                               "resolver_source_notification_function"};
-inline constexpr OptionKey<std::uint32_t> kSpinTime{Scope::kContext, "spin_time"};  // microseconds
+inline constexpr OptionKey<std::uint32_t> kSpinTime{Scope::kContext, "spin_time"};  // microseconds, or kAuto
 inline constexpr OptionKey<TransportKind> kTransport{Scope::kContext, "transport"};
 inline constexpr OptionKey<std::size_t> kTransportRingSize{Scope::kContext, "transport_ring_size"};
 

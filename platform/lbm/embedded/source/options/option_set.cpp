@@ -58,6 +58,17 @@ Word ParseWord(const OptionDefinition& option, std::string_view text) {
   return Word{static_cast<std::uint8_t>(word - option.words.begin())};
 }
 
+std::uint32_t ParseNumberOrAuto(const OptionDefinition& option, std::string_view text) {
+  if (option.hasAuto && text == kAutoText) {
+    return kAuto;
+  }
+  return static_cast<std::uint32_t>(ParseNumber(option, text, option.minimum, option.maximum));
+}
+
+std::string NumberText(const OptionDefinition& option, std::uint32_t number) {
+  return option.hasAuto && number == kAuto ? std::string(kAutoText) : std::to_string(number);
+}
+
 OptionValue ValueFromText(const OptionDefinition& option, std::string_view text) {
   switch (option.type) {
     case OptionType::kText:
@@ -67,7 +78,7 @@ OptionValue ValueFromText(const OptionDefinition& option, std::string_view text)
     case OptionType::kFlag:
       return ParseNumber(option, text, 0, 1) == 1;
     case OptionType::kNumber:
-      return static_cast<std::uint32_t>(ParseNumber(option, text, option.minimum, option.maximum));
+      return ParseNumberOrAuto(option, text);
     case OptionType::kMilliseconds:
       return std::chrono::milliseconds(ParseNumber(option, text, option.minimum, option.maximum));
     case OptionType::kSize:
@@ -99,7 +110,7 @@ OptionValue ValueFromBinary(const OptionDefinition& option, const void* value, s
     case OptionType::kFlag:
       return ValueFromText(option, std::to_string(ReadAs<int>(option, value, size)));
     case OptionType::kNumber:
-      return ValueFromText(option, std::to_string(ReadAs<std::uint32_t>(option, value, size)));
+      return ValueFromText(option, NumberText(option, ReadAs<std::uint32_t>(option, value, size)));
     case OptionType::kMilliseconds:
       return ValueFromText(option, std::to_string(ReadAs<lbm_ulong_t>(option, value, size)));
     case OptionType::kSize:
@@ -131,7 +142,7 @@ struct ToText {
   std::string operator()(const Text& text) const { return text.Get(); }
   std::string operator()(Word word) const { return std::string(option.words[word.place]); }
   std::string operator()(bool flag) const { return flag ? "1" : "0"; }
-  std::string operator()(std::uint32_t number) const { return std::to_string(number); }
+  std::string operator()(std::uint32_t number) const { return NumberText(option, number); }
   std::string operator()(std::chrono::milliseconds time) const { return std::to_string(time.count()); }
   std::string operator()(std::size_t size) const { return std::to_string(size); }
   template <class Callbacks>

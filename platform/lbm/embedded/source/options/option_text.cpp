@@ -63,7 +63,7 @@ std::string AllowedValues(const OptionDefinition& option) {
     case OptionType::kNumber:
     case OptionType::kMilliseconds:
     case OptionType::kSize:
-      return Range(option);
+      return (option.hasAuto ? std::string(kAutoText) + ", or " : "") + Range(option);
     case OptionType::kResolverSourceNotification:
     case OptionType::kReceiverSourceNotification:
       break;

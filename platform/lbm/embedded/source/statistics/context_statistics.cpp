@@ -27,7 +27,10 @@ const Kind& ContextKind() {
            "Sends that found no room at a receiving context and waited or "
            "failed with would-block."},
           {"dropped", FieldType::kCounter, "", "Messages not sent to a receiving context for want of room."},
-          {"waiting", FieldType::kGauge, "", "1 while the thread that processes events waits for them."},
+          {"spins_found", FieldType::kCounter, "", "Waits that ended while the thread spun, for something came."},
+          {"spins_in_vain", FieldType::kCounter, "", "Waits in which the thread spun until it had to sleep after all."},
+          {"waiting", FieldType::kGauge, "", "1 while the thread that processes events sleeps until they come."},
+          {"spin_time", FieldType::kGauge, "nanoseconds", "How long the last wait was to spin before it slept."},
           {"sources", FieldType::kGauge, "", "Sources."},
           {"receivers", FieldType::kGauge, "", "Receivers."},
           {"topics", FieldType::kGauge, "", "Topics that have a receiver here or a source that the context knows."},

@@ -19,7 +19,10 @@ enum : std::size_t {
   kWakeups,
   kWaitsForRoom,
   kDropped,
+  kSpinsFound,
+  kSpinsInVain,
   kWaiting,
+  kSpinTime,
   kSources,
   kReceivers,
   kTopics,
@@ -56,8 +59,8 @@ class ContextStatistics {
   ContextStatistics() = default;
   explicit ContextStatistics(Labels labels);
 
-  // Of the kind engine_context. Fields of the dispatching thread: delivered, passes, wakeups, waiting, receivers,
-  // topics, peers, latency; all others take additions of any thread.
+  // Of the kind engine_context. Fields of the dispatching thread: delivered, passes, wakeups, the spins', waiting,
+  // spin_time, receivers, topics, peers, latency; all others take additions of any thread.
   zq::statistics::Row& Counters() noexcept { return m_row; }
 
   // Notes that a message is delivered now that was sent at that time of the monotonic clock. Threads: the dispatching

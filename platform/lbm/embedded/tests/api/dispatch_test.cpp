@@ -217,6 +217,8 @@ TEST_F(Descriptors, AHangUpThatNobodyTakesKeepsNoThreadBusy) {
 
 class Processing : public EngineTest {};
 
+constexpr lbm_ulong_t kHour = 3'600'000;  // milliseconds
+
 TEST_F(Processing, WaitsForMessagesInsteadOfPollingForThem) {
   const Driven publisher;
   const Driven subscriber;
@@ -229,7 +231,7 @@ TEST_F(Processing, WaitsForMessagesInsteadOfPollingForThem) {
 
   std::thread waiting([&] {
     while (recorder.lines.size() < 3) {
-      lbm_context_process_events(subscriber, 3'600'000);
+      lbm_context_process_events(subscriber, kHour);
     }
   });
   while (lbm_context_process_events(subscriber, 0) == 0) {  // until the other thread is inside
@@ -239,12 +241,44 @@ TEST_F(Processing, WaitsForMessagesInsteadOfPollingForThem) {
   EXPECT_EQ("data 1 wake up", recorder.lines.back());
 }
 
+TEST_F(Processing, NeitherDescriptorsNorTimersNorTasksAwaitTheEndOfASpin) {
+  const Driven context({{"operational_mode", "sequential"}, {"spin_time", "1000000000"}});
+  const std::size_t before = g_waits;
+  const auto process = [&] { ASSERT_EQ(0, lbm_context_process_events(context, kHour)) << lbm_errmsg(); };
+
+  const Recorder recorder(context, ReceiverTopic(context, "NOBODY", {{"no_source_notification_delay", "1"}}));
+  while (recorder.lines.empty()) {
+    process();
+  }
+
+  const Pipe pipe = test_support::MakePipe();
+  int calls = 0;
+  ASSERT_EQ(0, lbm_register_fd(context, pipe.reader.Get(), CountCalls, &calls, nullptr, LBM_FD_EVENT_READ));
+  PutByte(pipe);
+  process();
+  EXPECT_EQ(1, calls);
+  ASSERT_EQ(0, lbm_cancel_fd(context, pipe.reader.Get(), LBM_FD_EVENT_READ));
+
+  std::atomic<bool> done{false};
+  std::thread spinning([&] {
+    while (!done) {  // turned away while the other thread is inside
+      lbm_context_process_events(context, kHour);
+    }
+  });
+  while (lbm_context_process_events(context, 0) == 0) {  // until the other thread is inside
+  }
+  done = true;
+  const Recorder another(context, "NOBODY");  // a task
+  spinning.join();
+  EXPECT_EQ(before, g_waits);
+}
+
 TEST_F(Processing, WaitsUntilUnblockedAndIsForOneThread) {
   const Driven context;
   std::atomic<bool> unblocked{false};
   std::thread waiting([&] {
     while (!unblocked) {  // turned away while this thread is inside
-      lbm_context_process_events(context, 3'600'000);
+      lbm_context_process_events(context, kHour);
     }
   });
   while (lbm_context_process_events(context, 0) == 0) {  // until the other thread is inside
@@ -254,7 +288,7 @@ TEST_F(Processing, WaitsUntilUnblockedAndIsForOneThread) {
   EXPECT_EQ(0, lbm_context_unblock(context));
   waiting.join();
   EXPECT_EQ(0, lbm_context_unblock(context));
-  EXPECT_EQ(0, lbm_context_process_events(context, 3'600'000)) << "an unblock before the call counts";
+  EXPECT_EQ(0, lbm_context_process_events(context, kHour)) << "an unblock before the call counts";
 
   const Driven threaded({});
   EXPECT_EQ(-1, lbm_context_process_events(threaded, 0));

@@ -5,6 +5,7 @@
 
 #include "domain.h"
 #include "transport_choice.h"
+#include "zq/posix/event.h"
 
 namespace engine_test {
 namespace {
@@ -15,6 +16,7 @@ using testing::EndsWith;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
+using zq::posix::Event;
 
 // A field of the only row of that kind, context and, if it is not empty, topic. Fails the test when there is none.
 statistics::Value ValueOf(const char* kind, const char* context, const char* field, const char* topic = "") {
@@ -136,7 +138,7 @@ TEST_F(Statistics, OfAReceiverThatOutlivesItsContextShowNothingThatIsThere) {
 
 TEST_F(Statistics, ShowOptionsThatHoldNowAndWhoSetThem) {
   EXPECT_THAT(OptionsOf("publisher"), Contains(Pair("context operational_mode", "sequential (attribute)")));
-  EXPECT_THAT(OptionsOf("publisher"), Contains(Pair("context spin_time", "0 (default)")));
+  EXPECT_THAT(OptionsOf("publisher"), Contains(Pair("context spin_time", "auto (default)")));
   ASSERT_EQ(0, lbm_context_str_setopt(m_publisher, "spin_time", "7"));
   EXPECT_EQ(1U, OptionsOf("publisher").count("context spin_time"));
   EXPECT_THAT(OptionsOf("publisher"), Contains(Pair("context spin_time", "7 (attribute)")));
@@ -216,6 +218,34 @@ TEST_F(HostStatistics, SampleSlowFlowsToo) {
   EXPECT_GE(NumberOf("peer", "publisher", "wakeups"), 40);
   EXPECT_EQ(0, lbm_rcv_delete(receiver));
   EXPECT_EQ(0, lbm_context_delete(context));
+}
+
+TEST_F(Statistics, TellWhetherAContextSpins) {
+  const auto number = [](const char* field) { return NumberOf("engine_context", "publisher", field); };
+  // Something comes for every wait, as soon as the context looks for it.
+  Event always;
+  always.Notify();
+  const auto ignore = [](lbm_context_t*, int, lbm_ulong_t, void*) { return 0; };
+  const int fd = always.GetDescriptor();
+  ASSERT_EQ(0, lbm_register_fd(m_publisher, fd, ignore, nullptr, nullptr, LBM_FD_EVENT_READ)) << lbm_errmsg();
+  const auto set = [&](const char* value) {
+    ASSERT_EQ(0, lbm_context_str_setopt(m_publisher, "spin_time", value)) << lbm_errmsg();
+  };
+  set("0");
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(0, lbm_context_process_events(m_publisher, 1));
+  }
+  EXPECT_EQ(0, number("spins_found") + number("spins_in_vain"));
+  EXPECT_EQ(0, number("spin_time"));
+
+  set("auto");
+  PumpUntil({m_publisher}, "spins that pay", [&] { return number("spins_found") > 0; });
+  ASSERT_EQ(0, lbm_cancel_fd(m_publisher, fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
+
+  set("3");
+  const std::int64_t before = number("spins_in_vain");
+  PumpUntil({m_publisher}, "a spin in vain", [&] { return number("spins_in_vain") > before; });
+  EXPECT_EQ(3000, number("spin_time"));
 }
 
 TEST_F(HostStatistics, CountWhatAFullRingCosts) {

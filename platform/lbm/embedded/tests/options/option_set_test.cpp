@@ -71,6 +71,28 @@ TEST(OptionTable, EveryNumberTakesItsWholeRangeAndNothingBeyond) {
   }
 }
 
+TEST(OptionSet, ANumberLeftToTheEngineIsAutoAsTextAndTheGreatestNumberInBinary) {
+  auto context = OptionSet::BuiltInDefaults(Scope::kContext);
+  std::uint32_t number = 0;
+  std::size_t size = sizeof number;
+  context.GetBinary("spin_time", &number, size);
+  EXPECT_EQ(number, UINT32_MAX);
+  number = 0;
+  context.SetBinary("spin_time", &number, size);
+  EXPECT_EQ(context.GetText("spin_time"), "0");
+  number = UINT32_MAX;
+  context.SetBinary("spin_time", &number, size);
+  EXPECT_EQ(context.GetText("spin_time"), "auto");
+
+  for (const char* nonsense : {"AUTO", "auto ", "automatic", "4294967295"}) {
+    EXPECT_THAT(BadValue(Scope::kContext, "spin_time", nonsense), EndsWith("allowed: auto, or 0 to 1000000000 us"));
+  }
+  EXPECT_THAT(BadValue(Scope::kReceiver, "loss_burst_threshold", "auto"), EndsWith("allowed: 0 to 65536 messages"));
+  auto receiver = OptionSet::BuiltInDefaults(Scope::kReceiver);
+  EXPECT_THAT(ErrorOf([&] { receiver.SetBinary("loss_burst_threshold", &number, size); }),
+              HasSubstr("\"4294967295\" is not acceptable"));
+}
+
 TEST(OptionSet, ErrorsNameScopeOptionValueAndWhatIsAllowed) {
   EXPECT_EQ(BadValue(Scope::kContext, "operational_mode", "sequentail"),
             "1 context option \"operational_mode\": \"sequentail\" is not acceptable; allowed: embedded or sequential");
