@@ -42,7 +42,8 @@ class PriceStatTest : public ToolsFixture {
 };
 
 TEST_F(PriceStatTest, SeesWhoHangsIsStoppedOrHasEnded) {
-  const auto idle = Play();
+  const auto hung = Play();
+  Tell(*hung, "hang 1");
   const auto busy = Play();
   Tell(*busy, "busy 12");
   const auto killed = Play();

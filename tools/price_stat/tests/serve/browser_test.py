@@ -17,7 +17,7 @@ import time
 import unittest
 from typing import Any
 
-PRICE_STAT, PLAYER = sys.argv[1:3]
+PRICE_STAT, PLAYED_PROCESS = sys.argv[1:3]
 BROWSER = next(filter(None, map(shutil.which, ["chromium", "chromium-headless-shell"])), None)
 PATIENCE_SECONDS = 60
 
@@ -142,7 +142,7 @@ class BrowserTest(unittest.TestCase):
         return process
 
     def play(self, contexts: int, *more: str) -> subprocess.Popen[str]:
-        player = self.start([PLAYER, str(contexts), "5", *more])
+        player = self.start([PLAYED_PROCESS, str(contexts), "5", *more])
         assert player.stdout
         self.assertEqual("ready\n", player.stdout.readline())
         return player
@@ -184,7 +184,7 @@ class BrowserTest(unittest.TestCase):
         self.play(2, "live")
         self.browser.call("Page.navigate", url=self.address)
         # Names are texts, whatever is in them; rates come with the second look.
-        self.wait(f"{CELLS}.some((cells) => cells[1] === '<i>prices</i>1' && /^[0-9.]+ k$/.test(cells[3]))")
+        self.wait(f"{CELLS}.some((cells) => cells[1] === '<i>prices</i>.1' && /^[0-9.]+ k$/.test(cells[3]))")
         self.assertEqual([], self.browser.value("[...document.querySelectorAll('table i')]"))
         self.browser.press("/")
         for key in "<i>":
@@ -193,8 +193,8 @@ class BrowserTest(unittest.TestCase):
         while not self.browser.value("document.activeElement.matches('#contexts tbody button')"):
             self.browser.press("Tab")
         self.browser.press("Enter")
-        self.wait("document.getElementById('details-title').innerText.includes('<i>prices</i>1')")
-        self.wait("document.getElementById('tables').innerText.includes('prices.1.1.segment.4')")
+        self.wait("document.getElementById('details-title').innerText.includes('<i>prices</i>.1')")
+        self.wait("document.getElementById('tables').innerText.includes('prices.4')")
         self.browser.press("Escape")
         self.wait("document.getElementById('details').hidden")
         self.browser.press("t")

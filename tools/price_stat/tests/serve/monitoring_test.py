@@ -11,7 +11,7 @@ import unittest
 import urllib.request
 from typing import Iterator
 
-PRICE_STAT, PLAYER = sys.argv[1:3]
+PRICE_STAT, PLAYED_PROCESS = sys.argv[1:3]
 MONITORING = pathlib.Path(__file__).parents[2] / "monitoring"
 ALERTS = MONITORING / "alerts.yaml"
 DASHBOARD = MONITORING / "grafana-dashboard.json"
@@ -28,7 +28,7 @@ def metrics() -> str:
     """What a process with rows of every kind exports."""
     with tempfile.TemporaryDirectory() as directory:
         player = subprocess.Popen(
-            [PLAYER, "2", "3"],
+            [PLAYED_PROCESS, "2", "3"],
             env={"ZQ_STATISTICS_DIR": directory},
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
