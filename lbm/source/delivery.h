@@ -36,20 +36,28 @@ class CountIfThrown {
   bool m_returned = false;
 };
 
-// Times a call of a callback for a message, which may be null, and counts it in that field of the row when it throws.
-// The row may go meanwhile.
+// Times a callback, for a message, which may be null, as the calling thread's loop does it.
 template <class Call>
-void CallApplication(const lbm_msg_t* msg, zq::statistics::Row& row, std::size_t failures, const Call& call) {
+void TimeCallback(const lbm_msg_t* msg, const Call& call) {
   Loop* const loop = Loop::Current();
   if (loop != nullptr) {
     loop->BeforeCallback(msg);
   }
-  CountIfThrown thrown(row, failures);
   call();
-  thrown.Returned();
   if (loop != nullptr) {
     loop->AfterCallback();
   }
+}
+
+// Times a call of a callback for a message, which may be null, and counts it in that field of the row when it throws.
+// The row may go meanwhile.
+template <class Call>
+void CallApplication(const lbm_msg_t* msg, zq::statistics::Row& row, std::size_t failures, const Call& call) {
+  TimeCallback(msg, [&] {
+    CountIfThrown thrown(row, failures);
+    call();
+    thrown.Returned();
+  });
 }
 
 // One reference taken, and given back unless the callback kept it.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "delivery.h"
 #include "lbm/errors.h"
 
 namespace lbm::details {
@@ -147,7 +148,7 @@ void OpenRequests::TakeEvent(int event) {
 
 int OpenRequests::OnTimer(lbm_context_t*, int, lbm_ulong_t, void* clientd) {
   const auto request = static_cast<OpenRequest*>(clientd)->shared_from_this();
-  request->requests->TimeHasCome(*request);
+  TimeCallback(nullptr, [&] { request->requests->TimeHasCome(*request); });
   return 0;
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "lbm_test.h"
+#include "zq/statistics/snapshot.h"
 
 namespace lbm {
 namespace {
@@ -202,6 +203,26 @@ TEST_F(RequestSourceTest, AFailureToSendIsThrownTheFirstTimeAndLoggedLater) {
   Tell(LBM_SRC_EVENT_CONNECT);
   EXPECT_THAT(Lines(), ElementsAre("30 71 Failed to send LBM request: no"));
   EXPECT_TRUE(request.IsOpen());
+}
+
+TEST_F(RequestSourceTest, AnOutcomeThatTheTimerTellsIsTimedAsEveryCallback) {
+  constexpr std::uint64_t kTaken = 3'000'000;  // nanoseconds
+  const auto numberOf = [this](const char* field) {
+    const zq::statistics::Snapshot snapshot = Ctx().GetStatistics();
+    return snapshot.Of("context").at(0)->Find(field)->Count();
+  };
+  const auto request = Requests().Ask("ask", {milliseconds(1), kPatient.retryInterval}, {}, [&](RequestOutcome) {
+    const std::uint64_t begin = zq::statistics::Now();
+    EXPECT_THAT(numberOf("busy_since"), testing::AllOf(testing::Gt(0U), testing::Le(begin)));
+    while (zq::statistics::Now() < begin + kTaken) {
+    }
+  });
+  lbm_scripted::Post(Ctx(), [this] { LetTimePass(); });
+  Ctx().Poll(0);
+  EXPECT_EQ(numberOf("callbacks"), 1U);
+  EXPECT_GE(numberOf("callback_time"), kTaken);
+  EXPECT_GE(numberOf("longest_callback"), kTaken);
+  EXPECT_EQ(numberOf("busy_since"), 0U);
 }
 
 TEST_F(RequestSourceTest, CancellingTellsWhetherTheOutcomeWasOpen) {
