@@ -49,12 +49,12 @@ std::string LabelsText(const Json& labels) {
   return text.empty() ? "-" : text;
 }
 
-std::string Signed(const zq::statistics::Field& field, std::int64_t number) {
+std::string Signed(const Field& field, std::int64_t number) {
   return (number > 0 ? "+" : "") + NumberText(field, number);
 }
 
 // Whether the row came or went, and quantiles of a histogram.
-std::string NoteText(const Json& change, const zq::statistics::Field& field) {
+std::string NoteText(const Json& change, const Field& field) {
   if (change.contains("values")) {
     const auto& values = change["values"];
     return fmt::format("p50 {}, p99 {}", NumberText(field, values["p50"].get<std::int64_t>()),
@@ -72,7 +72,7 @@ std::string ProcessText(const Json& process) {
   cli::Table table(4);
   table.Add({"kind", "row", "field", "", "before", "after", "growth", "now"});
   for (const auto& change : process["changes"]) {
-    zq::statistics::Field field{.type = zq::statistics::FieldType::kGauge, .unit = change["unit"].get<std::string>()};
+    Field field{.type = FieldType::kGauge, .unit = change["unit"].get<std::string>()};
     auto note = NoteText(change, field);
     if (change.contains("values")) {
       field.unit.clear();  // numbers of values

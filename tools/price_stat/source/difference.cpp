@@ -6,13 +6,12 @@
 #include <string>
 #include <utility>
 
-#include "zq/statistics/snapshot.h"
+#include "processes.h"
 
 namespace price_stat {
 namespace {
 
 using Json = nlohmann::ordered_json;
-using zq::statistics::Distribution;
 
 // Two runs of a program may have had the same number.
 using ProcessKey = std::pair<std::int64_t, std::uint64_t>;

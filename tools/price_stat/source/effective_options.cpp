@@ -10,8 +10,6 @@
 namespace price_stat {
 namespace {
 
-using zq::statistics::RowValues;
-
 struct Filter {
   std::string name = "*";
   bool changed = false;

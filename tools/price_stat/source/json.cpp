@@ -6,12 +6,6 @@ namespace price_stat {
 namespace {
 
 using Json = nlohmann::ordered_json;
-using zq::statistics::Distribution;
-using zq::statistics::Field;
-using zq::statistics::FieldType;
-using zq::statistics::Kind;
-using zq::statistics::RowValues;
-using zq::statistics::Value;
 
 const char* NameOf(FieldType type) {
   switch (type) {

@@ -5,9 +5,6 @@
 
 namespace price_stat {
 
-using zq::statistics::FieldType;
-using zq::statistics::RowValues;
-
 Progress::Progress(const Process* before, const Process& now) {
   if (before == nullptr || !before->snapshot || !now.snapshot ||
       now.snapshot->takenMonotonic <= before->snapshot->takenMonotonic) {

@@ -22,10 +22,10 @@ class Progress {
 
   // By how much the counter has grown in a second; nothing when it is not known: the row is new, the field is no
   // counter, or something else than counting has been done to it.
-  std::optional<double> RateOf(const zq::statistics::RowValues& row, std::size_t field) const;
+  std::optional<double> RateOf(const RowValues& row, std::size_t field) const;
 
  private:
-  std::unordered_map<std::uint64_t, const zq::statistics::RowValues*> m_before;  // by id
+  std::unordered_map<std::uint64_t, const RowValues*> m_before;  // by id
   double m_seconds = 0;
 };
 

@@ -13,9 +13,6 @@
 namespace price_stat {
 namespace {
 
-using zq::statistics::RowValues;
-using zq::statistics::Snapshot;
-
 // How long a callback has been running; 0 while none is.
 std::uint64_t InCallbackFor(const RowValues& context, const Snapshot& snapshot) {
   const auto* const since = context.Find("busy_since");

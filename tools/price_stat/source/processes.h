@@ -13,6 +13,15 @@
 
 namespace price_stat {
 
+// What pages hold.
+using zq::statistics::Distribution;
+using zq::statistics::Field;
+using zq::statistics::FieldType;
+using zq::statistics::Kind;
+using zq::statistics::RowValues;
+using zq::statistics::Snapshot;
+using zq::statistics::Value;
+
 enum class State : std::uint8_t {
   kRunning,
   kInCallback,  // for longer than callbacks should take
@@ -38,11 +47,11 @@ struct Context {
 struct Process {
   std::string path;  // of the page
   State state = State::kRunning;
-  std::uint64_t hangNanoseconds = 0;                 // the longest of its contexts
-  std::string fault;                                 // why there is no snapshot
-  std::optional<zq::statistics::Snapshot> snapshot;  // always there when the state is not kUnreadable
-  std::vector<Context> contexts;                     // in the order of their rows
-  bool inOurProc = false;                            // /proc is about this process: same machine and process namespace
+  std::uint64_t hangNanoseconds = 0;  // the longest of its contexts
+  std::string fault;                  // why there is no snapshot
+  std::optional<Snapshot> snapshot;   // always there when the state is not kUnreadable
+  std::vector<Context> contexts;      // in the order of their rows
+  bool inOurProc = false;             // /proc is about this process: same machine and process namespace
 
   // The program's name, as far as the page or its name tells.
   std::string Program() const;
@@ -51,7 +60,7 @@ struct Process {
 };
 
 // Whether the row counts what had no room in rows of its own.
-bool IsOther(const zq::statistics::RowValues& row);
+bool IsOther(const RowValues& row);
 
 // The stable name of a state, for programs: "running", "in_callback", ...
 std::string_view NameOf(State state);

@@ -16,12 +16,6 @@
 namespace price_stat {
 namespace {
 
-using zq::statistics::Distribution;
-using zq::statistics::FieldType;
-using zq::statistics::Kind;
-using zq::statistics::RowValues;
-using zq::statistics::Value;
-
 struct ShowOptions {
   std::vector<std::string> kinds;    // none: all but options
   std::vector<std::string> context;  // name or handle; none: all

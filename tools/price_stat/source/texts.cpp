@@ -27,14 +27,14 @@ std::string ShortCount(double count) {
   return fmt::format("{:.{}f}{}", count, digits, kUnits[unit]);
 }
 
-std::string NumberText(const zq::statistics::Field& field, std::int64_t number) {
-  const bool isSigned = field.type == zq::statistics::FieldType::kGauge && number < 0;
+std::string NumberText(const Field& field, std::int64_t number) {
+  const bool isSigned = field.type == FieldType::kGauge && number < 0;
   const auto size = isSigned ? ~static_cast<std::uint64_t>(number) + 1 : static_cast<std::uint64_t>(number);
   const auto text = field.unit == kNanoseconds ? cli::FormatLatency(size) : cli::FormatCount(size);
   return isSigned ? '-' + text : text;
 }
 
-std::string RateText(const zq::statistics::Field& field, double rate) {
+std::string RateText(const Field& field, double rate) {
   return field.unit == kNanoseconds ? fmt::format("{:.1f}%", rate / 1e7) : ShortCount(rate) + "/s";
 }
 

@@ -15,10 +15,10 @@ namespace price_stat {
 std::string ShortCount(double count);
 
 // A number in a field's unit: "1,234", "1.25 ms".
-std::string NumberText(const zq::statistics::Field& field, std::int64_t number);
+std::string NumberText(const Field& field, std::int64_t number);
 
 // A counter's growth in a second; of one that counts time, the share of the time: "12.5 %".
-std::string RateText(const zq::statistics::Field& field, double rate);
+std::string RateText(const Field& field, double rate);
 
 // A context's name, or its handle when it has none.
 std::string ContextName(std::string_view name, std::string_view handle);

@@ -19,7 +19,6 @@ namespace price_stat {
 namespace {
 
 using Clock = cli::SignalWait::Clock;
-using zq::statistics::RowValues;
 
 struct ThreadRow {
   SystemThread thread;

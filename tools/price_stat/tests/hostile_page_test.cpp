@@ -19,9 +19,6 @@
 namespace price_stat {
 namespace {
 
-using zq::statistics::FieldType;
-using zq::statistics::Kind;
-
 const Kind kThings{"receiver",
                    "Rows.",
                    {"context", "handle", "topic"},

@@ -11,27 +11,26 @@
 
 namespace price_stat {
 
-inline const zq::statistics::Kind& ContextKind() {
-  static const zq::statistics::Kind kind{
-      "context", "A context.", {"context", "handle"}, {{"loops", zq::statistics::FieldType::kCounter, "", "Loops."}}};
+inline const Kind& ContextKind() {
+  static const Kind kind{
+      "context", "A context.", {"context", "handle"}, {{"loops", FieldType::kCounter, "", "Loops."}}};
   return kind;
 }
 
-inline const zq::statistics::Kind& ReceiverKind() {
-  static const zq::statistics::Kind kind{"receiver",
-                                         "A receiver.",
-                                         {"context", "handle", "topic"},
-                                         {{"messages", zq::statistics::FieldType::kCounter, "", "Messages."},
-                                          {"lost_messages", zq::statistics::FieldType::kCounter, "", "Lost."}}};
+inline const Kind& ReceiverKind() {
+  static const Kind kind{
+      "receiver",
+      "A receiver.",
+      {"context", "handle", "topic"},
+      {{"messages", FieldType::kCounter, "", "Messages."}, {"lost_messages", FieldType::kCounter, "", "Lost."}}};
   return kind;
 }
 
-inline const zq::statistics::Kind& EngineKind() {
-  static const zq::statistics::Kind kind{
-      "engine_context",
-      "The engine's part.",
-      {"context", "handle"},
-      {{"latency", zq::statistics::FieldType::kHistogram, "nanoseconds", "Latency."}}};
+inline const Kind& EngineKind() {
+  static const Kind kind{"engine_context",
+                         "The engine's part.",
+                         {"context", "handle"},
+                         {{"latency", FieldType::kHistogram, "nanoseconds", "Latency."}}};
   return kind;
 }
 
@@ -49,10 +48,10 @@ class PlayedLook {
     snapshot.takenMonotonic = static_cast<std::uint64_t>(seconds * 1e9);
   }
 
-  PlayedLook& Row(const zq::statistics::Kind& kind, std::uint64_t id, std::vector<std::string> labels,
+  PlayedLook& Row(const Kind& kind, std::uint64_t id, std::vector<std::string> labels,
                   const std::vector<std::int64_t>& numbers) {
     auto& snapshot = *m_process.snapshot;
-    snapshot.kinds.push_back(std::make_unique<const zq::statistics::Kind>(kind));
+    snapshot.kinds.push_back(std::make_unique<const Kind>(kind));
     auto& row = snapshot.rows.emplace_back();
     row.kind = snapshot.kinds.back().get();
     row.id = id;
@@ -67,7 +66,7 @@ class PlayedLook {
   PlayedLook& Latencies(std::uint64_t id, std::uint64_t value, std::uint64_t count) {
     Row(EngineKind(), id, {"a", "0x1"}, {static_cast<std::int64_t>(count)});
     auto& latency = m_process.snapshot->rows.back().values.front();
-    zq::statistics::Distribution values{.count = count, .sum = count * value, .maximum = value};
+    Distribution values{.count = count, .sum = count * value, .maximum = value};
     values.buckets[zq::statistics::BucketOf(value)] = count;
     latency.all = latency.last10s = latency.last60s = values;
     return *this;

@@ -19,14 +19,6 @@ namespace price_stat {
 
 namespace {
 
-using zq::statistics::Distribution;
-using zq::statistics::Field;
-using zq::statistics::FieldType;
-using zq::statistics::Kind;
-using zq::statistics::RowValues;
-using zq::statistics::Snapshot;
-using zq::statistics::Value;
-
 constexpr double kNanosecondsPerSecond = 1e9;
 constexpr std::string_view kPrefix = "price_connector_";
 

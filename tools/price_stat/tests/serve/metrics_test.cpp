@@ -12,11 +12,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::Not;
-using zq::statistics::Distribution;
-using zq::statistics::FieldType;
-using zq::statistics::Kind;
-using zq::statistics::RowValues;
-using zq::statistics::Value;
 
 constexpr std::uint64_t kNow = 100'000'000'000;
 
