@@ -100,6 +100,18 @@ TEST_F(PriceStatTest, WatchPrintsABlockOrADocumentForEachInterval) {
   EXPECT_THAT(blocks, Not(HasSubstr("\x1b")));
 }
 
+TEST_F(PriceStatTest, WatchKnowsAValueForEveryColumn) {
+  const auto played = Play();
+  for (const char* const view : {"contexts", "receivers", "sources", "peers"}) {
+    const auto lines =
+        nlohmann::json::parse(Run({"watch", "--interval=0.05", "--count=1", "--json", "--view", view}))["lines"];
+    ASSERT_FALSE(lines.empty()) << view;
+    for (const auto& [column, value] : lines[0]["values"].items()) {
+      EXPECT_FALSE(value.is_null()) << view << ": " << column;
+    }
+  }
+}
+
 TEST_F(PriceStatTest, WatchObeysKeysAndGivesTheTerminalBack) {
   const auto played = Play();
   Process shell({"/bin/sh", "-c", PRICE_STAT " watch --interval=0.05; echo code=$?; stty -a"}, m_environment,

@@ -15,50 +15,54 @@
 namespace price_stat {
 namespace {
 
-using zq::statistics::RowValues;
-using zq::statistics::Value;
+constexpr Metric kReceived{"msg/s", "receiver", "messages", Measure::kRate, 6};
+constexpr Metric kReceivedBytes{"B/s", "receiver", "bytes", Measure::kRate, 5};
+constexpr Metric kLost{"lost", "receiver", "lost_messages", Measure::kHarm, 5};
+constexpr Metric kFailedCallbacks{"failed", "receiver", "failures", Measure::kHarm, 6};
+// A send that is not to block and fails would, as a rule, have blocked.
+constexpr Metric kBlocked{"blocked", "source", "nonblocking_failures", Measure::kHarm, 7};
 
 constexpr std::array kContextMetrics{
-    Metric{"msg/s", "receiver", "messages", Measure::kRate, false, 6},
-    Metric{"lost", "receiver", "lost_messages", Measure::kTotal, true, 5},
-    Metric{"longest", "context", "longest_callback", Measure::kRecent, false, 7},
-    Metric{"busy", "context", "callback_time", Measure::kShare, false, 4},
-    Metric{"blocked", "source", "would_block", Measure::kTotal, true, 7},
-    Metric{"dropped", "engine_context", "dropped", Measure::kTotal, true, 7},
-    Metric{"sent/s", "source", "messages", Measure::kRate, false, 6},
-    Metric{"p99", "engine_context", "latency", Measure::kP99, false, 7},
-    Metric{"B/s", "receiver", "bytes", Measure::kRate, false, 5},
-    Metric{"waits", "engine_context", "waits_for_room", Measure::kTotal, true, 5},
-    Metric{"failed", "receiver", "failures", Measure::kTotal, true, 6},
-    Metric{"loops/s", "context", "loops", Measure::kRate, false, 7},
+    kReceived,
+    kLost,
+    Metric{"longest", "context", "longest_callback", Measure::kRecent, 7},
+    Metric{"busy", "context", "callback_time", Measure::kShare, 4},
+    kBlocked,
+    Metric{"dropped", "engine_context", "dropped", Measure::kHarm, 7},
+    Metric{"sent/s", "source", "messages", Measure::kRate, 6},
+    Metric{"p99", "engine_context", "latency", Measure::kP99, 7},
+    kReceivedBytes,
+    Metric{"waits", "engine_context", "waits_for_room", Measure::kHarm, 5},
+    kFailedCallbacks,
+    Metric{"loops/s", "context", "loops", Measure::kRate, 7},
 };
 constexpr std::array kReceiverMetrics{
-    Metric{"msg/s", "receiver", "messages", Measure::kRate, false, 6},
-    Metric{"lost", "receiver", "lost_messages", Measure::kTotal, true, 5},
-    Metric{"messages", "receiver", "messages", Measure::kTotal, false, 8},
-    Metric{"failed", "receiver", "failures", Measure::kTotal, true, 6},
-    Metric{"B/s", "receiver", "bytes", Measure::kRate, false, 5},
-    Metric{"losses", "receiver", "losses", Measure::kTotal, true, 6},
-    Metric{"begun", "receiver", "sessions_begun", Measure::kTotal, false, 5},
-    Metric{"ended", "receiver", "sessions_ended", Measure::kTotal, false, 5},
+    kReceived,
+    kLost,
+    Metric{"messages", "receiver", "messages", Measure::kTotal, 8},
+    kFailedCallbacks,
+    kReceivedBytes,
+    Metric{"losses", "receiver", "losses", Measure::kHarm, 6},
+    Metric{"begun", "receiver", "sessions_begun", Measure::kTotal, 5},
+    Metric{"ended", "receiver", "sessions_ended", Measure::kTotal, 5},
 };
 constexpr std::array kSourceMetrics{
-    Metric{"msg/s", "source", "messages", Measure::kRate, false, 6},
-    Metric{"blocked", "source", "would_block", Measure::kTotal, true, 7},
-    Metric{"readers", "source", "receivers", Measure::kTotal, false, 7},
-    Metric{"failed", "source", "failures", Measure::kTotal, true, 6},
-    Metric{"messages", "source", "messages", Measure::kTotal, false, 8},
-    Metric{"B/s", "source", "bytes", Measure::kRate, false, 5},
-    Metric{"requests", "source", "requests", Measure::kTotal, false, 8},
+    Metric{"msg/s", "source", "messages", Measure::kRate, 6},
+    kBlocked,
+    Metric{"readers", "source", "receivers", Measure::kTotal, 7},
+    Metric{"failed", "source", "failures", Measure::kHarm, 6},
+    Metric{"messages", "source", "messages", Measure::kTotal, 8},
+    Metric{"B/s", "source", "bytes", Measure::kRate, 5},
+    Metric{"requests", "source", "requests", Measure::kTotal, 8},
 };
 constexpr std::array kPeerMetrics{
-    Metric{"msg/s", "peer", "messages", Measure::kRate, false, 6},
-    Metric{"dropped", "peer", "dropped", Measure::kTotal, true, 7},
-    Metric{"waits", "peer", "waits_for_room", Measure::kTotal, true, 5},
-    Metric{"high", "peer", "ring_high_water", Measure::kTotal, false, 5},
-    Metric{"ring", "peer", "ring_bytes", Measure::kTotal, false, 5},
-    Metric{"B/s", "peer", "bytes", Measure::kRate, false, 5},
-    Metric{"wakes/s", "peer", "wakeups", Measure::kRate, false, 7},
+    Metric{"msg/s", "peer", "messages", Measure::kRate, 6},
+    Metric{"dropped", "peer", "dropped", Measure::kHarm, 7},
+    Metric{"waits", "peer", "waits_for_room", Measure::kHarm, 5},
+    Metric{"high", "peer", "ring_high_water", Measure::kTotal, 5},
+    Metric{"ring", "peer", "ring_bytes", Measure::kTotal, 5},
+    Metric{"B/s", "peer", "bytes", Measure::kRate, 5},
+    Metric{"wakes/s", "peer", "wakeups", Measure::kRate, 7},
 };
 constexpr std::array kViews{
     View{'c', "contexts", "context", true, kContextMetrics},
@@ -72,8 +76,9 @@ std::optional<double> ValueOf(const RowValues& row, std::size_t field, Measure m
   const auto& value = row.values[field];
   switch (measure) {
     case Measure::kTotal:
-      return row.kind->fields[field].type == zq::statistics::FieldType::kCounter ? static_cast<double>(value.Count())
-                                                                                 : static_cast<double>(value.number);
+    case Measure::kHarm:
+      return row.kind->fields[field].type == FieldType::kCounter ? static_cast<double>(value.Count())
+                                                                 : static_cast<double>(value.number);
     case Measure::kRate:
       return progress.RateOf(row, field);
     case Measure::kShare: {
@@ -201,10 +206,10 @@ auto Pain(const View& view, const Line& line) {
   for (std::size_t i = 0; i < line.cells.size(); ++i) {
     const auto& metric = view.metrics[i];
     const auto value = line.cells[i].value.value_or(0);
-    growing += metric.hurts && line.cells[i].grows ? 1 : 0;
+    growing += metric.Hurts() && line.cells[i].grows ? 1 : 0;
     recent += metric.measure == Measure::kRecent ? value : 0;
     share += metric.measure == Measure::kShare ? value : 0;
-    total += metric.hurts ? value : 0;
+    total += metric.Hurts() ? value : 0;
   }
   return std::tuple(Badness(line.state), growing, recent, share, total);
 }
@@ -219,6 +224,7 @@ std::string Cell::Text(Measure measure) const {
   }
   switch (measure) {
     case Measure::kTotal:
+    case Measure::kHarm:
     case Measure::kRate:
       return ShortCount(*value);
     case Measure::kShare:
@@ -265,7 +271,7 @@ std::vector<Line> LinesOf(const View& view, Order order, const std::vector<Proce
 
 nlohmann::ordered_json LinesJson(const View& view, const std::vector<Line>& lines) {
   using Json = nlohmann::ordered_json;
-  constexpr std::array kSuffixes{"", "_per_second", "_share", "_last_10s_ns", "_last_10s_p99_ns"};
+  constexpr std::array kSuffixes{"", "", "_per_second", "_share", "_last_10s_ns", "_last_10s_p99_ns"};
   auto json = Json::array();
   for (const auto& line : lines) {
     auto values = Json::object();

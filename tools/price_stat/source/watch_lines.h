@@ -16,6 +16,7 @@ namespace price_stat {
 
 enum class Measure : std::uint8_t {
   kTotal,   // of a counter or gauge
+  kHarm,    // a total of what should not happen: something is wrong when it grows
   kRate,    // a counter's growth in a second
   kShare,   // the part of the time that a counter of nanoseconds grew by
   kRecent,  // a recent maximum, in nanoseconds
@@ -28,8 +29,9 @@ struct Metric {
   const char* kind;  // of the rows that are added up
   const char* field;
   Measure measure;
-  bool hurts;  // something is wrong when it grows
   unsigned width;
+
+  constexpr bool Hurts() const noexcept { return measure == Measure::kHarm; }
 };
 
 // What there are lines for. Columns that matter most come first: they are what a narrow terminal shows.

@@ -106,8 +106,8 @@ void AddLine(Frame& frame, const Picture& picture, const Line& line, const Colum
   for (std::size_t i = 0; i < columns.metrics; ++i) {
     const auto& metric = picture.view.metrics[i];
     const auto& cell = line.cells[i];
-    const bool isBad = metric.hurts && cell.grows;
-    const bool wasBad = metric.hurts && cell.value.value_or(0) > 0;
+    const bool isBad = metric.Hurts() && cell.grows;
+    const bool wasBad = metric.Hurts() && cell.value.value_or(0) > 0;
     frame.Add(" ").Add(fmt::format("{:>{}}", cell.Text(metric.measure), metric.width), isBad    ? Style::kRed
                                                                                        : wasBad ? Style::kYellow
                                                                                                 : Style::kPlain);
