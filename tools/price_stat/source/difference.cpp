@@ -1,12 +1,14 @@
 #include "difference.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
-#include "processes.h"
+#include "json.h"
 
 namespace price_stat {
 namespace {
@@ -30,10 +32,21 @@ std::map<ProcessKey, const Json*> ProcessesOf(const Json& document) {
   return processes;
 }
 
-std::map<RowKey, const Json*> RowsOf(const Json& process) {
-  std::map<RowKey, const Json*> rows;
+using Selections = std::array<Selection, 2>;  // of both documents
+
+// The rows that neither document leaves out, in their order.
+std::vector<std::pair<RowKey, const Json*>> RowsOf(const Json& process, const Selections& selections) {
+  std::vector<std::pair<RowKey, const Json*>> rows;
   for (const auto& row : process.at("rows")) {
-    rows.emplace(RowKey{row.at("kind").get<std::string>(), row.at("id").get<std::uint64_t>()}, &row);
+    const auto kind = row.at("kind").get<std::string>();
+    const auto& labels = row.at("labels");
+    const auto isMeant = [&](const Selection& selection) {
+      return selection.TakesKind(kind) &&
+             selection.TakesContext(labels.value("context", std::string()), labels.value("handle", std::string()));
+    };
+    if (std::all_of(selections.begin(), selections.end(), isMeant)) {
+      rows.emplace_back(RowKey{kind, row.at("id").get<std::uint64_t>()}, &row);
+    }
   }
   return rows;
 }
@@ -100,14 +113,15 @@ void AddChanges(Json& changes, const Json& kinds, const Json* before, const Json
   }
 }
 
-Json ProcessDifference(const Json& before, const Json& after) {
+Json ProcessDifference(const Json& before, const Json& after, const Selections& selections) {
   const auto taken = [](const Json& process) { return process.at("taken_monotonic_ns").get<double>(); };
   const auto seconds = (taken(after) - taken(before)) / 1e9;
   auto changes = Json::array();
-  auto oldRows = RowsOf(before);
-  for (const auto& row : after.at("rows")) {
-    const auto old = oldRows.extract({row.at("kind").get<std::string>(), row.at("id").get<std::uint64_t>()});
-    AddChanges(changes, after.at("kinds"), old ? old.mapped() : nullptr, &row, seconds);
+  const auto rowsBefore = RowsOf(before, selections);
+  std::map<RowKey, const Json*> oldRows(rowsBefore.begin(), rowsBefore.end());
+  for (const auto& [key, row] : RowsOf(after, selections)) {
+    const auto old = oldRows.extract(key);
+    AddChanges(changes, after.at("kinds"), old ? old.mapped() : nullptr, row, seconds);
   }
   for (const auto& [key, row] : oldRows) {
     AddChanges(changes, before.at("kinds"), row, nullptr, seconds);
@@ -124,10 +138,11 @@ Json Name(const Json& process) { return {{"program", process.at("program")}, {"p
 
 Json Difference(const Json& before, const Json& after) {
   Json difference{{"processes", Json::array()}, {"only_before", Json::array()}, {"only_after", Json::array()}};
+  const Selections selections{SelectionOf(before), SelectionOf(after)};
   auto old = ProcessesOf(before);
   for (const auto& [key, process] : ProcessesOf(after)) {
     if (const auto same = old.extract(key)) {
-      difference["processes"].push_back(ProcessDifference(*same.mapped(), *process));
+      difference["processes"].push_back(ProcessDifference(*same.mapped(), *process, selections));
     } else {
       difference["only_after"].push_back(Name(*process));
     }

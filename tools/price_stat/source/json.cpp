@@ -63,7 +63,18 @@ Json KindJson(const Kind& kind) {
   return {{"help", kind.help}, {"fields", std::move(fields)}};
 }
 
-Json RowJson(const RowValues& row) {
+Json RatesJson(const RowValues& row, const Progress& progress) {
+  auto rates = Json::object();
+  for (std::size_t i = 0; i < row.values.size(); ++i) {
+    if (row.kind->fields[i].type == FieldType::kCounter) {
+      const auto rate = progress.RateOf(row, i);
+      rates[row.kind->fields[i].name] = rate ? Json(*rate) : Json(nullptr);
+    }
+  }
+  return rates;
+}
+
+Json RowJson(const RowValues& row, const Progress* progress) {
   auto labels = Json::object();
   for (std::size_t i = 0; i < row.labels.size(); ++i) {
     labels[row.kind->labels[i]] = row.labels[i];
@@ -72,7 +83,11 @@ Json RowJson(const RowValues& row) {
   for (std::size_t i = 0; i < row.values.size(); ++i) {
     values[row.kind->fields[i].name] = ValueJson(row.kind->fields[i].type, row.values[i]);
   }
-  return {{"kind", row.kind->name}, {"id", row.id}, {"labels", std::move(labels)}, {"values", std::move(values)}};
+  Json json{{"kind", row.kind->name}, {"id", row.id}, {"labels", std::move(labels)}, {"values", std::move(values)}};
+  if (progress != nullptr) {
+    json["per_second"] = RatesJson(row, *progress);
+  }
+  return json;
 }
 
 }  // namespace
@@ -103,19 +118,36 @@ Json HeadJson(const Process& process) {
   return json;
 }
 
-Json FullJson(const Process& process) {
+Json FullJson(const Process& process, const Selection& selection, const Progress* progress) {
   auto json = HeadJson(process);
   if (const auto& snapshot = process.snapshot) {
     auto& kinds = json["kinds"] = Json::object();
     for (const auto& kind : snapshot->kinds) {
-      kinds[kind->name] = KindJson(*kind);
+      if (selection.TakesKind(kind->name)) {
+        kinds[kind->name] = KindJson(*kind);
+      }
     }
     auto& rows = json["rows"] = Json::array();
     for (const auto& row : snapshot->rows) {
-      rows.push_back(RowJson(row));
+      if (selection.Takes(row)) {
+        rows.push_back(RowJson(row, progress));
+      }
     }
   }
   return json;
+}
+
+Json SelectionJson(const Selection& selection) {
+  return {{"kinds", selection.kinds}, {"contexts", selection.contexts}};
+}
+
+Selection SelectionOf(const Json& document) {
+  const auto found = document.find("selection");
+  if (found == document.end()) {
+    return {};
+  }
+  return {.kinds = found->at("kinds").get<std::vector<std::string>>(),
+          .contexts = found->at("contexts").get<std::vector<std::string>>()};
 }
 
 std::string ToText(const Json& document) { return document.dump(2, ' ', false, Json::error_handler_t::replace) + '\n'; }

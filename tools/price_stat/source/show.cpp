@@ -11,33 +11,29 @@
 #include "cli/table.h"
 #include "json.h"
 #include "looks.h"
+#include "selection.h"
 #include "texts.h"
 
 namespace price_stat {
 namespace {
 
 struct ShowOptions {
-  std::vector<std::string> kinds;    // none: all but options
-  std::vector<std::string> context;  // name or handle; none: all
+  Selection selection;
   std::chrono::duration<double> interval{0};
+
+  bool WithRates() const noexcept { return interval.count() > 0; }
 };
 
 bool IsZero(const Value& value) { return value.number == 0; }
-
-bool Holds(const std::vector<std::string>& texts, std::string_view text) {
-  return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
 
 // The rows of one kind of one process.
 class KindView {
  public:
   KindView(const Kind& kind, const Process& process, const Progress& progress, const ShowOptions& options)
-      : m_kind(kind), m_process(process), m_progress(progress), m_withRates(options.interval.count() > 0) {
+      : m_kind(kind), m_process(process), m_progress(progress), m_withRates(options.WithRates()) {
     for (const auto* const row : process.snapshot->Of(kind.name)) {
-      const bool isMeant = options.context.empty() || Holds(options.context, row->Label("context")) ||
-                           Holds(options.context, row->Label("handle"));
       const bool isEmptyOther = IsOther(*row) && std::all_of(row->values.begin(), row->values.end(), IsZero);
-      if (isMeant && !isEmptyOther) {
+      if (options.selection.Takes(*row) && !isEmptyOther) {
         m_rows.push_back(row);
       }
     }
@@ -225,9 +221,9 @@ std::string ShowText(const Process& process, const Progress& progress, const Sho
   auto text = HeadText(process);
   if (process.snapshot) {
     for (const auto& kind : process.snapshot->kinds) {
-      const bool isMeant =
-          options.kinds.empty() ? kind->name != "option" && kind->name != "process" : Holds(options.kinds, kind->name);
-      if (isMeant) {
+      // The process is in the head, and options are many.
+      const bool isTooMuch = options.selection.kinds.empty() && (kind->name == "option" || kind->name == "process");
+      if (!isTooMuch) {
         text += KindView(*kind, process, progress, options).Text();
       }
     }
@@ -240,7 +236,7 @@ cli::ExitCode Show(const Call& call, const ShowOptions& options, const std::vect
   cli::SignalWait signals{SIGINT, SIGTERM, SIGHUP};
   Looks looks(call.directory, names);
   std::vector<Process> before;
-  if (options.interval.count() > 0) {
+  if (options.WithRates()) {
     before = looks.Take();
     if (cli::AsksToStop(signals.WaitUntil(cli::SignalWait::Clock::now() +
                                           std::chrono::duration_cast<std::chrono::nanoseconds>(options.interval)))) {
@@ -248,23 +244,23 @@ cli::ExitCode Show(const Call& call, const ShowOptions& options, const std::vect
     }
   }
   const auto processes = looks.Take();
-  if (call.json) {
-    auto all = nlohmann::ordered_json::array();
-    for (const auto& process : processes) {
-      all.push_back(FullJson(process));
+  auto all = nlohmann::ordered_json::array();
+  std::string text;
+  for (const auto& process : processes) {
+    const Progress progress(FindSame(process, before), process);
+    if (call.json) {
+      all.push_back(FullJson(process, options.selection, options.WithRates() ? &progress : nullptr));
+    } else {
+      text += (text.empty() ? "" : "\n") + ShowText(process, progress, options);
     }
-    output.Write(ToText({{"directory", call.directory}, {"processes", std::move(all)}}));
   }
+  output.Write(call.json ? ToText({{"directory", call.directory},
+                                   {"selection", SelectionJson(options.selection)},
+                                   {"processes", std::move(all)}})
+                         : text);
   if (processes.empty()) {
     ComplainOfNothing(call.directory, processes);
     return cli::ExitCode::kUnsatisfied;
-  }
-  if (!call.json) {
-    std::string text;
-    for (const auto& process : processes) {
-      text += (text.empty() ? "" : "\n") + ShowText(process, Progress(FindSame(process, before), process), options);
-    }
-    output.Write(text);
   }
   return cli::ExitCode::kOk;
 }
@@ -276,10 +272,10 @@ void AddShow(CLI::App& app, Call& call) {
   AddJsonOption(*command, call);
   const auto names = AddNames(*command);
   const auto options = std::make_shared<ShowOptions>();
-  command->add_option("--kind", options->kinds, "Only rows of this kind, such as receiver; may be repeated")
+  command->add_option("--kind", options->selection.kinds, "Only rows of this kind, such as receiver; may be repeated")
       ->type_name("KIND")
       ->allow_extra_args(false);
-  command->add_option("--context", options->context, "Only rows of this context; may be repeated")
+  command->add_option("--context", options->selection.contexts, "Only rows of this context; may be repeated")
       ->type_name("NAME|HANDLE")
       ->allow_extra_args(false);
   cli::AddSecondsOption(*command, "--interval", options->interval,

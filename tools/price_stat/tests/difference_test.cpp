@@ -8,12 +8,13 @@
 namespace price_stat {
 namespace {
 
-nlohmann::ordered_json DocumentOf(const std::vector<Process>& look) {
+nlohmann::ordered_json DocumentOf(const std::vector<Process>& look, const Selection& selection = {}) {
   auto processes = nlohmann::ordered_json::array();
   for (const auto& process : look) {
-    processes.push_back(FullJson(process));
+    processes.push_back(FullJson(process, selection));
   }
-  return nlohmann::ordered_json::parse(ToText({{"processes", std::move(processes)}}));
+  return nlohmann::ordered_json::parse(
+      ToText({{"selection", SelectionJson(selection)}, {"processes", std::move(processes)}}));
 }
 
 TEST(Difference, IsByRowsThatLivedAllTheTimeAndTellsWhatCameAndWent) {
@@ -39,6 +40,26 @@ TEST(Difference, IsByRowsThatLivedAllTheTimeAndTellsWhatCameAndWent) {
   EXPECT_EQ("ended", changes[2]["row"]);
   EXPECT_EQ(-3, changes[2]["growth"]);
   EXPECT_FALSE(changes[2].contains("per_second"));
+}
+
+TEST(Difference, IsOfRowsThatNeitherDocumentLeavesOut) {
+  const auto look = [](double seconds, std::int64_t messages) {
+    return PlayedLook(seconds)
+        .Row(ReceiverKind(), 1, {"a", "0x1", "t"}, {messages, 0})
+        .Row(ReceiverKind(), 2, {"b", "0x2", "t"}, {messages, 0})
+        .Row(ContextKind(), 3, {"b", "0x2"}, {messages})
+        .Take();
+  };
+  const auto all = DocumentOf(look(10, 1));
+  const auto chosen = DocumentOf(look(12, 2), {.kinds = {"receiver"}, .contexts = {"0x2"}});
+  ASSERT_EQ(1U, chosen["processes"][0]["rows"].size());
+  EXPECT_EQ("b", chosen["processes"][0]["rows"][0]["labels"]["context"]);
+  EXPECT_EQ(1U, chosen["processes"][0]["kinds"].size());
+  for (const auto& difference : {Difference(all, chosen), Difference(chosen, all)}) {
+    const auto& changes = difference["processes"][0]["changes"];
+    ASSERT_EQ(1U, changes.size()) << changes;
+    EXPECT_EQ("b", changes[0]["labels"]["context"]);
+  }
 }
 
 TEST(Difference, HasTheQuantilesOfWhatCameInBetween) {

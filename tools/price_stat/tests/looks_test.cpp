@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "json.h"
 #include "played_snapshot.h"
 #include "system_process.h"
 #include "texts.h"
@@ -58,6 +59,17 @@ TEST(Progress, IsOnlyOfWhatHasCounted) {
   EXPECT_FALSE(progress.RateOf(rows[1], 0)) << "it was another row, of another kind";
   EXPECT_FALSE(progress.RateOf(rows[2], 0)) << "it is new";
   EXPECT_FALSE(Progress(&now.front(), now.front()).RateOf(rows[0], 0)) << "no time has passed";
+}
+
+TEST(Progress, IsInJsonForCountersAlone) {
+  const auto before = PlayedLook(10).Row(ReceiverKind(), 1, {"a", "0x1", "t"}, {100, 9}).Latencies(3, 100, 10).Take();
+  const auto now = PlayedLook(12).Row(ReceiverKind(), 1, {"a", "0x1", "t"}, {300, 3}).Latencies(3, 100, 20).Take();
+  const Progress progress(FindSame(now.front(), before), now.front());
+  const auto rows = FullJson(now.front(), {}, &progress)["rows"];
+  EXPECT_EQ(100, rows[0]["per_second"]["messages"]);
+  EXPECT_TRUE(rows[0]["per_second"]["lost_messages"].is_null()) << "it has become less";
+  EXPECT_TRUE(rows[1]["per_second"].empty()) << "a histogram has no rate";
+  EXPECT_FALSE(FullJson(now.front())["rows"][0].contains("per_second")) << "after one look";
 }
 
 TEST(Progress, IsNotBetweenTwoProcessesThatHadTheSameNumber) {
