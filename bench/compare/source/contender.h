@@ -2,6 +2,8 @@
 // MakeContender(), and becomes one program.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -52,6 +54,7 @@ struct Contender {
   std::string pacing;      // what keeps a fast publisher from losing messages
   bool pinned = false;     // each process is held on one processor: for those who do their work on the caller's thread
   std::size_t window = 0;  // messages that the publisher may be ahead of its slowest receiver; 0: the library's pacing
+  pid_t server = 0;        // the process that all messages go through; 0: none, or not known
   std::function<std::unique_ptr<Node>(const NodeSetup&)> makeNode;
 };
 

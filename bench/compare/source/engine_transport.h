@@ -12,15 +12,21 @@
 namespace compare {
 
 // For this process and those forked from it, before its first use of the engine. directory: an empty one. transport: a
-// value of the context option; with nats in it the run's server carries the messages.
-inline void UseTransport(const std::filesystem::path& directory, const std::string& transport) {
+// value of the context option; with nats in it the run's server carries the messages. others: further lines of the
+// configuration file.
+inline void UseTransport(const std::filesystem::path& directory, const std::string& transport,
+                         const std::string& others = {}) {
   ::setenv("LBM_RUNTIME_DIR", directory.c_str(), 1);
-  if (transport == "host") {
+  std::string lines = others;
+  if (transport != "host") {
+    lines += "context transport " + transport + "\ncontext nats_servers " + NatsServer() + '\n';
+  }
+  if (lines.empty()) {
     return;
   }
   const std::string file = directory / "lbm.cfg";
   std::ofstream options(file);
-  options << "context transport " << transport << "\ncontext nats_servers " << NatsServer() << '\n';
+  options << lines;
   options.close();
   if (!options) {
     throw std::runtime_error("cannot write " + file);

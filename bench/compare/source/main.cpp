@@ -30,6 +30,34 @@ nlohmann::json ToJson(const compare::RoundTripResult& result) {
       {"count", result.count}, {"p50", result.p50}, {"p99", result.p99}, {"p99.9", result.p999}, {"max", result.max}};
 }
 
+nlohmann::json ToJson(const compare::LoadResult& result) {
+  nlohmann::json json{{"sent", result.sent},
+                      {"received", result.received},
+                      {"unsent", result.unsent},
+                      {"lost", result.sent - result.received},
+                      {"rate", result.rate},
+                      {"p50", result.p50},
+                      {"p90", result.p90},
+                      {"p99", result.p99},
+                      {"p99.9", result.p999},
+                      {"p99.99", nullptr},
+                      {"max", result.max},
+                      {"curve", result.curve},
+                      {"late_p50", result.lateP50},
+                      {"late_p99", result.lateP99},
+                      {"processor", result.publisherPercent + result.receiverPercent},
+                      {"publisher_processor", result.publisherPercent},
+                      {"receiver_processor", result.receiverPercent},
+                      {"server_processor", nullptr}};
+  if (result.p9999) {
+    json["p99.99"] = *result.p9999;
+  }
+  if (result.serverPercent) {
+    json["server_processor"] = *result.serverPercent;
+  }
+  return json;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -54,7 +82,11 @@ int main(int argc, char** argv) try {
   rate->add_option("--topics", settings.topics, "topics published and subscribed to")->check(CLI::Range(1, 1'000'000));
   rate->add_flag("--spread", settings.spread, "send on all topics in turn, not on one");
   rate->add_option("--idle-peers", settings.idlePeers, "nodes subscribed to other topics");
-  common(app.add_subcommand("round-trip", "time of a message there and back"));
+  const CLI::App* const roundTrip = common(app.add_subcommand("round-trip", "time of a message there and back"));
+  CLI::App* const load = common(app.add_subcommand("load", "time of messages that are sent by the clock"));
+  compare::LoadSettings loadSettings;
+  load->add_option("--rate", loadSettings.rate, "messages a second")->check(CLI::Range(1, 1'000'000'000));
+  load->add_option("--burst", loadSettings.burst, "messages that are due at once")->check(CLI::Range(1, 1'000'000));
   CLI11_PARSE(app, argc, argv);
 
   const test_support::TemporaryDirectory directory;
@@ -63,13 +95,18 @@ int main(int argc, char** argv) try {
   nlohmann::json result;
   if (*describe) {
     result = ToJson(contender);
-  } else if (*rate) {
+  } else if (*load) {
+    loadSettings.payload = payload;
+    loadSettings.spin = spin;
+    loadSettings.duration = duration;
+    result = ToJson(compare::MeasureLoad(contender, loadSettings));
+  } else if (*roundTrip) {
+    result = ToJson(compare::MeasureRoundTrip(contender, {.payload = payload, .spin = spin, .duration = duration}));
+  } else {
     settings.payload = payload;
     settings.spin = spin;
     settings.duration = duration;
     result = ToJson(compare::MeasureRate(contender, settings));
-  } else {
-    result = ToJson(compare::MeasureRoundTrip(contender, {.payload = payload, .spin = spin, .duration = duration}));
   }
   std::puts(result.dump().c_str());
   return 0;

@@ -1,10 +1,13 @@
-// The two measurements. Both run in processes of their own and return when those have ended; they throw when something
-// fails or takes far longer than asked for.
+// The measurements. Each runs in processes of its own and returns when those have ended; it throws when something fails
+// or takes far longer than asked for.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "contender.h"
 
@@ -45,5 +48,32 @@ struct RoundTripResult {
 
 // One message at a time there and back between two processes, answered from within the delivery.
 RoundTripResult MeasureRoundTrip(const Contender& contender, const RoundTripSettings& settings);
+
+struct LoadSettings {
+  std::size_t payload = 64;
+  std::uint64_t rate = 10'000;              // messages a second
+  std::uint64_t burst = 1;                  // messages that are due at once; the bursts are spaced for the same rate
+  bool spin = false;                        // the receiver looks again and again instead of waiting
+  std::chrono::milliseconds duration{400};  // and a quarter of it before, in which messages are sent but do not count
+};
+
+// Of the messages that count.
+struct LoadResult {
+  std::uint64_t sent = 0, received = 0;
+  std::uint64_t unsent = 0;  // were due by the end too: the publisher did not hold the rate
+  double rate = 0;           // messages a second that the publisher really sent
+  // Nanoseconds from when a message was due to its receipt. p99.99 is there if enough arrived.
+  std::uint64_t p50 = 0, p90 = 0, p99 = 0, p999 = 0, max = 0;
+  std::optional<std::uint64_t> p9999;
+  std::vector<std::pair<double, std::uint64_t>> curve;  // one message in so many took longer than that
+  std::uint64_t lateP50 = 0, lateP99 = 0;               // nanoseconds from when a message was due to its sending
+  // Of a processor. The publisher's without what it spins until a message is due.
+  double publisherPercent = 0, receiverPercent = 0;
+  std::optional<double> serverPercent;  // if there is a server
+};
+
+// A publisher that sends by the clock, whatever happens. What holds it up makes all messages late that are due
+// meanwhile.
+LoadResult MeasureLoad(const Contender& contender, const LoadSettings& settings);
 
 }  // namespace compare

@@ -1,6 +1,8 @@
 // The NATS server of a run, which whoever starts the programs has started.
 #pragma once
 
+#include <sys/types.h>
+
 #include <stdexcept>
 #include <string>
 
@@ -15,6 +17,12 @@ inline std::string NatsServer() {
     throw std::runtime_error("COMPARE_NATS_SERVER does not name a NATS server; for example nats://127.0.0.1:4222");
   }
   return url;
+}
+
+// Its process, 0 when that is not told.
+inline pid_t NatsServerProcess() {
+  const std::string process = zq::posix::Environment("COMPARE_NATS_SERVER_PROCESS");
+  return process.empty() ? 0 : std::stoi(process);
 }
 
 }  // namespace compare

@@ -1,6 +1,7 @@
 // Messages that show whether they arrived whole: the number stands at both ends, inverted at the second.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -13,6 +14,7 @@ namespace compare {
 inline constexpr std::uint64_t kProbe = 0;
 
 inline constexpr std::size_t kPayloadMin = 2 * sizeof(std::uint64_t);
+inline constexpr std::size_t kPayloadWithTimeMin = 3 * sizeof(std::uint64_t);
 
 class Payload {
  public:
@@ -22,6 +24,17 @@ class Payload {
     const std::uint64_t inverted = ~number;
     std::memcpy(m_bytes.data(), &number, sizeof number);
     std::memcpy(m_bytes.data() + m_bytes.size() - sizeof inverted, &inverted, sizeof inverted);
+  }
+
+  // When the message should have been sent, of the steady clock; between the numbers of one that has room for it.
+  void StampDue(std::chrono::nanoseconds due) noexcept {
+    const std::int64_t count = due.count();
+    std::memcpy(m_bytes.data() + sizeof count, &count, sizeof count);
+  }
+  static std::chrono::nanoseconds DueOf(const char* data) noexcept {
+    std::int64_t count = 0;
+    std::memcpy(&count, data + sizeof count, sizeof count);
+    return std::chrono::nanoseconds(count);
   }
 
   // The number of a message that is whole, else nothing.

@@ -76,6 +76,7 @@ Contender MakeContender(const std::filesystem::path&) {
           .transport = "core publish/subscribe over loopback TCP through a server",
           .pacing = "none of its own; at most " + std::to_string(kWindow) + " messages ahead",
           .window = kWindow,
+          .server = NatsServerProcess(),
           .makeNode = [server = NatsServer()](const NodeSetup& setup) {
             return std::make_unique<NatsNode>(server, setup);
           }};
