@@ -19,12 +19,14 @@ using Clock = std::chrono::steady_clock;
 enum class Phase : std::uint32_t { kPreparing, kWarmUp, kMeasuring, kDraining, kOver };
 
 inline constexpr std::size_t kReceiversMax = 64;
+inline constexpr std::size_t kSendersMax = 64;
 inline constexpr std::size_t kSamplesMax = 1 << 20;
 inline constexpr std::size_t kCacheLine = 64;
 
 // Each has one writer and a cache line of its own.
 struct alignas(kCacheLine) ReceiverCount {
-  std::atomic<bool> ready{false};         // has got a probe: its subscription is in force
+  std::atomic<std::uint64_t> probes{
+      0};  // a bit for each sender that it has got a probe of: its subscription is in force
   std::atomic<std::uint64_t> whole{0};    // messages that arrived with the right length, beginning and end
   std::atomic<std::uint64_t> damaged{0};  // all others
   double rate = 0;                        // whole messages a second while measuring

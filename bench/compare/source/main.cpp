@@ -83,6 +83,10 @@ int main(int argc, char** argv) try {
   rate->add_flag("--spread", settings.spread, "send on all topics in turn, not on one");
   rate->add_option("--idle-peers", settings.idlePeers, "nodes subscribed to other topics");
   const CLI::App* const roundTrip = common(app.add_subcommand("round-trip", "time of a message there and back"));
+  CLI::App* const threads = common(app.add_subcommand("threads", "messages a second from threads of one publisher"));
+  threads->add_option("--threads", settings.threads, "that send, each on a topic of its own")
+      ->check(CLI::Range(std::size_t{1}, compare::kSendersMax));
+  threads->add_flag("--own-nodes", settings.ownNodes, "a node for each, not one for all");
   CLI::App* const load = common(app.add_subcommand("load", "time of messages that are sent by the clock"));
   compare::LoadSettings loadSettings;
   load->add_option("--rate", loadSettings.rate, "messages a second")->check(CLI::Range(1, 1'000'000'000));
@@ -106,6 +110,8 @@ int main(int argc, char** argv) try {
     settings.payload = payload;
     settings.spin = spin;
     settings.duration = duration;
+    settings.pinned = !*threads;
+    settings.topics = *threads ? settings.threads : settings.topics;
     result = ToJson(compare::MeasureRate(contender, settings));
   }
   std::puts(result.dump().c_str());

@@ -20,6 +20,9 @@ struct RateSettings {
   bool spread = false;        // over all topics in turn, instead of on the first one
   std::size_t idlePeers = 0;  // further nodes, each subscribed to a topic of its own that nothing is sent on
   bool spin = false;          // receivers look again and again instead of waiting
+  std::size_t threads = 1;    // of the publisher; when there are several, each sends on a topic of its own
+  bool ownNodes = false;      // one for each thread of the publisher, instead of one for all
+  bool pinned = true;         // whether contenders that ask for it are held on one processor a process
   std::chrono::milliseconds warmUp{100};
   std::chrono::milliseconds duration{500};
 };

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -19,6 +20,9 @@ using namespace std::chrono_literals;
 constexpr auto kPreparingMax = 30s;
 constexpr auto kStandstillMax = 2s;
 constexpr int kPollMs = 20;
+
+// Each sender has a probe of its own, and numbers its messages from the first number after those.
+constexpr std::uint64_t kFirstMessage = kProbe + kSendersMax;
 
 // Messages between two looks at the clock and the window.
 constexpr std::uint64_t kStride = 64;
@@ -44,8 +48,8 @@ class Counter : public Sink {
     const auto number = Payload::NumberOf(data, length, m_length);
     if (!number) {
       Add(m_count.damaged);
-    } else if (*number == kProbe) {
-      m_count.ready.store(true, std::memory_order_relaxed);
+    } else if (*number < kFirstMessage) {
+      m_count.probes.fetch_or(std::uint64_t{1} << (*number - kProbe), std::memory_order_relaxed);
     } else {
       Add(m_count.whole);
     }
@@ -66,30 +70,48 @@ class Cast {
   explicit Cast(const RateSettings& settings)
       : m_topics(Names('t', settings.topics)),
         m_idleTopics(Names('i', settings.idlePeers)),
+        m_publishers(Names('s', settings.ownNodes ? settings.threads : 1)),
         m_receivers(Names('r', settings.receivers)),
         m_idlePeers(Names('p', settings.idlePeers)) {}
 
-  NodeSetup Publisher() const {
-    NodeSetup setup{.name = kPublisher, .publishes = m_topics, .subscribers = m_receivers};
-    setup.publishes.insert(setup.publishes.end(), m_idleTopics.begin(), m_idleTopics.end());
-    setup.subscribers.insert(setup.subscribers.end(), m_idlePeers.begin(), m_idlePeers.end());
-    return setup;
+  // One for all topics, or one for each.
+  std::vector<NodeSetup> Publishers() const {
+    std::vector<NodeSetup> setups;
+    for (const std::string& name : m_publishers) {
+      setups.push_back({.name = name, .subscribers = m_receivers});
+    }
+    for (std::size_t topic = 0; topic < m_topics.size(); ++topic) {
+      setups[topic % setups.size()].publishes.push_back(m_topics[topic]);
+    }
+    NodeSetup& first = setups.front();
+    first.publishes.insert(first.publishes.end(), m_idleTopics.begin(), m_idleTopics.end());
+    first.subscribers.insert(first.subscribers.end(), m_idlePeers.begin(), m_idlePeers.end());
+    return setups;
   }
   NodeSetup GetReceiver(std::size_t number, Sink& sink) const {
-    return {.name = m_receivers[number], .subscribes = m_topics, .publishers = {kPublisher}, .sink = &sink};
+    return {.name = m_receivers[number], .subscribes = m_topics, .publishers = m_publishers, .sink = &sink};
   }
   NodeSetup IdlePeer(std::size_t number, Sink& sink) const {
     return {
-        .name = m_idlePeers[number], .subscribes = {m_idleTopics[number]}, .publishers = {kPublisher}, .sink = &sink};
+        .name = m_idlePeers[number], .subscribes = {m_idleTopics[number]}, .publishers = m_publishers, .sink = &sink};
   }
 
  private:
-  static constexpr const char* kPublisher = "publisher";
-
   const std::vector<std::string> m_topics;
   const std::vector<std::string> m_idleTopics;
+  const std::vector<std::string> m_publishers;
   const std::vector<std::string> m_receivers;
   const std::vector<std::string> m_idlePeers;
+};
+
+// What one thread of the publisher sends, on some topics of a node.
+struct alignas(kCacheLine) Sender {
+  Node* node;
+  std::size_t firstTopic;
+  std::size_t topics;
+  Payload payload;
+  std::size_t topic = firstTopic;  // the next one
+  std::uint64_t sent = 0;
 };
 
 class PublisherPart {
@@ -98,33 +120,48 @@ class PublisherPart {
       : m_settings(settings),
         m_receivers(control.receivers.begin(), settings.receivers),
         m_control(control),
-        m_window(contender.window),
-        m_node(contender.makeNode(Cast(settings).Publisher())),
-        m_payload(settings.payload) {}
+        m_window(contender.window) {
+    for (const NodeSetup& setup : Cast(settings).Publishers()) {
+      m_nodes.push_back(contender.makeNode(setup));
+    }
+    const std::size_t topics = settings.topics / settings.threads;
+    for (std::size_t number = 0; number < settings.threads; ++number) {
+      m_senders.push_back({.node = m_nodes[number % m_nodes.size()].get(),
+                           .firstTopic = settings.ownNodes ? 0 : number * topics,
+                           .topics = topics,
+                           .payload = Payload(settings.payload)});
+    }
+  }
 
   void Run() {
     Prepare();
     SendFor(Phase::kWarmUp, m_settings.warmUp);
     SendFor(Phase::kMeasuring, m_settings.duration);
-    m_control.sent.store(m_sent);
+    m_control.sent.store(Sent());
     m_control.phase.store(Phase::kDraining);
     Drain();
     m_control.phase.store(Phase::kOver);
   }
 
  private:
-  // Subscriptions take effect in their order, so a probe on the last topic shows that all of them have.
+  // Subscriptions take effect in their order, so a probe on the last topic of each sender shows that all of them have.
   void Prepare() {
     const Clock::time_point deadline = Clock::now() + kPreparingMax;
-    m_payload.Stamp(kProbe);
-    while (!EveryReceiver([](const ReceiverCount& receiver) { return receiver.ready.load(); }) ||
+    const std::uint64_t all = ~std::uint64_t{0} >> (kSendersMax - m_senders.size());
+    Payload probe(m_settings.payload);
+    while (!EveryReceiver([all](const ReceiverCount& receiver) { return receiver.probes.load() == all; }) ||
            m_control.idlePeersReady.load() < m_settings.idlePeers) {
       if (Clock::now() > deadline) {
         throw std::runtime_error("not all receivers got a probe in time");
       }
-      m_node->Send(m_settings.topics - 1, m_payload.Data(), m_payload.Size());
+      for (std::size_t number = 0; number < m_senders.size(); ++number) {
+        const Sender& sender = m_senders[number];
+        probe.Stamp(kProbe + number);
+        sender.node->Send(sender.firstTopic + sender.topics - 1, probe.Data(), probe.Size());
+      }
+      probe.Stamp(kProbe);
       for (std::size_t peer = 0; peer < m_settings.idlePeers; ++peer) {
-        m_node->Send(m_settings.topics + peer, m_payload.Data(), m_payload.Size());
+        m_nodes.front()->Send(m_settings.topics + peer, probe.Data(), probe.Size());
       }
       std::this_thread::sleep_for(1ms);
     }
@@ -133,25 +170,42 @@ class PublisherPart {
   void SendFor(Phase phase, std::chrono::milliseconds duration) {
     m_control.phase.store(phase);
     const Clock::time_point end = Clock::now() + duration;
+    std::vector<std::jthread> others;
+    for (std::size_t number = 1; number < m_senders.size(); ++number) {
+      others.emplace_back([this, number, end] { SendUntil(end, m_senders[number]); });
+    }
+    SendUntil(end, m_senders.front());
+  }
+
+  void SendUntil(Clock::time_point end, Sender& sender) {
     while (Clock::now() < end) {
       for (std::uint64_t i = 0; i < kStride; ++i) {
-        m_payload.Stamp(++m_sent);
-        m_node->Send(m_topic, m_payload.Data(), m_payload.Size());
-        if (m_settings.spread && ++m_topic == m_settings.topics) {
-          m_topic = 0;
+        sender.payload.Stamp(kFirstMessage + sender.sent++);
+        sender.node->Send(sender.topic, sender.payload.Data(), sender.payload.Size());
+        if (m_settings.spread && ++sender.topic == sender.firstTopic + sender.topics) {
+          sender.topic = sender.firstTopic;
         }
       }
-      while (m_window != 0 && m_sent > Slowest() + m_window && Clock::now() < end) {
+      while (m_window != 0 && sender.sent > Slowest() + m_window && Clock::now() < end) {
         std::this_thread::yield();
       }
     }
   }
 
+  std::uint64_t Sent() const {
+    std::uint64_t sum = 0;
+    for (const Sender& sender : m_senders) {
+      sum += sender.sent;
+    }
+    return sum;
+  }
+
   // Until everything has arrived, or nothing more does.
   void Drain() {
+    const std::uint64_t sent = Sent();
     std::uint64_t before = Slowest();
     Clock::time_point moved = Clock::now();
-    while (Slowest() < m_sent && Clock::now() < moved + kStandstillMax) {
+    while (Slowest() < sent && Clock::now() < moved + kStandstillMax) {
       std::this_thread::sleep_for(1ms);
       if (const std::uint64_t now = Slowest(); now != before) {
         before = now;
@@ -166,7 +220,7 @@ class PublisherPart {
   }
 
   std::uint64_t Slowest() const {
-    std::uint64_t least = m_sent;
+    std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
     for (const ReceiverCount& receiver : m_receivers) {
       least = std::min(least, receiver.whole.load(std::memory_order_relaxed));
     }
@@ -177,10 +231,8 @@ class PublisherPart {
   const std::span<ReceiverCount> m_receivers;
   Control& m_control;
   const std::size_t m_window;
-  const std::unique_ptr<Node> m_node;
-  Payload m_payload;
-  std::uint64_t m_sent = 0;
-  std::size_t m_topic = 0;
+  std::vector<std::unique_ptr<Node>> m_nodes;
+  std::vector<Sender> m_senders;
 };
 
 void Receive(const Contender& contender, const RateSettings& settings, Control& control, std::size_t number) {
@@ -225,7 +277,7 @@ void Idle(const Contender& contender, const RateSettings& settings, Control& con
     peer.node = contender.makeNode(Cast(settings).IdlePeer(number, *peer.counter));
   }
   for (Peer& peer : peers) {
-    while (!peer.count->ready.load()) {
+    while (peer.count->probes.load() == 0) {
       for (Peer& one : peers) {
         one.node->Poll(0);
       }
@@ -243,8 +295,12 @@ void Idle(const Contender& contender, const RateSettings& settings, Control& con
 }  // namespace
 
 RateResult MeasureRate(const Contender& contender, const RateSettings& settings) {
+  if (settings.threads > 1 && contender.window != 0) {
+    throw std::invalid_argument("only one thread can keep to a window");
+  }
   const Shared<Control> control;
-  const auto processor = [&](std::size_t number) { return contender.pinned ? ProcessorFor(number) : std::nullopt; };
+  const bool pinned = contender.pinned && settings.pinned;
+  const auto processor = [&](std::size_t number) { return pinned ? ProcessorFor(number) : std::nullopt; };
 
   Processes processes;
   processes.Start([&] { PublisherPart(contender, settings, *control).Run(); }, processor(0));
