@@ -98,7 +98,7 @@ def run_comparison(workloads: Sequence[str], quick: bool) -> Path:
         tempfile.TemporaryDirectory(prefix="compare-", dir=in_memory if in_memory.is_dir() else None) as temporary,
         servers.one(Path(temporary)) as server,
     ):
-        programs = Programs(PROGRAMS / "compare", Path(temporary), server.url)
+        programs = Programs(PROGRAMS / "compare", Path(temporary), server.url, server.process)
         run = comparison.measure(programs, server, workloads, QUICK if quick else FULL, show_progress)
     file = RESULTS / "compare" / "compare.json"
     file.parent.mkdir()

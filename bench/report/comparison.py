@@ -4,17 +4,17 @@ from collections.abc import Collection, Iterator
 from dataclasses import asdict
 from typing import Any
 
-from . import aims, devices, joining, network, workloads
+from . import aims, devices, idle, joining, load, network, workloads
 from .figures import Figures
-from .machine import describe_machine, load, machine_line
+from .machine import describe_machine, machine_line, machine_load
 from .plots import Curve, Plot
 from .programs import Programs, Result
 from .rounds import Progress, measure_in_rounds
 from .servers import Server
 from .tables import Cell, Table
-from .workloads import Quantity, Series, Size
+from .workloads import Measurement, Quantity, Series, Size
 
-WORKLOADS = [*workloads.NAMES, joining.NAME]
+WORKLOADS = [*workloads.NAMES, joining.NAME, idle.NAME]
 ON_REQUEST = {workloads.DEVICES}  # not part of the whole
 
 Run = dict[str, Any]  # all that is recorded of one, ready for JSON
@@ -31,27 +31,34 @@ def measure(programs: Programs, server: Server | None, names: Collection[str], s
         description = programs.describe(contender)
         if description is not None:
             contenders[contender.key] = {"name": contender.label, **description}
-    rounds = measure_in_rounds(
-        [measurement for measurement in planned if measurement.contender.key in contenders],
-        size.rounds,
-        lambda measurement: programs.measure(measurement, size.milliseconds),
-        programs.distance,
-        progress,
-    )
+    possible = [measurement for measurement in planned if measurement.contender.key in contenders]
+
+    def in_rounds(loaded: bool, rounds: int, prefix: str) -> dict[Measurement, list[Result | None]]:
+        return measure_in_rounds(
+            [measurement for measurement in possible if (measurement.kind == workloads.LOAD) == loaded],
+            rounds,
+            lambda measurement: programs.measure(measurement, size.milliseconds_of(measurement)),
+            programs.distance,
+            lambda what, done, total: progress(prefix + what, done, total),
+        )
+
+    rounds = {**in_rounds(False, size.rounds, ""), **in_rounds(True, size.load_rounds, "under load, ")}
     measurements = [{**measurement.recorded(), "rounds": results} for measurement, results in rounds.items()]
-    domains = joining.measure(programs, size.domains if joining.NAME in names else [])
+    domains = joining.measure(programs, size.domains, size.common_domains) if joining.NAME in names else []
+    idle_contexts = idle.measure(programs) if idle.NAME in names else {}
     contexts = network.measure(programs, server, size) if server and workloads.NETWORK in names else {}
     return {
-        "machine": {**machine, "load_after": load()},
+        "machine": {**machine, "load_after": machine_load()},
         "server": server.look()["version"] if server else "",
         "size": asdict(size),
         "workloads": list(names),
         "contenders": contenders,
         "domains": domains,
+        "idle": idle_contexts,
         "network": contexts,
         "failures": programs.failures,
         "measurements": measurements,
-        "aims": [check.recorded() for check in aims.check_all(Figures(measurements), domains, contexts)],
+        "aims": [check.recorded() for check in aims.check_all(Figures(measurements), domains, idle_contexts, contexts)],
     }
 
 
@@ -70,11 +77,11 @@ class Report:
             f"{machine_line(machine)}; {machine['compiler']}{server}",
             f"Revision {machine['revision']}, {machine['date']}; load {machine['load_before']:.1f} at the start, "
             f"{machine['load_after']:.1f} at the end",
-            f"{size['rounds']} rounds, {size['milliseconds']} ms each measurement",
+            f"{size['rounds']} rounds, {size['milliseconds']} ms each measurement; under load {size['load_rounds']} rounds",
         ]
 
     def aims(self) -> Table:
-        return aims.table(aims.check_all(self._figures, self._run["domains"], self._run["network"]))
+        return aims.table(aims.check_all(self._figures, self._run["domains"], self._run["idle"], self._run["network"]))
 
     def tables(self) -> list[Table]:
         """All of them but the aims, without those that would be empty."""
@@ -82,9 +89,11 @@ class Report:
         tables = [
             self._contenders(),
             *measured,
+            *load.tables(self._figures, self._series, self._label),
             devices.table(self._figures, self._series),
             self._distances(),
-            joining.table(self._run["domains"]),
+            *joining.tables(self._run["domains"]),
+            *idle.tables(self._run["idle"]),
             *network.tables(self._run["network"]),
         ]
         return [table for table in tables if table.rows]
@@ -92,6 +101,7 @@ class Report:
     def plots(self) -> list[Plot]:
         """Those that have a line to show."""
         plots = [self._plot(series, series.quantities[0]) for series in self._series if series.plot]
+        plots += load.plots(self._figures, self._series, self._label, list(self._run["contenders"]))
         return [plot for plot in plots if any(len(curve.points) > 1 for curve in plot.curves)]
 
     def closing(self) -> str:

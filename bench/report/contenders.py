@@ -35,12 +35,16 @@ RING = Contender("ring", "bare ring")
 # The first of them with other values of the option "transport".
 ENGINE_NATS = Contender("engine_nats", "this engine, nats")
 ENGINE_HOST_NATS = Contender("engine_host_nats", "this engine, host,nats")
+# The second of them with contexts that never look on before they wait; the others have the engine's default options.
+ENGINE_C_WAITING = Contender("engine_c_waiting", "this engine, C interface, spin_time 0")
 
 ALL = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS, RING)
 # The ring has no topics, and nothing to wait on: its receiver yields the processor instead.
 WITHOUT_RING = (ENGINE, ENGINE_C, ZEROMQ, NNG, NATS)
 # Those that save time when they are polled in a loop.
 SPINNING = (ENGINE, ENGINE_C, RING)
+# Under load, when they wait.
+LOADED = (ENGINE_C, ENGINE_C_WAITING, ZEROMQ, NNG, NATS)
 
 # This engine built without one of the devices that exist for speed alone; see system/tuning.h there.
 WITHOUT_DEVICE = tuple(

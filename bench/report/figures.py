@@ -5,7 +5,7 @@ from collections.abc import Iterable, Mapping, Sequence
 from typing import Any, NamedTuple
 
 from .tables import short
-from .workloads import BASE, Measurement, Quantity
+from .workloads import BASE, LOAD, Measurement, Quantity
 
 LIKE_DISTANCE = 1.5  # the most between the longest and the shortest way of figures that are compared
 
@@ -46,6 +46,10 @@ class Figures:
         rounds = self._rounds.get(_identity(measurement.recorded()), [])
         return [Figure(result[quantity.key], result["distance"]) if result else None for result in rounds]
 
+    def results(self, measurement: Measurement) -> list[Mapping[str, Any]]:
+        """Of the rounds in which it succeeded."""
+        return [result for result in self._rounds.get(_identity(measurement.recorded()), []) if result]
+
     def median(self, measurement: Measurement, quantity: Quantity) -> float | None:
         values = [figure.value for figure in self.rounds(measurement, quantity) if figure]
         return statistics.median(values) if values else None
@@ -62,13 +66,24 @@ class Figures:
         counting = [(a, b) for a, b in pairs if a.is_like(b)] or pairs
         return Spread.over([a.value / b.value for a, b in counting])
 
+    def steadiness(self, measurement: Measurement, quantity: Quantity) -> Spread | None:
+        """How many times the least of the rounds the greatest is."""
+        values = [figure.value for figure in self.rounds(measurement, quantity) if figure]
+        return Spread.over([max(values) / min(values)]) if len(values) > 1 and min(values) > 0 else None
+
     def distances(self) -> list[float]:
         """The ways between the processors beside all measurements, in ascending order."""
         return sorted(result["distance"][1] for rounds in self._rounds.values() for result in rounds if result)
 
     def lost(self) -> int:
-        """Messages of all measurements."""
-        return sum(result.get("lost", 0) for rounds in self._rounds.values() for result in rounds if result)
+        """Messages of all measurements but those in which a publisher does not wait for anybody."""
+        return sum(
+            result.get("lost", 0)
+            for (kind, *_), rounds in self._rounds.items()
+            if kind != LOAD
+            for result in rounds
+            if result
+        )
 
 
 def _identity(recorded: Mapping[str, Any]) -> tuple[str, str, frozenset[tuple[str, Any]]]:

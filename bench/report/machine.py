@@ -20,11 +20,11 @@ def describe_machine() -> dict[str, Any]:
         "kernel": f"{platform.system()} {platform.release()}",
         "system": platform.freedesktop_os_release()["PRETTY_NAME"],
         "compiler": _output("c++", "--version").split("\n")[0],
-        "load_before": load(),
+        "load_before": machine_load(),
     }
 
 
-def load() -> float:
+def machine_load() -> float:
     """Processes that ran or wanted to, on average over the last minute."""
     return os.getloadavg()[0]
 

@@ -6,13 +6,12 @@ import subprocess
 import tempfile
 import time
 from collections.abc import Callable, Iterator, Mapping
-from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
 from . import outage, servers
-from .contenders import Settings
 from .figures import Spread
+from .idle import contexts_without_peers
 from .programs import Programs
 from .servers import Server
 from .tables import Cell, Table
@@ -21,7 +20,6 @@ from .workloads import Size
 CONTEXTS = 1000  # that look for the same sources, in the aim
 MORE_CONTEXTS = 10  # in the same process, to see what each further one takes
 MEMORY_ROUNDS = 3
-SETTLE_SECONDS = 1
 TRANSPORTS = ("host", "nats")
 CLUSTER = 3
 CUT_SECONDS = 5  # of the link between contexts and server
@@ -49,7 +47,7 @@ def measure(programs: Programs, server: Server, size: Size) -> Recorded:
 
 def _idle(programs: Programs, server: Server, seconds: float) -> Recorded:
     def watch(transport: str) -> Recorded:
-        with _idle_process(programs, server, transport, 1) as process:
+        with contexts_without_peers(programs, server.url, transport, 1) as process:
             messages, switches = server.look()["in_msgs"], dict(_switches(process))
             time.sleep(seconds)
             return {
@@ -58,7 +56,7 @@ def _idle(programs: Programs, server: Server, seconds: float) -> Recorded:
             }
 
     def memory(transport: str, contexts: int) -> int:
-        with _idle_process(programs, server, transport, contexts) as process:
+        with contexts_without_peers(programs, server.url, transport, contexts) as process:
             return _private_kib(process)
 
     rounds = [
@@ -66,16 +64,6 @@ def _idle(programs: Programs, server: Server, seconds: float) -> Recorded:
         for _ in range(MEMORY_ROUNDS)
     ]
     return {"seconds": seconds, "private_kib": rounds, **{transport: watch(transport) for transport in TRANSPORTS}}
-
-
-@contextmanager
-def _idle_process(programs: Programs, server: Server, transport: str, contexts: int) -> Iterator[int]:
-    """One with idle contexts that have settled."""
-    settings: Settings = {"transport": transport, "contexts": contexts}
-    with programs.converse(outage.PROGRAM, "idle", settings, server.url) as idle:
-        idle.hear()
-        time.sleep(SETTLE_SECONDS)
-        yield idle.process
 
 
 def _switches(process: int) -> Iterator[tuple[str, int]]:

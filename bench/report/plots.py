@@ -1,7 +1,7 @@
 """Plots, all in one style."""
 
-from collections.abc import Sequence
-from dataclasses import dataclass
+from collections.abc import Mapping, Sequence
+from dataclasses import dataclass, field
 from pathlib import Path
 
 from .tables import short
@@ -12,19 +12,21 @@ class Curve:
     label: str
     place: int  # among all that the run's plots may show; gives it the same colour in each
     points: Sequence[tuple[float, float]]
+    dashed: bool = False
 
 
 @dataclass(frozen=True)
 class Plot:
-    """Both axes are logarithmic."""
+    """Both axes are logarithmic. Ticks: of the x axis, with their labels; without them every x of the curves has one."""
 
     file: str
     title: str
     x_title: str
     curves: Sequence[Curve]
+    ticks: Mapping[float, str] = field(default_factory=dict)
 
 
-COLOURS = ("#c1272d", "#f4a582", "#0868ac", "#43a2ca", "#7bccc4", "#636363")
+COLOURS = ("#c1272d", "#f4a582", "#0868ac", "#43a2ca", "#7bccc4", "#636363", "#8856a7")
 STYLE = {
     "axes.grid": True,
     "axes.grid.axis": "y",
@@ -52,12 +54,14 @@ def draw(plot: Plot, folder: Path) -> None:
         figure = Figure(figsize=INCHES, layout="constrained")
         axes = figure.subplots()
         for curve in plot.curves:
-            axes.plot(*zip(*curve.points), label=curve.label, color=COLOURS[curve.place % len(COLOURS)])
+            style = {"color": COLOURS[curve.place % len(COLOURS)], "linestyle": "--" if curve.dashed else "-"}
+            axes.plot(*zip(*curve.points), label=curve.label, **style)
         axes.set(title=plot.title, xlabel=plot.x_title, xscale="log", yscale="log")
-        axes.set_xticks(sorted({x for curve in plot.curves for x, _ in curve.points}))
+        xs = sorted({x for curve in plot.curves for x, _ in curve.points})
+        ticks = {x: text for x, text in plot.ticks.items() if x <= xs[-1]} or {x: short(x) for x in xs}
+        axes.set_xticks(list(ticks), list(ticks.values()))
         axes.yaxis.set_major_locator(LogLocator(subs=(1, 2, 5)))
         axes.minorticks_off()
-        for axis in (axes.xaxis, axes.yaxis):
-            axis.set_major_formatter(lambda value, _: short(value))
+        axes.yaxis.set_major_formatter(lambda value, _: short(value))
         axes.legend(loc="upper left", bbox_to_anchor=(1, 1))
         figure.savefig(folder / plot.file, metadata={"Date": None})

@@ -20,6 +20,7 @@ DISTANCE_MILLISECONDS = 40
 
 
 SERVER_VARIABLE = "COMPARE_NATS_SERVER"
+SERVER_PROCESS_VARIABLE = "COMPARE_NATS_SERVER_PROCESS"
 
 
 class Conversation:
@@ -53,13 +54,22 @@ class Conversation:
 
 class Programs:
     """Those of a folder. A program that fails has no result, and failures says why. server: URL of the NATS server for
-    those that need one.
+    those that need one; its process, if its processor time is to be measured.
     """
 
-    def __init__(self, folder: Path, temporary: Path, server: str = "", seconds_max: float = SECONDS_MAX) -> None:
+    def __init__(
+        self,
+        folder: Path,
+        temporary: Path,
+        server: str = "",
+        server_process: int | None = None,
+        seconds_max: float = SECONDS_MAX,
+    ) -> None:
         self.failures: list[str] = []
         self._folder = folder
         self._environment = {**os.environ, "TMPDIR": str(temporary), SERVER_VARIABLE: server}
+        if server_process is not None:
+            self._environment[SERVER_PROCESS_VARIABLE] = str(server_process)
         self._seconds_max = seconds_max
 
     def describe(self, contender: Contender) -> Result | None:
@@ -75,8 +85,9 @@ class Programs:
         result = self.measure(DISTANCE, DISTANCE_MILLISECONDS)
         return result["p50"] if result else None
 
-    def join(self, contexts: int, sources: int) -> Result | None:
-        return self._run("compare_joining", *_options({"contexts": contexts, "sources": sources}))
+    def join(self, contexts: int, sources: int, common: int = 0) -> Result | None:
+        settings: Settings = {"contexts": contexts, "sources": sources, "common": common}
+        return self._run("compare_joining", *_options(settings))
 
     @contextmanager
     def converse(

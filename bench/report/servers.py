@@ -36,6 +36,10 @@ class Server:
         return self._ports["nats"][0]
 
     @property
+    def process(self) -> int:
+        return self._process.pid
+
+    @property
     def cluster_url(self) -> str:
         return self._ports["cluster"][0]
 

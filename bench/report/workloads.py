@@ -10,9 +10,12 @@ from .contenders import (
     ALL,
     ENGINE,
     ENGINE_C,
+    ENGINE_C_WAITING,
     ENGINE_HOST_NATS,
     ENGINE_NATS,
+    LOADED,
     NATS,
+    RING,
     SPINNING,
     WITHOUT_DEVICE,
     WITHOUT_RING,
@@ -22,18 +25,33 @@ from .contenders import (
 )
 
 # What a setting is when a measurement does not name it, here and in the programs.
-BASE: Settings = {"payload": 64, "receivers": 1, "topics": 1, "spread": False, "idle-peers": 0, "spin": False}
+BASE: Settings = {
+    "payload": 64,
+    "receivers": 1,
+    "topics": 1,
+    "spread": False,
+    "idle-peers": 0,
+    "spin": False,
+    "threads": 1,
+    "own-nodes": False,
+    "burst": 1,
+}
 IDLE_PEERS = 64
 MANY_TOPICS = 10_000
 NETWORK = "network"  # a workload: this engine beside what carries its messages between machines
 NETWORK_RECEIVERS = 16
+LOAD = "load"  # a workload, and its measurements: messages sent by the clock
+PROCESSOR_RATE = 2000  # at which processor time is compared
+THREADS = "threads"  # a workload, and its measurements: messages from several threads of one process
 DEVICES = "devices"  # a workload: the engine against itself without each device for speed
 
 
 @dataclass(frozen=True)
 class Size:
-    """How much is measured. Topics: how many, and whether all are busy. Domains: contexts and sources. Contexts: of a
-    network, when they look for each other. Idle seconds: how long such contexts are watched.
+    """How much is measured. Topics: how many, and whether all are busy. Loads: messages a second, how many of them are due
+    at once, and milliseconds. Threads: of the publisher. Domains: contexts and sources. Common domains: contexts that all
+    receive the same topics. Contexts: of a network, when they look for each other. Idle seconds: how long such contexts are
+    watched.
     """
 
     rounds: int
@@ -41,9 +59,19 @@ class Size:
     payloads: Sequence[int]
     receivers: Sequence[int]
     topics: Sequence[tuple[int, bool]]
+    load_rounds: int
+    loads: Sequence[tuple[int, int, int]]
+    threads: Sequence[int]
     domains: Sequence[tuple[int, int]]
+    common_domains: Sequence[int]
     contexts: Sequence[int]
     idle_seconds: float
+
+    def milliseconds_of(self, measurement: "Measurement") -> int:
+        if measurement.kind != LOAD:
+            return self.milliseconds
+        settings = {**BASE, **dict(measurement.settings)}
+        return next(time for rate, burst, time in self.loads if (rate, burst) == (settings["rate"], settings["burst"]))
 
 
 FULL = Size(
@@ -52,7 +80,19 @@ FULL = Size(
     payloads=(16, 64, 256, 1024, 8192),
     receivers=(4, 16),
     topics=((100, False), (100, True), (MANY_TOPICS, False), (MANY_TOPICS, True)),
-    domains=((100, 10_000), (200, 200), (500, 500), (1000, 1000)),
+    load_rounds=3,
+    loads=(
+        (1_000, 1, 1000),
+        (PROCESSOR_RATE, 1, 500),
+        (10_000, 1, 500),
+        (100_000, 1, 1000),
+        (1_000_000, 1, 300),
+        (10_000, 64, 500),
+        (1_000_000, 64, 300),
+    ),
+    threads=(1, 2, 4, 8),
+    domains=((100, 10_000), (200, 200)),
+    common_domains=(10, 100, 1000),
     contexts=(10, 100, 1000),
     idle_seconds=20,
 )
@@ -60,9 +100,13 @@ QUICK = Size(
     rounds=3,
     milliseconds=150,
     payloads=(64,),
-    receivers=(4,),
+    receivers=(16,),
     topics=((MANY_TOPICS, False),),
+    load_rounds=3,
+    loads=((PROCESSOR_RATE, 1, 300), (100_000, 1, 300)),
+    threads=(1, 4),
     domains=((100, 10_000),),
+    common_domains=(10, 100),
     contexts=(10, 100),
     idle_seconds=5,
 )
@@ -97,6 +141,10 @@ class Quantity:
 
 RATE = Quantity("slowest", "rate", "Thousand messages a second", more_is_better=True)
 P50, P99, P999 = (Quantity(key, "round trip", f"Round trip, {key}, microseconds") for key in ("p50", "p99", "p99.9"))
+ONE_WAY_P50, ONE_WAY_P99, ONE_WAY_P999 = (
+    Quantity(key, "latency", f"One-way latency, {key}, microseconds") for key in ("p50", "p99", "p99.9")
+)
+PROCESSOR = Quantity("processor", "processor time", "Processor time of publisher and receiver, %", divisor=1)
 
 
 @dataclass(frozen=True)
@@ -130,10 +178,14 @@ class Series:
         return Measurement.of(self.kind, contender, column.settings)
 
 
+def _spinning(columns: Iterable[Column]) -> list[Column]:
+    return [Column(column.heading, {**column.settings, "spin": True}, column.x) for column in columns]
+
+
 def all_series(size: Size) -> list[Series]:
     """In the order of measuring and of showing. Workloads that are compared with each other stand together."""
     payloads = [Column(f"{payload} bytes", {"payload": payload}, payload) for payload in size.payloads]
-    spinning = [Column(column.heading, {**column.settings, "spin": True}, column.x) for column in payloads]
+    spinning = _spinning(payloads)
     peers = [Column("no idle peers"), Column(f"{IDLE_PEERS} idle peers", {"idle-peers": IDLE_PEERS})]
     topics = [Column("1", x=1)]
     for count, busy in size.topics:
@@ -154,8 +206,19 @@ def all_series(size: Size) -> list[Series]:
         Column("1024 bytes", {"payload": 1024}),
         Column(f"64 bytes, {NETWORK_RECEIVERS} receivers", {"receivers": NETWORK_RECEIVERS}),
     ]
+    loads = [
+        Column(
+            f"{number:,} messages a second, {'even' if burst == 1 else f'in bursts of {burst}'}",
+            {"rate": number, "burst": burst},
+        )
+        for number, burst, _ in size.loads
+    ]
+    for_processor_time = [column for column in loads if column.settings["rate"] == PROCESSOR_RATE]
+    for_latency = [column for column in loads if column not in for_processor_time]
     networked = [ENGINE_NATS, NATS, ENGINE_HOST_NATS, ENGINE]
     rate = partial(Series, kind="rate", quantities=[RATE])
+    load = partial(Series, LOAD, LOAD, circumstances=" under load", quantities=[])
+    threads = partial(Series, THREADS, THREADS, contenders=[ENGINE_C], quantities=[RATE])
     round_trip = partial(Series, "round-trip", kind="round-trip", quantities=[P50, P99, P999])
     return [
         rate("rate", circumstances=", one receiver, waiting", contenders=ALL, columns=payloads, plot="rate.svg"),
@@ -184,10 +247,24 @@ def all_series(size: Size) -> list[Series]:
             x_title="receivers",
         ),
         round_trip(
-            circumstances=", both sides waiting", contenders=WITHOUT_RING, columns=payloads, plot="round-trip.svg"
+            circumstances=", both sides waiting",
+            contenders=[*WITHOUT_RING, ENGINE_C_WAITING],
+            columns=payloads,
+            plot="round-trip.svg",
         ),
         round_trip(
             circumstances=", both sides spinning", contenders=SPINNING, columns=spinning, plot="round-trip-spinning.svg"
+        ),
+        load(contenders=[ENGINE_C, RING], columns=_spinning(for_latency)),
+        load(contenders=LOADED, columns=for_latency),
+        load(contenders=[ENGINE_C, ENGINE_C_WAITING], columns=for_processor_time),
+        threads(
+            circumstances=" by threads that send, sources of one context",
+            columns=[Column(str(count), {"threads": count}) for count in size.threads],
+        ),
+        threads(
+            circumstances=" by threads that send, a context each",
+            columns=[Column(str(count), {"threads": count, "own-nodes": True}) for count in size.threads],
         ),
         rate(NETWORK, circumstances=" on a network", contenders=networked, columns=network),
         Series(

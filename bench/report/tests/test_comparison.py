@@ -19,7 +19,11 @@ SIZE = Size(
     payloads=[64, 128],
     receivers=[],
     topics=[],
+    load_rounds=1,
+    loads=[],
+    threads=[],
     domains=[(100, 100), (200, 200), (300, 300)],
+    common_domains=[10, 1000],
     contexts=[],
     idle_seconds=0,
 )
@@ -31,6 +35,16 @@ def contender(rate: int, round_trip: int) -> str:
 describe) echo '{DESCRIPTION}' ;;
 rate) echo '{{"slowest": {rate}, "lost": 1}}' ;;
 round-trip) echo '{{"p50": {round_trip}, "p99": {round_trip}, "p99.9": {round_trip}}}' ;;
+esac"""
+
+
+# The one of 200 contexts is too large.
+DOMAINS = """case "$2 $6" in
+"100 0") echo '{"contexts": 100, "sources": 100, "common": 0, "join_seconds": [3, 1, 2]}' ;;
+*" 0") echo '{"contexts": 200, "sources": 200, "common": 0, "stopped": "memory ran short"}' ;;
+"10 10") echo '{"contexts": 10, "sources": 10, "common": 10, "join_seconds": [0.5, 0.25, 1]}' ;;
+*) echo '{"contexts": 1000, "sources": 1000, "common": 10, "found_seconds": 2, "descriptors": 40000, "kernel_kib": 500000,
+  "join_seconds": [1, 2, 0.5]}' ;;
 esac"""
 
 
@@ -49,8 +63,7 @@ class Run(unittest.TestCase):
                 "engine_c": contender(8000, 480),
                 "zeromq": contender(1000, 960),
                 "nng": f'case "$*" in *128*) exit 1 ;; esac\n{contender(500, 2000)}',
-                "joining": 'case $2 in 100) echo \'{"contexts": 100, "sources": 100, "join_seconds": [3, 1, 2]}\' ;;\n'
-                '*) echo \'{"contexts": 200, "sources": 200, "stopped": "memory ran short"}\' ;; esac',
+                "joining": DOMAINS,
             }
             for name, script in scripts.items():
                 file = Path(temporary) / f"compare_{name}"
@@ -92,10 +105,19 @@ class Run(unittest.TestCase):
         verdicts = {row[1]: (row[0], row[3]) for row in self.report.aims().rows}
         self.assertEqual(verdicts["rate against libzmq, both waiting"], ("met", "8 (8 to 8)"))
         self.assertEqual(verdicts["seconds to join 100 contexts with 10,000 sources"], ("NOT MET", "2 (1 to 3)"))
-        self.assertEqual(verdicts["round trip against libzmq, both waiting"], ("not measured", ""))
+        self.assertEqual(verdicts["round trip against libzmq, both waiting with default options"], ("not measured", ""))
+
+    def test_measures_common_topics_in_a_large_domain_against_a_small_one(self) -> None:
+        verdicts = {row[1]: (row[0], row[3]) for row in self.report.aims().rows}
+        self.assertEqual(verdicts["joining 1,000 contexts against joining 10, ten sources"], ("met", "2 (1 to 4)"))
+        self.assertEqual(verdicts["descriptors of each of 1,000 contexts"], ("NOT MET", "40 (40 to 40)"))
+        _, large = self.table(
+            "Domains of this engine in which all receive 10 topics, a source each, and hear of no others"
+        )
+        self.assertEqual((large[0], large[2], large[3], large[5]), (1000, 2000, 1000, 500))
 
     def test_stops_at_the_first_domain_that_is_too_large(self) -> None:
-        rows = self.table("Domains of this engine")
+        rows = self.table("Domains of this engine in which everybody hears of every source")
         self.assertEqual(
             [(row[0], row[3], row[-1]) for row in rows], [(100, 2000, ""), (200, None, "memory ran short")]
         )
@@ -126,6 +148,10 @@ class Aim(unittest.TestCase):
             (4.1, True, "NOT MET"),
         ):
             self.assertEqual(Check("", Bound(4, upper), Spread(median, 1, 9)).verdict(), verdict)
+
+    def test_of_all_rounds_is_met_by_the_least_of_them(self) -> None:
+        for least, verdict in ((4, "met"), (3.9, "NOT MET")):
+            self.assertEqual(Check("", Bound(4, False), Spread(5, least, 9), least_round=True).verdict(), verdict)
 
 
 class Choose(unittest.TestCase):

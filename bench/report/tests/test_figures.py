@@ -72,3 +72,16 @@ class Sums(unittest.TestCase):
         figures = Figures([recorded("engine", result(1, FAR, lost=3), None), recorded("ring", result(1, NEAR, lost=4))])
         self.assertEqual(figures.lost(), 7)
         self.assertEqual(figures.distances(), [250, 930])
+
+    def test_messages_that_nobody_waits_for_do_not_count_as_lost(self) -> None:
+        under_load = {**recorded("nng", result(1, lost=3)), "kind": "load", "rate": 1_000_000}
+        self.assertEqual(Figures([under_load]).lost(), 0)
+
+
+class Steadiness(unittest.TestCase):
+    def test_is_that_of_the_rounds_that_succeeded(self) -> None:
+        measurement = Measurement.of("rate", ENGINE)
+        self.assertEqual(
+            Figures([recorded("engine", result(2), None, result(3))]).steadiness(measurement, RATE), (1.5, 1.5, 1.5)
+        )
+        self.assertIsNone(Figures([recorded("engine", result(2), None)]).steadiness(measurement, RATE))

@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Any
 from unittest.mock import patch
 
-from report import network, outage, servers
+from report import idle, network, outage, servers
 from report.aims import check_all
 from report.figures import Figures
 from report.network import Recorded
@@ -77,7 +77,8 @@ class Measure(unittest.TestCase):
             program.chmod(0o755)
             programs = Programs(Path(temporary), Path(temporary))
             with (
-                patch.multiple(network, SETTLE_SECONDS=0, CUT_SECONDS=0),
+                patch.multiple(network, CUT_SECONDS=0),
+                patch.multiple(idle, SETTLE_SECONDS=0),
                 patch.multiple(servers, cluster=three, one=one),
                 patch.object(outage, "link", lambda: nullcontext(StillLink())),
             ):
@@ -111,8 +112,8 @@ class Measure(unittest.TestCase):
         self.assertIsNone(network.longest_seconds_after_cut(recorded))
 
     def test_takes_for_the_aims_the_largest_network_and_all_pairs(self) -> None:
-        verdicts = {check.text: check for check in check_all(Figures([]), [], self.recorded)}
-        self.assertEqual(verdicts["seconds until 1,000 contexts know ten sources"].measured, (0.25, 0.25, 0.25))
+        verdicts = {check.text: check for check in check_all(Figures([]), [], {}, self.recorded)}
+        self.assertEqual(verdicts["seconds until 1,000 contexts know ten sources, nats"].measured, (0.25, 0.25, 0.25))
         cut = verdicts["seconds until delivery again after a killed server, p50"]
         self.assertEqual((cut.measured, cut.verdict()), ((0.5, 0.25, outage.WATCHED_SECONDS), "met"))
         messages = verdicts["messages a second that an idle context sends, nats"]

@@ -2,7 +2,7 @@ import unittest
 
 from report.aims import RATIO_AIMS
 from report.contenders import Contender
-from report.workloads import FULL, QUICK, RATE, Column, Series, all_series, plan
+from report.workloads import FULL, LOAD, QUICK, RATE, Column, Series, all_series, plan
 
 ONE, OTHER = Contender("one", "One"), Contender("other", "Other")
 
@@ -39,6 +39,12 @@ class Data(unittest.TestCase):
             measured = set(plan(all_series(size)))
             for aim in RATIO_AIMS:
                 self.assertLessEqual({aim.above, aim.below}, measured, aim.text)
+
+    def test_every_load_has_its_time(self) -> None:
+        for size in (QUICK, FULL):
+            planned = plan(one for one in all_series(size) if one.workload == LOAD)
+            times = {size.milliseconds_of(measurement) for measurement in planned}
+            self.assertEqual(times, {milliseconds for _, _, milliseconds in size.loads})
 
     def test_contenders_and_plots_do_not_overwrite_each_other(self) -> None:
         plots = [one.plot for one in all_series(FULL) if one.plot]
