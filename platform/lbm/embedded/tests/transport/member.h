@@ -28,10 +28,11 @@ class ScratchDirectory {
 
   // How many entries say what contexts offer and want.
   std::size_t Entries() const {
-    const auto topics = m_directory.Path() / "test/topics";
     std::size_t found = 0;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(topics)) {
-      found += entry.is_directory() ? 0 : 1;
+    for (const char* const role : {"offers", "wants"}) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(m_directory.Path() / "test" / role)) {
+        found += entry.is_directory() ? 0 : 1;
+      }
     }
     return found;
   }

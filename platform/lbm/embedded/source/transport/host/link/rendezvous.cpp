@@ -26,31 +26,26 @@ namespace {
 
 constexpr std::string_view kSocketSuffix = ".socket";
 constexpr std::string_view kJoiningSuffix = ".joining";  // of a socket that does not listen yet
-constexpr std::array<std::string_view, 2> kRoleSuffixes = {".offers", ".wants"};
+constexpr std::array<std::string_view, 2> kRoleDirectories = {"offers", "wants"};
 constexpr std::size_t kNameMax = 48;  // bytes of a context's name; nobody's is longer
 constexpr int kBacklog = 4096;
 
-constexpr std::string_view kTopics = "topics";
 constexpr std::size_t kBucketDigits = 2;  // of a key
 
-std::string BucketOf(const std::string& key) { return std::string(kTopics) + '/' + key.substr(0, kBucketDigits); }
+std::string DirectoryOf(Role role) { return std::string(kRoleDirectories[static_cast<std::size_t>(role)]); }
+
+std::string BucketOf(Role role, const std::string& key) {
+  return DirectoryOf(role) + '/' + key.substr(0, kBucketDigits);
+}
 
 std::string SocketOf(const std::string& name) { return name + std::string(kSocketSuffix); }
 
-std::string_view SuffixOf(Role role) { return kRoleSuffixes[static_cast<std::size_t>(role)]; }
-
-// The text before the suffix, if that is how the file's name ends.
-std::optional<std::string> Before(std::string_view suffix, const std::string& file) {
-  if (!file.ends_with(suffix) || file.size() == suffix.size()) {
+// The context of a file whose name ends so; none if that is no such file.
+std::optional<std::string> ContextOf(std::string_view file, std::string_view suffix) {
+  if (!file.ends_with(suffix) || file.size() == suffix.size() || file.size() - suffix.size() > kNameMax) {
     return std::nullopt;
   }
-  return file.substr(0, file.size() - suffix.size());
-}
-
-// The context that the file belongs to; none if it is no such file.
-std::optional<std::string> ContextOf(std::string_view suffix, const std::string& file) {
-  auto name = Before(suffix, file);
-  return name && name->size() <= kNameMax ? name : std::nullopt;
+  return std::string(file.substr(0, file.size() - suffix.size()));
 }
 
 // Whether the process in a context's name is certainly none of those that this one can see.
@@ -89,6 +84,27 @@ bool MakeDirectory(int domain, const std::string& name) {
 }
 
 }  // namespace
+
+// Those whose names begin with a dot are left out; there are none where the directory is not.
+template <typename Visit>
+void Rendezvous::VisitFiles(const std::string& directory, Visit visit) const {
+  zq::posix::Descriptor descriptor(
+      ::openat(m_directory.Get(), directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!descriptor && errno == ENOENT) {
+    return;
+  }
+  DIR* const opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
+  if (opened == nullptr) {
+    RefuseErrno(m_path, "listing a directory");
+  }
+  descriptor.Release();
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opened, &::closedir);
+  while (const dirent* const entry = ::readdir(stream.get())) {
+    if (entry->d_name[0] != '.') {
+      visit(std::string_view(entry->d_name));
+    }
+  }
+}
 
 std::string KeyOf(std::string_view topic) {
   std::string key = InstanceText(StableHash(topic));
@@ -140,7 +156,7 @@ void Rendezvous::Say(Role role, const std::string& key) {
   const auto [place, isNew] = said.try_emplace(key);
   if (isNew) {
     try {
-      place->second.entry = BucketOf(key) + '/' + key + '.' + m_name + std::string(SuffixOf(role));
+      place->second.entry = BucketOf(role, key) + '/' + key + '.' + m_name;
       Make(place->second.entry);
     } catch (...) {
       said.erase(place);
@@ -160,7 +176,7 @@ void Rendezvous::Make(const std::string& entry) const {
   if (link()) {
     return;
   }
-  if (errno == ENOENT && MakeDirectory(domain, std::string(kTopics)) &&
+  if (errno == ENOENT && MakeDirectory(domain, entry.substr(0, entry.find('/'))) &&
       MakeDirectory(domain, entry.substr(0, entry.rfind('/'))) && link()) {
     return;
   }
@@ -184,24 +200,22 @@ void Rendezvous::Remove(const std::string& file) const noexcept { ::unlinkat(m_d
 
 std::vector<std::string> Rendezvous::WhoElse(Role role, const std::string& key) const {
   std::vector<std::string> names;
-  for (const std::string& file : FilesIn(BucketOf(key))) {
-    if (!file.starts_with(key + '.')) {
-      continue;
+  const std::string prefix = key + '.';
+  VisitFiles(BucketOf(role, key), [&](std::string_view file) {
+    if (file.starts_with(prefix) && file.substr(prefix.size()) != m_name && file.size() <= prefix.size() + kNameMax) {
+      names.emplace_back(file.substr(prefix.size()));
     }
-    if (auto name = ContextOf(SuffixOf(role), file.substr(key.size() + 1)); name && *name != m_name) {
-      names.push_back(std::move(*name));
-    }
-  }
+  });
   return names;
 }
 
 std::vector<std::string> Rendezvous::Others() const {
   std::vector<std::string> names;
-  for (const std::string& file : FilesIn(".")) {
-    if (auto name = ContextOf(kSocketSuffix, file); name && *name != m_name) {
+  VisitFiles(".", [&](std::string_view file) {
+    if (auto name = ContextOf(file, kSocketSuffix); name && *name != m_name) {
       names.push_back(std::move(*name));
     }
-  }
+  });
   return names;
 }
 
@@ -241,14 +255,14 @@ Rendezvous::Outcome Rendezvous::Call(const std::string& name, zq::posix::Descrip
 // them.
 void Rendezvous::ClearUp() const {
   std::vector<std::string> dead;
-  for (const std::string& file : FilesIn(".")) {
-    if (const auto joining = ContextOf(kJoiningSuffix, file); joining && ProcessIsGone(*joining)) {
-      Remove(file);
+  VisitFiles(".", [&](std::string_view file) {
+    if (const auto joining = ContextOf(file, kJoiningSuffix); joining && ProcessIsGone(*joining)) {
+      Remove(std::string(file));
     }
-    if (auto name = ContextOf(kSocketSuffix, file); name && ProcessIsGone(*name)) {
+    if (auto name = ContextOf(file, kSocketSuffix); name && ProcessIsGone(*name)) {
       dead.push_back(std::move(*name));
     }
-  }
+  });
   // A process may also be out of this one's sight.
   std::erase_if(dead, [&](const std::string& name) {
     zq::posix::Descriptor socket;
@@ -261,14 +275,20 @@ void Rendezvous::ClearUp() const {
 
 // The socket's own name goes last: as long as it is there, somebody will find the others.
 void Rendezvous::Bury(const std::vector<std::string>& names) const {
-  for (const std::string& bucket : FilesIn(std::string(kTopics))) {
-    const std::string directory = std::string(kTopics) + '/' + bucket;
-    for (const std::string& file : bucket.starts_with('.') ? std::vector<std::string>() : FilesIn(directory)) {
-      if (std::any_of(names.begin(), names.end(),
-                      [&](const std::string& name) { return file.find('.' + name + '.') != std::string::npos; })) {
-        Remove(directory + '/' + file);
-      }
-    }
+  const auto isOfThem = [&](std::string_view entry) {
+    return std::find(names.begin(), names.end(), entry.substr(std::min(entry.find('.') + 1, entry.size()))) !=
+           names.end();
+  };
+  for (const Role role : {Role::kOffers, Role::kWants}) {
+    const std::string directory = DirectoryOf(role) + '/';
+    VisitFiles(directory, [&](std::string_view bucket) {
+      const std::string path = directory + std::string(bucket);
+      VisitFiles(path, [&](std::string_view entry) {
+        if (isOfThem(entry)) {
+          Remove(path + '/' + std::string(entry));
+        }
+      });
+    });
   }
   for (const std::string& name : names) {
     Remove(SocketOf(name));
@@ -287,26 +307,6 @@ void Rendezvous::Leave() noexcept {
       Remove(one.entry);
     }
   }
-}
-
-// None when the directory is not there.
-std::vector<std::string> Rendezvous::FilesIn(const std::string& directory) const {
-  zq::posix::Descriptor descriptor(
-      ::openat(m_directory.Get(), directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!descriptor && errno == ENOENT) {
-    return {};
-  }
-  DIR* const opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
-  if (opened == nullptr) {
-    RefuseErrno(m_path, "listing a directory");
-  }
-  descriptor.Release();
-  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opened, &::closedir);
-  std::vector<std::string> files;
-  while (const dirent* const entry = ::readdir(stream.get())) {
-    files.emplace_back(entry->d_name);
-  }
-  return files;
 }
 
 }  // namespace engine::transport::host

@@ -1,9 +1,9 @@
 // How contexts of a domain find each other: a directory in which each of them has a socket, and where it says of which
 // topics it has sources and which it wants.
 //
-//   <context>.socket                         on which others connect
-//   topics/<bucket>/<key>.<context>.offers   the context has a source of the topic
-//   topics/<bucket>/<key>.<context>.wants    the context wants to hear of sources of the topic
+//   <context>.socket                  on which others connect
+//   offers/<bucket>/<key>.<context>   the context has a source of the topic
+//   wants/<bucket>/<key>.<context>    the context wants to hear of sources of the topic
 //
 // The entries are further names of the socket: to make and to remove one costs no more than a line in a directory.
 //
@@ -81,7 +81,8 @@ class Rendezvous {
   void Bury(const std::vector<std::string>& names) const;
   void Make(const std::string& entry) const;
   void Remove(const std::string& file) const noexcept;
-  std::vector<std::string> FilesIn(const std::string& directory) const;
+  template <typename Visit>
+  void VisitFiles(const std::string& directory, Visit visit) const;
 
   const std::string m_path;  // of the domain's directory, for error texts
   const std::string m_name;
