@@ -190,14 +190,14 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
       [](RawRing& ring) {
         ring.Put(wire::Type::kFragment, wire::BytesOf(wire::FragmentHeader{.total = kMessageMax + 1}));
       },
-      [](RawRing& ring) { ring.Control().tail = kRingBytesMin + 8; },  // more than there can be
-      [](RawRing& ring) { ring.Control().tail = 12; },                 // not at a frame's end
-      [](RawRing& ring) { ring.Control().tail = ~RingCursor{7}; },     // before the beginning
       [](RawRing& ring) {
-        ring.PutHeader({16, 1}, 16);
-      },  // a frame that ends behind the tail
+        ring.PutHeader({kRingBytesMin, 1});
+      },  // a frame that is longer than the ring
       [](RawRing& ring) {
-        ring.PutHeader({0xffffffff, kRingPadding}, kRingBytesMin);
+        ring.PutHeader({0xffffffff, 1});
+      },
+      [](RawRing& ring) {
+        ring.PutHeader({0xffffffff, kRingPadding});
       },  // padding of any length
   };
   for (std::size_t i = 0; i < scribbles.size(); ++i) {

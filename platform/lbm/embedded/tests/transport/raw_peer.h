@@ -95,11 +95,8 @@ class RawRing {
     std::copy(content.begin(), content.end(), to);
     m_producer.Commit();
   }
-  // A header in the ring's first bytes, and a tail of any value.
-  void PutHeader(const RingFrameHeader& header, RingCursor tail) {
-    std::memcpy(Bytes().data(), &header, sizeof(header));
-    Control().tail = tail;
-  }
+  // A header in the ring's first bytes.
+  void PutHeader(const RingFrameHeader& header) { std::memcpy(Bytes().data(), &header, sizeof(header)); }
   RingControl<RingCursor>& Control() { return m_created.ring.Control(); }
   std::span<std::byte> Bytes() { return m_created.ring.Bytes(); }
 

@@ -5,12 +5,12 @@
 // producer rings the doorbell once an epoch, so it makes one system call however many frames it commits before the
 // context wakes.
 //
-// ring.h explains in which order a producer has to store the tail and load this word; in a stream of frames that order
-// costs it much. A context that consumes many frames says in the word that it is busy, which is a promise: before it
-// parks it will issue a heavy fence that reaches its producers. A producer that has stored the tail, in release order,
-// and then sees the word busy is done: if the heavy fence came before its store of the tail, it would not have seen the
-// word busy, and if it came after, the context sees the tail. The fence interrupts every producer on the machine, so it
-// has to be earned by many frames.
+// ring.h explains in which order a producer has to store a frame's header and load this word; in a stream of frames
+// that order costs it much. A context that consumes many frames says in the word that it is busy, which is a promise:
+// before it parks it will issue a heavy fence that reaches its producers. A producer that has stored the header, in
+// release order, and then sees the word busy is done: if the heavy fence came before that store, it would not have seen
+// the word busy, and if it came after, the context sees the frame. The fence interrupts every producer on the machine,
+// so it has to be earned by many frames.
 #pragma once
 
 #include <atomic>
@@ -68,7 +68,7 @@ class PeerParkingWord {
   // Throws Fault when the memory is no parking word, std::system_error when the system refuses to map it.
   explicit PeerParkingWord(const zq::posix::Descriptor& memory);
 
-  // To be asked after a tail was stored: whether the consumer is busy, so that nothing else is to be done.
+  // To be asked after a frame was committed: whether the consumer is busy, so that nothing else is to be done.
   bool Busy() const noexcept {
     LightFence();
     return m_reachable && (Load(std::memory_order_relaxed) & kBusy) != 0;

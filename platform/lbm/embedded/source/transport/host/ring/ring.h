@@ -7,14 +7,15 @@
 //
 // Memory ordering
 //
-// 1. Frames. The producer stores the tail with release order after it has written a frame; the consumer loads the tail
-//    with acquire order before it reads the frame. Likewise the consumer stores the head after it has read a frame, and
-//    the producer loads the head before it writes there again. Each side works on a cached copy of the other's cursor
-//    and loads the cursor itself only when the copy says that nothing is left, so a stream of frames moves few cache
-//    lines between the processors.
-// 2. Parking. A consumer that is about to park stores that in its parking word and then loads the tail; a producer
-//    stores the tail and then loads the parking word. All four accesses are sequentially consistent, so they have one
-//    total order: if the producer's load came before the consumer's store, so did its store of the tail, and the
+// 1. Frames. A frame's header is stored last, with release order, and loaded first, with acquire order; behind the last
+//    frame there is always a header of zero, which the producer stores before it commits the frame. So the consumer
+//    waits for the very cache line in which the frame begins, and a short frame takes one line between the processors.
+//    Likewise the consumer stores the head after it has read a frame, and the producer loads the head before it writes
+//    there again; it works on a cached copy, and loads the head only when the copy says that nothing is left.
+// 2. Parking. A consumer that is about to park stores that in its parking word and then loads the next header; a
+// producer
+//    stores the header and then loads the parking word. All four accesses are sequentially consistent, so they have one
+//    total order: if the producer's load came before the consumer's store, so did its store of the header, and the
 //    consumer sees the frame. Either the consumer does not park or the producer rings its doorbell. A busy consumer
 //    spares its producers the sequentially consistent store; see parking_word.h.
 // 3. Credit. A producer without space stores a credit request and then loads the head; the consumer stores the head and
@@ -43,6 +44,7 @@
 #include <cstring>
 #include <limits>
 #include <span>
+#include <utility>
 
 #include "system/processor.h"
 #include "system/tuning.h"
@@ -57,8 +59,6 @@ struct RingControl {
   static constexpr std::size_t kApart = 128;
 
   // Stored by the producer:
-  alignas(kApart) std::atomic<Cursor> tail;
-  // Apart from the tail, because the consumer loads it more often than it changes.
   alignas(kApart) std::atomic<std::uint32_t> creditRequests;  // counts the producer's requests
   // Stored by the consumer:
   alignas(kApart) std::atomic<Cursor> head;
@@ -68,19 +68,19 @@ struct RingControl {
 };
 
 // The thread sanitizer takes the two mappings of a ring for different memory. These show it that what a thread did
-// before it committed a frame happens before what another thread of the process does once it has seen the tail.
+// before it committed a frame happens before what another thread of the process does once it has seen the frame.
 #ifdef __SANITIZE_THREAD__
 inline std::atomic<unsigned> g_ringCommits{0};
 inline void AnnotateCommit() noexcept { g_ringCommits.fetch_add(1, std::memory_order_release); }
-inline void AnnotateTailLoad() noexcept { static_cast<void>(g_ringCommits.load(std::memory_order_acquire)); }
+inline void AnnotateLook() noexcept { static_cast<void>(g_ringCommits.load(std::memory_order_acquire)); }
 #else
 inline void AnnotateCommit() noexcept {}
-inline void AnnotateTailLoad() noexcept {}
+inline void AnnotateLook() noexcept {}
 #endif
 
 struct RingFrameHeader {
   std::uint32_t size = 0;  // bytes of the content
-  std::uint32_t tag = 0;   // the frame's type; kRingPadding: none
+  std::uint32_t tag = 0;   // the frame's type, or one of those below
 
   // Bytes that a frame with so many bytes of content takes up in a ring.
   static constexpr std::uint64_t kAlignment = 8;
@@ -88,7 +88,8 @@ struct RingFrameHeader {
     return (sizeof(RingFrameHeader) + size + kAlignment - 1) & ~(kAlignment - 1);
   }
 };
-inline constexpr std::uint32_t kRingPadding = 0;
+inline constexpr std::uint32_t kRingNothing = 0;  // no frame yet
+inline constexpr std::uint32_t kRingPadding = ~std::uint32_t{0};
 
 // What both ends have in common: the ring's bytes, and the position of a cursor among them.
 template <std::unsigned_integral Cursor>
@@ -97,7 +98,10 @@ class RingEnd {
   std::size_t Capacity() const noexcept { return m_bytes.size(); }
 
  protected:
-  // bytes: a power of two of them, at least 64, fewer than a Cursor counts; aligned to eight.
+  using Word = std::atomic<std::uint64_t>;  // a header in the ring
+  static_assert(sizeof(RingFrameHeader) == sizeof(Word) && Word::is_always_lock_free);
+
+  // bytes: a power of two of them, at least 64, fewer than a Cursor counts; aligned to eight, all zero at first.
   RingEnd(RingControl<Cursor>& control, std::span<std::byte> bytes) : m_control(&control), m_bytes(bytes) {
     if (!std::has_single_bit(bytes.size()) || bytes.size() < 64 || bytes.size() > std::numeric_limits<Cursor>::max()) {
       throw Fault("a ring has an impossible size");
@@ -107,6 +111,7 @@ class RingEnd {
   static Cursor Distance(Cursor from, Cursor to) noexcept { return static_cast<Cursor>(to - from); }
   std::size_t PositionOf(Cursor cursor) const noexcept { return cursor & (m_bytes.size() - 1); }
   std::byte* At(std::size_t position) const noexcept { return m_bytes.data() + position; }
+  Word& HeaderAt(std::size_t position) const noexcept { return *reinterpret_cast<Word*>(At(position)); }
   RingControl<Cursor>& Control() const noexcept { return *m_control; }
 
  private:
@@ -120,32 +125,37 @@ class RingProducer : public RingEnd<Cursor> {
   RingProducer(RingControl<Cursor>& control, std::span<std::byte> bytes) : RingEnd<Cursor>(control, bytes) {}
 
   // Reserves space for a frame and returns the place of its content, to be written before Commit; null when there is no
-  // space. A frame of up to an eighth of the ring finds space whenever a quarter is free.
+  // space. A frame of up to an eighth of the ring finds space whenever a quarter is free. tag: not one of the ring's
+  // own.
   std::byte* Reserve(std::size_t size, std::uint32_t tag) {
     const Demand demand = DemandOf(size);
     if (!HasSpaceFor(demand)) {
       return nullptr;
     }
+    m_header = WordOf(size, tag);
+    m_reserved = static_cast<Cursor>(m_tail + demand.padding + demand.footprint);
     std::size_t position = this->PositionOf(m_tail);
     if (demand.padding != 0) {
-      WriteHeader(position, static_cast<std::uint32_t>(demand.padding - sizeof(RingFrameHeader)), kRingPadding);
+      // Nobody looks at the front before the padding is committed.
       position = 0;
+      this->HeaderAt(position).store(m_header, std::memory_order_relaxed);
+      m_header = WordOf(demand.padding - sizeof(RingFrameHeader), kRingPadding);
     }
-    WriteHeader(position, static_cast<std::uint32_t>(size), tag);
-    m_reserved = static_cast<Cursor>(m_tail + demand.Total());
     return this->At(position + sizeof(RingFrameHeader));
   }
 
   // Publishes the reserved frame.
   void Commit() noexcept {
     Prefetch();
-    m_tail = m_reserved;
+    this->HeaderAt(this->PositionOf(m_reserved)).store(0, std::memory_order_relaxed);
     AnnotateCommit();
-    this->Control().tail.store(m_tail, std::memory_order_release);
+    m_committed = this->PositionOf(m_tail);
+    this->HeaderAt(m_committed).store(m_header, std::memory_order_release);
+    m_tail = m_reserved;
   }
 
   // Makes the last commit sequentially consistent: to be called before looking whether the consumer is parked.
-  void FenceCommit() noexcept { this->Control().tail.store(m_tail, std::memory_order_seq_cst); }
+  void FenceCommit() noexcept { this->HeaderAt(m_committed).store(m_header, std::memory_order_seq_cst); }
 
   bool HasSpace(std::size_t size) { return HasSpaceFor(DemandOf(size)); }
 
@@ -172,12 +182,16 @@ class RingProducer : public RingEnd<Cursor> {
   }
 
  private:
-  // What a frame takes up at the present tail.
+  // What a frame takes up at the present tail, beside the header of zero behind it.
   struct Demand {
     std::uint64_t padding;
     std::uint64_t footprint;
-    std::uint64_t Total() const noexcept { return padding + footprint; }
+    std::uint64_t Total() const noexcept { return padding + footprint + sizeof(RingFrameHeader); }
   };
+
+  static std::uint64_t WordOf(std::uint64_t size, std::uint32_t tag) noexcept {
+    return std::bit_cast<std::uint64_t>(RingFrameHeader{static_cast<std::uint32_t>(size), tag});
+  }
 
   Demand DemandOf(std::size_t size) const noexcept {
     const std::uint64_t footprint = RingFrameHeader::Footprint(size);
@@ -217,14 +231,11 @@ class RingProducer : public RingEnd<Cursor> {
     }
   }
 
-  void WriteHeader(std::size_t position, std::uint32_t size, std::uint32_t tag) noexcept {
-    const RingFrameHeader header{size, tag};
-    std::memcpy(this->At(position), &header, sizeof(header));
-  }
-
   Cursor m_tail = 0;
-  Cursor m_reserved = 0;    // the tail after the reserved frame
-  Cursor m_cachedHead = 0;  // the head is this or further
+  Cursor m_reserved = 0;        // the tail after the reserved frame
+  std::uint64_t m_header = 0;   // of that frame, or of the padding before it
+  std::size_t m_committed = 0;  // the position at which the last one was stored
+  Cursor m_cachedHead = 0;      // the head is this or further
   std::uint32_t m_creditRequests = 0;
 };
 
@@ -238,34 +249,27 @@ class RingConsumer : public RingEnd<Cursor> {
  public:
   RingConsumer(RingControl<Cursor>& control, std::span<std::byte> bytes) : RingEnd<Cursor>(control, bytes) {}
 
-  // Loads the tail. Whether there are frames to take.
-  bool Poll() {
-    const Cursor tail = this->Control().tail.load(std::memory_order_seq_cst);
-    AnnotateTailLoad();
-    if (tail == m_cachedTail) {
-      return m_next != m_cachedTail;
-    }
-    if (this->Distance(m_next, tail) > this->Capacity() ||
-        this->Distance(m_next, tail) < this->Distance(m_next, m_cachedTail) ||
-        tail % RingFrameHeader::kAlignment != 0) {
-      throw Fault("the tail of a ring is impossible");
-    }
-    m_cachedTail = tail;
-    return true;
+  // Whether there are frames to take.
+  bool Poll() noexcept {
+    m_polled = m_next;
+    return Any();
   }
 
-  // Takes the next of the frames that the last Poll found; false when none is left. The content may be used until the
-  // next call of anything here.
+  // Takes the next frame; false when there is none, or as much has been taken since the last Poll as the ring can hold.
+  // The content may be used until the next call of anything here.
   bool Next(RingFrame& frame) {
     if (this->Distance(m_head, m_next) >= this->Capacity() / kReleases) {
       StoreHead();
     }
-    while (m_next != m_cachedTail) {
-      RingFrameHeader header;
+    while (this->Distance(m_polled, m_next) < this->Capacity()) {
       const std::size_t position = this->PositionOf(m_next);
-      std::memcpy(&header, this->At(position), sizeof(header));
+      const auto header = std::bit_cast<RingFrameHeader>(this->HeaderAt(position).load(std::memory_order_acquire));
+      AnnotateLook();
+      if (header.tag == kRingNothing) {
+        return false;
+      }
       const std::uint64_t footprint = RingFrameHeader::Footprint(header.size);
-      if (footprint > this->Distance(m_next, m_cachedTail) || footprint > this->Capacity() - position) {
+      if (footprint > this->Capacity() - position) {
         throw Fault("a frame in a ring runs past the end");
       }
       m_next = static_cast<Cursor>(m_next + footprint);
@@ -285,14 +289,21 @@ class RingConsumer : public RingEnd<Cursor> {
     return CreditDue();
   }
 
-  // Whether the producer has requested credit, and half of the ring is free.
-  bool CreditDue() const noexcept {
-    return this->Control().creditRequests.load(std::memory_order_seq_cst) != m_creditGranted &&
-           this->Distance(m_head, m_cachedTail) <= this->Capacity() / 2;
+  // Whether the producer has requested credit, and half of the ring is free: nothing is left, or so much was released
+  // since the request was seen.
+  bool CreditDue() noexcept {
+    if (this->Control().creditRequests.load(std::memory_order_seq_cst) == m_creditGranted) {
+      return false;
+    }
+    if (!std::exchange(m_creditRequested, true)) {
+      m_headAtRequest = m_head;
+    }
+    return !Any() || this->Distance(m_headAtRequest, m_head) >= this->Capacity() / 2;
   }
 
   // Grants what was requested. Returns the word on which a blocked producer waits.
   std::atomic<std::uint32_t>& GrantCredit() noexcept {
+    m_creditRequested = false;
     m_creditGranted = this->Control().creditRequests.load(std::memory_order_seq_cst);
     this->Control().creditGranted.store(m_creditGranted, std::memory_order_release);
     return this->Control().creditGranted;
@@ -302,15 +313,23 @@ class RingConsumer : public RingEnd<Cursor> {
   // In so many parts is the ring released while frames keep coming.
   static constexpr std::size_t kReleases = 16;
 
+  bool Any() const noexcept {
+    const bool any = this->HeaderAt(this->PositionOf(m_next)).load(std::memory_order_seq_cst) != 0;
+    AnnotateLook();
+    return any;
+  }
+
   void StoreHead() noexcept {
     m_head = m_next;
     this->Control().head.store(m_head, std::memory_order_seq_cst);
   }
 
-  Cursor m_next = 0;        // of the next frame to take
-  Cursor m_cachedTail = 0;  // the tail is this or further
-  Cursor m_head = 0;        // what is released
+  Cursor m_next = 0;    // of the next frame to take
+  Cursor m_polled = 0;  // what that was at the last Poll
+  Cursor m_head = 0;    // what is released
   std::uint32_t m_creditGranted = 0;
+  bool m_creditRequested = false;  // and not granted yet
+  Cursor m_headAtRequest = 0;      // when that was seen
 };
 
 }  // namespace engine::transport::host
