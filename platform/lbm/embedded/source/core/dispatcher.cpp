@@ -32,21 +32,19 @@ constexpr std::chrono::microseconds kYieldInterval{50};
 class Dispatcher::Occupancy {
  public:
   explicit Occupancy(Dispatcher& dispatcher) : m_dispatcher(dispatcher) {
-    const std::lock_guard lock(m_dispatcher.m_occupancyMutex);
+    Occupied expected = Occupied::kNo;
+    const bool entered = m_dispatcher.m_occupied.compare_exchange_strong(expected, Occupied::kYes);
     if (m_dispatcher.Ended()) {
+      if (entered) {
+        m_dispatcher.Vacate();
+      }
       throw Error(LBM_EOP, "the context is deleted");
     }
-    if (std::exchange(m_dispatcher.m_occupied, true)) {
+    if (!entered) {
       throw Error(LBM_EOP, "another thread is processing this context's events");
     }
   }
-  ~Occupancy() {
-    {
-      const std::lock_guard lock(m_dispatcher.m_occupancyMutex);
-      m_dispatcher.m_occupied = false;
-    }
-    m_dispatcher.m_vacant.notify_all();
-  }
+  ~Occupancy() { m_dispatcher.Vacate(); }
   Occupancy(const Occupancy&) = delete;
   Occupancy& operator=(const Occupancy&) = delete;
 
@@ -74,14 +72,17 @@ void Dispatcher::Process(lbm_ulong_t msec) {
     ~Last() { dispatcher.RunLast(); }
   } const last{*this};
 
+  // The clock takes as long as all other looks together, so those who do not wait look at it once in a few calls while
+  // these come fast.
+  m_seesClock = msec != 0 || !m_descriptors.Empty() || --m_callsBeforeClock <= 0;
   if (RunOnce()) {
     return;
   }
-  const Clock::time_point begin = Clock::now();
   if (msec == 0) {
-    PollIfDue(begin, Clock::duration::zero());
+    PollIfClockSeen();
     return;
   }
+  const Clock::time_point begin = Clock::now();
   // Far enough for any purpose, near enough for the clock's arithmetic.
   constexpr lbm_ulong_t kLongest = 1000UL * 60 * 60 * 24 * 365;
   const Clock::time_point deadline = begin + std::chrono::milliseconds(std::min(msec, kLongest));
@@ -114,7 +115,7 @@ bool Dispatcher::RunOnce() {
     return false;
   }
   m_lastDone = done;
-  PollIfDue(Clock::now(), Clock::duration::zero());
+  PollIfClockSeen();
   return true;
 }
 
@@ -167,7 +168,9 @@ void Dispatcher::NoteSpin(bool found) {
 std::size_t Dispatcher::RunWithoutSystemCalls() {
   m_arrivalClock.Reset();
   std::size_t done = RunTasks();
-  done += m_timers.RunDue();
+  if (m_seesClock) {
+    done += m_timers.RunDue();
+  }
   return done + m_transport.DrainMemory(m_listener);
 }
 
@@ -180,6 +183,16 @@ std::size_t Dispatcher::RunTasks() {
     task();
   }
   return tasks.size();
+}
+
+void Dispatcher::PollIfClockSeen() {
+  constexpr int kCalls = 8;
+  constexpr std::chrono::microseconds kFast{8};
+  if (m_seesClock) {
+    const Clock::time_point now = Clock::now();
+    m_callsBeforeClock = now - std::exchange(m_lastClock, now) < kFast ? kCalls : 1;
+    PollIfDue(now, Clock::duration::zero());
+  }
 }
 
 // What takes a system call to look at. Registered descriptors can wait for their interval, all else for kPollInterval.
@@ -267,6 +280,12 @@ void Dispatcher::Forget() {
   m_timers.Clear();
 }
 
+void Dispatcher::Vacate() noexcept {
+  if (m_occupied.exchange(Occupied::kNo) == Occupied::kYesAndAwaited) {
+    m_occupied.notify_all();
+  }
+}
+
 void Dispatcher::End(Task last) {
   CallbackGate& gate = m_membership->Gate();
   if (gate.Dispatching()) {
@@ -274,12 +293,16 @@ void Dispatcher::End(Task last) {
     m_last = std::move(last);
     return;
   }
-  std::unique_lock lock(m_occupancyMutex);
   gate.ShutDownAwaited();
   m_wake.Notify();
-  m_vacant.wait(lock, [this] { return !m_occupied; });
-  m_occupied = true;
-  lock.unlock();
+  Occupied seen = Occupied::kNo;
+  while (!m_occupied.compare_exchange_strong(seen, Occupied::kYes)) {
+    if (seen == Occupied::kYes) {
+      m_occupied.compare_exchange_strong(seen, Occupied::kYesAndAwaited);
+    }
+    m_occupied.wait(Occupied::kYesAndAwaited);
+    seen = Occupied::kNo;
+  }
   last();
   Forget();
 }

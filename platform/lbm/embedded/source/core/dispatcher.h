@@ -6,10 +6,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 
@@ -75,11 +74,13 @@ class Dispatcher {
   std::chrono::nanoseconds SpinTime();
   bool Spin(Clock::time_point begin, Clock::time_point end);
   void NoteSpin(bool found);
+  void PollIfClockSeen();
   std::size_t PollIfDue(Clock::time_point now, Clock::duration registeredInterval);
   std::size_t Poll(int timeoutMs);
   std::size_t ParkAndPoll(int timeoutMs);
   std::size_t HandleEvents(std::span<const epoll_event> events);
   int RemainingMs(Clock::time_point deadline) const;
+  void Vacate() noexcept;
   void RunLast();
   void Forget();
 
@@ -97,15 +98,18 @@ class Dispatcher {
 
   // The dispatching thread's own:
   std::size_t m_lastDone = 0;  // by the last RunOnce that did anything
+  bool m_seesClock = true;     // this call of Process
+  int m_callsBeforeClock = 0;  // until one that waits for nothing sees it again
+  Clock::time_point m_lastClock;
   Clock::time_point m_lastPoll;
   Clock::time_point m_lastYield;
   Clock::time_point m_sleepEnd;                // of the last ParkAndPoll, before what came was handled
   std::optional<AdaptiveSpin> m_adaptiveSpin;  // while spin_time is auto
   Task m_last;                                 // set by End on the dispatching thread
 
-  std::mutex m_occupancyMutex;
-  std::condition_variable m_vacant;
-  bool m_occupied = false;  // guarded by m_occupancyMutex
+  // Whether a thread is inside Process, or, in End, has taken its place for good.
+  enum class Occupied : std::uint8_t { kNo, kYes, kYesAndAwaited };
+  std::atomic<Occupied> m_occupied{Occupied::kNo};
 };
 
 }  // namespace engine::core
