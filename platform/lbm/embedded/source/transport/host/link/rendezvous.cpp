@@ -85,12 +85,12 @@ bool MakeDirectory(int domain, const std::string& name) {
 
 }  // namespace
 
-// Those whose names begin with a dot are left out; there are none where the directory is not.
+// Those whose names begin with a dot are left out; there are none where no directory is.
 template <typename Visit>
 void Rendezvous::VisitFiles(const std::string& directory, Visit visit) const {
   zq::posix::Descriptor descriptor(
       ::openat(m_directory.Get(), directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!descriptor && errno == ENOENT) {
+  if (!descriptor && (errno == ENOENT || errno == ENOTDIR)) {
     return;
   }
   DIR* const opened = descriptor ? ::fdopendir(descriptor.Get()) : nullptr;
