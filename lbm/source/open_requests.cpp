@@ -66,9 +66,11 @@ std::shared_ptr<OpenRequest> OpenRequests::Open(Source& source, std::string data
                                                 ResponseCallback onResponse, OutcomeCallback onOutcome) {
   const auto request = std::make_shared<OpenRequest>(shared_from_this(), source, std::move(data), options,
                                                      std::move(onResponse), std::move(onOutcome));
-  request->handles.timer = std::make_unique<Timer>(m_ctx, HandleOf(m_eq), OnTimer, request.get());
+  auto timer = std::make_unique<Timer>(m_ctx, HandleOf(m_eq), OnTimer, request.get());
+  // It may be told of already: what was left of an earlier timer's event can be taken for one of this one.
   const Lock lock(m_mutex);
   m_requests.insert(request);
+  request->handles.timer = std::move(timer);
   request->hadListener = m_listeners != 0;
   ScheduleRetry(*request);
   return request;
