@@ -64,8 +64,8 @@ OpenRequest::OpenRequest(std::shared_ptr<OpenRequests> inRequests, Source& inSou
 
 std::shared_ptr<OpenRequest> OpenRequests::Open(Source& source, std::string data, const RequestOptions& options,
                                                 ResponseCallback onResponse, OutcomeCallback onOutcome) {
-  const auto request = std::make_shared<OpenRequest>(shared_from_this(), source, std::move(data), options,
-                                                     std::move(onResponse), std::move(onOutcome));
+  auto request = std::make_shared<OpenRequest>(shared_from_this(), source, std::move(data), options,
+                                               std::move(onResponse), std::move(onOutcome));
   auto timer = std::make_unique<Timer>(m_ctx, HandleOf(m_eq), OnTimer, request.get());
   // It may be told of already: what was left of an earlier timer's event can be taken for one of this one.
   const Lock lock(m_mutex);

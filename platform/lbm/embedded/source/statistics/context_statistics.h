@@ -78,7 +78,7 @@ class ContextStatistics {
   zq::statistics::Row MakeRow(const zq::statistics::Kind& kind, std::string_view object) const noexcept;
 
   const bool m_shown = false;
-  const Labels m_labels;
+  const Labels m_labels{};
   zq::statistics::Row m_row;
 };
 
