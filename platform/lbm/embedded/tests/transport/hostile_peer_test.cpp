@@ -199,6 +199,9 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
       [](RawRing& ring) {
         ring.PutHeader({0xffffffff, kRingPadding});
       },  // padding of any length
+      [](RawRing& ring) {
+        ring.PutHeader({8, kRingNothing});
+      },  // nothing, but of some length: it would keep the context from parking
   };
   for (std::size_t i = 0; i < scribbles.size(); ++i) {
     const RawPeer peer(m_address);

@@ -254,7 +254,7 @@ Rendezvous::Outcome HostTransport::LinkTo(const std::string& name, std::shared_p
     link = LinkToSelf();
     return Rendezvous::Outcome::kConnected;
   }
-  if (const auto found = m_byName.find(name); found != m_byName.end()) {
+  if (const auto found = m_byName.find(name); found != m_byName.end() && !found->second.empty()) {
     link = found->second.front()->GetLink();
     return Rendezvous::Outcome::kConnected;
   }

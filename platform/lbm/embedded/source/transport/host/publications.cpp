@@ -241,7 +241,8 @@ void PublicationRegistry::Offer(const std::shared_ptr<Link>& link, std::span<con
 void PublicationRegistry::OfferAll(const std::shared_ptr<Link>& link) {
   {
     const std::lock_guard lock(m_mutex);
-    if (std::find(m_watchersOfAll.begin(), m_watchersOfAll.end(), link) == m_watchersOfAll.end()) {
+    const auto holds = [&](const Links& links) { return std::find(links.begin(), links.end(), link) != links.end(); };
+    if (holds(m_links) && !holds(m_watchersOfAll)) {
       m_watchersOfAll.push_back(link);
     }
   }

@@ -263,14 +263,18 @@ class RingConsumer : public RingEnd<Cursor> {
     }
     while (this->Distance(m_polled, m_next) < this->Capacity()) {
       const std::size_t position = this->PositionOf(m_next);
-      const auto header = std::bit_cast<RingFrameHeader>(this->HeaderAt(position).load(std::memory_order_acquire));
+      const std::uint64_t word = this->HeaderAt(position).load(std::memory_order_acquire);
       AnnotateLook();
-      if (header.tag == kRingNothing) {
+      if (word == 0) {
         return false;
       }
+      const auto header = std::bit_cast<RingFrameHeader>(word);
       const std::uint64_t footprint = RingFrameHeader::Footprint(header.size);
       if (footprint > this->Capacity() - position) {
         throw Fault("a frame in a ring runs past the end");
+      }
+      if (header.tag == kRingNothing) {
+        throw Fault("a frame in a ring is none and has a length");
       }
       m_next = static_cast<Cursor>(m_next + footprint);
       if (header.tag != kRingPadding) {
