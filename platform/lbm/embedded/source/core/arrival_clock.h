@@ -1,9 +1,10 @@
 // When what is being delivered arrived.
 #pragma once
 
-#include <time.h>
-
+#include <ctime>
 #include <optional>
+
+#include "system/wall_clock.h"
 
 namespace engine::core {
 
@@ -16,14 +17,13 @@ class ArrivalClock {
   // CLOCK_REALTIME as of the first call since Reset.
   timespec Now() noexcept {
     if (!m_time) {
-      timespec now{};
-      ::clock_gettime(CLOCK_REALTIME, &now);
-      m_time = now;
+      m_time = m_clock.Now();
     }
     return *m_time;
   }
 
  private:
+  WallClock m_clock;
   std::optional<timespec> m_time;
 };
 

@@ -1,5 +1,7 @@
-// Hints to the processor.
+// Hints to the processor, and its counter.
 #pragma once
+
+#include <cstdint>
 
 namespace engine {
 
@@ -17,6 +19,15 @@ inline void PrefetchForWrite(void* line) noexcept {
   asm volatile("prefetchw %0" : : "m"(*static_cast<const char*>(line)));
 #else
   __builtin_prefetch(line, 1);
+#endif
+}
+
+// The time-stamp counter, in no order with what stands around it; 0 where there is none.
+inline std::uint64_t ReadTicks() noexcept {
+#if defined(__x86_64__)
+  return __builtin_ia32_rdtsc();
+#else
+  return 0;
 #endif
 }
 
