@@ -33,6 +33,12 @@ TEST(PollBackoff, IsSuspendedWhereItIsOfNoUse) {
   PollsUntilDue(backoff, 1);
   backoff.NotePoll(1);
   EXPECT_EQ(PollsUntilDue(backoff, 1), PollBackoff::kPollsSuspended + PollBackoff::kPollsInARow);
+  backoff.NotePoll(1);
+  EXPECT_EQ(PollsUntilDue(backoff, 1), 2 * PollBackoff::kPollsSuspended + PollBackoff::kPollsInARow) << "once more";
+  backoff.NotePoll(2);
+  backoff.NotePoll(1);
+  EXPECT_EQ(PollsUntilDue(backoff, 1), PollBackoff::kPollsSuspended + PollBackoff::kPollsInARow)
+      << "although the last pause but one was of use";
 }
 
 }  // namespace
