@@ -52,10 +52,6 @@ void Message::Clear() noexcept {
       m_response.reset();
     }
   }
-  if (m_capacity > MessagePool::kLargestKeptBuffer) {
-    m_buffer.reset();
-    m_capacity = 0;
-  }
   // Whoever takes it next sets all else.
   data = nullptr;
   len = 0;
@@ -64,17 +60,44 @@ void Message::Clear() noexcept {
   channel_info = nullptr;
 }
 
-MessageRef MessagePool::Acquire() {
-  if (m_free == nullptr) {
-    const std::lock_guard lock(m_mutex);
-    m_free = std::exchange(m_returned, nullptr);
+bool MessagePool::FreeList::Push(Message& message) noexcept {
+  if (m_bytes + message.Footprint() > kBytesMax) {
+    return false;
   }
-  Message* message = m_free;
+  m_bytes += message.Footprint();
+  message.m_next = std::exchange(m_first, &message);
+  return true;
+}
+
+Message* MessagePool::FreeList::Pop() noexcept {
+  Message* const message = m_first;
+  if (message != nullptr) {
+    m_first = std::exchange(message->m_next, nullptr);
+    m_bytes -= message->Footprint();
+  }
+  return message;
+}
+
+std::size_t MessagePool::FreeList::Clear() noexcept {
+  std::size_t deleted = 0;
+  while (Message* const message = Pop()) {
+    delete message;
+    ++deleted;
+  }
+  return deleted;
+}
+
+MessageRef MessagePool::Acquire() {
+  Message* message = m_free.Pop();
+  if (message == nullptr) {
+    const std::lock_guard lock(m_mutex);
+    m_free = std::exchange(m_returned, {});
+    m_living -= std::exchange(m_deleted, 0);
+    message = m_free.Pop();
+  }
   if (message == nullptr) {
     message = new Message(*this);
-    ++m_made;
-  } else {
-    m_free = std::exchange(message->m_next, nullptr);
+    ++m_living;
   }
   message->m_references.store(1, std::memory_order_relaxed);
   return MessageRef(message);
@@ -85,24 +108,29 @@ void MessagePool::Recycle(MessageRef reference) noexcept {
   if (reference->m_references.load(std::memory_order_acquire) != 1) {
     return;
   }
-  Message* message = reference.Detach();
+  Message* const message = reference.Detach();
   message->Clear();
-  message->m_next = m_free;
-  m_free = message;
+  if (!m_free.Push(*message)) {
+    delete message;
+    --m_living;
+  }
 }
 
 void MessagePool::PutBack(Message& message) noexcept {
   message.Clear();
+  bool kept = false;
   bool last = false;
   {
     const std::lock_guard lock(m_mutex);
     if (m_abandoned) {
-      delete &message;
       last = --m_out == 0;
     } else {
-      message.m_next = m_returned;
-      m_returned = &message;
+      kept = m_returned.Push(message);
+      m_deleted += kept ? 0 : 1;
     }
+  }
+  if (!kept) {
+    delete &message;
   }
   if (last) {
     delete this;
@@ -113,22 +141,13 @@ void MessagePool::Abandon() noexcept {
   bool empty = false;
   {
     const std::lock_guard lock(m_mutex);
-    m_out = m_made - Destroy(m_free) - Destroy(m_returned);
+    m_out = m_living - m_deleted - m_free.Clear() - m_returned.Clear();
     m_abandoned = true;
     empty = m_out == 0;
   }
   if (empty) {
     delete this;
   }
-}
-
-std::size_t MessagePool::Destroy(Message* list) noexcept {
-  std::size_t count = 0;
-  while (list != nullptr) {
-    delete std::exchange(list, list->m_next);
-    ++count;
-  }
-  return count;
 }
 
 }  // namespace engine::core

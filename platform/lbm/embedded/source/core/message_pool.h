@@ -41,6 +41,7 @@ class Message : public lbm_msg_t_stct {
   ~Message() { Clear(); }
 
   void Clear() noexcept;
+  std::size_t Footprint() const noexcept { return sizeof(Message) + m_capacity; }
 
   MessagePool& m_pool;
   std::atomic<std::uint32_t> m_references{0};
@@ -86,8 +87,8 @@ class MessageRef {
   Message* m_message = nullptr;
 };
 
-// Hands out messages and takes them back for the next use, so that steady traffic allocates nothing. A pool whose owner
-// goes while messages are out stays until the last of them comes back.
+// Hands out messages and takes them back for the next use, so that steady traffic allocates nothing. Of a burst it keeps
+// a few megabytes only. A pool whose owner goes while messages are out stays until the last of them comes back.
 class MessagePool {
  public:
   struct Abandon {
@@ -107,23 +108,35 @@ class MessagePool {
  private:
   friend class Message;
 
-  // Larger buffers are not kept for the next use.
-  static constexpr std::size_t kLargestKeptBuffer = std::size_t{1} << 20;
+  // Messages that nobody holds.
+  class FreeList {
+   public:
+    // Takes over the message, which is blank, unless enough are kept already.
+    bool Push(Message& message) noexcept;
+    Message* Pop() noexcept;       // null when there is none
+    std::size_t Clear() noexcept;  // returns how many there were
+
+   private:
+    static constexpr std::size_t kBytesMax = std::size_t{4} << 20;
+
+    Message* m_first = nullptr;
+    std::size_t m_bytes = 0;
+  };
 
   MessagePool() = default;
   ~MessagePool() = default;
 
   void Abandon() noexcept;
   void PutBack(Message& message) noexcept;  // threads: any
-  static std::size_t Destroy(Message* list) noexcept;
 
   // The dispatcher's own:
-  Message* m_free = nullptr;
-  std::size_t m_made = 0;
+  FreeList m_free;
+  std::size_t m_living = 0;  // messages, those of m_deleted included
 
   std::mutex m_mutex;
   // Guarded by m_mutex:
-  Message* m_returned = nullptr;
+  FreeList m_returned;
+  std::size_t m_deleted = 0;
   bool m_abandoned = false;
   std::size_t m_out = 0;  // messages still held by somebody, once abandoned
 };

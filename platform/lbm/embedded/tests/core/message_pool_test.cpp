@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -30,6 +33,28 @@ TEST(MessagePool, UsesAMessageAgainOnceNobodyHoldsIt) {
   pool->Recycle(std::move(message));
   EXPECT_NE(kept.Get(), pool->Acquire().Get());
   EXPECT_EQ("other", std::string_view(kept->data, kept->len));
+}
+
+TEST(MessagePool, KeepsAFewMegabytesOfABurst) {
+  const std::string payload(std::size_t{1} << 20, 'x');
+  for (const bool dispatcherIsLast : {true, false}) {
+    const MessagePool::Owner pool = MessagePool::Create();
+    const std::size_t before = mallinfo2().hblkhd + mallinfo2().uordblks;
+    std::vector<MessageRef> burst(64);
+    for (MessageRef& message : burst) {
+      message = pool->Acquire();
+      message->SetPayload(Bytes(payload));
+    }
+    for (MessageRef& message : burst) {
+      if (dispatcherIsLast) {
+        pool->Recycle(std::move(message));
+      } else {
+        std::thread([held = std::move(message)] {}).join();
+      }
+    }
+    EXPECT_LT(mallinfo2().hblkhd + mallinfo2().uordblks, before + 8 * payload.size());
+    EXPECT_TRUE(pool->Acquire());
+  }
 }
 
 TEST(MessagePool, StaysUntilItsLastMessageComesBack) {
