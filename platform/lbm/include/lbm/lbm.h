@@ -12,10 +12,12 @@
  *             objects are for one thread at a time.
  *   Deletion: after lbm_rcv_delete, lbm_src_delete, lbm_cancel_fd and lbm_context_delete return, no callback of that
  *             object, nor of a context's children, runs or will run, event queues included. Called from inside the
- *             object's own callback they return at once and take effect when that callback returns.
+ *             object's own callback they return at once and take effect when that callback returns. Two callbacks on
+ *             two threads must not delete each other's objects: each would wait for the other's end.
  *   Waiting:  a send without room waits for it, unless flags has LBM_SRC_NONBLOCK or the caller is the thread that
- *             processes the context's events. In a callback of an event queue the wait ends once another thread deletes
- *             what the callback belongs to, or its context. A send that does not wait fails with LBM_EWOULDBLOCK.
+ *             processes the context's events, or those of a context that receives from the source. In a callback of
+ *             another thread the wait ends once somebody deletes what the callback belongs to, or its context. A send
+ *             that does not wait fails with LBM_EWOULDBLOCK.
  *   Fork:     a child process must not use or delete its parent's objects.
  *   Strings:  arguments are copied. Strings handed to a callback live as long as the call, those of a message as long
  *             as the message.

@@ -19,8 +19,10 @@ CallbackGate::Scope::~Scope() {
   t_innermost = m_outer;
 }
 
+const CallbackGate::Scope* CallbackGate::Innermost() noexcept { return t_innermost; }
+
 bool CallbackGate::CallbackAwaited() noexcept {
-  for (const Scope* scope = t_innermost; scope != nullptr; scope = scope->m_outer) {
+  for (const Scope* scope = Innermost(); scope != nullptr; scope = scope->m_outer) {
     const Callee* const running = scope->m_gate.m_running.load();
     if (running != nullptr && (running->m_awaited.load() || scope->m_gate.m_awaited.load())) {
       return true;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 namespace engine::core {
@@ -42,6 +43,10 @@ class Callee {
 // either the callback does not begin or the deleter waits for its end.
 class CallbackGate {
  public:
+  // identity: of the context that dispatches here, see transport::Transport::Identity; kept by the caller. Empty for an
+  // event queue.
+  explicit CallbackGate(std::string_view identity = {}) noexcept : m_identity(identity) {}
+
   // The calling thread dispatches here from now on, until the Scope ends. Scopes of several gates nest: a callback may
   // dispatch an event queue.
   class Scope {
@@ -96,10 +101,23 @@ class CallbackGate {
   // itself: a peer that is stopped must not hold up the deletion.
   static bool CallbackAwaited() noexcept;
 
+  // Whether the predicate holds for the identity of a context that dispatches on the calling thread.
+  template <class Predicate>
+  static bool AnyDispatchingHere(Predicate predicate) {
+    for (const Scope* scope = Innermost(); scope != nullptr; scope = scope->m_outer) {
+      if (!scope->m_gate.m_identity.empty() && predicate(scope->m_gate.m_identity)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
  private:
+  static const Scope* Innermost() noexcept;
   void WaitFor(Callee& callee) noexcept;
   void WakeWaiters() noexcept;
 
+  const std::string_view m_identity;
   std::atomic<const Callee*> m_running{nullptr};
   std::atomic<std::thread::id> m_thread{};
   std::atomic<int> m_waiters{0};

@@ -20,7 +20,7 @@ namespace engine::core {
 class Membership {
  public:
   Membership(std::unique_ptr<transport::Transport> transport, std::shared_ptr<ContextStatistics> statistics) noexcept
-      : m_statistics(std::move(statistics)), m_transport(std::move(transport)) {}
+      : m_statistics(std::move(statistics)), m_transport(std::move(transport)), m_gate(m_transport->Identity()) {}
 
   transport::Transport& GetTransport() noexcept { return *m_transport; }
   CallbackGate& Gate() noexcept { return m_gate; }
@@ -31,17 +31,21 @@ class Membership {
   void CheckNotEnded() const;
 
   // As the transport's operations of these names; kClosed as soon as the membership has ended. wait: whether the send
-  // may wait for space. On the context's dispatching thread, which is the one that makes space, no send waits; and no
-  // send waits on inside a callback for whose return somebody waits.
+  // may wait for space. No send waits on a thread that makes space: the context's dispatching one, and that of a
+  // subscriber. And no send waits on inside a callback for whose return somebody waits.
   transport::SendResult Publish(transport::Publication& publication, const transport::OutboundMessage& message,
                                 bool wait) {
-    return Ended() ? transport::SendResult::kClosed : m_transport->Publish(publication, message, WaitIf(wait));
+    return Ended() ? transport::SendResult::kClosed : m_transport->Publish(publication, message, WaitIf(wait && !DispatchesSubscriber(publication)));
   }
   transport::SendResult Respond(transport::ReplyPath& path, std::span<const iovec> pieces, bool wait) {
     return Ended() ? transport::SendResult::kClosed : m_transport->Respond(path, pieces, WaitIf(wait));
   }
 
  private:
+  bool DispatchesSubscriber(const transport::Publication& publication) {
+    return CallbackGate::AnyDispatchingHere(
+        [&](std::string_view identity) { return m_transport->HasSubscriber(publication, identity); });
+  }
   transport::SendWait WaitIf(bool wait) const noexcept {
     return {wait && !m_gate.Dispatching(), &CallbackGate::CallbackAwaited};
   }

@@ -22,6 +22,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "statistics/context_statistics.h"
@@ -179,6 +180,9 @@ class Transport {
   // the calls, from 0. With Pacing::kReceiver, as long as a subscriber has no space nothing is sent to anybody; with
   // Pacing::kSource it never waits.
   virtual SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) = 0;
+
+  // Whether the context of that identity is subscribed.
+  virtual bool HasSubscriber(const Publication& publication, std::string_view identity) = 0;
 
   // Answers a request.
   virtual SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) = 0;

@@ -148,6 +148,25 @@ TEST_F(Delivery, EachSourceThatComesAndGoesIsNotifiedOnce) {
   EXPECT_THAT(notified, ElementsAre("create", "delete", "create", "delete")) << "the last when the context was deleted";
 }
 
+// The room that is waited for is made by the thread that waits.
+TEST_F(Delivery, ASendInACallbackOfItsSubscribersContextDoesNotWait) {
+  const Driven sending;
+  const Driven receiving;
+  const Sender source(sending, "LOOP", {{"transport_pacing", "receiver"}});
+  Recorder recorder(receiving, "LOOP");
+  source.AwaitSubscriber({sending, receiving});
+  const std::string message(60'000, 'x');
+  int error = 0;
+  recorder.onEvent = [&](lbm_msg_t&) {
+    while (error == 0) {
+      error = ErrorOf(source.Send(message));
+    }
+  };
+  EXPECT_EQ(0, source.Send("first"));
+  PumpUntil({sending, receiving}, "the refusal", [&] { return error != 0; });
+  EXPECT_EQ(LBM_EWOULDBLOCK, error);
+}
+
 TEST_F(Delivery, GoesOnWhileEndpointsComeAndGoOnManyThreads) {
   const Driven context({});
   std::atomic<bool> stop{false};

@@ -31,6 +31,7 @@ class ScriptedTransport : public transport::Transport {
                                 const transport::SendWait&) override {
     return transport::SendResult::kSent;
   }
+  bool HasSubscriber(const transport::Publication&, std::string_view) override { return false; }
   transport::SendResult Respond(transport::ReplyPath&, std::span<const iovec>, const transport::SendWait&) override {
     return transport::SendResult::kSent;
   }

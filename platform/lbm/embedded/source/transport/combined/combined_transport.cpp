@@ -102,6 +102,9 @@ class CombinedTransport final : public Transport {
   void Subscribe(RemoteSource& source) override { CarrierOf(source).Subscribe(source); }
   void Unsubscribe(RemoteSource& source) override { CarrierOf(source).Unsubscribe(source); }
   SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override;
+  bool HasSubscriber(const Publication& publication, std::string_view identity) override {
+    return m_near->HasSubscriber(static_cast<const CombinedPublication&>(publication).Near(), identity);
+  }
   SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) override {
     return CarrierOf(path).Respond(path, pieces, wait);
   }

@@ -71,6 +71,9 @@ class HostTransport final : public Transport {
   SendResult Publish(Publication& publication, const OutboundMessage& message, const SendWait& wait) override {
     return static_cast<HostPublication&>(publication).Publish(message, m_draining.Allowed(wait), m_closed);
   }
+  bool HasSubscriber(const Publication& publication, std::string_view identity) override {
+    return static_cast<const HostPublication&>(publication).HasSubscriber(identity);
+  }
   SendResult Respond(ReplyPath& path, std::span<const iovec> pieces, const SendWait& wait) override {
     return static_cast<HostReplyPath&>(path).Respond(pieces, m_draining.Allowed(wait), m_closed);
   }

@@ -112,9 +112,11 @@ void Peer::End(Listener& listener) {
 void Peer::OpenRing(Listener& listener) {
   RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
   m_link->SendRing(std::move(created.memory));
+  const std::string label = Label();
   m_subscriber =
       std::make_shared<Subscriber>(m_link, std::move(created.ring), *std::exchange(m_parkingWord, std::nullopt),
-                                   m_surroundings.publications.GetSampler(), m_surroundings.statistics, Label());
+                                   m_surroundings.publications.GetSampler(), m_surroundings.statistics,
+                                   Subscriber::Peer{.identity = m_identity, .label = label});
   m_surroundings.publications.AddSubscriber(m_subscriber);
   for (const auto& [source, token] : std::exchange(m_unanswered, {})) {
     Answer(source, token, listener);

@@ -85,6 +85,12 @@ std::shared_ptr<Subscriber> HostPublication::FindFull(std::size_t bytes) const {
   return found == m_subscribers.end() ? nullptr : *found;
 }
 
+bool HostPublication::HasSubscriber(std::string_view identity) const {
+  const std::lock_guard lock(m_mutex);
+  return std::any_of(m_subscribers.begin(), m_subscribers.end(),
+                     [&](const auto& subscriber) { return subscriber->Identity() == identity; });
+}
+
 bool HostPublication::AddSubscriber(const std::shared_ptr<Subscriber>& subscriber, std::uint32_t token) {
   const std::lock_guard lock(m_mutex);
   if (m_withdrawn) {

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
@@ -40,6 +41,9 @@ class HostPublication final : public Publication {
   // Sends to the subscribers. Without space at one of them and with Pacing::kReceiver, waits as wait allows until there
   // is space or closed is true; when it may not, requests credit and gives kWouldBlock.
   SendResult Publish(const OutboundMessage& message, const SendWait& wait, const std::atomic<bool>& closed);
+
+  // See Transport::HasSubscriber.
+  bool HasSubscriber(std::string_view identity) const;
 
   // From now on messages go to the peer, whose subscription is answered. False when the publication is withdrawn.
   bool AddSubscriber(const std::shared_ptr<Subscriber>& subscriber, std::uint32_t token);

@@ -36,15 +36,16 @@ std::byte* Append(std::byte* to, const T& value) {
 }  // namespace
 
 Subscriber::Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord, Sampler& sampler,
-                       std::shared_ptr<ContextStatistics> statistics, std::string_view peer)
+                       std::shared_ptr<ContextStatistics> statistics, Peer peer)
     : m_link(std::move(link)),
+      m_identity(std::move(peer.identity)),
       m_memory(std::move(memory)),
       m_ring(m_memory.Control(), m_memory.Bytes()),
       m_parkingWord(std::move(parkingWord)),
       m_contentMax(m_ring.Capacity() / 8 - sizeof(RingFrameHeader)),
       m_sampler(sampler),
       m_contextStatistics(std::move(statistics)),
-      m_statistics(m_contextStatistics->PeerRow(peer)),
+      m_statistics(m_contextStatistics->PeerRow(peer.label)),
       m_counters(m_statistics.Serial()) {
   m_statistics.Set(peer_field::kRingBytes, static_cast<std::int64_t>(m_ring.Capacity()));
 }

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -33,11 +34,17 @@ namespace engine::transport::host {
 
 class Subscriber {
  public:
-  // peer: the label of its statistics.
+  // Whose end it is: Transport::Identity, and the label of its statistics.
+  struct Peer {
+    std::string identity;
+    std::string_view label;
+  };
+
   Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord, Sampler& sampler,
-             std::shared_ptr<ContextStatistics> statistics, std::string_view peer);
+             std::shared_ptr<ContextStatistics> statistics, Peer peer);
 
   const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
+  const std::string& Identity() const noexcept { return m_identity; }
 
   // Whether a message of so many bytes would be taken. Also true when the peer is gone and nothing is sent to it.
   bool HasSpace(std::size_t bytes);
@@ -104,6 +111,7 @@ class Subscriber {
   void GiveUp(std::string_view reason);
 
   const std::shared_ptr<Link> m_link;
+  const std::string m_identity;  // of the peer
   const RingMemory m_memory;
   RingProducer<RingCursor> m_ring;
   PeerParkingWord m_parkingWord;

@@ -40,6 +40,9 @@ class NatsTransport final : public FarTransport {
     return m_keeper->publications.Publish(static_cast<NatsPublication&>(publication), message, m_draining.Allowed(wait),
                                           [this] { m_keeper->intake.Read(); });
   }
+  bool HasSubscriber(const Publication& publication, std::string_view identity) override {
+    return m_keeper->publications.HasSubscriber(static_cast<const NatsPublication&>(publication), identity);
+  }
   bool HasSubscribers(const Publication& publication) const noexcept override {
     return static_cast<const NatsPublication&>(publication).wanted.load(std::memory_order_relaxed);
   }

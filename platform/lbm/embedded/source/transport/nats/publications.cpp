@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "transport/gather.h"
+#include "transport/instance.h"
 
 namespace engine::transport::nats {
 
@@ -165,6 +166,12 @@ bool PublicationTable::HasRoom(NatsPublication& publication, const OutboundMessa
   publication.blocked = true;
   m_someBlocked = true;
   return false;
+}
+
+bool PublicationTable::HasSubscriber(const NatsPublication& publication, std::string_view identity) {
+  const Outbox::Lock lock = m_outbox.Acquire();
+  return std::any_of(publication.subscribers.begin(), publication.subscribers.end(),
+                     [&](const auto& subscriber) { return identity.ends_with(InstanceText(subscriber.first)); });
 }
 
 void PublicationTable::PublishRegardless(NatsPublication& publication, const OutboundMessage& message) {

@@ -85,7 +85,8 @@ class PublicationTable {
     return PublishPatiently(publication, message, wait, size, std::move(lock), read);
   }
 
-  // See FarTransport.
+  // See Transport and FarTransport.
+  bool HasSubscriber(const NatsPublication& publication, std::string_view identity);
   bool HasRoom(NatsPublication& publication, const OutboundMessage& message);
   void PublishRegardless(NatsPublication& publication, const OutboundMessage& message);
 
