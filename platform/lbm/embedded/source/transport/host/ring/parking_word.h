@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "system/asymmetric_fence.h"
+#include "system/atomic.h"
 #include "system/tuning.h"
 #include "transport/host/ring/shared_memory.h"
 #include "zq/posix/descriptor.h"
@@ -28,7 +29,7 @@ using ParkingState = std::uint64_t;
 inline constexpr ParkingState kParked = 1;
 inline constexpr ParkingState kBusy = 2;
 inline constexpr ParkingState kNextEpoch = 4;
-static_assert(std::atomic<ParkingState>::is_always_lock_free);  // who can only read could not take a lock
+static_assert(Atomic<ParkingState>::is_always_lock_free);  // who can only read could not take a lock
 
 // A context's own word. Threads: GetDescriptor on any; all else for the thread that processes the context's events.
 class ParkingWord {
@@ -52,7 +53,7 @@ class ParkingWord {
 
  private:
   void Store(ParkingState state, std::memory_order order) noexcept {
-    static_cast<std::atomic<ParkingState>*>(m_mapping.Address())->store(state, order);
+    static_cast<Atomic<ParkingState>*>(m_mapping.Address())->store(state, order);
   }
 
   zq::posix::Descriptor m_memory;
@@ -86,7 +87,7 @@ class PeerParkingWord {
 
  private:
   ParkingState Load(std::memory_order order) const noexcept {
-    return static_cast<const std::atomic<ParkingState>*>(m_mapping.Address())->load(order);
+    return static_cast<const Atomic<ParkingState>*>(m_mapping.Address())->load(order);
   }
 
   Mapping m_mapping;

@@ -13,10 +13,9 @@
 //    Likewise the consumer stores the head after it has read a frame, and the producer loads the head before it writes
 //    there again; it works on a cached copy, and loads the head only when the copy says that nothing is left.
 // 2. Parking. A consumer that is about to park stores that in its parking word and then loads the next header; a
-// producer
-//    stores the header and then loads the parking word. All four accesses are sequentially consistent, so they have one
-//    total order: if the producer's load came before the consumer's store, so did its store of the header, and the
-//    consumer sees the frame. Either the consumer does not park or the producer rings its doorbell. A busy consumer
+//    producer stores the header and then loads the parking word. All four accesses are sequentially consistent, so they
+//    have one total order: if the producer's load came before the consumer's store, so did its store of the header, and
+//    the consumer sees the frame. Either the consumer does not park or the producer rings its doorbell. A busy consumer
 //    spares its producers the sequentially consistent store; see parking_word.h.
 // 3. Credit. A producer without space stores a credit request and then loads the head; the consumer stores the head and
 //    then loads the request. Again all four are sequentially consistent: either the producer sees the space or the
@@ -46,6 +45,7 @@
 #include <span>
 #include <utility>
 
+#include "system/atomic.h"
 #include "system/processor.h"
 #include "system/tuning.h"
 #include "transport/fault.h"
@@ -59,12 +59,12 @@ struct RingControl {
   static constexpr std::size_t kApart = 128;
 
   // Stored by the producer:
-  alignas(kApart) std::atomic<std::uint32_t> creditRequests;  // counts the producer's requests
+  alignas(kApart) Atomic<std::uint32_t> creditRequests;  // counts the producer's requests
   // Stored by the consumer:
-  alignas(kApart) std::atomic<Cursor> head;
-  alignas(kApart) std::atomic<std::uint32_t> creditGranted;  // the last request granted; a blocked producer waits on it
+  alignas(kApart) Atomic<Cursor> head;
+  alignas(kApart) Atomic<std::uint32_t> creditGranted;  // the last request granted; a blocked producer waits on it
 
-  static_assert(std::atomic<Cursor>::is_always_lock_free && std::atomic<std::uint32_t>::is_always_lock_free);
+  static_assert(Atomic<Cursor>::is_always_lock_free && Atomic<std::uint32_t>::is_always_lock_free);
 };
 
 // The thread sanitizer takes the two mappings of a ring for different memory. These show it that what a thread did
@@ -98,7 +98,7 @@ class RingEnd {
   std::size_t Capacity() const noexcept { return m_bytes.size(); }
 
  protected:
-  using Word = std::atomic<std::uint64_t>;  // a header in the ring
+  using Word = Atomic<std::uint64_t>;  // a header in the ring
   static_assert(sizeof(RingFrameHeader) == sizeof(Word) && Word::is_always_lock_free);
 
   // bytes: a power of two of them, at least 64, fewer than a Cursor counts; aligned to eight, all zero at first.
@@ -306,7 +306,7 @@ class RingConsumer : public RingEnd<Cursor> {
   }
 
   // Grants what was requested. Returns the word on which a blocked producer waits.
-  std::atomic<std::uint32_t>& GrantCredit() noexcept {
+  Atomic<std::uint32_t>& GrantCredit() noexcept {
     m_creditRequested = false;
     m_creditGranted = this->Control().creditRequests.load(std::memory_order_seq_cst);
     this->Control().creditGranted.store(m_creditGranted, std::memory_order_release);
