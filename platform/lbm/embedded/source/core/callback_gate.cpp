@@ -33,15 +33,11 @@ bool CallbackGate::CallbackAwaited() noexcept {
 
 void CallbackGate::WaitFor(Callee& callee) noexcept {
   callee.m_awaited.store(true);
-  std::unique_lock lock(m_mutex);
-  ++m_waiters;
-  m_idle.wait(lock, [&] { return m_running.load() != &callee; });
-  --m_waiters;
-}
-
-void CallbackGate::WakeWaiters() noexcept {
-  const std::lock_guard lock(m_mutex);
-  m_idle.notify_all();
+  m_waiters.fetch_add(1);
+  while (m_running.load() == &callee) {
+    m_running.wait(&callee);
+  }
+  m_waiters.fetch_sub(1);
 }
 
 }  // namespace engine::core

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <string_view>
 #include <thread>
+
+#include "system/atomic.h"
 
 namespace engine::core {
 
@@ -31,8 +31,8 @@ class Callee {
  private:
   friend class CallbackGate;
 
-  std::atomic<bool> m_closed{false};
-  std::atomic<bool> m_awaited{false};  // somebody waits for a running callback to return
+  Atomic<bool> m_closed{false};
+  Atomic<bool> m_awaited{false};  // somebody waits for a running callback to return
 };
 
 // Runs the callbacks of one dispatching place (a context or an event queue), one at a time, and lets a deleting thread
@@ -40,7 +40,8 @@ class Callee {
 //
 // Call announces the callee before it looks whether it is closed, and a deleter closes the callee before it looks
 // whether it is announced. All four accesses are sequentially consistent, so at least one of the two sees the other:
-// either the callback does not begin or the deleter waits for its end.
+// either the callback does not begin or the deleter waits for its end. In the same way a call that ends withdraws its
+// announcement before it looks for waiters, and who waits says so before it looks for the announcement.
 class CallbackGate {
  public:
   // identity: of the context that dispatches here, see transport::Transport::Identity; kept by the caller. Empty for an
@@ -72,7 +73,7 @@ class CallbackGate {
     }
     m_running.store(nullptr);
     if (m_waiters.load() != 0) {
-      WakeWaiters();
+      m_running.notify_all();
     }
   }
 
@@ -115,16 +116,13 @@ class CallbackGate {
  private:
   static const Scope* Innermost() noexcept;
   void WaitFor(Callee& callee) noexcept;
-  void WakeWaiters() noexcept;
 
   const std::string_view m_identity;
-  std::atomic<const Callee*> m_running{nullptr};
+  Atomic<const Callee*> m_running{nullptr};
   std::atomic<std::thread::id> m_thread{};
-  std::atomic<int> m_waiters{0};
-  std::atomic<bool> m_shut{false};
-  std::atomic<bool> m_awaited{false};
-  std::mutex m_mutex;  // with m_idle only
-  std::condition_variable m_idle;
+  Atomic<int> m_waiters{0};
+  Atomic<bool> m_shut{false};
+  Atomic<bool> m_awaited{false};
 };
 
 }  // namespace engine::core

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -141,6 +142,7 @@ class Actor {
   // Null on all other threads.
   static Actor* Self() noexcept { return t_self; }
 
+  bool CanGoOn() const noexcept { return !m_ended && m_awaited == nullptr; }
   bool Ended() const noexcept { return m_ended; }
   void Turn() {
     m_turn.release();
@@ -152,6 +154,17 @@ class Actor {
     stores.NoteAccess();
   }
 
+  // At its next turn somebody has notified.
+  void AwaitNotice(const void* address) {
+    m_awaited = address;
+    AwaitTurn();
+  }
+  void Notice(const void* address) {
+    if (m_awaited == address) {
+      m_awaited = nullptr;
+    }
+  }
+
   StoreBuffer stores;
 
  private:
@@ -160,6 +173,7 @@ class Actor {
   std::binary_semaphore m_turn{0};
   std::binary_semaphore m_atAccess{0};
   bool m_ended = false;
+  const void* m_awaited = nullptr;
   std::jthread m_thread;
 };
 
@@ -174,7 +188,7 @@ bool Step() {
   constexpr std::size_t kRun = ~std::size_t{0};
   std::vector<Option> options;
   for (const auto& actor : g_actors) {
-    if (!actor->Ended()) {
+    if (actor->CanGoOn()) {
       options.push_back({actor.get(), kRun});
     }
     for (const std::size_t place : actor->stores.Next()) {
@@ -222,6 +236,33 @@ void Store(void* address, std::size_t size, std::uint64_t value, std::memory_ord
   }
 }
 
+std::uint64_t Add(void* address, std::size_t size, std::uint64_t value) {
+  if (Actor* const self = Actor::Self()) {
+    self->AwaitTurn();
+    self->stores.Empty();
+  }
+  std::uint64_t before = 0;
+  std::memcpy(&before, address, size);
+  const std::uint64_t after = before + value;
+  std::memcpy(address, &after, size);
+  return before;
+}
+
+void AwaitChange(const void* address, std::size_t size, std::uint64_t from) {
+  while (Load(address, size) == from) {
+    Actor::Self()->AwaitNotice(address);
+  }
+}
+
+void Notify(const void* address) {
+  if (Actor* const self = Actor::Self()) {
+    self->AwaitTurn();
+    for (const auto& actor : g_actors) {
+      actor->Notice(address);
+    }
+  }
+}
+
 void FenceEverybody() {
   if (Actor* const self = Actor::Self()) {
     self->AwaitTurn();
@@ -245,9 +286,14 @@ std::size_t TryAllExecutions(const Scenario& scenario) {
     }
     while (Step()) {
     }
-    g_actors.clear();
-    scenario.verify();
     ++executions;
+    if (std::all_of(g_actors.begin(), g_actors.end(), [](const auto& actor) { return actor->Ended(); })) {
+      scenario.verify();
+    } else {
+      ADD_FAILURE() << "a thread waits for ever";
+      std::abort();  // it cannot be joined
+    }
+    g_actors.clear();
   } while (!testing::Test::HasFailure() && g_choices.Advance());
   return executions;
 }

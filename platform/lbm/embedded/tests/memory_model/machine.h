@@ -11,10 +11,11 @@
 #pragma once
 
 #include <atomic>
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <type_traits>
 #include <vector>
 
 namespace engine::model {
@@ -28,32 +29,53 @@ struct Scenario {
   std::function<void()> verify;
 };
 
-// Tries all executions, until one of them fails the test. Returns how many there were.
+// Tries all executions, until one of them fails the test. Returns how many there were. Ends the process when the threads
+// of one wait for ever.
 std::size_t TryAllExecutions(const Scenario& scenario);
 
 // For Atomic and the fences. Outside of an execution's threads they act at once.
 std::uint64_t Load(const void* address, std::size_t size);
 void Store(void* address, std::size_t size, std::uint64_t value, std::memory_order order);
+std::uint64_t Add(void* address, std::size_t size, std::uint64_t value);
 void FenceEverybody();
+void AwaitChange(const void* address, std::size_t size, std::uint64_t from);
+void Notify(const void* address);
 
 }  // namespace engine::model
 
 namespace engine {
 
-template <std::unsigned_integral T>
+template <typename T>
+  requires std::is_trivially_copyable_v<T> && (sizeof(T) <= sizeof(std::uint64_t))
 class Atomic {
  public:
   static constexpr bool is_always_lock_free = true;
 
-  T load(std::memory_order = std::memory_order_seq_cst) const noexcept {
-    return static_cast<T>(model::Load(&m_value, sizeof(T)));
-  }
+  Atomic() noexcept = default;
+  explicit Atomic(T value) noexcept : m_value(value) {}
+
+  T load(std::memory_order = std::memory_order_seq_cst) const noexcept { return Back(model::Load(&m_value, sizeof(T))); }
   void store(T value, std::memory_order order = std::memory_order_seq_cst) noexcept {
-    model::Store(&m_value, sizeof(T), value, order);
+    model::Store(&m_value, sizeof(T), Bits(value), order);
   }
+  T fetch_add(T value) noexcept { return Back(model::Add(&m_value, sizeof(T), Bits(value))); }
+  T fetch_sub(T value) noexcept { return Back(model::Add(&m_value, sizeof(T), -Bits(value))); }
+  void wait(T from) const noexcept { model::AwaitChange(&m_value, sizeof(T), Bits(from)); }
+  void notify_all() noexcept { model::Notify(&m_value); }
 
  private:
-  T m_value;
+  static std::uint64_t Bits(T value) noexcept {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof(T));
+    return bits;
+  }
+  static T Back(std::uint64_t bits) noexcept {
+    T value;
+    std::memcpy(&value, &bits, sizeof(T));
+    return value;
+  }
+
+  T m_value{};
 };
 
 }  // namespace engine
