@@ -34,18 +34,19 @@ int lbm_context_create(lbm_context_t** ctx, const lbm_context_attr_t* attr, lbm_
   return Guarded(__func__, [&] {
     Required(ctx, "ctx");
     OptionSet options = engine::api::CreationOptions(attr);
-    auto handle = std::make_unique<lbm_context_t>();
+    const auto handle = std::make_shared<lbm_context_t>();
     const auto statistics = StatisticsFor(options, handle.get());
     auto transport = engine::api::JoinDomain(options, statistics);
     handle->context = engine::core::Context::Create(std::move(options), std::move(transport), statistics, handle.get());
-    *ctx = handle.release();
+    handle->self = handle;
+    *ctx = handle.get();
     return 0;
   });
 }
 
 int lbm_context_delete(lbm_context_t* ctx) {
   return Guarded(__func__, [&] {
-    const std::shared_ptr<lbm_context_t> handle(&Required(ctx, "ctx"));
+    const auto handle = std::move(Required(ctx, "ctx").self);
     handle->context->Remove(handle);
     return 0;
   });

@@ -10,6 +10,7 @@
 
 struct lbm_context_t_stct {
   std::shared_ptr<engine::core::Context> context;
+  std::shared_ptr<lbm_context_t_stct> self;  // until it is deleted
 };
 
 struct lbm_event_queue_t_stct {
@@ -26,7 +27,7 @@ struct lbm_src_t_stct {
 
 struct lbm_rcv_t_stct {
   std::shared_ptr<engine::core::Context> context;
-  std::shared_ptr<engine::core::Receiver> receiver;
+  engine::core::OpenReceiver opened;
 };
 
 struct lbm_request_t_stct {

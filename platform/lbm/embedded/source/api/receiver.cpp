@@ -12,7 +12,7 @@ namespace {
 
 // A receiver has the options of its topic; none can be changed once it lives.
 FixedOptions OptionsOf(const lbm_rcv_t* rcv) {
-  return FixedOptions(*Required(rcv, "rcv").receiver->GetTopic().options);
+  return FixedOptions(*Required(rcv, "rcv").opened.receiver->GetTopic().options);
 }
 
 }  // namespace
@@ -27,7 +27,7 @@ int lbm_rcv_create(lbm_rcv_t** rcv, lbm_context_t* ctx, lbm_topic_t* topic, lbm_
     handle->context = context;
     context->CreateReceiver(engine::api::TopicFor(*context, topic, engine::Scope::kReceiver),
                             {.proc = proc, .handle = handle.get(), .clientd = clientd}, engine::api::QueueOf(evq),
-                            handle->receiver);
+                            handle->opened);
     *rcv = handle.release();
     return 0;
   });
@@ -36,7 +36,7 @@ int lbm_rcv_create(lbm_rcv_t** rcv, lbm_context_t* ctx, lbm_topic_t* topic, lbm_
 int lbm_rcv_delete(lbm_rcv_t* rcv) {
   return Guarded(__func__, [&] {
     const std::unique_ptr<lbm_rcv_t> handle(&Required(rcv, "rcv"));
-    handle->context->DeleteReceiver(handle->receiver);
+    handle->context->DeleteReceiver(std::move(handle->opened));
     return 0;
   });
 }

@@ -5,7 +5,6 @@
 #include <exception>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "core/notice.h"
 #include "options/option_keys.h"
@@ -17,18 +16,47 @@ namespace {
 
 constexpr lbm_ulong_t kHour = 1000UL * 60 * 60;  // milliseconds
 
-// A task as an event of a queue.
-class TaskTarget : public Target {
+}  // namespace
+
+// Goes through every place where a callback of ended registrations may be running, so that the notice comes after the
+// last of them.
+class Context::CancellationNotice final : public Task {
  public:
-  TaskTarget(std::shared_ptr<Membership> membership, std::shared_ptr<EventQueue> queue, Task task)
-      : Target(std::move(membership), std::move(queue)), m_task(std::move(task)) {}
-  void Run(Event&) override { m_task(); }
+  CancellationNotice(std::shared_ptr<Context> context, std::shared_ptr<EventQueue> last, int fd,
+                     lbm_event_queue_cancel_cb_proc proc, void* clientd) noexcept
+      : m_context(std::move(context)), m_lastPlace(std::move(last)), m_fd(fd), m_proc(proc), m_clientd(clientd) {}
+
+  void Run(std::unique_ptr<Task>& self) override {
+    if (m_visited == m_places.size()) {
+      return CallApplication([&] { m_proc(m_fd, m_clientd); });
+    }
+    ++m_visited;
+    GoOn(self);
+  }
+
+  static void Start(std::unique_ptr<CancellationNotice> notice, const Descriptors::Places& places) noexcept {
+    notice->m_places = places;
+    CancellationNotice& first = *notice;
+    std::unique_ptr<Task> self = std::move(notice);
+    first.GoOn(self);
+  }
 
  private:
-  Task m_task;
-};
+  // Once posted it may be gone at any moment.
+  void GoOn(std::unique_ptr<Task>& self) noexcept {
+    const std::shared_ptr<Context> context = m_context;
+    const std::shared_ptr<EventQueue> queue = m_visited < m_places.size() ? m_places[m_visited] : m_lastPlace;
+    context->RunAt(queue.get(), std::move(self));
+  }
 
-}  // namespace
+  const std::shared_ptr<Context> m_context;
+  const std::shared_ptr<EventQueue> m_lastPlace;
+  const int m_fd;
+  const lbm_event_queue_cancel_cb_proc m_proc;
+  void* const m_clientd;
+  Descriptors::Places m_places;
+  std::size_t m_visited = 0;
+};
 
 std::shared_ptr<Context> Context::Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
                                          std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle) {
@@ -61,20 +89,22 @@ Context::Context(OptionSet options, std::unique_ptr<transport::Transport> transp
                     .listener = m_directory,
                     .timers = m_timers,
                     .arrivalClock = m_arrivalClock,
-                    .options = m_options}) {}
+                    .options = m_options,
+                    .last = [this] { Finish(); }}) {}
 
 void Context::RunThread() {
   static_cast<void>(pthread_setname_np(pthread_self(), "lbm_context"));
   {
     const std::lock_guard lock(m_threadMutex);  // a callback may want to delete the context, and with it m_thread
   }
-  try {
-    while (!m_membership->Ended()) {
+  while (!m_membership->Ended()) {
+    try {
       m_dispatcher.Process(kHour);
-    }
-  } catch (const std::exception& error) {
-    if (!m_membership->Ended()) {
-      Notice(LBM_LOG_ERROR, std::string("the thread of a context ends: ") + error.what());
+    } catch (const std::exception& error) {
+      if (!m_membership->Ended()) {
+        Notice(LBM_LOG_ERROR, "a context cannot go on yet: ", error);
+        std::this_thread::sleep_for(Timers::kRetryDelay);
+      }
     }
   }
 }
@@ -86,9 +116,9 @@ void Context::ProcessEvents(lbm_ulong_t msec) {
   m_dispatcher.Process(msec);
 }
 
-void Context::Remove(std::shared_ptr<const void> handle) {
+void Context::Remove(std::shared_ptr<const void> handle) noexcept {
   const bool own = m_membership->Gate().Dispatching();
-  m_dispatcher.End([self = shared_from_this(), kept = std::move(handle)] { self->Finish(); });
+  m_dispatcher.End(handle);
   if (m_thread.joinable()) {
     if (own) {
       m_thread.detach();  // it holds the context until it ends
@@ -99,7 +129,7 @@ void Context::Remove(std::shared_ptr<const void> handle) {
 }
 
 // Callbacks on the dispatching thread have ended by now, those on event queues end here.
-void Context::Finish() {
+void Context::Finish() noexcept {
   m_membership->GetTransport().Close(m_options.Get(option::kCloseLingerTime));
   m_dispatcher.GetDescriptors().Clear();
   m_directory.Clear();
@@ -108,15 +138,17 @@ void Context::Finish() {
 }
 
 void Context::CreateReceiver(const Topic& topic, const Receiver::Callback& callback,
-                             const std::shared_ptr<EventQueue>& queue, std::shared_ptr<Receiver>& receiver) {
+                             const std::shared_ptr<EventQueue>& queue, OpenReceiver& opened) {
   m_membership->CheckNotEnded();
-  receiver = std::make_shared<Receiver>(m_membership, topic, callback, queue);
-  m_dispatcher.Post([this, receiver] { m_directory.AddReceiver(receiver); });
+  const auto receiver = std::make_shared<Receiver>(m_membership, topic, callback, queue);
+  auto addition = MakeTask([this, receiver] { m_directory.AddReceiver(receiver); });
+  opened = {receiver, MakeTask([this, receiver] { m_directory.RemoveReceiver(*receiver); })};
+  m_dispatcher.Post(std::move(addition));
 }
 
-void Context::DeleteReceiver(const std::shared_ptr<Receiver>& receiver) {
-  receiver->CloseAndWait();
-  m_dispatcher.Post([this, receiver] { m_directory.RemoveReceiver(*receiver); });
+void Context::DeleteReceiver(OpenReceiver opened) noexcept {
+  opened.receiver->CloseAndWait();
+  m_dispatcher.Post(std::move(opened.removal));
 }
 
 void Context::CreateSource(const Topic& topic, const Source::Callback& callback,
@@ -141,24 +173,15 @@ void Context::CancelDescriptorWithNotice(int fd, lbm_ulong_t events, lbm_event_q
                 "the event queue gives no cancellation callbacks; set its option "
                 "queue_cancellation_callbacks_enabled to 1");
   }
-  Task next = [fd, proc, clientd] { CallApplication([&] { proc(fd, clientd); }); };
-  // The notice travels through every place where a callback of the registration may be running, so that it comes after
-  // the last of them.
-  auto places = m_dispatcher.GetDescriptors().CancelWithoutWaiting(fd, events);
-  places.insert(places.begin(), queue);
-  for (const auto& place : places) {
-    next = [self = shared_from_this(), place, task = std::move(next)]() mutable {
-      self->RunAt(place, std::move(task));
-    };
-  }
-  next();
+  auto notice = std::make_unique<CancellationNotice>(shared_from_this(), queue, fd, proc, clientd);
+  CancellationNotice::Start(std::move(notice), m_dispatcher.GetDescriptors().CancelWithoutWaiting(fd, events));
 }
 
-void Context::RunAt(const std::shared_ptr<EventQueue>& queue, Task task) {
+void Context::RunAt(EventQueue* queue, std::unique_ptr<Task> task) noexcept {
   if (queue == nullptr) {
     m_dispatcher.Post(std::move(task));
   } else {
-    queue->Post(std::make_shared<TaskTarget>(m_membership, queue, std::move(task)), {});
+    queue->Post(std::move(task));
   }
 }
 

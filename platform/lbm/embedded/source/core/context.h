@@ -22,6 +22,12 @@
 
 namespace engine::core {
 
+// A receiver, and what will take it out of the context's topics.
+struct OpenReceiver {
+  std::shared_ptr<Receiver> receiver;
+  std::unique_ptr<Task> removal;
+};
+
 // Shared with the handles of what it made, so that they may be deleted in any order; Remove is what ends its activity.
 // A queue argument is the event queue that runs the callbacks; null for the context's dispatching thread.
 //
@@ -32,8 +38,8 @@ class Context : public std::enable_shared_from_this<Context> {
   static std::shared_ptr<Context> Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
                                          std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle);
 
-  // See lbm_context_delete. handle: kept until no callback can be using it.
-  void Remove(std::shared_ptr<const void> handle);
+  // See lbm_context_delete. handle: kept until no callback can be using it; it has to keep this.
+  void Remove(std::shared_ptr<const void> handle) noexcept;
 
   // See lbm_context_process_events. Throws Error when the mode is not sequential.
   void ProcessEvents(lbm_ulong_t msec);
@@ -47,13 +53,15 @@ class Context : public std::enable_shared_from_this<Context> {
   // The receiver hears the topic's sources until DeleteReceiver; after that none of its callbacks runs, except the one
   // that it is called from. The same holds for the other pairs below. What is created is in the last argument before
   // its first callback. Those that create throw Error when the context is deleted.
+  //
+  // What deletes needs no memory and does not fail.
   void CreateReceiver(const Topic& topic, const Receiver::Callback& callback, const std::shared_ptr<EventQueue>& queue,
-                      std::shared_ptr<Receiver>& receiver);
-  void DeleteReceiver(const std::shared_ptr<Receiver>& receiver);
+                      OpenReceiver& opened);
+  void DeleteReceiver(OpenReceiver opened) noexcept;
 
   void CreateSource(const Topic& topic, const Source::Callback& callback, const std::shared_ptr<EventQueue>& queue,
                     std::shared_ptr<Source>& source);
-  void DeleteSource(Source& source) { m_sources.Remove(source); }
+  void DeleteSource(Source& source) noexcept { m_sources.Remove(source); }
 
   // The request takes responses from now on; sending it with its id is up to the caller. Returned as well, because the
   // application may delete what holds the last argument in the first callback.
@@ -61,22 +69,24 @@ class Context : public std::enable_shared_from_this<Context> {
                                        const std::shared_ptr<EventQueue>& queue, std::shared_ptr<Request>& request) {
     return m_requests.Open(m_membership, source.GetTopic().name, callback, queue, request);
   }
-  void CloseRequest(Request& request) { m_requests.Close(request); }
+  void CloseRequest(Request& request) noexcept { m_requests.Close(request); }
 
   void RegisterDescriptor(int fd, lbm_ulong_t events, lbm_fd_cb_proc proc, void* clientd,
                           const std::shared_ptr<EventQueue>& queue);
   void CancelDescriptor(int fd, lbm_ulong_t events) { m_dispatcher.GetDescriptors().Cancel(fd, events); }
-  // queue: where the notice is given.
+  // queue: where the notice is given. Needs memory for it; when there is none, nothing is cancelled.
   void CancelDescriptorWithNotice(int fd, lbm_ulong_t events, lbm_event_queue_cancel_cb_proc proc, void* clientd,
                                   const std::shared_ptr<EventQueue>& queue);
 
  private:
+  class CancellationNotice;
+
   Context(OptionSet options, std::unique_ptr<transport::Transport> transport,
           std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle);
 
   void RunThread();
-  void Finish();
-  void RunAt(const std::shared_ptr<EventQueue>& queue, Task task);
+  void Finish() noexcept;
+  void RunAt(EventQueue* queue, std::unique_ptr<Task> task) noexcept;
 
   lbm_context_t* const m_handle;
   LiveOptions m_options;

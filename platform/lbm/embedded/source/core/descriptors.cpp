@@ -19,9 +19,10 @@ struct EventName {
 };
 
 // Errors and hang-ups make a descriptor readable and writable, as they do for select: the next read or write tells.
-constexpr std::array<EventName, 3> kEvents{{{LBM_FD_EVENT_READ, EPOLLIN | EPOLLHUP | EPOLLERR | EPOLLRDHUP},
-                                            {LBM_FD_EVENT_WRITE, EPOLLOUT | EPOLLHUP | EPOLLERR},
-                                            {LBM_FD_EVENT_EXCEPT, EPOLLPRI}}};
+constexpr std::array<EventName, Descriptors::kEventsMax> kEvents{
+    {{LBM_FD_EVENT_READ, EPOLLIN | EPOLLHUP | EPOLLERR | EPOLLRDHUP},
+     {LBM_FD_EVENT_WRITE, EPOLLOUT | EPOLLHUP | EPOLLERR},
+     {LBM_FD_EVENT_EXCEPT, EPOLLPRI}}};
 constexpr lbm_ulong_t kAllEvents = LBM_FD_EVENT_READ | LBM_FD_EVENT_WRITE | LBM_FD_EVENT_EXCEPT;
 
 std::uint32_t EpollEventsOf(lbm_ulong_t event) {
@@ -44,12 +45,20 @@ void CheckEvents(lbm_ulong_t events) {
 class Descriptors::Registration : public Target {
  public:
   Registration(Descriptors& owner, int fd, lbm_ulong_t event, const DescriptorCallback& callback)
-      : Target(owner.m_membership, callback.queue), m_owner(owner), m_fd(fd), m_event(event), m_callback(callback) {}
-
-  void Run(Event&) override {
-    m_callback.proc(m_callback.context, m_fd, m_event, m_callback.clientd);
+      : Target(owner.m_membership, callback.queue), m_owner(owner), m_fd(fd), m_event(event), m_callback(callback) {
     if (Queue() != nullptr) {
-      m_owner.Rearm(*this);
+      m_queued = std::make_unique<Queued>();
+    }
+  }
+
+  // Makes the callback, or has the queue make it; the registration has to be disarmed for that. Threads: the
+  // dispatching one.
+  void Dispatch() noexcept {
+    if (Queue() != nullptr) {
+      m_queued->registration = std::static_pointer_cast<Registration>(shared_from_this());
+      Queue()->Post(std::move(m_queued));
+    } else {
+      Target::Dispatch({});
     }
   }
 
@@ -60,22 +69,41 @@ class Descriptors::Registration : public Target {
   bool armed = true;
 
  private:
+  // The place in the queue of the one callback that may be there.
+  struct Queued final : Task {
+    void Run(std::unique_ptr<Task>& self) override {
+      const auto due = std::move(registration);
+      due->m_queued.reset(static_cast<Queued*>(self.release()));
+      due->Queue()->Gate().Call(*due, [&] {
+        due->Call();
+        due->m_owner.Rearm(*due);
+      });
+    }
+    std::shared_ptr<Registration> registration;
+  };
+
+  void Call() const { m_callback.proc(m_callback.context, m_fd, m_event, m_callback.clientd); }
+  void Run(Event&) override { Call(); }
+
   Descriptors& m_owner;
   const int m_fd;
   const lbm_ulong_t m_event;
   const DescriptorCallback m_callback;
+  std::unique_ptr<Queued> m_queued;  // null while it is queued
 };
 
-bool Descriptors::Watch(int fd, Watched& watched) noexcept {
+// Out of the poller there might be no way back. Errors and hang-ups are reported whatever the mask, so where nobody is
+// armed for them they are to be reported once.
+bool Descriptors::Watch(int fd, Watched& watched, bool once) noexcept {
   std::uint32_t interest = 0;
   for (const auto& registration : watched.registrations) {
     if (registration->armed) {
       interest |= EpollEventsOf(registration->GetEvent());
     }
   }
-  if (interest == 0) {
-    Ignore(fd, watched);
-    return true;
+  watched.once = interest == 0 || once;
+  if (watched.once) {
+    interest |= EPOLLET;
   }
   const auto token = static_cast<Poller::Token>(fd);
   if (!(watched.inPoller ? m_poller.Change(fd, token, interest) : m_poller.TryAdd(fd, token, interest))) {
@@ -85,18 +113,11 @@ bool Descriptors::Watch(int fd, Watched& watched) noexcept {
   return true;
 }
 
-// An empty mask would not do: errors and hang-ups are reported whatever the mask.
-void Descriptors::Ignore(int fd, Watched& watched) noexcept {
-  if (std::exchange(watched.inPoller, false)) {
-    m_poller.Remove(fd);
-  }
-}
-
 void Descriptors::Add(int fd, lbm_ulong_t events, const DescriptorCallback& callback) {
   CheckEvents(events);
   const std::lock_guard lock(m_mutex);
-  const auto found = m_watched.find(fd);
-  Watched watched = found != m_watched.end() ? found->second : Watched{};
+  const auto place = m_watched.try_emplace(fd).first;
+  Watched watched = place->second;
   for (const auto& registration : watched.registrations) {
     if ((registration->GetEvent() & events) != 0) {
       throw Error(LBM_EINVAL, "descriptor " + std::to_string(fd) + " is registered for event " +
@@ -104,16 +125,23 @@ void Descriptors::Add(int fd, lbm_ulong_t events, const DescriptorCallback& call
     }
   }
   std::size_t added = 0;
-  for (const EventName& known : kEvents) {
-    if ((known.event & events) != 0) {
-      watched.registrations.push_back(std::make_shared<Registration>(*this, fd, known.event, callback));
-      ++added;
+  try {
+    for (const EventName& known : kEvents) {
+      if ((known.event & events) != 0) {
+        watched.registrations.push_back(std::make_shared<Registration>(*this, fd, known.event, callback));
+        ++added;
+      }
     }
+    if (!Watch(fd, watched)) {
+      zq::posix::ThrowErrno("cannot watch descriptor " + std::to_string(fd));
+    }
+  } catch (...) {
+    if (place->second.registrations.empty()) {
+      m_watched.erase(place);
+    }
+    throw;
   }
-  if (!Watch(fd, watched)) {
-    zq::posix::ThrowErrno("cannot watch descriptor " + std::to_string(fd));
-  }
-  m_watched[fd] = std::move(watched);
+  place->second = std::move(watched);
   m_count += added;
 }
 
@@ -124,13 +152,14 @@ Descriptors::Registrations Descriptors::Take(int fd, lbm_ulong_t events) {
   const auto found = m_watched.find(fd);
   if (found != m_watched.end()) {
     Registrations& registrations = found->second.registrations;
-    const auto kept = std::stable_partition(registrations.begin(), registrations.end(),
-                                            [&](const auto& one) { return (one->GetEvent() & events) == 0; });
-    taken.assign(kept, registrations.end());
-    registrations.erase(kept, registrations.end());
-    Watch(fd, found->second);
+    for (auto& registration : std::exchange(registrations, {})) {
+      ((registration->GetEvent() & events) == 0 ? registrations : taken).push_back(std::move(registration));
+    }
     if (registrations.empty()) {
+      m_poller.Remove(fd);
       m_watched.erase(found);
+    } else {
+      Watch(fd, found->second);
     }
   }
   if (taken.empty()) {
@@ -147,8 +176,8 @@ void Descriptors::Cancel(int fd, lbm_ulong_t events) {
   }
 }
 
-std::vector<std::shared_ptr<EventQueue>> Descriptors::CancelWithoutWaiting(int fd, lbm_ulong_t events) {
-  std::vector<std::shared_ptr<EventQueue>> queues;
+Descriptors::Places Descriptors::CancelWithoutWaiting(int fd, lbm_ulong_t events) {
+  Places queues;
   for (const auto& registration : Take(fd, events)) {
     registration->Close();
     queues.push_back(registration->Queue());
@@ -176,12 +205,12 @@ std::size_t Descriptors::Ready(int fd, std::uint32_t epollEvents) {
     }
     if (disarmed) {
       Watch(fd, found->second);
-    } else if (due.empty() && (epollEvents & (EPOLLHUP | EPOLLERR)) != 0) {
-      Ignore(fd, found->second);  // nobody is there for it, and it would be reported without end
+    } else if (due.empty() && !found->second.once && (epollEvents & (EPOLLHUP | EPOLLERR)) != 0) {
+      Watch(fd, found->second, true);  // nobody is there for it, and it would be reported without end
     }
   }
   for (const auto& registration : due) {
-    registration->Dispatch({});
+    registration->Dispatch();
   }
   return due.size();
 }
@@ -201,8 +230,8 @@ void Descriptors::Clear() {
     const std::lock_guard lock(m_mutex);
     ended.swap(m_watched);
     m_count = 0;
-    for (auto& [fd, watched] : ended) {
-      Ignore(fd, watched);
+    for (const auto& [fd, watched] : ended) {
+      m_poller.Remove(fd);
     }
   }
   for (const auto& [fd, watched] : ended) {

@@ -9,9 +9,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "core/event_queue.h"
+#include "core/few.h"
 #include "core/membership.h"
 #include "system/poller.h"
 
@@ -29,6 +29,9 @@ struct DescriptorCallback {
 // Threads: any, unless said otherwise.
 class Descriptors {
  public:
+  static constexpr std::size_t kEventsMax = 3;  // of a descriptor
+  using Places = Few<std::shared_ptr<EventQueue>, kEventsMax>;
+
   // The descriptors are watched in the poller, with themselves as tokens.
   Descriptors(Poller& poller, std::shared_ptr<Membership> membership) noexcept
       : m_poller(poller), m_membership(std::move(membership)) {}
@@ -37,12 +40,12 @@ class Descriptors {
   void Add(int fd, lbm_ulong_t events, const DescriptorCallback& callback);
 
   // Ends the registrations for the events. No callback of them runs after it has returned, except the one that it is
-  // called from. Throws Error when there is none.
+  // called from. Needs no memory. Throws Error when there is none.
   void Cancel(int fd, lbm_ulong_t events);
 
   // The same without waiting. Returns the queues whose threads may be inside a callback of the ended registrations,
   // null for the context's own thread.
-  std::vector<std::shared_ptr<EventQueue>> CancelWithoutWaiting(int fd, lbm_ulong_t events);
+  Places CancelWithoutWaiting(int fd, lbm_ulong_t events);
 
   // Makes the callbacks for what the poller said of the descriptor, and returns how many. Threads: the dispatching one
   // only.
@@ -55,18 +58,18 @@ class Descriptors {
 
  private:
   class Registration;
-  using Registrations = std::vector<std::shared_ptr<Registration>>;
+  using Registrations = Few<std::shared_ptr<Registration>, kEventsMax>;
 
   struct Watched {
     Registrations registrations;  // one an event
     bool inPoller = false;
+    bool once = false;  // what is there is reported once
   };
 
   void Rearm(Registration& registration);
   // Lets the poller report what the armed registrations want. False, with errno, when it cannot: the descriptor is none
-  // that can be watched, or the application closed it.
-  bool Watch(int fd, Watched& watched) noexcept;
-  void Ignore(int fd, Watched& watched) noexcept;
+  // that can be watched, or the application closed it. once: not again before the next call.
+  bool Watch(int fd, Watched& watched, bool once = false) noexcept;
   Registrations Take(int fd, lbm_ulong_t events);
 
   Poller& m_poller;

@@ -38,12 +38,15 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
   if (!entry.Wanted()) {
     GetTransport().Watch(topic.name);
   }
-  entry.receivers.push_back(receiver);
+  if (std::find(entry.receivers.begin(), entry.receivers.end(), receiver) == entry.receivers.end()) {
+    entry.receivers.push_back(receiver);
+    m_counters.Add(context_field::kReceivers);
+  }
   CountTopics();
-  m_counters.Add(context_field::kReceivers);
-  const bool notifies = topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr;
-  if (notifies && std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
-    entry.notifying.push_back(&topic);
+  if (topic.options->Get(option::kReceiverSourceNotification).create_func != nullptr) {
+    if (std::find(entry.notifying.begin(), entry.notifying.end(), &topic) == entry.notifying.end()) {
+      entry.notifying.push_back(&topic);
+    }
     for (const auto& stream : entry.streams) {
       NotifyCreate(*stream, topic);
     }
@@ -63,30 +66,36 @@ void Directory::RemoveReceiver(const Receiver& receiver) {
   }
   const auto isOfReceiver = [&](const Subscription& subscription) { return subscription.receiver.get() == &receiver; };
   TopicEntry& entry = found->second;
-  const std::size_t removed = std::erase_if(entry.receivers, [&](const auto& one) { return one.get() == &receiver; });
-  m_counters.Subtract(context_field::kReceivers, removed);
+  const auto isReceiver = [&](const auto& one) { return one.get() == &receiver; };
   for (const auto& stream : entry.streams) {
-    if (std::erase_if(stream->subscriptions, isOfReceiver) != 0 && stream->subscriptions.empty()) {
+    if (stream->subscribed && std::all_of(stream->subscriptions.begin(), stream->subscriptions.end(), isOfReceiver)) {
       GetTransport().Unsubscribe(*stream->source);
+      stream->subscribed = false;
     }
+    std::erase_if(stream->subscriptions, isOfReceiver);
   }
-  if (!entry.Wanted()) {
+  if (entry.notifying.empty() && std::all_of(entry.receivers.begin(), entry.receivers.end(), isReceiver)) {
     GetTransport().Unwatch(found->first);
   }
+  m_counters.Subtract(context_field::kReceivers, std::erase_if(entry.receivers, isReceiver));
   ForgetIfEmpty(receiver.GetTopic().name);
 }
 
 void Directory::Subscribe(Stream& stream, const std::shared_ptr<Receiver>& receiver) {
-  Subscription subscription{.receiver = receiver};
-  for (const Notified& notified : stream.notified) {
-    if (notified.topic == &receiver->GetTopic()) {
-      subscription.sourceClientd = notified.sourceClientd;
+  const auto isOfReceiver = [&](const Subscription& subscription) { return subscription.receiver == receiver; };
+  if (std::none_of(stream.subscriptions.begin(), stream.subscriptions.end(), isOfReceiver)) {
+    Subscription subscription{.receiver = receiver};
+    for (const Notified& notified : stream.notified) {
+      if (notified.topic == &receiver->GetTopic()) {
+        subscription.sourceClientd = notified.sourceClientd;
+      }
     }
+    stream.subscriptions.push_back(std::move(subscription));
+    receiver->Counters().Add(receiver_field::kSources);
   }
-  stream.subscriptions.push_back(std::move(subscription));
-  receiver->Counters().Add(receiver_field::kSources);
-  if (stream.subscriptions.size() == 1) {
+  if (!stream.subscribed) {
     GetTransport().Subscribe(*stream.source);
+    stream.subscribed = true;
   }
 }
 
@@ -101,7 +110,8 @@ void Directory::WatchForSources(const std::shared_ptr<Receiver>& receiver) {
       return;
     }
     const std::string& topic = waiting->GetTopic().name;
-    if (m_topics[topic].streams.empty()) {
+    const auto found = m_topics.find(topic);
+    if (found == m_topics.end() || found->second.streams.empty()) {
       const auto nobody = std::make_shared<transport::RemoteSource>(topic, "");
       waiting->Deliver(Blank(LBM_MSG_NO_SOURCE_NOTIFICATION, nobody, 0));
     }
@@ -112,18 +122,18 @@ void Directory::OnSourceUp(const std::shared_ptr<transport::RemoteSource>& sourc
   if (m_parts.membership->Ended()) {
     return;
   }
-  if (m_parts.resolverNotification.notifyfunc != nullptr) {
-    CallApplication([&] {
-      m_parts.resolverNotification.notifyfunc(source->Topic().c_str(), source->Session().c_str(),
-                                              m_parts.resolverNotification.clientd);
-    });
-  }
   TopicEntry& entry = m_topics[source->Topic()];
   Stream& stream = *entry.streams.emplace_back(std::make_unique<Stream>());
   stream.source = source;
   CountTopics();
   stream.entry = &entry;
   source->listenerData = &stream;
+  if (m_parts.resolverNotification.notifyfunc != nullptr) {
+    CallApplication([&] {
+      m_parts.resolverNotification.notifyfunc(source->Topic().c_str(), source->Session().c_str(),
+                                              m_parts.resolverNotification.clientd);
+    });
+  }
   for (const Topic* topic : entry.notifying) {
     NotifyCreate(stream, *topic);
   }
@@ -141,10 +151,13 @@ void Directory::OnSourceDown(const std::shared_ptr<transport::RemoteSource>& sou
     return;
   }
   for (Subscription& subscription : stream->subscriptions) {
-    subscription.receiver->Counters().Subtract(receiver_field::kSources);
     if (subscription.begun) {
       DeliverEvent(*stream, subscription, LBM_MSG_EOS, 0);
+      subscription.begun = false;
     }
+  }
+  for (const Subscription& subscription : stream->subscriptions) {
+    subscription.receiver->Counters().Subtract(receiver_field::kSources);
   }
   NotifyDelete(*stream);
   source->listenerData = nullptr;
@@ -153,13 +166,15 @@ void Directory::OnSourceDown(const std::shared_ptr<transport::RemoteSource>& sou
 }
 
 void Directory::NotifyCreate(Stream& stream, const Topic& topic) {
-  if (m_parts.membership->Ended()) {
+  const auto isOfTopic = [&](const Notified& notified) { return notified.topic == &topic; };
+  if (m_parts.membership->Ended() || std::any_of(stream.notified.begin(), stream.notified.end(), isOfTopic)) {
     return;
   }
+  Notified& notified = stream.notified.emplace_back();  // while it can still fail
   const lbm_rcv_src_notification_func_t function = topic.options->Get(option::kReceiverSourceNotification);
   void* clientd = nullptr;
   CallApplication([&] { clientd = function.create_func(stream.source->Session().c_str(), function.clientd); });
-  stream.notified.push_back({&topic, clientd});
+  notified = {&topic, clientd};
   for (Subscription& subscription : stream.subscriptions) {
     if (&subscription.receiver->GetTopic() == &topic) {
       subscription.sourceClientd = clientd;
@@ -212,8 +227,8 @@ void Directory::DeliverEvent(Stream& stream, Subscription& subscription, int typ
 
 void Directory::BeginSession(Stream& stream, Subscription& subscription, std::uint32_t sequence) {
   if (!subscription.begun) {
-    subscription.begun = true;
     DeliverEvent(stream, subscription, LBM_MSG_BOS, sequence);
+    subscription.begun = true;
   }
 }
 

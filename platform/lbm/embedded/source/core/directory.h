@@ -37,6 +37,7 @@ class Directory : public transport::Listener {
 
   explicit Directory(const Parts& parts);
 
+  // These two, and OnSourceDown, may be called again when they have thrown, and do then what is left to be done.
   void AddReceiver(const std::shared_ptr<Receiver>& receiver);
   void RemoveReceiver(const Receiver& receiver);
 
@@ -75,6 +76,7 @@ class Directory : public transport::Listener {
     TopicEntry* entry = nullptr;
     std::vector<Subscription> subscriptions;
     std::vector<Notified> notified;
+    bool subscribed = false;  // at the transport
   };
 
   struct TopicEntry {

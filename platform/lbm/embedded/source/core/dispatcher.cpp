@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <thread>
 #include <utility>
-#include <vector>
 
+#include "core/notice.h"
 #include "options/option_keys.h"
 #include "system/error.h"
 #include "system/processor.h"
@@ -59,6 +59,7 @@ Dispatcher::Dispatcher(const Parts& parts)
       m_timers(parts.timers),
       m_arrivalClock(parts.arrivalClock),
       m_options(parts.options),
+      m_runLast(parts.last),
       m_descriptors(m_poller, parts.membership) {
   m_poller.Add(m_wake.GetDescriptor(), kWakeToken, EPOLLIN);
   m_poller.Add(m_transport.GetDescriptor(), kTransportToken, EPOLLIN);
@@ -175,14 +176,30 @@ std::size_t Dispatcher::RunWithoutSystemCalls() {
 }
 
 std::size_t Dispatcher::RunTasks() {
-  const std::vector<Task> tasks = m_tasks.Take();
-  for (const Task& task : tasks) {
-    if (Ended()) {
+  m_taken.Append(m_tasks.Take());
+  if (m_taken.Empty() || (Waiting() && Clock::now() < m_nextAttempt)) {
+    return 0;
+  }
+  std::size_t done = 0;
+  for (std::unique_ptr<Task> task; !Ended() && (task = m_taken.Take()) != nullptr; ++done) {
+    try {
+      task->Run(task);
+      m_nextAttempt = {};
+      m_failureTold = false;
+    } catch (const std::exception& error) {
+      m_taken.PutBack(std::move(task));
+      NoteFailure(error);
       break;
     }
-    task();
   }
-  return tasks.size();
+  return done;
+}
+
+void Dispatcher::NoteFailure(const std::exception& error) noexcept {
+  m_nextAttempt = Clock::now() + Timers::kRetryDelay;
+  if (!std::exchange(m_failureTold, true)) {
+    Notice(LBM_LOG_WARNING, "what was asked of a context cannot be done yet: ", error);
+  }
 }
 
 void Dispatcher::PollIfClockSeen() {
@@ -250,7 +267,10 @@ std::size_t Dispatcher::HandleEvents(std::span<const epoll_event> events) {
 }
 
 int Dispatcher::RemainingMs(Clock::time_point deadline) const {
-  const Clock::time_point first = std::min(deadline, m_timers.NextDue().value_or(deadline));
+  Clock::time_point first = std::min(deadline, m_timers.NextDue().value_or(deadline));
+  if (Waiting()) {
+    first = std::min(first, m_nextAttempt);
+  }
   const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(first - Clock::now()).count();
   return static_cast<int>(std::clamp<std::int64_t>(remaining, 0, INT_MAX));
 }
@@ -260,23 +280,23 @@ void Dispatcher::Unblock() {
   m_wake.Notify();
 }
 
-void Dispatcher::Post(Task task) {
+void Dispatcher::Post(std::unique_ptr<Task> task) noexcept {
   if (m_tasks.Post(std::move(task))) {
     m_wake.Notify();
   }
 }
 
-void Dispatcher::RunLast() {
-  if (m_last) {
-    const Task last = std::move(m_last);
-    last();
+void Dispatcher::RunLast() noexcept {
+  if (const auto kept = std::exchange(m_keptForLast, std::nullopt)) {
+    m_runLast();
     Forget();
   }
 }
 
 // Tasks and timers may own what owns this dispatcher: they must not wait for its end.
-void Dispatcher::Forget() {
+void Dispatcher::Forget() noexcept {
   m_tasks.Close();
+  m_taken.Clear();
   m_timers.Clear();
 }
 
@@ -286,11 +306,11 @@ void Dispatcher::Vacate() noexcept {
   }
 }
 
-void Dispatcher::End(Task last) {
+void Dispatcher::End(std::shared_ptr<const void> kept) noexcept {
   CallbackGate& gate = m_membership->Gate();
   if (gate.Dispatching()) {
     gate.ShutDown();
-    m_last = std::move(last);
+    m_keptForLast = std::move(kept);
     return;
   }
   gate.ShutDownAwaited();
@@ -303,7 +323,7 @@ void Dispatcher::End(Task last) {
     m_occupied.wait(Occupied::kYesAndAwaited);
     seen = Occupied::kNo;
   }
-  last();
+  m_runLast();
   Forget();
 }
 

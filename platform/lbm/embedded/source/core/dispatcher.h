@@ -8,6 +8,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -35,6 +37,7 @@ class Dispatcher {
     Timers& timers;
     ArrivalClock& arrivalClock;
     const LiveOptions& options;  // of the context: spin_time
+    std::function<void()> last;  // see End; must not throw
   };
 
   explicit Dispatcher(const Parts& parts);
@@ -55,12 +58,13 @@ class Dispatcher {
   static constexpr std::chrono::microseconds kSpinPollInterval{5};
 
   // Runs the task on the dispatching thread, before it looks for other work. Tasks run in the order of their posting,
-  // those posted after End never. Threads: any.
-  void Post(Task task);
+  // those posted after End never. One that throws is run again after a while, and those behind it wait. Threads: any.
+  void Post(std::unique_ptr<Task> task) noexcept;
 
-  // Ends all dispatching for good and runs the last task with nobody else inside. When the calling thread is the one
-  // dispatching, that happens as soon as its present callback has returned; otherwise before End returns.
-  void End(Task last);
+  // Ends all dispatching for good and calls the last function of the parts with nobody else inside. When the calling
+  // thread is the one dispatching, that happens as soon as its present callback has returned; otherwise before End
+  // returns. kept: held until then.
+  void End(std::shared_ptr<const void> kept) noexcept;
 
   Descriptors& GetDescriptors() noexcept { return m_descriptors; }
 
@@ -68,6 +72,8 @@ class Dispatcher {
   class Occupancy;
 
   bool Ended() const noexcept { return m_membership->Ended(); }
+  // Whether a task that failed waits for the next attempt.
+  bool Waiting() const noexcept { return m_nextAttempt != Clock::time_point(); }
   std::size_t RunTasks();
   std::size_t RunWithoutSystemCalls();
   bool RunOnce();
@@ -81,8 +87,9 @@ class Dispatcher {
   std::size_t HandleEvents(std::span<const epoll_event> events);
   int RemainingMs(Clock::time_point deadline) const;
   void Vacate() noexcept;
-  void RunLast();
-  void Forget();
+  void NoteFailure(const std::exception& error) noexcept;
+  void RunLast() noexcept;
+  void Forget() noexcept;
 
   const std::shared_ptr<Membership> m_membership;
   transport::Transport& m_transport;  // the membership's
@@ -90,6 +97,7 @@ class Dispatcher {
   Timers& m_timers;
   ArrivalClock& m_arrivalClock;
   const LiveOptions& m_options;
+  const std::function<void()> m_runLast;
   Poller m_poller;
   zq::posix::Event m_wake;
   Descriptors m_descriptors;
@@ -103,9 +111,12 @@ class Dispatcher {
   Clock::time_point m_lastClock;
   Clock::time_point m_lastPoll;
   Clock::time_point m_lastYield;
-  Clock::time_point m_sleepEnd;                // of the last ParkAndPoll, before what came was handled
-  std::optional<AdaptiveSpin> m_adaptiveSpin;  // while spin_time is auto
-  Task m_last;                                 // set by End on the dispatching thread
+  Clock::time_point m_sleepEnd;                              // of the last ParkAndPoll, before what came was handled
+  std::optional<AdaptiveSpin> m_adaptiveSpin;                // while spin_time is auto
+  std::optional<std::shared_ptr<const void>> m_keptForLast;  // set by End on the dispatching thread
+  TaskList m_taken;
+  Clock::time_point m_nextAttempt;  // when the first of m_taken is due, once it has failed
+  bool m_failureTold = false;       // since a task was done
 
   // Whether a thread is inside Process, or, in End, has taken its place for good.
   enum class Occupied : std::uint8_t { kNo, kYes, kYesAndAwaited };

@@ -12,6 +12,7 @@
 
 #include "core/callback_gate.h"
 #include "core/message_pool.h"
+#include "core/tasks.h"
 
 namespace engine::core {
 
@@ -36,6 +37,9 @@ class EventQueue {
   // Appends an event; dropped after Shutdown. Threads: any.
   void Post(std::shared_ptr<EventHandler> handler, Event event);
 
+  // The same for a task, which makes its callback through the gate. It may overtake events. Threads: any.
+  void Post(std::unique_ptr<Task> task) noexcept;
+
   // Runs events until msec milliseconds have passed (LBM_EVENT_QUEUE_BLOCK: for ever; 0: those that are there now), or
   // Unblock. Returns how many ran. Throws Error when another thread is dispatching.
   int Dispatch(lbm_ulong_t msec);
@@ -55,7 +59,9 @@ class EventQueue {
     Event event;
   };
 
-  void RunNext();
+  bool NothingLeft() const noexcept { return m_done == m_taken.size(); }
+  void RunEvent();
+  static void RunTask(std::unique_ptr<Task> task);
 
   const bool m_cancellationCallbacks;
   CallbackGate m_gate;
@@ -68,6 +74,7 @@ class EventQueue {
   std::condition_variable m_changed;
   // Guarded by m_mutex:
   std::vector<Entry> m_posted;
+  TaskList m_tasks;
   bool m_dispatching = false;
   bool m_unblocked = false;
   bool m_shutDown = false;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 
 namespace engine {
@@ -20,11 +21,21 @@ std::shared_mutex g_mutex;
 lbm_log_cb_proc g_receiver = &WriteToStandardError;  // guarded by g_mutex
 void* g_clientData = nullptr;                        // guarded by g_mutex
 
+void Tell(int level, const char* text) noexcept {
+  const std::shared_lock lock(g_mutex);
+  g_receiver(level, text, g_clientData);
+}
+
 }  // namespace
 
-void Notice(int level, const std::string& text) noexcept {
-  const std::shared_lock lock(g_mutex);
-  g_receiver(level, text.c_str(), g_clientData);
+void Notice(int level, const std::string& text) noexcept { Tell(level, text.c_str()); }
+
+void Notice(int level, const char* text, const std::exception& error) noexcept {
+  try {
+    Notice(level, text + std::string(error.what()));
+  } catch (const std::bad_alloc&) {
+    Tell(level, "out of memory");
+  }
 }
 
 void SetNoticeReceiver(lbm_log_cb_proc receiver, void* clientData) noexcept {

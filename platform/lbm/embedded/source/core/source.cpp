@@ -1,7 +1,9 @@
 #include "core/source.h"
 
+#include <exception>
 #include <utility>
 
+#include "core/notice.h"
 #include "options/option_keys.h"
 #include "system/error.h"
 
@@ -29,13 +31,13 @@ void Source::ThrowContextDeleted() const {
 }
 
 void Source::Notify(int event, const std::string& text) {
+  if (m_callback) {
+    Dispatch({.code = event, .text = text});
+  }
   if (event == LBM_SRC_EVENT_CONNECT) {
     m_statistics.Serial().Add(source_field::kSubscribers);
   } else if (event == LBM_SRC_EVENT_DISCONNECT) {
     m_statistics.Serial().Subtract(source_field::kSubscribers);
-  }
-  if (m_callback) {
-    Dispatch({.code = event, .text = text});
   }
 }
 
@@ -54,14 +56,21 @@ OptionSet Source::Options() const {
 void SourceTable::Add(const std::shared_ptr<Source>& source) {
   // Locked throughout, so that the first subscriber's event finds the source, and the source its publication.
   const std::lock_guard lock(m_mutex);
+  decltype(m_sources) prepared;
+  auto entry = prepared.extract(prepared.emplace(0, source).first);
   source->m_publication = m_transport.Advertise(
       {.topic = source->m_topic.name, .pacing = source->m_pacing, .statistics = &source->m_statistics});
-  m_sources.emplace(source->m_publication->Id(), source);
+  entry.key() = source->m_publication->Id();
+  m_sources.insert(std::move(entry));
   m_statistics.Counters().Add(context_field::kSources);
 }
 
-void SourceTable::Remove(Source& source) {
-  m_transport.Withdraw(*source.m_publication);
+void SourceTable::Remove(Source& source) noexcept {
+  try {
+    m_transport.Withdraw(*source.m_publication);
+  } catch (const std::exception& error) {
+    Notice(LBM_LOG_WARNING, "others may not know that a source is deleted: ", error);
+  }
   {
     const std::lock_guard lock(m_mutex);
     if (m_sources.erase(source.m_publication->Id()) != 0) {

@@ -3,10 +3,10 @@
 
 #include <lbm/lbm.h>
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 
 #include "core/target.h"
 #include "core/topics.h"
@@ -32,7 +32,8 @@ class Source : public Target {
     return result;
   }
 
-  // Tells the application, if it wants to know. event: one of LBM_SRC_EVENT_... Threads: the context's dispatching one.
+  // Tells the application, if it wants to know, unless it throws. event: one of LBM_SRC_EVENT_... Threads: the
+  // context's dispatching one.
   void Notify(int event, const std::string& text);
 
   // The event's code is one of LBM_SRC_EVENT_..., its text the event data, if any.
@@ -60,11 +61,11 @@ class SourceTable {
   explicit SourceTable(Membership& membership) noexcept
       : m_transport(membership.GetTransport()), m_statistics(membership.Statistics()) {}
 
-  // Advertises the source; its first event may come before this returns.
+  // Advertises the source; its first event may come before this returns. When it throws, nobody has heard of it.
   void Add(const std::shared_ptr<Source>& source);
 
   // Withdraws it; after this no callback of it runs, except the one that this is called from.
-  void Remove(Source& source);
+  void Remove(Source& source) noexcept;
 
   // The source to be told of what happens to the publication; null when there is none.
   std::shared_ptr<Source> Find(const transport::Publication& publication);
@@ -76,7 +77,7 @@ class SourceTable {
   transport::Transport& m_transport;
   ContextStatistics& m_statistics;
   std::mutex m_mutex;
-  std::unordered_map<std::uint32_t, std::weak_ptr<Source>> m_sources;  // by Publication::Id; under m_mutex
+  std::map<std::uint32_t, std::weak_ptr<Source>> m_sources;  // by Publication::Id; under m_mutex
 };
 
 }  // namespace engine::core

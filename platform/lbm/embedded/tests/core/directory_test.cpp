@@ -71,7 +71,7 @@ class DirectoryTest : public ::testing::Test {
   }
   ~DirectoryTest() override { m_context->Remove(nullptr); }
 
-  std::shared_ptr<Receiver> Receive(const char* topic, std::vector<std::string>& lines) {
+  OpenReceiver Receive(const char* topic, std::vector<std::string>& lines) {
     OptionSet options = OptionSet::BuiltInDefaults(Scope::kReceiver);
     options.SetText("loss_burst_threshold", "2");
     const auto record = [](lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
@@ -80,7 +80,7 @@ class DirectoryTest : public ::testing::Test {
                                                                  std::to_string(message->len));
       return 0;
     };
-    std::shared_ptr<Receiver> receiver;
+    OpenReceiver receiver;
     m_context->CreateReceiver(m_context->Topics().Find(topic, options), {.proc = record, .clientd = &lines}, nullptr,
                               receiver);
     return receiver;
@@ -107,27 +107,27 @@ TEST_F(DirectoryTest, ADeletionInACallbackHoldsThoughProcessingFailsAfterIt) {
 
 TEST_F(DirectoryTest, ReportsLossOneByOneUpToTheThresholdAndThenAsABurst) {
   std::vector<std::string> lines;
-  const auto receiver = Receive("T", lines);
+  auto receiver = Receive("T", lines);
   Play([&](transport::Listener& listener) {
     listener.OnSourceUp(m_source);
     listener.OnLoss(*m_source, 0xffffffff, 2);
     listener.OnLoss(*m_source, 1, 3);
   });
   EXPECT_EQ((std::vector<std::string>{"20 4294967295 0", "4 4294967295 0", "4 0 0", "5 1 3"}), lines);
-  m_context->DeleteReceiver(receiver);
+  m_context->DeleteReceiver(std::move(receiver));
 }
 
 TEST_F(DirectoryTest, SubscribesWhileThereIsAReceiver) {
   std::vector<std::string> lines;
   Play([&](transport::Listener& listener) { listener.OnSourceUp(m_source); });
   EXPECT_TRUE(m_transport->subscriptions.empty());
-  const auto first = Receive("T", lines);
-  const auto second = Receive("T", lines);
+  auto first = Receive("T", lines);
+  auto second = Receive("T", lines);
   m_context->ProcessEvents(0);
-  m_context->DeleteReceiver(first);
+  m_context->DeleteReceiver(std::move(first));
   m_context->ProcessEvents(0);
   EXPECT_EQ((std::vector<std::string>{"+T"}), m_transport->subscriptions);
-  m_context->DeleteReceiver(second);
+  m_context->DeleteReceiver(std::move(second));
   m_context->ProcessEvents(0);
   EXPECT_EQ((std::vector<std::string>{"+T", "-T"}), m_transport->subscriptions);
   Play([&](transport::Listener& listener) {
@@ -141,13 +141,13 @@ TEST_F(DirectoryTest, SubscribesWhileThereIsAReceiver) {
 
 TEST_F(DirectoryTest, ASourceThatNeverSpokeEndsInSilence) {
   std::vector<std::string> lines;
-  const auto receiver = Receive("T", lines);
+  auto receiver = Receive("T", lines);
   Play([&](transport::Listener& listener) {
     listener.OnSourceUp(m_source);
     listener.OnSourceDown(m_source);
   });
   EXPECT_TRUE(lines.empty());
-  m_context->DeleteReceiver(receiver);
+  m_context->DeleteReceiver(std::move(receiver));
 }
 
 }  // namespace
