@@ -52,7 +52,11 @@ class RawPeer {
     ::sendmsg(m_socket.Get(), &packet.message, MSG_NOSIGNAL);
   }
   void Send(wire::Type type, int descriptor = -1) const { Send(wire::BytesOf(wire::Signal{type}), descriptor); }
-  void Greet() const { Send(wire::EncodeHello({1, 2, "raw"})); }
+  // As a context that nobody has met.
+  void Greet() const {
+    static std::uint64_t instance = 0;
+    Send(wire::EncodeHello({++instance, 2, "raw"}));
+  }
 
   // Reads frames up to one with a descriptor.
   zq::posix::Descriptor ReceiveDescriptor() const {

@@ -18,9 +18,9 @@
 
 namespace {
 
-enum class Call : std::uint8_t { kMemfdCreate, kPosixFallocate, kWatch, kMkdirat, kBind, kLinkat };
+enum class Call : std::uint8_t { kMemfdCreate, kPosixFallocate, kMap, kWatch, kMkdirat, kBind, kLinkat };
 
-constinit std::array<std::atomic<int>, 6> g_errors{};  // by the call; 0: not refused
+constinit std::array<std::atomic<int>, 7> g_errors{};  // by the call; 0: not refused
 
 // While it lives, the call fails with the error on every thread. One at a time for each call.
 class Refusal {
@@ -62,6 +62,13 @@ int posix_fallocate(int fd, off_t offset, off_t length) {
   static auto* const real = Next<int(int, off_t, off_t)>("posix_fallocate");
   return IsRefused(Call::kPosixFallocate) ? errno : real(fd, offset, length);
 }
+
+#ifndef __SANITIZE_THREAD__  // whose run-time library maps memory before it can run this
+void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+  static auto* const real = Next<void*(void*, size_t, int, int, int, off_t)>("mmap");
+  return fd >= 0 && IsRefused(Call::kMap) ? MAP_FAILED : real(address, size, protection, flags, fd, offset);
+}
+#endif
 
 int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
   static auto* const real = Next<int(int, int, int, epoll_event*)>("epoll_ctl");
@@ -195,7 +202,7 @@ TEST_F(RefusingSystem, ALinkThatCannotBeWatchedIsTriedAgain) {
   ExpectNothingIsLeft();
 }
 
-TEST_F(RefusingSystem, ARingThatCannotBeReceivedEndsThatLinkAlone) {
+TEST_F(RefusingSystem, WhoCannotReceiveARingLosesThatLinkAloneAndGetsItBack) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the undefined-behaviour sanitizer takes a descriptor to look at a type, and there is none";
 #endif
@@ -210,11 +217,33 @@ TEST_F(RefusingSystem, ARingThatCannotBeReceivedEndsThatLinkAlone) {
   EXPECT_TRUE(m_late->Heard("down T"));
   ExpectOtherIsServed();
   EXPECT_TRUE(m_source.Heard("left late"));
+  m_source.events.clear();
+  ExpectLateIsServed();
+  ExpectNothingIsLeft();
+}
+
+TEST_F(RefusingSystem, WhoCannotReceiveARingForLongLooksForItLessAndLess) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "memory is always mapped";
+#endif
+  using Clock = std::chrono::steady_clock;
+  constexpr long kTimes = 4;
+  const auto begin = Clock::now();
+  while (std::count(m_late->events.begin(), m_late->events.end(), "down T") < kTimes) {
+    ASSERT_LT(Clock::now() - begin, std::chrono::seconds(60));
+    m_source.Drain();
+    const Refusal refusal(Call::kMap, ENOMEM);
+    m_late->Drain();
+  }
+  EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50 + 100 + 200));
+  EXPECT_THAT(m_late->Notices(), ElementsAre(HasSubstr("free memory")));
+  m_source.events.clear();
+  ExpectLateIsServed();
   ExpectNothingIsLeft();
 }
 
 // Each time that the publisher has something to do with the late context: when it comes, looks, subscribes and goes.
-TEST_F(RefusingSystem, RunningOutOfMemoryEndsThatLinkAlone) {
+TEST_F(RefusingSystem, RunningOutOfMemoryHarmsThatLinkAlone) {
   m_source.events.reserve(1000);  // not to be what fails
   constexpr int kOccasions = 4;
   for (int occasion = 0; occasion < kOccasions; ++occasion) {
@@ -239,16 +268,17 @@ TEST_F(RefusingSystem, RunningOutOfMemoryEndsThatLinkAlone) {
       Settle({&m_source});
       EXPECT_TRUE(m_source.Heard("left late") || !joined);
       ExpectOtherIsServed();
-      EXPECT_EQ(Holdings::Now(), m_before);
+      // Without memory for a warning it keeps what it is about.
+      DrainUntil({&m_source}, "what was held for the late context", [&] { return Holdings::Now() == m_before; });
       m_late = std::make_unique<Member>(SettingsIn(m_directory, "late"));
     }
-    EXPECT_GT(allocations, 1U) << occasion;
+    EXPECT_TRUE(allocations > 1 || occasion == 3) << occasion << ": only that it goes needs no memory";
   }
   EXPECT_THAT(m_source.Notices(), testing::Contains(HasSubstr("out of memory")));
 }
 
 // The message is larger than the ring, so its fragments have to wait in memory.
-TEST_F(RefusingSystem, RunningOutOfMemoryInsideAMessageEndsThatLinkAlone) {
+TEST_F(RefusingSystem, RunningOutOfMemoryInsideAMessageLosesThatLinkAlone) {
   m_other.transport->Unsubscribe(*m_other.sources.at("T"));
   std::size_t allocations = 0;
   for (bool whole = false; !whole; ++allocations) {
@@ -263,7 +293,8 @@ TEST_F(RefusingSystem, RunningOutOfMemoryInsideAMessageEndsThatLinkAlone) {
     Publish(*m_source.transport, *m_publication, "next");
     Settle({&m_source, m_late.get()});
     whole = m_late->messages == 2;
-    EXPECT_EQ(m_late->messages, whole ? 2U : 0U);
+    // One that lost the link may be back for the second message.
+    EXPECT_TRUE(whole || m_late->messages == 0 || m_late->Heard("T: next"));
     EXPECT_EQ(m_late->Heard("down T"), !whole);
     EXPECT_EQ(m_source.Heard("left late"), !whole);
     EXPECT_TRUE(m_late->Notices().empty());

@@ -87,7 +87,7 @@ class HostTransport final : public Transport {
  private:
   Rendezvous::Outcome LinkTo(const std::string& name, std::shared_ptr<Link>& link);
   std::shared_ptr<Link> LinkToSelf();
-  Peer* Adopt(zq::posix::Descriptor& socket, LinkKind kind);
+  Peer* Adopt(zq::posix::Descriptor& socket, LinkKind kind, const std::string& fileName);
   void NoteGreeting(Peer& peer);
   void ForgetName(Peer& peer);
   std::size_t MeetOthers(Listener& listener);
@@ -98,6 +98,8 @@ class HostTransport final : public Transport {
   std::size_t Serve(Peer& peer, std::uint32_t events, Listener& listener);
   Link::Received ServeFrame(Peer& peer, std::size_t& done, Listener& listener);
   void EndPeer(Peer& peer, Listener& listener);
+  void FinishPeer(Peer& peer, Listener& listener);
+  void WarnOfShortage(const Peer& peer, int error);
   void FlushPeers(std::chrono::milliseconds linger);
 
   const HostSettings m_settings;
@@ -127,6 +129,7 @@ class HostTransport final : public Transport {
   std::chrono::steady_clock::time_point m_lastPark;
   std::vector<std::byte> m_packet;
   int m_callsPostponed = 0;
+  bool m_shortageTold = false;
 };
 
 HostTransport::HostTransport(const HostSettings& settings)
@@ -142,13 +145,13 @@ HostTransport::HostTransport(const HostSettings& settings)
       m_introductions(m_rendezvous, m_publications, m_retryTimer, m_warnings,
                       [this](const std::string& name, std::shared_ptr<Link>& link) { return LinkTo(name, link); }),
       m_acceptor(m_rendezvous.Join(), m_poller, kAcceptToken, m_retryTimer, m_warnings,
-                 [this](zq::posix::Descriptor& socket) { Adopt(socket, LinkKind::kPeer); }),
+                 [this](zq::posix::Descriptor& socket) { Adopt(socket, LinkKind::kPeer, {}); }),
       m_packet(wire::kPacketMax) {}
 
 std::shared_ptr<Publication> HostTransport::Advertise(const PublicationInfo& info) {
-  auto publication = m_publications.Advertise(info);
+  auto publication = m_publications.Advertise(info, KeyOf(info.topic));
   try {
-    m_rendezvous.Say(Role::kOffers, KeyOf(info.topic));
+    m_rendezvous.Say(Role::kOffers, publication->Key());
   } catch (...) {
     m_publications.Withdraw(*publication);
     throw;
@@ -165,7 +168,7 @@ std::shared_ptr<Publication> HostTransport::Advertise(const PublicationInfo& inf
 void HostTransport::Withdraw(Publication& publication) {
   auto& own = static_cast<HostPublication&>(publication);
   if (m_publications.Withdraw(own)) {
-    m_rendezvous.TakeBack(Role::kOffers, KeyOf(own.Info().topic));
+    m_rendezvous.TakeBack(Role::kOffers, own.Key());
   }
 }
 
@@ -236,17 +239,20 @@ void HostTransport::Close(std::chrono::milliseconds linger) noexcept {
   } catch (const std::exception& error) {
     m_warnings.Tell([&] { return std::string("left the domain without sending everything: ") + TextOf(error); });
   }
-  for (const auto& link : m_publications.Attached()) {
-    link->Close();
-  }
+  m_publications.CloseLinks();
   m_settings.statistics->Counters().Set(context_field::kPeers, 0);
 }
 
 std::size_t HostTransport::MeetOthers(Listener& listener) {
   const std::size_t done = m_introductions.Run();
   if (m_introductions.TakeUnwatched()) {
-    for (auto& [id, peer] : m_peers) {
-      peer.EndUnwatched(listener);
+    try {
+      for (auto& [id, peer] : m_peers) {
+        peer.EndUnwatched(listener);
+      }
+    } catch (const std::exception&) {
+      m_introductions.GiveBackUnwatched();
+      m_retryTimer.Start();
     }
   }
   return done;
@@ -261,17 +267,18 @@ Rendezvous::Outcome HostTransport::LinkTo(const std::string& name, std::shared_p
     link = found->second.front()->GetLink();
     return Rendezvous::Outcome::kConnected;
   }
+  std::vector<Peer*>& same = m_byName[name];
+  same.reserve(1);
   zq::posix::Descriptor socket;
   const Rendezvous::Outcome outcome = m_rendezvous.Connect(name, socket);
   if (outcome != Rendezvous::Outcome::kConnected) {
     return outcome;
   }
-  Peer* const peer = Adopt(socket, LinkKind::kPeer);
+  Peer* const peer = Adopt(socket, LinkKind::kPeer, name);
   if (peer == nullptr) {
     return Rendezvous::Outcome::kGone;
   }
-  peer->SetFileName(name);
-  m_byName[name].push_back(peer);
+  same.push_back(peer);
   link = peer->GetLink();
   return outcome;
 }
@@ -284,21 +291,27 @@ std::shared_ptr<Link> HostTransport::LinkToSelf() {
     }
     zq::posix::Descriptor advertising(ends[0]);
     zq::posix::Descriptor finding(ends[1]);
-    Adopt(finding, LinkKind::kSelfFinding);
-    m_self = Adopt(advertising, LinkKind::kSelfAdvertising)->GetLink();
+    const auto link = Adopt(finding, LinkKind::kSelfFinding, m_rendezvous.Name())->GetLink();
+    try {
+      m_self = Adopt(advertising, LinkKind::kSelfAdvertising, m_rendezvous.Name())->GetLink();
+    } catch (...) {
+      link->Abort({});
+      throw;
+    }
   }
   return m_self;
 }
 
-// See Acceptor::Adopt. Null when it is refused for good.
-Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
+// See Acceptor::Adopt. Null when it is refused for good. fileName: of the context, as far as it is known.
+Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind, const std::string& fileName) {
   if (!SameUser(socket.Get())) {
     m_warnings.Tell([] { return "refused a context that runs as another user"; });
     return nullptr;
   }
   const std::uint64_t id = m_nextLinkId++;
   m_poller.Add(socket.Get(), id, EPOLLIN);
-  const auto link = std::make_shared<Link>(id, kind, std::move(socket), m_poller, m_parkingWord.GetDescriptor());
+  const auto link =
+      std::make_shared<Link>(id, kind, std::move(socket), m_poller, m_retryTimer, m_parkingWord.GetDescriptor());
   Peer& peer = m_peers
                    .try_emplace(id, link,
                                 Peer::Surroundings{m_publications, m_introductions, m_closed,
@@ -308,6 +321,9 @@ Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind) {
     m_settings.statistics->Counters().Serial().Add(context_field::kPeers);
   }
   try {
+    if (!fileName.empty()) {
+      peer.SetFileName(fileName);
+    }
     m_publications.Attach(link, m_hello);
     if (kind == LinkKind::kPeer && m_introductions.WatchesAll()) {
       link->SendSignal(wire::Type::kWantAll);
@@ -333,11 +349,13 @@ void HostTransport::NoteGreeting(Peer& peer) {
 // Where there are two links to a context, the other one ends as well.
 void HostTransport::ForgetName(Peer& peer) {
   const auto found = m_byName.find(peer.FileName());
-  if (found == m_byName.end() || std::erase(found->second, &peer) == 0) {
+  if (found == m_byName.end()) {
     return;
   }
-  for (Peer* const other : found->second) {
-    other->GetLink()->Abort({});
+  if (std::erase(found->second, &peer) != 0) {
+    for (Peer* const other : found->second) {
+      other->GetLink()->Abort({});
+    }
   }
   if (found->second.empty()) {
     m_byName.erase(found);
@@ -359,7 +377,17 @@ void HostTransport::Retry(Listener& listener) {
     return;
   }
   bool refused = false;
-  for (auto& [id, peer] : m_peers) {
+  bool anyShort = false;
+  for (auto next = m_peers.begin(); next != m_peers.end();) {
+    Peer& peer = next++->second;
+    if (peer.Ending()) {
+      FinishPeer(peer, listener);
+      continue;
+    }
+    if (const int error = peer.GetLink()->Shortage(); error != 0 && !peer.GetLink()->Flush()) {
+      anyShort = true;
+      WarnOfShortage(peer, error);
+    }
     if (!peer.AwaitsRing()) {
       continue;
     }
@@ -371,6 +399,7 @@ void HostTransport::Retry(Listener& listener) {
       peer.GetLink()->Abort(TextOf(error));
     }
   }
+  m_shortageTold = m_shortageTold && anyShort;
   m_acceptor.Retry();
   m_introductions.Retry();
   if (refused) {
@@ -455,56 +484,71 @@ Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener
 // For a link that is hung up, by either side.
 void HostTransport::EndPeer(Peer& peer, Listener& listener) {
   std::erase(m_producers, &peer);
-  HostPublications publications;
-  try {
-    publications = m_publications.Detach(*peer.GetLink());
-  } catch (const std::bad_alloc&) {
-    return;  // the link will be found hung up again
+  m_publications.Detach(*peer.GetLink());
+  Introductions::Place place = peer.TakePlace();
+  peer.reasonUntold = place.empty() || m_introductions.LookAgain(std::move(place));
+  if (peer.GetLink()->Kind() == LinkKind::kPeer) {
+    m_settings.statistics->Counters().Serial().Subtract(context_field::kPeers);
+    ForgetName(peer);
+  } else if (m_self == peer.GetLink()) {
+    m_self.reset();
   }
-  m_warnings.Tell([&] {
+  peer.GetLink()->Close();
+  FinishPeer(peer, listener);
+}
+
+// Tells the listener and operators of the end. What cannot be told yet is when the retry timer goes off.
+void HostTransport::FinishPeer(Peer& peer, Listener& listener) {
+  try {
+    peer.End(listener);
+  } catch (const std::exception&) {
+    m_retryTimer.Start();
+    return;
+  }
+  const bool told = !peer.reasonUntold || m_warnings.Tell([&] {
     const std::string reason = peer.GetLink()->AbortReason();
     return reason.empty() ? reason : "cut off " + peer.Description() + ": " + reason;
   });
-  if (peer.GetLink()->Kind() == LinkKind::kPeer) {
-    m_settings.statistics->Counters().Serial().Subtract(context_field::kPeers);
+  if (told) {
+    m_peers.erase(peer.GetLink()->Id());
+  } else {
+    m_retryTimer.Start();
   }
-  ForgetName(peer);
-  const auto node = m_peers.extract(peer.GetLink()->Id());
-  peer.GetLink()->Close();
-  peer.End(listener);
-  for (const auto& publication : publications) {
-    if (!publication->Withdrawn()) {
-      listener.OnSubscriberLeft(*publication, peer.Name());
-    }
-  }
-  for (const auto& publication : publications) {
-    // It may have been the one without space.
-    if (publication->TakeBlocked() && !publication->Withdrawn()) {
-      listener.OnWritable(*publication);
-    }
+}
+
+// A peer to which something cannot be sent for the moment; told once for all until it could be.
+void HostTransport::WarnOfShortage(const Peer& peer, int error) {
+  if (!std::exchange(m_shortageTold, true)) {
+    m_warnings.Tell([&] { return "cannot send to " + peer.Description() + " yet: " + zq::posix::ErrorText(error); });
   }
 }
 
 void HostTransport::FlushPeers(std::chrono::milliseconds linger) {
-  // Space in a ring does not show on a descriptor.
+  // Space in a ring does not show on a descriptor, nor does the end of a shortage.
   constexpr std::chrono::milliseconds kRingPollInterval{1};
   const auto deadline = std::chrono::steady_clock::now() + linger;
   std::vector<pollfd> unsent;
   for (;;) {
     unsent.clear();
     const bool ringsPending = !m_publications.FlushAll();
+    bool anyShort = false;
     for (const auto& link : m_publications.Attached()) {
       // Nobody is left at the other end of the links to this context itself.
       if (link->Kind() == LinkKind::kPeer && !link->Flush()) {
         unsent.push_back({link->GetDescriptor(), POLLOUT, 0});
+        anyShort = anyShort || link->Shortage() != 0;
       }
     }
     const auto left = deadline - std::chrono::steady_clock::now();
     if ((unsent.empty() && !ringsPending) || left <= left.zero()) {
       return;
     }
+    if (anyShort) {
+      unsent.clear();  // their sockets are writable
+    }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(left);
-    ::poll(unsent.data(), unsent.size(), static_cast<int>((ringsPending ? kRingPollInterval : wait).count()));
+    const auto interval = ringsPending || anyShort ? kRingPollInterval : wait;
+    ::poll(unsent.data(), unsent.size(), static_cast<int>(interval.count()));
   }
 }
 

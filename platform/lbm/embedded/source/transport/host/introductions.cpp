@@ -12,6 +12,10 @@ namespace {
 constexpr std::size_t kErrandsMax = 32;
 constexpr std::size_t kLettersMax = 64;
 
+// Between looks for a context; doubled while links to it end soon after they were made.
+constexpr std::chrono::milliseconds kFirstLook{50};
+constexpr std::chrono::milliseconds kLastLook{10'000};
+
 }  // namespace
 
 Introductions::Introductions(Rendezvous& rendezvous, PublicationRegistry& publications, RetryTimer& retryTimer,
@@ -69,8 +73,11 @@ std::size_t Introductions::Run() {
     while (done < kErrandsMax && (left = DoFirstErrand())) {
       ++done;
     }
+    if (m_nextLook <= Clock::now()) {
+      LookForLost();
+    }
     done += SendLetters();
-    m_refusalTold = m_refusalTold && done == 0;
+    m_refusalTold = m_refusalTold && (done == 0 || m_refused);
   } catch (const std::exception& error) {
     NoteRefusal(error);
   }
@@ -79,6 +86,95 @@ std::size_t Introductions::Run() {
     m_refused ? m_retryTimer.Start() : m_retryTimer.StartNow();
   }
   return done;
+}
+
+void Introductions::Retry() noexcept {
+  m_refused = false;
+  if (m_nextLook == kNever) {
+    return;
+  }
+  if (const auto now = Clock::now(); m_nextLook <= now) {
+    m_pending = true;
+  } else {
+    m_retryTimer.Start(std::chrono::ceil<std::chrono::milliseconds>(m_nextLook - now));
+  }
+}
+
+Introductions::Place Introductions::MakePlace(const std::string& name) {
+  LostContexts made;
+  return made.extract(made.emplace(name, Lost{}).first);
+}
+
+bool Introductions::LookAgain(Place place) noexcept {
+  const auto now = Clock::now();
+  Lost& lost = m_lost.insert(std::move(place)).position->second;
+  const bool justFound = lost.linked != Clock::time_point() && now - lost.linked < kLastLook;
+  const bool inARow = lost.delay.count() != 0 && (justFound || lost.due != kNever);
+  lost.delay = inARow ? std::min(2 * lost.delay, kLastLook) : kFirstLook;
+  lost.due = now + lost.delay;
+  m_nextLook = std::min(m_nextLook, lost.due);
+  m_retryTimer.Start(lost.delay);
+  return !inARow;
+}
+
+void Introductions::LookForLost() {
+  const auto now = Clock::now();
+  for (auto lost = m_lost.begin(); lost != m_lost.end();) {
+    if (lost->second.due > now) {
+      ++lost;
+    } else if (!m_rendezvous.IsThere(lost->first)) {
+      lost = m_lost.erase(lost);
+    } else {
+      WriteAgain(lost->first);
+      lost->second.due = kNever;
+      lost->second.linked = now;
+      ++lost;
+    }
+  }
+  m_nextLook = kNever;
+  for (const auto& [name, lost] : m_lost) {
+    m_nextLook = std::min(m_nextLook, lost.due);
+  }
+  if (m_nextLook != kNever) {
+    m_retryTimer.Start(std::chrono::ceil<std::chrono::milliseconds>(m_nextLook - now));
+  }
+}
+
+// What the two have to do with each other, by the directory.
+void Introductions::WriteAgain(const std::string& name) {
+  const bool self = name == m_rendezvous.Name();
+  Letter letter;
+  for (const std::uint32_t id : m_publications.All()) {
+    const auto publication = m_publications.Find(id);
+    const auto wants = [&](const std::string& key) { return m_rendezvous.Says(Role::kWants, key, name); };
+    if (publication != nullptr &&
+        (self ? Watches(publication->Info().topic) : wants(publication->Key()) || wants(kEveryTopic))) {
+      letter.offered.push_back(id);
+    }
+  }
+  if (!self) {
+    for (std::string& topic : WatchedTopics()) {
+      if (m_rendezvous.Says(Role::kOffers, KeyOf(topic), name)) {
+        letter.wanted.push_back(std::move(topic));
+      }
+    }
+  }
+  if ((m_watchesAll && !self) || !letter.offered.empty() || !letter.wanted.empty()) {
+    Letter& whole = m_letters[name];
+    whole.offered.insert(whole.offered.end(), letter.offered.begin(), letter.offered.end());
+    whole.wanted.insert(whole.wanted.end(), letter.wanted.begin(), letter.wanted.end());
+  }
+}
+
+std::vector<std::string> Introductions::WatchedTopics() const {
+  std::vector<std::string> topics;
+  const std::lock_guard lock(m_mutex);
+  for (const auto& [topic, watched] : m_watched) {
+    if (watched.wanted) {
+      topics.push_back(topic);
+    }
+  }
+  return topics;
 }
 
 void Introductions::Postpone() {
@@ -214,18 +310,25 @@ void Introductions::OfferToSelf(const std::vector<std::uint32_t>& publications) 
 std::size_t Introductions::SendLetters() {
   std::size_t done = 0;
   for (auto letter = m_letters.begin(); letter != m_letters.end() && done < kLettersMax;) {
-    std::shared_ptr<Link> link;
-    const Rendezvous::Outcome outcome = m_linkTo(letter->first, link);
-    if (outcome == Rendezvous::Outcome::kBacklogFull) {
-      m_refused = true;  // for a while; not worth a word
+    try {
+      std::shared_ptr<Link> link;
+      const Rendezvous::Outcome outcome = m_linkTo(letter->first, link);
+      if (outcome == Rendezvous::Outcome::kBacklogFull) {
+        m_refused = true;  // for a while; not worth a word
+        ++letter;
+        continue;
+      }
+      if (outcome == Rendezvous::Outcome::kConnected) {
+        Send(letter->second, link);
+      } else if (outcome == Rendezvous::Outcome::kGone) {
+        m_lost.erase(letter->first);
+      }
+      letter = m_letters.erase(letter);
+      ++done;
+    } catch (const std::exception& error) {
+      NoteRefusal(error);
       ++letter;
-      continue;
     }
-    if (outcome == Rendezvous::Outcome::kConnected) {
-      Send(letter->second, link);
-    }
-    letter = m_letters.erase(letter);
-    ++done;
   }
   return done;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <exception>
@@ -23,8 +24,23 @@
 
 namespace engine::transport::host {
 
-// Threads: Run, Retry and TakeUnwatched are for the thread inside Drain; everything else may be called on any.
+// A context to which a link has ended although it may still be there is looked for again: for want of something, one of
+// the two may have cut the other off.
+//
+// Threads: Run, Retry, TakeUnwatched and LookAgain are for the thread inside Drain; everything else may be called on
+// any.
 class Introductions {
+  using Clock = std::chrono::steady_clock;
+
+  struct Lost {
+    Clock::time_point due = kNever;  // when it is to be looked for
+    Clock::time_point linked;        // when it was found last
+    std::chrono::milliseconds delay{0};
+  };
+  using LostContexts = std::map<std::string, Lost>;  // by their names
+
+  static constexpr Clock::time_point kNever = Clock::time_point::max();
+
  public:
   // Gives the link to the context of that name, this context's own to itself included, and makes it if there is none.
   // Called inside Run. Throws when the system refuses.
@@ -49,10 +65,17 @@ class Introductions {
   std::size_t Run();
   // Instead of Run: lets the retry timer go off for what is due.
   void Postpone();
-  void Retry() noexcept { m_refused = false; }
+  void Retry() noexcept;
+
+  // What it takes to look for a context again, made while there is memory.
+  using Place = LostContexts::node_type;
+  static Place MakePlace(const std::string& name);
+  // A link to the context has ended, or the one of this context to itself. False when it is not the first in a row.
+  bool LookAgain(Place place) noexcept;
 
   // Whether topics have been unwatched since the last call.
   bool TakeUnwatched() noexcept { return std::exchange(m_unwatched, false); }
+  void GiveBackUnwatched() noexcept { m_unwatched = true; }
 
  private:
   struct Watched {
@@ -86,6 +109,9 @@ class Introductions {
   std::size_t SendLetters();
   void Send(const Letter& letter, const std::shared_ptr<Link>& link);
   void NoteRefusal(const std::exception& error);
+  void LookForLost();
+  void WriteAgain(const std::string& name);
+  std::vector<std::string> WatchedTopics() const;
 
   Rendezvous& m_rendezvous;
   PublicationRegistry& m_publications;
@@ -102,6 +128,8 @@ class Introductions {
 
   // For the thread inside Drain:
   std::map<std::string, Letter> m_letters;  // by the context's name
+  LostContexts m_lost;
+  Clock::time_point m_nextLook = kNever;  // the earliest of those
   bool m_foundWatchersOfAll = false;
   bool m_unwatched = false;
   bool m_refused = false;

@@ -13,6 +13,13 @@
 
 namespace engine::transport::host {
 
+namespace {
+
+// Subscriptions of a peer beyond those to present publications, before the others are forgotten.
+constexpr std::size_t kSubscriptionsKept = 64;
+
+}  // namespace
+
 std::string Peer::Description() const {
   if (!m_greeted) {
     return "a context that has not introduced itself";
@@ -102,11 +109,35 @@ void Peer::EndUnwatched(Listener& listener) {
   }
 }
 
+void Peer::SetFileName(const std::string& name) {
+  m_place = Introductions::MakePlace(name);
+  m_fileName = name;
+}
+
 void Peer::End(Listener& listener) {
-  m_lastSource = nullptr;
-  for (const auto& [id, source] : std::exchange(m_sources, {})) {
-    listener.OnSourceDown(source);
+  m_ending = true;
+  m_unanswered.clear();
+  for (const auto& [id, subscription] : m_subscriptions) {
+    subscription.publication->RemoveSubscriber(*m_link);
   }
+  while (!m_sources.empty()) {
+    OnWithdrawn(m_sources.begin()->first, listener);
+  }
+  while (!m_subscriptions.empty()) {
+    EndSubscription(m_subscriptions.begin(), listener);
+  }
+}
+
+void Peer::EndSubscription(Subscriptions::iterator place, Listener& listener) {
+  auto& [publication, leftTold] = place->second;
+  if (!publication->Withdrawn()) {
+    if (!leftTold) {
+      listener.OnSubscriberLeft(*publication, Name());
+      leftTold = true;
+    }
+    TellWritable(*publication, listener);  // it may have been the one without space
+  }
+  m_subscriptions.erase(place);
 }
 
 void Peer::OpenRing(Listener& listener) {
@@ -127,9 +158,21 @@ void Peer::OpenRing(Listener& listener) {
 void Peer::TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener) {
   for (const std::uint32_t id : publications) {
     const auto publication = m_surroundings.publications.Find(id);
-    if (publication && publication->TakeBlocked()) {
-      listener.OnWritable(*publication);
+    if (publication) {
+      TellWritable(*publication, listener);
     }
+  }
+}
+
+void Peer::TellWritable(HostPublication& publication, Listener& listener) {
+  if (!publication.TakeBlocked()) {
+    return;
+  }
+  try {
+    listener.OnWritable(publication);
+  } catch (...) {
+    publication.GiveBackBlocked();
+    throw;
   }
 }
 
@@ -140,7 +183,9 @@ void Peer::OnHello(Bytes frame) {
   if (!m_fileName.empty() && m_fileName != fileName) {
     throw Fault("it answers for another context");
   }
-  m_fileName = fileName;
+  if (m_fileName.empty()) {
+    SetFileName(fileName);
+  }
   m_greeted = true;
 }
 
@@ -173,10 +218,12 @@ void Peer::OnAdvertise(Bytes frame, Listener& listener) {
 }
 
 // Of a source that is not wanted it may not be known.
-void Peer::OnWithdrawn(std::uint32_t source, Listener& listener) {
-  if (const auto node = m_sources.extract(source)) {
+void Peer::OnWithdrawn(std::uint32_t id, Listener& listener) {
+  if (const auto source = m_sources.find(id); source != m_sources.end()) {
     m_lastSource = nullptr;
-    listener.OnSourceDown(node.mapped());
+    listener.OnSourceDown(source->second);
+    m_sources.erase(source);
+    m_lastSource = nullptr;
   }
 }
 
@@ -209,21 +256,25 @@ void Peer::OnSubscribe(const wire::Subscribe& frame, Listener& listener) {
 void Peer::Answer(std::uint32_t source, std::uint32_t token, Listener& listener) {
   // A publication that is not there was withdrawn while the subscription was on its way.
   const auto publication = m_surroundings.publications.Find(source);
-  if (publication && publication->AddSubscriber(m_subscriber, token)) {
+  if (publication == nullptr) {
+    return;
+  }
+  if (m_subscriptions.size() >= m_subscriptionsMax) {
+    std::erase_if(m_subscriptions, [](const auto& entry) { return entry.second.publication->Withdrawn(); });
+    m_subscriptionsMax = 2 * m_subscriptions.size() + kSubscriptionsKept;
+  }
+  const auto place = m_subscriptions.try_emplace(source, Subscription{publication, true}).first;
+  if (publication->AddSubscriber(m_subscriber, token)) {
     listener.OnSubscriberJoined(*publication, Name());
+    place->second.leftTold = false;
   }
 }
 
 void Peer::OnUnsubscribe(const wire::Unsubscribe& frame, Listener& listener) {
   m_unanswered.erase(frame.source);
-  const auto publication = m_surroundings.publications.Find(frame.source);
-  if (!publication || !publication->RemoveSubscriber(*m_link)) {
-    return;
-  }
-  listener.OnSubscriberLeft(*publication, Name());
-  // It may have been the one without space.
-  if (publication->TakeBlocked()) {
-    listener.OnWritable(*publication);
+  if (const auto place = m_subscriptions.find(frame.source); place != m_subscriptions.end()) {
+    place->second.publication->RemoveSubscriber(*m_link);
+    EndSubscription(place, listener);
   }
 }
 

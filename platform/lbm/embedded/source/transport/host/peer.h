@@ -60,7 +60,9 @@ class Peer {
   // The name of the context in the directory of the domain; empty until it has introduced itself.
   const std::string& FileName() const noexcept { return m_fileName; }
   // For a context that was called by that name.
-  void SetFileName(const std::string& name) { m_fileName = name; }
+  void SetFileName(const std::string& name);
+  // For looking for it again; null when its name is not known, and when it was taken.
+  Introductions::Place TakePlace() noexcept { return std::move(m_place); }
 
   // The link on which this context advertises to the peer, when two were made at the same time. This one otherwise.
   void AdvertiseOn(std::shared_ptr<Link> link) noexcept { m_advertising = std::move(link); }
@@ -88,14 +90,26 @@ class Peer {
   // Those of its sources whose topics are no longer watched go down.
   void EndUnwatched(Listener& listener);
 
-  // The link is gone, and with it the peer's sources.
+  // The link is gone, and with it the peer's sources and subscriptions. To be called again when the listener has
+  // thrown.
   void End(Listener& listener);
+  bool Ending() const noexcept { return m_ending; }
+
+  // Whether operators are still to be told why it was cut off.
+  bool reasonUntold = false;
 
  private:
+  struct Subscription {
+    std::shared_ptr<HostPublication> publication;
+    bool leftTold = false;
+  };
+  using Subscriptions = std::map<std::uint32_t, Subscription>;  // by the publication's id
+
+  void EndSubscription(Subscriptions::iterator subscription, Listener& listener);
   void OnHello(Bytes frame);
   void OnWant(Bytes frame);
   void OnAdvertise(Bytes frame, Listener& listener);
-  void OnWithdrawn(std::uint32_t source, Listener& listener);
+  void OnWithdrawn(std::uint32_t id, Listener& listener);
   void OnParkingWord(const zq::posix::Descriptor& memory);
   void OnRing(const zq::posix::Descriptor& memory);
   void OnSubscribe(const wire::Subscribe& frame, Listener& listener);
@@ -105,6 +119,7 @@ class Peer {
   void OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener& listener);
   void OnLoss(const wire::Loss& frame, Listener& listener);
   void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
+  static void TellWritable(HostPublication& publication, Listener& listener);
   void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);
   void SkipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener);
   HostRemoteSource* FindSource(std::uint32_t id);
@@ -113,6 +128,8 @@ class Peer {
   std::shared_ptr<Link> m_advertising;
   const Surroundings m_surroundings;
   std::string m_fileName;
+  Introductions::Place m_place;
+  bool m_ending = false;
   bool m_greeted = false;
   wire::Greeting m_greeting;
   std::string m_identity;  // see Transport::Identity
@@ -123,6 +140,8 @@ class Peer {
   std::optional<PeerParkingWord> m_parkingWord;         // until the ring is opened
   std::map<std::uint32_t, std::uint32_t> m_unanswered;  // tokens of subscriptions, by the source's id
   std::shared_ptr<Subscriber> m_subscriber;             // from the first answer on
+  Subscriptions m_subscriptions;                        // some of them to what was withdrawn meanwhile
+  std::size_t m_subscriptionsMax = 0;                   // before those are looked for
   std::optional<InboundRing> m_inbound;
 };
 

@@ -8,10 +8,11 @@
 
 namespace engine::transport::host {
 
-HostPublication::HostPublication(std::uint32_t id, std::string session, PublicationInfo info,
+HostPublication::HostPublication(std::uint32_t id, std::string session, PublicationInfo info, std::string key,
                                  std::uint32_t firstSequence, Publishing& publishing)
     : Publication(id, std::move(session)),
       m_info(std::move(info)),
+      m_key(std::move(key)),
       m_counters((m_info.statistics != nullptr ? *m_info.statistics : m_uncounted).Serial()),
       m_mutex(publishing.mutex),
       m_sampler(publishing.sampler),
@@ -104,7 +105,7 @@ bool HostPublication::AddSubscriber(const std::shared_ptr<Subscriber>& subscribe
   return true;
 }
 
-bool HostPublication::RemoveSubscriber(const Link& link) {
+bool HostPublication::RemoveSubscriber(const Link& link) noexcept {
   const std::lock_guard lock(m_mutex);
   const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
                                   [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
@@ -116,7 +117,7 @@ bool HostPublication::RemoveSubscriber(const Link& link) {
   return true;
 }
 
-std::vector<std::shared_ptr<Subscriber>> HostPublication::Withdraw() {
+std::vector<std::shared_ptr<Subscriber>> HostPublication::Withdraw() noexcept {
   const std::lock_guard lock(m_mutex);
   m_withdrawn = true;
   for (const auto& subscriber : m_subscribers) {
@@ -130,7 +131,7 @@ bool HostPublication::Withdrawn() const {
   return m_withdrawn;
 }
 
-std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const PublicationInfo& info) {
+std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const PublicationInfo& info, std::string key) {
   if (info.topic.size() > kNameMax) {
     throw std::invalid_argument("the topic \"" + info.topic.substr(0, 64) + "...\" has " +
                                 std::to_string(info.topic.size()) + " bytes; at most " + std::to_string(kNameMax) +
@@ -138,20 +139,22 @@ std::shared_ptr<HostPublication> PublicationRegistry::Advertise(const Publicatio
   }
   const std::lock_guard lock(m_mutex);
   const std::uint32_t id = ++m_lastId;
-  auto publication =
-      std::make_shared<HostPublication>(id, wire::SourceSession(m_identity, id), info, m_firstSequence, m_publishing);
-  auto& ofTopic = m_byTopic[info.topic];
-  ofTopic.push_back(id);
+  auto publication = std::make_shared<HostPublication>(id, wire::SourceSession(m_identity, id), info, std::move(key),
+                                                       m_firstSequence, m_publishing);
+  const auto place = m_publications.emplace(id, Advertised{publication}).first;
   try {
-    m_publications.emplace(id, Advertised{publication});
+    m_byTopic[info.topic].push_back(id);
   } catch (...) {
-    ofTopic.pop_back();
+    m_publications.erase(place);
+    if (const auto ofTopic = m_byTopic.find(info.topic); ofTopic != m_byTopic.end() && ofTopic->second.empty()) {
+      m_byTopic.erase(ofTopic);
+    }
     throw;
   }
   return publication;
 }
 
-bool PublicationRegistry::Withdraw(HostPublication& publication) {
+bool PublicationRegistry::Withdraw(HostPublication& publication) noexcept {
   Links told;
   {
     // First, so that no advertisement can follow the withdrawal on a link.
@@ -266,23 +269,25 @@ void PublicationRegistry::OfferToWatchersOfAll(std::uint32_t id) {
   }
 }
 
-HostPublications PublicationRegistry::Detach(const Link& link) {
+void PublicationRegistry::Detach(const Link& link) noexcept {
   const auto isOf = [&](const std::shared_ptr<Link>& other) { return other.get() == &link; };
-  HostPublications publications;
   {
     const std::lock_guard lock(m_mutex);
-    publications.reserve(m_publications.size());
     std::erase_if(m_links, isOf);
     std::erase_if(m_watchersOfAll, isOf);
     for (auto& [id, advertised] : m_publications) {
       std::erase_if(advertised.told, isOf);
-      publications.push_back(advertised.publication);
     }
   }
-  std::erase_if(publications, [&](const auto& publication) { return !publication->RemoveSubscriber(link); });
   const std::lock_guard lock(m_publishing.mutex);
   std::erase_if(m_subscribers, [&](const auto& subscriber) { return subscriber->GetLink().get() == &link; });
-  return publications;
+}
+
+void PublicationRegistry::CloseLinks() noexcept {
+  const std::lock_guard lock(m_mutex);
+  for (const auto& link : m_links) {
+    link->Close();
+  }
 }
 
 PublicationRegistry::Links PublicationRegistry::Attached() const {

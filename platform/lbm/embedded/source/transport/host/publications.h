@@ -33,10 +33,12 @@ struct Publishing {
 // Threads: any.
 class HostPublication final : public Publication {
  public:
-  HostPublication(std::uint32_t id, std::string session, PublicationInfo info, std::uint32_t firstSequence,
-                  Publishing& publishing);
+  // key: of the topic in the directory of the domain.
+  HostPublication(std::uint32_t id, std::string session, PublicationInfo info, std::string key,
+                  std::uint32_t firstSequence, Publishing& publishing);
 
   const PublicationInfo& Info() const noexcept { return m_info; }
+  const std::string& Key() const noexcept { return m_key; }
 
   // Sends to the subscribers. Without space at one of them and with Pacing::kReceiver, waits as wait allows until there
   // is space or closed is true; when it may not, requests credit and gives kWouldBlock.
@@ -48,14 +50,15 @@ class HostPublication final : public Publication {
   // From now on messages go to the peer, whose subscription is answered. False when the publication is withdrawn.
   bool AddSubscriber(const std::shared_ptr<Subscriber>& subscriber, std::uint32_t token);
   // False when the link had no subscription, or the publication is withdrawn.
-  bool RemoveSubscriber(const Link& link);
+  bool RemoveSubscriber(const Link& link) noexcept;
 
   // Tells the subscribers, and returns them.
-  std::vector<std::shared_ptr<Subscriber>> Withdraw();
+  std::vector<std::shared_ptr<Subscriber>> Withdraw() noexcept;
   bool Withdrawn() const;
 
   // Whether a Publish has given kWouldBlock since the last call.
   bool TakeBlocked() noexcept { return m_blocked.exchange(false); }
+  void GiveBackBlocked() noexcept { m_blocked = true; }
 
  private:
   bool EveryoneHasSpaceCached(std::size_t bytes) const noexcept;
@@ -63,6 +66,7 @@ class HostPublication final : public Publication {
   std::shared_ptr<Subscriber> FindFullRequestingCredit(std::size_t bytes, std::uint32_t& granted) const;
 
   const PublicationInfo m_info;
+  const std::string m_key;
   std::atomic<bool> m_blocked{false};
 
   zq::statistics::Row m_uncounted;
@@ -87,9 +91,9 @@ class PublicationRegistry {
   using Links = std::vector<std::shared_ptr<Link>>;
 
   // Nobody is told yet. Throws std::invalid_argument when the topic's name is too long.
-  std::shared_ptr<HostPublication> Advertise(const PublicationInfo& info);
+  std::shared_ptr<HostPublication> Advertise(const PublicationInfo& info, std::string key);
   // Tells all who know of the publication. False when it was withdrawn before.
-  bool Withdraw(HostPublication& publication);
+  bool Withdraw(HostPublication& publication) noexcept;
   void WithdrawAll();
 
   // Null when there is none of that id any more.
@@ -101,9 +105,10 @@ class PublicationRegistry {
 
   // Sends the hello on the link.
   void Attach(const std::shared_ptr<Link>& link, Bytes hello);
-  // Returns the publications to which the link was subscribed.
-  HostPublications Detach(const Link& link);
+  // Its subscriptions are to be ended beside that.
+  void Detach(const Link& link) noexcept;
   Links Attached() const;
+  void CloseLinks() noexcept;
 
   // Advertises those of the publications that are still there. Does nothing for a link that is detached.
   void Offer(const std::shared_ptr<Link>& link, std::span<const std::uint32_t> ids);

@@ -103,9 +103,13 @@ void Subscriber::Accept(std::uint32_t source, std::uint32_t token, std::uint32_t
   Flush();
 }
 
-void Subscriber::Withdraw(std::uint32_t source) {
-  m_reports[source].withdrawn = true;
-  Flush();
+void Subscriber::Withdraw(std::uint32_t source) noexcept {
+  try {
+    m_reports[source].withdrawn = true;
+    Flush();
+  } catch (const std::bad_alloc&) {
+    GiveUp(kOutOfMemory);
+  }
 }
 
 void Subscriber::Forget(std::uint32_t source) { m_reports.erase(source); }
@@ -126,7 +130,7 @@ bool Subscriber::CheckReachable() {
   return !m_gone;
 }
 
-bool Subscriber::Flush() {
+bool Subscriber::Flush() noexcept {
   if (m_gone) {
     return true;
   }
@@ -262,7 +266,7 @@ void Subscriber::RingIfParked() {
 }
 
 // For good: the ring may hold the beginning of a message whose rest will not come.
-void Subscriber::GiveUp(std::string_view reason) {
+void Subscriber::GiveUp(std::string_view reason) noexcept {
   m_gone = true;
   m_link->Abort(reason);
 }

@@ -63,7 +63,7 @@ class Subscriber {
   // The source's messages follow, from that sequence number on.
   void Accept(std::uint32_t source, std::uint32_t token, std::uint32_t nextSequence);
   // No message of the source follows.
-  void Withdraw(std::uint32_t source);
+  void Withdraw(std::uint32_t source) noexcept;
   // Drops the pending report of the source.
   void Forget(std::uint32_t source);
 
@@ -80,7 +80,7 @@ class Subscriber {
   bool CheckReachable();
 
   // Moves what is pending into the ring, as far as there is space. True when nothing is left.
-  bool Flush();
+  bool Flush() noexcept;
 
  private:
   // What is to be reported of a source, in this order.
@@ -108,7 +108,7 @@ class Subscriber {
     }
   }
   void RingIfParked();
-  void GiveUp(std::string_view reason);
+  void GiveUp(std::string_view reason) noexcept;
 
   const std::shared_ptr<Link> m_link;
   const std::string m_identity;  // of the peer

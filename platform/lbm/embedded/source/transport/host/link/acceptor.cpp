@@ -76,7 +76,7 @@ void Acceptor::TryToAdopt(zq::posix::Descriptor socket) {
     m_refused.push_back(std::move(socket));
     m_retryTimer.Start();
   } catch (const std::exception& error) {
-    m_warnings.Tell([&] { return kNotTakenIn + TextOf(error); });
+    m_warnings.Tell([&] { return kNotTakenIn + TextOf(error); });  // whoever calls will call again
   }
 }
 

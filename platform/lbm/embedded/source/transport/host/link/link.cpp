@@ -66,18 +66,20 @@ void CheckDescriptor(wire::Type type, bool passed) {
 
 }  // namespace
 
-Link::Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, Poller& poller, int parkingWord)
+Link::Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, Poller& poller, RetryTimer& retryTimer,
+           int parkingWord)
     : m_id(id),
       m_kind(kind),
       m_socket(std::move(socket)),
       m_poller(poller),
+      m_retryTimer(retryTimer),
       m_parkingWord(parkingWord),
       m_queueMax(kQueuedMax) {
   // As much as the system grants; less is no fault.
   ::setsockopt(m_socket.Get(), SOL_SOCKET, SO_SNDBUF, &kSocketBufferBytes, sizeof(kSocketBufferBytes));
 }
 
-void Link::SendControl(Bytes frame) {
+void Link::SendControl(Bytes frame) noexcept {
   const std::lock_guard lock(m_mutex);
   const iovec part = PieceOf(frame);
   Send({&part, 1});
@@ -86,7 +88,7 @@ void Link::SendControl(Bytes frame) {
   }
 }
 
-void Link::SendParkingWord() {
+void Link::SendParkingWord() noexcept {
   const std::lock_guard lock(m_mutex);
   if (!std::exchange(m_parkingWordSent, true)) {
     const wire::Signal frame{wire::Type::kParkingWord};
@@ -95,7 +97,7 @@ void Link::SendParkingWord() {
   }
 }
 
-void Link::SendRing(zq::posix::Descriptor memory) {
+void Link::SendRing(zq::posix::Descriptor memory) noexcept {
   const std::lock_guard lock(m_mutex);
   m_ring = std::move(memory);
   const wire::Signal frame{wire::Type::kRing};
@@ -112,6 +114,7 @@ bool Link::TrySendResponse(const wire::ResponseHeader& header, std::span<const i
     m_queueMax = kQueuedMax + header.total;
   }
   constexpr std::size_t kPayloadMax = wire::kPacketMax - sizeof(wire::ResponseHeader);
+  m_parts.reserve(std::min<std::size_t>(pieces.size(), IOV_MAX - 1) + 1);  // so that nothing fails between fragments
   PieceCursor cursor(pieces);
   std::size_t left = header.total;
   do {
@@ -194,12 +197,16 @@ std::string Link::AbortReason() const {
 }
 
 // Hands one frame to the socket, or queues it behind those that wait for it.
-void Link::Send(std::span<const iovec> parts) {
+void Link::Send(std::span<const iovec> parts) noexcept {
   if (m_broken || (m_queue.Empty() && Transmit(parts)) || m_broken) {
     return;
   }
-  m_queue.Push(parts);
-  WatchWritable(true);
+  try {
+    m_queue.Push(parts);
+    WatchWritable(m_shortage == 0);
+  } catch (const std::bad_alloc&) {
+    CutOff(kOutOfMemory);
+  }
 }
 
 // Hands one frame to the socket. False when it has to wait or the peer is gone.
@@ -212,8 +219,14 @@ bool Link::Transmit(std::span<const iovec> parts) {
   if (wire::CarriesDescriptor(type)) {
     PassDescriptor(message, control, type == wire::Type::kRing ? m_ring.Get() : m_parkingWord);
   }
+  m_shortage = 0;
   while (::sendmsg(m_socket.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-    if (errno == EAGAIN || errno == ENOBUFS) {
+    if (errno == EAGAIN) {
+      return false;
+    }
+    if (errno == ENOBUFS || errno == ENOMEM || errno == ETOOMANYREFS) {
+      m_shortage = errno;
+      m_retryTimer.Start();
       return false;
     }
     if (errno == EPIPE || errno == ECONNRESET) {
@@ -243,8 +256,9 @@ bool Link::FlushQueue() {
   }
   if (m_queue.Empty()) {
     m_queueMax = kQueuedMax;
-    WatchWritable(false);
   }
+  // A socket that is short of something else is writable.
+  WatchWritable(!m_queue.Empty() && m_shortage == 0);
   return m_queue.Empty();
 }
 
@@ -255,6 +269,7 @@ bool Link::TakesResponse(std::size_t bytes) {
 
 void Link::CutOff(std::string_view reason) noexcept {
   m_broken = true;
+  m_shortage = 0;
   m_queue.Clear();
   ::shutdown(m_socket.Get(), SHUT_RDWR);
   if (m_abortReason.empty()) {

@@ -2,7 +2,8 @@
 //
 // Frames leave in the order in which they were given: once one has to wait for the socket, those after it wait behind
 // it in the link's send queue. Responses are taken only while the queue is short (back-pressure); every other frame is
-// always taken, up to a bound at which a peer that never reads is cut off.
+// always taken, up to a bound at which a peer that never reads is cut off. So is a peer for whose frame there is no
+// memory. What the system has no resources for at the moment is sent when the retry timer has gone off.
 //
 // Threads: Receive and Close are for the thread inside Drain; everything else may be called on any thread.
 #pragma once
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include "system/poller.h"
+#include "transport/host/link/retry_timer.h"
 #include "transport/host/link/send_queue.h"
 #include "transport/host/wire/frames.h"
 #include "zq/posix/descriptor.h"
@@ -32,27 +35,31 @@ enum class LinkKind : std::uint8_t { kPeer, kSelfAdvertising, kSelfFinding };
 class Link {
  public:
   // Takes over a connected socket, which is in the poller for input under the link's id. parkingWord: the descriptor
-  // that SendParkingWord passes. Poller and descriptor must stay until Close.
-  Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, Poller& poller, int parkingWord);
+  // that SendParkingWord passes. Poller, timer and descriptor must stay until Close.
+  Link(std::uint64_t id, LinkKind kind, zq::posix::Descriptor socket, Poller& poller, RetryTimer& retryTimer,
+       int parkingWord);
 
   std::uint64_t Id() const noexcept { return m_id; }
   LinkKind Kind() const noexcept { return m_kind; }
   int GetDescriptor() const noexcept { return m_socket.Get(); }
 
   // Sends a frame that is no response, now or when the socket takes it.
-  void SendControl(Bytes frame);
-  void SendSignal(wire::Type type) { SendControl(wire::BytesOf(wire::Signal{type})); }
+  void SendControl(Bytes frame) noexcept;
+  void SendSignal(wire::Type type) noexcept { SendControl(wire::BytesOf(wire::Signal{type})); }
 
   // Passes this context's parking word to the peer. Idempotent.
-  void SendParkingWord();
+  void SendParkingWord() noexcept;
   // Passes a ring's memory to the peer, which will consume from it. Once.
-  void SendRing(zq::posix::Descriptor memory);
+  void SendRing(zq::posix::Descriptor memory) noexcept;
 
-  // Takes a response unless too much is waiting already.
+  // Takes a response unless too much is waiting already. Throws std::bad_alloc.
   bool TrySendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces);
 
   // Sends what is waiting, as far as the socket takes it. True when nothing is left.
   bool Flush();
+
+  // The error with which the system refused to send what is waiting; 0 when it did not. Flush tries again.
+  int Shortage() const noexcept { return m_shortage; }
 
   // Waits until the socket is writable, a few milliseconds at most.
   void WaitWritable() const;
@@ -82,7 +89,7 @@ class Link {
   std::string AbortReason() const;
 
  private:
-  void Send(std::span<const iovec> parts);
+  void Send(std::span<const iovec> parts) noexcept;
   bool Transmit(std::span<const iovec> parts);
   bool FlushQueue();
   bool TakesResponse(std::size_t bytes);
@@ -93,8 +100,10 @@ class Link {
   const LinkKind m_kind;
   const zq::posix::Descriptor m_socket;
   Poller& m_poller;
+  RetryTimer& m_retryTimer;
   const int m_parkingWord;
   bool m_resetSeen = false;  // for the thread inside Drain
+  std::atomic<int> m_shortage{0};
 
   mutable std::mutex m_mutex;
   // Guarded by m_mutex, which all private functions expect to be locked:

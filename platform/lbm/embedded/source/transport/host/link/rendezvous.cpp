@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -36,6 +37,10 @@ std::string DirectoryOf(Role role) { return std::string(kRoleDirectories[static_
 
 std::string BucketOf(Role role, const std::string& key) {
   return DirectoryOf(role) + '/' + key.substr(0, kBucketDigits);
+}
+
+std::string EntryOf(Role role, const std::string& key, const std::string& name) {
+  return BucketOf(role, key) + '/' + key + '.' + name;
 }
 
 std::string SocketOf(const std::string& name) { return name + std::string(kSocketSuffix); }
@@ -156,7 +161,7 @@ void Rendezvous::Say(Role role, const std::string& key) {
   const auto [place, isNew] = said.try_emplace(key);
   if (isNew) {
     try {
-      place->second.entry = BucketOf(role, key) + '/' + key + '.' + m_name;
+      place->second.entry = EntryOf(role, key, m_name);
       Make(place->second.entry);
     } catch (...) {
       said.erase(place);
@@ -209,6 +214,16 @@ std::vector<std::string> Rendezvous::WhoElse(Role role, const std::string& key) 
   return names;
 }
 
+bool Rendezvous::Says(Role role, const std::string& key, const std::string& name) const {
+  return Has(EntryOf(role, key, name));
+}
+
+bool Rendezvous::IsThere(const std::string& name) const { return Has(SocketOf(name)); }
+
+bool Rendezvous::Has(const std::string& file) const {
+  return ::faccessat(m_directory.Get(), file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 std::vector<std::string> Rendezvous::Others() const {
   std::vector<std::string> names;
   VisitFiles(".", [&](std::string_view file) {
@@ -240,11 +255,10 @@ Rendezvous::Outcome Rendezvous::Call(const std::string& name, zq::posix::Descrip
       case ECONNREFUSED:
       case ENOENT:
         return Outcome::kGone;
-      case ENOBUFS:
-      case ENOMEM:
-        RefuseErrno(m_path, "connecting to a context");
-      default:
+      case EPROTOTYPE:
         return Outcome::kNoContext;
+      default:
+        RefuseErrno(m_path, "connecting to a context");
     }
   }
   socket = std::move(made);

@@ -59,10 +59,14 @@ class Rendezvous {
 
   // The names of the other contexts that say it, or of all that are there. Throw as OpenDomain does.
   std::vector<std::string> WhoElse(Role role, const std::string& key) const;
+  // Whether the context of that name says it, or is there at all: its socket may still refuse.
+  bool Says(Role role, const std::string& key, const std::string& name) const;
+  bool IsThere(const std::string& name) const;
   std::vector<std::string> Others() const;
 
   enum class Outcome : std::uint8_t { kConnected, kBacklogFull, kGone, kNoContext };
-  // Connects to the context of that name, without waiting; one that is gone is cleared away. Throws as OpenDomain does.
+  // Connects to the context of that name, without waiting; one that is gone is cleared away. kNoContext: something else
+  // has the name. Throws as OpenDomain does.
   Outcome Connect(const std::string& name, zq::posix::Descriptor& socket) const;
 
   // Takes away all of it: nobody finds this context any more, and who was waiting in the backlog is hung up on. What is
@@ -80,6 +84,7 @@ class Rendezvous {
   void ClearUp() const;
   void Bury(const std::vector<std::string>& names) const;
   void Make(const std::string& entry) const;
+  bool Has(const std::string& file) const;
   void Remove(const std::string& file) const noexcept;
   template <typename Visit>
   void VisitFiles(const std::string& directory, Visit visit) const;

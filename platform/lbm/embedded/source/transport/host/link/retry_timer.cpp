@@ -2,17 +2,12 @@
 
 #include <sys/timerfd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "zq/posix/error.h"
 
 namespace engine::transport::host {
-
-namespace {
-
-constexpr long kDelay = 50'000'000;  // nanoseconds
-
-}  // namespace
 
 RetryTimer::RetryTimer(Poller& poller, Poller::Token token)
     : m_timer(
@@ -20,31 +15,29 @@ RetryTimer::RetryTimer(Poller& poller, Poller::Token token)
   poller.Add(m_timer.Get(), token, EPOLLIN);
 }
 
-void RetryTimer::Start() {
+void RetryTimer::Start(std::chrono::milliseconds delay) noexcept {
+  using std::chrono::duration_cast;
   const std::lock_guard lock(m_mutex);
-  if (!m_isDue) {
-    Set(kDelay);
+  const Clock::time_point due = Clock::now() + delay;
+  if (due >= m_due) {
+    return;
   }
-}
-
-void RetryTimer::StartNow() {
-  const std::lock_guard lock(m_mutex);
-  Set(1);
-  m_isDue = true;
-}
-
-void RetryTimer::Set(long nanoseconds) {
-  const itimerspec time{{}, {0, nanoseconds}};
-  if (::timerfd_settime(m_timer.Get(), 0, &time, nullptr) != 0) {
-    zq::posix::ThrowErrno("cannot set a timer");
-  }
+  m_due = due;
+  const auto seconds = duration_cast<std::chrono::seconds>(delay);
+  // No time at all would stop the timer.
+  const auto rest = std::max(std::chrono::nanoseconds(delay - seconds), std::chrono::nanoseconds(1));
+  const itimerspec time{{}, {seconds.count(), rest.count()}};
+  // With a time like this it cannot fail.
+  static_cast<void>(::timerfd_settime(m_timer.Get(), 0, &time, nullptr));
 }
 
 bool RetryTimer::TakeExpiry() noexcept {
   const std::lock_guard lock(m_mutex);
   std::uint64_t expirations = 0;
   const bool expired = ::read(m_timer.Get(), &expirations, sizeof(expirations)) == sizeof(expirations);
-  m_isDue = m_isDue && !expired;
+  if (expired) {
+    m_due = Clock::time_point::max();
+  }
   return expired;
 }
 
