@@ -1,4 +1,4 @@
-// Makes allocations of a thread fail.
+// Makes allocations fail.
 #pragma once
 
 #include <cstddef>
@@ -13,5 +13,12 @@ class AllocationLimit {
   AllocationLimit(const AllocationLimit&) = delete;
   AllocationLimit& operator=(const AllocationLimit&) = delete;
 };
+
+// Asked before each allocation of any thread whether it fails. Null: none does.
+using AllocationJudge = bool (*)() noexcept;
+void SetAllocationJudge(AllocationJudge judge) noexcept;
+
+// How many allocations of the process have not been given back.
+long LiveAllocations() noexcept;
 
 }  // namespace engine::test
