@@ -306,7 +306,7 @@ inline constexpr std::array kOptionTable{
         .maximum = 1'073'741'824,
         .unit = "bytes",
         .documentation = "Room for what one context that subscribed has not yet taken, rounded up to a power of two. "
-                         "Each has its own, in shared memory.",
+                         "Each has its own, in shared memory, for each pacing of sources that it receives.",
     },
     OptionDefinition{
         .scope = Scope::kEventQueue,

@@ -34,6 +34,7 @@ class Transport;
 // What happens when a subscriber cannot keep up. kSource: the message is dropped for that subscriber, who is told of
 // the loss. kReceiver: back-pressure; the publisher has to wait.
 enum class Pacing : std::uint8_t { kSource, kReceiver };
+inline constexpr std::size_t kPacings = 2;
 
 struct PublicationInfo {
   std::string topic;

@@ -262,13 +262,15 @@ TEST_F(HostStatistics, CountWhatAFullRingCosts) {
   for (std::int64_t i = 0; i < kSent; ++i) {
     ASSERT_EQ(0, dropping.Send(payload));
   }
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(LBM_EWOULDBLOCK, ErrorOf(waiting.Send(payload, LBM_SRC_NONBLOCK)));
+  std::int64_t taken = 0;
+  while (waiting.Send(payload, LBM_SRC_NONBLOCK) == 0) {
+    ++taken;
   }
+  EXPECT_EQ(LBM_EWOULDBLOCK, ErrorOf(waiting.Send(payload, LBM_SRC_NONBLOCK)));
   PumpUntil({publisher, m_subscriber}, "the losses", [&] { return drops.lines.size() > kSent / 2; });
   const auto lost = NumberOf("peer", "small", "dropped");
   EXPECT_GT(lost, 0);
-  EXPECT_EQ(kSent, lost + NumberOf("peer", "small", "messages"));
+  EXPECT_EQ(kSent + taken, lost + NumberOf("peer", "small", "messages"));
   EXPECT_EQ(lost, NumberOf("engine_context", "small", "dropped"));
   EXPECT_EQ(2, NumberOf("peer", "small", "waits_for_room"));
   EXPECT_EQ(2, NumberOf("engine_context", "small", "waits_for_room"));

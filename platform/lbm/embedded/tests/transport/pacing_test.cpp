@@ -121,6 +121,28 @@ TEST_F(PacedLink, WouldBlockSendsToNobodyAndIsFollowedByOneWritable) {
   EXPECT_EQ(fast.messages, sent + 1);
 }
 
+// Each has space of its own at the subscriber, who takes in both.
+TEST_F(PacedLink, ASourceThatWaitsTakesNoSpaceFromOneThatCannot) {
+  Start(Pacing::kReceiver);
+  const auto prices = m_source->transport->Advertise({"PRICES", Pacing::kSource});
+  Settle({m_source.get(), m_slow.get()});
+  const std::string large(2'000'000, 'x');
+  constexpr std::size_t kRounds = 50;
+  constexpr std::size_t kPrices = 200;  // a round
+  for (std::size_t round = 0; round < kRounds; ++round) {
+    while (Publish(*m_source->transport, *m_publication, large) == SendResult::kSent) {
+    }
+    for (std::size_t i = 0; i < kPrices; ++i) {
+      Publish(*m_source->transport, *prices, "101.25");
+    }
+    m_slow->Drain();
+    m_source->Drain();
+  }
+  EXPECT_EQ(m_slow->lost, 0U);
+  Settle({m_source.get(), m_slow.get()});
+  EXPECT_GT(m_slow->messages, kRounds * kPrices);
+}
+
 TEST_F(PacedLink, TheSlowSubscribersLeavingMakesSpace) {
   Start(Pacing::kReceiver);
   SendUntilFull();

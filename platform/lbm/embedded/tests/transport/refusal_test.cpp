@@ -165,8 +165,8 @@ class RefusingSystem : public testing::TestWithParam<Refused> {
 class Ring : public RefusingSystem {};
 
 TEST_P(Ring, ThatCannotBeMadeIsTriedAgainAndKeepsNobodyElse) {
-  const auto second = m_source.transport->Advertise({"U", Pacing::kSource});
-  const auto third = m_source.transport->Advertise({"V", Pacing::kSource});
+  const auto second = m_source.transport->Advertise({"U", Pacing::kReceiver});
+  const auto third = m_source.transport->Advertise({"V", Pacing::kReceiver});
   DrainUntil({&m_source, m_late.get()}, "the sources", [&] { return m_late->Heard("up V"); });
   m_late->transport->Unsubscribe(*m_late->sources.at("V"));
   {

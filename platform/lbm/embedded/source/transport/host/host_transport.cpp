@@ -43,7 +43,7 @@ constexpr Poller::Token kFirstLinkId = 2;
 
 // Bounds of the work of one drain.
 constexpr int kFramesPerLinkMax = 64;
-constexpr std::size_t kFramesPerRingMax = 256;
+constexpr Peer::Quota kPerRing{.frames = 256, .bytes = std::size_t{256} << 10};
 
 // Drains in a row that serve others before this context looks whom it has to call itself.
 constexpr int kCallsPostponedMax = 16;
@@ -91,7 +91,7 @@ class HostTransport final : public Transport {
   void NoteGreeting(Peer& peer);
   void ForgetName(Peer& peer);
   std::size_t MeetOthers(Listener& listener);
-  void OpenRing(Peer& peer, Listener& listener);
+  void OpenRings(Peer& peer, Listener& listener);
   void Retry(Listener& listener);
   bool RingsHaveWork() noexcept;
   std::size_t ConsumeRings(Listener& listener);
@@ -192,7 +192,7 @@ bool HostTransport::Park() {
 }
 
 bool HostTransport::RingsHaveWork() noexcept {
-  return std::any_of(m_producers.begin(), m_producers.end(), [](Peer* peer) { return peer->RingHasWork(); });
+  return std::any_of(m_producers.begin(), m_producers.end(), [](Peer* peer) { return peer->RingsHaveWork(); });
 }
 
 std::size_t HostTransport::DrainMemory(Listener& listener) {
@@ -363,9 +363,9 @@ void HostTransport::ForgetName(Peer& peer) {
 }
 
 // What the system refuses is reported, and tried again later.
-void HostTransport::OpenRing(Peer& peer, Listener& listener) {
+void HostTransport::OpenRings(Peer& peer, Listener& listener) {
   try {
-    peer.OpenRing(listener);
+    peer.OpenRings(listener);
   } catch (const std::system_error& error) {
     m_retryTimer.Start();
     m_warnings.Tell([&] { return "cannot send to " + peer.Description() + " yet: " + error.what(); });
@@ -392,7 +392,7 @@ void HostTransport::Retry(Listener& listener) {
       continue;
     }
     try {
-      peer.OpenRing(listener);
+      peer.OpenRings(listener);
     } catch (const std::system_error&) {
       refused = true;  // reported when it was refused first
     } catch (const std::exception& error) {
@@ -415,7 +415,7 @@ std::size_t HostTransport::ConsumeRings(Listener& listener) {
   for (std::size_t i = 0; i < m_producers.size() && !m_closed.load(std::memory_order_relaxed);) {
     Peer& peer = *m_producers[i];
     try {
-      done += peer.ConsumeRing(kFramesPerRingMax, listener);
+      done += peer.ConsumeRings(kPerRing, listener);
       ++i;
       continue;
     } catch (const std::exception& error) {
@@ -452,16 +452,16 @@ std::size_t HostTransport::Serve(Peer& peer, std::uint32_t events, Listener& lis
 
 // Handles one frame of the link, if there is one, and counts what was done.
 Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener& listener) {
-  constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+  constexpr std::size_t kNoMax = std::numeric_limits<std::size_t>::max();
   Link::Arrival arrival = peer.GetLink()->Receive(m_packet);
   const Link::Received received = arrival.what;
   if (received == Link::Received::kNothing) {
     return received;
   }
   ++done;
-  // First what the peer had committed to its ring before that, unless it was cut off.
+  // First what the peer had committed to its rings before that, unless it was cut off.
   if (received == Link::Received::kFrame || peer.GetLink()->AbortReason().empty()) {
-    done += peer.ConsumeRing(kAll, listener);
+    done += peer.ConsumeRings({.frames = kNoMax, .bytes = kNoMax}, listener);
   }
   if (received == Link::Received::kFrame) {
     const bool hadRing = peer.HasInboundRing();
@@ -475,7 +475,7 @@ Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener
       m_producers.push_back(&peer);
     }
     if (peer.AwaitsRing() && !awaitedRing) {
-      OpenRing(peer, listener);
+      OpenRings(peer, listener);
     }
   }
   return received;

@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <utility>
 #include <vector>
@@ -59,8 +60,10 @@ void Peer::Handle(Link::Arrival arrival, Listener& listener) {
     case wire::Type::kDoorbell:
       return;  // the arrival itself is the wake-up
     case wire::Type::kCredit:
-      if (m_subscriber) {
-        TellWritable(m_surroundings.publications.Flush(*m_subscriber), listener);
+      for (const auto& subscriber : m_subscribers) {
+        if (subscriber) {
+          TellWritable(m_surroundings.publications.Flush(*subscriber), listener);
+        }
       }
       return;
     default:
@@ -68,17 +71,27 @@ void Peer::Handle(Link::Arrival arrival, Listener& listener) {
   }
 }
 
-std::size_t Peer::ConsumeRing(std::size_t framesMax, Listener& listener) {
-  if (!m_inbound) {
-    return 0;
+std::size_t Peer::ConsumeRings(Quota quota, Listener& listener) {
+  std::size_t frames = 0;
+  for (auto& inbound : m_inbound) {
+    if (inbound) {
+      frames += ConsumeRing(*inbound, quota, listener);
+    }
   }
-  RingConsumer<RingCursor>& ring = m_inbound->ring;
+  return frames;
+}
+
+std::size_t Peer::ConsumeRing(InboundRing& inbound, Quota quota, Listener& listener) {
+  RingConsumer<RingCursor>& ring = inbound.ring;
   std::size_t frames = 0;
   if (ring.Poll()) {
     RingFrame frame;
-    while (frames < framesMax && !m_surroundings.closed.load(std::memory_order_relaxed) && ring.Next(frame)) {
+    std::size_t bytes = 0;
+    while (frames < quota.frames && bytes < quota.bytes && !m_surroundings.closed.load(std::memory_order_relaxed) &&
+           ring.Next(frame)) {
       ++frames;
-      OnDataFrame(frame, listener);
+      bytes += frame.content.size();
+      OnDataFrame(inbound, frame, listener);
     }
   }
   if (ring.Release()) {
@@ -89,12 +102,9 @@ std::size_t Peer::ConsumeRing(std::size_t framesMax, Listener& listener) {
   return frames;
 }
 
-bool Peer::RingHasWork() noexcept {
-  try {
-    return m_inbound && (m_inbound->ring.Poll() || m_inbound->ring.CreditDue());
-  } catch (const Fault&) {
-    return true;  // ConsumeRing will meet it as well
-  }
+bool Peer::RingsHaveWork() noexcept {
+  return std::any_of(m_inbound.begin(), m_inbound.end(),
+                     [](auto& inbound) { return inbound && (inbound->ring.Poll() || inbound->ring.CreditDue()); });
 }
 
 void Peer::EndUnwatched(Listener& listener) {
@@ -140,18 +150,29 @@ void Peer::EndSubscription(Subscriptions::iterator place, Listener& listener) {
   m_subscriptions.erase(place);
 }
 
-void Peer::OpenRing(Listener& listener) {
-  RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
-  m_link->SendRing(std::move(created.memory));
-  const std::string label = Label();
-  m_subscriber =
-      std::make_shared<Subscriber>(m_link, std::move(created.ring), *std::exchange(m_parkingWord, std::nullopt),
-                                   m_surroundings.publications.GetSampler(), m_surroundings.statistics,
-                                   Subscriber::Peer{.identity = m_identity, .label = label});
-  m_surroundings.publications.AddSubscriber(m_subscriber);
-  for (const auto& [source, token] : std::exchange(m_unanswered, {})) {
+void Peer::OpenRings(Listener& listener) {
+  while (!m_unanswered.empty()) {
+    const auto [source, token] = *m_unanswered.begin();
+    if (const auto publication = m_surroundings.publications.Find(source)) {
+      if (auto& subscriber = SubscriberTo(*publication); subscriber == nullptr) {
+        subscriber = OpenRing();
+      }
+    }
+    m_unanswered.erase(m_unanswered.begin());
     Answer(source, token, listener);
   }
+}
+
+std::shared_ptr<Subscriber> Peer::OpenRing() {
+  RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
+  if (m_statistics == nullptr) {
+    m_statistics = std::make_shared<PeerStatistics>(m_surroundings.statistics, Label());
+  }
+  m_link->SendRing(std::move(created.memory));
+  auto subscriber = std::make_shared<Subscriber>(m_link, m_identity, std::move(created.ring), m_parkingWord,
+                                                 m_surroundings.publications.GetSampler(), m_statistics);
+  m_surroundings.publications.AddSubscriber(subscriber);
+  return subscriber;
 }
 
 // Tells the listener of space for the publications.
@@ -228,28 +249,32 @@ void Peer::OnWithdrawn(std::uint32_t id, Listener& listener) {
 }
 
 void Peer::OnParkingWord(const zq::posix::Descriptor& memory) {
-  if (m_parkingWord || m_subscriber) {
+  if (m_parkingWord) {
     throw Fault("it passed two parking words");
   }
-  m_parkingWord.emplace(memory);
+  m_parkingWord = std::make_shared<PeerParkingWord>(memory);
 }
 
 void Peer::OnRing(const zq::posix::Descriptor& memory) {
-  if (m_inbound) {
-    throw Fault("it passed two rings");
+  const auto place = std::find(m_inbound.begin(), m_inbound.end(), std::nullopt);
+  if (place == m_inbound.end()) {
+    throw Fault("it passed too many rings");
   }
-  m_inbound.emplace(memory);
+  place->emplace(memory);
 }
 
 void Peer::OnSubscribe(const wire::Subscribe& frame, Listener& listener) {
-  if (m_subscriber) {
-    return Answer(frame.source, frame.token, listener);
-  }
   if (!m_parkingWord) {
     throw Fault("it subscribed without a parking word");
   }
-  if (m_surroundings.publications.Find(frame.source)) {
+  const auto publication = m_surroundings.publications.Find(frame.source);
+  if (publication == nullptr) {
+    return;
+  }
+  if (SubscriberTo(*publication) == nullptr) {
     m_unanswered[frame.source] = frame.token;
+  } else {
+    Answer(frame.source, frame.token, listener);
   }
 }
 
@@ -264,7 +289,7 @@ void Peer::Answer(std::uint32_t source, std::uint32_t token, Listener& listener)
     m_subscriptionsMax = 2 * m_subscriptions.size() + kSubscriptionsKept;
   }
   const auto place = m_subscriptions.try_emplace(source, Subscription{publication, true}).first;
-  if (publication->AddSubscriber(m_subscriber, token)) {
+  if (publication->AddSubscriber(SubscriberTo(*publication), token)) {
     listener.OnSubscriberJoined(*publication, Name());
     place->second.leftTold = false;
   }
@@ -283,7 +308,7 @@ void Peer::OnResponse(Bytes frame, Listener& listener) {
   m_responses.Add(header, frame, [&](Bytes response) { listener.OnResponse(header.request, m_identity, response); });
 }
 
-void Peer::OnDataFrame(const RingFrame& frame, Listener& listener) {
+void Peer::OnDataFrame(InboundRing& inbound, const RingFrame& frame, Listener& listener) {
   Bytes content = frame.content;
   switch (static_cast<wire::Type>(frame.tag)) {
     case wire::Type::kMessage: {
@@ -295,7 +320,7 @@ void Peer::OnDataFrame(const RingFrame& frame, Listener& listener) {
     }
     case wire::Type::kFragment: {
       const auto header = wire::Take<wire::FragmentHeader>(content);
-      return m_inbound->reassembly.Add(header, content, [&](Bytes message) { OnMessage(header, message, listener); });
+      return inbound.reassembly.Add(header, content, [&](Bytes message) { OnMessage(header, message, listener); });
     }
     case wire::Type::kSubscribed: {
       const auto answer = wire::Decode<wire::Subscribed>(content);

@@ -1,6 +1,7 @@
 // What a context knows of another one to which it is linked, and what it makes of the frames from there.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -73,19 +74,23 @@ class Peer {
   // Whether there are subscriptions that OpenRing has to answer.
   bool AwaitsRing() const noexcept { return !m_unanswered.empty(); }
 
-  // Creates the ring to the peer and answers its subscriptions. Throws std::system_error when the system refuses; the
-  // subscriptions stay unanswered then.
-  void OpenRing(Listener& listener);
+  // Creates the rings to the peer that its subscriptions need, and answers these. Throws std::system_error when the
+  // system refuses; the subscriptions stay unanswered then.
+  void OpenRings(Listener& listener);
 
   // Whether the peer has passed a ring to consume from.
-  bool HasInboundRing() const noexcept { return m_inbound.has_value(); }
+  bool HasInboundRing() const noexcept { return m_inbound.front().has_value(); }
 
-  // Handles frames of that ring, framesMax at most, and returns how many there were. Throws Fault.
-  std::size_t ConsumeRing(std::size_t framesMax, Listener& listener);
+  // Handles frames of those rings, of each as many as the quota says, and returns how many there were. Throws Fault.
+  struct Quota {
+    std::size_t frames;
+    std::size_t bytes;  // not counting the last frame
+  };
+  std::size_t ConsumeRings(Quota quota, Listener& listener);
 
-  // Whether ConsumeRing has something to do. After ParkingWord::Park the peer rings the doorbell for whatever comes
+  // Whether ConsumeRings has something to do. After ParkingWord::Park the peer rings the doorbell for whatever comes
   // later.
-  bool RingHasWork() noexcept;
+  bool RingsHaveWork() noexcept;
 
   // Those of its sources whose topics are no longer watched go down.
   void EndUnwatched(Listener& listener);
@@ -115,9 +120,14 @@ class Peer {
   void OnSubscribe(const wire::Subscribe& frame, Listener& listener);
   void OnUnsubscribe(const wire::Unsubscribe& frame, Listener& listener);
   void OnResponse(Bytes frame, Listener& listener);
-  void OnDataFrame(const RingFrame& frame, Listener& listener);
+  std::size_t ConsumeRing(InboundRing& inbound, Quota quota, Listener& listener);
+  void OnDataFrame(InboundRing& inbound, const RingFrame& frame, Listener& listener);
   void OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener& listener);
   void OnLoss(const wire::Loss& frame, Listener& listener);
+  std::shared_ptr<Subscriber>& SubscriberTo(const HostPublication& publication) {
+    return m_subscribers[static_cast<std::size_t>(publication.Info().pacing)];
+  }
+  std::shared_ptr<Subscriber> OpenRing();
   void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
   static void TellWritable(HostPublication& publication, Listener& listener);
   void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);
@@ -136,13 +146,14 @@ class Peer {
   wire::Reassembly<wire::ResponseHeader> m_responses;
   std::unordered_map<std::uint32_t, std::shared_ptr<HostRemoteSource>> m_sources;
   std::uint32_t m_lastId = 0;
-  HostRemoteSource* m_lastSource = nullptr;             // of m_lastId; messages often come in runs of one source
-  std::optional<PeerParkingWord> m_parkingWord;         // until the ring is opened
-  std::map<std::uint32_t, std::uint32_t> m_unanswered;  // tokens of subscriptions, by the source's id
-  std::shared_ptr<Subscriber> m_subscriber;             // from the first answer on
-  Subscriptions m_subscriptions;                        // some of them to what was withdrawn meanwhile
-  std::size_t m_subscriptionsMax = 0;                   // before those are looked for
-  std::optional<InboundRing> m_inbound;
+  HostRemoteSource* m_lastSource = nullptr;  // of m_lastId; messages often come in runs of one source
+  std::shared_ptr<PeerParkingWord> m_parkingWord;
+  std::map<std::uint32_t, std::uint32_t> m_unanswered;              // tokens of subscriptions, by the source's id
+  std::shared_ptr<PeerStatistics> m_statistics;                     // once there is a ring to the peer
+  std::array<std::shared_ptr<Subscriber>, kPacings> m_subscribers;  // each from the first answer on
+  Subscriptions m_subscriptions;                                    // some of them to what was withdrawn meanwhile
+  std::size_t m_subscriptionsMax = 0;                               // before those are looked for
+  std::array<std::optional<InboundRing>, kPacings> m_inbound;       // the peer knows which is which
 };
 
 }  // namespace engine::transport::host

@@ -35,19 +35,18 @@ std::byte* Append(std::byte* to, const T& value) {
 
 }  // namespace
 
-Subscriber::Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord, Sampler& sampler,
-                       std::shared_ptr<ContextStatistics> statistics, Peer peer)
+Subscriber::Subscriber(std::shared_ptr<Link> link, std::string identity, RingMemory memory,
+                       std::shared_ptr<PeerParkingWord> parkingWord, Sampler& sampler,
+                       std::shared_ptr<PeerStatistics> statistics)
     : m_link(std::move(link)),
-      m_identity(std::move(peer.identity)),
+      m_identity(std::move(identity)),
       m_memory(std::move(memory)),
       m_ring(m_memory.Control(), m_memory.Bytes()),
       m_parkingWord(std::move(parkingWord)),
       m_contentMax(m_ring.Capacity() / 8 - sizeof(RingFrameHeader)),
       m_sampler(sampler),
-      m_contextStatistics(std::move(statistics)),
-      m_statistics(m_contextStatistics->PeerRow(peer.label)),
-      m_counters(m_statistics.Serial()) {
-  m_statistics.Set(peer_field::kRingBytes, static_cast<std::int64_t>(m_ring.Capacity()));
+      m_statistics(std::move(statistics)) {
+  m_statistics->NoteRing(m_ring.Capacity());
 }
 
 bool Subscriber::HasSpace(std::size_t bytes) {
@@ -76,11 +75,10 @@ void Subscriber::SendOrDrop(const wire::FragmentHeader& header, std::span<const 
   }
   try {
     if ((NothingPending() || FlushPending()) && TrySend(header, pieces)) {
-      m_counters.Add(peer_field::kMessages);
-      m_counters.Add(peer_field::kBytes, header.total);
+      m_statistics->Counters().Add(peer_field::kMessages);
+      m_statistics->Counters().Add(peer_field::kBytes, header.total);
     } else {
-      m_counters.Add(peer_field::kDropped);
-      m_contextStatistics->Counters().Add(context_field::kDropped);
+      m_statistics->NoteDrop();
       NoteUse();
       Report& report = m_reports[header.source];
       if (report.lost++ == 0) {
@@ -146,16 +144,8 @@ bool Subscriber::Flush() noexcept {
   }
 }
 
-void Subscriber::NoteUse() noexcept {
-  if (const std::size_t used = m_ring.UsedCached(); used > m_highWater) {
-    m_highWater = used;
-    m_statistics.Set(peer_field::kRingHighWater, static_cast<std::int64_t>(used));
-  }
-}
-
 void Subscriber::NoteWait() noexcept {
-  m_counters.Add(peer_field::kWaitsForRoom);
-  m_contextStatistics->Counters().Add(context_field::kWaitsForRoom);
+  m_statistics->NoteWait();
   NoteUse();
 }
 
@@ -258,9 +248,9 @@ bool Subscriber::Put(wire::Type type, const T& frame) {
 
 void Subscriber::RingIfParked() {
   m_ring.FenceCommit();
-  if (m_parkingWord.NeedsDoorbell()) {
+  if (m_parkingWord->NeedsDoorbell()) {
     m_link->SendSignal(wire::Type::kDoorbell);
-    m_counters.Add(peer_field::kWakeups);
+    m_statistics->Counters().Add(peer_field::kWakeups);
     m_sampler.NoteWakeUp();
   }
 }

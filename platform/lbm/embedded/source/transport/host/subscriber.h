@@ -1,5 +1,6 @@
-// A context that subscribes to sources of this one, seen from here: the producer's end of the ring to it. Whatever has
-// to arrive in the order of the messages goes through this ring.
+// A context that subscribes to sources of this one, seen from here: the producer's end of a ring to it. Whatever has to
+// arrive in the order of a source's messages goes through this ring. There is one for the sources of each pacing, so
+// that those that wait for space do not take the space of those that cannot.
 //
 // What the ring has no space for is kept in one of two forms. The rest of a message that is larger than the ring waits
 // as it is. Of everything else only the outcome is kept, a report for each source: that a subscription was accepted,
@@ -32,16 +33,43 @@
 
 namespace engine::transport::host {
 
+// What is counted of a peer, in all rings to it. Threads: those of its subscribers.
+class PeerStatistics {
+ public:
+  // label: of the peer.
+  PeerStatistics(std::shared_ptr<ContextStatistics> context, std::string_view label)
+      : m_context(std::move(context)), m_row(m_context->PeerRow(label)), m_counters(m_row.Serial()) {}
+
+  void NoteRing(std::size_t bytes) { m_row.Add(peer_field::kRingBytes, static_cast<std::int64_t>(bytes)); }
+  // Bytes in use of a ring.
+  void NoteUse(std::size_t bytes) noexcept {
+    if (bytes > m_highWater) {
+      m_highWater = bytes;
+      m_row.Set(peer_field::kRingHighWater, static_cast<std::int64_t>(bytes));
+    }
+  }
+  void NoteWait() noexcept { AddWithContext(peer_field::kWaitsForRoom, context_field::kWaitsForRoom); }
+  void NoteDrop() noexcept { AddWithContext(peer_field::kDropped, context_field::kDropped); }
+  const zq::statistics::Cells& Counters() const noexcept { return m_counters; }
+
+ private:
+  void AddWithContext(std::size_t field, std::size_t ofContext) noexcept {
+    m_counters.Add(field);
+    m_context->Counters().Add(ofContext);
+  }
+
+  const std::shared_ptr<ContextStatistics> m_context;
+  zq::statistics::Row m_row;
+  const zq::statistics::Cells m_counters;  // of the row
+  std::size_t m_highWater = 0;
+};
+
 class Subscriber {
  public:
-  // Whose end it is: Transport::Identity, and the label of its statistics.
-  struct Peer {
-    std::string identity;
-    std::string_view label;
-  };
-
-  Subscriber(std::shared_ptr<Link> link, RingMemory memory, PeerParkingWord parkingWord, Sampler& sampler,
-             std::shared_ptr<ContextStatistics> statistics, Peer peer);
+  // identity: of the peer, see Transport::Identity. parkingWord and statistics: what the subscribers of a peer share.
+  Subscriber(std::shared_ptr<Link> link, std::string identity, RingMemory memory,
+             std::shared_ptr<PeerParkingWord> parkingWord, Sampler& sampler,
+             std::shared_ptr<PeerStatistics> statistics);
 
   const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
   const std::string& Identity() const noexcept { return m_identity; }
@@ -95,7 +123,7 @@ class Subscriber {
 
   bool NothingPending() const noexcept { return m_rest.Empty() && m_reports.empty(); }
   bool TrySend(const wire::FragmentHeader& header, std::span<const iovec> pieces);
-  void NoteUse() noexcept;
+  void NoteUse() noexcept { m_statistics->NoteUse(m_ring.UsedCached()); }
   void SendFragments(const wire::FragmentHeader& header, std::span<const iovec> pieces);
   bool FlushPending();
   bool SendReport(std::uint32_t source, Report& report);
@@ -103,7 +131,7 @@ class Subscriber {
   bool Put(wire::Type type, const T& frame);
   void Commit() {
     m_ring.Commit();
-    if (!m_parkingWord.Busy()) {
+    if (!m_parkingWord->Busy()) {
       RingIfParked();
     }
   }
@@ -114,7 +142,7 @@ class Subscriber {
   const std::string m_identity;  // of the peer
   const RingMemory m_memory;
   RingProducer<RingCursor> m_ring;
-  PeerParkingWord m_parkingWord;
+  const std::shared_ptr<PeerParkingWord> m_parkingWord;
   const std::size_t m_contentMax;  // bytes of a frame
   std::atomic<bool> m_gone{false};
   SendQueue m_rest;  // of a message larger than the ring
@@ -123,10 +151,7 @@ class Subscriber {
   std::vector<iovec> m_parts;            // of the frame being put together
 
   Sampler& m_sampler;
-  const std::shared_ptr<ContextStatistics> m_contextStatistics;
-  zq::statistics::Row m_statistics;        // of the peer
-  const zq::statistics::Cells m_counters;  // of that row
-  std::size_t m_highWater = 0;
+  const std::shared_ptr<PeerStatistics> m_statistics;
 };
 
 }  // namespace engine::transport::host

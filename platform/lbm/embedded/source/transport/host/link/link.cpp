@@ -99,7 +99,7 @@ void Link::SendParkingWord() noexcept {
 
 void Link::SendRing(zq::posix::Descriptor memory) noexcept {
   const std::lock_guard lock(m_mutex);
-  m_ring = std::move(memory);
+  (m_rings.front() ? m_rings.back() : m_rings.front()) = std::move(memory);
   const wire::Signal frame{wire::Type::kRing};
   const iovec part = PieceOf(wire::BytesOf(frame));
   Send({&part, 1});
@@ -217,7 +217,7 @@ bool Link::Transmit(std::span<const iovec> parts) {
   const wire::Type type = wire::TypeOf({static_cast<const std::byte*>(parts[0].iov_base), parts[0].iov_len});
   alignas(cmsghdr) ControlBuffer control{};
   if (wire::CarriesDescriptor(type)) {
-    PassDescriptor(message, control, type == wire::Type::kRing ? m_ring.Get() : m_parkingWord);
+    PassDescriptor(message, control, type == wire::Type::kRing ? m_rings.front().Get() : m_parkingWord);
   }
   m_shortage = 0;
   while (::sendmsg(m_socket.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
@@ -241,7 +241,7 @@ bool Link::Transmit(std::span<const iovec> parts) {
     }
   }
   if (type == wire::Type::kRing) {
-    m_ring = zq::posix::Descriptor();
+    m_rings.front() = std::exchange(m_rings.back(), zq::posix::Descriptor());
   }
   return true;
 }

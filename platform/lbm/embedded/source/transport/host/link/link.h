@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +25,7 @@
 #include "transport/host/link/retry_timer.h"
 #include "transport/host/link/send_queue.h"
 #include "transport/host/wire/frames.h"
+#include "transport/transport.h"
 #include "zq/posix/descriptor.h"
 
 namespace engine::transport::host {
@@ -49,7 +51,7 @@ class Link {
 
   // Passes this context's parking word to the peer. Idempotent.
   void SendParkingWord() noexcept;
-  // Passes a ring's memory to the peer, which will consume from it. Once.
+  // Passes a ring's memory to the peer, which will consume from it. Once for each pacing.
   void SendRing(zq::posix::Descriptor memory) noexcept;
 
   // Takes a response unless too much is waiting already. Throws std::bad_alloc.
@@ -108,9 +110,9 @@ class Link {
   mutable std::mutex m_mutex;
   // Guarded by m_mutex, which all private functions expect to be locked:
   SendQueue m_queue;
-  std::size_t m_queueMax;        // bytes; beyond them the peer is cut off
-  std::vector<iovec> m_parts;    // of the frame being put together
-  zq::posix::Descriptor m_ring;  // until it is passed
+  std::size_t m_queueMax;                               // bytes; beyond them the peer is cut off
+  std::vector<iovec> m_parts;                           // of the frame being put together
+  std::array<zq::posix::Descriptor, kPacings> m_rings;  // in the order in which they are to be passed
   bool m_parkingWordSent = false;
   bool m_watchingWritable = false;
   bool m_broken = false;

@@ -24,7 +24,7 @@
 namespace engine::transport::host::wire {
 
 inline constexpr std::uint64_t kMagic = 0x314b4e494c584350;
-inline constexpr std::uint32_t kVersion = 6;
+inline constexpr std::uint32_t kVersion = 7;
 
 inline constexpr std::size_t kPacketMax = std::size_t{64} << 10;       // bytes of any packet
 inline constexpr std::size_t kTopicPacketMax = std::size_t{32} << 10;  // bytes of a packet of topics
@@ -40,9 +40,9 @@ enum class Type : std::uint16_t {
   kUnsubscribe,
   kResponse,
   kParkingWord,  // carries the descriptor of the sender's parking word; once, before its first subscription
-  kRing,         // carries the descriptor of the ring that the sender will produce into; once, before it does
-  kDoorbell,     // wakes the peer, whose parking word says that it is parked
-  kCredit,       // grants the credit that the peer requested: half of its ring is free
+  kRing,  // carries the descriptor of a ring that the sender will produce into; before it does, once for each pacing
+  kDoorbell,  // wakes the peer, whose parking word says that it is parked
+  kCredit,    // grants the credit that the peer requested: half of its ring is free
   // Data frames, in a ring:
   kMessage = 0x100,
   kFragment,
