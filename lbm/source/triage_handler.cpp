@@ -23,6 +23,7 @@
 #include "print_line.h"
 #include "zq/messaging/triage_requests.h"
 #include "zq/posix/environment.h"
+#include "zq/posix/signals.h"
 
 namespace lbm {
 namespace {
@@ -119,6 +120,7 @@ void LbmTriageHandler::Initialize() {
                "triage_handler using EventQueue because env variable is set TRIAGE_HANDLER_USE_EVENT_QUEUE=" << queue);
     try {
       m_eventQueuePtr = std::make_unique<EventQueue>(EventQueueAttributes());
+      const zq::posix::SignalBlocker blocker;
       m_eventQueueThread = std::thread(&LbmTriageHandler::EventQueueLoop, this);
       if (pthread_setname_np(m_eventQueueThread.native_handle(), "lbm_th_evq") != 0) {
         TRIAGE_LOG(ZQLOG_ERROR, kTriageThreadUnnamed,

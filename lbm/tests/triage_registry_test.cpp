@@ -1,9 +1,12 @@
 // What the triage handler reads from the environment, and what it does as contexts come and go.
 #include <pthread.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <future>
 #include <thread>
 
+#include "test_support/thread_state.h"
 #include "triage_test.h"
 
 namespace lbm {
@@ -216,6 +219,7 @@ TEST(TriageEventQueueTest, ItsThreadServesRequestsUntilTheProcessEnds) {
           char name[16];
           EXPECT_EQ(::pthread_getname_np(::pthread_self(), name, sizeof name), 0);
           EXPECT_STREQ(name, "lbm_th_evq");
+          EXPECT_FALSE(test_support::TakesSignal(::gettid(), SIGTERM));
           EXPECT_EQ(Switched(triage::ORDER, true), 1U);
           served.set_value();
         });

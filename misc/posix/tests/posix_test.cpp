@@ -14,6 +14,7 @@
 #include "zq/posix/descriptor.h"
 #include "zq/posix/event.h"
 #include "zq/posix/file.h"
+#include "zq/posix/signals.h"
 
 namespace zq::posix {
 namespace {
@@ -114,6 +115,25 @@ TEST_F(Files, AFullPipeIsWaitedForAndAnAbsentReaderTold) {
   reader = Descriptor();
   ::signal(SIGPIPE, SIG_IGN);
   EXPECT_EQ(WriteAll(writer.Get(), "z").error, EPIPE);
+}
+
+TEST(SignalBlocker, KeepsSignalsFromThreadsThatStartMeanwhileAndFromNoOthers) {
+  const auto blocks = [](int signal) {
+    sigset_t mask;
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    return ::sigismember(&mask, signal) == 1;
+  };
+  std::thread started;
+  {
+    const SignalBlocker blocker;
+    started = std::thread([&] {
+      EXPECT_TRUE(blocks(SIGTERM));
+      EXPECT_TRUE(blocks(SIGPIPE));
+      EXPECT_FALSE(blocks(SIGSEGV));
+    });
+  }
+  EXPECT_FALSE(blocks(SIGTERM));
+  started.join();
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "backend/output.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <spdlog/async_logger.h>
 #include <spdlog/details/thread_pool.h>
 #include <spdlog/logger.h>
@@ -14,6 +13,7 @@
 #include <utility>
 
 #include "backend/sinks.h"
+#include "zq/posix/signals.h"
 
 namespace zq::logging {
 namespace {
@@ -21,28 +21,8 @@ namespace {
 constexpr const char* kLoggerName = "zq";
 constexpr const char* kThreadName = "zq_log";
 
-// Threads that start during its life take no signals that are meant for the process: those are for the application's
-// threads, and a closed standard error must not end the process from here.
-class SignalBlocker {
- public:
-  SignalBlocker() {
-    sigset_t blocked;
-    ::sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT}) {
-      ::sigdelset(&blocked, fault);
-    }
-    ::pthread_sigmask(SIG_SETMASK, &blocked, &m_before);
-  }
-  SignalBlocker(const SignalBlocker&) = delete;
-  SignalBlocker& operator=(const SignalBlocker&) = delete;
-  ~SignalBlocker() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
- private:
-  sigset_t m_before{};
-};
-
 std::shared_ptr<spdlog::details::thread_pool> StartThread(std::size_t queueSize) {
-  const SignalBlocker blocker;
+  const zq::posix::SignalBlocker blocker;  // a closed standard error must not end the process from there
   return std::make_shared<spdlog::details::thread_pool>(queueSize, 1,
                                                         [] { ::pthread_setname_np(::pthread_self(), kThreadName); });
 }

@@ -19,6 +19,7 @@
 #include "statistics.h"
 #include "zq/logging/logger.h"
 #include "zq/posix/file.h"
+#include "zq/posix/signals.h"
 
 namespace ps_ns {
 namespace {
@@ -151,6 +152,7 @@ LbmClientResourceMgr::LbmClientResourceMgr(const std::shared_ptr<ps_ns::Config>&
 
   m_running = true;
   ZQLOG(ZQLOG_INFO, kThreadStatement, "About to start LBM Context thread. Creator thread_id=" << gettid());
+  const zq::posix::SignalBlocker blocker;
   m_thread = std::thread(&LbmClientResourceMgr::ContextThreadFunc, this);
 }
 

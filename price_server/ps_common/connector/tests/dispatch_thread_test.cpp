@@ -1,13 +1,16 @@
 #include <onload/extensions.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <future>
 #include <stdexcept>
 
 #include "manager_test.h"
+#include "test_support/thread_state.h"
 
 namespace {
 
@@ -83,6 +86,11 @@ TEST_F(DispatchThread, BearsItsNameAndGoesOnAfterEachEvent) {
     });
     EXPECT_EQ(name, "lbm_ctx_thread");
   }
+}
+
+TEST_F(DispatchThread, LeavesSignalsToTheApplicationsThreads) {
+  EXPECT_FALSE(OnDispatchThread(Start(), [] { return test_support::TakesSignal(::gettid(), SIGTERM); }));
+  EXPECT_TRUE(test_support::TakesSignal(::gettid(), SIGTERM));
 }
 
 TEST_F(DispatchThread, StaysOnTheCpuItWasGivenAndAnywhereWhenThatIsImpossible) {

@@ -9,6 +9,7 @@
 #include "core/notice.h"
 #include "options/option_keys.h"
 #include "system/error.h"
+#include "zq/posix/signals.h"
 
 namespace engine::core {
 
@@ -65,6 +66,7 @@ std::shared_ptr<Context> Context::Create(OptionSet options, std::unique_ptr<tran
   context->ShowOptions();
   if (!context->m_sequential) {
     const std::lock_guard lock(context->m_threadMutex);
+    const zq::posix::SignalBlocker blocker;
     context->m_thread = std::thread([context] { context->RunThread(); });
   }
   return context;

@@ -10,6 +10,7 @@
 #include "transport/draining_thread.h"
 #include "transport/gather.h"
 #include "transport/nats/keeper.h"
+#include "zq/posix/signals.h"
 
 namespace engine::transport::nats {
 
@@ -91,6 +92,7 @@ class NatsTransport final : public FarTransport {
 };
 
 NatsTransport::NatsTransport(const NatsSettings& settings) : m_keeper(std::make_shared<Keeper>(settings)) {
+  const zq::posix::SignalBlocker blocker;  // the client library starts threads as well
   m_keeper->Connect();
   m_thread = std::thread([keeper = m_keeper] { keeper->Run(); });
 }
