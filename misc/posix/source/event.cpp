@@ -4,9 +4,13 @@
 
 #include <cstdint>
 
+#include "zq/posix/fork.h"
+
 namespace zq::posix {
 
-Event::Event() : m_descriptor(Checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "cannot create an event descriptor")) {}
+Event::Event()
+    : m_descriptor(Checked(OpenUnshared([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }),
+                           "cannot create an event descriptor")) {}
 
 void Event::Notify() noexcept {
   constexpr std::uint64_t kOne = 1;

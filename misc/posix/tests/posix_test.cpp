@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <fstream>
@@ -10,10 +13,12 @@
 #include <system_error>
 #include <thread>
 
+#include "test_support/pipe.h"
 #include "test_support/temporary_directory.h"
 #include "zq/posix/descriptor.h"
 #include "zq/posix/event.h"
 #include "zq/posix/file.h"
+#include "zq/posix/fork.h"
 #include "zq/posix/signals.h"
 
 namespace zq::posix {
@@ -115,6 +120,56 @@ TEST_F(Files, AFullPipeIsWaitedForAndAnAbsentReaderTold) {
   reader = Descriptor();
   ::signal(SIGPIPE, SIG_IGN);
   EXPECT_EQ(WriteAll(writer.Get(), "z").error, EPIPE);
+}
+
+TEST(Fork, AChildHasNothingThatIsUnsharedAndKeepsOutOfItsPlaces) {
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const Descriptor other(ends[1]);
+  Descriptor connection = OpenUnshared([&] { return ends[0]; });
+  connection = Descriptor(std::move(connection));
+  const Descriptor file = Checked(::memfd_create("test", MFD_CLOEXEC), "memfd_create");
+  ASSERT_EQ(::ftruncate(file.Get(), 4096), 0);
+  auto* const memory = static_cast<int*>(MapUnshared(4096, PROT_READ | PROT_WRITE, file.Get()));
+  ASSERT_NE(memory, MAP_FAILED);
+  *memory = 1;
+  const unsigned generation = Generation();
+
+  test_support::Pipe alive = test_support::MakePipe();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    alive.writer = {};
+    const int expected = *memory == 0 && Generation() != generation && IsOpen(connection.Get()) ? 0 : 1;
+    *memory = 2;
+    char end = 0;
+    ::_exit(::read(alive.reader.Get(), &end, 1) == 0 ? expected : 2);
+  }
+  connection = {};
+  char end = 0;
+  EXPECT_EQ(::read(other.Get(), &end, 1), 0) << "the child would have to end first";
+  alive.writer = {};
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(*memory, 1);
+  EXPECT_EQ(Generation(), generation);
+  UnmapUnshared(memory, 4096);
+}
+
+TEST(Fork, AChildKeepsWhatStandsWhereSomethingUnsharedWas) {
+  const int place = OpenUnshared([] { return ::open("/dev/null", O_RDWR | O_CLOEXEC); }).Get();
+  const Descriptor shared = Checked(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, place), "fcntl");
+  ASSERT_EQ(shared.Get(), place);
+  struct stat before {};
+  ASSERT_EQ(::fstat(place, &before), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    struct stat now {};
+    ::_exit(::fstat(place, &now) == 0 && now.st_ino == before.st_ino && now.st_dev == before.st_dev ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST(SignalBlocker, KeepsSignalsFromThreadsThatStartMeanwhileAndFromNoOthers) {

@@ -5,7 +5,7 @@
 
 namespace zq::posix {
 
-// A descriptor that is readable from Notify until Clear. Threads: any.
+// A descriptor that is readable from Notify until Clear. A child that fork makes has no part in it. Threads: any.
 class Event {
  public:
   // Throws std::system_error.

@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "zq/posix/error.h"
+#include "zq/posix/fork.h"
 
 namespace engine {
 
@@ -18,7 +19,9 @@ epoll_event EventOf(Poller::Token token, std::uint32_t interest) noexcept {
 
 }  // namespace
 
-Poller::Poller() : m_epoll(zq::posix::Checked(::epoll_create1(EPOLL_CLOEXEC), "cannot create an epoll descriptor")) {}
+Poller::Poller()
+    : m_epoll(zq::posix::Checked(zq::posix::OpenUnshared([] { return ::epoll_create1(EPOLL_CLOEXEC); }),
+                                 "cannot create an epoll descriptor")) {}
 
 void Poller::Add(int descriptor, Token token, std::uint32_t interest) {
   if (!TryAdd(descriptor, token, interest)) {

@@ -1,3 +1,4 @@
+#include <poll.h>
 #include <spawn.h>
 #include <sys/fsuid.h>
 #include <sys/wait.h>
@@ -25,12 +26,15 @@ class Membership : public testing::Test {
   ScratchDirectory m_directory;
 };
 
-// See peer_process.cpp. output: its standard output, if not negative.
-pid_t StartPeer(const ScratchDirectory& directory, std::string what, int output = -1) {
+// See peer_process.cpp. output, input: its standard output and input, if not negative.
+pid_t StartPeer(const ScratchDirectory& directory, std::string what, int output = -1, int input = -1) {
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
   if (output >= 0) {
     ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  }
+  if (input >= 0) {
+    ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
   }
   std::string program = PEER_PROCESS;
   std::string path = directory.Path();
@@ -81,6 +85,35 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
     EXPECT_TRUE(b.Heard("up ours"));
   }
   EXPECT_EQ(m_directory.Sockets().size(), 1U);
+}
+
+TEST_F(Membership, AKilledProcessIsMissedThoughAChildOfItLivesOn) {
+  HostSettings settings = SettingsIn(m_directory, "a");
+  settings.ringBytes = kFloodRingBytes;
+  Member a(settings);
+  const auto publication = a.transport->Advertise({"ours", Pacing::kReceiver});
+  test_support::Pipe told = test_support::MakePipe();
+  test_support::Pipe alive = test_support::MakePipe();
+  const pid_t process = StartPeer(m_directory, "fork", told.writer.Get(), alive.reader.Get());
+  told.writer = {};
+  alive.reader = {};
+  char byte = 0;
+  DrainUntil({&a}, "the process", [&] { return a.Heard("up peer") && a.Heard("joined peer"); });
+  ASSERT_EQ(::read(told.reader.Get(), &byte, 1), 1);
+  const auto send = [&] { return Publish(*a.transport, *publication, std::string(1000, 'x')); };
+  while (send() == SendResult::kSent) {
+    a.Drain();
+  }
+  KillPeer(process);
+
+  DrainUntil({&a}, "the end of the process", [&] { return a.Heard("down peer") && a.Heard("left peer"); });
+  EXPECT_EQ(send(), SendResult::kSent) << "the publisher still waits for a dead process";
+  { const Member clearsUp(SettingsIn(m_directory), false); }
+  EXPECT_EQ(m_directory.Sockets().size(), 1U);
+  pollfd child{told.reader.Get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&child, 1, 0), 0) << "the child has ended";
+  alive.writer = {};
+  EXPECT_EQ(::read(told.reader.Get(), &byte, 1), 0);
 }
 
 // How many processes to kill where TRANSPORT_TEST_KILLS does not say it; more find rarer moments.

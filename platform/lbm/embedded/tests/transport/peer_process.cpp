@@ -2,7 +2,9 @@
 // the source "ours", and stays until it is killed. What it does with them is the second argument:
 // last-words  when "ours" sends something, publishes two messages and a request and tells so with a byte on standard
 //             output;
-// flood       publishes numbered messages for ever.
+// flood       publishes numbered messages for ever;
+// fork        leaves a child behind that lives until standard input ends, tells so with a byte on standard output, and
+//             takes no message any more.
 #include <unistd.h>
 
 #include <string_view>
@@ -39,6 +41,16 @@ namespace {
   }
 }
 
+[[noreturn]] void Fork() {
+  if (::fork() == 0) {
+    char end = 0;
+    ::_exit(::write(STDOUT_FILENO, "!", 1) == 1 && ::read(STDIN_FILENO, &end, 1) == 0 ? 0 : 1);
+  }
+  while (true) {
+    ::pause();
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -54,5 +66,9 @@ int main(int argc, char** argv) {
   const auto publication = self.transport->Advertise({"peer", Pacing::kReceiver});
   DrainUntil({&self}, "the other's source", [&] { return self.Heard("up ours"); });
   self.transport->Subscribe(*self.sources.at("ours"));
-  std::string_view(argv[2]) == "flood" ? Flood(self, *publication) : SayLastWords(self, *publication);
+  const std::string_view what = argv[2];
+  if (what == "fork") {
+    Fork();
+  }
+  what == "flood" ? Flood(self, *publication) : SayLastWords(self, *publication);
 }

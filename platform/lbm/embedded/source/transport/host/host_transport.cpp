@@ -31,6 +31,7 @@
 #include "transport/host/wire/frames.h"
 #include "transport/instance.h"
 #include "zq/posix/error.h"
+#include "zq/posix/fork.h"
 
 namespace engine::transport::host {
 
@@ -289,8 +290,8 @@ std::shared_ptr<Link> HostTransport::LinkToSelf() {
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
       zq::posix::ThrowErrno("cannot connect a context to itself");
     }
-    zq::posix::Descriptor advertising(ends[0]);
-    zq::posix::Descriptor finding(ends[1]);
+    zq::posix::Descriptor advertising = zq::posix::OpenUnshared([&] { return ends[0]; });
+    zq::posix::Descriptor finding = zq::posix::OpenUnshared([&] { return ends[1]; });
     const auto link = Adopt(finding, LinkKind::kSelfFinding, m_rendezvous.Name())->GetLink();
     try {
       m_self = Adopt(advertising, LinkKind::kSelfAdvertising, m_rendezvous.Name())->GetLink();

@@ -11,6 +11,7 @@
 
 #include "transport/fault.h"
 #include "zq/posix/error.h"
+#include "zq/posix/fork.h"
 
 namespace engine::transport::host {
 
@@ -39,7 +40,8 @@ Acceptor::Acceptor(int listener, Poller& poller, Poller::Token token, RetryTimer
 std::size_t Acceptor::Accept() {
   std::size_t accepted = 0;
   for (std::size_t attempt = 0; attempt < kAcceptedMax; ++attempt) {
-    zq::posix::Descriptor socket(::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    zq::posix::Descriptor socket = zq::posix::OpenUnshared(
+        [this] { return ::accept4(m_listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); });
     if (socket) {
       TryToAdopt(std::move(socket));
       ++accepted;

@@ -20,6 +20,7 @@
 #include "transport/hash.h"
 #include "transport/host/link/runtime_directory.h"
 #include "transport/instance.h"
+#include "zq/posix/fork.h"
 
 namespace engine::transport::host {
 
@@ -76,7 +77,8 @@ sockaddr_un AddressOf(int directory, const std::string& file) {
 const sockaddr* Generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
 zq::posix::Descriptor OpenSocket(const std::string& path) {
-  zq::posix::Descriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  zq::posix::Descriptor socket =
+      zq::posix::OpenUnshared([] { return ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
   if (!socket) {
     RefuseErrno(path, "opening a socket");
   }

@@ -5,13 +5,14 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "zq/posix/error.h"
+#include "zq/posix/fork.h"
 
 namespace engine::transport::host {
 
 RetryTimer::RetryTimer(Poller& poller, Poller::Token token)
-    : m_timer(
-          zq::posix::Checked(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "cannot create a timer")) {
+    : m_timer(zq::posix::Checked(
+          zq::posix::OpenUnshared([] { return ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC); }),
+          "cannot create a timer")) {
   poller.Add(m_timer.Get(), token, EPOLLIN);
 }
 

@@ -8,6 +8,7 @@
 
 #include "transport/fault.h"
 #include "zq/posix/error.h"
+#include "zq/posix/fork.h"
 
 namespace engine::transport::host {
 
@@ -23,7 +24,7 @@ namespace {
 
 Mapping::Mapping(const zq::posix::Descriptor& memory, std::size_t size, Access access) : m_size(size) {
   const int protection = access == Access::kRead ? PROT_READ : PROT_READ | PROT_WRITE;
-  void* const address = ::mmap(nullptr, size, protection, MAP_SHARED, memory.Get(), 0);
+  void* const address = zq::posix::MapUnshared(size, protection, memory.Get());
   if (address == MAP_FAILED) {
     Refuse(errno);
   }
@@ -32,12 +33,13 @@ Mapping::Mapping(const zq::posix::Descriptor& memory, std::size_t size, Access a
 
 Mapping::~Mapping() {
   if (m_address != nullptr) {
-    ::munmap(m_address, m_size);
+    zq::posix::UnmapUnshared(m_address, m_size);
   }
 }
 
 zq::posix::Descriptor MakeSharedMemory(const char* name, std::size_t size) {
-  zq::posix::Descriptor memory(::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  zq::posix::Descriptor memory =
+      zq::posix::OpenUnshared([name] { return ::memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING); });
   if (!memory) {
     Refuse(errno);
   }
