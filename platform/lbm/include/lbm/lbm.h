@@ -18,7 +18,10 @@
  *             processes the context's events, or those of a context that receives from the source. In a callback of
  *             another thread the wait ends once somebody deletes what the callback belongs to, or its context. A send
  *             that does not wait fails with LBM_EWOULDBLOCK.
- *   Fork:     a child process must not use or delete its parent's objects.
+ *   Fork:     a child process cannot use or delete its parent's objects but attributes: the calls fail with LBM_EOP. It
+ *             may make its own (on a network only if its parent had none there). Its parent's messages it may read.
+ *   Signals:  threads of the library block all signals but those of their own faults (SIGSEGV and the like), also in
+ *             callbacks. Programs that are started from there begin so; posix_spawnattr_setsigmask corrects that.
  *   Strings:  arguments are copied. Strings handed to a callback live as long as the call, those of a message as long
  *             as the message.
  */

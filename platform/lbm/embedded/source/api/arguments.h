@@ -4,8 +4,10 @@
 #include <lbm/lbm.h>
 
 #include <string>
+#include <type_traits>
 
 #include "system/error.h"
+#include "system/process_bound.h"
 
 namespace engine::api {
 
@@ -16,10 +18,13 @@ void RequireNotNull(T* argument, const char* name) {
   }
 }
 
-// What the argument points to.
+// What the argument points to, which has to be of this process.
 template <class T>
 T& Required(T* argument, const char* name) {
   RequireNotNull(argument, name);
+  if constexpr (std::is_base_of_v<ProcessBound, T>) {
+    argument->CheckProcess(name);
+  }
   return *argument;
 }
 

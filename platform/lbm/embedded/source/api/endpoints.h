@@ -12,7 +12,7 @@
 namespace engine::api {
 
 inline std::shared_ptr<core::EventQueue> QueueOf(const lbm_event_queue_t* evq) {
-  return evq != nullptr ? evq->queue : nullptr;
+  return evq != nullptr ? Required(evq, "evq").queue : nullptr;
 }
 
 // The topic, when it was made on this context and for this kind of endpoint.

@@ -17,7 +17,7 @@ int lbm_event_queue_create(lbm_event_queue_t** evq, lbm_event_queue_monitor_proc
     rows->Add(engine::Scope::kEventQueue, options.Shown());
     const bool cancellations = options.Get(engine::option::kQueueCancellationCallbacksEnabled);
     Required(evq, "evq") =
-        new lbm_event_queue_t{std::make_shared<engine::core::EventQueue>(cancellations), std::move(rows)};
+        new lbm_event_queue_t{{}, std::make_shared<engine::core::EventQueue>(cancellations), std::move(rows)};
     return 0;
   });
 }

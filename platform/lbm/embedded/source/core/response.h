@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "core/membership.h"
+#include "system/process_bound.h"
 #include "transport/transport.h"
 
 namespace engine::core {
@@ -29,4 +30,4 @@ class Response {
 
 }  // namespace engine::core
 
-struct lbm_response_t_stct : engine::core::Response {};
+struct lbm_response_t_stct : engine::core::Response, engine::ProcessBound {};

@@ -46,6 +46,7 @@ bool Poller::Remove(int descriptor) noexcept {
 std::span<const epoll_event> Poller::Poll(Events& storage, int timeoutMs) const {
   const int count = ::epoll_wait(m_epoll.Get(), storage.data(), static_cast<int>(storage.size()), timeoutMs);
   if (count == -1 && errno != EINTR) {
+    CheckProcess("the context");
     zq::posix::ThrowErrno("cannot wait for events");
   }
   return std::span(storage).first(static_cast<std::size_t>(std::max(count, 0)));

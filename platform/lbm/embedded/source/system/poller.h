@@ -7,12 +7,13 @@
 #include <cstdint>
 #include <span>
 
+#include "system/process_bound.h"
 #include "zq/posix/descriptor.h"
 
 namespace engine {
 
 // An epoll instance. Every descriptor in it has a token, which its events carry. Threads: any.
-class Poller {
+class Poller : public ProcessBound {
  public:
   using Token = std::uint64_t;
   // Events of one Poll.
@@ -31,7 +32,7 @@ class Poller {
   bool Remove(int descriptor) noexcept;
 
   // Waits up to timeoutMs milliseconds, -1 for ever, for an event and returns what is ready, in the storage; nothing
-  // when the time has passed or a signal came. Throws std::system_error.
+  // when the time has passed or a signal came. Throws std::system_error, and Error in a child that fork made.
   std::span<const epoll_event> Poll(Events& storage, int timeoutMs) const;
 
  private:
