@@ -15,6 +15,7 @@
 #include "descriptor_limit.h"
 #include "holdings.h"
 #include "member.h"
+#include "transport/host/ring/shared_memory.h"
 
 namespace {
 
@@ -22,7 +23,8 @@ enum class Call : std::uint8_t { kMemfdCreate, kPosixFallocate, kMap, kWatch, kM
 
 constinit std::array<std::atomic<int>, 7> g_errors{};  // by the call; 0: not refused
 
-// While it lives, the call fails with the error on every thread. One at a time for each call.
+// While it lives, the call fails with the error on every thread, an interrupted one (EINTR) the first time only. One at
+// a time for each call.
 class Refusal {
  public:
   Refusal(Call call, int error) : m_error(g_errors[static_cast<std::size_t>(call)]) { m_error = error; }
@@ -35,7 +37,11 @@ class Refusal {
 };
 
 bool IsRefused(Call call) {
-  const int error = g_errors[static_cast<std::size_t>(call)];
+  auto& refusal = g_errors[static_cast<std::size_t>(call)];
+  const int error = refusal;
+  if (error == EINTR) {
+    refusal = 0;
+  }
   if (error != 0) {
     errno = error;
   }
@@ -334,6 +340,11 @@ TEST_F(RefusingSystem, WhatIsOfferedIsRefusedWithARemedyAndWhatIsWantedIsTriedAg
   const auto publication = m_other.transport->Advertise({"U", Pacing::kSource});
   watcher.transport->Watch("U");
   DrainUntil({&m_other, &watcher}, "the source", [&] { return watcher.Heard("up U"); });
+}
+
+TEST(Interruption, OfAnAllocationIsNoRefusal) {
+  const Refusal interruption(Call::kPosixFallocate, EINTR);
+  EXPECT_NO_THROW(MakeSharedMemory("test", 4096));
 }
 
 class Joining : public RefusingSystem {};

@@ -9,6 +9,7 @@
 #include "transport/fault.h"
 #include "zq/posix/error.h"
 #include "zq/posix/fork.h"
+#include "zq/posix/signals.h"
 
 namespace engine::transport::host {
 
@@ -43,7 +44,13 @@ zq::posix::Descriptor MakeSharedMemory(const char* name, std::size_t size) {
   if (!memory) {
     Refuse(errno);
   }
-  if (const int error = ::posix_fallocate(memory.Get(), 0, static_cast<off_t>(size)); error != 0) {
+  // A signal undoes what was allocated so far: where a profiler sends them all the time, no attempt would succeed.
+  const zq::posix::SignalBlocker blocker;
+  int error = 0;
+  do {
+    error = ::posix_fallocate(memory.Get(), 0, static_cast<off_t>(size));
+  } while (error == EINTR);
+  if (error != 0) {
     Refuse(error);
   }
   return memory;
