@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "member.h"
+#include "transport/host/link/rendezvous.h"
 
 namespace engine::transport::host {
 namespace {
@@ -94,6 +96,28 @@ TEST_F(RuntimeDirectory, MayBeLongerThanASocketAddress) {
   const auto publication = a.transport->Advertise({"T", Pacing::kSource});
   Settle({&a, &b});
   EXPECT_TRUE(b.Heard("up T"));
+}
+
+TEST_F(RuntimeDirectory, TakesNobodyForDeadWhereThereIsNoProc) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "takes the rights of the superuser";
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    Rendezvous living(m_scratch.Path(), "test", "1-a");
+    living.Join();
+    const Rendezvous caller(m_scratch.Path(), "test", "1-b");
+    zq::posix::Descriptor socket;
+    ASSERT_EQ(::chroot(m_scratch.Path().c_str()), 0);
+    const auto namesProc = testing::ThrowsMessage<std::exception>(HasSubstr("mount /proc"));
+    EXPECT_THAT([&] { caller.Connect("1-a", socket); }, namesProc);
+    EXPECT_THAT([] { Rendezvous("/", "test", "1-c").Join(); }, namesProc);
+    EXPECT_THAT(caller.Others(), testing::ElementsAre("1-a"));
+    ::_exit(HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(RuntimeDirectory, FollowsTheEnvironment) {

@@ -63,15 +63,24 @@ bool ProcessIsGone(const std::string& name) {
          errno == ESRCH;
 }
 
+constexpr std::string_view kOwnDescriptors = "/proc/self/fd/";
+
 // The address of a file in a directory. The path through the descriptor is short however long the directory's is.
 sockaddr_un AddressOf(int directory, const std::string& file) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  constexpr std::string_view kPrefix = "/proc/self/fd/";
-  static_assert(kPrefix.size() + sizeof("2147483647/") + kNameMax + kJoiningSuffix.size() <= sizeof(address.sun_path));
-  const std::string path = std::string(kPrefix) + std::to_string(directory) + "/" + file;
+  static_assert(kOwnDescriptors.size() + sizeof("2147483647/") + kNameMax + kJoiningSuffix.size() <=
+                sizeof(address.sun_path));
+  const std::string path = std::string(kOwnDescriptors) + std::to_string(directory) + "/" + file;
   std::memcpy(address.sun_path, path.c_str(), path.size());
   return address;
+}
+
+// Throws when it is for want of such paths that an address was not found. path: of the domain.
+void CheckOwnDescriptors(const std::string& path) {
+  if (::access(kOwnDescriptors.data(), F_OK) != 0) {
+    Refuse(path, "sockets are reached through " + std::string(kOwnDescriptors) + ", which is not there; mount /proc");
+  }
 }
 
 const sockaddr* Generic(const sockaddr_un& address) { return reinterpret_cast<const sockaddr*>(&address); }
@@ -142,6 +151,9 @@ void Rendezvous::PutSocket() {
   const sockaddr_un address = AddressOf(m_directory.Get(), joining);
   zq::posix::Descriptor socket = OpenSocket(m_path);
   if (::bind(socket.Get(), Generic(address), sizeof(address)) != 0) {
+    const int error = errno;
+    CheckOwnDescriptors(m_path);
+    errno = error;
     RefuseErrno(m_path, "creating a socket");
   }
   if (::listen(socket.Get(), kBacklog) != 0 ||
@@ -254,8 +266,10 @@ Rendezvous::Outcome Rendezvous::Call(const std::string& name, zq::posix::Descrip
         continue;
       case EAGAIN:
         return Outcome::kBacklogFull;
-      case ECONNREFUSED:
       case ENOENT:
+        CheckOwnDescriptors(m_path);
+        [[fallthrough]];
+      case ECONNREFUSED:
         return Outcome::kGone;
       case EPROTOTYPE:
         return Outcome::kNoContext;
