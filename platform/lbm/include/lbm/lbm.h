@@ -12,8 +12,11 @@
  *             objects are for one thread at a time.
  *   Deletion: after lbm_rcv_delete, lbm_src_delete, lbm_cancel_fd and lbm_context_delete return, no callback of that
  *             object, nor of a context's children, runs or will run, event queues included. Called from inside the
- *             object's own callback they return at once and take effect when that callback returns. Two callbacks on
- *             two threads must not delete each other's objects: each would wait for the other's end.
+ *             object's own callback they return at once and take effect when that callback returns. A context that is
+ *             deleted so is gone once the lbm_context_process_events that made the callback has returned; if the
+ *             library runs its thread, nothing tells when that has ended. Who has to know deletes it on another thread,
+ *             or in a callback of an event queue: then it is gone when lbm_context_delete returns. Two callbacks on two
+ *             threads must not delete each other's objects: each would wait for the other's end.
  *   Waiting:  a send without room waits for it, unless flags has LBM_SRC_NONBLOCK or the caller is the thread that
  *             processes the context's events, or those of a context that receives from the source. In a callback of
  *             another thread the wait ends once somebody deletes what the callback belongs to, or its context. A send

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 
@@ -133,6 +134,43 @@ TEST_F(InAProcess, AChildThatReturnsFromACallbackTakesNothingFromItsParent) {
   EXPECT_EQ(0, source.Send("2"));
   PumpUntil({context}, "the last message", [&] { return recorder.lines.back() == "data 2 2"; });
   EXPECT_THAT(recorder.lines, testing::ElementsAre("BOS 0", "data 0 0", "data 1 1", "data 2 2"));
+}
+
+// What others of the machine see of the contexts of the test's domain.
+std::size_t Traces() {
+  std::size_t found = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(std::getenv("LBM_RUNTIME_DIR"))) {
+    found += entry.is_socket() ? 1 : 0;
+  }
+  return found;
+}
+
+TEST_F(InAProcess, AContextIsGoneWhereItsDeletionSaysSo) {
+  lbm_context_t* context = MakeContext();
+  EXPECT_EQ(OverNetwork(), Traces() == 0);
+  const Recorder witness(context, "OTHER");
+  Recorder recorder(context, "END");
+  const Sender source(context, "END");
+  recorder.onEvent = [&](lbm_msg_t&) { EXPECT_EQ(0, lbm_context_delete(std::exchange(context, nullptr))); };
+  source.AwaitSubscriber({context});
+  EXPECT_EQ(0, source.Send("x"));
+  while (context != nullptr) {
+    ASSERT_EQ(0, lbm_context_process_events(context, 1000));
+  }
+  EXPECT_EQ(0U, Traces()) << "after lbm_context_process_events";
+
+  const Queue queue;
+  context = MakeContext({});
+  Recorder queued(context, "END", queue);
+  const Sender other(context, "END");
+  queued.onEvent = [&](lbm_msg_t&) {
+    EXPECT_EQ(0, lbm_context_delete(std::exchange(context, nullptr)));
+    EXPECT_EQ(0U, Traces()) << "after lbm_context_delete";
+  };
+  while (context != nullptr) {
+    static_cast<void>(other.Send("x"));
+    ASSERT_NE(-1, lbm_event_dispatch(queue, 10));
+  }
 }
 
 TEST_F(InAProcess, NoThreadOfTheEngineTakesItsSignals) {
