@@ -145,14 +145,17 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   ExpectUnharmed();
 }
 
-TEST_F(HostilePeer, ADescriptorThatComesWithNothingIsClosed) {
+TEST_F(HostilePeer, DescriptorsThatNothingTakesAreClosed) {
   const Holdings before = Holdings::Now();
-  {
+  const wire::Signal doorbell{wire::Type::kDoorbell};
+  for (const std::size_t count : {1U, 2U, 3U}) {
     const zq::posix::Descriptor passed(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    const RawPeer peer(m_address);
-    peer.Greet();
-    peer.Send(Bytes(), passed.Get());
-    Settle({&m_member});
+    for (const Bytes frame : {Bytes(), wire::BytesOf(doorbell)}) {
+      const RawPeer peer(m_address);
+      peer.Greet();
+      peer.Send(frame, passed.Get(), count);
+      Settle({&m_member});
+    }
   }
   Settle({&m_member});
   EXPECT_EQ(Holdings::Now(), before);

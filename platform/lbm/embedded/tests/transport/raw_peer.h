@@ -18,10 +18,12 @@
 
 namespace engine::transport::host {
 
-// A frame, and room for a descriptor beside it.
+// A frame, and room for descriptors beside it.
 struct RawPacket {
+  static constexpr std::size_t kDescriptorsMax = 3;
+
   iovec part;
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(kDescriptorsMax * sizeof(int))> control{};
   msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
 };
 
@@ -37,8 +39,8 @@ class RawPeer {
 
   bool Connected() const { return m_connected; }
 
-  // descriptor: to pass with the frame; none if negative.
-  void Send(Bytes frame, int descriptor = -1) const {
+  // descriptor: to pass with the frame, so many times; none if negative.
+  void Send(Bytes frame, int descriptor = -1, std::size_t times = 1) const {
     RawPacket packet{{const_cast<std::byte*>(frame.data()), frame.size()}};
     if (descriptor < 0) {
       packet.message.msg_controllen = 0;
@@ -46,8 +48,11 @@ class RawPeer {
       cmsghdr* const header = CMSG_FIRSTHDR(&packet.message);
       header->cmsg_level = SOL_SOCKET;
       header->cmsg_type = SCM_RIGHTS;
-      header->cmsg_len = CMSG_LEN(sizeof(descriptor));
-      std::memcpy(CMSG_DATA(header), &descriptor, sizeof(descriptor));
+      header->cmsg_len = CMSG_LEN(times * sizeof(descriptor));
+      for (std::size_t i = 0; i < times; ++i) {
+        std::memcpy(CMSG_DATA(header) + i * sizeof(descriptor), &descriptor, sizeof(descriptor));
+      }
+      packet.message.msg_controllen = header->cmsg_len;
     }
     ::sendmsg(m_socket.Get(), &packet.message, MSG_NOSIGNAL);
   }
