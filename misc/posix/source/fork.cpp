@@ -6,8 +6,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
+#include <new>
 #include <vector>
 
 namespace zq::posix {
@@ -61,29 +63,16 @@ constinit std::atomic<unsigned> g_generation{0};
 ForkLock::ForkLock() noexcept { TheHidden().mutex.lock(); }
 ForkLock::~ForkLock() { TheHidden().mutex.unlock(); }
 
-int Hide(int descriptor) {
+Descriptor Hide(int descriptor) noexcept {
   auto& descriptors = TheHidden().descriptors;
+  const auto number = static_cast<std::size_t>(descriptor);
   try {
-    const auto number = static_cast<std::size_t>(descriptor);
-    if (descriptors.size() <= number) {
-      descriptors.resize(number + 1);
-    }
-    descriptors[number] = true;
-  } catch (...) {
-    ::close(descriptor);
-    throw;
+    descriptors.resize(std::max(descriptors.size(), number + 1));
+  } catch (const std::bad_alloc&) {
+    return Descriptor(descriptor);
   }
-  return descriptor;
-}
-
-void* Hide(void* memory, std::size_t size) {
-  try {
-    TheHidden().memory.emplace(memory, size);
-  } catch (...) {
-    ::munmap(memory, size);
-    throw;
-  }
-  return memory;
+  descriptors[number] = true;
+  return Descriptor(descriptor, Descriptor::Sharing::kNotWithChildren);
 }
 
 void CloseUnshared(int descriptor) noexcept {
@@ -94,10 +83,17 @@ void CloseUnshared(int descriptor) noexcept {
 
 }  // namespace details
 
-void* MapUnshared(std::size_t size, int protection, int file) {
+void* MapUnshared(std::size_t size, int protection, int file) noexcept {
   const details::ForkLock lock;
   void* const memory = ::mmap(nullptr, size, protection, MAP_SHARED, file, 0);
-  return memory == MAP_FAILED ? memory : details::Hide(memory, size);
+  if (memory != MAP_FAILED) {
+    try {
+      TheHidden().memory.emplace(memory, size);
+    } catch (const std::bad_alloc&) {
+      // Children have it, too.
+    }
+  }
+  return memory;
 }
 
 void UnmapUnshared(void* memory, std::size_t size) noexcept {

@@ -25,9 +25,8 @@ class ForkLock {
   ForkLock& operator=(const ForkLock&) = delete;
 };
 
-// Under a ForkLock. Take over the result of a system call; throw std::bad_alloc, and have given it back then.
-int Hide(int descriptor);
-void* Hide(void* memory, std::size_t size);
+// Under a ForkLock: notes that children are not to have it. Without memory for that, they have it.
+Descriptor Hide(int descriptor) noexcept;
 
 }  // namespace details
 
@@ -41,12 +40,12 @@ template <typename Open>
 Descriptor OpenUnshared(Open open) {
   const details::ForkLock lock;
   const int descriptor = open();
-  return descriptor < 0 ? Descriptor() : Descriptor(details::Hide(descriptor), Descriptor::Sharing::kNotWithChildren);
+  return descriptor < 0 ? Descriptor() : details::Hide(descriptor);
 }
 
 // Maps a file's memory, as mmap with MAP_SHARED. A child has private memory there, which is filled with zeros. Returns
 // MAP_FAILED, with errno, when the system refuses.
-void* MapUnshared(std::size_t size, int protection, int file);
+void* MapUnshared(std::size_t size, int protection, int file) noexcept;
 void UnmapUnshared(void* memory, std::size_t size) noexcept;
 
 }  // namespace zq::posix
