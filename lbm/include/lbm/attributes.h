@@ -7,6 +7,8 @@
 #include <string>
 #include <type_traits>
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 namespace details {
 
@@ -45,10 +47,11 @@ class Attributes {
   Handle* m_attr;
 };
 
-extern template class Attributes<lbm_context_attr_t>;
-extern template class Attributes<lbm_src_topic_attr_t>;
-extern template class Attributes<lbm_rcv_topic_attr_t>;
-extern template class Attributes<lbm_event_queue_attr_t>;
+// Said once more, because the C interface does not say it of the handles.
+extern template class __attribute__((visibility("default"))) Attributes<lbm_context_attr_t>;
+extern template class __attribute__((visibility("default"))) Attributes<lbm_src_topic_attr_t>;
+extern template class __attribute__((visibility("default"))) Attributes<lbm_rcv_topic_attr_t>;
+extern template class __attribute__((visibility("default"))) Attributes<lbm_event_queue_attr_t>;
 
 }  // namespace details
 
@@ -58,3 +61,5 @@ class ReceiverTopicAttributes : public details::Attributes<lbm_rcv_topic_attr_t>
 class EventQueueAttributes : public details::Attributes<lbm_event_queue_attr_t> {};
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -9,6 +9,8 @@
 #include "lbm/attributes.h"
 #include "zq/statistics/snapshot.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Context;
@@ -76,3 +78,5 @@ class Context {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 // A failed call. what() is the message given, ": ", and the library's last error text of the constructing thread, which
@@ -35,3 +37,5 @@ inline int ThrowIfFailed(int result, const char* msg) {
 
 }  // namespace details
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -8,6 +8,8 @@
 #include "lbm/attributes.h"
 #include "zq/statistics/row.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 // Owns one event queue. Receivers, sources and requests made with it have their callbacks run by the thread that is
@@ -52,3 +54,5 @@ inline lbm_event_queue_t* HandleOf(EventQueue* eq) noexcept {
 
 }  // namespace details
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -11,6 +11,8 @@
 
 #include "lbm/response.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 // One counted reference to a delivered message, or none. The message and everything its accessors point to live until
@@ -82,3 +84,5 @@ class Message {
 using MessageCallback = std::function<void(Message)>;
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -9,6 +9,8 @@
 
 #include "lbm/message.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 namespace details {
@@ -81,3 +83,5 @@ class [[nodiscard]] PendingRequest {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 #include "lbm/topics.h"
 #include "zq/statistics/row.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Context;
@@ -58,3 +60,5 @@ class Receiver : public BaseReceiver {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -8,6 +8,8 @@
 #include "lbm/message.h"
 #include "zq/statistics/row.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 // Owns one request that was sent with Source::SendRequest: every response to it is passed to the callback, until the
@@ -41,3 +43,5 @@ class Request {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

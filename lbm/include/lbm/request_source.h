@@ -10,6 +10,8 @@
 #include "lbm/source.h"
 #include "lbm/topics.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Context;
@@ -69,3 +71,5 @@ class RequestSource {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Message;
@@ -45,3 +47,5 @@ class Response {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

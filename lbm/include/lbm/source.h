@@ -13,6 +13,8 @@
 #include "lbm/topics.h"
 #include "zq/statistics/row.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Context;
@@ -101,3 +103,5 @@ class Source {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

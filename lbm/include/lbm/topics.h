@@ -5,6 +5,8 @@
 
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Context;
@@ -48,3 +50,5 @@ class SourceTopic : public details::Topic {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

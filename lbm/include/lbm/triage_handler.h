@@ -12,6 +12,8 @@
 #include "lbm/receiver.h"
 #include "zq/logging/source.h"
 
+#pragma GCC visibility push(default)
+
 namespace lbm {
 
 class Context;
@@ -87,3 +89,5 @@ class LbmTriageHandler {
 };
 
 }  // namespace lbm
+
+#pragma GCC visibility pop

@@ -5,6 +5,7 @@
 #ifndef ONLOAD_EXTENSIONS_H
 #define ONLOAD_EXTENSIONS_H
 
+#pragma GCC visibility push(default)
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -38,5 +39,6 @@ int onload_set_stackname(int who, int scope, const char* name);
 #ifdef __cplusplus
 }
 #endif
+#pragma GCC visibility pop
 
 #endif

@@ -8,6 +8,8 @@
 #include "zq/logging/log_level.h"
 #include "zq/logging/source.h"
 
+#pragma GCC visibility push(default)
+
 namespace zq::logging {
 
 // Takes one finished statement. handlerName chooses a handler of the back end; empty means the default. filename is
@@ -25,3 +27,5 @@ void FormatAndLogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
 void ForceLockHandlers();
 
 }  // namespace zq::logging
+
+#pragma GCC visibility pop

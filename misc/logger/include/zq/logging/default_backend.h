@@ -42,6 +42,8 @@
 
 #include "zq/logging/log_level.h"
 
+#pragma GCC visibility push(default)
+
 namespace zq::logging {
 
 enum class LineFormat { kText, kJson };
@@ -75,3 +77,5 @@ std::optional<LogLevel> ParseLevel(std::string_view text);
 void FlushLog();
 
 }  // namespace zq::logging
+
+#pragma GCC visibility pop

@@ -1,6 +1,8 @@
 // Levels and decode types of log statements, and the process-wide gate.
 #pragma once
 
+#pragma GCC visibility push(default)
+
 namespace zq::logging {
 
 // A statement is emitted when its level is at least the minimum level.
@@ -33,3 +35,5 @@ extern int g_minLogLevel;
 inline bool IsEnabled(LogLevel level) noexcept { return __atomic_load_n(&g_minLogLevel, __ATOMIC_RELAXED) <= level; }
 
 }  // namespace zq::logging
+
+#pragma GCC visibility pop

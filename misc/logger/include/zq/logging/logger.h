@@ -14,6 +14,8 @@
 #include "zq/logging/log_level.h"
 #include "zq/logging/source.h"
 
+#pragma GCC visibility push(default)
+
 namespace zq::logging {
 
 namespace details {
@@ -58,6 +60,8 @@ class Logger {
 };
 
 }  // namespace zq::logging
+
+#pragma GCC visibility pop
 
 // A stream-style statement with every field given. text is what follows Stream() <<.
 #define ZQLOG_AT(level, id, source, file, line, text)                                                          \

@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#pragma GCC visibility push(default)
+
 namespace zq::logging {
 
 class Source;
@@ -30,3 +32,5 @@ class Source {
 };
 
 }  // namespace zq::logging
+
+#pragma GCC visibility pop

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace zq::statistics {
 
 enum class FieldType : std::uint32_t {
@@ -66,3 +68,5 @@ constexpr std::uint64_t BucketBegin(std::size_t bucket) noexcept {
 }
 
 }  // namespace zq::statistics
+
+#pragma GCC visibility pop

@@ -9,6 +9,8 @@
 
 #include "zq/statistics/kind.h"
 
+#pragma GCC visibility push(default)
+
 namespace zq::statistics {
 
 class Page;
@@ -102,3 +104,5 @@ class Row {
 };
 
 }  // namespace zq::statistics
+
+#pragma GCC visibility pop

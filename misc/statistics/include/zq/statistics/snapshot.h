@@ -13,6 +13,8 @@
 
 #include "zq/statistics/kind.h"
 
+#pragma GCC visibility push(default)
+
 namespace zq::statistics {
 
 // How many values fell into each bucket.
@@ -121,3 +123,5 @@ std::string PageDirectory();
 std::vector<PageFile> ListPages(const std::string& directory);
 
 }  // namespace zq::statistics
+
+#pragma GCC visibility pop

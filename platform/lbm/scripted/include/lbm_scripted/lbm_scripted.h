@@ -42,6 +42,8 @@
 #include <variant>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace lbm_scripted {
 
 void Reset();
@@ -195,3 +197,5 @@ std::size_t References(const lbm_msg_t* msg);
 std::vector<std::string> Problems();
 
 }  // namespace lbm_scripted
+
+#pragma GCC visibility pop

@@ -7,6 +7,8 @@
 
 #include "ps_common/config/config_helper.h"
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 // A copy of one sub-tree of the configuration: it stays valid and unchanged whatever happens to the Config.
@@ -42,3 +44,5 @@ bool CompositeNode::GetAttrValue<bool>(const std::string& attribute, const bool&
 using CompositeNodePtr = std::shared_ptr<CompositeNode>;
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

@@ -15,6 +15,8 @@
 #include "ps_common/config/composite_node.h"
 #include "ps_common/config/config_helper.h"
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 // A configuration file that cannot be used. The text starts with "path: " or, where there is a line to look at,
@@ -90,3 +92,5 @@ class Config : public ConfigHelper {
 };
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

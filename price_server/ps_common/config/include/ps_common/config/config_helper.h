@@ -4,6 +4,8 @@
 #include <boost/property_tree/ptree.hpp>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 // Threads: const operations may run at the same time.
@@ -32,3 +34,5 @@ std::string ConfigHelper::Get<std::string>(const boost::property_tree::ptree& tr
                                            const std::string& defaultValue, bool* found);
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

@@ -17,6 +17,8 @@
 #include "ps_common/connector/symbol_prefixes.h"
 #include "zq/statistics/snapshot.h"
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 class ManagerStatistics;
@@ -218,3 +220,5 @@ void* receiver_src_notify_create(const char* src_str, void* clientd);
 int receiver_src_notify_delete(const char* src_str, void* clientd, void* clientd_);
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

@@ -11,6 +11,8 @@
 
 #include "ps_common/connector/topic_names.h"
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 using ReceiverPtr = std::shared_ptr<lbm::Receiver>;
@@ -64,3 +66,5 @@ class LbmResourceMgr : public TopicNames {
 };
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

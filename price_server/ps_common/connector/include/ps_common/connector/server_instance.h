@@ -7,6 +7,8 @@
 #include <tuple>
 #include <utility>
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 using MarketID_t = std::int16_t;
@@ -65,3 +67,5 @@ static_assert(offsetof(ServerInstance, m_marketID) == 0 && offsetof(ServerInstan
 static_assert(sizeof(std::size_t) == sizeof(std::uint64_t), "the hash is the whole key");
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

@@ -3,6 +3,8 @@
 
 #include "ps_common/connector/lbm_resource_mgr.h"
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 // Shuts the manager down when the scope is left, by an exception too. To be made right behind the manager: endpoints
@@ -23,3 +25,5 @@ class ShutdownGuard {
 };
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop

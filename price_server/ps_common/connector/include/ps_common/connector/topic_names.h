@@ -7,6 +7,8 @@
 
 #include "ps_common/connector/server_instance.h"
 
+#pragma GCC visibility push(default)
+
 namespace ps_ns {
 
 // What the name of a segment topic tells.
@@ -67,3 +69,5 @@ class TopicNames {
 };
 
 }  // namespace ps_ns
+
+#pragma GCC visibility pop
