@@ -25,56 +25,89 @@ function(price_connector_compile_settings target)
   endif()
 endfunction()
 
-# Installs targets price_connector_<name> and exports them as price_connector::<name>; the names are the installed
-# package's components. Installed, the targets find our shared libraries beside them.
-function(price_connector_install)
-  list(TRANSFORM ARGV REPLACE "^price_connector_" "" OUTPUT_VARIABLE names)
-  set_property(GLOBAL APPEND PROPERTY PRICE_CONNECTOR_COMPONENTS ${names})
-  file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  set_target_properties(${ARGV} PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/${to_libraries}")
-  install(
-    TARGETS ${ARGV}
-    EXPORT price_connectorTargets
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# Settings for what becomes part of a library of ours, which shows only what its public headers say is to be seen.
+function(price_connector_library_settings target)
+  price_connector_compile_settings(${target})
+  set_target_properties(${target} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
+                                             VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
-# price_connector_library(<room> [SHARED|STATIC|INTERFACE] [SOURCES <file>...] [PUBLIC <lib>...] [PRIVATE <lib>...])
+# price_connector_exports(<target> <map>)
+#
+# Gives a shared library the names that its map lists, a version script for the linker in which @names@ of variables are
+# replaced; and a soname, which changes with every minor version, because before 1.0 each may change the interface.
+function(price_connector_exports target map)
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}.map)
+  configure_file(${map} ${script} @ONLY)
+  target_link_options(${target} PRIVATE LINKER:--version-script=${script})
+  set_target_properties(
+    ${target} PROPERTIES LINK_DEPENDS ${script} VERSION ${PROJECT_VERSION}
+                         SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+endfunction()
+
+# price_connector_install(<export set> <target> <name>)
+#
+# Installs a target as price_connector::<name> of the package. Installed, shared libraries find each other beside
+# themselves.
+function(price_connector_install set target name)
+  set_target_properties(${target} PROPERTIES EXPORT_NAME ${name} INSTALL_RPATH $ORIGIN)
+  if(PRICE_CONNECTOR_INSTALL)
+    install(TARGETS ${target} EXPORT price_connector${set}Targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+            ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  endif()
+endfunction()
+
+# price_connector_library(<room> [INTERFACE|SHARED <map>] [INTERNAL] [SOURCES <file>...] [PUBLIC <lib>...]
+#                         [PRIVATE <lib>...] [EXPORT_SET <set>])
 #
 # The target price_connector::<room>, with the folder include/ for others and source/ for itself. What stands behind a
-# link-time seam is SHARED, so that another implementation can take its place; everything else is STATIC.
+# link-time seam is SHARED, so that another implementation can take its place, and exports what the map says; everything
+# else with sources is STATIC and becomes a part of the library price_connector. Of an INTERNAL room no header is
+# installed. The package has the targets that are not STATIC, in its export set of the given name if there is one.
 function(price_connector_library room)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "SHARED;STATIC;INTERFACE" "" "SOURCES;PUBLIC;PRIVATE")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "INTERFACE;INTERNAL" "SHARED;EXPORT_SET" "SOURCES;PUBLIC;PRIVATE")
   set(target price_connector_${room})
+  set(scope PUBLIC)
   if(arg_INTERFACE)
     add_library(${target} INTERFACE)
     set(scope INTERFACE)
+  elseif(arg_SHARED)
+    add_library(${target} SHARED ${arg_SOURCES})
+    price_connector_exports(${target} ${arg_SHARED})
   else()
-    set(kind STATIC)
-    if(arg_SHARED)
-      set(kind SHARED)
-    endif()
-    add_library(${target} ${kind} ${arg_SOURCES})
-    # Before 1.0 every minor version may change the interface.
-    set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION}
-                                               SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
-    set(scope PUBLIC)
-    price_connector_compile_settings(${target})
+    add_library(${target} STATIC ${arg_SOURCES})
+    set_property(GLOBAL APPEND PROPERTY PRICE_CONNECTOR_PARTS ${target})
+  endif()
+  if(arg_INTERFACE OR arg_SHARED)
+    price_connector_install("${arg_EXPORT_SET}" ${target} ${room})
+  endif()
+  if(NOT arg_INTERFACE)
+    price_connector_library_settings(${target})
     target_include_directories(${target} PRIVATE source)
     target_link_libraries(${target} PRIVATE ${arg_PRIVATE})
   endif()
   add_library(price_connector::${room} ALIAS ${target})
-  set_target_properties(${target} PROPERTIES EXPORT_NAME ${room})
   if(IS_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/include)
     target_include_directories(
       ${target} ${scope} $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
                          $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/price_connector>)
-    install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/price_connector PATTERN ".*" EXCLUDE)
+    if(PRICE_CONNECTOR_INSTALL AND NOT arg_INTERNAL)
+      install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/price_connector PATTERN ".*" EXCLUDE)
+    endif()
   endif()
   target_compile_features(${target} INTERFACE cxx_std_17)
   target_link_libraries(${target} ${scope} ${arg_PUBLIC})
-  price_connector_install(${target})
+endfunction()
+
+# price_connector_objects(<name> SOURCES <file>... LIBRARIES <lib>...)
+#
+# What a SHARED room is made of, for it and for those of its tests that look inside.
+function(price_connector_objects name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+  add_library(${name} OBJECT ${arg_SOURCES})
+  price_connector_library_settings(${name})
+  target_include_directories(${name} PRIVATE source PUBLIC include)
+  target_link_libraries(${name} PUBLIC ${arg_LIBRARIES})
 endfunction()
 
 # price_connector_test(<name> SOURCES <file>... [LIBRARIES <lib>...] [LABELS <label>...])
