@@ -20,6 +20,8 @@ def listed(folder):
     for path in folder.glob("*.symbols"):
         for line in path.read_text().splitlines():
             entry = re.fullmatch(r' (?:\(([a-z+|]*)\))?"?(.*?)@(\w\S*?)"? \S+', line)
+            if line.startswith("*"):
+                continue  # a field of the library
             if entry is None:
                 names = libraries.setdefault(line.split()[0], {})
             else:
