@@ -28,7 +28,7 @@ bool InstanceMonitor::OnSessionEnd(unsigned segment) noexcept {
   return true;
 }
 
-bool InstanceMonitor::OnData(unsigned segment, std::span<const std::byte> data, std::int64_t arrivedAt) noexcept {
+bool InstanceMonitor::OnData(unsigned segment, std::string_view data, std::int64_t arrivedAt) noexcept {
   auto& totals = m_prices.totals;
   const auto message = feed::DecodePriceMessage(data);
   if (!message || message->segment != segment) {

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
+#include <string_view>
 #include <vector>
 
 #include "feed/price_message.h"
@@ -30,7 +30,7 @@ class InstanceMonitor {
 
   // Any bytes whatever that came as data; arrivedAt as feed::RealTimeNanoseconds counts. Returns whether they made a
   // source known that had not appeared before.
-  bool OnData(unsigned segment, std::span<const std::byte> data, std::int64_t arrivedAt) noexcept;
+  bool OnData(unsigned segment, std::string_view data, std::int64_t arrivedAt) noexcept;
 
   // The messaging library reported that messages are lost for good.
   void OnLoss(std::uint64_t messages) noexcept { m_prices.totals.lost += messages; }

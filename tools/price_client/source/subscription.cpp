@@ -1,6 +1,5 @@
 #include "subscription.h"
 
-#include <span>
 #include <string>
 #include <utility>
 
@@ -72,8 +71,7 @@ void Subscription::Close() {
 void Subscription::TakePrice(unsigned segment, const lbm::Message& message) noexcept {
   switch (message.Type()) {
     case LBM_MSG_DATA:
-      if (m_monitor.OnData(segment, std::as_bytes(std::span(message.Data(), message.Length())),
-                           feed::RealTimeNanoseconds())) {
+      if (m_monitor.OnData(segment, {message.Data(), message.Length()}, feed::RealTimeNanoseconds())) {
         Post(Mail::Kind::kPriceSourceCame, {});
       }
       break;

@@ -33,9 +33,13 @@ class InstanceMonitorTest : public testing::Test {
     message.price = feed::Price::Parse(update.price).value();
     return message;
   }
+  static std::string BytesOf(const feed::PriceMessage& message) {
+    const auto bytes = feed::Encode(message);
+    return {bytes.begin(), bytes.end()};
+  }
   bool Receive(const Update& update) {
     const auto message = Message(update);
-    return m_monitor.OnData(update.segment, feed::Encode(message), message.sentAt + update.latency);
+    return m_monitor.OnData(update.segment, BytesOf(message), message.sentAt + update.latency);
   }
 
   void ReceiveSequence(std::uint64_t session, std::initializer_list<std::uint64_t> sequences, unsigned segment = 0) {
@@ -148,8 +152,8 @@ TEST_F(InstanceMonitorTest, CountsTheUpdatesOfSymbolsBeyondItsTable) {
 
 TEST_F(InstanceMonitorTest, WhatIsNoPriceOfItsSegmentIsMalformed) {
   m_monitor.OnData(0, {}, 1);
-  m_monitor.OnData(0, std::as_bytes(std::span("hello")), 1);
-  m_monitor.OnData(0, feed::Encode(Message({.segment = 1})), 1);
+  m_monitor.OnData(0, "hello", 1);
+  m_monitor.OnData(0, BytesOf(Message({.segment = 1})), 1);
   EXPECT_EQ(Read().malformed, 3U);
   EXPECT_EQ(Read().updates, 0U);
   Receive({.segment = 1});

@@ -35,8 +35,7 @@ bool SegmentPublisher::Send(unsigned short segment, const feed::Symbol& symbol, 
   message.price = price;
   message.sentAt = feed::RealTimeNanoseconds();
   const auto bytes = feed::Encode(message);
-  const auto* data = reinterpret_cast<const char*>(bytes.data());
-  if (source->SendEC(data, bytes.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK) == -1) {
+  if (source->SendEC(bytes.data(), bytes.size(), LBM_SRC_FLUSH | LBM_SRC_NONBLOCK) == -1) {
     if (lbm_errnum() == LBM_EWOULDBLOCK) {
       return false;
     }

@@ -5,12 +5,12 @@
 #include <tuple>
 #include <utility>
 
-#include "cli/one_line.h"
 #include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "feed/command.h"
 #include "feed/command_answer.h"
 #include "feed/news.h"
+#include "feed/one_line.h"
 #include "feed/product_info.h"
 #include "feed/request_for_quote.h"
 #include "feed/server_status.h"
@@ -100,7 +100,7 @@ template <std::integral T>
 Json ToJson(T value) {
   return value;
 }
-Json ToJson(const std::string& text) { return cli::OneLine(text); }
+Json ToJson(const std::string& text) { return OneLine(text); }
 Json ToJson(const Symbol& symbol) { return symbol.View(); }
 Json ToJson(Date date) { return ToString(date); }
 Json ToJson(Price price) { return price.ToString(); }
@@ -111,7 +111,7 @@ Json ToJson(ServerState state) { return ToString(state); }
 Json ToJson(const CommandAnswer::Figures& figures) {
   auto object = Json::object();
   for (const auto& [name, figure] : figures) {
-    object[cli::OneLine(name)] = figure;
+    object[OneLine(name)] = figure;
   }
   return object;
 }
@@ -177,7 +177,7 @@ bool FromJson(const ParsedJson& json, T& value) {
 }
 
 bool FromJson(const ParsedJson& json, std::string& text) {
-  if (!json.is_string() || !cli::IsOneLine(json.get_ref<const std::string&>())) {
+  if (!json.is_string() || !IsOneLine(json.get_ref<const std::string&>())) {
     return false;
   }
   text = json.get<std::string>();
@@ -221,7 +221,7 @@ bool FromJson(const ParsedJson& json, CommandAnswer::Figures& figures) {
     return false;
   }
   for (const auto& [name, figure] : json.items()) {
-    if (!cli::IsOneLine(name) || !FromJson(figure, figures[name])) {
+    if (!IsOneLine(name) || !FromJson(figure, figures[name])) {
       return false;
     }
   }
@@ -259,6 +259,12 @@ bool FromJson(const ParsedJson& json, Message& message) {
     return found == json.end() ? !field.isRequired : FromJson(*found, message.*field.member);
   };
   return std::apply([&](const auto&... fields) { return (take(fields) && ...); }, FieldsOf(&message));
+}
+
+template <HasFields Message>
+bool AreEqual(const Message& a, const Message& b) {
+  return std::apply([&](const auto&... fields) { return ((a.*fields.member == b.*fields.member) && ...); },
+                    FieldsOf(&a));
 }
 
 template <HasFields Message>
@@ -316,6 +322,15 @@ std::optional<std::uint64_t> DecodeMessageID(std::string_view bytes) noexcept {
 }
 
 std::string_view ToString(ServerState state) { return state == ServerState::kOpen ? "open" : "closing"; }
+
+bool operator==(const ProductInfo& a, const ProductInfo& b) { return AreEqual(a, b); }
+bool operator==(const RequestForQuote& a, const RequestForQuote& b) { return AreEqual(a, b); }
+bool operator==(const News& a, const News& b) { return AreEqual(a, b); }
+bool operator==(const ServerStatus& a, const ServerStatus& b) { return AreEqual(a, b); }
+bool operator==(const ClientRequest& a, const ClientRequest& b) { return AreEqual(a, b); }
+bool operator==(const ClientResponse& a, const ClientResponse& b) { return AreEqual(a, b); }
+bool operator==(const Command& a, const Command& b) { return AreEqual(a, b); }
+bool operator==(const CommandAnswer& a, const CommandAnswer& b) { return AreEqual(a, b); }
 
 std::string Encode(const ProductInfo& message) { return EncodeMessage(message); }
 std::string Encode(const RequestForQuote& message) { return EncodeMessage(message); }

@@ -5,12 +5,12 @@
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "cli/one_line.h"
 #include "feed/client_request.h"
 #include "feed/client_response.h"
 #include "feed/command.h"
 #include "feed/command_answer.h"
 #include "feed/news.h"
+#include "feed/one_line.h"
 #include "feed/product_info.h"
 #include "feed/request_for_quote.h"
 #include "feed/server_status.h"
@@ -141,7 +141,7 @@ TEST(JsonMessages, WithAFieldOutOfRangeAreNone) {
       {3, "headline", "a\nb"},
       {3, "headline", "a\x1b[31m"},
       {3, "headline", "a\xc2\x9b"},
-      {3, "headline", std::string(cli::kMaxTextLength + 1, 'a')},
+      {3, "headline", std::string(kMaxTextLength + 1, 'a')},
       {4, "state", "ajar"},
       {6, "last", 1},
       {6, "products",
@@ -171,26 +171,26 @@ TEST(JsonMessages, MayHaveAnIDThoughTheyCannotBeRead) {
 TEST(JsonMessages, MakeOneLineOfEveryText) {
   std::mt19937 random(2);
   for (int i = 0; i < 500; ++i) {
-    std::string bytes(random() % (2 * cli::kMaxTextLength), ' ');
+    std::string bytes(random() % (2 * kMaxTextLength), ' ');
     for (auto& byte : bytes) {
       byte = static_cast<char>(random() % (i % 2 == 0 ? 256 : 128));
     }
     const CommandAnswer answer{1, bytes, bytes, bytes, bytes, {{bytes, 1}}};
     const auto arrived = DecodeCommandAnswer(Encode(answer));
     ASSERT_TRUE(arrived.has_value());
-    ASSERT_EQ(arrived->text, cli::OneLine(bytes));
+    ASSERT_EQ(arrived->text, OneLine(bytes));
   }
-  EXPECT_EQ(cli::OneLine("a\tb\xc2\x9b"
-                         "c\xff"
-                         "d\u00e9"),
+  EXPECT_EQ(OneLine("a\tb\xc2\x9b"
+                    "c\xff"
+                    "d\u00e9"),
             "a b c\ufffdd\u00e9");
-  std::string cut(cli::kMaxTextLength - 1, 'a');
-  EXPECT_EQ(cli::OneLine(cut + "\u00e9"), cut);
-  EXPECT_EQ(cli::OneLine(cut + 'b' + 'c'), cut + 'b');
+  std::string cut(kMaxTextLength - 1, 'a');
+  EXPECT_EQ(OneLine(cut + "\u00e9"), cut);
+  EXPECT_EQ(OneLine(cut + 'b' + 'c'), cut + 'b');
 }
 
 TEST(JsonMessages, FitTheirLimitWhateverTheyHold) {
-  const std::string text(cli::kMaxTextLength, '"');
+  const std::string text(kMaxTextLength, '"');
   EXPECT_TRUE(DecodeCommand(Encode(Command{1, text, std::vector(Command::kMaxArguments, text)})));
   CommandAnswer answer{1, text, text, text, text, {}};
   for (auto name = text; answer.figures.size() < CommandAnswer::kMaxFigures;) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 
 namespace feed {
@@ -27,9 +28,12 @@ std::optional<Date> MakeDate(int year, int month, int day) {
   if (year < 0 || year > kMaxYear || month < 0 || day < 0) {
     return std::nullopt;
   }
-  const Date date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
-                  std::chrono::day(static_cast<unsigned>(day))};
-  return date.ok() ? std::optional(date) : std::nullopt;
+  const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
+                                         std::chrono::day(static_cast<unsigned>(day))};
+  if (!date.ok()) {
+    return std::nullopt;
+  }
+  return Date{static_cast<std::int16_t>(year), static_cast<std::uint8_t>(month), static_cast<std::uint8_t>(day)};
 }
 
 }  // namespace
@@ -49,14 +53,8 @@ std::optional<Date> ParseDate(std::string_view text) {
 
 std::string ToString(Date date) {
   std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%04d-%02u-%02u", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  std::snprintf(text.data(), text.size(), "%04d-%02d-%02d", int{date.year}, int{date.month}, int{date.day});
   return text.data();
-}
-
-std::int32_t ToNumber(Date date) {
-  return static_cast<int>(date.year()) * 10000 + static_cast<int>(static_cast<unsigned>(date.month())) * 100 +
-         static_cast<int>(static_cast<unsigned>(date.day()));
 }
 
 std::optional<Date> DateFromNumber(std::int32_t number) {

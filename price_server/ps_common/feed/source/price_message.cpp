@@ -28,7 +28,7 @@ void Put(EncodedPriceMessage& to, std::size_t offset, T value) {
 }
 
 template <typename T>
-T Take(std::span<const std::byte> from, std::size_t offset) {
+T Take(std::string_view from, std::size_t offset) {
   T value;
   std::memcpy(&value, from.data() + offset, sizeof value);
   return value;
@@ -51,7 +51,7 @@ EncodedPriceMessage Encode(const PriceMessage& message) noexcept {
   return bytes;
 }
 
-std::optional<PriceMessage> DecodePriceMessage(std::span<const std::byte> bytes) noexcept {
+std::optional<PriceMessage> DecodePriceMessage(std::string_view bytes) noexcept {
   if (bytes.size() != kPriceMessageSize || Take<std::uint32_t>(bytes, 0) != kPriceMessageMagic ||
       Take<std::uint8_t>(bytes, kReservedAt) != 0) {
     return std::nullopt;

@@ -23,9 +23,9 @@ struct CommandAnswer {
   std::string result;  // kResultOk or an error text
   std::string text;    // for people; optional
   Figures figures;     // for machines, by name; at most kMaxFigures; optional
-
-  friend bool operator==(const CommandAnswer&, const CommandAnswer&) = default;
 };
+
+bool operator==(const CommandAnswer& a, const CommandAnswer& b);
 
 std::string Encode(const CommandAnswer& message);
 std::optional<CommandAnswer> DecodeCommandAnswer(std::string_view bytes) noexcept;

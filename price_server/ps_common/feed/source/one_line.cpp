@@ -1,8 +1,8 @@
-#include "cli/one_line.h"
+#include "feed/one_line.h"
 
 #include <nlohmann/json.hpp>
 
-namespace cli {
+namespace feed {
 namespace {
 
 // The number of bytes, 0 to 2, of the control character that the text starts with.
@@ -53,4 +53,4 @@ std::string OneLine(std::string_view text) {
   return line;
 }
 
-}  // namespace cli
+}  // namespace feed

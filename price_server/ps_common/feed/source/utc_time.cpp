@@ -17,12 +17,14 @@ UtcTime UtcNow() { return std::chrono::floor<std::chrono::milliseconds>(std::chr
 
 std::string ToString(UtcTime time) {
   const auto day = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date(day);
   const std::chrono::hh_mm_ss clock(time - day);
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "T%02d:%02d:%02d.%03dZ", static_cast<int>(clock.hours().count()),
-                static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()),
-                static_cast<int>(clock.subseconds().count()));
-  return ToString(Date(day)) + text.data();
+  std::array<char, 48> text{};
+  std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                static_cast<int>(clock.seconds().count()), static_cast<int>(clock.subseconds().count()));
+  return text.data();
 }
 
 std::optional<UtcTime> ParseUtcTime(std::string_view text) {
@@ -41,7 +43,8 @@ std::optional<UtcTime> ParseUtcTime(std::string_view text) {
     return value;
   };
   using namespace std::chrono;
-  const UtcTime time = sys_days(*date) + hours(number(11, 2)) + minutes(number(14, 2)) + seconds(number(17, 2)) +
+  const year_month_day day{year(date->year), month(date->month), std::chrono::day(date->day)};
+  const UtcTime time = sys_days(day) + hours(number(11, 2)) + minutes(number(14, 2)) + seconds(number(17, 2)) +
                        milliseconds(number(20, 3));
   // Whatever is no digit, or too great for its place, comes out as another text.
   return ToString(time) == text ? std::optional(time) : std::nullopt;

@@ -20,9 +20,9 @@ struct ProductInfo {
   Date lastDate{};                 // of the recorded prices
   std::uint64_t prices = 0;        // recorded
   std::optional<Price> lastPrice;  // the latest one sent; none before the first. Optional
-
-  friend bool operator==(const ProductInfo&, const ProductInfo&) = default;
 };
+
+bool operator==(const ProductInfo& a, const ProductInfo& b);
 
 // message must have a symbol and valid dates.
 std::string Encode(const ProductInfo& message);

@@ -8,7 +8,7 @@
 
 namespace feed {
 
-// Texts in messages are single lines, see cli/one_line.h. Encode makes them so, whatever the field holds; decoding
+// Texts in messages are single lines, see one_line.h. Encode makes them so, whatever the field holds; decoding
 // refuses others. Times, dates and prices are texts as their headers describe them. Fields that a message is not known
 // to have are ignored, so that versions can differ; a field that is missing or of another type makes the message none,
 // unless its comment calls it optional.

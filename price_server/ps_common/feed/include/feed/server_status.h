@@ -26,9 +26,9 @@ struct ServerStatus {
   UtcTime time{};
   std::uint64_t updatesSent = 0;  // prices, over all segments
   std::chrono::seconds uptime{};
-
-  friend bool operator==(const ServerStatus&, const ServerStatus&) = default;
 };
+
+bool operator==(const ServerStatus& a, const ServerStatus& b);
 
 std::string Encode(const ServerStatus& message);
 std::optional<ServerStatus> DecodeServerStatus(std::string_view bytes) noexcept;

@@ -8,7 +8,7 @@
 
 namespace feed {
 
-using UtcTime = std::chrono::sys_time<std::chrono::milliseconds>;
+using UtcTime = std::chrono::time_point<std::chrono::system_clock, std::chrono::milliseconds>;
 
 UtcTime UtcNow();
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
+#include <string_view>
 
 #include "feed/date.h"
 #include "feed/price.h"
@@ -38,14 +38,14 @@ struct PriceMessage {
 constexpr std::size_t kPriceMessageSize = 64;
 constexpr std::uint32_t kPriceMessageMagic = 0x31435250;  // "PRC1"
 
-using EncodedPriceMessage = std::array<std::byte, kPriceMessageSize>;
+using EncodedPriceMessage = std::array<char, kPriceMessageSize>;
 
 // message must have a symbol and a valid date.
 EncodedPriceMessage Encode(const PriceMessage& message) noexcept;
 
 // Takes any bytes whatever; nothing unless they are what Encode gives for a message with a symbol, a valid date, a
 // price that is not negative, and a session and sequence above 0. Allocates nothing.
-std::optional<PriceMessage> DecodePriceMessage(std::span<const std::byte> bytes) noexcept;
+std::optional<PriceMessage> DecodePriceMessage(std::string_view bytes) noexcept;
 
 // The present moment as PriceMessage::sentAt counts it.
 std::int64_t RealTimeNanoseconds() noexcept;

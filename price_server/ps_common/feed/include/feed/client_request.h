@@ -19,9 +19,9 @@ struct ClientRequest {
   std::uint64_t id = 0;          // the client's choice; comes back in the responses
   std::string request;           // any text: the server answers one that it does not know with an error
   std::optional<Symbol> symbol;  // optional
-
-  friend bool operator==(const ClientRequest&, const ClientRequest&) = default;
 };
+
+bool operator==(const ClientRequest& a, const ClientRequest& b);
 
 std::string Encode(const ClientRequest& message);
 std::optional<ClientRequest> DecodeClientRequest(std::string_view bytes) noexcept;

@@ -14,9 +14,9 @@ struct News {
   UtcTime time{};
   std::string headline;
   std::string text;  // optional
-
-  friend bool operator==(const News&, const News&) = default;
 };
+
+bool operator==(const News& a, const News& b);
 
 std::string Encode(const News& message);
 std::optional<News> DecodeNews(std::string_view bytes) noexcept;

@@ -1,7 +1,6 @@
 // A price as an exact decimal number.
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -28,7 +27,10 @@ class Price {
   // Plain decimal notation with at least two digits after the point and no more than needed.
   std::string ToString() const;
 
-  friend constexpr auto operator<=>(Price, Price) = default;  // NOLINT(modernize-use-nullptr): there is no null here
+  friend constexpr bool operator==(Price a, Price b) { return a.m_units == b.m_units; }
+  friend constexpr bool operator!=(Price a, Price b) { return a.m_units != b.m_units; }
+  friend constexpr bool operator<(Price a, Price b) { return a.m_units < b.m_units; }
+  friend constexpr bool operator>(Price a, Price b) { return a.m_units > b.m_units; }
 
  private:
   std::int64_t m_units = 0;

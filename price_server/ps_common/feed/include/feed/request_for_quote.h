@@ -17,9 +17,9 @@ struct RequestForQuote {
   UtcTime time{};
   Symbol symbol;
   std::uint64_t quantity = 0;
-
-  friend bool operator==(const RequestForQuote&, const RequestForQuote&) = default;
 };
+
+bool operator==(const RequestForQuote& a, const RequestForQuote& b);
 
 // message must have a symbol.
 std::string Encode(const RequestForQuote& message);

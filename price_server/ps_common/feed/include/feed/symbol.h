@@ -1,8 +1,8 @@
 // Symbols of traded instruments, in a form that needs no memory of its own.
 #pragma once
 
-#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -18,12 +18,16 @@ class Symbol {
   constexpr Symbol() = default;
 
   static constexpr std::optional<Symbol> Parse(std::string_view text) {
-    const auto visible = [](char c) { return c > ' ' && c < 0x7f; };
-    if (text.empty() || text.size() > kMaxLength || !std::all_of(text.begin(), text.end(), visible)) {
+    if (text.empty() || text.size() > kMaxLength) {
       return std::nullopt;
     }
     Symbol symbol;
-    std::copy(text.begin(), text.end(), symbol.m_text.begin());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+      if (text[at] <= ' ' || text[at] >= 0x7f) {
+        return std::nullopt;
+      }
+      symbol.m_text[at] = text[at];
+    }
     symbol.m_length = static_cast<std::uint8_t>(text.size());
     return symbol;
   }
@@ -31,6 +35,7 @@ class Symbol {
   constexpr std::string_view View() const { return {m_text.data(), m_length}; }
 
   friend constexpr bool operator==(const Symbol& a, const Symbol& b) { return a.View() == b.View(); }
+  friend constexpr bool operator!=(const Symbol& a, const Symbol& b) { return !(a == b); }
 
  private:
   std::array<char, kMaxLength> m_text{};

@@ -23,9 +23,9 @@ struct ClientResponse {
   bool isLast = true;                  // false: more responses to the same request follow
   std::vector<ProductInfo> products;   // at most kMaxProducts; optional
   std::optional<ServerStatus> status;  // optional
-
-  friend bool operator==(const ClientResponse&, const ClientResponse&) = default;
 };
+
+bool operator==(const ClientResponse& a, const ClientResponse& b);
 
 std::string Encode(const ClientResponse& message);
 std::optional<ClientResponse> DecodeClientResponse(std::string_view bytes) noexcept;

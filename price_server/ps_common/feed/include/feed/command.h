@@ -24,9 +24,9 @@ struct Command {
   std::uint64_t id = 0;                // the sender's choice; comes back in the answers
   std::string name;                    // any text: a client answers one that it does not know with an error
   std::vector<std::string> arguments;  // at most kMaxArguments; optional
-
-  friend bool operator==(const Command&, const Command&) = default;
 };
+
+bool operator==(const Command& a, const Command& b);
 
 std::string Encode(const Command& message);
 std::optional<Command> DecodeCommand(std::string_view bytes) noexcept;
