@@ -45,14 +45,25 @@ void OccupyStandardDescriptors() {
 
 }  // namespace
 
-void AddCommonOptions(CLI::App& app) {
+void AddCommonOptions(CLI::App& app, const Manual& manual) {
+  app.footer(HelpFooter(manual));
   app.set_version_flag("--version", app.get_name() + ' ' + PRICE_CONNECTOR_VERSION, "Print the version and exit");
-  app.add_option_function<std::string>("--log-level", SetMinLogLevel,
-                                       "Least level of the log lines on standard error: debug, info, warning, error")
-      ->type_name("LEVEL")
+  app.add_option_function<std::string>("--log-level", SetMinLogLevel, "Least level of the log lines on standard error")
+      ->type_name("debug|info|warning|error")
       ->envname("ZQLOG_LEVEL")
       ->default_str("warning");
   SetMinLogLevel("warning");
+
+  const auto generate = [&app, manual](const std::string& kind) {
+    auto text = kind == "man" ? ManPage(app, manual) : BashCompletion(app);
+    text.pop_back();
+    // The library prints the text of this exception and a line end, and looks for nothing that is missing.
+    throw CLI::CallForVersion(text, 0);
+  };
+  app.add_option_function<std::string>("--generate", generate,
+                                       "Print the manual page, or a script that completes command lines, and exit")
+      ->check(CLI::IsMember({"man", "bash"}).description(""))
+      ->type_name("man|bash");
 }
 
 CLI::Validator Number(double min, double max) {

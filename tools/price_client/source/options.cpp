@@ -17,14 +17,20 @@
 namespace price_client {
 namespace {
 
-constexpr const char* kFooter =
-    "Exit codes: 0 ended in order, 1 an instance delivered nothing or, with --strict, a gap was seen or a product is "
-    "of a\n"
-    "segment that is not received, 2 the command line or the configuration file is not usable, 3 something failed "
-    "while\n"
-    "running.\n"
-    "Ctrl-C, or the command \"quit\", ends in order. LBM_RUNTIME_DIR names the directory in which servers and clients "
-    "meet.";
+cli::Manual MakeManual() {
+  return {
+      .exits = {{cli::ExitCode::kOk, "ended in order"},
+                {cli::ExitCode::kUnsatisfied,
+                 "an instance delivered nothing or, with --strict, a gap was seen or a product is of a segment that is "
+                 "not received"},
+                {cli::ExitCode::kUsage, "the command line or the configuration file is not usable"},
+                {cli::ExitCode::kFailure, "something failed while running"}},
+      .notes = {"Ctrl-C, or the command \"quit\", ends in order.",
+                "LBM_RUNTIME_DIR names the directory in which servers and clients meet."},
+      .examples = {{"price_client --instance 1:1:1:STOCKS --segments auto", "Show the prices of an instance, live"},
+                   {"price_client --instance 1:1:1 --seconds 10 --json", "Receive for ten seconds, for a script"}},
+  };
+}
 
 // Readable for operators, and another one for each process of the machine.
 std::string DefaultClientID() {
@@ -73,7 +79,6 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   std::vector<std::string> instances;
 
   CLI::App app("Receives prices from price-server instances.", "price_client");
-  app.footer(kFooter);
   app.add_option("--config", options.configFile, "Configuration file (XML); default: all its defaults")
       ->type_name("FILE");
   app.add_option("--instance", instances, "Server instance to receive from; may be repeated")
@@ -102,7 +107,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
       ->check(cli::WholeNumber(0, std::numeric_limits<int>::max()))
       ->type_name("N");
   app.add_flag("--onload", options.onload, "Let the dispatch thread spin when the kernel bypass is present");
-  cli::AddCommonOptions(app);
+  cli::AddCommonOptions(app, MakeManual());
 
   if (!cli::ParseCommandLine(app, argc, argv, output)) {
     return std::nullopt;

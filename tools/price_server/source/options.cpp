@@ -10,10 +10,18 @@
 namespace price_server {
 namespace {
 
-constexpr const char* kFooter =
-    "Exit codes: 0 ended in order, 1 the instance is already running, 2 the command line or the prices file is not\n"
-    "usable, 3 something failed while running.\n"
-    "Ctrl-C ends in order at any moment. LBM_RUNTIME_DIR names the directory in which servers and clients meet.";
+cli::Manual MakeManual() {
+  return {
+      .exits = {{cli::ExitCode::kOk, "ended in order"},
+                {cli::ExitCode::kUnsatisfied, "the instance is already running"},
+                {cli::ExitCode::kUsage, "the command line or the prices file is not usable"},
+                {cli::ExitCode::kFailure, "something failed while running"}},
+      .notes = {"Ctrl-C ends in order at any moment.",
+                "LBM_RUNTIME_DIR names the directory in which servers and clients meet."},
+      .examples = {{"price_server --market 1 --submarket 1 --node 1 --prices stocks.csv --loop",
+                    "Replay a prices file until Ctrl-C"}},
+  };
+}
 
 // "data/sp500-2000.csv" gives SP500-2000.
 feed::Symbol SymbolFromFileName(const std::string& path) {
@@ -80,7 +88,6 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   std::string symbol;
 
   CLI::App app("Replays recorded prices as one price-server instance.", "price_server");
-  app.footer(kFooter);
   const auto id = [&app](const char* name, std::int16_t& value, const char* help) {
     app.add_option(name, value, help)->required()->check(cli::WholeNumber(0, 32767))->type_name("0..32767");
   };
@@ -93,7 +100,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   app.add_option("--context-name", options.contextName, "Name of the messaging context; default: price_server")
       ->type_name("NAME");
   app.add_flag("--quiet", options.quiet, "Print the summary only, and what --console gives");
-  cli::AddCommonOptions(app);
+  cli::AddCommonOptions(app, MakeManual());
 
   if (!cli::ParseCommandLine(app, argc, argv, output)) {
     return std::nullopt;

@@ -6,11 +6,19 @@
 namespace price_stat {
 namespace {
 
-constexpr const char* kFooter =
-    "Exit codes: 0 done, 1 there is nothing to show, 2 the command line or a file that it names is not usable,\n"
-    "3 something failed while running.\n"
-    "Only pages are read: processes that hang or are stopped are seen like all others, and none notices.\n"
-    "ZQ_STATISTICS_DIR names the directory of the pages.";
+cli::Manual MakeManual() {
+  return {
+      .exits = {{cli::ExitCode::kOk, "done"},
+                {cli::ExitCode::kUnsatisfied, "there is nothing to show"},
+                {cli::ExitCode::kUsage, "the command line or a file that it names is not usable"},
+                {cli::ExitCode::kFailure, "something failed while running"}},
+      .notes = {"Only pages are read: processes that hang or are stopped are seen like all others, and none notices.",
+                "ZQ_STATISTICS_DIR names the directory of the pages."},
+      .examples = {{"price_stat list", "Show who is there, and who hangs"},
+                   {"price_stat watch --view receivers", "Watch the rates of all receivers"},
+                   {"price_stat options --changed price_client", "Show which options somebody has set"}},
+  };
+}
 
 }  // namespace
 
@@ -28,8 +36,7 @@ bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Cal
   CLI::App app("Shows what the processes that use the price connector count.", "price_stat");
   app.require_subcommand(1);
   app.fallthrough();
-  app.footer(kFooter);
-  cli::AddCommonOptions(app);
+  cli::AddCommonOptions(app, MakeManual());
   call.directory = zq::statistics::PageDirectory();
   app.add_option("--directory", call.directory, "Where the pages are")->type_name("DIR")->capture_default_str();
   AddList(app, call);
@@ -41,7 +48,7 @@ bool ParseCall(int argc, const char* const* argv, const cli::Output& output, Cal
   AddDiff(app, call);
   AddServe(app, call);
   for (auto* const command : app.get_subcommands({})) {
-    command->footer(kFooter);
+    command->footer(app.get_footer());
   }
   if (!cli::ParseCommandLine(app, argc, argv, output)) {
     return false;

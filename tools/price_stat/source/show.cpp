@@ -276,7 +276,7 @@ void AddShow(CLI::App& app, Call& call) {
       ->type_name("KIND")
       ->allow_extra_args(false);
   command->add_option("--context", options->selection.contexts, "Only rows of this context; may be repeated")
-      ->type_name("NAME|HANDLE")
+      ->type_name("CONTEXT")
       ->allow_extra_args(false);
   cli::AddSecondsOption(*command, "--interval", options->interval,
                         "Look twice, so many seconds apart, and add what counters grew by in a second");

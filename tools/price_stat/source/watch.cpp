@@ -191,7 +191,8 @@ void AddWatch(CLI::App& app, Call& call) {
     titles.emplace_back(view.title);
   }
   command->add_option("--view", options->view, "What there are lines for")
-      ->check(CLI::IsMember(titles))
+      ->check(CLI::IsMember(titles).description(""))
+      ->type_name(CLI::detail::join(titles, "|"))
       ->capture_default_str();
   cli::AddSecondsOption(*command, "--interval", options->interval, "Seconds between two looks", 0.05);
   command->add_option("--count", options->count, "End after so many intervals")

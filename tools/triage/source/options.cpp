@@ -14,11 +14,21 @@ namespace {
 
 namespace protocol = zq::messaging::triage;
 
-constexpr const char* kFooter =
-    "Exit codes: 0 everybody answered with success, 1 fewer answers than listeners or than --expect asks for, 2 the\n"
-    "command line is not usable or was not confirmed, 3 something failed while running, 4 nobody answered, 5 somebody\n"
-    "answered with a failure. Ctrl-C ends the wait; what came by then counts.\n"
-    "LBM_RUNTIME_DIR names the directory in which this tool and the processes meet.";
+cli::Manual MakeManual() {
+  return {
+      .exits = {{cli::ExitCode::kOk, "everybody answered with success"},
+                {cli::ExitCode::kUnsatisfied, "fewer answers than listeners or than --expect asks for"},
+                {cli::ExitCode::kUsage, "the command line is not usable or was not confirmed"},
+                {cli::ExitCode::kFailure, "something failed while running"},
+                {cli::ExitCode::kNoAnswer, "nobody answered"},
+                {cli::ExitCode::kRefused, "somebody answered with a failure"}},
+      .notes = {"Ctrl-C ends the wait; what came by then counts.",
+                "LBM_RUNTIME_DIR names the directory in which this tool and the processes meet."},
+      .examples = {{"triage test --environment demo --data-center local", "Ask who is there and answers"},
+                   {"triage nak-kill --data-center local --context all --disable --dry-run",
+                    "Show whom a request would reach"}},
+  };
+}
 
 // Less time does not let those who listen announce themselves.
 constexpr double kMinTimeout = 0.1;
@@ -123,15 +133,14 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv, const cli
   CLI::App app("Asks the processes of an environment for an answer, or to switch NAKs on or off.", "triage");
   app.require_subcommand(1);
   app.fallthrough();
-  app.footer(kFooter);
-  cli::AddCommonOptions(app);
+  cli::AddCommonOptions(app, MakeManual());
   auto* const test = app.add_subcommand("test", "Ask for an answer and nothing else");
   auto* const nak = app.add_subcommand("nak-kill", "Switch NAKs on or off on contexts chosen by name");
   AddNakKill(*nak, nakKill, options);
   for (auto* const command : {test, nak}) {
     AddTarget(*command, target);
     AddWaiting(*command, options);
-    command->footer(kFooter);
+    command->footer(app.get_footer());
   }
 
   if (!cli::ParseCommandLine(app, argc, argv, output)) {

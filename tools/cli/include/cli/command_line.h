@@ -11,12 +11,15 @@
 #include <type_traits>
 
 #include "cli/exit_code.h"
+#include "cli/manual.h"
 #include "cli/output.h"
 
 namespace cli {
 
-// Adds --version and --log-level. The log goes to standard error, from warnings on unless the user asks for more.
-void AddCommonOptions(CLI::App& app);
+// Adds --version, --log-level and --generate, which prints what is made of all options that the app has when the
+// command line is parsed, and ends --help as the manual says. The log goes to standard error, from warnings on unless
+// the user asks for more.
+void AddCommonOptions(CLI::App& app, const Manual& manual);
 
 // Take numbers from min to max; unlike the library's range check, not "nan", and what is wrong is said in plain words.
 CLI::Validator Number(double min, double max);
