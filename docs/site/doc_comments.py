@@ -7,7 +7,7 @@ import re
 import sys
 from pathlib import Path
 
-BEHIND = re.compile(r"^(?P<code>\s*[^\s/#}].*?[;,{})\]\w]\s+)(?P<mark>//|/\*)(?P<text> .*)$")
+BEHIND = re.compile(r"^(?P<code>\s*(#define\b|[^\s/#}]).*?[;,{})\]\w]\s+)(?P<mark>//|/\*)(?P<text> .*)$")
 TAG = re.compile(r"<([a-z ]+)>")
 
 
