@@ -3,6 +3,8 @@
 #include <atomic>
 #include <future>
 #include <iostream>
+#include <string>
+#include <utility>
 
 #include "feed/command.h"
 #include "feed/command_answer.h"

@@ -4,10 +4,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <future>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include "ps_common/config/config.h"
 #include "ps_common/connector/lbm_client_resource_mgr.h"

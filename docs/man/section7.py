@@ -55,7 +55,7 @@ def page_of(name, about, body, see_also):
     day = time.gmtime(int(os.environ.get("SOURCE_DATE_EPOCH", time.time())))
     others = "".join(f".Xr {other} {section} ,\n" for other, section in see_also)
     return (
-        f".Dd {time.strftime('%B %d, %Y', day)}\n.Dt {name.upper()} 7\n.Os\n.Sh NAME\n.Nm {name}\n.Nd {about}\n"
+        f".Dd {time.strftime('%B', day)} {day.tm_mday}, {day.tm_year}\n.Dt {name.upper()} 7\n.Os\n.Sh NAME\n.Nm {name}\n.Nd {about}\n"
         + body
         + ".Sh SEE ALSO\n"
         + others.removesuffix(" ,\n")

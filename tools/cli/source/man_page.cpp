@@ -3,7 +3,7 @@
 
 #include <cctype>
 #include <ctime>
-#include <iterator>
+#include <sstream>
 
 #include "cli/manual.h"
 #include "definitions.h"
@@ -34,13 +34,11 @@ std::string Text(std::string_view text) {
   std::string lines;
   for (auto left = Escaped(text); !left.empty();) {
     const auto end = std::min(left.find(". "), left.size() - 1) + 1;
-    lines += Wrapped(left.substr(0, end), kColumns) + '\n';
-    left.erase(0, std::min(end + 1, left.size()));
-  }
-  for (std::size_t at = 0; (at = lines.find_first_of(".'", at)) != std::string::npos; at += 3) {
-    if (at == 0 || lines[at - 1] == '\n') {
-      lines.insert(at, "\\&");
+    std::istringstream sentence(Wrapped(left.substr(0, end), kColumns));
+    for (std::string line; std::getline(sentence, line);) {
+      lines += (line.find_first_of(".'") == 0 ? "\\&" : "") + line + '\n';
     }
+    left.erase(0, std::min(end + 1, left.size()));
   }
   return lines;
 }
@@ -107,7 +105,8 @@ std::string Synopsis(const CLI::App& app) {
 std::string Today() {
   const auto given = zq::posix::Environment("SOURCE_DATE_EPOCH");
   const std::time_t time = given.empty() ? std::time(nullptr) : static_cast<std::time_t>(std::stoll(given));
-  return fmt::format("{:%B %d, %Y}", fmt::gmtime(time));
+  const auto day = fmt::gmtime(time);
+  return fmt::format("{:%B} {}, {:%Y}", day, day.tm_mday, day);
 }
 
 std::string Uncapitalised(std::string text) {
