@@ -128,6 +128,13 @@ class PagesTest(unittest.TestCase):
             finally:
                 shell.close()
 
+    def test_the_versions_of_the_protocols_are_told(self):
+        told = (SOURCE / "docs/howto/upgrading.md").read_text(encoding="utf-8")
+        transport = SOURCE / "platform/lbm/embedded/source/transport"
+        for file, where in (("host/wire/frames.h", "in shared memory"), ("nats/wire.h", "through NATS")):
+            version = re.search(r"kVersion = (\d+);", (transport / file).read_text(encoding="utf-8"))[1]
+            self.assertIn(f"| the protocol {where}, version {version} |", told)
+
     def test_every_page_says_what_happens(self):
         self.assertGreater(len(PAGES), 5)
         for page in PAGES:
