@@ -9,6 +9,8 @@
 #include "feed/json_message.h"
 #include "feed/symbol.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // Values of ClientRequest::request.
@@ -27,3 +29,5 @@ std::string Encode(const ClientRequest& message);
 std::optional<ClientRequest> DecodeClientRequest(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

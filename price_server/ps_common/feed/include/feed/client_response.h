@@ -13,6 +13,8 @@
 #include "feed/result.h"
 #include "feed/server_status.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 struct ClientResponse {
@@ -31,3 +33,5 @@ std::string Encode(const ClientResponse& message);
 std::optional<ClientResponse> DecodeClientResponse(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

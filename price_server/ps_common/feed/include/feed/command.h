@@ -10,6 +10,8 @@
 
 #include "feed/json_message.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // Values of Command::name.
@@ -32,3 +34,5 @@ std::string Encode(const Command& message);
 std::optional<Command> DecodeCommand(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

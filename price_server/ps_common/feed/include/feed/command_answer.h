@@ -11,6 +11,8 @@
 #include "feed/json_message.h"
 #include "feed/result.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 struct CommandAnswer {
@@ -31,3 +33,5 @@ std::string Encode(const CommandAnswer& message);
 std::optional<CommandAnswer> DecodeCommandAnswer(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // A day of the Gregorian calendar, years 0 to 9999. A default date is none.
@@ -30,3 +32,5 @@ constexpr bool operator!=(Date a, Date b) { return !(a == b); }
 constexpr bool operator<(Date a, Date b) { return ToNumber(a) < ToNumber(b); }
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // Texts in messages are single lines, see one_line.h. Encode makes them so, whatever the field holds; decoding
@@ -22,3 +24,5 @@ constexpr std::size_t kMaxJsonMessageDepth = 16;
 std::optional<std::uint64_t> DecodeMessageID(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

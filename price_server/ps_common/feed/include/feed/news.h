@@ -8,6 +8,8 @@
 #include "feed/json_message.h"
 #include "feed/utc_time.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 struct News {
@@ -22,3 +24,5 @@ std::string Encode(const News& message);
 std::optional<News> DecodeNews(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // Longest text in a message, in bytes.
@@ -18,3 +20,5 @@ bool IsOneLine(std::string_view text);
 std::string OneLine(std::string_view text);
 
 }  // namespace feed
+
+#pragma GCC visibility pop

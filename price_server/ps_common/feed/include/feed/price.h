@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // A price that is not negative, counted in millionths, so that what a prices file says is what arrives.
@@ -37,3 +39,5 @@ class Price {
 };
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -11,6 +11,8 @@
 #include "feed/price.h"
 #include "feed/symbol.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 struct PriceMessage {
@@ -51,3 +53,5 @@ std::optional<PriceMessage> DecodePriceMessage(std::string_view bytes) noexcept;
 std::int64_t RealTimeNanoseconds() noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -11,6 +11,8 @@
 #include "feed/price.h"
 #include "feed/symbol.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 struct ProductInfo {
@@ -29,3 +31,5 @@ std::string Encode(const ProductInfo& message);
 std::optional<ProductInfo> DecodeProductInfo(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 #include "feed/symbol.h"
 #include "feed/utc_time.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 struct RequestForQuote {
@@ -26,3 +28,5 @@ std::string Encode(const RequestForQuote& message);
 std::optional<RequestForQuote> DecodeRequestForQuote(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

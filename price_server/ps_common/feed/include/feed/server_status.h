@@ -10,6 +10,8 @@
 #include "feed/json_message.h"
 #include "feed/utc_time.h"
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 enum class ServerState {
@@ -34,3 +36,5 @@ std::string Encode(const ServerStatus& message);
 std::optional<ServerStatus> DecodeServerStatus(std::string_view bytes) noexcept;
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 // 1 to kMaxLength visible ASCII characters without blanks; nothing in it can upset a terminal or a table. A default
@@ -43,3 +45,5 @@ class Symbol {
 };
 
 }  // namespace feed
+
+#pragma GCC visibility pop

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace feed {
 
 using UtcTime = std::chrono::time_point<std::chrono::system_clock, std::chrono::milliseconds>;
@@ -19,3 +21,5 @@ std::string ToString(UtcTime time);
 std::optional<UtcTime> ParseUtcTime(std::string_view text);
 
 }  // namespace feed
+
+#pragma GCC visibility pop
