@@ -1,6 +1,6 @@
 // The smallest test of a client: the messaging library refuses what the script says.
-#include <lbm/lbm_cpp>
 #include <lbm_scripted/lbm_scripted.h>
+#include <lbm/lbm_cpp>
 
 #include <iostream>
 

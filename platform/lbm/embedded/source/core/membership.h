@@ -35,7 +35,8 @@ class Membership {
   // subscriber. And no send waits on inside a callback for whose return somebody waits.
   transport::SendResult Publish(transport::Publication& publication, const transport::OutboundMessage& message,
                                 bool wait) {
-    return Ended() ? transport::SendResult::kClosed : m_transport->Publish(publication, message, WaitIf(wait && !DispatchesSubscriber(publication)));
+    return Ended() ? transport::SendResult::kClosed
+                   : m_transport->Publish(publication, message, WaitIf(wait && !DispatchesSubscriber(publication)));
   }
   transport::SendResult Respond(transport::ReplyPath& path, std::span<const iovec> pieces, bool wait) {
     return Ended() ? transport::SendResult::kClosed : m_transport->Respond(path, pieces, WaitIf(wait));

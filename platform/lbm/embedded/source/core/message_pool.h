@@ -87,8 +87,8 @@ class MessageRef {
   Message* m_message = nullptr;
 };
 
-// Hands out messages and takes them back for the next use, so that steady traffic allocates nothing. Of a burst it keeps
-// a few megabytes only. A pool whose owner goes while messages are out stays until the last of them comes back.
+// Hands out messages and takes them back for the next use, so that steady traffic allocates nothing. Of a burst it
+// keeps a few megabytes only. A pool whose owner goes while messages are out stays until the last of them comes back.
 class MessagePool {
  public:
   struct Abandon {

@@ -56,9 +56,8 @@ timespec WallClock::Now() noexcept {
 }
 
 std::int64_t WallClock::ReadKernel() noexcept {
-  const Reading now{.sinceBoot = Nanoseconds(CLOCK_BOOTTIME),
-                    .ticks = ReadTicks(),
-                    .timeOfDay = Nanoseconds(CLOCK_REALTIME)};
+  const Reading now{
+      .sinceBoot = Nanoseconds(CLOCK_BOOTTIME), .ticks = ReadTicks(), .timeOfDay = Nanoseconds(CLOCK_REALTIME)};
   const bool interrupted = Nanoseconds(CLOCK_BOOTTIME) - now.sinceBoot > kReadingMax;
   const bool tooEarly = m_validTicks == 0 && now.sinceBoot - m_anchor.sinceBoot < kIntervalMin;
   if (!tooEarly && KernelTrustsTicks()) {
@@ -74,7 +73,8 @@ std::int64_t WallClock::ReadKernel() noexcept {
 void WallClock::SetPace(const Reading& last) noexcept {
   const std::int64_t elapsed = m_anchor.sinceBoot - last.sinceBoot;
   const std::uint64_t ticks = m_anchor.ticks - last.ticks;
-  if (elapsed >= kIntervalMin && elapsed <= kIntervalMax && ticks - 1 < static_cast<std::uint64_t>(elapsed) * kTicksMax) {
+  if (elapsed >= kIntervalMin && elapsed <= kIntervalMax &&
+      ticks - 1 < static_cast<std::uint64_t>(elapsed) * kTicksMax) {
     m_pace = (static_cast<std::uint64_t>(elapsed) << kFraction) / ticks;
     m_validTicks = ticks * kValid / static_cast<std::uint64_t>(elapsed);
   }

@@ -104,8 +104,8 @@ class StoreBuffer {
 
   void Empty() { EmptyExcept(0); }
 
-  // For somebody else's fence. The thread may have been anywhere between its last access and now, so the last stores may
-  // come after the fence.
+  // For somebody else's fence. The thread may have been anywhere between its last access and now, so the last stores
+  // may come after the fence.
   void EmptyUpToAnyMoment() {
     const auto recent = std::count_if(m_stores.begin(), m_stores.end(), [](const auto& store) { return store.recent; });
     EmptyExcept(g_choices.Choose(static_cast<std::size_t>(recent) + 1));
@@ -121,8 +121,8 @@ class StoreBuffer {
   std::deque<BufferedStore> m_stores;
 };
 
-// A thread of an execution. Between the call of Turn and its return it runs, and nobody else does. At first it runs up to
-// its first access.
+// A thread of an execution. Between the call of Turn and its return it runs, and nobody else does. At first it runs up
+// to its first access.
 class Actor {
  public:
   explicit Actor(const std::function<void()>& function)
@@ -179,7 +179,8 @@ class Actor {
 
 std::vector<std::unique_ptr<Actor>> g_actors;
 
-// One step: a thread makes its access and runs up to the next one, or a store becomes visible. False when nothing is left to do.
+// One step: a thread makes its access and runs up to the next one, or a store becomes visible. False when nothing is
+// left to do.
 bool Step() {
   struct Option {
     Actor* actor;

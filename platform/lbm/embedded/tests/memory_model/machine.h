@@ -6,8 +6,8 @@
 // a heavy fence for all threads, empties the buffer at once. Loads are in order, and see the thread's own buffer first.
 // That is weaker than x86-64, where stores leave in order, and says nothing about machines that reorder loads.
 //
-// The threads are real, but only one at a time runs, and each waits for its turn before every access at which it matters
-// what the others have done: not for a store into its buffer, nor a load from there.
+// The threads are real, but only one at a time runs, and each waits for its turn before every access at which it
+// matters what the others have done: not for a store into its buffer, nor a load from there.
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,8 @@ struct Scenario {
   std::function<void()> verify;
 };
 
-// Tries all executions, until one of them fails the test. Returns how many there were. Ends the process when the threads
-// of one wait for ever.
+// Tries all executions, until one of them fails the test. Returns how many there were. Ends the process when the
+// threads of one wait for ever.
 std::size_t TryAllExecutions(const Scenario& scenario);
 
 // For Atomic and the fences. Outside of an execution's threads they act at once.
@@ -46,15 +46,17 @@ void Notify(const void* address);
 namespace engine {
 
 template <typename T>
-  requires std::is_trivially_copyable_v<T> && (sizeof(T) <= sizeof(std::uint64_t))
 class Atomic {
  public:
+  static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= sizeof(std::uint64_t));
   static constexpr bool is_always_lock_free = true;
 
   Atomic() noexcept = default;
   explicit Atomic(T value) noexcept : m_value(value) {}
 
-  T load(std::memory_order = std::memory_order_seq_cst) const noexcept { return Back(model::Load(&m_value, sizeof(T))); }
+  T load(std::memory_order = std::memory_order_seq_cst) const noexcept {
+    return Back(model::Load(&m_value, sizeof(T)));
+  }
   void store(T value, std::memory_order order = std::memory_order_seq_cst) noexcept {
     model::Store(&m_value, sizeof(T), Bits(value), order);
   }

@@ -1,5 +1,5 @@
-// The arguments about memory order at the top of ring.h and parking_word.h, tried in every execution that a machine with
-// late stores allows.
+// The arguments about memory order at the top of ring.h and parking_word.h, tried in every execution that a machine
+// with late stores allows.
 #include <gtest/gtest.h>
 
 #include <array>

@@ -45,7 +45,7 @@ class PollBackoff {
   }
 
   static constexpr std::size_t kFewFrames = 64;
-  static constexpr int kPollsInARow = 2;        // that found a few frames, before a pause is due
+  static constexpr int kPollsInARow = 2;  // that found a few frames, before a pause is due
   // Polls without pauses, after a pause that was of no use; and after many such pauses.
   static constexpr int kPollsSuspended = 1000;
   static constexpr int kPollsSuspendedMax = 64 * kPollsSuspended;
