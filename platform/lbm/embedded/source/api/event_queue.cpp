@@ -15,9 +15,11 @@ int lbm_event_queue_create(lbm_event_queue_t** evq, lbm_event_queue_monitor_proc
     const engine::OptionSet options = engine::api::CreationOptions(attr);
     auto rows = std::make_unique<engine::core::OptionRows>("", "");
     rows->Add(engine::Scope::kEventQueue, options.Shown());
-    const bool cancellations = options.Get(engine::option::kQueueCancellationCallbacksEnabled);
+    const engine::core::EventQueue::Settings settings{
+        .cancellationCallbacks = options.Get(engine::option::kQueueCancellationCallbacksEnabled),
+        .bytesMax = options.Get(engine::option::kQueueBytesMax)};
     Required(evq, "evq") =
-        new lbm_event_queue_t{{}, std::make_shared<engine::core::EventQueue>(cancellations), std::move(rows)};
+        new lbm_event_queue_t{{}, std::make_shared<engine::core::EventQueue>(settings), std::move(rows)};
     return 0;
   });
 }

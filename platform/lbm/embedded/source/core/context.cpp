@@ -86,12 +86,14 @@ Context::Context(OptionSet options, std::unique_ptr<transport::Transport> transp
                    .requests = m_requests,
                    .timers = m_timers,
                    .arrivalClock = m_arrivalClock,
-                   .resolverNotification = m_options.Get(option::kResolverSourceNotification)}),
+                   .resolverNotification = m_options.Get(option::kResolverSourceNotification),
+                   .awaitRoom = [this](EventQueue& queue) { return queue.AwaitRoom(weak_from_this()); }}),
       m_dispatcher({.membership = m_membership,
                     .listener = m_directory,
                     .timers = m_timers,
                     .arrivalClock = m_arrivalClock,
                     .options = m_options,
+                    .room = [this] { m_directory.OnRoom(); },
                     .last = [this] { Finish(); }}) {}
 
 void Context::RunThread() {

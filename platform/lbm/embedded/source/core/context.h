@@ -32,7 +32,7 @@ struct OpenReceiver {
 // A queue argument is the event queue that runs the callbacks; null for the context's dispatching thread.
 //
 // Threads: any.
-class Context : public std::enable_shared_from_this<Context> {
+class Context : public RoomWaiter, public std::enable_shared_from_this<Context> {
  public:
   // handle is what callbacks get. In embedded mode the context's thread runs when it returns.
   static std::shared_ptr<Context> Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
@@ -44,6 +44,7 @@ class Context : public std::enable_shared_from_this<Context> {
   // See lbm_context_process_events. Throws Error when the mode is not sequential.
   void ProcessEvents(lbm_ulong_t msec);
   void Unblock() { m_dispatcher.Unblock(); }
+  void OnRoom() noexcept override { m_dispatcher.NoteRoom(); }
 
   LiveOptions& Options() noexcept { return m_options; }
   // To be called after a change of the options.

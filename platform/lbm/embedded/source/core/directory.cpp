@@ -151,6 +151,7 @@ void Directory::OnSourceDown(const std::shared_ptr<transport::RemoteSource>& sou
     return;
   }
   for (Subscription& subscription : stream->subscriptions) {
+    TellLoss(*stream, subscription);
     if (subscription.begun) {
       DeliverEvent(*stream, subscription, LBM_MSG_EOS, 0);
       subscription.begun = false;
@@ -239,6 +240,11 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
   }
   MessageRef message;
   for (Subscription& subscription : stream->subscriptions) {
+    if (inbound.pacing == transport::Pacing::kSource && subscription.receiver->QueueFull()) {
+      NoteLoss(subscription, inbound.sequence, 1);
+      continue;
+    }
+    TellLoss(*stream, subscription);
     // One message serves all receivers unless they have to see something of their own in it: the client data of their
     // source notification, or a response that each of them may take over.
     if (!message || inbound.replyPath != nullptr || message->source_clientd != subscription.sourceClientd) {
@@ -263,13 +269,60 @@ void Directory::OnLoss(transport::RemoteSource& source, std::uint32_t first, std
     return;
   }
   for (Subscription& subscription : stream->subscriptions) {
-    BeginSession(*stream, subscription, first);
-    if (count > subscription.receiver->LossBurstThreshold()) {
-      DeliverEvent(*stream, subscription, LBM_MSG_UNRECOVERABLE_LOSS_BURST, first, count);
+    if (subscription.lost != 0 || subscription.receiver->QueueFull()) {
+      NoteLoss(subscription, first, count);
     } else {
-      for (std::uint32_t lost = 0; lost < count; ++lost) {
-        DeliverEvent(*stream, subscription, LBM_MSG_UNRECOVERABLE_LOSS, first + lost);
+      DeliverLoss(*stream, subscription, first, count);
+    }
+  }
+}
+
+bool Directory::Takes(transport::RemoteSource& source) {
+  const Stream* const stream = StreamOf(source);
+  return stream == nullptr ||
+         std::none_of(stream->subscriptions.begin(), stream->subscriptions.end(),
+                      [&](const Subscription& subscription) {
+                        return subscription.receiver->QueueFull() && m_parts.awaitRoom(*subscription.receiver->Queue());
+                      });
+}
+
+void Directory::OnRoom() {
+  for (auto& [name, entry] : m_topics) {
+    for (const auto& stream : entry.streams) {
+      for (Subscription& subscription : stream->subscriptions) {
+        if (subscription.lost != 0 && !m_parts.awaitRoom(*subscription.receiver->Queue())) {
+          TellLoss(*stream, subscription);
+        }
       }
+    }
+  }
+}
+
+void Directory::NoteLoss(Subscription& subscription, std::uint32_t first, std::uint32_t count) {
+  if (subscription.lost == 0) {
+    subscription.firstLost = first;
+    m_parts.awaitRoom(*subscription.receiver->Queue());
+  }
+  subscription.lost += count;
+}
+
+void Directory::TellLoss(Stream& stream, Subscription& subscription) {
+  constexpr std::uint64_t kOnceMax = std::uint64_t{1} << 20;
+  while (subscription.lost != 0) {
+    const auto count = static_cast<std::uint32_t>(std::min(subscription.lost, kOnceMax));
+    DeliverLoss(stream, subscription, subscription.firstLost, count);
+    subscription.firstLost += count;
+    subscription.lost -= count;
+  }
+}
+
+void Directory::DeliverLoss(Stream& stream, Subscription& subscription, std::uint32_t first, std::uint32_t count) {
+  BeginSession(stream, subscription, first);
+  if (count > subscription.receiver->LossBurstThreshold()) {
+    DeliverEvent(stream, subscription, LBM_MSG_UNRECOVERABLE_LOSS_BURST, first, count);
+  } else {
+    for (std::uint32_t lost = 0; lost < count; ++lost) {
+      DeliverEvent(stream, subscription, LBM_MSG_UNRECOVERABLE_LOSS, first + lost);
     }
   }
 }

@@ -5,6 +5,7 @@
 #include <lbm/lbm.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -33,6 +34,7 @@ class Directory : public transport::Listener {
     Timers& timers;
     ArrivalClock& arrivalClock;
     lbm_src_notify_func_t resolverNotification;  // told of every source of the domain
+    std::function<bool(EventQueue&)> awaitRoom;  // has OnRoom called; as EventQueue::AwaitRoom
   };
 
   explicit Directory(const Parts& parts);
@@ -45,8 +47,12 @@ class Directory : public transport::Listener {
   // given.
   void Clear();
 
+  // Some queue for which it was waiting has room.
+  void OnRoom();
+
   void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;
   void OnSourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
+  bool Takes(transport::RemoteSource& source) override;
   void OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound) override;
   void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
   void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
@@ -62,6 +68,9 @@ class Directory : public transport::Listener {
     std::shared_ptr<Receiver> receiver;
     void* sourceClientd = nullptr;
     bool begun = false;  // its beginning of session was delivered
+    // Messages that will not come, of which it has not been told because its queue is full.
+    std::uint32_t firstLost = 0;
+    std::uint64_t lost = 0;
   };
 
   // What a topic's notification functions were told of a source.
@@ -99,6 +108,9 @@ class Directory : public transport::Listener {
   MessageRef Blank(int type, const std::shared_ptr<transport::RemoteSource>& origin, std::uint32_t sequence);
   MessageRef MakeMessage(const Stream& stream, const transport::InboundMessage& inbound, void* sourceClientd);
   void BeginSession(Stream& stream, Subscription& subscription, std::uint32_t sequence);
+  void NoteLoss(Subscription& subscription, std::uint32_t first, std::uint32_t count);
+  void TellLoss(Stream& stream, Subscription& subscription);
+  void DeliverLoss(Stream& stream, Subscription& subscription, std::uint32_t first, std::uint32_t count);
   void DeliverEvent(Stream& stream, Subscription& subscription, int type, std::uint32_t sequence,
                     std::uint32_t count = 0);
   void NotifySource(const transport::Publication& publication, int event, const std::string& text);

@@ -59,6 +59,7 @@ Dispatcher::Dispatcher(const Parts& parts)
       m_timers(parts.timers),
       m_arrivalClock(parts.arrivalClock),
       m_options(parts.options),
+      m_onRoom(parts.room),
       m_runLast(parts.last),
       m_descriptors(m_poller, parts.membership) {
   m_poller.Add(m_wake.GetDescriptor(), kWakeToken, EPOLLIN);
@@ -169,10 +170,23 @@ void Dispatcher::NoteSpin(bool found) {
 std::size_t Dispatcher::RunWithoutSystemCalls() {
   m_arrivalClock.Reset();
   std::size_t done = RunTasks();
+  TellRoom();
   if (m_seesClock) {
     done += m_timers.RunDue();
   }
   return done + m_transport.DrainMemory(m_listener);
+}
+
+void Dispatcher::TellRoom() {
+  if (!m_room.load(std::memory_order_relaxed) || !m_room.exchange(false)) {
+    return;
+  }
+  try {
+    m_onRoom();
+  } catch (...) {
+    m_room.store(true);
+    throw;
+  }
 }
 
 std::size_t Dispatcher::RunTasks() {

@@ -37,6 +37,7 @@ class Dispatcher {
     Timers& timers;
     ArrivalClock& arrivalClock;
     const LiveOptions& options;  // of the context: spin_time
+    std::function<void()> room;  // see NoteRoom
     std::function<void()> last;  // see End; must not throw
   };
 
@@ -53,6 +54,11 @@ class Dispatcher {
   // they do not hold up messages.
   void Process(lbm_ulong_t msec);
   void Unblock();  // threads: any
+  // Has the room function of the parts called on the dispatching thread. Threads: any.
+  void NoteRoom() noexcept {
+    m_room.store(true);
+    m_wake.Notify();
+  }
 
   static constexpr std::chrono::milliseconds kPollInterval{1};
   static constexpr std::chrono::microseconds kSpinPollInterval{5};
@@ -75,6 +81,7 @@ class Dispatcher {
   // Whether a task that failed waits for the next attempt.
   bool Waiting() const noexcept { return m_nextAttempt != Clock::time_point(); }
   std::size_t RunTasks();
+  void TellRoom();
   std::size_t RunWithoutSystemCalls();
   bool RunOnce();
   std::chrono::nanoseconds SpinTime();
@@ -97,12 +104,14 @@ class Dispatcher {
   Timers& m_timers;
   ArrivalClock& m_arrivalClock;
   const LiveOptions& m_options;
+  const std::function<void()> m_onRoom;
   const std::function<void()> m_runLast;
   Poller m_poller;
   zq::posix::Event m_wake;
   Descriptors m_descriptors;
   TaskQueue m_tasks;
   std::atomic<bool> m_unblocked{false};
+  std::atomic<bool> m_room{false};
 
   // The dispatching thread's own:
   std::size_t m_lastDone = 0;  // by the last RunOnce that did anything

@@ -14,7 +14,10 @@ void EventQueue::Post(std::shared_ptr<EventHandler> handler, Event event) {
     if (m_shutDown) {
       return;
     }
-    m_posted.push_back({std::move(handler), std::move(event)});
+    const std::size_t bytes = sizeof(Entry) + event.text.size() + (event.message ? event.message->Footprint() : 0);
+    m_posted.push_back({std::move(handler), std::move(event), bytes});
+    m_bytes += bytes;
+    m_full.store(m_full.load(std::memory_order_relaxed) || m_bytes >= m_settings.bytesMax, std::memory_order_relaxed);
   }
   m_changed.notify_one();
 }
@@ -51,8 +54,7 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
       break;
     }
     if (NothingLeft()) {
-      m_taken.clear();
-      m_done = 0;
+      EmptyTaken();
       m_taken.swap(m_posted);
     }
     std::unique_ptr<Task> task;
@@ -69,10 +71,16 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
     }
     eventsTurn = task != nullptr;
     lock.unlock();
-    task != nullptr ? RunTask(std::move(task)) : RunEvent();
+    std::size_t bytes = 0;
+    if (task != nullptr) {
+      RunTask(std::move(task));
+    } else {
+      bytes = RunEvent();
+    }
     ++dispatched;
     const bool late = !forEver && msec != LBM_EVENT_QUEUE_POLL && Clock::now() >= deadline;
     lock.lock();
+    NoteRun(bytes, lock);
     if (late) {
       break;
     }
@@ -84,9 +92,49 @@ int EventQueue::Dispatch(lbm_ulong_t msec) {
 
 void EventQueue::RunTask(std::unique_ptr<Task> task) { task->Run(task); }
 
-void EventQueue::RunEvent() {
+// Returns the event's bytes.
+std::size_t EventQueue::RunEvent() {
   Entry entry = std::move(m_taken[m_done++]);
   m_gate.Call(*entry.handler, [&entry] { entry.handler->Run(entry.event); });
+  return entry.bytes;
+}
+
+void EventQueue::NoteRun(std::size_t bytes, std::unique_lock<std::mutex>& lock) {
+  m_bytes -= std::min(bytes, m_bytes);  // Shutdown may have come between
+  if (!Full() || m_bytes > m_settings.bytesMax / 2) {
+    return;
+  }
+  m_full.store(false, std::memory_order_relaxed);
+  const RoomWaiters waiters = std::exchange(m_roomWaiters, {});
+  lock.unlock();
+  for (const auto& weak : waiters) {
+    if (const auto waiter = weak.lock()) {
+      waiter->OnRoom();
+    }
+  }
+  lock.lock();
+}
+
+bool EventQueue::AwaitRoom(const std::weak_ptr<RoomWaiter>& waiter) {
+  const std::lock_guard lock(m_mutex);
+  if (!Full()) {
+    return false;
+  }
+  const auto isWaiter = [&](const auto& one) { return !one.owner_before(waiter) && !waiter.owner_before(one); };
+  if (std::none_of(m_roomWaiters.begin(), m_roomWaiters.end(), isWaiter)) {
+    m_roomWaiters.push_back(waiter);
+  }
+  return true;
+}
+
+// What a backlog took is given back.
+void EventQueue::EmptyTaken() noexcept {
+  constexpr std::size_t kKept = 4096;
+  m_taken.clear();
+  m_done = 0;
+  if (m_taken.capacity() > kKept) {
+    std::vector<Entry>().swap(m_taken);
+  }
 }
 
 void EventQueue::Unblock() {
@@ -101,14 +149,14 @@ void EventQueue::Shutdown() {
   std::vector<Entry> dropped;
   TaskList droppedTasks;
   {
-    const std::lock_guard lock(m_mutex);
+    std::unique_lock lock(m_mutex);
     m_shutDown = true;
     dropped.swap(m_posted);
     droppedTasks.Append(std::move(m_tasks));
     if (!m_dispatching) {
-      m_taken.clear();
-      m_done = 0;
+      EmptyTaken();
     }
+    NoteRun(m_bytes, lock);
   }
   m_changed.notify_all();
 }

@@ -3,6 +3,7 @@
 
 #include <lbm/lbm.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
@@ -30,9 +31,26 @@ class EventHandler : public Callee {
   virtual void Run(Event& event) = 0;
 };
 
+// Somebody who has to know when a queue that was full has room. Threads: any.
+class RoomWaiter {
+ public:
+  virtual ~RoomWaiter() = default;
+  virtual void OnRoom() noexcept = 0;
+};
+
+// It is full when its events take up so many bytes, and has room again when half of them are left. Being full does not
+// keep it from taking events: whoever can do without or wait asks first.
 class EventQueue {
  public:
-  explicit EventQueue(bool cancellationCallbacks) noexcept : m_cancellationCallbacks(cancellationCallbacks) {}
+  struct Settings {
+    bool cancellationCallbacks = false;
+    std::size_t bytesMax = 0;
+  };
+  explicit EventQueue(const Settings& settings) noexcept : m_settings(settings) {}
+
+  bool Full() const noexcept { return m_full.load(std::memory_order_relaxed); }
+  // False when it has room; otherwise the waiter is told, once, as soon as it has. Threads: any.
+  bool AwaitRoom(const std::weak_ptr<RoomWaiter>& waiter);
 
   // Appends an event; dropped after Shutdown. Threads: any.
   void Post(std::shared_ptr<EventHandler> handler, Event event);
@@ -51,19 +69,23 @@ class EventQueue {
   void Shutdown();
 
   CallbackGate& Gate() noexcept { return m_gate; }
-  bool CancellationCallbacks() const noexcept { return m_cancellationCallbacks; }
+  bool CancellationCallbacks() const noexcept { return m_settings.cancellationCallbacks; }
 
  private:
   struct Entry {
     std::shared_ptr<EventHandler> handler;
     Event event;
+    std::size_t bytes = 0;
   };
+  using RoomWaiters = std::vector<std::weak_ptr<RoomWaiter>>;
 
   bool NothingLeft() const noexcept { return m_done == m_taken.size(); }
-  void RunEvent();
+  std::size_t RunEvent();
+  void NoteRun(std::size_t bytes, std::unique_lock<std::mutex>& lock);
+  void EmptyTaken() noexcept;
   static void RunTask(std::unique_ptr<Task> task);
 
-  const bool m_cancellationCallbacks;
+  const Settings m_settings;
   CallbackGate m_gate;
 
   // The dispatching thread's own: the events taken over from m_posted, of which the first m_done have run.
@@ -75,6 +97,9 @@ class EventQueue {
   // Guarded by m_mutex:
   std::vector<Entry> m_posted;
   TaskList m_tasks;
+  std::size_t m_bytes = 0;  // of all events that have not run
+  RoomWaiters m_roomWaiters;
+  std::atomic<bool> m_full{false};  // read without it
   bool m_dispatching = false;
   bool m_unblocked = false;
   bool m_shutDown = false;

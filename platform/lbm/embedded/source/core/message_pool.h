@@ -27,6 +27,9 @@ class Message : public lbm_msg_t_stct {
   // Threads: any.
   void Release() noexcept;
 
+  // Bytes of memory that it takes up.
+  std::size_t Footprint() const noexcept { return sizeof(Message) + m_capacity; }
+
   // Copies the payload in; allocates only when it is larger than any that this message carried before.
   void SetPayload(std::span<const std::byte> payload);
   void SetChannel(std::uint32_t number) noexcept;
@@ -41,7 +44,6 @@ class Message : public lbm_msg_t_stct {
   ~Message() { Clear(); }
 
   void Clear() noexcept;
-  std::size_t Footprint() const noexcept { return sizeof(Message) + m_capacity; }
 
   MessagePool& m_pool;
   std::atomic<std::uint32_t> m_references{0};

@@ -35,6 +35,9 @@ class Receiver : public Target {
     }
   }
 
+  // Whether messages that can be dropped or wait should, as nobody takes what is queued.
+  bool QueueFull() const noexcept { return Queue() != nullptr && Queue()->Full(); }
+
   void Run(Event& event) override { m_callback(event.message.Get()); }
 
   // Threads: the context's dispatching one.

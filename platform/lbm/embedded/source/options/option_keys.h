@@ -91,6 +91,7 @@ inline constexpr OptionKey<std::uint32_t> kSpinTime{Scope::kContext, "spin_time"
 inline constexpr OptionKey<TransportKind> kTransport{Scope::kContext, "transport"};
 inline constexpr OptionKey<std::size_t> kTransportRingSize{Scope::kContext, "transport_ring_size"};
 
+inline constexpr OptionKey<std::size_t> kQueueBytesMax{Scope::kEventQueue, "queue_bytes_max"};
 inline constexpr OptionKey<bool> kQueueCancellationCallbacksEnabled{Scope::kEventQueue,
                                                                     "queue_cancellation_callbacks_enabled"};
 

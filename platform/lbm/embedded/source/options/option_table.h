@@ -310,6 +310,19 @@ inline constexpr std::array kOptionTable{
     },
     OptionDefinition{
         .scope = Scope::kEventQueue,
+        .name = "queue_bytes_max",
+        .type = OptionType::kSize,
+        .defaultText = "67108864",
+        .minimum = 65'536,
+        .maximum = 1'099'511'627'776,
+        .unit = "bytes",
+        .documentation =
+            "Memory of what nobody has dispatched. When the queue has so much, sources with "
+            "`transport_pacing` `receiver` wait, and messages of others are lost and told; both until half "
+            "of it is dispatched.",
+    },
+    OptionDefinition{
+        .scope = Scope::kEventQueue,
         .name = "queue_cancellation_callbacks_enabled",
         .type = OptionType::kFlag,
         .defaultText = "0",

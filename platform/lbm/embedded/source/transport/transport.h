@@ -108,6 +108,7 @@ struct InboundMessage {
   std::uint32_t sequence = 0;
   std::optional<std::uint32_t> channel;
   std::shared_ptr<ReplyPath> replyPath;  // set for requests
+  Pacing pacing = Pacing::kReceiver;     // of its source; with kSource the listener may drop it
 };
 
 // Whether a send may wait for space, and what ends the wait. On the thread that is inside Drain a send never waits: the
@@ -138,6 +139,11 @@ class Listener {
   virtual void OnSourceDown(const std::shared_ptr<RemoteSource>& source) = 0;
 
   virtual void OnMessage(RemoteSource& source, InboundMessage& message) = 0;
+
+  // Asked before each message of a source that waits for space (Pacing::kReceiver): whether it is to come now.
+  // Otherwise its peer's messages of such sources stay where they are until the next Drain, which whoever refuses has
+  // to see to.
+  virtual bool Takes(RemoteSource&) { return true; }
 
   // count messages of the source, from sequence number first on, will not arrive. Told before any later message, and
   // also when the lost ones were the last.

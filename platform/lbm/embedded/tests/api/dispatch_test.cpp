@@ -59,6 +59,67 @@ TEST_F(EventQueues, MoveCallbacksToTheDispatchingThread) {
   EXPECT_EQ(0, lbm_event_dispatch(queue, LBM_EVENT_QUEUE_BLOCK)) << "an unblock before the dispatch counts";
 }
 
+// What a receiver with a queue was given, or told to be lost.
+struct Account {
+  explicit Account(Recorder& recorder) {
+    recorder.onEvent = [this](const lbm_msg_t& message) {
+      given += message.type == LBM_MSG_DATA ? 1 : 0;
+      lost += message.type == LBM_MSG_UNRECOVERABLE_LOSS ? 1 : 0;
+      lost += message.type == LBM_MSG_UNRECOVERABLE_LOSS_BURST ? message.len : 0;
+    };
+  }
+  std::size_t given = 0;
+  std::size_t lost = 0;
+};
+
+const std::string kBulky(1000, 'x');
+
+TEST_F(EventQueues, AFullOneHoldsBackSourcesThatWaitAndLosesNothing) {
+  const Queue queue(false, "65536");
+  const Driven sending;
+  const Driven receiving;
+  const Sender source(sending, "W", {{"transport_pacing", "receiver"}});
+  Recorder recorder(receiving, "W", queue);
+  const Account account(recorder);
+  source.AwaitSubscriber({sending, receiving});
+  std::size_t sent = 0;
+  for (int refusals = 0; refusals < 100;) {
+    const bool taken = source.Send(kBulky, LBM_SRC_NONBLOCK) == 0;
+    sent += taken ? 1 : 0;
+    refusals = taken ? 0 : refusals + 1;
+    ASSERT_EQ(0, lbm_context_process_events(receiving, 0));
+    ASSERT_LT(sent, 5000U) << "more than the ring and the queue hold";
+  }
+  PumpUntil({sending, receiving}, "all messages", [&] {
+    queue.Poll();
+    return account.given == sent;
+  });
+  EXPECT_EQ(0U, account.lost);
+}
+
+TEST_F(EventQueues, AFullOneTellsOfWhatItLosesAndLosesNothingOfOthers) {
+  constexpr std::size_t kSent = 1000;
+  const Queue queue(false, "65536");
+  const Driven sending;
+  const Driven receiving;
+  const Sender source(sending, "D");
+  Recorder queued(receiving, "D", queue);
+  Recorder direct(receiving, "D");
+  const Account account(queued);
+  const Account other(direct);
+  source.AwaitSubscriber({sending, receiving});
+  for (std::size_t i = 0; i < kSent; ++i) {
+    ASSERT_EQ(0, source.Send(kBulky));
+    PumpUntil({receiving}, "the message", [&] { return other.given == i + 1; });
+  }
+  PumpUntil({receiving}, "the account", [&] {
+    queue.Poll();
+    return account.given + account.lost == kSent;
+  });
+  EXPECT_LT(account.given, 100U);
+  EXPECT_EQ(0U, other.lost);
+}
+
 TEST_F(EventQueues, APollIsDoneWithWhatWasThere) {
   const Driven context;
   const Queue queue;

@@ -193,9 +193,10 @@ class Recorder {
 // An event queue that the test dispatches, deleted in the end.
 class Queue {
  public:
-  explicit Queue(bool cancellationCallbacks = false) {
-    auto* const attr = MakeAttributes(lbm_event_queue_attr_create, lbm_event_queue_attr_str_setopt,
-                                      {{"queue_cancellation_callbacks_enabled", cancellationCallbacks ? "1" : "0"}});
+  explicit Queue(bool cancellationCallbacks = false, const char* bytesMax = "67108864") {
+    auto* const attr = MakeAttributes(
+        lbm_event_queue_attr_create, lbm_event_queue_attr_str_setopt,
+        {{"queue_cancellation_callbacks_enabled", cancellationCallbacks ? "1" : "0"}, {"queue_bytes_max", bytesMax}});
     EXPECT_EQ(0, lbm_event_queue_create(&m_queue, nullptr, nullptr, attr)) << lbm_errmsg();
     EXPECT_EQ(0, lbm_event_queue_attr_delete(attr));
   }

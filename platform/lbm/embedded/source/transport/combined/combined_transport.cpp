@@ -48,6 +48,7 @@ class FarListener final : public Listener {
     m_listener.OnSourceUp(source);
   }
   void OnSourceDown(const std::shared_ptr<RemoteSource>& source) override { m_listener.OnSourceDown(source); }
+  bool Takes(RemoteSource& source) override { return m_listener.Takes(source); }
   void OnMessage(RemoteSource& source, InboundMessage& message) override {
     if (message.replyPath != nullptr) {
       message.replyPath->carrier = &m_far;

@@ -462,7 +462,8 @@ Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener
   ++done;
   // First what the peer had committed to its rings before that, unless it was cut off.
   if (received == Link::Received::kFrame || peer.GetLink()->AbortReason().empty()) {
-    done += peer.ConsumeRings({.frames = kNoMax, .bytes = kNoMax}, listener);
+    const bool hungUp = received == Link::Received::kHangUp;
+    done += peer.ConsumeRings({.frames = kNoMax, .bytes = kNoMax, .untaken = hungUp}, listener);
   }
   if (received == Link::Received::kFrame) {
     const bool hadRing = peer.HasInboundRing();

@@ -56,7 +56,9 @@ void Peer::Handle(Link::Arrival arrival, Listener& listener) {
     case wire::Type::kParkingWord:
       return OnParkingWord(arrival.descriptor);
     case wire::Type::kRing:
-      return OnRing(arrival.descriptor);
+      return OnRing(Pacing::kSource, arrival.descriptor);
+    case wire::Type::kPacedRing:
+      return OnRing(Pacing::kReceiver, arrival.descriptor);
     case wire::Type::kDoorbell:
       return;  // the arrival itself is the wake-up
     case wire::Type::kCredit:
@@ -83,12 +85,19 @@ std::size_t Peer::ConsumeRings(Quota quota, Listener& listener) {
 
 std::size_t Peer::ConsumeRing(InboundRing& inbound, Quota quota, Listener& listener) {
   RingConsumer<RingCursor>& ring = inbound.ring;
+  const bool asks = inbound.pacing == Pacing::kReceiver && !quota.untaken;
+  inbound.stalled = false;
   std::size_t frames = 0;
   if (ring.Poll()) {
     RingFrame frame;
     std::size_t bytes = 0;
     while (frames < quota.frames && bytes < quota.bytes && !m_surroundings.closed.load(std::memory_order_relaxed) &&
            ring.Next(frame)) {
+      if (asks && !Takes(frame, listener)) {
+        ring.PutBack();
+        inbound.stalled = true;
+        break;
+      }
       ++frames;
       bytes += frame.content.size();
       OnDataFrame(inbound, frame, listener);
@@ -103,8 +112,9 @@ std::size_t Peer::ConsumeRing(InboundRing& inbound, Quota quota, Listener& liste
 }
 
 bool Peer::RingsHaveWork() noexcept {
-  return std::any_of(m_inbound.begin(), m_inbound.end(),
-                     [](auto& inbound) { return inbound && (inbound->ring.Poll() || inbound->ring.CreditDue()); });
+  return std::any_of(m_inbound.begin(), m_inbound.end(), [](auto& inbound) {
+    return inbound && !inbound->stalled && (inbound->ring.Poll() || inbound->ring.CreditDue());
+  });
 }
 
 void Peer::EndUnwatched(Listener& listener) {
@@ -155,7 +165,7 @@ void Peer::OpenRings(Listener& listener) {
     const auto [source, token] = *m_unanswered.begin();
     if (const auto publication = m_surroundings.publications.Find(source)) {
       if (auto& subscriber = SubscriberTo(*publication); subscriber == nullptr) {
-        subscriber = OpenRing();
+        subscriber = OpenRing(publication->Info().pacing);
       }
     }
     m_unanswered.erase(m_unanswered.begin());
@@ -163,12 +173,12 @@ void Peer::OpenRings(Listener& listener) {
   }
 }
 
-std::shared_ptr<Subscriber> Peer::OpenRing() {
+std::shared_ptr<Subscriber> Peer::OpenRing(Pacing pacing) {
   RingMemory::Created created = RingMemory::Create(m_surroundings.ringBytes);
   if (m_statistics == nullptr) {
     m_statistics = std::make_shared<PeerStatistics>(m_surroundings.statistics, Label());
   }
-  m_link->SendRing(std::move(created.memory));
+  m_link->SendRing(pacing, std::move(created.memory));
   auto subscriber = std::make_shared<Subscriber>(m_link, m_identity, std::move(created.ring), m_parkingWord,
                                                  m_surroundings.publications.GetSampler(), m_statistics);
   m_surroundings.publications.AddSubscriber(subscriber);
@@ -255,12 +265,12 @@ void Peer::OnParkingWord(const zq::posix::Descriptor& memory) {
   m_parkingWord = std::make_shared<PeerParkingWord>(memory);
 }
 
-void Peer::OnRing(const zq::posix::Descriptor& memory) {
-  const auto place = std::find(m_inbound.begin(), m_inbound.end(), std::nullopt);
-  if (place == m_inbound.end()) {
-    throw Fault("it passed too many rings");
+void Peer::OnRing(Pacing pacing, const zq::posix::Descriptor& memory) {
+  std::optional<InboundRing>& inbound = m_inbound[static_cast<std::size_t>(pacing)];
+  if (inbound) {
+    throw Fault("it passed two rings");
   }
-  place->emplace(memory);
+  inbound.emplace(memory, pacing);
 }
 
 void Peer::OnSubscribe(const wire::Subscribe& frame, Listener& listener) {
@@ -308,6 +318,17 @@ void Peer::OnResponse(Bytes frame, Listener& listener) {
   m_responses.Add(header, frame, [&](Bytes response) { listener.OnResponse(header.request, m_identity, response); });
 }
 
+// Whether the listener takes the message, or the part of one, that the frame may be.
+bool Peer::Takes(const RingFrame& frame, Listener& listener) {
+  const auto type = static_cast<wire::Type>(frame.tag);
+  if (type != wire::Type::kMessage && type != wire::Type::kFragment) {
+    return true;
+  }
+  Bytes content = frame.content;
+  HostRemoteSource* const source = FindSource(wire::Take<wire::MessageHeader>(content).source);
+  return source == nullptr || !source->Active() || listener.Takes(*source);
+}
+
 void Peer::OnDataFrame(InboundRing& inbound, const RingFrame& frame, Listener& listener) {
   Bytes content = frame.content;
   switch (static_cast<wire::Type>(frame.tag)) {
@@ -316,11 +337,12 @@ void Peer::OnDataFrame(InboundRing& inbound, const RingFrame& frame, Listener& l
       wire::FragmentHeader header;
       header.source = plain.source;
       header.sequence = plain.sequence;
-      return OnMessage(header, content, listener);
+      return OnMessage(inbound.pacing, header, content, listener);
     }
     case wire::Type::kFragment: {
       const auto header = wire::Take<wire::FragmentHeader>(content);
-      return inbound.reassembly.Add(header, content, [&](Bytes message) { OnMessage(header, message, listener); });
+      return inbound.reassembly.Add(header, content,
+                                    [&](Bytes message) { OnMessage(inbound.pacing, header, message, listener); });
     }
     case wire::Type::kSubscribed: {
       const auto answer = wire::Decode<wire::Subscribed>(content);
@@ -338,7 +360,7 @@ void Peer::OnDataFrame(InboundRing& inbound, const RingFrame& frame, Listener& l
   }
 }
 
-void Peer::OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener& listener) {
+void Peer::OnMessage(Pacing pacing, const wire::FragmentHeader& header, Bytes payload, Listener& listener) {
   HostRemoteSource* const source = FindSource(header.source);
   if (source != nullptr && source->Active()) {
     SkipTo(*source, header.sequence, listener);
@@ -354,6 +376,7 @@ void Peer::OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener
   InboundMessage inbound;
   inbound.payload = payload;
   inbound.sequence = header.sequence;
+  inbound.pacing = pacing;
   if ((header.flags & wire::kHasChannel) != 0) {
     inbound.channel = header.channel;
   }

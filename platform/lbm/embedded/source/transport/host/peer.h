@@ -26,11 +26,14 @@ namespace engine::transport::host {
 
 // The consumer's end of the ring from a peer.
 struct InboundRing {
-  explicit InboundRing(const zq::posix::Descriptor& passed) : memory(passed), ring(memory.Control(), memory.Bytes()) {}
+  InboundRing(const zq::posix::Descriptor& passed, Pacing of)
+      : pacing(of), memory(passed), ring(memory.Control(), memory.Bytes()) {}
 
+  const Pacing pacing;
   const RingMemory memory;
   RingConsumer<RingCursor> ring;
   wire::Reassembly<wire::FragmentHeader> reassembly;
+  bool stalled = false;  // the listener did not take the next message
 };
 
 // Threads: the one inside Drain.
@@ -79,12 +82,13 @@ class Peer {
   void OpenRings(Listener& listener);
 
   // Whether the peer has passed a ring to consume from.
-  bool HasInboundRing() const noexcept { return m_inbound.front().has_value(); }
+  bool HasInboundRing() const noexcept { return m_inbound.front() || m_inbound.back(); }
 
   // Handles frames of those rings, of each as many as the quota says, and returns how many there were. Throws Fault.
   struct Quota {
     std::size_t frames;
-    std::size_t bytes;  // not counting the last frame
+    std::size_t bytes;     // not counting the last frame
+    bool untaken = false;  // also messages that the listener does not take now
   };
   std::size_t ConsumeRings(Quota quota, Listener& listener);
 
@@ -116,18 +120,19 @@ class Peer {
   void OnAdvertise(Bytes frame, Listener& listener);
   void OnWithdrawn(std::uint32_t id, Listener& listener);
   void OnParkingWord(const zq::posix::Descriptor& memory);
-  void OnRing(const zq::posix::Descriptor& memory);
+  void OnRing(Pacing pacing, const zq::posix::Descriptor& memory);
   void OnSubscribe(const wire::Subscribe& frame, Listener& listener);
   void OnUnsubscribe(const wire::Unsubscribe& frame, Listener& listener);
   void OnResponse(Bytes frame, Listener& listener);
   std::size_t ConsumeRing(InboundRing& inbound, Quota quota, Listener& listener);
+  bool Takes(const RingFrame& frame, Listener& listener);
   void OnDataFrame(InboundRing& inbound, const RingFrame& frame, Listener& listener);
-  void OnMessage(const wire::FragmentHeader& header, Bytes payload, Listener& listener);
+  void OnMessage(Pacing pacing, const wire::FragmentHeader& header, Bytes payload, Listener& listener);
   void OnLoss(const wire::Loss& frame, Listener& listener);
   std::shared_ptr<Subscriber>& SubscriberTo(const HostPublication& publication) {
     return m_subscribers[static_cast<std::size_t>(publication.Info().pacing)];
   }
-  std::shared_ptr<Subscriber> OpenRing();
+  std::shared_ptr<Subscriber> OpenRing(Pacing pacing);
   void TellWritable(const std::vector<std::uint32_t>& publications, Listener& listener);
   static void TellWritable(HostPublication& publication, Listener& listener);
   void Answer(std::uint32_t source, std::uint32_t token, Listener& listener);
@@ -153,7 +158,7 @@ class Peer {
   std::array<std::shared_ptr<Subscriber>, kPacings> m_subscribers;  // each from the first answer on
   Subscriptions m_subscriptions;                                    // some of them to what was withdrawn meanwhile
   std::size_t m_subscriptionsMax = 0;                               // before those are looked for
-  std::array<std::optional<InboundRing>, kPacings> m_inbound;       // the peer knows which is which
+  std::array<std::optional<InboundRing>, kPacings> m_inbound;
 };
 
 }  // namespace engine::transport::host

@@ -33,7 +33,16 @@ void NatsRemoteSource::OnAccept(const wire::Accept& accept, Listener& listener) 
 void NatsRemoteSource::OnProgress(const wire::Progress& progress, Listener& listener) {
   if (Active()) {
     LoseUpTo(progress.next, listener);
-    m_consumed = std::max(m_consumed.load(), progress.position);
+    Advance(progress.position, listener);
+  }
+}
+
+// Everything before that position was delivered or is lost. What the listener has no room for is not told as consumed.
+void NatsRemoteSource::Advance(std::uint64_t position, Listener& listener) {
+  m_delivered = std::max({m_delivered, m_consumed.load(), position});
+  m_withheld = Waits() && !listener.Takes(*this);
+  if (!m_withheld) {
+    m_consumed = m_delivered;
   }
 }
 
@@ -53,7 +62,7 @@ void NatsRemoteSource::OnData(const std::shared_ptr<NatsRemoteSource>& self, Byt
     OnFrame(self, message, listener);
   }
   if (Active()) {
-    m_consumed = std::max(m_consumed.load(), end);
+    Advance(end, listener);
   }
 }
 
@@ -84,6 +93,7 @@ void NatsRemoteSource::OnFrame(const std::shared_ptr<NatsRemoteSource>& self, By
   if (request != 0) {
     inbound.replyPath = std::make_shared<NatsReplyPath>(self, request);
   }
+  inbound.pacing = Waits() ? Pacing::kReceiver : Pacing::kSource;
   listener.OnMessage(*this, inbound);
   if (frame.size != frame.total) {
     m_partial = {};
@@ -312,12 +322,35 @@ void SourceTable::OnBye(std::uint64_t instance, Listener& listener) {
 
 void SourceTable::OnData(const std::shared_ptr<NatsRemoteSource>& source, Bytes message, Listener& listener) {
   source->OnData(source, message, listener);
-  if (source->TakeCreditDue()) {
+  if (source->Withheld()) {
+    Withhold(source);
+  }
+  PutCreditDue(*source);
+}
+
+void SourceTable::PutCreditDue(NatsRemoteSource& source) {
+  if (source.TakeCreditDue()) {
     const std::lock_guard lock(m_mutex);
-    if (source->m_route != nullptr) {
-      PutInterest(*source);
+    if (source.m_route != nullptr) {
+      PutInterest(source);
     }
   }
+}
+
+void SourceTable::Withhold(const std::shared_ptr<NatsRemoteSource>& source) {
+  if (std::find(m_withheld.begin(), m_withheld.end(), source) == m_withheld.end()) {
+    m_withheld.push_back(source);
+  }
+}
+
+std::size_t SourceTable::GiveWithheld(Listener& listener) {
+  return std::erase_if(m_withheld, [&](const auto& source) {
+    source->GiveWithheld(listener);
+    if (!source->Withheld()) {
+      PutCreditDue(*source);
+    }
+    return !source->Withheld();
+  });
 }
 
 bool SourceTable::IsUntidy() {

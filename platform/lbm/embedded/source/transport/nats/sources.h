@@ -50,6 +50,10 @@ class NatsRemoteSource final : public RemoteSource {
   void OnData(const std::shared_ptr<NatsRemoteSource>& self, Bytes message, Listener& listener);
   // Whether the source wants to know how far this is.
   bool TakeCreditDue() noexcept;
+  // Whether it is not to know, because the listener takes no more for the moment.
+  bool Withheld() const noexcept { return m_withheld && Active() && !Down(); }
+  // Looks whether the listener does again.
+  void GiveWithheld(Listener& listener) { Advance(m_delivered, listener); }
 
  private:
   friend class SourceTable;
@@ -63,6 +67,7 @@ class NatsRemoteSource final : public RemoteSource {
 
   void OnFrame(const std::shared_ptr<NatsRemoteSource>& self, Bytes& message, Listener& listener);
   Bytes Assemble(const wire::Frame& frame, Bytes fragment);
+  void Advance(std::uint64_t position, Listener& listener);
   void LoseUpTo(std::uint32_t sequence, Listener& listener);
   bool IsAhead(std::uint32_t sequence) const noexcept { return static_cast<std::int32_t>(sequence - m_expected) > 0; }
 
@@ -73,8 +78,10 @@ class NatsRemoteSource final : public RemoteSource {
   std::atomic<std::uint64_t> m_consumed{0};  // position
   std::atomic<std::uint32_t> m_accepted{0};  // token
   std::atomic<std::uint32_t> m_audience{0};
-  std::uint32_t m_expected = 0;  // sequence number
-  std::uint64_t m_credited = 0;  // position that was told
+  std::uint32_t m_expected = 0;   // sequence number
+  std::uint64_t m_credited = 0;   // position that was told
+  std::uint64_t m_delivered = 0;  // position
+  bool m_withheld = false;        // m_consumed is behind m_delivered
   std::atomic<std::uint32_t> m_creditBytes{0};
   Partial m_partial;
 
@@ -111,6 +118,10 @@ class SourceTable {
   void OnBye(std::uint64_t instance, Listener& listener);
   void OnData(const std::shared_ptr<NatsRemoteSource>& source, Bytes message, Listener& listener);
 
+  // Tells sources how far this context is once the listener takes messages again. Returns to how many that came.
+  std::size_t GiveWithheld(Listener& listener);
+  bool Withholds() const noexcept { return !m_withheld.empty(); }
+
   // Lets go of sources that nobody watches any more, and when intervals have passed, of contexts that were silent.
   // caughtUp: everything that arrived has been handled.
   std::size_t TidyUp(bool caughtUp, Listener& listener);
@@ -138,6 +149,8 @@ class SourceTable {
   };
   using Sources = std::vector<std::shared_ptr<NatsRemoteSource>>;
 
+  void PutCreditDue(NatsRemoteSource& source);
+  void Withhold(const std::shared_ptr<NatsRemoteSource>& source);
   std::shared_ptr<NatsRemoteSource> Find(std::uint64_t instance, std::uint32_t id);
   void Heard(std::uint64_t instance);
   void End(const std::shared_ptr<NatsRemoteSource>& source, Listener& listener);
@@ -160,6 +173,9 @@ class SourceTable {
   Intake& m_intake;
   zq::posix::Event& m_arrived;
   const std::int64_t m_silentTicksMax;
+
+  // For the thread inside Drain: those of which Withheld is true, and perhaps some that have ended since.
+  Sources m_withheld;
 
   std::mutex m_mutex;  // taken before the intake's and the outbox's
   // Guarded by m_mutex:

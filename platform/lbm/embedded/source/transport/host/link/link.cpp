@@ -97,10 +97,10 @@ void Link::SendParkingWord() noexcept {
   }
 }
 
-void Link::SendRing(zq::posix::Descriptor memory) noexcept {
+void Link::SendRing(Pacing pacing, zq::posix::Descriptor memory) noexcept {
   const std::lock_guard lock(m_mutex);
-  (m_rings.front() ? m_rings.back() : m_rings.front()) = std::move(memory);
-  const wire::Signal frame{wire::Type::kRing};
+  m_rings[static_cast<std::size_t>(pacing)] = std::move(memory);
+  const wire::Signal frame{pacing == Pacing::kReceiver ? wire::Type::kPacedRing : wire::Type::kRing};
   const iovec part = PieceOf(wire::BytesOf(frame));
   Send({&part, 1});
 }
@@ -209,6 +209,18 @@ void Link::Send(std::span<const iovec> parts) noexcept {
   }
 }
 
+// The ring that a frame of the type passes; null when it passes none.
+zq::posix::Descriptor* Link::RingOf(wire::Type type) noexcept {
+  switch (type) {
+    case wire::Type::kRing:
+      return &m_rings[static_cast<std::size_t>(Pacing::kSource)];
+    case wire::Type::kPacedRing:
+      return &m_rings[static_cast<std::size_t>(Pacing::kReceiver)];
+    default:
+      return nullptr;
+  }
+}
+
 // Hands one frame to the socket. False when it has to wait or the peer is gone.
 bool Link::Transmit(std::span<const iovec> parts) {
   msghdr message{};
@@ -216,8 +228,9 @@ bool Link::Transmit(std::span<const iovec> parts) {
   message.msg_iovlen = parts.size();
   const wire::Type type = wire::TypeOf({static_cast<const std::byte*>(parts[0].iov_base), parts[0].iov_len});
   alignas(cmsghdr) ControlBuffer control{};
+  zq::posix::Descriptor* const ring = RingOf(type);
   if (wire::CarriesDescriptor(type)) {
-    PassDescriptor(message, control, type == wire::Type::kRing ? m_rings.front().Get() : m_parkingWord);
+    PassDescriptor(message, control, ring != nullptr ? ring->Get() : m_parkingWord);
   }
   m_shortage = 0;
   while (::sendmsg(m_socket.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
@@ -240,8 +253,8 @@ bool Link::Transmit(std::span<const iovec> parts) {
       return false;
     }
   }
-  if (type == wire::Type::kRing) {
-    m_rings.front() = std::exchange(m_rings.back(), zq::posix::Descriptor());
+  if (ring != nullptr) {
+    *ring = zq::posix::Descriptor();
   }
   return true;
 }

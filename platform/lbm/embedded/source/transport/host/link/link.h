@@ -51,8 +51,8 @@ class Link {
 
   // Passes this context's parking word to the peer. Idempotent.
   void SendParkingWord() noexcept;
-  // Passes a ring's memory to the peer, which will consume from it. Once for each pacing.
-  void SendRing(zq::posix::Descriptor memory) noexcept;
+  // Passes the memory of the ring for sources of that pacing to the peer, which will consume from it. Once.
+  void SendRing(Pacing pacing, zq::posix::Descriptor memory) noexcept;
 
   // Takes a response unless too much is waiting already. Throws std::bad_alloc.
   bool TrySendResponse(const wire::ResponseHeader& header, std::span<const iovec> pieces);
@@ -92,6 +92,7 @@ class Link {
 
  private:
   void Send(std::span<const iovec> parts) noexcept;
+  zq::posix::Descriptor* RingOf(wire::Type type) noexcept;
   bool Transmit(std::span<const iovec> parts);
   bool FlushQueue();
   bool TakesResponse(std::size_t bytes);
@@ -112,7 +113,7 @@ class Link {
   SendQueue m_queue;
   std::size_t m_queueMax;                               // bytes; beyond them the peer is cut off
   std::vector<iovec> m_parts;                           // of the frame being put together
-  std::array<zq::posix::Descriptor, kPacings> m_rings;  // in the order in which they are to be passed
+  std::array<zq::posix::Descriptor, kPacings> m_rings;  // until they are passed
   bool m_parkingWordSent = false;
   bool m_watchingWritable = false;
   bool m_broken = false;

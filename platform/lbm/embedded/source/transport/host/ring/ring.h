@@ -269,6 +269,7 @@ class RingConsumer : public RingEnd<Cursor> {
         return false;
       }
       const auto header = std::bit_cast<RingFrameHeader>(word);
+      m_taken = m_next;
       const std::uint64_t footprint = RingFrameHeader::Footprint(header.size);
       if (footprint > this->Capacity() - position) {
         throw Fault("a frame in a ring runs past the end");
@@ -284,6 +285,9 @@ class RingConsumer : public RingEnd<Cursor> {
     }
     return false;
   }
+
+  // Has the frame that was taken last be the next one again.
+  void PutBack() noexcept { m_next = m_taken; }
 
   // Gives the producer the space of all frames taken. True when credit is due.
   bool Release() noexcept {
@@ -329,6 +333,7 @@ class RingConsumer : public RingEnd<Cursor> {
   }
 
   Cursor m_next = 0;    // of the next frame to take
+  Cursor m_taken = 0;   // of the last one that was taken
   Cursor m_polled = 0;  // what that was at the last Poll
   Cursor m_head = 0;    // what is released
   std::uint32_t m_creditGranted = 0;

@@ -40,9 +40,10 @@ enum class Type : std::uint16_t {
   kUnsubscribe,
   kResponse,
   kParkingWord,  // carries the descriptor of the sender's parking word; once, before its first subscription
-  kRing,  // carries the descriptor of a ring that the sender will produce into; before it does, once for each pacing
-  kDoorbell,  // wakes the peer, whose parking word says that it is parked
-  kCredit,    // grants the credit that the peer requested: half of its ring is free
+  kRing,         // carries the descriptor of the ring for messages of sources that do not wait; once, before the first
+  kPacedRing,    // the same for messages of sources that wait for space
+  kDoorbell,     // wakes the peer, whose parking word says that it is parked
+  kCredit,       // grants the credit that the peer requested: half of its ring is free
   // Data frames, in a ring:
   kMessage = 0x100,
   kFragment,
@@ -51,7 +52,9 @@ enum class Type : std::uint16_t {
   kWithdrawn
 };
 
-constexpr bool CarriesDescriptor(Type type) { return type == Type::kParkingWord || type == Type::kRing; }
+constexpr bool CarriesDescriptor(Type type) {
+  return type == Type::kParkingWord || type == Type::kRing || type == Type::kPacedRing;
+}
 
 // A control frame of which the type says everything.
 struct Signal {
