@@ -74,6 +74,8 @@ function(price_connector_library room)
   elseif(arg_SHARED)
     add_library(${target} SHARED ${arg_SOURCES})
     price_connector_exports(${target} ${arg_SHARED})
+    # A program links it for libraries that may come later in its list than this one.
+    target_link_options(${target} INTERFACE $<INSTALL_INTERFACE:LINKER:--no-as-needed>)
   else()
     add_library(${target} STATIC ${arg_SOURCES})
     set_property(GLOBAL APPEND PROPERTY PRICE_CONNECTOR_PARTS ${target})

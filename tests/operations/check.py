@@ -145,6 +145,8 @@ class Sources:
                 level, at, behind = FORWARDERS[printer]
             else:
                 level, (before, at) = None, STREAMS[printer]
+                if arguments[0] == "LBM_LOG_WARNING":
+                    before = "lbm warning: "
             if ONLY_IN.get(printer, name) != name or printer == "WriteAll" and arguments[0] != "STDERR_FILENO":
                 continue
             if at >= len(arguments) or DECLARED.match(arguments[at]):

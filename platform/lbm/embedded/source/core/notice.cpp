@@ -21,20 +21,20 @@ std::shared_mutex g_mutex;
 lbm_log_cb_proc g_receiver = &WriteToStandardError;  // guarded by g_mutex
 void* g_clientData = nullptr;                        // guarded by g_mutex
 
-void Tell(int level, const char* text) noexcept {
+void GiveToReceiver(int level, const char* text) noexcept {
   const std::shared_lock lock(g_mutex);
   g_receiver(level, text, g_clientData);
 }
 
 }  // namespace
 
-void Notice(int level, const std::string& text) noexcept { Tell(level, text.c_str()); }
+void Notice(int level, const std::string& text) noexcept { GiveToReceiver(level, text.c_str()); }
 
 void Notice(int level, const char* text, const std::exception& error) noexcept {
   try {
-    Notice(level, text + std::string(error.what()));
+    GiveToReceiver(level, (text + std::string(error.what())).c_str());
   } catch (const std::bad_alloc&) {
-    Tell(level, "out of memory");
+    GiveToReceiver(level, "out of memory");
   }
 }
 

@@ -32,7 +32,8 @@ class Poller : public ProcessBound {
   bool Remove(int descriptor) noexcept;
 
   // Waits up to timeoutMs milliseconds, -1 for ever, for an event and returns what is ready, in the storage; nothing
-  // when the time has passed or a signal came. Throws std::system_error, and Error in a child that fork made.
+  // when the time has passed or a signal came. Throws std::system_error, and std::runtime_error in a child
+  // that fork made.
   std::span<const epoll_event> Poll(Events& storage, int timeoutMs) const;
 
  private:

@@ -11,7 +11,7 @@ namespace engine {
 // A base of what must not be used in a child.
 class ProcessBound {
  public:
-  // Throws Error unless the calling process made it. what: the error's subject.
+  // Throws std::runtime_error unless the calling process made it. what: the error's subject.
   void CheckProcess(const char* what) const {
     if (m_generation != zq::posix::Generation()) {
       Refuse(what);
