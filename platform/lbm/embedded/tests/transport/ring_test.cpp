@@ -1,6 +1,7 @@
 #include "transport/host/ring/ring.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
@@ -127,6 +128,16 @@ TYPED_TEST(RingTest, GrantsCreditOnceAndOnlyWhenHalfIsFree) {
   EXPECT_FALSE(ring.consumer.Release());
   ring.producer.RequestCredit();
   EXPECT_TRUE(ring.consumer.Release());
+}
+
+// So that a peer cannot keep a context asleep.
+TEST(ParkingWord, CannotBeWrittenByThoseItIsPassedTo) {
+  const ParkingWord word;
+  const zq::posix::Descriptor passed(::dup(word.GetDescriptor()));
+  const char byte = 1;
+  EXPECT_EQ(::pwrite(passed.Get(), &byte, 1, 0), -1);
+  EXPECT_EQ(::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, passed.Get(), 0), MAP_FAILED);
+  EXPECT_EQ(::ftruncate(passed.Get(), 0), -1);
 }
 
 // Both at the same moment, over and over: a producer that looks whether the consumer is still busy, and a consumer that
