@@ -33,7 +33,8 @@ inline thread_local char g_threadMark [[gnu::tls_model("initial-exec")]] = 0;
 // The counters and gauges of a row, as seen by the thread that asked for them.
 class Cells {
  public:
-  void Add(std::size_t field, std::uint64_t amount = 1) const noexcept {
+  // Inlined also where it is visible to other libraries, as it is called several times for each message.
+  [[gnu::always_inline]] void Add(std::size_t field, std::uint64_t amount = 1) const noexcept {
     details::Cell& cell = m_column[field];
     if (m_own) {
       cell.store(cell.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);

@@ -244,7 +244,9 @@ void Directory::OnMessage(transport::RemoteSource& source, transport::InboundMes
       NoteLoss(subscription, inbound.sequence, 1);
       continue;
     }
-    TellLoss(*stream, subscription);
+    if (subscription.lost != 0) {
+      TellLoss(*stream, subscription);
+    }
     // One message serves all receivers unless they have to see something of their own in it: the client data of their
     // source notification, or a response that each of them may take over.
     if (!message || inbound.replyPath != nullptr || message->source_clientd != subscription.sourceClientd) {
