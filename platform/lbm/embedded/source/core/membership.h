@@ -36,7 +36,8 @@ class Membership {
   transport::SendResult Publish(transport::Publication& publication, const transport::OutboundMessage& message,
                                 bool wait) {
     return Ended() ? transport::SendResult::kClosed
-                   : m_transport->Publish(publication, message, WaitIf(wait && !DispatchesSubscriber(publication)));
+                   : m_transport->Publish(publication, message,
+                                          WaitIf(wait && !m_gate.Dispatching() && !DispatchesSubscriber(publication)));
   }
   transport::SendResult Respond(transport::ReplyPath& path, std::span<const iovec> pieces, bool wait) {
     return Ended() ? transport::SendResult::kClosed : m_transport->Respond(path, pieces, WaitIf(wait));
