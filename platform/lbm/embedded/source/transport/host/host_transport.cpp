@@ -273,10 +273,12 @@ Rendezvous::Outcome HostTransport::LinkTo(const std::string& name, std::shared_p
   zq::posix::Descriptor socket;
   const Rendezvous::Outcome outcome = m_rendezvous.Connect(name, socket);
   if (outcome != Rendezvous::Outcome::kConnected) {
+    m_byName.erase(name);
     return outcome;
   }
   Peer* const peer = Adopt(socket, LinkKind::kPeer, name);
   if (peer == nullptr) {
+    m_byName.erase(name);
     return Rendezvous::Outcome::kGone;
   }
   same.push_back(peer);
