@@ -180,8 +180,8 @@ bool NatsTransport::Park() {
 // The socket is looked at now and then: a context that spins finds what comes there without delay.
 std::size_t NatsTransport::DrainMemory(Listener& listener) {
   const auto now = Clock::now();
-  if (now < m_nextRead && m_keeper->intake.Empty() && !m_keeper->sources.Withholds()) {
-    return 0;
+  if (now < m_nextRead && m_keeper->intake.Empty()) {
+    return m_keeper->sources.GiveWithheld(listener);
   }
   m_nextRead = now + m_keeper->settings.pollInterval;
   return ReadAndHandle(listener);
@@ -202,9 +202,7 @@ std::size_t NatsTransport::ReadAndHandle(Listener& listener) {
   for (int reads = 0; done == 0 && reads < kReadsPerDrain && m_keeper->intake.Read(); ++reads) {
     done += HandleArrivals(listener);
   }
-  if (m_keeper->sources.Withholds()) {
-    done += m_keeper->sources.GiveWithheld(listener);
-  }
+  done += m_keeper->sources.GiveWithheld(listener);
   if (m_keeper->publications.HasNews()) {
     done += m_keeper->publications.Report(listener);
   }

@@ -301,6 +301,7 @@ void SourceTable::OnAlive(std::uint64_t instance, Bytes message, Listener& liste
     const auto progress = wire::Take<wire::Progress>(message);
     if (const auto source = Find(instance, progress.source)) {
       source->OnProgress(progress, listener);
+      NoteWithheld(source);
     }
   }
 }
@@ -322,9 +323,7 @@ void SourceTable::OnBye(std::uint64_t instance, Listener& listener) {
 
 void SourceTable::OnData(const std::shared_ptr<NatsRemoteSource>& source, Bytes message, Listener& listener) {
   source->OnData(source, message, listener);
-  if (source->Withheld()) {
-    Withhold(source);
-  }
+  NoteWithheld(source);
   PutCreditDue(*source);
 }
 
@@ -337,8 +336,8 @@ void SourceTable::PutCreditDue(NatsRemoteSource& source) {
   }
 }
 
-void SourceTable::Withhold(const std::shared_ptr<NatsRemoteSource>& source) {
-  if (std::find(m_withheld.begin(), m_withheld.end(), source) == m_withheld.end()) {
+void SourceTable::NoteWithheld(const std::shared_ptr<NatsRemoteSource>& source) {
+  if (source->Withheld() && std::find(m_withheld.begin(), m_withheld.end(), source) == m_withheld.end()) {
     m_withheld.push_back(source);
   }
 }

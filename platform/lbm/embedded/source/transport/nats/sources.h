@@ -120,7 +120,6 @@ class SourceTable {
 
   // Tells sources how far this context is once the listener takes messages again. Returns to how many that came.
   std::size_t GiveWithheld(Listener& listener);
-  bool Withholds() const noexcept { return !m_withheld.empty(); }
 
   // Lets go of sources that nobody watches any more, and when intervals have passed, of contexts that were silent.
   // caughtUp: everything that arrived has been handled.
@@ -150,7 +149,7 @@ class SourceTable {
   using Sources = std::vector<std::shared_ptr<NatsRemoteSource>>;
 
   void PutCreditDue(NatsRemoteSource& source);
-  void Withhold(const std::shared_ptr<NatsRemoteSource>& source);
+  void NoteWithheld(const std::shared_ptr<NatsRemoteSource>& source);
   std::shared_ptr<NatsRemoteSource> Find(std::uint64_t instance, std::uint32_t id);
   void Heard(std::uint64_t instance);
   void End(const std::shared_ptr<NatsRemoteSource>& source, Listener& listener);
