@@ -40,6 +40,7 @@ void Directory::AddReceiver(const std::shared_ptr<Receiver>& receiver) {
   }
   if (std::find(entry.receivers.begin(), entry.receivers.end(), receiver) == entry.receivers.end()) {
     entry.receivers.push_back(receiver);
+    m_queues = m_queues || receiver->Queue() != nullptr;
     m_counters.Add(context_field::kReceivers);
   }
   CountTopics();

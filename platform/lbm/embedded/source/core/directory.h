@@ -53,6 +53,7 @@ class Directory : public transport::Listener {
   void OnSourceUp(const std::shared_ptr<transport::RemoteSource>& source) override;
   void OnSourceDown(const std::shared_ptr<transport::RemoteSource>& source) override;
   bool Takes(transport::RemoteSource& source) override;
+  bool MayRefuse() const noexcept override { return m_queues; }
   void OnMessage(transport::RemoteSource& source, transport::InboundMessage& inbound) override;
   void OnLoss(transport::RemoteSource& source, std::uint32_t first, std::uint32_t count) override;
   void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override;
@@ -119,6 +120,7 @@ class Directory : public transport::Listener {
   zq::statistics::Row& m_statistics;       // of the context
   const zq::statistics::Cells m_counters;  // of the row
   MessagePool::Owner m_pool;
+  bool m_queues = false;  // some receiver, it may be a past one, has an event queue
   std::unordered_map<std::string, TopicEntry> m_topics;
 };
 

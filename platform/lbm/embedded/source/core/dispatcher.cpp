@@ -190,7 +190,9 @@ void Dispatcher::TellRoom() {
 }
 
 std::size_t Dispatcher::RunTasks() {
-  m_taken.Append(m_tasks.Take());
+  if (m_tasks.Posted()) {
+    m_taken.Append(m_tasks.Take());
+  }
   if (m_taken.Empty() || (Waiting() && Clock::now() < m_nextAttempt)) {
     return 0;
   }

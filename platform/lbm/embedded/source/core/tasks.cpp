@@ -55,7 +55,7 @@ bool TaskQueue::Post(std::unique_ptr<Task> task) noexcept {
 }
 
 TaskList TaskQueue::Take() noexcept {
-  if (!m_posted.load(std::memory_order_relaxed) || !m_posted.exchange(false)) {
+  if (!Posted() || !m_posted.exchange(false)) {
     return {};
   }
   const std::lock_guard lock(m_mutex);

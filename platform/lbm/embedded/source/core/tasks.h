@@ -72,7 +72,9 @@ class TaskQueue {
   // Whether the dispatching thread is to be woken: it has not been since it last took tasks. Threads: any.
   bool Post(std::unique_ptr<Task> task) noexcept;
 
-  // What was posted since the last call. Looks at one atomic when there is nothing. Threads: the dispatching one.
+  // Whether Take has something. Threads: the dispatching one.
+  bool Posted() const noexcept { return m_posted.load(std::memory_order_relaxed); }
+  // What was posted since the last call. Threads: the dispatching one.
   TaskList Take() noexcept;
 
   // Drops what is there and takes nothing more. Threads: any.

@@ -145,6 +145,9 @@ class Listener {
   // to see to.
   virtual bool Takes(RemoteSource&) { return true; }
 
+  // Whether Takes would refuse anything, whatever the source. Asked once for the messages of a Drain.
+  virtual bool MayRefuse() const noexcept { return false; }
+
   // count messages of the source, from sequence number first on, will not arrive. Told before any later message, and
   // also when the lost ones were the last.
   virtual void OnLoss(RemoteSource& source, std::uint32_t first, std::uint32_t count) = 0;

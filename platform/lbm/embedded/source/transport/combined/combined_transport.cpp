@@ -49,6 +49,7 @@ class FarListener final : public Listener {
   }
   void OnSourceDown(const std::shared_ptr<RemoteSource>& source) override { m_listener.OnSourceDown(source); }
   bool Takes(RemoteSource& source) override { return m_listener.Takes(source); }
+  bool MayRefuse() const noexcept override { return m_listener.MayRefuse(); }
   void OnMessage(RemoteSource& source, InboundMessage& message) override {
     if (message.replyPath != nullptr) {
       message.replyPath->carrier = &m_far;

@@ -85,10 +85,10 @@ std::size_t Peer::ConsumeRings(Quota quota, Listener& listener) {
 
 std::size_t Peer::ConsumeRing(InboundRing& inbound, Quota quota, Listener& listener) {
   RingConsumer<RingCursor>& ring = inbound.ring;
-  const bool asks = inbound.pacing == Pacing::kReceiver && !quota.untaken;
   inbound.stalled = false;
   std::size_t frames = 0;
   if (ring.Poll()) {
+    const bool asks = inbound.pacing == Pacing::kReceiver && !quota.untaken && listener.MayRefuse();
     RingFrame frame;
     std::size_t bytes = 0;
     while (frames < quota.frames && bytes < quota.bytes && !m_surroundings.closed.load(std::memory_order_relaxed) &&
