@@ -15,7 +15,7 @@
 #include "backend/line_format.h"
 #include "backend/output.h"
 #include "backend/settings.h"
-#include "backend/sinks.h"
+#include "backend/trouble.h"
 #include "zq/logging/backend.h"
 
 namespace zq::logging {

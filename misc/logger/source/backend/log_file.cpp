@@ -12,7 +12,7 @@
 #include <system_error>
 #include <utility>
 
-#include "backend/sinks.h"
+#include "backend/trouble.h"
 #include "zq/posix/error.h"
 #include "zq/posix/file.h"
 

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "backend/sinks.h"
+#include "backend/trouble.h"
 #include "zq/posix/signals.h"
 
 namespace zq::logging {

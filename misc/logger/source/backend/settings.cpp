@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "backend/sinks.h"
+#include "backend/trouble.h"
 #include "zq/posix/environment.h"
 
 namespace zq::logging {

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "backend/line_format.h"
+#include "backend/trouble.h"
 #include "zq/posix/error.h"
 #include "zq/posix/file.h"
 
@@ -35,8 +36,6 @@ std::string_view LineOf(const spdlog::details::log_msg& message) {
 }
 
 }  // namespace
-
-void ReportTrouble(const std::string& what) { zq::posix::WriteAll(STDERR_FILENO, "zq::logging: " + what + '\n'); }
 
 void ConsoleSink::Set(Console console) {
   const std::lock_guard lock(mutex_);

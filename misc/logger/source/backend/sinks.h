@@ -14,9 +14,6 @@
 
 namespace zq::logging {
 
-// Tells the operator about the log itself, on standard error.
-void ReportTrouble(const std::string& what);
-
 // Each of these takes records whose payload is a finished line.
 
 // Writes lines to standard error. What cannot be written is dropped: there is no better place to tell.
