@@ -8,17 +8,6 @@
 namespace cli {
 namespace {
 
-// The parts of "a|b|c" that can be typed as they are, which a range such as "1..64" cannot; none for other names.
-std::string WordsOf(const std::string& typeName) {
-  std::string words;
-  if (typeName.find('|') != std::string::npos) {
-    for (const auto& word : CLI::detail::split(typeName, '|')) {
-      words += word.find("..") == std::string::npos ? ' ' + word : "";
-    }
-  }
-  return words.empty() ? words : words.substr(1);
-}
-
 // The statement that completes a value of the type; empty when nothing is known of its values.
 std::string CompletionOf(const std::string& typeName) {
   constexpr const char* kNames = "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -{} -- \"$word\")";

@@ -55,15 +55,15 @@ void AddCommonOptions(CLI::App& app, const Manual& manual) {
   SetMinLogLevel("warning");
 
   const auto generate = [&app, manual](const std::string& kind) {
-    auto text = kind == "man" ? ManPage(app, manual) : BashCompletion(app);
+    auto text = kind == "man" ? ManPage(app, manual) : kind == "bash" ? BashCompletion(app) : ZshCompletion(app);
     text.pop_back();
     // The library prints the text of this exception and a line end, and looks for nothing that is missing.
     throw CLI::CallForVersion(text, 0);
   };
   app.add_option_function<std::string>("--generate", generate,
                                        "Print the manual page, or a script that completes command lines, and exit")
-      ->check(CLI::IsMember({"man", "bash"}).description(""))
-      ->type_name("man|bash");
+      ->check(CLI::IsMember({"man", "bash", "zsh"}).description(""))
+      ->type_name("man|bash|zsh");
 }
 
 CLI::Validator Number(double min, double max) {

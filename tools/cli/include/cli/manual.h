@@ -32,8 +32,9 @@ std::string HelpFooter(const Manual& manual);
 // In mdoc(7), section 1. The date is that of the environment variable SOURCE_DATE_EPOCH, otherwise today's.
 std::string ManPage(const CLI::App& app, const Manual& manual);
 
-// A script for bash. The type names of options say how values are completed: FILE and DIR by the names of files, words
-// with "|" between them by these words, and others not at all.
+// Scripts for these shells. The type names of options say how values are completed: FILE and DIR by the names of files,
+// words with "|" between them by these words, and others not at all.
 std::string BashCompletion(const CLI::App& app);
+std::string ZshCompletion(const CLI::App& app);
 
 }  // namespace cli
