@@ -1,8 +1,9 @@
 # Installs the build tree, builds a project that uses the result and runs its programs.
 #
 #   cmake -D BUILD=<build tree> -D SOURCE=<source tree> -D WORK=<scratch folder> -D VERSION=<x.y.z> -D LIBDIR=<lib>
-#         -D USER=consumer|pkg_config|system_provider -D FLAGS=<flags of the compiler>
-#         [-D COMPILER=<of C++>] [-D STANDARD=<of C++>] [-D STATIC=ON] [-D HEADERS_IN_ONE=ON] -P run.cmake
+#         -D USER=consumer|pkg_config|subproject -D FLAGS=<flags of the compiler>
+#         [-D COMPILER=<of C++>] [-D C_COMPILER=<of C>] [-D STANDARD=<of C++>] [-D STATIC=ON] [-D HEADERS_IN_ONE=ON]
+#         [-D PROVIDER=<PRICE_CONNECTOR_LBM of a subproject>] [-D INSTALL=<PRICE_CONNECTOR_INSTALL of it>] -P run.cmake
 cmake_minimum_required(VERSION 3.25)
 
 # run(<command>...): stops the test with the command's output when it fails.
@@ -34,14 +35,17 @@ set(programs program scripted_program)
 file(REMOVE_RECURSE ${WORK})
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 
-if(USER STREQUAL "system_provider")
+if(USER STREQUAL "subproject")
   # The embedded engine in the place of the licensed library, under the names that one has.
   set(library_prefix ${WORK}/library)
   file(COPY ${prefix}/include/price_connector/lbm/lbm.h DESTINATION ${library_prefix}/include/lbm)
   file(GLOB engine ${prefix}/${LIBDIR}/libprice_connector_lbm_embedded.so*)
   file(COPY ${engine} DESTINATION ${library_prefix}/lib)
   file(CREATE_LINK libprice_connector_lbm_embedded.so ${library_prefix}/lib/liblbm.so SYMBOLIC)
-  set(options -D CMAKE_PREFIX_PATH=${library_prefix} -D PRICE_CONNECTOR_SOURCE=${SOURCE})
+  set(options -D CMAKE_PREFIX_PATH=${library_prefix} -D PRICE_CONNECTOR_SOURCE=${SOURCE} -D PROVIDER=${PROVIDER})
+  if(DEFINED INSTALL)
+    list(APPEND options -D PRICE_CONNECTOR_INSTALL=${INSTALL})
+  endif()
   set(programs program)
 else()
   # Elsewhere than where it was installed: nothing may depend on that place.
@@ -76,6 +80,9 @@ else()
     list(APPEND options -D CMAKE_CXX_COMPILER=${COMPILER} -D CMAKE_CXX_STANDARD=${STANDARD} -D
          HEADERS_IN_ONE=${HEADERS_IN_ONE})
   endif()
+  if(C_COMPILER)
+    list(APPEND options -D CMAKE_C_COMPILER=${C_COMPILER})
+  endif()
   if(STATIC)
     list(APPEND options -D price_connector_USE_STATIC_LIBS=ON)
   endif()
@@ -87,9 +94,11 @@ if(USER STREQUAL "consumer" AND STATIC)
   expect_shared(${project}/program no)
 elseif(USER STREQUAL "consumer")
   expect_shared(${project}/program yes)
-elseif(USER STREQUAL "system_provider")
-  run(${CMAKE_COMMAND} --install ${project} --prefix ${WORK}/nothing)
-  if(EXISTS ${WORK}/nothing)
+elseif(USER STREQUAL "subproject")
+  run(${CMAKE_COMMAND} --install ${project} --prefix ${WORK}/installed)
+  if(INSTALL AND NOT EXISTS ${WORK}/installed/${LIBDIR}/cmake/price_connector/price_connectorConfig.cmake)
+    message(FATAL_ERROR "As a subproject it does not install what was asked for:\n${output}")
+  elseif(NOT INSTALL AND EXISTS ${WORK}/installed)
     message(FATAL_ERROR "As a subproject it installs what nobody asked for:\n${output}")
   endif()
 endif()
