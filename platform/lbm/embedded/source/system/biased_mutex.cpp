@@ -8,9 +8,6 @@ namespace engine {
 
 namespace {
 
-// So many that the cost of one revocation is small beside what the owner saved.
-constexpr unsigned kOwnerAfterLocks = 1024;
-
 // Threads that can ever own one mutex.
 constexpr std::size_t kOwnersMax = 16;
 
@@ -23,9 +20,7 @@ void BiasedMutex::LockOrdinarily() {
   m_mutex.lock();
   if (Owner* const owner = m_owner.exchange(nullptr)) {
     HeavyProcessFence();
-    while (owner->inside.load(std::memory_order_acquire)) {
-      std::this_thread::sleep_for(kOwnerInsidePoll);
-    }
+    SleepWhile(owner->inside, true, kOwnerInsidePoll);
   }
   m_lockedAsOwner = nullptr;
   const std::thread::id self = std::this_thread::get_id();
@@ -36,7 +31,7 @@ void BiasedMutex::LockOrdinarily() {
 }
 
 void BiasedMutex::UnlockOrdinarily() noexcept {
-  if (++m_locksInARow >= kOwnerAfterLocks && m_biasable) {
+  if (++m_locksInARow >= m_ownerAfterLocks && m_biasable) {
     m_locksInARow = 0;
     m_owner.store(OwnerFor(m_lastThread), std::memory_order_release);
   }

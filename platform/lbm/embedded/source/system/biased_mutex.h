@@ -1,13 +1,12 @@
 // A mutex biased towards one thread.
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "system/asymmetric_fence.h"
+#include "system/atomic.h"
 
 namespace engine {
 
@@ -21,6 +20,11 @@ namespace engine {
 // then loads whether the owner is inside. At least one of the two sees the other's store.
 class BiasedMutex {
  public:
+  // So many locks in a row that the cost of one revocation is small beside what the owner saved.
+  static constexpr unsigned kOwnerAfterLocks = 1024;
+
+  explicit BiasedMutex(unsigned ownerAfterLocks = kOwnerAfterLocks) noexcept : m_ownerAfterLocks(ownerAfterLocks) {}
+
   void lock() {
     if (!LockAsOwner()) {
       LockOrdinarily();
@@ -42,7 +46,7 @@ class BiasedMutex {
     explicit Owner(std::thread::id id) : thread(id) {}
 
     const std::thread::id thread;
-    std::atomic<bool> inside{false};
+    Atomic<bool> inside{false};
   };
 
   bool LockAsOwner() noexcept {
@@ -66,11 +70,12 @@ class BiasedMutex {
   void UnlockOrdinarily() noexcept;
   Owner* OwnerFor(std::thread::id thread) noexcept;
 
+  const unsigned m_ownerAfterLocks;
   const bool m_biasable = ProcessFenceAvailable();  // asked here, because the first question is a system call
-  std::atomic<Owner*> m_owner{nullptr};
+  Atomic<Owner*> m_owner{nullptr};
   Owner* m_lockedAsOwner = nullptr;  // for the thread that holds the lock
 
-  std::mutex m_mutex;
+  Mutex m_mutex;
   // Guarded by m_mutex:
   std::thread::id m_lastThread;
   unsigned m_locksInARow = 0;  // by m_lastThread

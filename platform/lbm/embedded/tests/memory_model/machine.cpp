@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <semaphore>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 #include "system/asymmetric_fence.h"
 
@@ -121,6 +123,26 @@ class StoreBuffer {
   std::deque<BufferedStore> m_stores;
 };
 
+// Of the standard semaphores each wait would first yield the processor a few times, for long where others want it.
+class Baton {
+ public:
+  void Give() {
+    const std::lock_guard lock(m_mutex);
+    m_given = true;
+    m_changed.notify_one();
+  }
+  void Take() {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_given; });
+    m_given = false;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_given = false;
+};
+
 // A thread of an execution. Between the call of Turn and its return it runs, and nobody else does. At first it runs up
 // to its first access.
 class Actor {
@@ -134,24 +156,37 @@ class Actor {
             ADD_FAILURE() << error.what();
           }
           m_ended = true;
-          m_atAccess.release();
+          m_atAccess.Give();
         }) {
-    m_atAccess.acquire();
+    m_atAccess.Take();
   }
 
   // Null on all other threads.
   static Actor* Self() noexcept { return t_self; }
 
-  bool CanGoOn() const noexcept { return !m_ended && m_awaited == nullptr; }
+  bool CanGoOn() const { return !m_ended && m_awaited == nullptr && (!m_condition || m_condition()); }
   bool Ended() const noexcept { return m_ended; }
   void Turn() {
-    m_turn.release();
-    m_atAccess.acquire();
+    m_turn.Give();
+    m_atAccess.Take();
   }
   void AwaitTurn() {
-    m_atAccess.release();
-    m_turn.acquire();
+    m_atAccess.Give();
+    m_turn.Take();
     stores.NoteAccess();
+  }
+  // One that does not come before the condition holds.
+  void AwaitTurnUntil(std::function<bool()> condition) {
+    m_condition = std::move(condition);
+    AwaitTurn();
+    m_condition = nullptr;
+  }
+
+  // While it runs, this thread is no actor.
+  static void RunBefore(const std::function<void()>& function) {
+    Actor* const self = std::exchange(t_self, nullptr);
+    function();
+    t_self = self;
   }
 
   // At its next turn somebody has notified.
@@ -170,10 +205,11 @@ class Actor {
  private:
   inline static thread_local Actor* t_self = nullptr;
 
-  std::binary_semaphore m_turn{0};
-  std::binary_semaphore m_atAccess{0};
+  Baton m_turn;
+  Baton m_atAccess;
   bool m_ended = false;
   const void* m_awaited = nullptr;
+  std::function<bool()> m_condition;
   std::jthread m_thread;
 };
 
@@ -237,14 +273,14 @@ void Store(void* address, std::size_t size, std::uint64_t value, std::memory_ord
   }
 }
 
-std::uint64_t Add(void* address, std::size_t size, std::uint64_t value) {
+std::uint64_t Update(void* address, std::size_t size, const std::function<std::uint64_t(std::uint64_t)>& next) {
   if (Actor* const self = Actor::Self()) {
     self->AwaitTurn();
     self->stores.Empty();
   }
   std::uint64_t before = 0;
   std::memcpy(&before, address, size);
-  const std::uint64_t after = before + value;
+  const std::uint64_t after = next(before);
   std::memcpy(address, &after, size);
   return before;
 }
@@ -254,6 +290,16 @@ void AwaitChange(const void* address, std::size_t size, std::uint64_t from) {
     Actor::Self()->AwaitNotice(address);
   }
 }
+
+void AwaitOther(const void* address, std::size_t size, std::uint64_t from) {
+  Actor::Self()->AwaitTurnUntil([=] {
+    std::uint64_t value = 0;
+    std::memcpy(&value, address, size);
+    return value != from;
+  });
+}
+
+void Before(const std::function<void()>& function) { Actor::RunBefore(function); }
 
 void Notify(const void* address) {
   if (Actor* const self = Actor::Self()) {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -33,13 +34,21 @@ struct Scenario {
 // threads of one wait for ever.
 std::size_t TryAllExecutions(const Scenario& scenario);
 
+// For what a thread has done before the others begin: its accesses act at once, and nothing comes between them. Only at
+// the beginning of a thread's function.
+void Before(const std::function<void()>& function);
+
 // For Atomic and the fences. Outside of an execution's threads they act at once.
 std::uint64_t Load(const void* address, std::size_t size);
 void Store(void* address, std::size_t size, std::uint64_t value, std::memory_order order);
-std::uint64_t Add(void* address, std::size_t size, std::uint64_t value);
+// Stores at once what becomes of the value that is there, which it returns.
+std::uint64_t Update(void* address, std::size_t size, const std::function<std::uint64_t(std::uint64_t)>& next);
 void FenceEverybody();
+// Until somebody gives notice of the address and it has another value.
 void AwaitChange(const void* address, std::size_t size, std::uint64_t from);
 void Notify(const void* address);
+// Until it has another value.
+void AwaitOther(const void* address, std::size_t size, std::uint64_t from);
 
 }  // namespace engine::model
 
@@ -60,10 +69,18 @@ class Atomic {
   void store(T value, std::memory_order order = std::memory_order_seq_cst) noexcept {
     model::Store(&m_value, sizeof(T), Bits(value), order);
   }
-  T fetch_add(T value) noexcept { return Back(model::Add(&m_value, sizeof(T), Bits(value))); }
-  T fetch_sub(T value) noexcept { return Back(model::Add(&m_value, sizeof(T), -Bits(value))); }
+  T exchange(T value) noexcept {
+    return Back(model::Update(&m_value, sizeof(T), [=](std::uint64_t) { return Bits(value); }));
+  }
+  T fetch_add(T value) noexcept {
+    return Back(model::Update(&m_value, sizeof(T), [=](std::uint64_t before) { return before + Bits(value); }));
+  }
+  T fetch_sub(T value) noexcept {
+    return Back(model::Update(&m_value, sizeof(T), [=](std::uint64_t before) { return before - Bits(value); }));
+  }
   void wait(T from) const noexcept { model::AwaitChange(&m_value, sizeof(T), Bits(from)); }
   void notify_all() noexcept { model::Notify(&m_value); }
+  void AwaitOther(T from) const noexcept { model::AwaitOther(&m_value, sizeof(T), Bits(from)); }
 
  private:
   static std::uint64_t Bits(T value) noexcept {
@@ -79,5 +96,23 @@ class Atomic {
 
   T m_value{};
 };
+
+class Mutex {
+ public:
+  void lock() noexcept {
+    while (m_locked.exchange(true)) {
+      m_locked.AwaitOther(true);
+    }
+  }
+  void unlock() noexcept { m_locked.store(false, std::memory_order_release); }
+
+ private:
+  Atomic<bool> m_locked;
+};
+
+template <typename T>
+void SleepWhile(const Atomic<T>& variable, T value, std::chrono::microseconds) {
+  variable.AwaitOther(value);
+}
 
 }  // namespace engine
