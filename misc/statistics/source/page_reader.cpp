@@ -115,7 +115,7 @@ void ForSlots(std::span<const std::uint64_t> slots, std::size_t cells, std::uint
               const F& use) {
   for (; !slots.empty(); slots = slots.subspan(1 + cells)) {
     const std::uint64_t number = slots[0];
-    if (number != 0 && number <= current && number + last > current) {
+    if (number <= current && number + last > current) {
       use(slots.subspan(1, cells));
     }
   }
