@@ -251,7 +251,6 @@ void Peer::OnAdvertise(Bytes frame, Listener& listener) {
 // Of a source that is not wanted it may not be known.
 void Peer::OnWithdrawn(std::uint32_t id, Listener& listener) {
   if (const auto source = m_sources.find(id); source != m_sources.end()) {
-    m_lastSource = nullptr;
     listener.OnSourceDown(source->second);
     m_sources.erase(source);
     m_lastSource = nullptr;

@@ -35,10 +35,8 @@ void HostRemoteSource::Unsubscribe() {
 }
 
 void HostRemoteSource::Activate(std::uint32_t token, std::uint32_t nextSequence) {
-  if (token == m_wantedToken) {
-    m_activeToken = token;
-    m_expected = nextSequence;
-  }
+  m_activeToken = token;
+  m_expected = nextSequence;
 }
 
 SendResult HostReplyPath::Respond(std::span<const iovec> pieces, const SendWait& wait,

@@ -23,7 +23,8 @@ class HostRemoteSource final : public RemoteSource {
   void Subscribe();
   void Unsubscribe();
 
-  // The peer has accepted the subscription with the token; its first message will have the sequence number.
+  // The peer has accepted the subscription with the token, which counts as long as it is the one that is wanted; its
+  // first message will have the sequence number.
   void Activate(std::uint32_t token, std::uint32_t nextSequence);
 
   // Whether a subscription is wanted and accepted.

@@ -78,7 +78,7 @@ void NatsRemoteSource::OnFrame(const std::shared_ptr<NatsRemoteSource>& self, By
     inbound.channel = wire::Take<std::uint32_t>(message);
   }
   const Bytes fragment = wire::TakeBytes(message, frame.size);
-  if (frame.total < frame.size || frame.total > kMessageMax) {
+  if (frame.total > kMessageMax) {
     throw Fault("a message has an impossible size");
   }
   if (frame.sequence != m_expected && !IsAhead(frame.sequence)) {
@@ -100,11 +100,11 @@ void NatsRemoteSource::OnFrame(const std::shared_ptr<NatsRemoteSource>& self, By
   }
 }
 
-// What has come of the message so far. With a fragment missing it never adds up, and the next message tells of the
-// loss.
+// What has come so far of the message that is expected next. With a fragment missing it never adds up, and the next
+// message tells of the loss.
 Bytes NatsRemoteSource::Assemble(const wire::Frame& frame, Bytes fragment) {
-  if (m_partial.total != frame.total || m_partial.sequence != frame.sequence) {
-    m_partial = {.sequence = frame.sequence, .total = frame.total, .bytes = {}};
+  if (m_partial.total != frame.total) {
+    m_partial = {.total = frame.total, .bytes = {}};
   }
   if (fragment.size() > m_partial.total - m_partial.bytes.size()) {
     throw Fault("the fragments of a message do not add up");

@@ -58,9 +58,8 @@ class NatsRemoteSource final : public RemoteSource {
  private:
   friend class SourceTable;
 
-  // A message of which some fragments have come.
+  // The message expected next, of which some fragments have come.
   struct Partial {
-    std::uint32_t sequence = 0;
     std::uint32_t total = 0;  // 0: there is none
     std::vector<std::byte> bytes;
   };
