@@ -28,11 +28,11 @@ constinit std::atomic<Call> g_call{Call::kNew};
 constinit std::atomic<int> g_error{0};
 constinit std::atomic<long> g_first{0};
 constinit std::atomic<bool> g_lasting{false};
-constinit std::array<std::atomic<long>, static_cast<std::size_t>(Call::kTimerCreate) + 1> g_counted{};
+constinit std::array<std::atomic<long>, static_cast<std::size_t>(Call::kNone)> g_counted{};
 constinit std::atomic<bool> g_failed{false};
 
 bool Fails(Call call) noexcept {
-  if (!g_armed.load() || !Doing::OfEngine()) {
+  if (call == Call::kNone || !g_armed.load() || !Doing::OfEngine()) {
     return false;
   }
   const long number = ++g_counted[static_cast<std::size_t>(call)];
@@ -46,10 +46,11 @@ bool Fails(Call call) noexcept {
 
 bool AllocationFails() noexcept { return Fails(Call::kNew); }
 
-// The function that the one of this program stands before.
-template <typename Function>
-Function* Next(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+// What a function does that takes the place of the C library's of that name: it fails, or calls that one.
+template <typename Result, typename... Arguments>
+Result FailOrCall(Call call, const char* name, Result failed, Arguments... arguments) {
+  auto* const real = reinterpret_cast<Result (*)(Arguments...)>(::dlsym(RTLD_NEXT, name));
+  return Fails(call) ? failed : real(arguments...);
 }
 
 }  // namespace
@@ -79,128 +80,99 @@ bool Failed() noexcept { return g_failed; }
 extern "C" {
 
 using sweep::Call;
-using sweep::Fails;
-using sweep::Next;
+using sweep::FailOrCall;
+using sweep::g_error;
 
 int accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
-  static auto* const real = Next<int(int, sockaddr*, socklen_t*, int)>("accept4");
-  return Fails(Call::kAccept) ? -1 : real(socket, address, size, flags);
+  return FailOrCall(Call::kAccept, __func__, -1, socket, address, size, flags);
 }
 
 int bind(int socket, const sockaddr* address, socklen_t size) noexcept {
-  static auto* const real = Next<int(int, const sockaddr*, socklen_t)>("bind");
-  return Fails(Call::kBind) ? -1 : real(socket, address, size);
+  return FailOrCall(Call::kBind, __func__, -1, socket, address, size);
 }
 
 int connect(int socket, const sockaddr* address, socklen_t size) {
-  static auto* const real = Next<int(int, const sockaddr*, socklen_t)>("connect");
-  return Fails(Call::kConnect) ? -1 : real(socket, address, size);
+  return FailOrCall(Call::kConnect, __func__, -1, socket, address, size);
 }
 
-int epoll_create1(int flags) noexcept {
-  static auto* const real = Next<int(int)>("epoll_create1");
-  return Fails(Call::kEpollCreate) ? -1 : real(flags);
-}
-
-int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-  static auto* const real = Next<int(int, int, int, epoll_event*)>("epoll_ctl");
-  return operation == EPOLL_CTL_ADD && Fails(Call::kEpollControl) ? -1 : real(epoll, operation, fd, event);
-}
+int epoll_create1(int flags) noexcept { return FailOrCall(Call::kEpollCreate, __func__, -1, flags); }
 
 int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
-  static auto* const real = Next<int(int, epoll_event*, int, int)>("epoll_wait");
-  return Fails(Call::kEpollWait) ? -1 : real(epoll, events, count, timeout);
+  return FailOrCall(Call::kEpollWait, __func__, -1, epoll, events, count, timeout);
 }
 
-int eventfd(unsigned value, int flags) noexcept {
-  static auto* const real = Next<int(unsigned, int)>("eventfd");
-  return Fails(Call::kEventfd) ? -1 : real(value, flags);
-}
+int eventfd(unsigned value, int flags) noexcept { return FailOrCall(Call::kEventfd, __func__, -1, value, flags); }
 
-DIR* fdopendir(int fd) {
-  static auto* const real = Next<DIR*(int)>("fdopendir");
-  return Fails(Call::kListDirectory) ? nullptr : real(fd);
-}
+DIR* fdopendir(int fd) { return FailOrCall(Call::kListDirectory, __func__, static_cast<DIR*>(nullptr), fd); }
 
 int linkat(int from, const char* name, int to, const char* newName, int flags) noexcept {
-  static auto* const real = Next<int(int, const char*, int, const char*, int)>("linkat");
-  return Fails(Call::kLinkat) ? -1 : real(from, name, to, newName, flags);
+  return FailOrCall(Call::kLinkat, __func__, -1, from, name, to, newName, flags);
 }
 
-int listen(int socket, int backlog) noexcept {
-  static auto* const real = Next<int(int, int)>("listen");
-  return Fails(Call::kListen) ? -1 : real(socket, backlog);
-}
+int listen(int socket, int backlog) noexcept { return FailOrCall(Call::kListen, __func__, -1, socket, backlog); }
 
 int memfd_create(const char* name, unsigned flags) noexcept {
-  static auto* const real = Next<int(const char*, unsigned)>("memfd_create");
-  return Fails(Call::kMemfdCreate) ? -1 : real(name, flags);
+  return FailOrCall(Call::kMemfdCreate, __func__, -1, name, flags);
 }
 
 int mkdirat(int directory, const char* name, mode_t mode) noexcept {
-  static auto* const real = Next<int(int, const char*, mode_t)>("mkdirat");
-  return Fails(Call::kMkdirat) ? -1 : real(directory, name, mode);
+  return FailOrCall(Call::kMkdirat, __func__, -1, directory, name, mode);
+}
+
+int poll(pollfd* entries, nfds_t count, int timeout) {
+  return FailOrCall(Call::kPoll, __func__, -1, entries, count, timeout);
+}
+
+int posix_fallocate(int fd, off_t offset, off_t length) {
+  return FailOrCall(Call::kPosixFallocate, __func__, g_error.load(), fd, offset, length);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*), void* data) noexcept {
+  return FailOrCall(Call::kPthreadCreate, __func__, g_error.load(), thread, attributes, function, data);
+}
+
+ssize_t recvmsg(int socket, msghdr* message, int flags) {
+  return FailOrCall(Call::kReceive, __func__, ssize_t{-1}, socket, message, flags);
+}
+
+int renameat(int from, const char* name, int to, const char* newName) noexcept {
+  return FailOrCall(Call::kRename, __func__, -1, from, name, to, newName);
+}
+
+ssize_t sendmsg(int socket, const msghdr* message, int flags) {
+  return FailOrCall(Call::kSend, __func__, ssize_t{-1}, socket, message, flags);
+}
+
+int socket(int domain, int type, int protocol) noexcept {
+  return FailOrCall(Call::kSocket, __func__, -1, domain, type, protocol);
+}
+
+int socketpair(int domain, int type, int protocol, int* ends) noexcept {
+  return FailOrCall(Call::kSocketpair, __func__, -1, domain, type, protocol, ends);
+}
+
+int timerfd_create(clockid_t clock, int flags) noexcept {
+  return FailOrCall(Call::kTimerCreate, __func__, -1, clock, flags);
+}
+
+int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
+  const Call call = operation == EPOLL_CTL_ADD ? Call::kEpollControl : Call::kNone;
+  return FailOrCall(call, __func__, -1, epoll, operation, fd, event);
 }
 
 #ifndef __SANITIZE_THREAD__  // whose run-time library maps memory before it can run this
 void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-  static auto* const real = Next<void*(void*, size_t, int, int, int, off_t)>("mmap");
-  return fd >= 0 && Fails(Call::kMmap) ? MAP_FAILED : real(address, size, protection, flags, fd, offset);
+  return FailOrCall(fd >= 0 ? Call::kMmap : Call::kNone, __func__, MAP_FAILED, address, size, protection, flags, fd,
+                    offset);
 }
 #endif
 
 int openat(int directory, const char* name, int flags, ...) {
-  static auto* const real = Next<int(int, const char*, int, mode_t)>("openat");
   std::va_list rest;
   va_start(rest, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
   va_end(rest);
-  return Fails(Call::kOpenat) ? -1 : real(directory, name, flags, mode);
-}
-
-int poll(pollfd* entries, nfds_t count, int timeout) {
-  static auto* const real = Next<int(pollfd*, nfds_t, int)>("poll");
-  return Fails(Call::kPoll) ? -1 : real(entries, count, timeout);
-}
-
-int posix_fallocate(int fd, off_t offset, off_t length) {
-  static auto* const real = Next<int(int, off_t, off_t)>("posix_fallocate");
-  return Fails(Call::kPosixFallocate) ? errno : real(fd, offset, length);
-}
-
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*), void* data) noexcept {
-  static auto* const real = Next<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
-  return Fails(Call::kPthreadCreate) ? errno : real(thread, attributes, function, data);
-}
-
-ssize_t recvmsg(int socket, msghdr* message, int flags) {
-  static auto* const real = Next<ssize_t(int, msghdr*, int)>("recvmsg");
-  return Fails(Call::kReceive) ? -1 : real(socket, message, flags);
-}
-
-int renameat(int from, const char* name, int to, const char* newName) noexcept {
-  static auto* const real = Next<int(int, const char*, int, const char*)>("renameat");
-  return Fails(Call::kRename) ? -1 : real(from, name, to, newName);
-}
-
-ssize_t sendmsg(int socket, const msghdr* message, int flags) {
-  static auto* const real = Next<ssize_t(int, const msghdr*, int)>("sendmsg");
-  return Fails(Call::kSend) ? -1 : real(socket, message, flags);
-}
-
-int socket(int domain, int type, int protocol) noexcept {
-  static auto* const real = Next<int(int, int, int)>("socket");
-  return Fails(Call::kSocket) ? -1 : real(domain, type, protocol);
-}
-
-int socketpair(int domain, int type, int protocol, int* ends) noexcept {
-  static auto* const real = Next<int(int, int, int, int*)>("socketpair");
-  return Fails(Call::kSocketpair) ? -1 : real(domain, type, protocol, ends);
-}
-
-int timerfd_create(clockid_t clock, int flags) noexcept {
-  static auto* const real = Next<int(clockid_t, int)>("timerfd_create");
-  return Fails(Call::kTimerCreate) ? -1 : real(clock, flags);
+  return FailOrCall(Call::kOpenat, __func__, -1, directory, name, flags, mode);
 }
 
 }  // extern "C"

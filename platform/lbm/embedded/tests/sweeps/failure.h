@@ -30,7 +30,8 @@ enum class Call {
   kSend,
   kSocket,
   kSocketpair,
-  kTimerCreate  // the last
+  kTimerCreate,
+  kNone  // the last: one that does not fail
 };
 
 struct Failure {

@@ -33,24 +33,6 @@ void MakesAContext(World& world) {
   world.Serve([&] { return source.subscribers == 1; });
 }
 
-void MakesASource(World& world) {
-  auto& first = world.NewContext();
-  world.NewReceiver(first, "T");
-  auto& second = world.NewContext();
-  world.Begin();
-  const auto& source = world.NewSource(second, "T");
-  world.Serve([&] { return source.subscribers == 1; });
-}
-
-void MakesAReceiver(World& world) {
-  auto& first = world.NewContext();
-  const auto& source = world.NewSource(first, "T");
-  auto& second = world.NewContext();
-  world.Begin();
-  world.NewReceiver(second, "T");
-  world.Serve([&] { return source.subscribers == 1; });
-}
-
 void MakesSeveralReceivers(World& world) {
   auto& first = world.NewContext();
   world.NewSource(first, "T");
@@ -63,19 +45,6 @@ void MakesSeveralReceivers(World& world) {
   world.NewReceiver(second, "U");
   world.NewReceiver(first, "U");  // itself
   world.Serve([&] { return source.subscribers == 2; });
-}
-
-void SendsMessages(World& world) {
-  auto& first = world.NewContext();
-  auto& source = world.NewSource(first, "T");
-  auto& second = world.NewContext();
-  const auto& receiver = world.NewReceiver(second, "T");
-  world.Serve([&] { return source.subscribers == 1; });
-  world.Begin();
-  for (int i = 0; i < 3; ++i) {
-    world.Send(source);
-    world.Serve([&] { return receiver.last == source.sent; });
-  }
 }
 
 void SendsALargeMessage(World& world) {
@@ -203,10 +172,7 @@ struct Scenario {
 };
 
 constexpr std::array kScenarios = {Scenario{"MakesAContext", MakesAContext},
-                                   Scenario{"MakesASource", MakesASource},
-                                   Scenario{"MakesAReceiver", MakesAReceiver},
                                    Scenario{"MakesSeveralReceivers", MakesSeveralReceivers},
-                                   Scenario{"SendsMessages", SendsMessages},
                                    Scenario{"SendsALargeMessage", SendsALargeMessage},
                                    Scenario{"AsksAndAnswers", AsksAndAnswers},
                                    Scenario{"UsesAQueue", UsesAQueue},

@@ -1,108 +1,31 @@
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/epoll.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 
-#include <array>
-#include <atomic>
 #include <cerrno>
 #include <memory>
 
 #include "../options/short_memory.h"
+#include "../sweeps/failure.h"
 #include "descriptor_limit.h"
 #include "holdings.h"
 #include "member.h"
 #include "transport/host/ring/shared_memory.h"
 
-namespace {
-
-enum class Call : std::uint8_t { kMemfdCreate, kPosixFallocate, kMap, kWatch, kMkdirat, kBind, kLinkat };
-
-constinit std::array<std::atomic<int>, 7> g_errors{};  // by the call; 0: not refused
-
-// While it lives, the call fails with the error on every thread, an interrupted one (EINTR) the first time only. One at
-// a time for each call.
-class Refusal {
- public:
-  Refusal(Call call, int error) : m_error(g_errors[static_cast<std::size_t>(call)]) { m_error = error; }
-  ~Refusal() { m_error = 0; }
-  Refusal(const Refusal&) = delete;
-  Refusal& operator=(const Refusal&) = delete;
-
- private:
-  std::atomic<int>& m_error;
-};
-
-bool IsRefused(Call call) {
-  auto& refusal = g_errors[static_cast<std::size_t>(call)];
-  const int error = refusal;
-  if (error == EINTR) {
-    refusal = 0;
-  }
-  if (error != 0) {
-    errno = error;
-  }
-  return error != 0;
-}
-
-// The function that the one of this program stands before.
-template <typename Function>
-Function* Next(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-// These take the place of the C library's for the engine, too.
-extern "C" {
-
-int memfd_create(const char* name, unsigned flags) noexcept {
-  static auto* const real = Next<int(const char*, unsigned)>("memfd_create");
-  return IsRefused(Call::kMemfdCreate) ? -1 : real(name, flags);
-}
-
-int posix_fallocate(int fd, off_t offset, off_t length) {
-  static auto* const real = Next<int(int, off_t, off_t)>("posix_fallocate");
-  return IsRefused(Call::kPosixFallocate) ? errno : real(fd, offset, length);
-}
-
-#ifndef __SANITIZE_THREAD__  // whose run-time library maps memory before it can run this
-void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
-  static auto* const real = Next<void*(void*, size_t, int, int, int, off_t)>("mmap");
-  return fd >= 0 && IsRefused(Call::kMap) ? MAP_FAILED : real(address, size, protection, flags, fd, offset);
-}
-#endif
-
-int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-  static auto* const real = Next<int(int, int, int, epoll_event*)>("epoll_ctl");
-  return operation == EPOLL_CTL_ADD && IsRefused(Call::kWatch) ? -1 : real(epoll, operation, fd, event);
-}
-
-int mkdirat(int directory, const char* name, mode_t mode) noexcept {
-  static auto* const real = Next<int(int, const char*, mode_t)>("mkdirat");
-  return IsRefused(Call::kMkdirat) ? -1 : real(directory, name, mode);
-}
-
-int linkat(int from, const char* name, int to, const char* newName, int flags) noexcept {
-  static auto* const real = Next<int(int, const char*, int, const char*, int)>("linkat");
-  return IsRefused(Call::kLinkat) ? -1 : real(from, name, to, newName, flags);
-}
-
-int bind(int socket, const sockaddr* address, socklen_t size) noexcept {
-  static auto* const real = Next<int(int, const sockaddr*, socklen_t)>("bind");
-  return IsRefused(Call::kBind) ? -1 : real(socket, address, size);
-}
-
-}  // extern "C"
-
 namespace engine::transport::host {
 namespace {
 
+using sweep::Call;
 using testing::ElementsAre;
 using testing::HasSubstr;
+
+// While it lives, the call fails with the error on every thread, an interrupted one (EINTR) the first time only. One at
+// a time.
+class Refusal {
+ public:
+  Refusal(Call call, int error) { sweep::Arm({call, error, ""}, 1, error != EINTR); }
+  ~Refusal() { sweep::Disarm(); }
+  Refusal(const Refusal&) = delete;
+  Refusal& operator=(const Refusal&) = delete;
+};
 
 struct Refused {
   Call call;
@@ -114,7 +37,7 @@ void PrintTo(const Refused& refused, std::ostream* out) { *out << static_cast<in
 
 const Refused kNoDescriptor{Call::kMemfdCreate, EMFILE, "ulimit -n"};
 const Refused kNoMemory{Call::kPosixFallocate, ENOSPC, "free memory"};
-const Refused kNoWatch{Call::kWatch, ENOSPC, "max_user_watches"};
+const Refused kNoWatch{Call::kEpollControl, ENOSPC, "max_user_watches"};
 
 // A publisher with one subscriber whom nothing may touch, and a context that has come but was not taken in yet.
 class RefusingSystem : public testing::TestWithParam<Refused> {
@@ -199,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Reasons, Ring, testing::Values(kNoDescriptor, kNoMemory
 
 TEST_F(RefusingSystem, ALinkThatCannotBeWatchedIsTriedAgain) {
   {
-    const Refusal refusal(Call::kWatch, ENOSPC);
+    const Refusal refusal(Call::kEpollControl, ENOSPC);
     DrainTwoAttempts();
   }
   EXPECT_THAT(m_source.Notices(), ElementsAre(HasSubstr("max_user_watches")));
@@ -238,7 +161,7 @@ TEST_F(RefusingSystem, WhoCannotReceiveARingForLongLooksForItLessAndLess) {
   while (std::count(m_late->events.begin(), m_late->events.end(), "down T") < kTimes) {
     ASSERT_LT(Clock::now() - begin, std::chrono::seconds(60));
     m_source.Drain();
-    const Refusal refusal(Call::kMap, ENOMEM);
+    const Refusal refusal(Call::kMmap, ENOMEM);
     m_late->Drain();
   }
   EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50 + 100 + 200));
