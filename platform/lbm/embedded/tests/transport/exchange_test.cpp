@@ -86,6 +86,20 @@ TEST_F(Exchange, WithdrawingEndsASourceAfterItsMessages) {
   EXPECT_TRUE(b.Notices().empty());
 }
 
+// Also where a subscriber keeps his subscriptions to them.
+TEST_F(Exchange, SourcesThatWereWithdrawnAreForgotten) {
+  Member a(SettingsIn(m_directory), false);
+  Member b(SettingsIn(m_directory));
+  std::vector<std::weak_ptr<Publication>> withdrawn;
+  for (int round = 0; round < 500; ++round) {
+    const auto publication = a.transport->Advertise({"T", Pacing::kSource});
+    Settle({&a, &b});
+    a.transport->Withdraw(*publication);
+    withdrawn.push_back(publication);
+  }
+  EXPECT_LT(std::count_if(withdrawn.begin(), withdrawn.end(), [](const auto& one) { return !one.expired(); }), 200);
+}
+
 TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {
   Member a(SettingsIn(m_directory));
   Member b(SettingsIn(m_directory));

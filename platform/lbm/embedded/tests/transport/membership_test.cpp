@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <random>
-#include <thread>
 
 #include "descriptor_limit.h"
 #include "flood.h"
@@ -187,39 +186,6 @@ TEST_F(Membership, AnotherUserIsRefusedBeforeAWord) {
   Settle({&a});
   EXPECT_EQ(caller.BytesUntilHangUp(), 0U);
   EXPECT_THAT(a.Notices(), ElementsAre(HasSubstr("another user")));
-}
-
-TEST_F(Membership, AHundredContextsThatJoinAtTheSameTimeFindEachOther) {
-  constexpr std::size_t kThreads = 8;  // the first context of each subscribes
-  const std::size_t contexts = RaiseDescriptorLimit() < 11'000 ? kThreads : 100;
-  HostSettings settings = SettingsIn(m_directory);
-  settings.ringBytes = kRingBytesMin;
-  std::vector<std::unique_ptr<Member>> members(contexts);
-  std::vector<std::shared_ptr<Publication>> publications(contexts);
-  std::vector<std::jthread> threads;
-  for (std::size_t thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (std::size_t i = thread; i < contexts; i += kThreads) {
-        members[i] = std::make_unique<Member>(settings, i == thread);
-        publications[i] = members[i]->transport->Advertise({std::to_string(i), Pacing::kSource});
-      }
-    });
-  }
-  threads.clear();  // joins them
-  std::vector<Witness*> all;
-  all.reserve(members.size());
-  for (const auto& member : members) {
-    all.push_back(member.get());
-  }
-  Settle(all);
-  for (std::size_t i = 0; i < contexts; ++i) {
-    EXPECT_EQ(members[i]->sources.size(), contexts);
-    Publish(*members[i]->transport, *publications[i], "hello");
-  }
-  Settle(all);
-  for (std::size_t i = 0; i < contexts; ++i) {
-    EXPECT_EQ(members[i]->messages, i < kThreads ? contexts : 0);
-  }
 }
 
 TEST_F(Membership, ALateJoinerLearnsOfThousandsOfSources) {

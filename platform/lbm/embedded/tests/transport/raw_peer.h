@@ -1,6 +1,7 @@
 // A process that found a context's socket and speaks to it without the engine.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "transport/host/ring/parking_word.h"
@@ -27,15 +29,21 @@ struct RawPacket {
   msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
 };
 
+// Calls connect or bind with the address of the file.
+template <typename Call>
+bool AtAddress(Call call, const zq::posix::Descriptor& socket, const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return call(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
 class RawPeer {
  public:
   explicit RawPeer(const std::string& path)
-      : m_socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    m_connected = ::connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-  }
+      : m_socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
+        m_connected(AtAddress(::connect, m_socket, path)) {}
+  explicit RawPeer(zq::posix::Descriptor socket) : m_socket(std::move(socket)), m_connected(m_socket.Get() >= 0) {}
 
   bool Connected() const { return m_connected; }
 
@@ -92,6 +100,21 @@ class RawPeer {
  private:
   zq::posix::Descriptor m_socket;
   bool m_connected = false;
+};
+
+// Takes the calls of contexts that believe the file to be the socket of another one.
+class RawListener {
+ public:
+  explicit RawListener(const std::string& path, int type = SOCK_SEQPACKET)
+      : m_socket(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    EXPECT_TRUE(AtAddress(::bind, m_socket, path) && ::listen(m_socket.Get(), 1) == 0) << path;
+  }
+  RawPeer Accept() const {
+    return RawPeer(zq::posix::Descriptor(::accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
+  }
+
+ private:
+  zq::posix::Descriptor m_socket;
 };
 
 // A ring in which such a process writes what it likes.

@@ -120,6 +120,15 @@ TEST_F(RuntimeDirectory, TakesNobodyForDeadWhereThereIsNoProc) {
   EXPECT_EQ(status, 0);
 }
 
+TEST_F(RuntimeDirectory, WhoIsOutOfSightIsNotTakenForDead) {
+  constexpr const char* kUnseen = "2000000000-a";  // no process has such a number here
+  Rendezvous unseen(m_scratch.Path(), "test", kUnseen);
+  unseen.Join();
+  Rendezvous seen(m_scratch.Path(), "test", std::to_string(::getpid()) + "-b");
+  seen.Join();
+  EXPECT_THAT(seen.Others(), testing::ElementsAre(kUnseen));
+}
+
 TEST_F(RuntimeDirectory, FollowsTheEnvironment) {
   const auto with = [](const char* own, const char* session) {
     ::setenv("LBM_RUNTIME_DIR", own, 1);

@@ -67,6 +67,9 @@ class Witness : public Listener {
       sequences.push_back(first + i);
     }
     Hear("loss " + source.Topic());
+    if (onLoss) {
+      onLoss(source);
+    }
   }
   void OnResponse(std::uint64_t requestId, const std::string& responder, std::span<const std::byte> payload) override {
     Hear("response " + std::to_string(requestId) + " of " + responder + ": " + TextOf(payload));
@@ -91,6 +94,7 @@ class Witness : public Listener {
   std::size_t lost = 0;
   std::size_t longestLoss = 0;
   std::function<void(RemoteSource&, InboundMessage&)> onMessage;
+  std::function<void(RemoteSource&)> onLoss;
 
  private:
   static constexpr std::uint32_t kLossesNoted = 1'000'000;  // a faulty peer may tell of billions
