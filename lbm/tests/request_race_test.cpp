@@ -9,7 +9,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -125,60 +124,6 @@ TEST_F(RequestRaceTest, ARequestMadeInTheInstantOfItsSourceIsAnsweredWheneverThe
   other.join();
   server.reset();
   EXPECT_EQ(answered, kRounds);
-}
-
-TEST_F(RequestRaceTest, AServerThatComesAfterASilentOneAnswers) {
-  auto silent = Listen(*m_servers, "PRICES", {});
-  Outcomes outcomes;
-  RequestSource requests(*m_clients, TopicToSend(*m_clients, "PRICES"));
-  const auto request = requests.Ask("ask", kByEventsOnly, Content, outcomes.Callback());
-  silent.reset();
-  const auto server = Listen(*m_servers, "PRICES", {"answer"});
-  EXPECT_EQ(outcomes.Await(1), std::vector{RequestOutcome::kAnswered});
-}
-
-TEST_F(RequestRaceTest, SilenceIsTimedOutAndAbsenceIsNobodyListened) {
-  for (const bool isThere : {false, true}) {
-    std::unique_ptr<Receiver> silent = isThere ? Listen(*m_servers, "PRICES", {}) : nullptr;
-    Outcomes outcomes;
-    Outcomes listeners;
-    RequestSource requests(*m_clients, TopicToSend(*m_clients, "PRICES"),
-                           [come = listeners.Callback()](std::size_t) { come({}); });
-    listeners.Await(isThere ? 1 : 0);
-    EXPECT_EQ(requests.Listeners(), isThere ? 1U : 0U);
-    const auto request = requests.Ask("ask", {milliseconds(20), milliseconds(3)}, Content, outcomes.Callback());
-    EXPECT_EQ(outcomes.Await(1), std::vector{isThere ? RequestOutcome::kTimedOut : RequestOutcome::kNobodyListened});
-  }
-}
-
-TEST_F(RequestRaceTest, EveryResponseOfEveryServerIsTakenOnAnEventQueue) {
-  const auto one = Listen(*m_servers, "PRICES", {"1", "2"});
-  Context more{ContextAttributes()};
-  const auto other = Listen(more, "PRICES", {"3", "4"});
-  EventQueue queue{EventQueueAttributes()};
-  std::multiset<std::string> responses;
-  {
-    RequestSource requests(
-        *m_clients, TopicToSend(*m_clients, "PRICES"),
-        [&](std::size_t count) {
-          if (count == 2) {
-            queue.Unblock();
-          }
-        },
-        &queue);
-    queue.Run();
-    const auto request = requests.Ask(
-        "ask", kByEventsOnly,
-        [&](const Message& message) {
-          responses.emplace(message.Data(), message.Length());
-          return responses.size() == 4 ? Answer::kComplete : Answer::kPartial;
-        },
-        [&](RequestOutcome) { queue.Unblock(); });
-    queue.Run();
-    EXPECT_FALSE(request.IsOpen());
-    queue.Poll();
-  }
-  EXPECT_EQ(responses, (std::multiset<std::string>{"1", "2", "3", "4"}));
 }
 
 // Threads ask and cancel while answers and time-outs come; now and then a source goes with requests that are open.

@@ -31,6 +31,17 @@ class Member : public Witness {
 
 class Combined : public testing::Test {
  protected:
+  // A source of the first context to which all three have subscribed.
+  std::shared_ptr<Publication> Advertise(Pacing pacing) {
+    const auto publication = m_a.transport->Advertise({"T", pacing});
+    DrainUntil(m_all, "all three subscriptions", [&] { return EventsThatBegin("joined") == 3; });
+    return publication;
+  }
+  std::size_t EventsThatBegin(const char* text) const {
+    return static_cast<std::size_t>(std::count_if(m_a.events.begin(), m_a.events.end(),
+                                                  [=](const auto& event) { return event.starts_with(text); }));
+  }
+
   const test_support::NatsServer m_server;
   const host::ScratchDirectory m_here{};
   const host::ScratchDirectory m_there{};
@@ -41,11 +52,7 @@ class Combined : public testing::Test {
 };
 
 TEST_F(Combined, EachSourceIsSeenOnceAndItsMessagesArriveOnceOnBothWays) {
-  const auto publication = m_a.transport->Advertise({"T", Pacing::kSource});
-  DrainUntil(m_all, "all three subscriptions", [&] {
-    return std::count_if(m_a.events.begin(), m_a.events.end(),
-                         [](const auto& event) { return event.starts_with("joined"); }) == 3;
-  });
+  const auto publication = Advertise(Pacing::kSource);
   EXPECT_EQ(m_near.sources.at("T")->Session(), publication->Session());
   EXPECT_EQ(m_far.sources.at("T")->Session(), publication->Session());
   std::size_t answered = 0;
@@ -65,11 +72,7 @@ TEST_F(Combined, EachSourceIsSeenOnceAndItsMessagesArriveOnceOnBothWays) {
   }
   DrainUntil(m_all, "all messages",
              [&] { return m_a.messages == kMessages && m_near.messages == kMessages && m_far.messages == kMessages; });
-  DrainUntil(m_all, "all responses", [&] {
-    return std::count_if(m_a.events.begin(), m_a.events.end(), [](const auto& e) {
-             return e.starts_with("response");
-           }) == static_cast<std::ptrdiff_t>(answered);
-  });
+  DrainUntil(m_all, "all responses", [&] { return EventsThatBegin("response") == answered; });
   EXPECT_EQ(answered, 2 * kMessages);
   m_a.transport->Withdraw(*publication);
   DrainUntil(m_all, "the end", [&] { return m_a.Heard("down T") && m_near.Heard("down T") && m_far.Heard("down T"); });
@@ -80,11 +83,7 @@ TEST_F(Combined, EachSourceIsSeenOnceAndItsMessagesArriveOnceOnBothWays) {
 }
 
 TEST_F(Combined, ASendThatEitherWayCannotTakeGoesNeither) {
-  const auto publication = m_a.transport->Advertise({"T", Pacing::kReceiver});
-  DrainUntil(m_all, "all three subscriptions", [&] {
-    return std::count_if(m_a.events.begin(), m_a.events.end(),
-                         [](const auto& event) { return event.starts_with("joined"); }) == 3;
-  });
+  const auto publication = Advertise(Pacing::kReceiver);
   std::size_t sent = 0;
   for (int round = 0; round < 3; ++round) {
     while (Publish(*m_a.transport, *publication, std::string(10'000, 'x')) == SendResult::kSent) {
@@ -99,11 +98,7 @@ TEST_F(Combined, ASendThatEitherWayCannotTakeGoesNeither) {
 }
 
 TEST_F(Combined, ASendFromInsideADrainNeverWaitsAndOneFromOutsideLooksForRoomItself) {
-  const auto publication = m_a.transport->Advertise({"T", Pacing::kReceiver});
-  DrainUntil(m_all, "all three subscriptions", [&] {
-    return std::count_if(m_a.events.begin(), m_a.events.end(),
-                         [](const auto& event) { return event.starts_with("joined"); }) == 3;
-  });
+  const auto publication = Advertise(Pacing::kReceiver);
   const std::string payload(10'000, 'x');
   std::size_t sent = 0;
   bool refused = false;
