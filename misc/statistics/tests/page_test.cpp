@@ -202,7 +202,18 @@ TEST_F(PageTest, GrowsNoFileBeyondTheLimitThatWouldEndTheProcess) {
 TEST_F(PageTest, NothingIsLostWhereNoFileCanBe) {
   const std::ofstream file(m_directory.Path() / "file");
   statistics::Page hidden({.directory = m_directory.Path() / "file"});
-  EXPECT_THAT(hidden.Fault(), testing::HasSubstr("must be a directory that belongs to the process's user"));
+  const auto refused = testing::HasSubstr("must be a directory that belongs to the process's user");
+  EXPECT_THAT(hidden.Fault(), refused);
+  const std::string open = m_directory.Path() / "open";
+  for (const char* const fault : {"others may write to it", "it belongs to another user"}) {
+    std::filesystem::create_directory(open);
+    ASSERT_EQ(0, ::chmod(open.c_str(), *fault == 'o' ? 0777 : 0700));
+    if (*fault == 'i' && ::chown(open.c_str(), 12345, 12345) != 0) {
+      continue;  // takes the rights of the superuser
+    }
+    EXPECT_THAT(statistics::Page({.directory = open}).Fault(), refused) << fault;
+    std::filesystem::remove_all(open);
+  }
   statistics::Row row(hidden, kThing, {"a", "b"});
   row.Add(kMessages);
   EXPECT_EQ(1U, hidden.Take().Of("thing")[1]->values[kMessages].Count());
@@ -231,6 +242,14 @@ TEST_F(PageTest, IsRemovedWithItsWriterOrByTheNextOne) {
     EXPECT_THAT(lives(), ElementsAre(true, true)) << "of one process";
   }
   EXPECT_THAT(lives(), ElementsAre(true));
+}
+
+TEST_F(PageTest, NothingButAFileIsListedAsAPage) {
+  const std::filesystem::path directory = std::filesystem::path(m_page->Path()).parent_path();
+  ASSERT_EQ(0, ::mkfifo((directory / "pipe.1.page").c_str(), 0600));
+  std::filesystem::create_symlink(m_page->Path(), directory / "link.1.page");
+  std::filesystem::create_directory(directory / "directory.1.page");
+  EXPECT_THAT(statistics::ListPages(directory), SizeIs(1));
 }
 
 TEST(ProcessPage, IsNotWrittenByAForkedChild) {

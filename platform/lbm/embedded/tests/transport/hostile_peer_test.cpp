@@ -85,11 +85,14 @@ TEST_F(HostilePeer, SayingNothingHarmsNobody) {
 
 TEST_F(HostilePeer, AnotherProtocolOrVersionIsCutOffWithANotice) {
   const std::string longName(kNameMax + 1, 'n');
+  FrameBytes cutHello = wire::EncodeHello({9, 2, "raw"});
+  cutHello.pop_back();
   for (const auto& [hello, text] :
        {std::pair(FrameOf(wire::Hello{.magic = 1}), "does not speak this engine's protocol"),
         {FrameOf(wire::Hello{.type = wire::Type::kWant}), "does not speak this engine's protocol"},
         {FrameOf(wire::Hello{.version = wire::kVersion + 1}), "run the same release"},
         {Longer(wire::EncodeHello({9, 2, "raw"}), 1), "longer than its type"},
+        {cutHello, "runs past the end"},
         {wire::EncodeHello({9, 2, longName}), "runs past the end"}}) {
     const RawPeer peer(m_address);
     peer.Send(hello);
@@ -114,7 +117,7 @@ TEST_F(HostilePeer, FramesThatMakeNoSenseEndTheLink) {
       {FrameOf(kSubscription)},                                    // without a parking word
       {Response(1, 10, 0)},                                        // a fragment of nothing
       {Response(1, 10, 6), Response(1, 10, 6)},                    // more than the whole
-      {Response(1, 10, 6), Response(2, 10, 6)},                    // one inside another
+      {Response(1, 10, 6), Response(2, 10, 4)},                    // one inside another
       {Response(1, kMessageMax + 1, 1)},                           // a response beyond the bound
       {Longer(FrameOf(wire::Type::kDoorbell), wire::kPacketMax)},  // a packet beyond the bound
       {FrameOf(wire::Type::kRing)},                                // without a descriptor
@@ -159,12 +162,13 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   const zq::posix::Descriptor ring = memory(control + kRingBytesMin, true);
   const zq::posix::Descriptor unsealed = memory(control + kRingBytesMin, false);
   const zq::posix::Descriptor odd = memory(control + kRingBytesMin + 8, true);
+  const zq::posix::Descriptor half = memory(control + kRingBytesMin / 2, true);
   const zq::posix::Descriptor small = memory(control, true);
   const zq::posix::Descriptor huge(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   ASSERT_EQ(::ftruncate(huge.Get(), static_cast<off_t>(control + 2 * kRingBytesMax)), 0);
   Seal(huge, Sealing::kSize);
   const zq::posix::Descriptor empty = memory(1, true);
-  for (const zq::posix::Descriptor* wrong : {&plainFile, &unsealed, &odd, &small, &empty, &huge}) {
+  for (const zq::posix::Descriptor* wrong : {&plainFile, &unsealed, &odd, &half, &small, &empty, &huge}) {
     expectCutOff({{wire::Type::kRing, wrong}});
   }
   expectCutOff({{wire::Type::kRing, &ring}, {wire::Type::kRing, &ring}});
@@ -242,7 +246,7 @@ TEST_F(HostilePeer, RingsThatMakeNoSenseEndTheLink) {
         ring.PutHeader({0xffffffff, kRingPadding});
       },  // padding of any length
       [](RawRing& ring) {
-        ring.PutHeader({8, kRingNothing});
+        ring.PutHeader({8, 0});
       },  // nothing, but of some length: it would keep the context from parking
   };
   for (std::size_t i = 0; i < scribbles.size(); ++i) {

@@ -79,7 +79,7 @@ inline void AnnotateLook() noexcept {}
 
 struct RingFrameHeader {
   std::uint32_t size = 0;  // bytes of the content
-  std::uint32_t tag = 0;   // the frame's type, or one of those below
+  std::uint32_t tag = 0;   // the frame's type, or kRingPadding
 
   // Bytes that a frame with so many bytes of content takes up in a ring.
   static constexpr std::uint64_t kAlignment = 8;
@@ -87,7 +87,6 @@ struct RingFrameHeader {
     return (sizeof(RingFrameHeader) + size + kAlignment - 1) & ~(kAlignment - 1);
   }
 };
-inline constexpr std::uint32_t kRingNothing = 0;  // no frame yet
 inline constexpr std::uint32_t kRingPadding = ~std::uint32_t{0};
 
 // What both ends have in common: the ring's bytes, and the position of a cursor among them.
@@ -268,9 +267,6 @@ class RingConsumer : public RingEnd<Cursor> {
       const std::uint64_t footprint = RingFrameHeader::Footprint(header.size);
       if (footprint > this->Capacity() - position) {
         throw Fault("a frame in a ring runs past the end");
-      }
-      if (header.tag == kRingNothing) {
-        throw Fault("a frame in a ring is none and has a length");
       }
       m_next = static_cast<Cursor>(m_next + footprint);
       if (header.tag != kRingPadding) {
