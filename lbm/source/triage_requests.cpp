@@ -22,7 +22,7 @@ using zq::messaging::triage::TriageTestRequest;
 using zq::messaging::triage::UpperCase;
 
 bool IsComplete(const Wire& wire) {
-  return wire.has_header() && wire.header().has_msg_type() && wire.payload_size() > 0;
+  return wire.header().has_msg_type() && wire.payload_size() > 0;
 }
 
 // Counts a request when it has been dealt with.

@@ -309,11 +309,10 @@ void Dispatcher::RunLast() noexcept {
   }
 }
 
-// Tasks and timers may own what owns this dispatcher: they must not wait for its end.
+// Tasks may own what owns this dispatcher: they must not wait for its end.
 void Dispatcher::Forget() noexcept {
   m_tasks.Close();
   m_taken.Clear();
-  m_timers.Clear();
 }
 
 void Dispatcher::Vacate() noexcept {

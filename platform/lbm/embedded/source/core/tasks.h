@@ -102,9 +102,6 @@ class Timers {
 
   std::optional<Clock::time_point> NextDue() const;
 
-  // Drops what is not due yet.
-  void Clear() { m_timers.clear(); }
-
   // After which what failed is tried again.
   static constexpr std::chrono::milliseconds kRetryDelay{50};
 

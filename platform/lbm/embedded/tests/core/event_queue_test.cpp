@@ -93,5 +93,14 @@ TEST_F(EventQueueShutdown, WakesTheOneThreadThatMayDispatch) {
   m_queue.Shutdown();
 }
 
+TEST(TaskQueue, DropsWhatIsThereWhenItIsClosedAndTakesNothingMore) {
+  const auto held = std::make_shared<int>();
+  TaskQueue queue;
+  queue.Post(MakeTask([held] {}));
+  queue.Close();
+  queue.Post(MakeTask([held] {}));
+  EXPECT_EQ(held.use_count(), 1);
+}
+
 }  // namespace
 }  // namespace engine::core

@@ -180,6 +180,7 @@ TEST_F(HostileContext, ResponsesAreWholeOrNotGiven) {
   SayToInbox(Response(2, 10, 5, "other"));
   SayToInbox(Response(3, 15, 0, "first"));
   SayToInbox(Response(3, 15, 10, "third"));
+  SayToInbox(Response(3, 15, 10, "third"));
   SayToInbox(Response(4, 10, 5, "later", kInstance + 1));
   EXPECT_THAT(Heard(), ElementsAre());
   SayToInbox(Response(5, 10, 0, "first"));
@@ -241,10 +242,52 @@ TEST_F(HostileContext, ASubscriptionHearsNothingOfTheOnesBefore) {
   AwaitSubscription();
   SayToInbox(Acceptance(5, before));
   SayToInbox(Acceptance(5, m_token));
-  SayToInbox(Acceptance(7, m_token));  // it had forgotten the subscription meanwhile
-  SayData({{7, 10, "aaaaa"}});
-  SayData({{7, 10, "bbbbb"}});
-  EXPECT_THAT(Heard(), ElementsAre("loss PLAYED", "PLAYED: aaaaabbbbb"));
+  SayData({{5, 10, "aaaaa"}});
+  SayData({{5, 10, "bbbbb"}});
+  EXPECT_THAT(Heard(), ElementsAre("PLAYED: aaaaabbbbb"));
+  SayToInbox(Acceptance(9, m_token));  // it had forgotten the subscription meanwhile
+  EXPECT_THAT(Heard(), ElementsAre("loss PLAYED"));
+  m_member.onMessage = [&](RemoteSource& source, InboundMessage&) { m_member.transport->Unsubscribe(source); };
+  SayData({{9, 3, "one"}, {20, 3, "two"}});
+  EXPECT_THAT(Heard(), ElementsAre("PLAYED: one"));
+}
+
+TEST_F(HostileContext, SourcesThatNobodyWatchesAreNotHeardOf) {
+  Member watcher(Patient(m_server.Url()), true, false);
+  watcher.transport->Watch("OWN");
+  DrainUntil({&m_member, &watcher}, "what is watched", [&] { return watcher.Heard("up OWN"); });
+  watcher.transport->Watch("LAST");
+  for (const char* const topic : {"PLAYED", "LAST"}) {
+    Say(m_subjects.Inbox(InstanceOf(watcher)),
+        Announcement(topic, {.kind = wire::Kind::kAnnounce, .instance = kInstance + m_lasts++}));
+  }
+  DrainUntil({&watcher}, "the last message", [&] { return watcher.Heard("up LAST"); });
+  EXPECT_FALSE(watcher.Heard("up PLAYED"));
+}
+
+TEST_F(HostileContext, WhoClaimsToHaveConsumedWhatWasNeverSentHoldsTheSourceUpAllTheSame) {
+  const auto paced = m_member.transport->Advertise({"PACED", Pacing::kReceiver});
+  DrainUntil({&m_member}, "its own subscription", [&] { return m_member.events.size() == 2; });
+  auto interest = wire::Begin(wire::Kind::kInterest, kInstance);
+  wire::AppendValue(interest, wire::Interest{.nameLength = 6, .count = 3});
+  wire::Append(interest, "played");
+  for (const wire::Subscription& subscription :
+       {wire::Subscription{.source = 77, .token = 1}, wire::Subscription{.source = paced->Id(), .token = 1},
+        wire::Subscription{.source = paced->Id(), .token = 1, .position = std::uint64_t{1} << 60, .accepted = 1}}) {
+    wire::AppendValue(interest, subscription);
+  }
+  SayToInbox(interest);
+  DrainUntil({&m_member}, "the subscription", [&] { return m_member.Heard("joined played"); });
+  const std::string payload(60'000, 'x');
+  std::size_t sent = 0;
+  for (int round = 0; round < 3; ++round) {
+    while (Publish(*m_member.transport, *paced, payload) == SendResult::kSent) {
+      ++sent;
+    }
+    DrainUntil({&m_member}, "its own messages", [&] { return m_member.messages == sent; });
+    Heard();
+  }
+  EXPECT_LE(sent, NatsSettings().windowBytes / payload.size() + 1);
 }
 
 }  // namespace

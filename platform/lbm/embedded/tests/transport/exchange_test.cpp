@@ -124,6 +124,13 @@ TEST_F(Exchange, RequestsAreAnsweredToTheRequesterAlone) {
   EXPECT_TRUE(a.Heard(response));
   EXPECT_TRUE(a.Heard("joined " + b.transport->Identity()))
       << "a subscriber without a name can be told by its response";
+  int taken = 0;
+  while (taken < 1000 && b.transport->Respond(*path, pieces, {}) == SendResult::kSent) {
+    ++taken;
+  }
+  EXPECT_LT(taken, 1000) << "they pile up where the requester does not read";
+  Settle({&a, &b});
+  EXPECT_EQ(b.transport->Respond(*path, pieces, {}), SendResult::kSent);
   a.transport->Close(std::chrono::milliseconds(0));
   Settle({&b});
   EXPECT_EQ(b.transport->Respond(*path, pieces, {true}), SendResult::kPeerGone);

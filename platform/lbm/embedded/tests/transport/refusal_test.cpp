@@ -109,6 +109,7 @@ TEST_P(Ring, ThatCannotBeMadeIsTriedAgainAndKeepsNobodyElse) {
   ExpectOtherIsServed();
   EXPECT_FALSE(m_late->Heard("T: still here"));
   ExpectLateIsServed();
+  EXPECT_EQ(std::count(m_source.events.begin(), m_source.events.end(), "joined late"), 1);
   EXPECT_TRUE(m_late->Heard("down U"));
   Publish(*m_source.transport, *third, "unwanted");
   Settle({m_late.get()});
