@@ -119,14 +119,6 @@ TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForIt) {
   }
 }
 
-TEST_F(ToolsTest, AServerThatWaitsForAClientCanBeStopped) {
-  Process server(Server({kStocks, "--wait-for-client"}), m_environment);
-  ASSERT_TRUE(server.WaitForOutput("prices of")) << server.Errors();
-  server.Signal(SIGINT);
-  EXPECT_EQ(server.Wait(), 0);
-  EXPECT_THAT(server.Output(), HasSubstr("sent 0 updates"));
-}
-
 TEST_F(ToolsTest, TheLiveViewGivesTheTerminalBack) {
   Process server(Server({kStocks, "--loop"}), m_environment);
   Process client(Client({"--instance=1:1:1:TEST"}), m_environment, Process::Terminal::kOutput);

@@ -104,22 +104,6 @@ TEST_F(TriageToolTest, AStoppedClientDoesNotAnswerUntilItIsContinued) {
   EXPECT_EQ(client->Wait(), 1) << "ended in order, without prices";
 }
 
-TEST_F(TriageToolTest, ToolsThatAskAtOnceAllGetTheirAnswersWhileProcessesComeAndGo) {
-  const auto steady = StartClient();
-  std::vector<std::unique_ptr<Process>> tools;
-  for (int round = 0; round < 4; ++round) {
-    const auto passing = StartClient({}, {"--seconds=0"});
-    tools.push_back(Triage({"test", "--expect=1", "--timeout=60"}));
-    tools.push_back(Triage({"nak-kill", "--context=zqnotify", "--enable", "--expect=1", "--timeout=60"}));
-    passing->Wait();
-    const auto killed = StartClient();
-  }
-  for (const auto& tool : tools) {
-    EndOf(*tool, 0);
-  }
-  EndOf(*Triage({"test", "--expect=1", "--timeout=60"}), 0);
-}
-
 TEST_F(TriageToolTest, ADryRunSendsNothingAndAWholeEnvironmentIsAddressedOnRequestOnly) {
   const auto client = StartClient({}, {"--log-level=info"});
   const Arguments everywhere{"nak-kill",           "--context=ALL", "--disable",
