@@ -3,7 +3,7 @@
 #   cmake -D BUILD=<build tree> -D SOURCE=<source tree> -D WORK=<scratch folder> -D VERSION=<x.y.z> -D LIBDIR=<lib>
 #         -D USER=consumer|pkg_config|subproject -D FLAGS=<flags of the compiler>
 #         [-D COMPILER=<of C++>] [-D C_COMPILER=<of C>] [-D STANDARD=<of C++>] [-D STATIC=ON] [-D HEADERS_IN_ONE=ON]
-#         [-D PROVIDER=<PRICE_CONNECTOR_LBM of a subproject>] [-D INSTALL=<PRICE_CONNECTOR_INSTALL of it>] -P run.cmake
+#         [-D PROVIDER=<PRICE_CONNECTOR_LBM of a subproject>] [-D INSTALL=ON] [-D UNITY=ON] -P run.cmake
 cmake_minimum_required(VERSION 3.25)
 
 # run(<command>...): stops the test with the command's output when it fails.
@@ -43,8 +43,11 @@ if(USER STREQUAL "subproject")
   file(COPY ${engine} DESTINATION ${library_prefix}/lib)
   file(CREATE_LINK libprice_connector_lbm_embedded.so ${library_prefix}/lib/liblbm.so SYMBOLIC)
   set(options -D CMAKE_PREFIX_PATH=${library_prefix} -D PRICE_CONNECTOR_SOURCE=${SOURCE} -D PROVIDER=${PROVIDER})
-  if(DEFINED INSTALL)
-    list(APPEND options -D PRICE_CONNECTOR_INSTALL=${INSTALL})
+  if(INSTALL)
+    list(APPEND options -D PRICE_CONNECTOR_INSTALL=ON)
+  endif()
+  if(UNITY)
+    list(APPEND options -D CMAKE_UNITY_BUILD=ON)
   endif()
   set(programs program)
 else()
