@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/tool.h"
+
 namespace cli {
 namespace {
 

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/manual.h"
 
 namespace cli {

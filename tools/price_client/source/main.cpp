@@ -1,7 +1,7 @@
 // price_client: receives from price-server instances and shows what arrives.
 
-#include "cli/command_line.h"
 #include "cli/signal_wait.h"
+#include "cli/tool.h"
 #include "client.h"
 #include "hint.h"
 #include "options.h"

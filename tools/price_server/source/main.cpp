@@ -8,8 +8,8 @@
 #include <stop_token>
 #include <thread>
 
-#include "cli/command_line.h"
 #include "cli/signals.h"
+#include "cli/tool.h"
 #include "event_loop.h"
 #include "feed/prices_file.h"
 #include "instance_lock.h"

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "call.h"
-#include "cli/command_line.h"
+#include "cli/tool.h"
 
 namespace price_stat {
 namespace {

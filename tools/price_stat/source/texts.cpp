@@ -5,9 +5,9 @@
 #include <array>
 #include <cmath>
 
-#include "cli/command_line.h"
 #include "cli/format.h"
 #include "cli/one_line.h"
+#include "cli/tool.h"
 
 namespace price_stat {
 namespace {

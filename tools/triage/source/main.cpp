@@ -7,9 +7,9 @@
 #include <iostream>
 #include <string>
 
-#include "cli/command_line.h"
 #include "cli/one_line.h"
 #include "cli/signal_wait.h"
+#include "cli/tool.h"
 #include "enquiry.h"
 #include "options.h"
 #include "report.h"

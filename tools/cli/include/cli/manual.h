@@ -2,11 +2,14 @@
 // from the definitions by which the command line is parsed.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
 #include "cli/exit_code.h"
+
+namespace CLI {
+class App;
+}
 
 namespace cli {
 

@@ -17,6 +17,7 @@
 #include "cli/command_line.h"
 #include "cli/one_line.h"
 #include "cli/signal_wait.h"
+#include "cli/tool.h"
 #include "json.h"
 #include "looks.h"
 #include "processes.h"
