@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "../options/short_memory.h"
 #include "holdings.h"
 #include "member.h"
 #include "raw_peer.h"
@@ -144,6 +145,31 @@ TEST_F(Introduced, HearOfEachSourceOnceThoughAllCallAllAtTheSameTime) {
     }
   }
   EXPECT_EQ(m_directory.Entries(), 0U);
+}
+
+// A context that is killed leaves its socket, but not always an entry that says what it had to do with others.
+TEST_F(Introduced, ForgetWhoDiedWithoutAWord) {
+  Member a = Context("a");
+  a.transport->Watch("T");
+  Settle({&a});
+  const std::string own = m_directory.Sockets().front();
+  constexpr int kDeaths = 4;
+  long held = 0;  // after the first death
+  for (int death = 0; death < kDeaths; ++death) {
+    std::string socket;
+    {
+      Member b = Context("b");
+      const auto publication = b.transport->Advertise({"T", Pacing::kSource});
+      Settle({&a, &b});
+      const auto sockets = m_directory.Sockets();
+      socket = sockets.front() == own ? sockets.back() : sockets.front();
+    }
+    std::ofstream{socket};
+    DrainUntil({&a}, "the end of the source", [&] { return a.Heard("down T"); });
+    a.events.clear();
+    held = death == 0 ? test::LiveAllocations() : held;
+  }
+  DrainUntil({&a}, "the names to be forgotten", [&] { return test::LiveAllocations() <= held; });
 }
 
 TEST_F(Introduced, OverManyTopics) {

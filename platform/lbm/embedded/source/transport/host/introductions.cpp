@@ -122,10 +122,9 @@ void Introductions::LookForLost() {
   for (auto lost = m_lost.begin(); lost != m_lost.end();) {
     if (lost->second.due > now) {
       ++lost;
-    } else if (!m_rendezvous.IsThere(lost->first)) {
+    } else if (!m_rendezvous.IsThere(lost->first) || !WriteAgain(lost->first)) {
       lost = m_lost.erase(lost);
     } else {
-      WriteAgain(lost->first);
       lost->second.due = kNever;
       lost->second.linked = now;
       ++lost;
@@ -140,8 +139,8 @@ void Introductions::LookForLost() {
   }
 }
 
-// What the two have to do with each other, by the directory.
-void Introductions::WriteAgain(const std::string& name) {
+// What the two have to do with each other, by the directory. False when that is nothing.
+bool Introductions::WriteAgain(const std::string& name) {
   const bool self = name == m_rendezvous.Name();
   Letter letter;
   for (const std::uint32_t id : m_publications.All()) {
@@ -159,11 +158,13 @@ void Introductions::WriteAgain(const std::string& name) {
       }
     }
   }
-  if ((m_watchesAll && !self) || !letter.offered.empty() || !letter.wanted.empty()) {
-    Letter& whole = m_letters[name];
-    whole.offered.insert(whole.offered.end(), letter.offered.begin(), letter.offered.end());
-    whole.wanted.insert(whole.wanted.end(), letter.wanted.begin(), letter.wanted.end());
+  if ((!m_watchesAll || self) && letter.offered.empty() && letter.wanted.empty()) {
+    return false;
   }
+  Letter& whole = m_letters[name];
+  whole.offered.insert(whole.offered.end(), letter.offered.begin(), letter.offered.end());
+  whole.wanted.insert(whole.wanted.end(), letter.wanted.begin(), letter.wanted.end());
+  return true;
 }
 
 std::vector<std::string> Introductions::WatchedTopics() const {

@@ -110,7 +110,7 @@ class Introductions {
   void Send(const Letter& letter, const std::shared_ptr<Link>& link);
   void NoteRefusal(const std::exception& error);
   void LookForLost();
-  void WriteAgain(const std::string& name);
+  bool WriteAgain(const std::string& name);
   std::vector<std::string> WatchedTopics() const;
 
   Rendezvous& m_rendezvous;
