@@ -64,6 +64,25 @@ class CallbackGate {
     const Scope* const m_outer;
   };
 
+  // While it lives, something that belongs to the context of the gate is called back on this thread, which dispatches
+  // an event queue. Callers look whether the gate is shut once they have made it, and who has shut the gate waits for
+  // all of them, whatever has been deleted meanwhile.
+  class Elsewhere {
+   public:
+    explicit Elsewhere(CallbackGate& gate) noexcept;
+    ~Elsewhere();
+    Elsewhere(const Elsewhere&) = delete;
+    Elsewhere& operator=(const Elsewhere&) = delete;
+
+   private:
+    friend class CallbackGate;
+
+    CallbackGate& m_gate;
+    const Elsewhere* const m_outer;
+  };
+  // Returns when none is left but those on the calling thread. For a gate that is shut.
+  void WaitForElsewhere() noexcept;
+
   // Runs the callback unless the callee is closed. Threads: inside a Scope.
   template <class Callback>
   void Call(const Callee& callee, Callback&& callback) {
@@ -115,11 +134,13 @@ class CallbackGate {
 
  private:
   static const Scope* Innermost() noexcept;
+  static const Elsewhere* InnermostElsewhere() noexcept;
   void WaitFor(Callee& callee) noexcept;
 
   const std::string_view m_identity;
   Atomic<const Callee*> m_running{nullptr};
   std::atomic<std::thread::id> m_thread{};
+  std::atomic<int> m_elsewhere{0};
   Atomic<int> m_waiters{0};
   Atomic<bool> m_shut{false};
   Atomic<bool> m_awaited{false};

@@ -139,6 +139,7 @@ void Context::Finish() noexcept {
   m_directory.Clear();
   m_requests.Clear();
   m_sources.Clear();
+  m_membership->Gate().WaitForElsewhere();
 }
 
 void Context::CreateReceiver(const Topic& topic, const Receiver::Callback& callback,

@@ -75,7 +75,7 @@ class Descriptors::Registration : public Target {
       const auto due = std::move(registration);
       due->m_queued.reset(static_cast<Queued*>(self.release()));
       due->Queue()->Gate().Call(*due, [&] {
-        due->Call();
+        due->CallFromQueue([&] { due->Call(); });
         due->m_owner.Rearm(*due);
       });
     }

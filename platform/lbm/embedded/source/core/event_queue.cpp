@@ -95,7 +95,7 @@ void EventQueue::RunTask(std::unique_ptr<Task> task) { task->Run(task); }
 // Returns the event's bytes.
 std::size_t EventQueue::RunEvent() {
   Entry entry = std::move(m_taken[m_done++]);
-  m_gate.Call(*entry.handler, [&entry] { entry.handler->Run(entry.event); });
+  m_gate.Call(*entry.handler, [&entry] { entry.handler->RunQueued(entry.event); });
   return entry.bytes;
 }
 

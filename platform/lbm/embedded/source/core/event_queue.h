@@ -29,6 +29,8 @@ class EventHandler : public Callee {
  public:
   // Makes the callback. Called through a CallbackGate.
   virtual void Run(Event& event) = 0;
+  // The same for the thread that dispatches the queue.
+  virtual void RunQueued(Event& event) { Run(event); }
 };
 
 // Somebody who has to know when a queue that was full has room. Threads: any.

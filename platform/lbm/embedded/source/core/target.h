@@ -51,10 +51,23 @@ class Target : public EventHandler, public std::enable_shared_from_this<Target> 
   const std::shared_ptr<EventQueue>& Queue() const noexcept { return m_queue; }
 
  protected:
+  // Inside a call through the queue's gate.
+  template <class Callback>
+  void CallFromQueue(Callback&& callback) {
+    const CallbackGate::Elsewhere elsewhere(m_gate);
+    if (!m_gate.Shut()) {
+      callback();
+    }
+  }
+
   Membership& GetMembership() const noexcept { return *m_membership; }
   CallbackGate& ContextGate() const noexcept { return m_gate; }
 
  private:
+  void RunQueued(Event& event) override {
+    CallFromQueue([&] { Run(event); });
+  }
+
   const std::shared_ptr<Membership> m_membership;
   CallbackGate& m_gate;  // the membership's
   const std::shared_ptr<EventQueue> m_queue;

@@ -136,6 +136,22 @@ TEST_F(Lifetime, DeletingAContextWaitsForItsReceiversCallbacksOnEventQueues) {
   }
 }
 
+TEST_F(Lifetime, DeletingAContextWaitsForACallbackThatHasDeletedItsReceiver) {
+  for (int i = 0; i < kDeletions; ++i) {
+    Stay stay;
+    QueuedReceiver receiver;
+    receiver.recorder.onEvent = [&](lbm_msg_t&) {
+      receiver.recorder.Stop();
+      stay();
+    };
+    const std::jthread dispatching([&] { receiver.queue.Poll(); });
+    stay.ExpectWaitOf([&] {
+      EXPECT_EQ(0, lbm_context_process_events(receiver.context, 0));  // takes the receiver out
+      receiver.context.Delete();
+    });
+  }
+}
+
 TEST_F(Lifetime, AContextMayBeDeletedInItsOwnCallback) {
   for (const bool sequential : {true, false}) {
     lbm_context_t* context = MakeContext({{"operational_mode", sequential ? "sequential" : "embedded"}});
