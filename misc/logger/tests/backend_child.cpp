@@ -62,6 +62,8 @@ int main(int argumentCount, char** arguments) {
     zq::logging::FlushLog();
     const pid_t child = ::fork();
     if (child == 0) {
+      ZQLOG(ZQLOG_CRITICAL, 0, "child");
+      zq::logging::FlushLog();
       std::exit(0);
     }
     ::waitpid(child, nullptr, 0);

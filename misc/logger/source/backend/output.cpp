@@ -14,6 +14,8 @@
 
 #include "backend/sinks.h"
 #include "backend/trouble.h"
+#include "zq/posix/file.h"
+#include "zq/posix/fork.h"
 #include "zq/posix/signals.h"
 
 namespace zq::logging {
@@ -75,7 +77,7 @@ Output::Output(std::size_t queueSize)
       m_file(std::make_shared<FileSink>()),
       m_syslog(std::make_shared<SyslogSink>()),
       m_flushes(std::make_shared<FlushCounter>()),
-      m_process(::getpid()) {
+      m_generation(zq::posix::Generation()) {
   const std::array<spdlog::sink_ptr, 4> sinks{m_console, m_file, m_syslog, m_flushes};
   m_direct = std::make_unique<spdlog::logger>(kLoggerName, sinks.begin(), sinks.end());
   m_direct->set_level(spdlog::level::trace);  // what is not wanted does not come here
@@ -113,7 +115,15 @@ bool Output::WhileQueueing(Action&& action) {
   return true;
 }
 
+// A child has a copy of the queue but no thread that writes, and of the locks of the sinks that thread may have held
+// some.
+bool Output::InChild() const noexcept { return zq::posix::Generation() != m_generation; }
+
 void Output::Write(std::string_view line, LogLevel level) {
+  if (InChild()) {
+    zq::posix::WriteAll(STDERR_FILENO, line);
+    return;
+  }
   const auto log = [line, rank = RankOf(level)](spdlog::logger& logger) {
     logger.log(rank, spdlog::string_view_t(line.data(), line.size()));
   };
@@ -124,6 +134,9 @@ void Output::Write(std::string_view line, LogLevel level) {
 }
 
 void Output::Flush() {
+  if (InChild()) {
+    return;
+  }
   std::uint64_t ticket = 0;
   const bool requested = WhileQueueing([&](spdlog::logger& logger) {
     ticket = m_flushes->Request();
@@ -137,19 +150,19 @@ void Output::Flush() {
 }
 
 void Output::Stop() {
-  m_stopping = true;
-  if (::getpid() == m_process) {
-    std::unique_lock gate(m_gate);
-    auto pool = std::exchange(m_pool, nullptr);
-    const auto queueing = std::exchange(m_queueing, nullptr);
-    gate.unlock();
-    if (pool == nullptr) {
-      m_drained.wait(false);
-      return;
-    }
-    pool.reset();
+  if (InChild()) {
+    return;  // the parent writes what is queued
   }
-  // A forked child has a copy of the queue but no thread to wait for; the parent writes what is queued.
+  m_stopping = true;
+  std::unique_lock gate(m_gate);
+  auto pool = std::exchange(m_pool, nullptr);
+  const auto queueing = std::exchange(m_queueing, nullptr);
+  gate.unlock();
+  if (pool == nullptr) {
+    m_drained.wait(false);
+    return;
+  }
+  pool.reset();
   m_drained = true;
   m_drained.notify_all();
 }

@@ -1,8 +1,6 @@
 // The way of a finished line to the sinks.
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <cstddef>
 #include <memory>
@@ -27,7 +25,8 @@ class SyslogSink;
 inline constexpr std::size_t kDefaultQueueSize = 8192;  // lines
 
 // Lines go through a bounded queue to one writing thread; after Stop, or without the thread when it cannot be started,
-// each goes straight to the sinks.
+// each goes straight to the sinks. In a child that fork made, lines go straight to standard error, and there is nothing
+// to wait for.
 //
 // Threads: all functions may be called from any thread at the same time.
 class Output {
@@ -53,6 +52,7 @@ class Output {
  private:
   class FlushCounter;
 
+  bool InChild() const noexcept;
   // Runs action with the queueing logger unless there is none any more; returns whether it ran.
   template <typename Action>
   bool WhileQueueing(Action&& action);
@@ -61,7 +61,7 @@ class Output {
   const std::shared_ptr<FileSink> m_file;
   const std::shared_ptr<SyslogSink> m_syslog;
   const std::shared_ptr<FlushCounter> m_flushes;
-  const pid_t m_process;
+  const unsigned m_generation;  // see zq::posix::Generation
   std::unique_ptr<spdlog::logger> m_direct;
 
   // Set first by Stop: without it, threads that keep entering the gate could keep Stop out for ever.

@@ -11,7 +11,8 @@
 // A statement waits when the queue to the writing thread is full; no line is dropped. What is queued is written before
 // the process ends through exit() or main's return. Statements made after that are written by their own threads. A
 // statement at ZQLOG_CRITICAL or above returns when it has been written; lower ones that are still queued are lost when
-// the process is killed or aborts. A forked child has no thread that writes: it must make no statement before it execs.
+// the process is killed or aborts. A forked child has no thread that writes: its statements go to standard error only,
+// by the thread that makes them.
 //
 // A log file that was moved or deleted is opened anew at its path; whether it was is looked at before a line, at most
 // once a second, so that up to a second's lines still go to the moved file. A rotated file is renamed to its path with
