@@ -4,9 +4,9 @@
 
 #include <functional>
 
-#include "holdings.h"
+#include "engine_testing/holdings.h"
+#include "engine_testing/raw_peer.h"
 #include "member.h"
-#include "raw_peer.h"
 
 namespace engine::transport::host {
 namespace {

@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "../options/short_memory.h"
-#include "holdings.h"
+#include "engine_testing/holdings.h"
+#include "engine_testing/raw_peer.h"
 #include "member.h"
-#include "raw_peer.h"
 #include "transport/host/link/rendezvous.h"
 
 namespace engine::transport::host {

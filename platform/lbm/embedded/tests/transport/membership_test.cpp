@@ -8,10 +8,10 @@
 #include <random>
 
 #include "descriptor_limit.h"
+#include "engine_testing/holdings.h"
+#include "engine_testing/raw_peer.h"
 #include "flood.h"
-#include "holdings.h"
 #include "member.h"
-#include "raw_peer.h"
 #include "test_support/pipe.h"
 
 namespace engine::transport::host {

@@ -6,7 +6,7 @@
 #include "../options/short_memory.h"
 #include "../sweeps/failure.h"
 #include "descriptor_limit.h"
-#include "holdings.h"
+#include "engine_testing/holdings.h"
 #include "member.h"
 #include "transport/host/ring/shared_memory.h"
 

@@ -120,12 +120,16 @@ class RawListener {
 // A ring in which such a process writes what it likes.
 class RawRing {
  public:
-  explicit RawRing(const RawPeer& peer) { peer.Send(wire::Type::kRing, m_created.memory.Get()); }
+  explicit RawRing(const RawPeer& peer, wire::Type type = wire::Type::kRing) {
+    peer.Send(type, m_created.memory.Get());
+  }
 
+  // When there is space.
   void Put(wire::Type type, Bytes content) {
-    std::byte* const to = m_producer.Reserve(content.size(), static_cast<std::uint32_t>(type));
-    std::copy(content.begin(), content.end(), to);
-    m_producer.Commit();
+    if (std::byte* const to = m_producer.Reserve(content.size(), static_cast<std::uint32_t>(type)); to != nullptr) {
+      std::copy(content.begin(), content.end(), to);
+      m_producer.Commit();
+    }
   }
   // A header in the ring's first bytes.
   void PutHeader(const RingFrameHeader& header) { std::memcpy(Bytes().data(), &header, sizeof(header)); }
