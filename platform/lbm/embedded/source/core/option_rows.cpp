@@ -15,9 +15,10 @@ void OptionRows::Replace(const LiveOptions& options) {
   const std::vector<ShownOption> present = options.Shown();
   std::erase_if(m_rows, [&](const auto& entry) {
     const auto& [owner, name, value, origin] = entry.first;
-    return owner == NameOf(Scope::kContext) && std::none_of(present.begin(), present.end(), [&](const auto& option) {
-             return name == option.name && value == option.value && origin == option.origin;
-           });
+    const auto isThis = [&name = name, &value = value, &origin = origin](const auto& option) {
+      return name == option.name && value == option.value && origin == option.origin;
+    };
+    return owner == NameOf(Scope::kContext) && std::none_of(present.begin(), present.end(), isThis);
   });
   AddLocked(Scope::kContext, present);
 }

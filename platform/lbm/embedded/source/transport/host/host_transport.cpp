@@ -210,12 +210,13 @@ std::size_t HostTransport::Drain(Listener& listener) {
     if (m_closed) {
       break;
     }
-    if (event.data.u64 == kAcceptToken) {
+    const Poller::Token token = event.data.u64;  // a copy, since the system packs its structure
+    if (token == kAcceptToken) {
       served += m_acceptor.Accept();
-    } else if (event.data.u64 == kRetryToken) {
+    } else if (token == kRetryToken) {
       Retry(listener);
       ++done;
-    } else if (const auto found = m_peers.find(event.data.u64); found != m_peers.end()) {
+    } else if (const auto found = m_peers.find(token); found != m_peers.end()) {
       served += Serve(found->second, event.events, listener);
     }
   }

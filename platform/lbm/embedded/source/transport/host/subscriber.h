@@ -40,7 +40,7 @@ class PeerStatistics {
   PeerStatistics(std::shared_ptr<ContextStatistics> context, std::string_view label)
       : m_context(std::move(context)), m_row(m_context->PeerRow(label)), m_counters(m_row.Serial()) {}
 
-  void NoteRing(std::size_t bytes) { m_row.Add(peer_field::kRingBytes, static_cast<std::int64_t>(bytes)); }
+  void NoteRing(std::size_t bytes) { m_row.Add(peer_field::kRingBytes, bytes); }
   // Bytes in use of a ring.
   void NoteUse(std::size_t bytes) noexcept {
     if (bytes > m_highWater) {
