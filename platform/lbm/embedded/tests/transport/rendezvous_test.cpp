@@ -5,6 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <fstream>
+
 #include "member.h"
 #include "transport/host/link/rendezvous.h"
 
@@ -127,6 +130,22 @@ TEST_F(RuntimeDirectory, WhoIsOutOfSightIsNotTakenForDead) {
   Rendezvous seen(m_scratch.Path(), "test", std::to_string(::getpid()) + "-b");
   seen.Join();
   EXPECT_THAT(seen.Others(), testing::ElementsAre(kUnseen));
+}
+
+TEST_F(RuntimeDirectory, ALinkInItIsNotFollowedToRemoveWhatTheDeadHaveLeft) {
+  const std::string dead = std::to_string(INT32_MAX) + "-0";
+  const std::filesystem::path domain = m_scratch.Path() + "/test";
+  const std::filesystem::path elsewhere = m_scratch.Path() + "/elsewhere";
+  const std::filesystem::path kept = elsewhere / "ab" / ("key." + dead);
+  OpenDomain(m_scratch.Path(), "test");
+  std::filesystem::create_directories(kept.parent_path());
+  for (const auto& path : {kept, domain / (dead + ".socket")}) {
+    std::ofstream(path) << "a file";
+  }
+  std::filesystem::create_directory_symlink(elsewhere, domain / "offers");
+  const Member member(SettingsIn(m_scratch));
+  EXPECT_FALSE(std::filesystem::exists(domain / (dead + ".socket")));
+  EXPECT_TRUE(std::filesystem::exists(kept));
 }
 
 TEST_F(RuntimeDirectory, FollowsTheEnvironment) {

@@ -310,9 +310,9 @@ void Rendezvous::Bury(const std::vector<std::string>& names) const {
            names.end();
   };
   for (const Role role : {Role::kOffers, Role::kWants}) {
-    const std::string directory = DirectoryOf(role) + '/';
+    const std::string directory = DirectoryOf(role);  // with a slash at its end, a link would be followed
     VisitFiles(directory, [&](std::string_view bucket) {
-      const std::string path = directory + std::string(bucket);
+      const std::string path = directory + '/' + std::string(bucket);
       VisitFiles(path, [&](std::string_view entry) {
         if (isOfThem(entry)) {
           Remove(path + '/' + std::string(entry));
