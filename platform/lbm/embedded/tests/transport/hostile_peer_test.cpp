@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <functional>
@@ -178,6 +179,16 @@ TEST_F(HostilePeer, WrongDescriptorsEndTheLink) {
   expectCutOff({{wire::Type::kParkingWord, &small}, {wire::Type::kParkingWord, &small}});
   expectCutOff({{wire::Type::kDoorbell, &ring}});
   ExpectUnharmed();
+}
+
+// Whoever made it can take them away although the size is sealed, and who touches them then gets a signal.
+TEST_F(HostilePeer, MemoryOfHugePagesIsRefused) {
+  const zq::posix::Descriptor memory(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING | MFD_HUGETLB));
+  if (!memory || ::ftruncate(memory.Get(), 1 << 30) != 0) {
+    GTEST_SKIP() << "takes a system with huge pages";
+  }
+  Seal(memory, Sealing::kSize);
+  EXPECT_THROW(SealedSize(memory), Fault);
 }
 
 TEST_F(HostilePeer, DescriptorsThatNothingTakesAreClosed) {

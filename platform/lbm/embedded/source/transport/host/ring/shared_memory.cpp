@@ -1,8 +1,10 @@
 #include "transport/host/ring/shared_memory.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 
@@ -69,6 +71,11 @@ std::size_t SealedSize(const zq::posix::Descriptor& memory) {
   struct stat status {};
   if (seals < 0 || (seals & kNeeded) != kNeeded || ::fstat(memory.Get(), &status) != 0) {
     throw Fault("it passed memory whose size is not sealed");
+  }
+  // Huge pages can be taken away although the size is sealed, and need not be there again for who touches them.
+  struct statfs fileSystem {};
+  if (::fstatfs(memory.Get(), &fileSystem) != 0 || fileSystem.f_type != TMPFS_MAGIC) {
+    throw Fault("it passed memory of huge pages");
   }
   return static_cast<std::size_t>(status.st_size);
 }
