@@ -237,7 +237,7 @@ class Look {
     }
   }
 
-  RowValues ReadRow(std::uint64_t entry) const {
+  RowValues ReadRow(std::uint64_t entry) {
     Taker bytes(Heap(OffsetOf(entry)));
     RowHeader header{};
     std::memcpy(&header, bytes.Bytes(sizeof header).data(), sizeof header);
@@ -245,8 +245,13 @@ class Look {
       throw Damaged("a row is of no known kind");
     }
     RowValues row{.kind = m_snapshot.kinds[header.kind].get(), .id = IdOf(entry)};
-    std::vector<std::uint64_t> cells(header.cells);
     const auto cellBytes = bytes.Bytes(header.cells * sizeof(std::uint64_t));
+    // No two rows share a block: otherwise a small page could take any amount of memory to read.
+    m_rowBytes += sizeof header + cellBytes.size() + header.labelBytes;
+    if (m_rowBytes > m_heapEnd - m_header.heapOffset) {
+      throw Damaged("its rows take more room than it has");
+    }
+    std::vector<std::uint64_t> cells(header.cells);
     // Of a kind without fields there are none, and no memory to copy to.
     std::copy(cellBytes.begin(), cellBytes.end(), std::as_writable_bytes(std::span(cells)).begin());
     Taker labels(bytes.Bytes(header.labelBytes));
@@ -279,6 +284,7 @@ class Look {
   std::uint64_t m_heapEnd = 0;
   std::uint64_t m_kindsUsed = 0;
   std::vector<std::uint64_t> m_heap;
+  std::uint64_t m_rowBytes = 0;  // of the rows read so far
   std::vector<details::KindLayout> m_layouts;
   Snapshot m_snapshot;
 };

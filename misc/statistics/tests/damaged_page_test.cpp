@@ -162,6 +162,23 @@ TEST_F(DamagedPage, HoldsUpNobodyWhenItBecomesShorterMeanwhile) {
   scissors.join();
 }
 
+// Each of them would take memory of the reader's.
+TEST_F(DamagedPage, WithRowsThatShareABlockIsRefused) {
+  std::ifstream file(m_copy, std::ios::binary);
+  statistics::Header header;
+  file.read(reinterpret_cast<char*>(&header), sizeof header);
+  std::uint64_t row = 0;
+  file.seekg(static_cast<std::streamoff>(header.indexOffset));
+  file.read(reinterpret_cast<char*>(&row), sizeof row);
+  std::string rows;
+  for (header.indexUsed = 0; header.indexUsed < header.rowsMax; ++header.indexUsed) {
+    rows.append(reinterpret_cast<const char*>(&row), sizeof row);
+  }
+  Write(0, {reinterpret_cast<const char*>(&header), sizeof header});
+  Write(header.indexOffset, rows);
+  EXPECT_THAT(Refusal(), HasSubstr("more room than it has"));
+}
+
 TEST_F(DamagedPage, RowsThatComeAndGoAreNeverMixedUp) {
   std::atomic<bool> ended{false};
   std::thread writer([&] {

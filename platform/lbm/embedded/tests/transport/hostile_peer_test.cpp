@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <functional>
