@@ -34,7 +34,11 @@ set(arrows
     "${engine}/system -> misc/posix"
     "platform/lbm/scripted -> platform/lbm"
     "platform/lbm ->"
+    "tests/fuzz -> tools platform/lbm/embedded"
     "tests/support -> misc/posix")
+
+# They look inside those that they may know.
+set(insiders tests/fuzz)
 
 # A room's tests may use the test kit too, and what they share.
 set(test_kit platform/lbm/scripted tests/support)
@@ -119,7 +123,7 @@ function(fault_of file room name result)
 
   set(may_know ${known_${room}})
   set(is_test FALSE)
-  if(file MATCHES "^${room}/(.*/)?tests/")
+  if(file MATCHES "^${room}/(.*/)?tests/" OR room IN_LIST insiders)
     set(is_test TRUE)
     list(APPEND may_know ${test_kit})
   endif()
@@ -128,7 +132,7 @@ function(fault_of file room name result)
     set(${result} "but ${room} may not know ${target_room}" PARENT_SCOPE)
   elseif(target MATCHES "^${target_room}/(.*/)?tests/" AND NOT is_test)
     set(${result} "which is for the tests of ${target_room}" PARENT_SCOPE)
-  elseif(target AND NOT target MATCHES "^${target_room}/(tests/)?include/")
+  elseif(target AND NOT target MATCHES "^${target_room}/(tests/)?include/" AND NOT room IN_LIST insiders)
     if(NOT target MATCHES "^${whole_room}/" OR file MATCHES "^${room}/include/")
       set(${result} "which is private to ${target_room}" PARENT_SCOPE)
     endif()

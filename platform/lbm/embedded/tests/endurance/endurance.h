@@ -16,7 +16,7 @@
 
 #include "../options/short_memory.h"
 #include "../transport/flood.h"
-#include "../transport/holdings.h"
+#include "engine_testing/holdings.h"
 
 namespace endurance {
 
