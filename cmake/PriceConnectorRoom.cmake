@@ -28,6 +28,11 @@ endfunction()
 # Settings for what becomes part of a library of ours, which shows only what its public headers say is to be seen.
 function(price_connector_library_settings target)
   price_connector_compile_settings(${target})
+  if(PRICE_CONNECTOR_SANITIZE)
+    # To optimise tests and tools would take longer than they run.
+    target_compile_options(${target} PRIVATE -O1)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON)
+  endif()
   set_target_properties(${target} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
                                              VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
@@ -112,6 +117,16 @@ function(price_connector_objects name)
   target_link_libraries(${name} PUBLIC ${arg_LIBRARIES})
 endfunction()
 
+# Settings for what tests are compiled from.
+function(price_connector_test_settings target)
+  price_connector_compile_settings(${target})
+  target_compile_options(
+    ${target} PRIVATE # ccache looks for this option before it keeps what precompiled headers are a part of.
+                      $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>
+                      # With more the compiler warns of things inside std::string without a foundation.
+                      $<$<CONFIG:Release>:-O1>)
+endfunction()
+
 # price_connector_test(<name> SOURCES <file>... [LIBRARIES <lib>...] [LABELS <label>...])
 #
 # A GoogleTest program whose cases are tests of their own. It may include its room's private headers.
@@ -121,7 +136,8 @@ function(price_connector_test name)
   endif()
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES;LABELS")
   add_executable(${name} ${arg_SOURCES})
-  price_connector_compile_settings(${name})
+  price_connector_test_settings(${name})
+  target_precompile_headers(${name} REUSE_FROM price_connector_test_headers)
   target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/source ${CMAKE_CURRENT_SOURCE_DIR}/../source)
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} price_connector_test_support GTest::gmock
                                         GTest::gtest_main)
