@@ -21,9 +21,7 @@ using zq::messaging::triage::TriageResponse;
 using zq::messaging::triage::TriageTestRequest;
 using zq::messaging::triage::UpperCase;
 
-bool IsComplete(const Wire& wire) {
-  return wire.header().has_msg_type() && wire.payload_size() > 0;
-}
+bool IsComplete(const Wire& wire) { return wire.header().has_msg_type() && wire.payload_size() > 0; }
 
 // Counts a request when it has been dealt with.
 struct Outcome {
