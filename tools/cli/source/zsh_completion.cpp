@@ -19,10 +19,11 @@ std::string Escaped(std::string_view text) {
   return escaped;
 }
 
-// What is completed, and how; nothing, but with the type shown to the user, when nothing is known of its values.
-std::string ValueOf(const std::string& typeName) {
+// What is completed, and how; by the action for unknown values, with the type shown to the user, when nothing is known
+// of its values.
+std::string ValueOf(const std::string& typeName, const std::string& unknown) {
   const auto words = WordsOf(typeName);
-  auto action = words.empty() ? " " : '(' + words + ')';
+  auto action = words.empty() ? unknown : '(' + words + ')';
   if (typeName == "FILE") {
     action = "_files";
   } else if (typeName == "DIR") {
@@ -38,13 +39,15 @@ std::string Specifications(const CLI::App& app) {
     const bool repeats = option->get_items_expected_max() > 1;
     lines += fmt::format(" \\\n    '{}{}{}[{}]{}'", repeats ? "*" : "", NameOf(*option), TakesValue(*option) ? "=" : "",
                          Escaped(option->get_description()),
-                         TakesValue(*option) ? ':' + ValueOf(option->get_type_name()) : "");
+                         TakesValue(*option) ? ':' + ValueOf(option->get_type_name(), " ") : "");
   }
   int number = 0;
   for (const auto* const argument : ArgumentsOf(app)) {
     const bool repeats = argument->get_items_expected_max() > 1;
-    lines +=
-        fmt::format(" \\\n    '{}:{}'", repeats ? "*" : std::to_string(++number), ValueOf(argument->get_type_name()));
+    // The type is not shown where an option begins, as nothing would be completed then.
+    const auto type = argument->get_type_name();
+    lines += fmt::format(" \\\n    '{}:{}'", repeats ? "*" : std::to_string(++number),
+                         ValueOf(type, fmt::format("_guard \"^-*\" {}", type)));
   }
   return lines;
 }
