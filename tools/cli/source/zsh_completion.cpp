@@ -6,7 +6,7 @@
 namespace cli {
 namespace {
 
-// Text as a part of a specification that stands between single quotes.
+// Text as a part of an argument of _arguments, between single quotes.
 std::string Escaped(std::string_view text) {
   std::string escaped;
   for (const char c : text) {
@@ -33,7 +33,7 @@ std::string ValueOf(const std::string& typeName, const std::string& unknown) {
 }
 
 // A line for each option and each argument.
-std::string Specifications(const CLI::App& app) {
+std::string SpecsOf(const CLI::App& app) {
   std::string lines;
   for (const auto* const option : OptionsOf(app)) {
     const bool repeats = option->get_items_expected_max() > 1;
@@ -56,17 +56,17 @@ std::string Specifications(const CLI::App& app) {
 
 std::string ZshCompletion(const CLI::App& app) {
   const auto tool = app.get_name();
-  const auto common = Specifications(app);
+  const auto common = SpecsOf(app);
   std::string commands;
   std::string cases;
   for (const auto* const command : CommandsOf(app)) {
     const auto name = command->get_name();
     commands += fmt::format("    '{}:{}'\n", name, Escaped(command->get_description()));
-    cases += fmt::format("  {}) _arguments{}{} ;;\n", name, Specifications(*command), common);
+    cases += fmt::format("  {}) _arguments{}{} ;;\n", name, SpecsOf(*command), common);
   }
   auto body = fmt::format("  _arguments{}\n", common);
   if (!commands.empty()) {
-    // What follows the command is for the command's own specifications.
+    // What follows the command is for the command's own arguments.
     body = fmt::format(
         "  local state\n"
         "  local -a commands=(\n{}  )\n"
