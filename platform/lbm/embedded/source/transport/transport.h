@@ -145,7 +145,7 @@ class Listener {
   // to see to.
   virtual bool Takes(RemoteSource&) { return true; }
 
-  // Whether Takes would refuse anything, whatever the source. Asked once for the messages of a Drain.
+  // Whether Takes may refuse something, of whatever source. Asked once for the messages of a Drain.
   virtual bool MayRefuse() const noexcept { return false; }
 
   // count messages of the source, from sequence number first on, will not arrive. Told before any later message, and

@@ -14,6 +14,9 @@ constexpr std::size_t kSubscriptionsMax = 400;  // in one message
 }  // namespace
 
 void NatsRemoteSource::OnAccept(const wire::Accept& accept, Listener& listener) {
+  if (accept.token != m_wanted || accept.token == 0) {
+    return;  // of an earlier subscription: its position and credit are not those of this one
+  }
   if (Active()) {
     // It had forgotten the subscription meanwhile, or answers twice.
     LoseUpTo(accept.progress.next, listener);
