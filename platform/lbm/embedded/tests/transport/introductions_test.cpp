@@ -1,11 +1,8 @@
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
-#include <thread>
 
-#include "../options/short_memory.h"
 #include "engine_testing/holdings.h"
 #include "engine_testing/raw_peer.h"
 #include "member.h"
@@ -58,28 +55,6 @@ TEST_F(Introduced, AreOnlyThoseWhoHaveToDoWithEachOther) {
   EXPECT_TRUE(stranger.Heard("up U"));
 }
 
-TEST_F(Introduced, FindEachOtherWhoeverComesFirst) {
-  Member a = Context("a");
-  a.transport->Watch("later");
-  const auto earlier = a.transport->Advertise({"earlier", Pacing::kSource});
-  Settle({&a});
-  Member b = Context("b");
-  const auto later = b.transport->Advertise({"later", Pacing::kSource});
-  b.transport->Watch("earlier");
-  b.transport->Watch("later");
-  Settle({&a, &b});
-  EXPECT_THAT(a.events, testing::UnorderedElementsAre("up later", "joined b"));
-  EXPECT_THAT(b.events, testing::UnorderedElementsAre("up earlier", "up later", "joined a", "joined b"));
-  const auto another = b.transport->Advertise({"later", Pacing::kSource});
-  Settle({&a, &b});
-  EXPECT_EQ(std::count(a.events.begin(), a.events.end(), "up later"), 2);
-  a.events.clear();
-  b.transport->Withdraw(*later);
-  b.transport->Withdraw(*another);
-  Settle({&a, &b});
-  EXPECT_THAT(a.events, ElementsAre("down later", "down later"));
-}
-
 TEST_F(Introduced, ForgetWhatIsNoLongerWatchedAndFindItAgain) {
   Member a = Context("a");
   Member b = Context("b");
@@ -103,96 +78,6 @@ TEST_F(Introduced, ForgetWhatIsNoLongerWatchedAndFindItAgain) {
   Settle({&a, &b});
   EXPECT_THAT(b.events, ElementsAre("up T", "down T", "up T", "T: hello"));
   EXPECT_EQ(b.lost, 0U);
-}
-
-TEST_F(Introduced, HearOfEachSourceOnceThoughAllCallAllAtTheSameTime) {
-  constexpr std::size_t kContexts = 4;
-  constexpr int kRounds = 25;
-  for (int round = 0; round < kRounds; ++round) {
-    std::atomic<std::size_t> ready{0};
-    std::atomic<std::size_t> served{0};
-    std::vector<std::jthread> threads;
-    for (std::size_t number = 0; number < kContexts; ++number) {
-      threads.emplace_back([&, number] {
-        Member self(SettingsIn(m_directory, std::to_string(number)), true, false);
-        for (std::size_t other = 0; other < kContexts; ++other) {
-          self.transport->Watch(std::to_string(other));
-        }
-        const auto publication = self.transport->Advertise({std::to_string(number), Pacing::kReceiver});
-        const auto drainUntil = [&](std::atomic<std::size_t>& all, const auto& own) {
-          bool counted = false;
-          while (all < kContexts) {
-            self.Drain();
-            if (!counted && own()) {
-              counted = true;
-              ++all;
-            }
-          }
-        };
-        const auto joined = [&] {
-          return std::count_if(self.events.begin(), self.events.end(),
-                               [](const std::string& event) { return event.starts_with("joined"); });
-        };
-        drainUntil(ready, [&] { return joined() == kContexts; });
-        Publish(*self.transport, *publication, "hello", true);
-        drainUntil(served, [&] { return self.messages >= kContexts; });
-        Settle({&self});
-        EXPECT_EQ(self.messages, kContexts);
-        EXPECT_EQ(self.sources.size(), kContexts);
-        EXPECT_EQ(joined(), kContexts);
-        EXPECT_TRUE(self.Notices().empty());
-      });
-    }
-  }
-  EXPECT_EQ(m_directory.Entries(), 0U);
-}
-
-// A context that is killed leaves its socket, but not always an entry that says what it had to do with others.
-TEST_F(Introduced, ForgetWhoDiedWithoutAWord) {
-  Member a = Context("a");
-  a.transport->Watch("T");
-  Settle({&a});
-  const std::string own = m_directory.Sockets().front();
-  constexpr int kDeaths = 4;
-  long held = 0;  // after the first death
-  for (int death = 0; death < kDeaths; ++death) {
-    std::string socket;
-    {
-      Member b = Context("b");
-      const auto publication = b.transport->Advertise({"T", Pacing::kSource});
-      Settle({&a, &b});
-      const auto sockets = m_directory.Sockets();
-      socket = sockets.front() == own ? sockets.back() : sockets.front();
-    }
-    std::ofstream{socket};
-    DrainUntil({&a}, "the end of the source", [&] { return a.Heard("down T"); });
-    a.events.clear();
-    held = death == 0 ? test::LiveAllocations() : held;
-  }
-  DrainUntil({&a}, "the names to be forgotten", [&] { return test::LiveAllocations() <= held; });
-}
-
-TEST_F(Introduced, OverManyTopics) {
-  constexpr std::size_t kTopics = 2'000;
-  Member a = Context("a");
-  Member b = Context("b");
-  std::vector<std::shared_ptr<Publication>> publications;
-  for (std::size_t i = 0; i < kTopics; ++i) {
-    const std::string topic = "topic." + std::to_string(i);
-    if (i % 2 == 0) {
-      b.transport->Watch(topic);
-    }
-    publications.push_back(a.transport->Advertise({topic, Pacing::kSource}));
-    if (i % 2 != 0) {
-      b.transport->Watch(topic);
-    }
-  }
-  Settle({&a, &b});
-  EXPECT_EQ(b.sources.size(), kTopics);
-  publications.clear();
-  a.transport.reset();
-  b.transport.reset();
-  EXPECT_EQ(m_directory.Entries(), 0U);
 }
 
 TEST_F(Introduced, AreNotConfusedByWhatElseIsInTheDirectory) {

@@ -58,12 +58,7 @@ class Member : public Witness {
               settings.warn = warn;
               return JoinHostDomain(settings);
             },
-            subscribes) {
-    if (watchesAll) {
-      transport->WatchAll();
-      Drain();  // to be linked to those that are there
-    }
-  }
+            subscribes, watchesAll) {}
 };
 
 }  // namespace engine::transport::host

@@ -1,16 +1,13 @@
 #include <poll.h>
-#include <spawn.h>
 #include <sys/fsuid.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <random>
+#include <functional>
 
 #include "descriptor_limit.h"
-#include "engine_testing/holdings.h"
 #include "engine_testing/raw_peer.h"
-#include "flood.h"
 #include "member.h"
 #include "test_support/pipe.h"
 
@@ -25,23 +22,30 @@ class Membership : public testing::Test {
   ScratchDirectory m_directory;
 };
 
-// See peer_process.cpp. output, input: its standard output and input, if not negative.
-pid_t StartPeer(const ScratchDirectory& directory, std::string what, int output = -1, int input = -1) {
-  posix_spawn_file_actions_t actions;
-  ::posix_spawn_file_actions_init(&actions);
-  if (output >= 0) {
-    ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+// Another process, until it has done this. It inherits what the test has.
+pid_t InAnotherProcess(const std::function<void()>& act) {
+  const pid_t process = ::fork();
+  if (process == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    act();
+    ::_exit(testing::Test::HasFailure() ? 1 : 0);
   }
-  if (input >= 0) {
-    ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-  }
-  std::string program = PEER_PROCESS;
-  std::string path = directory.Path();
-  char* arguments[] = {program.data(), path.data(), what.data(), nullptr};
-  pid_t process = 0;
-  EXPECT_EQ(::posix_spawn(&process, program.c_str(), &actions, nullptr, arguments, environ), 0);
-  ::posix_spawn_file_actions_destroy(&actions);
   return process;
+}
+
+// Another context, in a process that can be killed: it offers the source "peer", subscribes to the source "ours", does
+// this, and waits. To be started before the test has contexts.
+pid_t StartPeer(const ScratchDirectory& directory, const std::function<void(Member&, Publication&)>& act) {
+  return InAnotherProcess([&] {
+    Member self(SettingsIn(directory, "peer"), false);
+    const auto publication = self.transport->Advertise({"peer", Pacing::kReceiver});
+    DrainUntil({&self}, "the other's source", [&] { return self.Heard("up ours"); });
+    self.transport->Subscribe(*self.sources.at("ours"));
+    act(self, *publication);
+    while (true) {
+      ::pause();
+    }
+  });
 }
 
 void KillPeer(pid_t process) {
@@ -50,11 +54,17 @@ void KillPeer(pid_t process) {
 }
 
 TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
+  test_support::Pipe pipe = test_support::MakePipe();
+  const pid_t process = StartPeer(m_directory, [&](Member& self, Publication& publication) {
+    DrainUntil({&self}, "a message", [&] { return self.messages > 0; });
+    for (const std::uint64_t request : {0U, 0U, 5U}) {
+      Publish(*self.transport, publication, "last words", false, request);
+    }
+    EXPECT_EQ(::write(pipe.writer.Get(), "!", 1), 1);
+  });
+  pipe.writer = {};
   Member a(SettingsIn(m_directory, "a"));
   const auto publication = a.transport->Advertise({"ours", Pacing::kSource});
-  test_support::Pipe pipe = test_support::MakePipe();
-  const pid_t process = StartPeer(m_directory, "last-words", pipe.writer.Get());
-  pipe.writer = {};
 
   DrainUntil({&a}, "the process", [&] { return a.Heard("up peer") && a.Heard("joined peer"); });
   std::shared_ptr<ReplyPath> replyPath;
@@ -69,10 +79,10 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
   KillPeer(process);
 
   a.events.clear();
-  DrainUntil({&a}, "the end of the process", [&] { return a.Heard("left peer"); });
+  DrainUntil({&a}, "the end of the process", [&] { return a.Heard("left peer") && a.Heard("down peer"); });
   std::erase(a.events, "ours: speak");  // to itself, at any point
-  EXPECT_THAT(a.events,
-              ElementsAre("peer: last words", "peer: last words", "peer: last words", "down peer", "left peer"));
+  std::erase(a.events, "left peer");    // at any point as well: it may have subscribed on another link
+  EXPECT_THAT(a.events, ElementsAre("peer: last words", "peer: last words", "peer: last words", "down peer"));
   ASSERT_NE(replyPath, nullptr);
   EXPECT_EQ(a.transport->Respond(*replyPath, {}, {}), SendResult::kPeerGone);
 
@@ -87,16 +97,20 @@ TEST_F(Membership, AKilledProcessIsMissedAfterItsLastWordsAndLeavesNothing) {
 }
 
 TEST_F(Membership, AKilledProcessIsMissedThoughAChildOfItLivesOn) {
-  HostSettings settings = SettingsIn(m_directory, "a");
-  settings.ringBytes = kFloodRingBytes;
-  Member a(settings);
-  const auto publication = a.transport->Advertise({"ours", Pacing::kReceiver});
+  char byte = 0;
   test_support::Pipe told = test_support::MakePipe();
   test_support::Pipe alive = test_support::MakePipe();
-  const pid_t process = StartPeer(m_directory, "fork", told.writer.Get(), alive.reader.Get());
+  const pid_t process = StartPeer(m_directory, [&](Member&, Publication&) {
+    if (::fork() == 0) {
+      alive.writer = {};
+      ::_exit(::write(told.writer.Get(), "!", 1) == 1 && ::read(alive.reader.Get(), &byte, 1) == 0 ? 0 : 1);
+    }
+  });
   told.writer = {};
-  alive.reader = {};
-  char byte = 0;
+  HostSettings settings = SettingsIn(m_directory, "a");
+  settings.ringBytes = std::size_t{64} << 10;  // soon full
+  Member a(settings);
+  const auto publication = a.transport->Advertise({"ours", Pacing::kReceiver});
   DrainUntil({&a}, "the process", [&] { return a.Heard("up peer") && a.Heard("joined peer"); });
   ASSERT_EQ(::read(told.reader.Get(), &byte, 1), 1);
   const auto send = [&] { return Publish(*a.transport, *publication, std::string(1000, 'x')); };
@@ -115,62 +129,58 @@ TEST_F(Membership, AKilledProcessIsMissedThoughAChildOfItLivesOn) {
   EXPECT_EQ(::read(told.reader.Get(), &byte, 1), 0);
 }
 
-// How many processes to kill where TRANSPORT_TEST_KILLS does not say it; more find rarer moments.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kKills = 100;
-#else
-constexpr int kKills = 500;
-#endif
+// Named as a context's file, "<process>-<instance>.socket".
+wire::Greeting GreetingOf(const std::string& socket) {
+  const std::string name = socket.substr(socket.rfind('/') + 1);
+  const std::size_t dash = name.find('-');
+  return {std::stoull(name.substr(dash + 1), nullptr, 16), static_cast<std::uint32_t>(std::stoul(name)), "impostor"};
+}
 
-TEST_F(Membership, AProcessMayBeKilledAtAnyMoment) {
-  const char* const wanted = std::getenv("TRANSPORT_TEST_KILLS");
-  const int kills = wanted != nullptr ? std::stoi(wanted) : kKills;
-  HostSettings settings = SettingsIn(m_directory);
-  settings.ringBytes = kFloodRingBytes;
-  Member a(settings);
-  const auto publication = a.transport->Advertise({"ours", Pacing::kSource});
-  Settle({&a});
-  std::uint32_t next = 0;
-  std::size_t whole = 0;
-  a.onMessage = [&](RemoteSource& source, InboundMessage& message) {
-    if (source.Topic() == "peer") {
-      EXPECT_TRUE(TextOf(message.payload) == FloodMessage(message.sequence));
-      EXPECT_TRUE(next == 0 || message.sequence == next);
-      next = message.sequence + 1;
-      ++whole;
-    }
-  };
-  Publish(*a.transport, *publication, "to make the context's own ring");
-  Settle({&a});
-  const Holdings before = Holdings::Now();
-  const std::size_t entriesBefore = m_directory.Entries();
-  std::mt19937 random(static_cast<unsigned>(kills));
-  for (int i = 0; i < kills && !HasFailure(); ++i) {
-    next = 0;
-    a.events.clear();
-    const pid_t process = StartPeer(m_directory, "flood");
-    // Half of them at any moment, the others once they are at work.
-    const auto moment = [&] { return std::chrono::microseconds(random() % 10'000); };
-    auto end = std::chrono::steady_clock::now() + moment();
-    if (i % 2 != 0) {
-      DrainUntil({&a}, "a message", [&] { return next != 0; });
-      end = std::chrono::steady_clock::now() + moment() / 4;
-    }
-    while (std::chrono::steady_clock::now() < end) {
-      Publish(*a.transport, *publication, std::string(random() % 4000, 'x'));
-      a.Drain();
-    }
-    KillPeer(process);
-    Settle({&a});
-    EXPECT_EQ(a.Heard("up peer"), a.Heard("down peer"));
-    EXPECT_EQ(a.lost, 0U);
-    EXPECT_EQ(Holdings::Now(), before);
+// As any process of the user may.
+TEST_F(Membership, WhoSpeaksInTheNameOfOthersComesBetweenNobody) {
+  std::vector<std::unique_ptr<Member>> members;
+  for (const char* const name : {"source", "before", "after"}) {
+    members.push_back(std::make_unique<Member>(SettingsIn(m_directory, name), true, false));
   }
-  EXPECT_GT(whole, static_cast<std::size_t>(kills));
-  EXPECT_TRUE(a.Notices().empty());
-  { const Member clearsUp(SettingsIn(m_directory), false); }
-  EXPECT_EQ(m_directory.Sockets().size(), 1U);
-  EXPECT_EQ(m_directory.Entries(), entriesBefore);
+  const std::vector<Witness*> all = {members[0].get(), members[1].get(), members[2].get()};
+  const auto publication = all[0]->transport->Advertise({"T", Pacing::kSource});
+  all[1]->transport->Watch("T");
+  DrainUntil(all, "the subscriber before", [&] { return all[0]->Heard("joined before"); });
+
+  test_support::Pipe told = test_support::MakePipe();
+  test_support::Pipe alive = test_support::MakePipe();
+  char byte = 0;
+  const pid_t process = InAnotherProcess([&] {
+    alive.writer = {};
+    const std::vector<std::string> sockets = m_directory.Sockets();
+    std::vector<RawPeer> calls;
+    for (const std::string& called : sockets) {
+      for (const std::string& other : sockets) {
+        if (other != called) {
+          calls.emplace_back(called).Send(wire::EncodeHello(GreetingOf(other)));
+        }
+      }
+    }
+    EXPECT_EQ(::write(told.writer.Get(), "!", 1), 1);
+    EXPECT_EQ(::read(alive.reader.Get(), &byte, 1), 0);
+  });
+  told.writer = {};
+  ASSERT_EQ(::read(told.reader.Get(), &byte, 1), 1);
+  Settle(all);
+  all[2]->transport->Watch("T");
+  DrainUntil(all, "the subscriber after", [&] { return all[0]->Heard("joined after"); });
+  alive.writer = {};
+  int status = -1;
+  ASSERT_EQ(::waitpid(process, &status, 0), process);
+  EXPECT_EQ(status, 0);
+  Settle(all);
+
+  Publish(*all[0]->transport, *publication, "still here");
+  Settle(all);
+  EXPECT_THAT(all[0]->events, ElementsAre("joined before", "joined after"));
+  for (const int subscriber : {1, 2}) {
+    EXPECT_THAT(all[subscriber]->events, ElementsAre("up T", "T: still here"));
+  }
 }
 
 TEST_F(Membership, AnotherUserIsRefusedBeforeAWord) {

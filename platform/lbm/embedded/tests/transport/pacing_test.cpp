@@ -33,14 +33,6 @@ class PacedLink : public testing::Test {
     return sent;
   }
 
-  // Every message arrived or was reported as lost, in order, none twice.
-  void ExpectAccountOf(const Member& member, std::uint32_t first, std::size_t count) {
-    ASSERT_EQ(member.sequences.size(), count);
-    for (std::size_t i = 0; i < count; ++i) {
-      ASSERT_EQ(member.sequences[i], first + static_cast<std::uint32_t>(i));
-    }
-  }
-
   ScratchDirectory m_directory;
   std::unique_ptr<Member> m_source;
   std::unique_ptr<Member> m_slow;
@@ -60,14 +52,14 @@ TEST_P(Losses, AreDroppedForTheSlowSubscriberAloneAndToldEvenWhenTheLast) {
   Settle({m_source.get(), m_slow.get(), &fast});
   EXPECT_GT(m_slow->lost, 0U);
   EXPECT_EQ(m_slow->events.back(), "loss T");
-  ExpectAccountOf(*m_slow, GetParam(), kTooMany);
+  ExpectAccount(*m_slow, kTooMany, GetParam());
   EXPECT_EQ(fast.messages, kTooMany);
 
   const std::size_t lostBefore = m_slow->lost;
   ASSERT_EQ(Send(), SendResult::kSent);
   Settle({m_source.get(), m_slow.get()});
   EXPECT_EQ(m_slow->lost, lostBefore);
-  ExpectAccountOf(*m_slow, GetParam(), kTooMany + 1);
+  ExpectAccount(*m_slow, kTooMany + 1, GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Sequences, Losses, testing::Values(0U, 0xffffff00U, 0xffffffffU - kTooMany / 2));
@@ -94,7 +86,7 @@ TEST_F(PacedLink, LossesAreToldBeforeTheEndOfTheSource) {
   ASSERT_GE(m_slow->events.size(), 2U);
   EXPECT_EQ(m_slow->events.back(), "down T");
   EXPECT_EQ(*(m_slow->events.end() - 2), "loss T");
-  ExpectAccountOf(*m_slow, 0, kTooMany);
+  ExpectAccount(*m_slow, kTooMany);
 }
 
 TEST_F(PacedLink, WouldBlockSendsToNobodyAndIsFollowedByOneWritable) {
@@ -116,7 +108,7 @@ TEST_F(PacedLink, WouldBlockSendsToNobodyAndIsFollowedByOneWritable) {
   EXPECT_EQ(Send(), SendResult::kSent);
   Settle({m_source.get(), m_slow.get(), &fast});
   EXPECT_EQ(std::count(m_source->events.begin(), m_source->events.end(), "writable"), 1);
-  ExpectAccountOf(*m_slow, 0, sent + 1);
+  ExpectAccount(*m_slow, sent + 1);
   EXPECT_EQ(m_slow->lost, 0U);
   EXPECT_EQ(fast.messages, sent + 1);
 }
@@ -150,20 +142,6 @@ TEST_F(PacedLink, TheSlowSubscribersLeavingMakesSpace) {
   Settle({m_source.get()});
   EXPECT_THAT(m_source->events, testing::UnorderedElementsAre("up T", "joined slow", "left slow", "writable"));
   EXPECT_EQ(Send(), SendResult::kSent);
-}
-
-TEST_F(PacedLink, BlockedPublishersWaitForTheSubscriber) {
-  Start(Pacing::kReceiver);
-  const std::size_t sent = SendUntilFull();
-  std::thread publisher([&] {
-    for (std::size_t i = 0; i < kTooMany; ++i) {
-      EXPECT_EQ(Send(true), SendResult::kSent);
-    }
-  });
-  DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == sent + kTooMany; });
-  publisher.join();
-  ExpectAccountOf(*m_slow, 0, sent + kTooMany);
-  EXPECT_EQ(m_slow->lost, 0U);
 }
 
 TEST_F(PacedLink, BlockedPublishersReturnWhenTheSubscriberGoesOrTheContextCloses) {
@@ -204,31 +182,12 @@ TEST_F(PacedLink, ClosingLingersUntilThePeerHasTakenEverything) {
   EXPECT_EQ(m_slow->messages, sent);
 }
 
-TEST_F(PacedLink, PublishersOfSeveralThreadsKeepTheirSourcesInOrder) {
+TEST_F(PacedLink, PublishersOfSeveralThreadsWaitForTheSubscriberAndKeepTheirSourcesInOrder) {
   Start(Pacing::kReceiver);
   const auto other = m_source->transport->Advertise({"U", Pacing::kReceiver});
   Settle({m_source.get(), m_slow.get()});
-  constexpr std::size_t kEach = 2000;
-  std::map<std::string, std::vector<std::uint32_t>> sequences;
-  m_slow->onMessage = [&](RemoteSource& source, InboundMessage& message) {
-    sequences[source.Topic()].push_back(message.sequence);
-  };
-  std::vector<std::jthread> publishers;
-  for (Publication* publication : {m_publication.get(), m_publication.get(), other.get()}) {
-    publishers.emplace_back([this, publication] {
-      for (std::size_t i = 0; i < kEach; ++i) {
-        Publish(*m_source->transport, *publication, kPayload, true);
-      }
-    });
-  }
-  DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == 3 * kEach; });
-  publishers.clear();  // joins them
-  for (const auto& [topic, numbers] : sequences) {
-    for (std::size_t i = 0; i < numbers.size(); ++i) {
-      ASSERT_EQ(numbers[i], i) << topic;
-    }
-  }
-  EXPECT_EQ(m_slow->lost, 0U);
+  ExpectOrderAmongThreads(*m_source->transport, {m_publication.get(), m_publication.get(), other.get()}, *m_slow,
+                          {m_source.get(), m_slow.get()});
 }
 
 }  // namespace

@@ -298,6 +298,7 @@ INSTANTIATE_TEST_SUITE_P(Reasons, Joining,
                          testing::Values(kNoDescriptor, kNoMemory, kNoWatch,
                                          Refused{Call::kMkdirat, ENOSPC, "free space"},
                                          Refused{Call::kMkdirat, EROFS, "make it writable"},
+                                         Refused{Call::kMkdirat, EACCES, "make it writable"},
                                          Refused{Call::kBind, ENOSPC, "free space"},
                                          Refused{Call::kBind, EACCES, "make it writable"}));
 

@@ -77,19 +77,6 @@ TEST_F(RuntimeDirectory, FaultsOfThePathSayWhatToDo) {
   EXPECT_THROW(OpenDomain(m_scratch.Path(), std::string(256, 'x')), std::invalid_argument);
 }
 
-TEST_F(RuntimeDirectory, HasToBeWritable) {
-  constexpr uid_t kSomebody = 12345;
-  const uid_t user = ::geteuid();
-  if (user == 0) {  // for whom every directory is writable
-    ASSERT_EQ(::chown(m_scratch.Path().c_str(), kSomebody, kSomebody), 0);
-    ASSERT_EQ(::seteuid(kSomebody), 0);
-  }
-  ASSERT_EQ(::chmod(m_scratch.Path().c_str(), 0500), 0);
-  ExpectRefusal(m_scratch.Path(), "make it writable");
-  ASSERT_EQ(::chmod(m_scratch.Path().c_str(), 0700), 0);
-  ASSERT_EQ(::seteuid(user), 0);
-}
-
 TEST_F(RuntimeDirectory, MayBeLongerThanASocketAddress) {
   HostSettings settings = SettingsIn(m_scratch);
   settings.runtimeDirectory += "/" + std::string(250, 'x');

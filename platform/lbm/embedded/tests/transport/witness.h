@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "transport/transport.h"
@@ -35,11 +36,16 @@ class Witness : public Listener {
  public:
   using Join = std::function<std::unique_ptr<Transport>(const WarningHandler& warn)>;
 
-  explicit Witness(const Join& join, bool subscribes = true) : m_subscribes(subscribes) {
+  // watchesAll: wants to hear of all sources.
+  explicit Witness(const Join& join, bool subscribes = true, bool watchesAll = true) : m_subscribes(subscribes) {
     transport = join([told = m_told](const std::string& text) {
       const std::lock_guard lock(told->mutex);
       told->texts.push_back(text);
     });
+    if (watchesAll) {
+      transport->WatchAll();
+      Drain();  // to be linked to those that are there
+    }
   }
 
   void OnSourceUp(const std::shared_ptr<RemoteSource>& source) override {
@@ -110,6 +116,14 @@ class Witness : public Listener {
   const std::shared_ptr<Told> m_told = std::make_shared<Told>();
 };
 
+// Every message from the first on, so many, arrived or was told as lost, in order, none twice.
+inline void ExpectAccount(const Witness& member, std::size_t count, std::uint32_t first = 0) {
+  ASSERT_EQ(member.sequences.size(), count);
+  for (std::size_t i = 0; i < count; ++i) {
+    ASSERT_EQ(member.sequences[i], first + static_cast<std::uint32_t>(i));
+  }
+}
+
 // Drains the members until the condition holds; a failure of the test if it does not within a time.
 inline void DrainUntil(const std::vector<Witness*>& members, const std::string& what,
                        const std::function<bool()>& condition) {
@@ -138,6 +152,29 @@ inline void DrainUntil(const std::vector<Witness*>& members, const std::string& 
       }
     }
   }
+}
+
+// On a thread for each of them sends messages of publications of one context, and waits for room. The subscriber hears
+// each source in order, and all of it. drained: the contexts that take in what there is meanwhile.
+inline void ExpectOrderAmongThreads(Transport& sending, const std::vector<Publication*>& publications,
+                                    Witness& subscriber, const std::vector<Witness*>& drained) {
+  constexpr std::size_t kEach = 1000;
+  std::map<std::string, std::uint32_t> next;
+  subscriber.onMessage = [&](RemoteSource& source, InboundMessage& message) {
+    EXPECT_EQ(message.sequence, next[source.Topic()]++) << source.Topic();
+  };
+  std::vector<std::jthread> threads;
+  threads.reserve(publications.size());
+  for (Publication* const publication : publications) {
+    threads.emplace_back([&sending, publication] {
+      for (std::size_t i = 0; i < kEach; ++i) {
+        EXPECT_EQ(Publish(sending, *publication, std::string(8'000, 'x'), true), SendResult::kSent);
+      }
+    });
+  }
+  DrainUntil(drained, "all messages", [&] { return subscriber.messages == publications.size() * kEach; });
+  EXPECT_EQ(subscriber.lost, 0U);
+  subscriber.onMessage = nullptr;
 }
 
 // Drains the members until none has anything to do.

@@ -8,6 +8,7 @@
 #include <bit>
 #include <limits>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -56,6 +57,11 @@ wire::Greeting MakeGreeting(const HostSettings& settings) {
   return {NewInstance(), static_cast<std::uint32_t>(::getpid()), settings.contextName};
 }
 
+// The first of the peers that has the process.
+std::vector<Peer*>::const_iterator FirstOf(pid_t process, const std::vector<Peer*>& peers) {
+  return std::find_if(peers.begin(), peers.end(), [&](const Peer* peer) { return peer->Process() == process; });
+}
+
 class HostTransport final : public Transport {
  public:
   explicit HostTransport(const HostSettings& settings);
@@ -89,7 +95,8 @@ class HostTransport final : public Transport {
   Rendezvous::Outcome LinkTo(const std::string& name, std::shared_ptr<Link>& link);
   std::shared_ptr<Link> LinkToSelf();
   Peer* Adopt(zq::posix::Descriptor& socket, LinkKind kind, const std::string& fileName);
-  void NoteGreeting(Peer& peer);
+  const Peer* FindByName(const std::string& name) const;
+  void NoteName(Peer& peer);
   void ForgetName(Peer& peer);
   std::size_t MeetOthers(Listener& listener);
   void OpenRings(Peer& peer, Listener& listener);
@@ -123,8 +130,9 @@ class HostTransport final : public Transport {
   std::unordered_map<std::uint64_t, Peer> m_peers;  // by the link's id
   std::vector<Peer*> m_producers;                   // those of m_peers that have passed a ring
   std::shared_ptr<Link> m_self;                     // on which this context advertises to itself
-  // Those of m_peers that are the same context, by its name in the directory of the domain: both may have called the
-  // other at the same time. This context advertises on the first link, and only there.
+  // Those of m_peers that say that they are the same context, by its name in the directory of the domain. Those of them
+  // that have the same process are: both may have called the other at the same time. This context advertises on the
+  // first link to a context, and only there.
   std::unordered_map<std::string, std::vector<Peer*>> m_byName;
   PollBackoff m_pollBackoff;
   std::chrono::steady_clock::time_point m_lastPark;
@@ -265,26 +273,30 @@ Rendezvous::Outcome HostTransport::LinkTo(const std::string& name, std::shared_p
     link = LinkToSelf();
     return Rendezvous::Outcome::kConnected;
   }
-  if (const auto found = m_byName.find(name); found != m_byName.end() && !found->second.empty()) {
-    link = found->second.front()->GetLink();
+  if (const Peer* const known = FindByName(name); known != nullptr) {
+    link = known->GetLink();
     return Rendezvous::Outcome::kConnected;
   }
-  std::vector<Peer*>& same = m_byName[name];
-  same.reserve(1);
   zq::posix::Descriptor socket;
   const Rendezvous::Outcome outcome = m_rendezvous.Connect(name, socket);
-  if (outcome != Rendezvous::Outcome::kConnected) {
-    m_byName.erase(name);
-    return outcome;
+  if (outcome == Rendezvous::Outcome::kConnected) {
+    if (Adopt(socket, LinkKind::kPeer, name) == nullptr) {
+      return Rendezvous::Outcome::kGone;
+    }
+    link = FindByName(name)->GetLink();
   }
-  Peer* const peer = Adopt(socket, LinkKind::kPeer, name);
-  if (peer == nullptr) {
-    m_byName.erase(name);
-    return Rendezvous::Outcome::kGone;
-  }
-  same.push_back(peer);
-  link = peer->GetLink();
   return outcome;
+}
+
+// Null when there is no link to the context yet.
+const Peer* HostTransport::FindByName(const std::string& name) const {
+  const auto found = m_byName.find(name);
+  if (found == m_byName.end()) {
+    return nullptr;
+  }
+  const auto& peers = found->second;
+  const auto owner = std::find_if(peers.begin(), peers.end(), [](const Peer* peer) { return peer->OwnsName(); });
+  return owner == peers.end() ? nullptr : *FirstOf((*owner)->Process(), peers);
 }
 
 std::shared_ptr<Link> HostTransport::LinkToSelf() {
@@ -308,7 +320,8 @@ std::shared_ptr<Link> HostTransport::LinkToSelf() {
 
 // See Acceptor::Adopt. Null when it is refused for good. fileName: of the context, as far as it is known.
 Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind, const std::string& fileName) {
-  if (!SameUser(socket.Get())) {
+  const std::optional<pid_t> process = ProcessOfSameUser(socket.Get());
+  if (!process) {
     m_warnings.Tell([] { return "refused a context that runs as another user"; });
     return nullptr;
   }
@@ -317,7 +330,7 @@ Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind, const s
   const auto link =
       std::make_shared<Link>(id, kind, std::move(socket), m_poller, m_retryTimer, m_parkingWord.GetDescriptor());
   Peer& peer = m_peers
-                   .try_emplace(id, link,
+                   .try_emplace(id, link, *process,
                                 Peer::Surroundings{m_publications, m_introductions, m_closed,
                                                    std::bit_ceil(m_settings.ringBytes), m_settings.statistics})
                    .first->second;
@@ -326,7 +339,8 @@ Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind, const s
   }
   try {
     if (!fileName.empty()) {
-      peer.SetFileName(fileName);
+      peer.SetCalled(fileName);
+      NoteName(peer);
     }
     m_publications.Attach(link, m_hello);
     if (kind == LinkKind::kPeer && m_introductions.WatchesAll()) {
@@ -339,15 +353,15 @@ Peer* HostTransport::Adopt(zq::posix::Descriptor& socket, LinkKind kind, const s
   return &peer;
 }
 
-void HostTransport::NoteGreeting(Peer& peer) {
+void HostTransport::NoteName(Peer& peer) {
   if (peer.GetLink()->Kind() != LinkKind::kPeer) {
     return;
   }
-  std::vector<Peer*>& same = m_byName[peer.FileName()];
-  if (std::find(same.begin(), same.end(), &peer) == same.end()) {
-    same.push_back(&peer);
+  std::vector<Peer*>& peers = m_byName[peer.FileName()];
+  if (std::find(peers.begin(), peers.end(), &peer) == peers.end()) {
+    peers.push_back(&peer);
   }
-  peer.AdvertiseOn(same.front()->GetLink());
+  peer.AdvertiseOn((*FirstOf(peer.Process(), peers))->GetLink());
 }
 
 // Where there are two links to a context, the other one ends as well.
@@ -358,7 +372,9 @@ void HostTransport::ForgetName(Peer& peer) {
   }
   if (std::erase(found->second, &peer) != 0) {
     for (Peer* const other : found->second) {
-      other->GetLink()->Abort({});
+      if (other->Process() == peer.Process()) {
+        other->GetLink()->Abort({});
+      }
     }
   }
   if (found->second.empty()) {
@@ -474,7 +490,7 @@ Link::Received HostTransport::ServeFrame(Peer& peer, std::size_t& done, Listener
     const bool wasGreeted = peer.Greeted();
     peer.Handle(std::move(arrival), listener);
     if (!wasGreeted) {
-      NoteGreeting(peer);
+      NoteName(peer);
     }
     if (peer.HasInboundRing() != hadRing) {
       m_producers.push_back(&peer);

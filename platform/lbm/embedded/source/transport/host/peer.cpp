@@ -129,9 +129,18 @@ void Peer::EndUnwatched(Listener& listener) {
   }
 }
 
+void Peer::SetCalled(const std::string& name) {
+  m_called = true;
+  SetFileName(name);
+}
+
+bool Peer::OwnsName() const { return m_called || m_fileName.starts_with(std::to_string(m_process) + '-'); }
+
 void Peer::SetFileName(const std::string& name) {
-  m_place = Introductions::MakePlace(name);
   m_fileName = name;
+  if (OwnsName()) {
+    m_place = Introductions::MakePlace(name);
+  }
 }
 
 void Peer::End(Listener& listener) {

@@ -1,6 +1,8 @@
 // What a context knows of another one to which it is linked, and what it makes of the frames from there.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -48,8 +50,9 @@ class Peer {
     const std::shared_ptr<ContextStatistics> statistics;
   };
 
-  Peer(std::shared_ptr<Link> link, const Surroundings& surroundings)
-      : m_link(std::move(link)), m_advertising(m_link), m_surroundings(surroundings) {}
+  // process: at the other end of the link, 0 when it is out of sight.
+  Peer(std::shared_ptr<Link> link, pid_t process, const Surroundings& surroundings)
+      : m_link(std::move(link)), m_process(process), m_advertising(m_link), m_surroundings(surroundings) {}
 
   const std::shared_ptr<Link>& GetLink() const noexcept { return m_link; }
   // Of the context; its identity if it has none.
@@ -64,8 +67,12 @@ class Peer {
   // The name of the context in the directory of the domain; empty until it has introduced itself.
   const std::string& FileName() const noexcept { return m_fileName; }
   // For a context that was called by that name.
-  void SetFileName(const std::string& name);
-  // For looking for it again; null when its name is not known, and when it was taken.
+  void SetCalled(const std::string& name);
+  // Whether it is the context of that name, as far as this one can tell: it was called by it, or the name has its
+  // process. Others only say so.
+  bool OwnsName() const;
+  pid_t Process() const noexcept { return m_process; }
+  // For looking for it again; null when it owns no name, and when it was taken.
   Introductions::Place TakePlace() noexcept { return std::move(m_place); }
 
   // The link on which this context advertises to the peer, when two were made at the same time. This one otherwise.
@@ -139,13 +146,17 @@ class Peer {
   void SkipTo(HostRemoteSource& source, std::uint32_t sequence, Listener& listener);
   HostRemoteSource* FindSource(std::uint32_t id);
 
+  void SetFileName(const std::string& name);
+
   const std::shared_ptr<Link> m_link;
+  const pid_t m_process;
   std::shared_ptr<Link> m_advertising;
   const Surroundings m_surroundings;
   std::string m_fileName;
   Introductions::Place m_place;
   bool m_ending = false;
   bool m_greeted = false;
+  bool m_called = false;
   wire::Greeting m_greeting;
   std::string m_identity;  // see Transport::Identity
   wire::Reassembly<wire::ResponseHeader> m_responses;

@@ -97,10 +97,13 @@ void Acceptor::WarnOfRefusal(Compose compose) noexcept {
   }
 }
 
-bool SameUser(int socket) noexcept {
+std::optional<pid_t> ProcessOfSameUser(int socket) noexcept {
   ucred peer{};
   socklen_t size = sizeof(peer);
-  return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::geteuid();
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.uid != ::geteuid()) {
+    return std::nullopt;
+  }
+  return peer.pid;
 }
 
 }  // namespace engine::transport::host

@@ -1,8 +1,11 @@
 // The connections that other contexts make to this one.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "system/poller.h"
@@ -50,7 +53,7 @@ class Acceptor {
   bool m_refusalTold = false;                    // since the last connection was adopted
 };
 
-// Whether the process at the other end of a connection runs as the same user.
-bool SameUser(int socket) noexcept;
+// The process at the other end of a connection, 0 when it is out of sight; none when it runs as another user.
+std::optional<pid_t> ProcessOfSameUser(int socket) noexcept;
 
 }  // namespace engine::transport::host
