@@ -112,10 +112,7 @@ const auto kCancelWithNotice = [](DeletionTest& test) {
 INSTANTIATE_TEST_SUITE_P(
     , EndTest,
     ::testing::Values(Case{"ReceiverDelete", kInReceiver, kRcvDelete},
-                      Case{"ReceiverDeleteInNotification", kInSourceNotification, kRcvDelete},
                       Case{"SourceDelete", kInSource, [](DeletionTest& test) { return lbm_src_delete(test.source); }},
-                      Case{"RequestDelete", kInRequest,
-                           [](DeletionTest& test) { return lbm_request_delete(test.request); }},
                       Case{"Cancel", kInDescriptor,
                            [](DeletionTest& test) { return lbm_cancel_fd(test.context, kFd, LBM_FD_EVENT_READ); }},
                       Case{"NoticeOfCancel", kInDescriptor, kCancelWithNotice},

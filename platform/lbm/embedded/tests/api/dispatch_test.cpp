@@ -181,6 +181,9 @@ TEST_F(Descriptors, AreWatchedUntilTheyAreCancelled) {
   EXPECT_EQ(-1, lbm_register_fd(m_context, m_fd, onReadable, &watch, nullptr, LBM_FD_EVENT_READ));
   EXPECT_EQ(-1, lbm_register_fd(m_context, m_fd, onReadable, &watch, nullptr, 64));
   EXPECT_EQ(-1, lbm_register_fd(m_context, -1, onReadable, &watch, nullptr, LBM_FD_EVENT_READ));
+  const Queue silent;
+  const lbm_event_queue_cancel_cb_info_t info{silent, [](int, void*) {}, nullptr};
+  EXPECT_EQ(-1, lbm_cancel_fd_ex(m_context, m_fd, LBM_FD_EVENT_READ, &info)) << "the queue gives no notices";
   PutByte(m_pipe);
   PumpUntil({m_context}, "the first byte", [&] { return watch.calls == 1; });
   watch.cancelInside = true;
@@ -194,31 +197,6 @@ TEST_F(Descriptors, AreWatchedUntilTheyAreCancelled) {
   PutByte(witness);
   PumpUntil({m_context}, "another descriptor", [&] { return calls > 0; });
   EXPECT_EQ(2, watch.calls) << "the cancelled one is still readable";
-}
-
-TEST_F(Descriptors, ACancellationNoticeComesAfterTheLastCallback) {
-  Lines lines;
-  const auto onReadable = [](lbm_context_t*, int, lbm_ulong_t, void* clientd) {
-    static_cast<Lines*>(clientd)->push_back("readable");
-    return 0;
-  };
-  const auto onCancelled = [](int, void* clientd) { static_cast<Lines*>(clientd)->push_back("cancelled"); };
-  ASSERT_EQ(0, lbm_register_fd(m_context, m_fd, onReadable, &lines, m_queue, LBM_FD_EVENT_READ));
-  PutByte(m_pipe);
-  for (int round = 1; round <= 2; ++round) {
-    PumpUntil({m_context}, "the readable descriptor", [&] { return m_queue.Poll() > 0; });
-  }
-  EXPECT_THAT(lines, ElementsAre("readable", "readable")) << "once for each look while it stays readable";
-  const Queue silent;
-  const lbm_event_queue_cancel_cb_info_t wrong{silent, onCancelled, &lines};
-  EXPECT_EQ(-1, lbm_cancel_fd_ex(m_context, m_fd, LBM_FD_EVENT_READ, &wrong)) << "gives no such notices";
-  const lbm_event_queue_cancel_cb_info_t info{m_queue, onCancelled, &lines};
-  EXPECT_EQ(0, lbm_cancel_fd_ex(m_context, m_fd, LBM_FD_EVENT_READ, &info)) << lbm_errmsg();
-  PumpUntil({m_context}, "the notice", [&] {
-    m_queue.Poll();
-    return lines.back() == "cancelled";
-  });
-  EXPECT_THAT(lines, ElementsAre("readable", "readable", "cancelled"));
 }
 
 TEST_F(Descriptors, NothingIsCalledAfterTheNoticeThatDeletesTheContext) {

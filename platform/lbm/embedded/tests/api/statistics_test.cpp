@@ -1,8 +1,7 @@
-#include "zq/statistics/snapshot.h"
-
 #include <algorithm>
 #include <map>
 
+#include "../include/engine_testing/statistics.h"
 #include "domain.h"
 #include "transport_choice.h"
 #include "zq/posix/event.h"
@@ -17,23 +16,6 @@ using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
 using zq::posix::Event;
-
-// A field of the only row of that kind, context and, if it is not empty, topic. Fails the test when there is none.
-statistics::Value ValueOf(const char* kind, const char* context, const char* field, const char* topic = "") {
-  const statistics::Snapshot snapshot = statistics::TakeSnapshot();
-  const statistics::RowValues* found = nullptr;
-  for (const statistics::RowValues* row : snapshot.Of(kind)) {
-    if (row->Label("context") == context && (*topic == '\0' || row->Label("topic") == topic)) {
-      EXPECT_EQ(nullptr, found) << "two rows of kind " << kind;
-      found = row;
-    }
-  }
-  if (found == nullptr || found->Find(field) == nullptr) {
-    ADD_FAILURE() << "nothing of kind " << kind << ", context " << context << ", field " << field;
-    return {};
-  }
-  return *found->Find(field);
-}
 
 std::int64_t NumberOf(const char* kind, const char* context, const char* field, const char* topic = "") {
   return ValueOf(kind, context, field, topic).number;

@@ -49,26 +49,38 @@ TEST(AdaptiveSpin, SpinsForTwoWakeUpsWithinBounds) {
   }
 }
 
-TEST(AdaptiveSpin, HardlyEverSleepsInAFlowOfShortGaps) {
-  for (const auto gap : {Duration(500ns), Duration(10us), Duration(29us)}) {
-    Waiting waiting;
-    for (int message = 0; message < 10'000; ++message) {
-      waiting.For(gap);
-    }
-    EXPECT_LE(waiting.sleeps, 1) << gap.count();
-    EXPECT_EQ(waiting.spunInVain, 0ns);
+struct Flow {
+  const char* name;
+  Duration (*gap)(int message);
+  int sleepsMax;
+  Duration spunInVainMax;
+};
+
+constexpr int kMessages = 10'000;
+constexpr Flow kFlows[] = {
+    {"OfTheShortestGaps", [](int) -> Duration { return 500ns; }, 1, 0ns},
+    {"OfShortGaps", [](int) -> Duration { return 29us; }, 1, 0ns},
+    {"OfLongGaps", [](int) -> Duration { return 100us; }, kMessages, 0ns},
+    {"OfTheLongestGaps", [](int) -> Duration { return 1s; }, kMessages, 0ns},
+    {"ThatEnds", [](int message) -> Duration { return message < 1'000 ? 5us : 500us; }, kMessages, kLongest},
+    // A delay costs its own sleep, and two or so to be sure again.
+    {"WithDelays", [](int message) -> Duration { return message % 100 == 99 ? 3ms : 1us; }, 400, Duration::max()},
+    {"OfPairsFarApart", [](int message) -> Duration { return message % 2 == 0 ? 1us : 1ms; }, kMessages, 2 * kLongest},
+};
+
+class AdaptiveSpinInAFlow : public testing::TestWithParam<Flow> {};
+
+TEST_P(AdaptiveSpinInAFlow, SleepsAndSpinsInVainNoMoreThanItHasTo) {
+  Waiting waiting;
+  for (int message = 0; message < kMessages; ++message) {
+    waiting.For(GetParam().gap(message));
   }
+  EXPECT_LE(waiting.sleeps, GetParam().sleepsMax);
+  EXPECT_LE(waiting.spunInVain, GetParam().spunInVainMax);
 }
 
-TEST(AdaptiveSpin, DoesNotSpinWhereGapsAreLong) {
-  for (const auto gap : {Duration(100us), Duration(500us), Duration(1s)}) {
-    Waiting waiting;
-    for (int message = 0; message < 10'000; ++message) {
-      waiting.For(gap);
-    }
-    EXPECT_EQ(waiting.spunInVain, 0ns) << gap.count();
-  }
-}
+INSTANTIATE_TEST_SUITE_P(Flows, AdaptiveSpinInAFlow, testing::ValuesIn(kFlows),
+                         [](const auto& flow) { return flow.param.name; });
 
 TEST(AdaptiveSpin, DoesNotSpinInAContextThatIsIdle) {
   AdaptiveSpin policy(kWakeUp);
@@ -76,40 +88,13 @@ TEST(AdaptiveSpin, DoesNotSpinInAContextThatIsIdle) {
   EXPECT_EQ(policy.Time(), 0ns);
 }
 
-TEST(AdaptiveSpin, ForgetsAFlowOnceItEnds) {
-  Waiting waiting;
-  for (int message = 0; message < 1'000; ++message) {
-    waiting.For(5us);
-  }
-  for (int message = 0; message < 1'000; ++message) {
-    waiting.For(500us);
-  }
-  EXPECT_EQ(waiting.spunInVain, kLongest);
-}
-
-TEST(AdaptiveSpin, GoesOnAfterADelay) {
-  Waiting waiting;
-  for (int message = 0; message < 1'000; ++message) {
-    waiting.For(message % 100 == 99 ? Duration(3ms) : Duration(1us));
-  }
-  EXPECT_LE(waiting.sleeps, 40) << "a delay costs its own sleep and two or so to be sure again";
-}
-
-TEST(AdaptiveSpin, WastesLittleOnPairsFarApart) {
-  Waiting waiting;
-  for (int message = 0; message < 10'000; ++message) {
-    waiting.For(message % 2 == 0 ? Duration(1us) : Duration(1ms));
-  }
-  EXPECT_LE(waiting.spunInVain, 2 * kLongest);
-}
-
 TEST(AdaptiveSpin, LeavesTheProcessorToASenderThatNeedsIt) {
   Waiting waiting;
-  constexpr int kMessages = 100'000;
-  for (int message = 0; message < kMessages; ++message) {
+  constexpr int kMany = 100'000;
+  for (int message = 0; message < kMany; ++message) {
     waiting.OnSharedProcessorFor(1us);
   }
-  EXPECT_LE(waiting.spunInVain, kMessages * 100ns) << "next to the microseconds that each sleep costs";
+  EXPECT_LE(waiting.spunInVain, kMany * 100ns) << "next to the microseconds that each sleep costs";
   for (int message = 0; message < 5'000; ++message) {
     waiting.For(1us);
   }

@@ -7,20 +7,6 @@
 namespace engine::core {
 namespace {
 
-TEST(CallbackGate, ClosesInsideTheCalleesOwnCallbackWithoutWaiting) {
-  CallbackGate gate;
-  const CallbackGate::Scope scope(gate);
-  Callee callee;
-  int calls = 0;
-  for (int i = 0; i < 2; ++i) {
-    gate.Call(callee, [&] {
-      ++calls;
-      gate.CloseAndWait(callee);
-    });
-  }
-  EXPECT_EQ(1, calls);
-}
-
 // The callback of the inner gate is inside the callback of the outer one.
 TEST(CallbackGate, ACallbackIsAwaitedOnceSomebodyWaitsForItAtAnyGate) {
   for (const bool inner : {true, false}) {

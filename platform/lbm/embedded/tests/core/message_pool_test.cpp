@@ -57,17 +57,5 @@ TEST(MessagePool, KeepsAFewMegabytesOfABurst) {
   }
 }
 
-TEST(MessagePool, StaysUntilItsLastMessageComesBack) {
-  MessagePool::Owner pool = MessagePool::Create();
-  std::vector<std::jthread> holders;
-  for (int i = 0; i < 4; ++i) {
-    MessageRef message = pool->Acquire();
-    message->SetPayload(Bytes("shared"));
-    holders.emplace_back([held = message] { EXPECT_EQ("shared", std::string_view(held->data, held->len)); });
-    pool->Recycle(std::move(message));
-  }
-  pool.reset();
-}
-
 }  // namespace
 }  // namespace engine::core

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -15,7 +16,6 @@
 #include <vector>
 
 #include "../options/short_memory.h"
-#include "../transport/flood.h"
 #include "engine_testing/holdings.h"
 
 namespace endurance {
@@ -34,7 +34,19 @@ inline unsigned Seed() {
   return seed;
 }
 
-using engine::transport::host::FloodMessage;
+// Small, so that it is full all the time.
+inline constexpr std::size_t kFloodRingBytes = std::size_t{64} << 10;
+
+// The number and so many bytes made from it, now and then more than fit in one frame of the ring or in all of it.
+inline std::string FloodMessage(std::uint32_t number) {
+  std::size_t size = sizeof(number) + number * 7919U % 3000U;
+  if (number % 50 == 0) {
+    size += number % 100 == 0 ? kFloodRingBytes / 4 : kFloodRingBytes * 2;
+  }
+  std::string content(size, static_cast<char>(number * 31));
+  std::memcpy(content.data(), &number, sizeof(number));
+  return content;
+}
 
 // Follows the sources that a receiver hears, each of which counts its messages from 0 and sends a FloodMessage of the
 // count. Threads: one at a time.

@@ -80,7 +80,7 @@ constexpr char kMortal = 'm';
   std::mt19937 random(seed);
   const bool sequential = random() % 2 == 0;
   const Driven context({{"operational_mode", sequential ? "sequential" : "embedded"},
-                        {"transport_ring_size", std::to_string(engine::transport::host::kFloodRingBytes).c_str()}});
+                        {"transport_ring_size", std::to_string(kFloodRingBytes).c_str()}});
   std::unique_ptr<Sender> source;
   std::unique_ptr<Ear> witness;
   std::unique_ptr<Ear> mortals;

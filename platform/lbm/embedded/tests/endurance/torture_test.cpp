@@ -13,58 +13,15 @@
 
 #include "../api/domain.h"
 #include "endurance.h"
-#include "places.h"
-#include "zq/posix/descriptor.h"
+#include "objects.h"
 
 namespace endurance {
-namespace {
 
 using Random = std::mt19937;
 
-// A context's life. Whatever belongs to it knows it, also when it is over.
-struct Life {
-  long rank = 0;
-  bool siblings = false;             // its callbacks may delete each other's objects, and otherwise the context
-  std::atomic<bool> over{false};     // nothing may call back any more
-  std::atomic<bool> leaving{false};  // deleted in a callback of its own thread: nothing tells when it is over
-};
-
-struct Context {
-  lbm_context_t* handle = nullptr;
-  std::shared_ptr<Life> life = std::make_shared<Life>();
-};
-
-struct Queue {
-  lbm_event_queue_t* handle = nullptr;
-  std::atomic<bool> shutDown{false};
-};
-
-class Round;
-
-struct Object {
-  enum class Kind { kReceiver, kSource, kRequest, kDescriptor, kResponse, kMessage };
-
-  Round* round = nullptr;
-  Kind kind{};
-  std::shared_ptr<Life> life;
-  long rank = 0;
-  bool queued = false;
-  void* handle = nullptr;
-  zq::posix::Descriptor descriptor;
-  int context = 0;  // the place
-  std::atomic<bool> inCallback{false};
-  std::atomic<bool> cancelled{false};
-};
-
-// On whose behalf something is done.
-struct Caller {
-  Object* object = nullptr;  // whose callback it is; null for a thread of the application
-  bool mayWait = false;
-  bool deletedItself = false;
-};
-
 constexpr std::size_t kDriven = 2;  // of the contexts, by threads of the application
 constexpr const char* kTopics[] = {"A", "B", "C"};
+constexpr std::array kMade = {Kind::kReceiver, Kind::kReceiver, Kind::kSource, Kind::kSource, Kind::kDescriptor};
 
 // One set of objects, from nothing to nothing.
 class Round {
@@ -96,11 +53,9 @@ class Round {
     DeleteAll();
   }
 
-  long calls = 0;
+  long Calls() const noexcept { return m_calls; }
 
  private:
-  // ---- The application's threads ----
-
   Random NewRandom() { return Random(m_seed + ++m_randoms); }
   static Random& OfThisThread(Round& round) {
     thread_local Round* of = nullptr;
@@ -114,7 +69,7 @@ class Round {
   bool OneIn(unsigned chances) { return Any(chances) == 0; }
   template <class Places>
   auto& AnyOf(Places& places) {
-    return places[Any(static_cast<unsigned>(places.size()))];
+    return places[Any(static_cast<unsigned>(std::size(places)))];
   }
 
   void Work() {
@@ -151,33 +106,31 @@ class Round {
 
   void Dispatch(Place<Queue>& place) {
     while (!m_end) {
-      if (const Taken taken(place); taken && (taken.Value() == nullptr || taken.Value()->shutDown || OneIn(300))) {
+      if (const auto taken = Take(place); taken && (taken.Get() == nullptr || taken.Get()->shutDown || OneIn(300))) {
         Renew(taken.Value());
       }
-      if (const Use use(place); use.Get() != nullptr) {
+      if (const auto use = Use(place); use.Get() != nullptr) {
         EXPECT_LE(0, lbm_event_dispatch(use.Get()->handle, Any(3))) << lbm_errmsg();
       }
     }
   }
 
-  // ---- What they do, and what callbacks do ----
-
   void Act(Caller& caller) {
     Place<Object>& place = AnyOf(m_objects);
     if (OneIn(3)) {
-      if (const Taken taken(place); taken && taken.Value() == nullptr) {
+      if (const auto taken = Take(place); taken && taken.Value() == nullptr) {
         Make(taken.Value());
       } else if (taken && OneIn(m_patience) && MayDelete(caller, *taken.Value())) {
         Delete(taken.Value(), caller);
       }
-    } else if (const Use use(place); use.Get() != nullptr) {
+    } else if (const auto use = Use(place); use.Get() != nullptr) {
       Handle(*use.Get(), caller);
     }
     if (OneIn(100 * m_patience)) {
       ChangeContext(Any(static_cast<unsigned>(m_contexts.size())), caller);
     }
     if (OneIn(400 * m_patience)) {
-      if (const Use queue(AnyOf(m_queues)); queue.Get() != nullptr) {
+      if (const auto queue = Use(AnyOf(m_queues)); queue.Get() != nullptr) {
         EXPECT_EQ(0, lbm_event_queue_shutdown(queue.Get()->handle));
         queue.Get()->shutDown = true;
       }
@@ -188,7 +141,7 @@ class Round {
   // newer only: an object of a newer context, or one of its own context where no callback deletes that.
   static bool MayDelete(const Caller& caller, const Object& object) {
     const Object* const self = caller.object;
-    if (self == nullptr || self == &object || object.kind >= Object::Kind::kResponse) {
+    if (self == nullptr || self == &object || object.kind >= Kind::kResponse) {
       return true;
     }
     return object.life->rank > self->life->rank ||
@@ -197,7 +150,7 @@ class Round {
 
   void ChangeContext(std::size_t number, const Caller& caller) {
     const Object* const self = caller.object;
-    if (const Taken taken(m_contexts[number]); taken && taken.Value() == nullptr) {
+    if (const auto taken = Take(m_contexts[number]); taken && taken.Value() == nullptr) {
       taken.Value() = NewContext(number);
     } else if (taken && (self == nullptr || taken.Value()->life->rank > self->life->rank)) {
       Delete(taken.Value());
@@ -251,7 +204,7 @@ class Round {
     }
   }
 
-  std::unique_ptr<Object> NewObject(Object::Kind kind, const std::shared_ptr<Life>& life, bool queued) {
+  std::unique_ptr<Object> NewObject(Kind kind, const std::shared_ptr<Life>& life, bool queued) {
     auto object = std::make_unique<Object>();
     object->round = this;
     object->kind = kind;
@@ -263,31 +216,29 @@ class Round {
 
   void Make(std::unique_ptr<Object>& made) {
     const std::size_t number = Any(static_cast<unsigned>(m_contexts.size()));
-    const Use context(m_contexts[number]);
-    const Use queue(AnyOf(m_queues));
+    const auto context = Use(m_contexts[number]);
+    const auto queue = Use(AnyOf(m_queues));
     if (context.Get() == nullptr) {
       return;
     }
     lbm_context_t* const handle = context.Get()->handle;
     lbm_event_queue_t* const evq = queue.Get() != nullptr && OneIn(2) ? queue.Get()->handle : nullptr;
-    const auto kind = static_cast<Object::Kind>(std::array{0, 0, 1, 1, 3}[Any(5)]);
-    made = NewObject(kind, context.Get()->life, evq != nullptr);
+    made = NewObject(AnyOf(kMade), context.Get()->life, evq != nullptr);
     made->context = static_cast<int>(number);
-    const char* const name = kTopics[Any(std::size(kTopics))];
+    const char* const name = AnyOf(kTopics);
     int result = 0;
-    if (kind == Object::Kind::kReceiver) {
+    if (made->kind == Kind::kReceiver) {
       lbm_rcv_t* receiver = nullptr;
       result = lbm_rcv_create(&receiver, handle, engine_test::ReceiverTopic(handle, name), &OnMessage, made.get(), evq);
-      made->handle = receiver;
-    } else if (kind == Object::Kind::kSource) {
+      made->remove = [receiver] { return lbm_rcv_delete(receiver); };
+    } else if (made->kind == Kind::kSource) {
       auto* const attr = engine_test::MakeAttributes(lbm_src_topic_attr_create, lbm_src_topic_attr_str_setopt,
                                                      {{"transport_pacing", OneIn(2) ? "source" : "receiver"}});
       lbm_topic_t* topic = nullptr;
       EXPECT_EQ(0, lbm_src_topic_alloc(&topic, handle, name, attr)) << lbm_errmsg();
       EXPECT_EQ(0, lbm_src_topic_attr_delete(attr));
-      lbm_src_t* source = nullptr;
-      result = lbm_src_create(&source, handle, topic, &OnSource, made.get(), evq);
-      made->handle = source;
+      result = lbm_src_create(&made->source, handle, topic, &OnSource, made.get(), evq);
+      made->remove = [source = made->source] { return lbm_src_delete(source); };
     } else {
       made->descriptor = zq::posix::Descriptor(::eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC));
       result = lbm_register_fd(handle, made->descriptor.Get(), &OnReadable, made.get(), evq, LBM_FD_EVENT_READ);
@@ -301,63 +252,50 @@ class Round {
     const bool own = caller.object != nullptr && caller.object->life == object.life;
     const bool waits = caller.mayWait || (caller.object != nullptr && (caller.object->queued ? !m_smallQueues : own));
     const int flags = waits && OneIn(2) ? 0 : LBM_SRC_NONBLOCK;
-    if (object.kind == Object::Kind::kSource && OneIn(8)) {
-      const Taken place(AnyOf(m_objects));
-      const Use queue(AnyOf(m_queues));
-      if (!place || place.Value() != nullptr) {
-        return;
-      }
-      auto* const evq = queue.Get() != nullptr && OneIn(2) ? queue.Get()->handle : nullptr;
-      place.Value() = NewObject(Object::Kind::kRequest, object.life, evq != nullptr);
-      lbm_request_t* request = nullptr;
-      if (lbm_send_request(&request, static_cast<lbm_src_t*>(object.handle), text.data(), text.size(), &OnResponse,
-                           place.Value().get(), evq, flags) != 0) {
-        ExpectReason();
-        return place.Value().reset();
-      }
-      place.Value()->handle = request;
-    } else if (object.kind == Object::Kind::kSource) {
-      if (lbm_src_send(static_cast<lbm_src_t*>(object.handle), text.data(), text.size(), flags) != 0) {
-        ExpectReason();
-      }
-    } else if (object.kind == Object::Kind::kResponse) {
-      if (lbm_send_response(static_cast<lbm_response_t*>(object.handle), text.data(), text.size(), flags) != 0) {
-        ExpectReason();
-      }
-    } else if (object.kind == Object::Kind::kDescriptor) {
+    if (object.kind == Kind::kSource && OneIn(8)) {
+      Ask(object, text, flags);
+    } else if (object.kind == Kind::kSource) {
+      ExpectReason(lbm_src_send(object.source, text.data(), text.size(), flags));
+    } else if (object.kind == Kind::kResponse) {
+      ExpectReason(lbm_send_response(object.response, text.data(), text.size(), flags));
+    } else if (object.kind == Kind::kDescriptor) {
       EXPECT_EQ(0, ::eventfd_write(object.descriptor.Get(), 1));
     }
   }
 
-  // No room, a context that is deleted, or a requester that is gone.
-  static void ExpectReason() { EXPECT_THAT(lbm_errnum(), testing::AnyOf(LBM_EWOULDBLOCK, LBM_EOP)) << lbm_errmsg(); }
+  void Ask(const Object& source, const std::string& text, int flags) {
+    const auto place = Take(AnyOf(m_objects));
+    const auto queue = Use(AnyOf(m_queues));
+    if (!place || place.Value() != nullptr) {
+      return;
+    }
+    auto* const evq = queue.Get() != nullptr && OneIn(2) ? queue.Get()->handle : nullptr;
+    place.Value() = NewObject(Kind::kRequest, source.life, evq != nullptr);
+    lbm_request_t* request = nullptr;
+    ExpectReason(lbm_send_request(&request, source.source, text.data(), text.size(), &OnResponse, place.Value().get(),
+                                  evq, flags));
+    if (request == nullptr) {
+      place.Value().reset();
+    } else {
+      place.Value()->remove = [request] { return lbm_request_delete(request); };
+    }
+  }
+
+  // A send fails for want of room, in a context that is deleted, and to a requester that is gone.
+  static void ExpectReason(int result) {
+    if (result != 0) {
+      EXPECT_THAT(lbm_errnum(), testing::AnyOf(LBM_EWOULDBLOCK, LBM_EOP)) << lbm_errmsg();
+    }
+  }
 
   // What is deleted is freed at once, so that a sanitizer sees who is called back all the same.
   void Delete(std::unique_ptr<Object>& object, Caller& caller) {
-    int result = 0;
-    switch (object->kind) {
-      case Object::Kind::kReceiver:
-        result = lbm_rcv_delete(static_cast<lbm_rcv_t*>(object->handle));
-        break;
-      case Object::Kind::kSource:
-        result = lbm_src_delete(static_cast<lbm_src_t*>(object->handle));
-        break;
-      case Object::Kind::kRequest:
-        result = lbm_request_delete(static_cast<lbm_request_t*>(object->handle));
-        break;
-      case Object::Kind::kResponse:
-        result = lbm_response_delete(static_cast<lbm_response_t*>(object->handle));
-        break;
-      case Object::Kind::kMessage:
-        ExpectIntact(*static_cast<lbm_msg_t*>(object->handle));
-        result = lbm_msg_delete(static_cast<lbm_msg_t*>(object->handle));
-        break;
-      case Object::Kind::kDescriptor:
-        if (!Cancel(object)) {
-          return;
-        }
+    if (object->kind == Kind::kDescriptor && !Cancel(object)) {
+      return;
     }
-    EXPECT_EQ(0, result) << lbm_errmsg();
+    if (object != nullptr && object->remove) {
+      EXPECT_EQ(0, object->remove()) << lbm_errmsg();
+    }
     if (object != nullptr && object.get() == caller.object) {
       caller.deletedItself = true;
       static_cast<void>(object.release());  // which its callback frees
@@ -367,12 +305,13 @@ class Round {
 
   // Whether the descriptor may be closed, or is kept until the end.
   bool Cancel(std::unique_ptr<Object>& object) {
-    const Use context(m_contexts[static_cast<std::size_t>(object->context)]);
+    const auto context = Use(m_contexts[static_cast<std::size_t>(object->context)]);
     if (context.Get() == nullptr || context.Get()->life != object->life) {
       if (object->life->leaving) {
         Keep(std::move(object));
+        return true;
       }
-      return object == nullptr || object->life->over;
+      return object->life->over;
     }
     lbm_context_t* const handle = context.Get()->handle;
     const int fd = object->descriptor.Get();
@@ -380,7 +319,7 @@ class Round {
       EXPECT_EQ(0, lbm_cancel_fd(handle, fd, LBM_FD_EVENT_READ)) << lbm_errmsg();
       return true;
     }
-    const Use queue(AnyOf(m_queues));
+    const auto queue = Use(AnyOf(m_queues));
     const lbm_event_queue_cancel_cb_info_t info{queue.Get() != nullptr ? queue.Get()->handle : nullptr, &OnCancelled,
                                                 object.get()};
     EXPECT_EQ(0, lbm_cancel_fd_ex(handle, fd, LBM_FD_EVENT_READ, &info)) << lbm_errmsg();
@@ -392,8 +331,6 @@ class Round {
     const std::lock_guard lock(m_mutex);
     m_kept.push_back(std::move(object));
   }
-
-  // ---- Callbacks ----
 
   // Runs one callback: checks that it may be, and does something.
   template <class Function>
@@ -426,22 +363,25 @@ class Round {
         return;
       }
       ExpectIntact(*message);
-      const Taken place(round.AnyOf(round.m_objects));
+      const auto place = Take(round.AnyOf(round.m_objects));
       if (message->response != nullptr && round.OneIn(2)) {
-        if (lbm_send_response(message->response, message->data, message->len, LBM_SRC_NONBLOCK) != 0) {
-          ExpectReason();
-        }
+        ExpectReason(lbm_send_response(message->response, message->data, message->len, LBM_SRC_NONBLOCK));
       }
       if (round.m_quiet || !place || place.Value() != nullptr) {
         return;
       }
       if (message->response != nullptr && round.OneIn(2)) {
-        place.Value() = round.NewObject(Object::Kind::kResponse, self.life, false);
-        place.Value()->handle = std::exchange(message->response, nullptr);
+        lbm_response_t* const response = std::exchange(message->response, nullptr);
+        place.Value() = round.NewObject(Kind::kResponse, self.life, false);
+        place.Value()->response = response;
+        place.Value()->remove = [response] { return lbm_response_delete(response); };
       } else if (round.OneIn(4)) {
-        place.Value() = round.NewObject(Object::Kind::kMessage, self.life, false);
-        place.Value()->handle = message;
         EXPECT_EQ(0, lbm_msg_retain(message));
+        place.Value() = round.NewObject(Kind::kMessage, self.life, false);
+        place.Value()->remove = [message] {
+          ExpectIntact(*message);
+          return lbm_msg_delete(message);
+        };
       }
     });
   }
@@ -471,8 +411,6 @@ class Round {
     EXPECT_EQ(FloodMessage(number), std::string_view(message.data, message.len));
   }
 
-  // ---- The end ----
-
   // A new context hears each of those that have gone through all that.
   void ExpectWhatIsLeftToWork() {
     const engine_test::Driven probe;
@@ -495,30 +433,22 @@ class Round {
   }
 
   void DeleteAll() {
-    std::vector<std::function<void()>> deletions;
     Caller caller;
-    for (auto& place : m_objects) {
-      deletions.emplace_back([&] {
+    std::vector<std::function<void()>> deletions;
+    const auto add = [&](auto& places, auto remove) {
+      for (auto& place : places) {
         if (place.value != nullptr) {
-          Delete(place.value, caller);
+          deletions.emplace_back([&place, remove] { remove(place.value); });
         }
-      });
-    }
-    for (auto& place : m_contexts) {
-      deletions.emplace_back([&] {
-        if (place.value != nullptr) {
-          Delete(place.value);
-        }
-      });
-    }
-    for (auto& place : m_queues) {
-      deletions.emplace_back([&] { Delete(place.value); });
-    }
+      }
+    };
+    add(m_objects, [&](auto& object) { Delete(object, caller); });
+    add(m_contexts, [](auto& context) { Delete(context); });
+    add(m_queues, [](auto& queue) { Delete(queue); });
     std::shuffle(deletions.begin(), deletions.end(), OfThisThread(*this));
     for (const auto& deletion : deletions) {
       deletion();
     }
-    calls = m_calls;
   }
 
   const unsigned m_seed;
@@ -553,7 +483,7 @@ TEST(Torture, LeavesNothingAndCallsNothingBackThatIsDeleted) {
     {
       Round round(seed + rounds * 1001);
       round.Run(std::chrono::milliseconds(700));
-      calls += round.calls;
+      calls += round.Calls();
       // Threads of contexts that were deleted in callbacks of theirs end soon after.
       engine_test::PumpUntil({}, "the end of all threads", [&] { return Belongings::Now().threads == before.threads; });
     }
@@ -567,5 +497,4 @@ TEST(Torture, LeavesNothingAndCallsNothingBackThatIsDeleted) {
   std::printf("%u rounds, %ld callbacks\n", rounds, calls);
 }
 
-}  // namespace
 }  // namespace endurance

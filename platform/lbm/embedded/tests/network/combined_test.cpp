@@ -24,9 +24,7 @@ class Member : public Witness {
           far.place = host::PlaceOf(directory, "test");
           far.warn = warn;
           return Combine(std::move(host), nats::JoinNatsDomain(far));
-        }) {
-    transport->WatchAll();
-  }
+        }) {}
 };
 
 class Combined : public testing::Test {

@@ -1,74 +1,13 @@
-#include <thread>
-
 #include "network.h"
 #include "transport/nats/keeper.h"
 
 namespace engine::transport::nats {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-
 class Exchange : public testing::Test {
  protected:
   const test_support::NatsServer m_server;
 };
-
-TEST_F(Exchange, CarriesMessagesRequestsAndResponsesBetweenBeginningAndEnd) {
-  Member a(SettingsFor(m_server.Url(), "a"), false);
-  Member b(SettingsFor(m_server.Url()));
-  const auto publication = a.transport->Advertise({"PRICES.DAX/1", Pacing::kSource});
-  DrainUntil({&a, &b}, "the subscription", [&] { return a.Heard("joined " + b.transport->Identity()); });
-  EXPECT_EQ(b.sources.at("PRICES.DAX/1")->Session(), publication->Session());
-
-  std::shared_ptr<ReplyPath> path;
-  b.onMessage = [&](RemoteSource&, InboundMessage& message) { path = message.replyPath; };
-  Publish(*a.transport, *publication, "one");
-  Publish(*a.transport, *publication, "");
-  Publish(*a.transport, *publication, "three", false, 77);
-  DrainUntil({&a, &b}, "the request", [&] { return path != nullptr; });
-
-  // Larger than a server takes at once, both ways.
-  std::string large(3'000'000, 'x');
-  iovec piece{large.data(), large.size()};
-  std::vector<std::byte> response;
-  ASSERT_EQ(b.transport->Respond(*path, {&piece, 1}, {}), SendResult::kSent);
-  DrainUntil({&a, &b}, "the response", [&] { return !a.events.empty() && a.events.back().starts_with("response 77"); });
-  EXPECT_EQ(a.events.back(), "response 77 of " + b.transport->Identity() + ": " + large);
-  std::size_t received = 0;
-  b.onMessage = [&](RemoteSource&, InboundMessage& message) { received = message.payload.size(); };
-  ASSERT_EQ(Publish(*a.transport, *publication, large), SendResult::kSent);
-  DrainUntil({&a, &b}, "the large message", [&] { return received == large.size(); });
-
-  Publish(*a.transport, *publication, "last");
-  a.transport->Withdraw(*publication);
-  DrainUntil({&a, &b}, "the end", [&] { return b.Heard("down PRICES.DAX/1"); });
-  EXPECT_THAT(b.events, ElementsAre("up PRICES.DAX/1", "PRICES.DAX/1: one", "PRICES.DAX/1: ", "PRICES.DAX/1: three",
-                                    "PRICES.DAX/1: last", "down PRICES.DAX/1"));
-  EXPECT_THAT(b.sequences, ElementsAre(0, 1, 2, 3, 4));
-  EXPECT_EQ(b.transport->Respond(*path, {}, {}), SendResult::kPeerGone);
-}
-
-TEST_F(Exchange, FindsSourcesThatWereThereBeforeAndThatComeLaterButOnlyThoseThatAreWatched) {
-  Member a(SettingsFor(m_server.Url()), false, false);
-  const auto earlier = a.transport->Advertise({"EARLIER", Pacing::kSource});
-  const auto other = a.transport->Advertise({"OTHER", Pacing::kSource});
-  Member b(SettingsFor(m_server.Url()), true, false);
-  b.transport->Watch("EARLIER");
-  b.transport->Watch("LATER");
-  DrainUntil({&a, &b}, "the earlier source", [&] { return b.Heard("up EARLIER"); });
-  const auto later = a.transport->Advertise({"LATER", Pacing::kSource});
-  DrainUntil({&a, &b}, "the later source", [&] { return b.Heard("up LATER"); });
-
-  b.transport->Unwatch("EARLIER");
-  DrainUntil({&a, &b}, "the end of watching", [&] { return b.Heard("down EARLIER"); });
-  b.events.clear();
-  b.transport->Watch("EARLIER");
-  DrainUntil({&a, &b}, "the source again", [&] { return b.Heard("up EARLIER"); });
-  EXPECT_THAT(b.events, Not(Contains("up OTHER")));
-}
 
 TEST_F(Exchange, SendsNothingWithoutASubscriberAndManySmallMessagesTogether) {
   Stranger stranger(m_server.Url());

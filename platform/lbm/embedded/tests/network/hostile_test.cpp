@@ -243,6 +243,7 @@ TEST_F(HostileContext, ASubscriptionHearsNothingOfTheOnesBefore) {
   SayToInbox(Acceptance(5, before));
   SayToInbox(Acceptance(5, m_token));
   SayData({{5, 10, "aaaaa"}});
+  SayToInbox(Acceptance(8, before));
   SayData({{5, 10, "bbbbb"}});
   EXPECT_THAT(Heard(), ElementsAre("PLAYED: aaaaabbbbb"));
   SayToInbox(Acceptance(9, m_token));  // it had forgotten the subscription meanwhile

@@ -37,20 +37,8 @@ class Member : public Witness {
               settings.warn = warn;
               return JoinNatsDomain(settings);
             },
-            subscribes) {
-    if (watchesAll) {
-      transport->WatchAll();
-    }
-  }
+            subscribes, watchesAll) {}
 };
-
-// Every message that the subscriber was to have arrived or was told as lost, in order, none twice.
-inline void ExpectAccount(const Witness& member, std::size_t count) {
-  ASSERT_EQ(member.sequences.size(), count);
-  for (std::size_t i = 0; i < count; ++i) {
-    ASSERT_EQ(member.sequences[i], i);
-  }
-}
 
 // Somebody else on the server, who speaks no protocol of ours unless the test does.
 class Stranger {

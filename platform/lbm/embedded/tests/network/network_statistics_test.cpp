@@ -1,21 +1,10 @@
+#include "../include/engine_testing/statistics.h"
 #include "network.h"
-#include "zq/statistics/snapshot.h"
 
 namespace engine::transport::nats {
 namespace {
 
-using zq::statistics::Value;
-
-Value ValueOf(const char* kind, const char* context, const char* field) {
-  const zq::statistics::Snapshot snapshot = zq::statistics::TakeSnapshot();
-  for (const zq::statistics::RowValues* row : snapshot.Of(kind)) {
-    if (row->Label("context") == context) {
-      return *row->Find(field);
-    }
-  }
-  ADD_FAILURE() << "nothing of kind " << kind << ", context " << context;
-  return {};
-}
+using engine_test::ValueOf;
 
 NatsSettings Counted(const std::string& url, const std::string& name) {
   NatsSettings settings = SettingsFor(url, name);
@@ -24,7 +13,7 @@ NatsSettings Counted(const std::string& url, const std::string& name) {
   return settings;
 }
 
-TEST(NetworkStatistics, TellWhatAnOutageCosts) {
+TEST(NetworkStatistics, TellWhatAnOutageCostsAsTheReceiverIsTold) {
   test_support::NatsServer server;
   Member a(Counted(server.Url(), "a"), false);
   Member b(Counted(server.Url(), "b"));
@@ -49,11 +38,15 @@ TEST(NetworkStatistics, TellWhatAnOutageCosts) {
   EXPECT_EQ(0U, ValueOf("network", "a", "reconnects").Count());
   server.Start();
   DrainUntil({&a, &b}, "the loss", [&] { return b.lost == 5; });
+  Publish(*a.transport, *publication, "after");
+  DrainUntil({&a, &b}, "the next message", [&] { return b.messages == 2; });
+  EXPECT_THAT(b.events, testing::ElementsAre("up T", "T: before", "loss T", "T: after"));
+  ExpectAccount(b, 7);
   EXPECT_EQ(1U, ValueOf("network", "a", "reconnects").Count());
   EXPECT_EQ(1, ValueOf("network", "a", "connected").number);
 }
 
-TEST(NetworkStatistics, CountWhatFindsNoRoomOnEitherSide) {
+TEST(NetworkStatistics, CountWhatFindsNoRoomOnEitherSideOfWhichTheReceiverIsTold) {
   const test_support::NatsServer server;
   Member source(Counted(server.Url(), "source"), false);
   NatsSettings small = Counted(server.Url(), "small");
@@ -63,7 +56,9 @@ TEST(NetworkStatistics, CountWhatFindsNoRoomOnEitherSide) {
   const auto waiting = source.transport->Advertise({"W", Pacing::kReceiver});
   DrainUntil({&source, &slow}, "the subscriptions", [&] { return source.events.size() == 4; });
   const std::string payload(8'000, 'x');
+  std::size_t sent = 100;
   while (Publish(*source.transport, *waiting, payload) == SendResult::kSent) {
+    ++sent;
   }
   EXPECT_EQ(1U, ValueOf("engine_context", "source", "waits_for_room").Count());
   for (int i = 0; i < 100; ++i) {
@@ -72,6 +67,7 @@ TEST(NetworkStatistics, CountWhatFindsNoRoomOnEitherSide) {
   DrainUntil({&source}, "what finds no room at a context that stands still",
              [&] { return ValueOf("network", "small", "receive_dropped").Count() > 0; });
   EXPECT_EQ(0U, ValueOf("network", "source", "receive_dropped").Count());
+  DrainUntil({&source, &slow}, "an account of all", [&] { return slow.messages + slow.lost == sent; });
 }
 
 }  // namespace

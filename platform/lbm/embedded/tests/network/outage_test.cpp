@@ -29,27 +29,6 @@ TEST(Outage, AContextMadeWithoutAServerSaysSoOnceAndWorksWhenOneComes) {
   EXPECT_THAT(a.Notices(), ElementsAre(HasSubstr("nats_servers"), HasSubstr("again")));
 }
 
-TEST(Outage, WhatIsLostWhileTheServerIsAwayIsToldWhenItIsBack) {
-  test_support::NatsServer server;
-  Member a(SettingsFor(server.Url()), false);
-  Member b(SettingsFor(server.Url()));
-  const auto publication = a.transport->Advertise({"T", Pacing::kSource});
-  DrainUntil({&a, &b}, "the subscription", [&] { return a.events.size() == 2; });
-  Publish(*a.transport, *publication, "before");
-  DrainUntil({&a, &b}, "the message", [&] { return b.messages == 1; });
-  server.Kill();
-  DrainUntil({&a, &b}, "both to notice", [&] { return !a.Notices().empty() && !b.Notices().empty(); });
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(Publish(*a.transport, *publication, "meanwhile"), SendResult::kSent);
-  }
-  server.Start();
-  DrainUntil({&a, &b}, "the loss", [&] { return b.lost == 5; });
-  Publish(*a.transport, *publication, "after");
-  DrainUntil({&a, &b}, "the next message", [&] { return b.messages == 2; });
-  EXPECT_THAT(b.events, ElementsAre("up T", "T: before", "loss T", "T: after"));
-  ExpectAccount(b, 7);
-}
-
 class Kills : public testing::TestWithParam<Pacing> {};
 
 TEST_P(Kills, OfTheServerWhileMessagesFlowLeaveAFullAccount) {
@@ -84,8 +63,7 @@ TEST_P(Kills, OfTheServerWhileMessagesFlowLeaveAFullAccount) {
 INSTANTIATE_TEST_SUITE_P(Pacings, Kills, testing::Values(Pacing::kSource, Pacing::kReceiver));
 
 // A context that ends while there is no server says good-bye to nobody, as if its process had been killed.
-
-TEST(Restarts, OfThePublisherTogetherWithTheServerEndOneSessionAndBeginAnother) {
+TEST(Outage, ARestartOfThePublisherMeanwhileEndsOneSessionAndBeginsAnother) {
   test_support::NatsServer server;
   NatsSettings settings = SettingsFor(server.Url());
   settings.peerTimeout = std::chrono::milliseconds(500);
@@ -110,38 +88,6 @@ TEST(Restarts, OfThePublisherTogetherWithTheServerEndOneSessionAndBeginAnother) 
   EXPECT_EQ(std::count(b.events.begin(), b.events.end(), "up T"), 2);
   EXPECT_EQ(std::count(b.events.begin(), b.events.end(), "down T"), 1);
   EXPECT_THAT(b.sequences, ElementsAre(0, 0));
-}
-
-TEST(Restarts, OfASubscriberTogetherWithTheServerDoNotHoldASourceUpForLong) {
-  test_support::NatsServer server;
-  NatsSettings settings = SettingsFor(server.Url());
-  settings.peerTimeout = std::chrono::milliseconds(500);
-  Member a(settings, false);
-  settings.contextName = "former";
-  std::optional<Member> b(std::in_place, settings);
-  const auto publication = a.transport->Advertise({"T", Pacing::kReceiver});
-  DrainUntil({&a, &*b}, "the subscription", [&] { return a.Heard("joined former"); });
-  const std::string payload(8'000, 'x');
-  while (Publish(*a.transport, *publication, payload) == SendResult::kSent) {
-  }
-
-  server.Kill();
-  settings.contextName = "new";
-  b.emplace(settings);
-  server.Start();
-  a.events.clear();
-  DrainUntil({&a, &*b}, "the new subscription", [&] { return a.Heard("joined new"); });
-  DrainUntil({&a, &*b}, "room", [&] { return a.Heard("writable"); });
-  const std::size_t twoWindows = 2 * settings.windowBytes / payload.size();
-  std::size_t sent = 0;
-  DrainUntil({&a, &*b}, "two windows", [&] {
-    while (sent < twoWindows && Publish(*a.transport, *publication, payload) == SendResult::kSent) {
-      ++sent;
-    }
-    return b->messages == twoWindows;
-  });
-  EXPECT_TRUE(a.Heard("left former"));
-  EXPECT_EQ(b->lost, 0U);
 }
 
 class ClusterOutage : public testing::TestWithParam<int> {};

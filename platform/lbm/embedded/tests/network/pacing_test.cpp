@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <functional>
-#include <thread>
 
 #include "network.h"
 
@@ -26,49 +25,12 @@ class NetworkPacing : public testing::Test {
   std::shared_ptr<Publication> m_publication;
 };
 
-TEST_F(NetworkPacing, AReceiverPacedSourceIsAtMostAWindowAheadAndLosesNothing) {
+TEST_F(NetworkPacing, PublishersOfSeveralThreadsWaitForTheReceiverThoughNobodyDrainsTheirContext) {
   Start(Pacing::kReceiver, SettingsFor(m_server.Url()));
-  std::size_t sent = 0;
-  for (int round = 0; round < 3; ++round) {
-    std::size_t inRow = 0;
-    while (Send() == SendResult::kSent) {
-      ++inRow;
-    }
-    sent += inRow;
-    EXPECT_LE(inRow, (NatsSettings().windowBytes / kPayload.size()) + 1);
-    m_source->events.clear();
-    DrainUntil({m_source.get(), m_slow.get()}, "room", [&] { return m_source->Heard("writable"); });
-  }
-  DrainUntil({m_source.get(), m_slow.get()}, "all messages", [&] { return m_slow->messages == sent; });
-  EXPECT_EQ(m_slow->lost, 0U);
-  ExpectAccount(*m_slow, sent);
-}
-
-TEST_F(NetworkPacing, ASendThatWaitsGoesOnWhenTheReceiverDoesAlsoWithNobodyDrainingTheSource) {
-  Start(Pacing::kReceiver, SettingsFor(m_server.Url()));
-  constexpr std::size_t kMessages = 2'000;
-  std::jthread sender([&] {
-    for (std::size_t i = 0; i < kMessages; ++i) {
-      ASSERT_EQ(Send(true), SendResult::kSent);
-    }
-  });
-  DrainUntil({m_slow.get()}, "all messages", [&] { return m_slow->messages == kMessages; });
-  sender.join();
-  ExpectAccount(*m_slow, kMessages);
-}
-
-TEST_F(NetworkPacing, WhatASourcePacedReceiverCannotKeepIsToldAlsoWhenItWasTheLast) {
-  NatsSettings settings = SettingsFor(m_server.Url());
-  settings.receiveQueueBytes = 100'000;
-  Start(Pacing::kSource, settings);
-  constexpr std::size_t kMessages = 5'000;
-  for (std::size_t i = 0; i < kMessages; ++i) {
-    ASSERT_EQ(Send(), SendResult::kSent);
-    m_source->Drain();
-  }
-  DrainUntil({m_source.get(), m_slow.get()}, "an account of all",
-             [&] { return m_slow->messages + m_slow->lost == kMessages; });
-  ExpectAccount(*m_slow, kMessages);
+  const auto other = m_source->transport->Advertise({"U", Pacing::kReceiver});
+  DrainUntil({m_source.get(), m_slow.get()}, "the subscription", [&] { return m_source->events.size() == 4; });
+  ExpectOrderAmongThreads(*m_source->transport, {m_publication.get(), m_publication.get(), other.get()}, *m_slow,
+                          {m_slow.get()});
 }
 
 TEST(SlowConsumer, IsCutOffByTheServerAndComesBackWithAFullAccount) {
@@ -107,25 +69,6 @@ TEST(SlowConsumer, IsCutOffByTheServerAndComesBackWithAFullAccount) {
   // Of a loss this long not every number is noted: nothing came twice, and nothing out of order.
   EXPECT_EQ(std::adjacent_find(b.sequences.begin(), b.sequences.end(), std::greater_equal<>()), b.sequences.end());
   EXPECT_FALSE(b.Heard("down T"));
-}
-
-TEST_F(NetworkPacing, ManyThreadsSendOnOneContextWithoutHarm) {
-  Start(Pacing::kReceiver, SettingsFor(m_server.Url()));
-  const auto other = m_source->transport->Advertise({"U", Pacing::kReceiver});
-  DrainUntil({m_source.get(), m_slow.get()}, "the subscription", [&] { return m_source->events.size() == 4; });
-  constexpr std::size_t kEach = 20'000;
-  std::vector<std::jthread> threads;
-  threads.reserve(4);
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&, thread] {
-      Publication& publication = thread % 2 == 0 ? *m_publication : *other;
-      for (std::size_t i = 0; i < kEach; ++i) {
-        ASSERT_EQ(Publish(*m_source->transport, publication, "small", true), SendResult::kSent);
-      }
-    });
-  }
-  DrainUntil({m_slow.get()}, "all messages", [&] { return m_slow->messages == 4 * kEach; });
-  EXPECT_EQ(m_slow->lost, 0U);
 }
 
 }  // namespace

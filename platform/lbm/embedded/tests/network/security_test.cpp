@@ -127,28 +127,6 @@ TEST_F(Security, OurPermissionsLetServersPublishPricesAndClientsNot) {
   EXPECT_THAT(client.Notices(), Contains(HasSubstr("lbm.default.source.price_server.segment.2")));
 }
 
-TEST_F(Security, AccountsKeepTheirUsersApart) {
-  const test_support::NatsServer server(
-      "accounts { ONE: { users: [{ user: one, password: \"1\" }] }, TWO: { users: [{ user: two, password: \"2\" }] } "
-      "}");
-  NatsSettings one = SettingsFor(server.Url());
-  one.server.userFile = Write("one", "one\n1\n");
-  NatsSettings two = SettingsFor(server.Url());
-  two.server.userFile = Write("two", "two\n2\n");
-  Member a(one);
-  Member b(two);
-  Member inOne(one);
-  Member inTwo(two);
-  const std::vector<Witness*> all{&a, &b, &inOne, &inTwo};
-  const auto first = a.transport->Advertise({"ONE", Pacing::kSource});
-  const auto second = b.transport->Advertise({"TWO", Pacing::kSource});
-  DrainUntil(all, "the subscriptions", [&] {
-    return a.Heard("joined " + inOne.transport->Identity()) && b.Heard("joined " + inTwo.transport->Identity());
-  });
-  EXPECT_TRUE(inOne.Heard("up ONE") && inTwo.Heard("up TWO"));
-  EXPECT_FALSE(inOne.Heard("up TWO") || inTwo.Heard("up ONE") || a.Heard("up TWO") || b.Heard("up ONE"));
-}
-
 TEST_F(Security, ACredentialsFileThatIsOfNoUseIsNamed) {
   const test_support::NatsServer server;
   NatsSettings settings = SettingsFor(server.Url());

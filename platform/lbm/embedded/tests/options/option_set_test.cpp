@@ -110,6 +110,7 @@ TEST(OptionSet, ErrorsNameScopeOptionValueAndWhatIsAllowed) {
   EXPECT_EQ(BadValue(Scope::kReceiver, "source_notification_function", "f"),
             "1 receiver option \"source_notification_function\" has no text form; its value is a "
             "lbm_rcv_src_notification_func_t");
+  EXPECT_THROW(OptionSet::BuiltInDefaults(Scope::kContext).Get(option::kTransportPacing), std::logic_error);
 }
 
 TEST(OptionSet, AWrongBinarySizeIsRefusedWithBothSizes) {
@@ -174,29 +175,17 @@ TEST(OptionSet, TextsThatMeanSomethingAreChecked) {
   }
 }
 
-TEST(OptionSet, TypedReadsGiveWhatWasSet) {
-  auto context = OptionSet::BuiltInDefaults(Scope::kContext);
-  EXPECT_EQ(context.Get(option::kOperationalMode), OperationalMode::kEmbedded);
-  context.SetText("operational_mode", "sequential");
-  EXPECT_EQ(context.Get(option::kOperationalMode), OperationalMode::kSequential);
-  EXPECT_EQ(context.Get(option::kTransportRingSize), std::size_t{1} << 20);
-  const lbm_src_notify_func_t notification{&Notify, &context};
-  context.SetBinary("resolver_source_notification_function", &notification, sizeof notification);
-  EXPECT_EQ(context.Get(option::kResolverSourceNotification).notifyfunc, &Notify);
-  EXPECT_EQ(context.Get(option::kResolverSourceNotification).clientd, &context);
-  EXPECT_THROW(context.Get(option::kTransportPacing), std::logic_error);
-}
-
 TEST(OptionSet, AreEqualWhenEveryValueIsWithEveryMemberOfARecord) {
-  const auto receiverWith = [](const lbm_rcv_src_notification_func_t& value) {
-    auto set = OptionSet::BuiltInDefaults(Scope::kReceiver);
-    set.SetBinary("source_notification_function", &value, sizeof value);
+  const auto with = [](Scope scope, const char* name, const auto& value) {
+    auto set = OptionSet::BuiltInDefaults(scope);
+    set.SetBinary(name, &value, sizeof value);
     return set;
   };
-  const auto contextWith = [](const lbm_src_notify_func_t& value) {
-    auto set = OptionSet::BuiltInDefaults(Scope::kContext);
-    set.SetBinary("resolver_source_notification_function", &value, sizeof value);
-    return set;
+  const auto receiverWith = [&](const lbm_rcv_src_notification_func_t& value) {
+    return with(Scope::kReceiver, "source_notification_function", value);
+  };
+  const auto contextWith = [&](const lbm_src_notify_func_t& value) {
+    return with(Scope::kContext, "resolver_source_notification_function", value);
   };
   const auto create = [](const char*, void*) -> void* { return nullptr; };
   const auto destroy = [](const char*, void*, void*) { return 0; };
@@ -262,24 +251,13 @@ std::string ShownOf(const OptionSet& set, std::string_view name) {
   return "nothing";
 }
 
-TEST(ShownOptions, TellWhereValuesComeFrom) {
+TEST(ShownOptions, TellWhetherAFunctionIsSetAndNothingOfWhatIsNotThereYet) {
   auto set = OptionSet::BuiltInDefaults(Scope::kContext);
-  set.SetText("domain", "x");
-  set.SetText("context_name", "y", origin::File("/etc/lbm.cfg", 7));
-  const std::uint32_t spinTime = 3;
-  set.SetBinary("spin_time", &spinTime, sizeof spinTime);
   EXPECT_EQ(ShownOf(set, "domain_directory"), "nothing");
-  set.Provide(option::kDomainDirectory, std::string("/run/x"), origin::Environment("LBM_RUNTIME_DIR"));
-  const OptionSet copy = set;
-  EXPECT_EQ(ShownOf(copy, "domain"), "x by attribute");
-  EXPECT_EQ(ShownOf(copy, "context_name"), "y by file /etc/lbm.cfg:7");
-  EXPECT_EQ(ShownOf(copy, "spin_time"), "3 by attribute");
-  EXPECT_EQ(ShownOf(copy, "domain_directory"), "/run/x by environment LBM_RUNTIME_DIR");
-  EXPECT_EQ(ShownOf(copy, "transport"), "host by default");
-  EXPECT_EQ(ShownOf(copy, "resolver_source_notification_function"), "none by default");
+  EXPECT_EQ(ShownOf(set, "resolver_source_notification_function"), "none by default");
   const lbm_src_notify_func_t function{&Notify, nullptr};
   set.SetBinary("resolver_source_notification_function", &function, sizeof function);
-  EXPECT_EQ(ShownOf(set, "resolver_source_notification_function"), "set by attribute");
+  EXPECT_EQ(ShownOf(OptionSet(set), "resolver_source_notification_function"), "set by attribute");
 
   auto same = OptionSet::BuiltInDefaults(Scope::kSource);
   same.SetText("transport_pacing", "source");

@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <lbm/lbm.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -98,49 +96,18 @@ TEST_F(ConfigFile, TheInitialOneFailsEveryUseUntilItIsRightAndIsThenReadNoMore) 
   EXPECT_EQ(defaults.Options(Scope::kContext).Get(option::kCloseLingerTime).count(), 5);
 }
 
-// In processes of their own, which have not used their defaults yet.
-class ProcessConfig : public ConfigFile {
- protected:
-  ProcessConfig() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+TEST_F(ConfigFile, OfTheConfigCallHoldsForWhatIsMadeLater) {
+  Write("context domain from-file");
+  ASSERT_EQ(lbm_config(Path().c_str()), 0) << lbm_errmsg();
+  lbm_context_attr_t* attr = nullptr;
+  ASSERT_EQ(lbm_context_attr_create(&attr), 0) << lbm_errmsg();
+  char text[LBM_OPTION_VALUE_MAX];
+  std::size_t size = sizeof text;
+  EXPECT_EQ(lbm_context_attr_str_getopt(attr, "domain", text, &size), 0) << lbm_errmsg();
+  EXPECT_STREQ(text, "from-file");
+  EXPECT_EQ(lbm_context_attr_delete(attr), 0);
 
-  [[noreturn]] void PrintDomainOfNewAttributesAndExit() {
-    lbm_context_attr_t* attr = nullptr;
-    char text[LBM_OPTION_VALUE_MAX];
-    std::size_t size = sizeof text;
-    const bool isRead =
-        lbm_context_attr_create(&attr) == 0 && lbm_context_attr_str_getopt(attr, "domain", text, &size) == 0;
-    std::fputs(isRead ? text : lbm_errmsg(), stderr);
-    std::filesystem::remove_all(m_directory.Path());
-    std::_Exit(0);
-  }
-};
-
-TEST_F(ProcessConfig, IsReadFromTheFileThatTheEnvironmentNames) {
-  EXPECT_EXIT(
-      {
-        Write("context domain from-environment");
-        setenv(kConfigFileVariable, Path().c_str(), 1);
-        PrintDomainOfNewAttributesAndExit();
-      },
-      testing::ExitedWithCode(0), "^from-environment$");
-  EXPECT_EXIT(
-      {
-        Write("\ncontext domain /");
-        setenv(kConfigFileVariable, Path().c_str(), 1);
-        PrintDomainOfNewAttributesAndExit();
-      },
-      testing::ExitedWithCode(0), "^lbm_context_attr_create: .*lbm.cfg:2: context option \"domain\"");
-}
-
-TEST_F(ProcessConfig, IsChangedByTheConfigCall) {
-  EXPECT_EXIT(
-      {
-        unsetenv(kConfigFileVariable);
-        Write("context domain from-file");
-        lbm_config(Path().c_str());
-        PrintDomainOfNewAttributesAndExit();
-      },
-      testing::ExitedWithCode(0), "^from-file$");
+  std::filesystem::remove(Path());
   EXPECT_FAILS(lbm_config(nullptr), LBM_EINVAL, "lbm_config: the argument file_name is null");
   EXPECT_FAILS(lbm_config(Path().c_str()), LBM_EOS,
                "lbm_config: cannot read the configuration file \"" + Path() + "\": No such file or directory");

@@ -10,24 +10,18 @@
 #include <thread>
 #include <vector>
 
+#include "../api/domain.h"
+
 namespace sweep {
 
 namespace {
 
+using engine_test::MakeAttributes;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kPatience{30};
 constexpr std::chrono::milliseconds kHope{20};     // while calls fail
 constexpr std::chrono::milliseconds kFlight{200};  // of a message, before another one is sent
-
-template <class Attr>
-Attr* MakeAttributes(int (*create)(Attr**)) {
-  Attr* attr = nullptr;
-  if (create(&attr) != 0) {
-    throw Fault("no attributes");
-  }
-  return attr;
-}
 
 int Engine(const std::function<int()>& call) {
   const Doing engine(Doing::Whose::kEngine);
@@ -57,9 +51,9 @@ void World::Must(const char* what, const std::function<int()>& call) {
 }
 
 World::Context& World::NewContext(const char* ringBytes) {
-  auto* const attr = MakeAttributes(lbm_context_attr_create);
-  lbm_context_attr_str_setopt(attr, "operational_mode", m_embedded ? "embedded" : "sequential");
-  lbm_context_attr_str_setopt(attr, "transport_ring_size", ringBytes);
+  auto* const attr = MakeAttributes(
+      lbm_context_attr_create, lbm_context_attr_str_setopt,
+      {{"operational_mode", m_embedded ? "embedded" : "sequential"}, {"transport_ring_size", ringBytes}});
   Context& context = m_contexts.emplace_back();
   Try("making a context", [&] { return lbm_context_create(&context.handle, attr, nullptr, nullptr); });
   lbm_context_attr_delete(attr);
@@ -70,8 +64,8 @@ World::Source& World::NewSource(Context& context, const char* name, const char* 
   Source& source = m_sources.emplace_back();
   source.context = &context;
   source.topic = name;
-  auto* const attr = MakeAttributes(lbm_src_topic_attr_create);
-  lbm_src_topic_attr_str_setopt(attr, "transport_pacing", pacing);
+  auto* const attr =
+      MakeAttributes(lbm_src_topic_attr_create, lbm_src_topic_attr_str_setopt, {{"transport_pacing", pacing}});
   lbm_topic_t* topic = nullptr;
   Try("allocating a topic", [&] { return lbm_src_topic_alloc(&topic, context.handle, name, attr); });
   Try("making a source",
@@ -85,7 +79,7 @@ World::Receiver& World::NewReceiver(Context& context, const char* name, lbm_even
   receiver.context = &context;
   receiver.topic = name;
   receiver.queue = queue;
-  auto* const attr = MakeAttributes(lbm_rcv_topic_attr_create);
+  auto* const attr = MakeAttributes(lbm_rcv_topic_attr_create, lbm_rcv_topic_attr_str_setopt, {});
   if (queue == nullptr) {
     const lbm_rcv_src_notification_func_t notification{[](const char*, void* clientd) -> void* {
                                                          ++static_cast<Receiver*>(clientd)->announced;
@@ -107,8 +101,8 @@ World::Receiver& World::NewReceiver(Context& context, const char* name, lbm_even
 }
 
 lbm_event_queue_t*& World::NewQueue() {
-  auto* const attr = MakeAttributes(lbm_event_queue_attr_create);
-  lbm_event_queue_attr_str_setopt(attr, "queue_cancellation_callbacks_enabled", "1");
+  auto* const attr = MakeAttributes(lbm_event_queue_attr_create, lbm_event_queue_attr_str_setopt,
+                                    {{"queue_cancellation_callbacks_enabled", "1"}});
   lbm_event_queue_t*& queue = m_queues.emplace_back();
   Try("making a queue", [&] { return lbm_event_queue_create(&queue, nullptr, nullptr, attr); });
   lbm_event_queue_attr_delete(attr);
@@ -155,11 +149,14 @@ void World::Ask(Source& source) {
   });
 }
 
-void World::CloseRequest(Source& source) {
-  if (auto* const request = std::exchange(source.request, nullptr)) {
-    Must("deleting a request", [&] { return lbm_request_delete(request); });
+template <class Handle>
+void World::Remove(Handle*& handle, int (*remove)(Handle*)) {
+  if (auto* const removed = std::exchange(handle, nullptr)) {
+    Must("a deletion", [&] { return remove(removed); });
   }
 }
+
+void World::CloseRequest(Source& source) { Remove(source.request, lbm_request_delete); }
 
 void World::Cancel(Watched& watched) {
   if (auto* const context = std::exchange(watched.context, nullptr)) {
@@ -180,22 +177,12 @@ void World::CancelAndAwaitNotice(Watched& watched) {
 
 void World::Delete(Source& source) {
   CloseRequest(source);
-  if (auto* const handle = std::exchange(source.handle, nullptr)) {
-    Must("deleting a source", [&] { return lbm_src_delete(handle); });
-  }
+  Remove(source.handle, lbm_src_delete);
 }
 
-void World::Delete(Receiver& receiver) {
-  if (auto* const handle = std::exchange(receiver.handle, nullptr)) {
-    Must("deleting a receiver", [&] { return lbm_rcv_delete(handle); });
-  }
-}
+void World::Delete(Receiver& receiver) { Remove(receiver.handle, lbm_rcv_delete); }
 
-void World::Delete(Context& context) {
-  if (auto* const handle = std::exchange(context.handle, nullptr)) {
-    Must("deleting a context", [&] { return lbm_context_delete(handle); });
-  }
-}
+void World::Delete(Context& context) { Remove(context.handle, lbm_context_delete); }
 
 void World::DeleteAll() {
   for (Watched& watched : m_watched) {
@@ -211,9 +198,7 @@ void World::DeleteAll() {
     Delete(context);
   }
   for (auto*& queue : m_queues) {
-    if (auto* const handle = std::exchange(queue, nullptr)) {
-      Must("deleting a queue", [&] { return lbm_event_queue_delete(handle); });
-    }
+    Remove(queue, lbm_event_queue_delete);
   }
 }
 

@@ -86,6 +86,8 @@ class World {
  private:
   void Try(const char* what, const std::function<int()>& call);
   static void Must(const char* what, const std::function<int()>& call);
+  template <class Handle>
+  static void Remove(Handle*& handle, int (*remove)(Handle*));
   void ServeOnce();
   bool Await(const std::function<bool()>& condition, std::chrono::milliseconds patience);
   void Insist(const std::string& what, const std::function<bool()>& condition);
