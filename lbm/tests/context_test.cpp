@@ -111,6 +111,8 @@ TEST_F(FailuresTest, SayWhatFailedAndLeaveNothingBehind) {
     std::string text;
     std::function<void()> call;
   } cases[] = {
+      {"lbm_src_topic_attr_create", "Failed to create LBM source topic attributes", [] { SourceTopicAttributes(); }},
+      {"lbm_context_attr_str_getopt", "Failed to get LBM context attribute", [] { ContextAttributes().GetString(""); }},
       {"lbm_context_create", "Failed to create LBM context", [] { Context{ContextAttributes()}; }},
       {"lbm_context_process_events", "Failed to process LBM context events", [&] { context.Poll(60'000); }},
       {"lbm_context_unblock", "Failed to unblock LBM context", [&] { context.Unblock(); }},

@@ -157,6 +157,7 @@ TEST_F(RequestRaceTest, EveryRequestIsEitherCancelledOrToldItsOutcomeOnce) {
     }
   };
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back(work, thread);
   }
@@ -164,28 +165,6 @@ TEST_F(RequestRaceTest, EveryRequestIsEitherCancelledOrToldItsOutcomeOnce) {
     thread.join();
   }
   EXPECT_EQ(faults, 0);
-}
-
-TEST_F(RequestRaceTest, ARequestMayEndInItsOwnCallbackWhileMoreResponsesCome) {
-  constexpr std::size_t kRounds = 200;
-  const auto server = Listen(*m_servers, "PRICES", {"1", "2", "3"});
-  RequestSource requests(*m_clients, TopicToSend(*m_clients, "PRICES"));
-  Outcomes ends;
-  const auto end = ends.Callback();
-  std::mutex mutex;
-  PendingRequest request;
-  for (std::size_t round = 1; round <= kRounds; ++round) {
-    {
-      const std::lock_guard lock(mutex);
-      request = requests.Ask("ask", kByEventsOnly, [&](const Message&) {
-        const std::lock_guard taken(mutex);
-        request = {};
-        end({});
-        return Answer::kPartial;
-      });
-    }
-    ends.Await(round);
-  }
 }
 
 }  // namespace

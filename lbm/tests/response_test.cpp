@@ -48,8 +48,8 @@ class ResponseTest : public LbmTest {
     LbmTest::TearDown();
   }
 
-  bool Send(int maxRetries, int retrySleepMs, const char* source = "SRC", const char* topic = "TOPIC") {
-    return m_request.GetResponse().SendWithRetries(source, topic, "reply", 5, "ID", maxRetries, retrySleepMs, 1);
+  bool Send(int maxRetries, int retrySleepMs) {
+    return m_request.GetResponse().SendWithRetries("SRC", "TOPIC", "reply", 5, "ID", maxRetries, retrySleepMs, 1);
   }
 
   static void WouldBlock(int times = 1) { Script("lbm_send_response", Failure(LBM_EWOULDBLOCK, "would block"), times); }
@@ -94,7 +94,7 @@ TEST_F(ResponseTest, EveryOutcomeHasItsLine) {
   EXPECT_FALSE(Send(2, 10));
   WouldBlock();
   Script("lbm_send_response", Failure(LBM_ENOMEM, "no memory"));
-  EXPECT_FALSE(Send(7, 10));
+  EXPECT_FALSE(m_request.GetResponse().SendWithRetries(m_request, "reply", "ID", 7, 10, 0));
   EXPECT_FALSE(Response(nullptr).SendWithRetries("SRC", "TOPIC", "reply", 5, "ID", 1, 0, 0));
   const std::string asked = "requestId=ID retrySleepMs=10 retriesRemaining=";
   const std::string from = " source=SRC topicName=TOPIC";
@@ -113,14 +113,6 @@ TEST_F(ResponseTest, OnlyMinusOneIsAFailure) {
   EXPECT_THAT(CallsTo("lbm_errnum"), IsEmpty());
 }
 
-TEST_F(ResponseTest, AMissingSourceOrTopicOnlyShortensTheLine) {
-  Script("lbm_send_response", Failure(LBM_ENOMEM, "no memory"), 2);
-  EXPECT_FALSE(Send(1, 0, nullptr));
-  EXPECT_FALSE(Send(1, 0, "SRC", nullptr));
-  const std::string start = "Error responding to requestId=ID retrySleepMs=0 retriesRemaining=1 maxRetries=1 source=";
-  EXPECT_THAT(log_capture::Texts(), ElementsAre(start, start + "SRC topicName="));
-}
-
 TEST_F(ResponseTest, ASleepGoesOnAfterASignalAndEndsAtAnyOtherError) {
   g_sleeps.interruptedWith = {{1, 500'000'000}, {0, 2'000'000}};
   WouldBlock();
@@ -131,19 +123,13 @@ TEST_F(ResponseTest, ASleepGoesOnAfterASignalAndEndsAtAnyOtherError) {
   EXPECT_THAT(g_sleeps.milliseconds, ElementsAre(2500, 1500, 2, 10));
 }
 
-TEST_F(ResponseTest, TheOtherFormsSendTheSame) {
+TEST_F(ResponseTest, WithoutRetriesItIsSentAsToldOrTheFailureIsThrown) {
   const Response response = m_request.GetResponse();
   response.Send(std::string("reply"), LBM_SRC_FLUSH);
   const auto sent = CallsTo("lbm_send_response").at(0);
   EXPECT_EQ(sent.Text("data"), "reply");
   EXPECT_EQ(sent.Number("flags"), LBM_SRC_FLUSH);
-
   EXPECT_EQ(FailureOf("lbm_send_response", [&] { response.Send("reply", 5, 0); }), "Failed to send LBM response: no");
-
-  WouldBlock();
-  EXPECT_FALSE(response.SendWithRetries(m_request, "reply", "ID", 1, 0, 0));
-  EXPECT_THAT(log_capture::Texts().back(), ::testing::EndsWith("maxRetries=1 source=SRC topicName=TOPIC error=2"));
-  EXPECT_EQ(CallsTo("lbm_send_response").back().Text("data"), "reply");
 }
 
 }  // namespace

@@ -106,20 +106,14 @@ TEST(TriageRequestsTest, WhatIsNoRequestIsDroppedUnanswered) {
   const std::pair<std::string, std::string> cases[] = {
       // Data, and how the line begins; none for an empty one.
       {"", invalid},
-      {std::string(1 << 20, '\x7b'), invalid},  // the beginnings of groups
       {triage::TestRequest("id") + '\xff', invalid + "header { msg_type: MSG_OPS_TRIAGE_ACTION_WITH_WIRE } payload: "},
-      {"\x12\x02id", invalid + "payload: \"id\""},
       {"\x0a\x00\x12\x02id"s, invalid + "header { } payload: \"id\""},
       {"\x0a\x03\x08\x95\x0a", incomplete},
       {Enveloped(Header::MSG_OPS_TRIAGE_TEST_REQUEST, ""), noAction + "MSG_OPS_TRIAGE_TEST_REQUEST }"},
-      {Enveloped(9999, ""), noAction + "9999 }"},
       {Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, "\xff"), ""},
-      {Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, std::string(1 << 20, '\x7b')), ""},
-      {ActionAround("\x12\x01x"), ""},
       {ActionAround("\x0a\x00\x12\x01x"s), ""},
       {ActionAround("\x0a\x03\x08\x97\x0a"), ""},
       {RequestWith(Header::MSG_OPS_TRIAGE_ACTION_RESPONSE, ""), unknown + "MSG_OPS_TRIAGE_ACTION_RESPONSE }"},
-      {RequestWith(-5, ""), unknown + "-5 } payload: \"\" } request_id: \"id\""},
   };
   InProcessWith(kNames, [&] {
     const auto context = MakeContext();
@@ -128,11 +122,6 @@ TEST(TriageRequestsTest, WhatIsNoRequestIsDroppedUnanswered) {
       EXPECT_THAT(lines, SizeIs(line.empty() ? 0 : 1)) << line;
       EXPECT_TRUE(lines.empty() || lines[0].rfind(line, 0) == 0) << lines[0];
     }
-    std::string nested;
-    for (int depth = 0; depth < 1000; ++depth) {
-      nested = Enveloped(Header::MSG_OPS_TRIAGE_ACTION_WITH_WIRE, nested);
-    }
-    DeliverRequest(nested);
     EXPECT_THAT(CallsTo("lbm_send_response"), IsEmpty());
   });
 }

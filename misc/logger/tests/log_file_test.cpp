@@ -105,6 +105,18 @@ TEST_F(LogFileTest, LinesGoOnToTheMovedFileWhileItsPlaceCannotBeOpened) {
   WriteUntil(file, "back\n", [&] { return Text("stderr").find("written again") != std::string::npos; });
 }
 
+TEST_F(LogFileTest, AFileThatCannotBeOpenedIsTriedAgain) {
+  const StandardErrorInFile standardError(m_directory.Path() / "stderr");
+  m_options.file = m_directory.Path() / "later" / "log";
+  LogFile file;
+  file.Configure(m_options);
+  EXPECT_THAT(Text("stderr"), HasSubstr("No such file or directory"));
+  file.Write("lost\n", system_clock::now());
+  fs::create_directory(m_directory.Path() / "later");
+  WriteUntil(file, "kept\n", [&] { return Text("stderr").find("written again") != std::string::npos; });
+  EXPECT_EQ(Text("later/log"), "kept\n");
+}
+
 TEST_F(LogFileTest, RotationBySizeKeepsLinesWholeAndTheNewestFiles) {
   m_options.fileSizeMax = 10;
   m_options.filesKept = 2;

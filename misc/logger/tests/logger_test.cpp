@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <iomanip>
 #include <map>
@@ -190,18 +189,6 @@ TEST_F(LoggerTest, StatementsComeOutWhileAThreadEnds) {
   }).join();
   pthread_key_delete(key);
   EXPECT_THAT(Texts(), ElementsAre("first", "running", "from thread_local", "from a key"));
-}
-
-TEST_F(LoggerTest, StatementsComeOutDuringStaticDestruction) {
-  EXPECT_EXIT(
-      {
-        static LogsWhenDestroyed logs{"from static"};
-        static_cast<void>(logs.text);
-        Sink() = [](const Emitted& statement) { std::fprintf(stderr, "[%s]", statement.text.c_str()); };
-        ZQLOG(ZQLOG_INFO, 0, "running");
-        std::exit(0);
-      },
-      ::testing::ExitedWithCode(0), "\\[running\\]\\[from static\\]");
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ namespace statistics = zq::statistics;
 using statistics::FieldType;
 using testing::HasSubstr;
 
-const statistics::Kind kThing{
+const statistics::Kind kKind{
     .name = "thing",
     .help = "A thing.",
     .labels = {"name"},
@@ -39,7 +39,7 @@ class DamagedPage : public testing::Test {
  protected:
   DamagedPage() {
     for (int i = 0; i < 3; ++i) {
-      m_rows[i] = std::make_unique<statistics::Row>(m_page, kThing,
+      m_rows[i] = std::make_unique<statistics::Row>(m_page, kKind,
                                                     std::initializer_list<std::string_view>{std::string(9, 'x')});
     }
     std::filesystem::copy_file(m_page.Path(), m_copy);
@@ -185,7 +185,7 @@ TEST_F(DamagedPage, RowsThatComeAndGoAreNeverMixedUp) {
     for (int i = 0; !ended; ++i) {
       // In one place, one after the other.
       const std::string name(i % 2 == 0 ? 8 : 9, 'a');
-      statistics::Row row(m_page, kThing, {name});
+      statistics::Row row(m_page, kKind, {name});
       row.Add(0, name.size());
     }
   });
@@ -208,7 +208,7 @@ TEST_F(DamagedPage, IsNotSeenInOneThatGrowsAndLearnsNewKinds) {
     std::thread writer([&] {
       std::vector<std::unique_ptr<statistics::Row>> rows;
       for (int number = 0; number < 100; ++number) {
-        statistics::Kind kind = kThing;
+        statistics::Kind kind = kKind;
         kind.name += std::to_string(number);
         for (int i = 0; i < 3; ++i) {
           rows.push_back(std::make_unique<statistics::Row>(page, kind, std::initializer_list<std::string_view>{"a"}));
