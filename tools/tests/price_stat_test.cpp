@@ -58,6 +58,7 @@ TEST_F(PriceStatTest, SeesWhoHangsIsStoppedOrHasEnded) {
   EXPECT_THAT(list, AllOf(ContainsRegex("a \\[2Jb +\\? .*unreadable"), Not(HasSubstr("\x1b"))));
   const auto json = nlohmann::json::parse(Run({"list", "--json"}));
   EXPECT_EQ(json["processes"].size(), 5U);
+  EXPECT_THAT(json.dump(), HasSubstr("\"process\":null")) << "of the page that cannot be read";
   // Nobody publishes any more who has ended.
   const auto topics = nlohmann::json::parse(Run({"topics", "orders", "--json"}))["topics"];
   ASSERT_EQ(topics.size(), 1U);

@@ -105,30 +105,21 @@ TEST_F(ToolsTest, ASecondServerForTheSameInstanceIsRefused) {
   EXPECT_EQ(first.Wait(), 0);
 }
 
-TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForIt) {
+TEST_F(ToolsTest, EndInOrderOnEverySignalThatAsksForItAndGiveTheTerminalBack) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     Process server(Server({kStocks, "--loop", "--rate=0"}), m_environment);
     Process client(Client({"--instance=1:1:1"}), m_environment, Process::Terminal::kOutput);
     ASSERT_TRUE(client.WaitForOutput("AMZN")) << client.Output() << server.Errors();
     client.Signal(signal);
     EXPECT_EQ(client.Wait(), 0) << client.Errors();
-    EXPECT_THAT(client.Output(), ContainsRegex("\ntotal +[0-9,]+ "));
+    EXPECT_THAT(client.Output(), StartsWith("\x1b[?1049h\x1b[?25l"));
+    const auto end = client.Output().find("\x1b[?25h\x1b[?1049l");
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_THAT(client.Output().substr(end), ContainsRegex("\ntotal +[0-9,]+ "));
     server.Signal(signal);
     EXPECT_EQ(server.Wait(), 0) << server.Errors();
     EXPECT_THAT(server.Output(), ContainsRegex("sent [0-9]+ updates in .*\n$"));
   }
-}
-
-TEST_F(ToolsTest, TheLiveViewGivesTheTerminalBack) {
-  Process server(Server({kStocks, "--loop"}), m_environment);
-  Process client(Client({"--instance=1:1:1:TEST"}), m_environment, Process::Terminal::kOutput);
-  ASSERT_TRUE(client.WaitForOutput("AMZN")) << client.Output() << client.Errors();
-  client.Signal(SIGINT);
-  EXPECT_EQ(client.Wait(), 0) << client.Errors();
-  EXPECT_THAT(client.Output(), StartsWith("\x1b[?1049h\x1b[?25l"));
-  const auto leave = client.Output().find("\x1b[?25h\x1b[?1049l");
-  ASSERT_NE(leave, std::string::npos);
-  EXPECT_THAT(client.Output().substr(leave), HasSubstr("total "));
 }
 
 TEST_F(ToolsTest, TheTerminalComesBackWhenTheClientCrashes) {
@@ -166,13 +157,6 @@ TEST_F(ToolsTest, SegmentsThatProductsNameAreReceivedWhenAskedFor) {
   EXPECT_TRUE(client.WaitForOutput(" segments=3/3 ")) << client.Output();
   client.Signal(SIGINT);
   EXPECT_EQ(client.Wait(), 0) << client.Errors();
-}
-
-TEST_F(ToolsTest, WhatAFileHoldsDoesNotReachTheTerminalAsItIs) {
-  const auto prices = Write("bad.csv", "symbol,date,price\nA,2000-01-03,\x1b[2J\xc2\x9b\n").string();
-  Process server(Server({"--prices=" + prices}), m_environment);
-  EXPECT_EQ(server.Wait(), 2);
-  EXPECT_THAT(server.Errors(), HasSubstr("bad price \" [2J \""));
 }
 
 TEST_F(ToolsTest, WhatCannotBeUsedIsRefusedBeforeAnythingStarts) {
@@ -236,17 +220,6 @@ TEST_F(ToolsTest, OutputThatCannotBeWrittenIsAnError) {
     Process process({"/bin/sh", "-c", "echo help | " + line + "> /dev/full"}, m_environment);
     EXPECT_EQ(process.Wait(), 3);
     EXPECT_THAT(process.Errors(), HasSubstr("cannot write to standard output: No space left on device"));
-  }
-}
-
-TEST_F(ToolsTest, HelpAndVersionGoToStandardOutput) {
-  for (const char* program : {PRICE_SERVER, PRICE_CLIENT, TRIAGE}) {
-    Process help({program, "--help"}, m_environment);
-    EXPECT_EQ(help.Wait(), 0);
-    EXPECT_THAT(help.Output(), HasSubstr("Exit codes: 0 "));
-    Process version({program, "--version"}, m_environment);
-    EXPECT_EQ(version.Wait(), 0);
-    EXPECT_THAT(version.Output(), EndsWith(" " PRICE_CONNECTOR_VERSION "\n"));
   }
 }
 

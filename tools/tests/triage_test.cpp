@@ -65,12 +65,10 @@ TEST_F(TriageToolTest, ShowsWhoAnswersWithAndWithoutAnEventQueue) {
 
 TEST_F(TriageToolTest, SwitchesNaksAndTheClientSaysWhatBecameOfThem) {
   const auto client = StartClient();
-  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=order", "--disable", "--expect=1", "--timeout=60"}), 0),
-              AllOf(HasSubstr(" success "), HasSubstr("is in the processes' logs")));
-  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=PRICE", "--enable", "--expect=1", "--timeout=60"}), 0),
-              HasSubstr(" success "));
-  EXPECT_THAT(EndOf(*Triage({"nak-kill", "--context=ALL", "--enable", "--expect=1", "--timeout=60"}), 0),
-              HasSubstr(" success "));
+  for (const Arguments& what : {Arguments{"--context=order", "--disable"}, {"--context=ALL", "--enable"}}) {
+    EXPECT_THAT(EndOf(*Triage(Command({"nak-kill", "--expect=1", "--timeout=60"}, what)), 0),
+                AllOf(HasSubstr(" success "), HasSubstr("is in the processes' logs")));
+  }
   client->Signal(SIGINT);
   client->Wait();
   EXPECT_THAT(client->Errors(), ContainsRegex("Failed to disable NAKs(.|\n)*Failed to enable NAKs"));

@@ -37,20 +37,5 @@ TEST(LatencyHistogram, QuantilesAreAtMostOneThirtySecondTooGreat) {
   EXPECT_EQ(histogram.Max(), values.back());
 }
 
-TEST(LatencyHistogram, SumsCountBoth) {
-  LatencyHistogram fast;
-  LatencyHistogram slow;
-  for (int i = 0; i < 3; ++i) {
-    fast.Record(10);
-  }
-  slow.Record(1000);
-  auto both = fast;
-  both.Add(slow);
-  EXPECT_EQ(both.Count(), 4U);
-  EXPECT_EQ(both.Quantile(0.75), 10U);
-  EXPECT_EQ(both.Quantile(0.76), 1000U);
-  EXPECT_EQ(LatencyHistogram().Quantile(0.5), 0U);
-}
-
 }  // namespace
 }  // namespace price_client

@@ -112,15 +112,5 @@ TEST_F(ServerLifeTest, TakesNeitherUnannouncedStatusesNorEndsOfUnknownSourcesAmi
   EXPECT_EQ(m_life.State(), InstanceState::kGone);
 }
 
-TEST_F(ServerLifeTest, AServerIsSilentWhileItIsUpAndItsStatusOverdue) {
-  ComeUp(kOld);
-  m_now += 5s;
-  EXPECT_FALSE(m_life.Status(m_now)->isSilent);
-  m_now += 1ms;
-  EXPECT_TRUE(m_life.Status(m_now)->isSilent);
-  Go();
-  EXPECT_FALSE(m_life.Status(m_now)->isSilent);
-}
-
 }  // namespace
 }  // namespace price_client

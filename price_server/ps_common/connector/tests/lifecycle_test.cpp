@@ -106,14 +106,10 @@ TEST_F(Lifecycle, TroubleWithNotificationsIsAWarningAndTheManagerStartsAnyway) {
 
 TEST_F(Lifecycle, MisspeltAttributesAreWarnedAboutAndTheDefaultsHold) {
   Start({.config = "\n<Logging lbmNotification='yes'/>\n<General onloadStackNames='x'/>"});
-  const auto lines = Lines();
-  ASSERT_THAT(lines, SizeIs(testing::Ge(3U)));
-  EXPECT_EQ(lines[1],
-            "20 13 Unknown configuration attribute=lbmNotification file=<memory> line=2 node=Logging "
-            "meant=lbmNotifications");
-  EXPECT_EQ(lines[2],
-            "20 13 Unknown configuration attribute=onloadStackNames file=<memory> line=3 node=General "
-            "meant=OnloadStackName");
+  const std::string unknown = "20 13 Unknown configuration attribute=";
+  EXPECT_THAT(Lines(), testing::IsSupersetOf(
+                           {unknown + "lbmNotification file=<memory> line=2 node=Logging meant=lbmNotifications",
+                            unknown + "onloadStackNames file=<memory> line=3 node=General meant=OnloadStackName"}));
   EXPECT_THAT(OptionsSet(), testing::Not(Contains("resolver_source_notification_function")));
 }
 

@@ -34,13 +34,5 @@ TEST(ServerInstance, OrderIsNumericByMarketSubmarketNodeAndFiller) {
   }
 }
 
-TEST(ServerInstance, TextsNameTheInstance) {
-  const ServerInstance named{1, -2, 3, 65535, "CME"};
-  EXPECT_EQ(named.ToIdentifier(), "1.-2.3.65535");
-  EXPECT_EQ(named.ToString(), "CME(1.-2.3.65535)");
-  EXPECT_EQ((ServerInstance{0, 0, 0, 0, {}}).ToString(), "0.0.0.0");
-  EXPECT_EQ(named.GetSubmarket(), (std::pair<MarketID_t, SubmarketID_t>{1, -2}));
-}
-
 }  // namespace
 }  // namespace ps_ns

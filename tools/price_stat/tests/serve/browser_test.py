@@ -1,9 +1,5 @@
-"""The page of price_stat serve in a headless browser; skipped (77) where there is none.
+"""The page of price_stat serve in a headless browser; skipped (77) where there is none."""
 
-With a fourth argument it leaves a picture of the page in that file.
-"""
-
-import base64
 import itertools
 import json
 import os
@@ -15,6 +11,7 @@ import sys
 import tempfile
 import time
 import unittest
+from collections.abc import Callable
 from typing import Any
 
 PRICE_STAT, PLAYED_PROCESS = sys.argv[1:3]
@@ -141,18 +138,19 @@ class BrowserTest(unittest.TestCase):
         self.addCleanup(end)
         return process
 
-    def play(self, contexts: int, *more: str) -> subprocess.Popen[str]:
-        player = self.start([PLAYED_PROCESS, str(contexts), "5", *more])
+    def play(self, contexts: int) -> subprocess.Popen[str]:
+        player = self.start([PLAYED_PROCESS, str(contexts), "5"])
         assert player.stdout
         self.assertEqual("ready\n", player.stdout.readline())
         return player
 
-    def wait(self, script: str) -> None:
+    def wait(self, script: str, meanwhile: Callable[[], object] = lambda: None) -> None:
         deadline = time.monotonic() + PATIENCE_SECONDS
         while not self.browser.value(script):
             if time.monotonic() > deadline:
                 text = self.browser.value("document.body.innerText")
                 self.fail(f"never true: {script}\n{text}\n{self.browser.complaints}")
+            meanwhile()
             select.select([], [], [], 0.05)
 
     def wait_for_state(self, process: subprocess.Popen[str], state: str) -> None:
@@ -181,10 +179,13 @@ class BrowserTest(unittest.TestCase):
         self.wait("!document.getElementById('fault').hidden && document.body.classList.contains('stale')")
 
     def test_is_used_with_the_keyboard_alone(self) -> None:
-        self.play(2, "live")
+        player = self.play(2)
         self.browser.call("Page.navigate", url=self.address)
         # Names are texts, whatever is in them; rates come with the second look.
-        self.wait(f"{CELLS}.some((cells) => cells[1] === '<i>prices</i>.1' && /^[0-9.]+ k$/.test(cells[3]))")
+        self.wait(
+            f"{CELLS}.some((cells) => cells[1] === '<i>prices</i>.1' && /^[0-9.]+ k$/.test(cells[3]))",
+            meanwhile=lambda: print("receive 1000", file=player.stdin, flush=True),
+        )
         self.assertEqual([], self.browser.value("[...document.querySelectorAll('table i')]"))
         self.browser.press("/")
         for key in "<i>":
@@ -204,33 +205,8 @@ class BrowserTest(unittest.TestCase):
         self.assertEqual([], self.browser.complaints)
 
 
-def take_picture(file: str) -> None:
-    test = BrowserTest()
-    test.setUp()
-    try:
-        players = [test.play(1, "live") for _ in range(3)]
-        select.select([], [], [], 12)
-        test.browser.call("Page.navigate", url=test.address)
-        test.browser.call(
-            "Emulation.setDeviceMetricsOverride", width=1440, height=1240, deviceScaleFactor=1, mobile=False
-        )
-        select.select([], [], [], 25)
-        players[2].send_signal(signal.SIGSTOP)
-        select.select([], [], [], 10)
-        test.browser.value("document.querySelector('#contexts tbody tr:nth-child(2) button').click()")
-        select.select([], [], [], 2)
-        picture = test.browser.call("Page.captureScreenshot", format="png")["data"]
-        with open(file, "wb") as output:
-            output.write(base64.b64decode(picture))
-    finally:
-        test.doCleanups()
-
-
 if __name__ == "__main__":
     if BROWSER is None:
         print("skipped: there is no browser here (Debian package chromium)")
         sys.exit(77)
-    if len(sys.argv) > 3:
-        take_picture(sys.argv[3])
-    else:
-        unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(argv=sys.argv[:1], verbosity=2)
