@@ -31,7 +31,6 @@ function(price_connector_library_settings target)
   if(PRICE_CONNECTOR_SANITIZE)
     # To optimise tests and tools would take longer than they run.
     target_compile_options(${target} PRIVATE -O1)
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ON)
   endif()
   set_target_properties(${target} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
                                              VISIBILITY_INLINES_HIDDEN ON)

@@ -78,7 +78,7 @@ if(USER STREQUAL "pkg_config")
   expect_shared(${project}/program yes)
   expect_shared(${project}/static_program no)
 else()
-  list(APPEND options -D CMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_FLAGS=${FLAGS}")
+  list(APPEND options -D CMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=${FLAGS}")
   if(COMPILER)
     list(APPEND options -D CMAKE_CXX_COMPILER=${COMPILER} -D CMAKE_CXX_STANDARD=${STANDARD} -D
          HEADERS_IN_ONE=${HEADERS_IN_ONE})

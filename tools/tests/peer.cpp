@@ -8,6 +8,7 @@
 #include "feed/command.h"
 #include "lbm/attributes.h"
 #include "lbm/topics.h"
+#include "process.h"
 #include "ps_common/connector/topic_names.h"
 #include "zq/logging/default_backend.h"
 
@@ -16,8 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using ps_ns::TopicNames;
-
-constexpr auto kDeadline = std::chrono::seconds(60);
 
 }  // namespace
 

@@ -23,8 +23,6 @@ using test_support::MakePipe;
 using test_support::Pipe;
 using zq::posix::Descriptor;
 
-constexpr auto kDeadline = std::chrono::seconds(60);
-
 Pipe MakeTerminal() {
   int reader = -1;
   int writer = -1;

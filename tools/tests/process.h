@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <utility>
@@ -11,6 +12,9 @@
 #include "zq/posix/descriptor.h"
 
 namespace tools_test {
+
+// How long tests wait for what has to come.
+inline constexpr std::chrono::seconds kDeadline{60};
 
 // Environment variables on top of the test's own.
 using Environment = std::vector<std::pair<std::string, std::string>>;

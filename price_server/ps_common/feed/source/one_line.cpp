@@ -18,8 +18,8 @@ std::size_t ControlCharacter(std::string_view text) {
 bool IsContinuation(char c) { return (static_cast<unsigned char>(c) & 0xc0) == 0x80; }
 
 std::string ToUtf8(std::string_view text) {
-  using Json = nlohmann::json;
-  return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace)).get<std::string>();
+  const std::string json = nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return nlohmann::json::parse(json).get<std::string>();
 }
 
 }  // namespace
