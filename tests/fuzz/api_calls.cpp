@@ -25,54 +25,35 @@ bool Succeeded(int result) {
   return result >= 0;
 }
 
-// Creates an object with attributes of its kind.
+// New attributes of one kind, given back in the end.
 template <typename Attr>
-class Attributes {
- public:
-  Attributes(int (*create)(Attr**), int (*remove)(Attr*), int (*set)(Attr*, const char*, const char*))
-      : m_remove(remove), m_set(set) {
-    Require(create(&m_attr) == 0, "attributes can be made");
-  }
-  ~Attributes() { m_remove(m_attr); }
-  Attributes(const Attributes&) = delete;
-  Attributes& operator=(const Attributes&) = delete;
-
-  bool Set(const char* name, const char* value) { return Succeeded(m_set(m_attr, name, value)); }
-  void SetAny(Input& input) {
-    const std::string value =
-        input.ConsumeBool() ? std::to_string(input.ConsumeIntegral<std::uint32_t>()) : input.Text(20);
-    Set(input.PickValueInArray(kOptions), value.c_str());
-  }
-  Attr* Get() const { return m_attr; }
-
- private:
-  int (*m_remove)(Attr*);
-  int (*m_set)(Attr*, const char*, const char*);
-  Attr* m_attr = nullptr;
-};
-
-using ContextAttributes = Attributes<lbm_context_attr_t>;
+std::unique_ptr<Attr, int (*)(Attr*)> MakeAttributes(int (*create)(Attr**), int (*remove)(Attr*)) {
+  Attr* attr = nullptr;
+  Require(create(&attr) == 0, "attributes can be made");
+  return {attr, remove};
+}
 
 lbm_context_t* MakeContext(Input* input = nullptr) {
-  ContextAttributes attributes(lbm_context_attr_create, lbm_context_attr_delete, lbm_context_attr_str_setopt);
-  attributes.Set("operational_mode", "sequential");
-  attributes.Set("transport_ring_size", "65536");
+  const auto attributes = MakeAttributes(lbm_context_attr_create, lbm_context_attr_delete);
+  lbm_context_attr_str_setopt(attributes.get(), "operational_mode", "sequential");
+  lbm_context_attr_str_setopt(attributes.get(), "transport_ring_size", "65536");
   if (input != nullptr && input->UpTo<std::uint8_t>(3) == 0) {
-    attributes.SetAny(*input);
+    const std::string value =
+        input->ConsumeBool() ? std::to_string(input->ConsumeIntegral<std::uint32_t>()) : input->Text(20);
+    Succeeded(lbm_context_attr_str_setopt(attributes.get(), input->PickValueInArray(kOptions), value.c_str()));
   }
   lbm_context_t* context = nullptr;
-  Succeeded(lbm_context_create(&context, attributes.Get(), nullptr, nullptr));
+  Succeeded(lbm_context_create(&context, attributes.get(), nullptr, nullptr));
   return context;
 }
 
 lbm_src_t* MakeSource(lbm_context_t* context, const char* topicName, const char* pacing, lbm_src_cb_proc proc = nullptr,
                       void* clientd = nullptr, lbm_event_queue_t* queue = nullptr) {
-  Attributes<lbm_src_topic_attr_t> attributes(lbm_src_topic_attr_create, lbm_src_topic_attr_delete,
-                                              lbm_src_topic_attr_str_setopt);
-  attributes.Set("transport_pacing", pacing);
+  const auto attributes = MakeAttributes(lbm_src_topic_attr_create, lbm_src_topic_attr_delete);
+  lbm_src_topic_attr_str_setopt(attributes.get(), "transport_pacing", pacing);
   lbm_topic_t* topic = nullptr;
   lbm_src_t* source = nullptr;
-  if (Succeeded(lbm_src_topic_alloc(&topic, context, topicName, attributes.Get()))) {
+  if (Succeeded(lbm_src_topic_alloc(&topic, context, topicName, attributes.get()))) {
     Succeeded(lbm_src_create(&source, context, topic, proc, clientd, queue));
   }
   return source;
@@ -148,118 +129,134 @@ class Witness {
   bool m_began = false;
 };
 
+class AnyObjects {
+ public:
+  virtual ~AnyObjects() = default;
+  virtual void DeleteOne(Input& input) = 0;
+  virtual bool Empty() const = 0;
+};
+
 // Objects of one kind that are alive.
 template <typename T>
-class Objects {
+class Objects final : public AnyObjects {
  public:
   explicit Objects(int (*remove)(T*)) : m_remove(remove) {}
 
-  void Add(T* object) {
-    if (object != nullptr) {
-      m_objects.push_back(object);
+  // Unless there are enough. make: gives null when it cannot.
+  template <typename Make>
+  void Add(Make make) {
+    if (m_objects.size() < kMost) {
+      if (T* const made = make()) {
+        m_objects.push_back(made);
+      }
     }
   }
   // Null when there is none.
   T* Pick(Input& input) const {
     return m_objects.empty() ? nullptr : m_objects[input.UpTo<std::size_t>(7) % m_objects.size()];
   }
-  void DeleteOne(Input& input) {
+  void DeleteOne(Input& input) override {
     if (T* const object = Pick(input); object != nullptr) {
       std::erase(m_objects, object);
       Require(m_remove(object) == 0, "objects can be deleted");
     }
   }
-  bool Empty() const { return m_objects.empty(); }
-  bool Full() const { return m_objects.size() == 6; }
+  bool Empty() const override { return m_objects.empty(); }
 
  private:
+  static constexpr std::size_t kMost = 6;
+
   int (*const m_remove)(T*);
   std::vector<T*> m_objects;
 };
 
+// A message that was kept, and what it said.
+struct Kept {
+  lbm_msg_t* message;
+  std::uint32_t sequence;
+  std::size_t length;
+};
+int GiveBack(Kept* object) {
+  const std::unique_ptr<const Kept> kept(object);
+  Require(kept->message->sequence_number == kept->sequence && kept->message->len == kept->length,
+          "messages that are kept stay as they are");
+  return lbm_msg_delete(kept->message);
+}
+
 class Program {
  public:
-  explicit Program(Input& input) : m_input(input) { m_contexts.Add(MakeContext(&input)); }
+  explicit Program(Input& input) : m_input(input) {
+    m_contexts.Add([&] { return MakeContext(&input); });
+  }
 
   void Run() {
     for (int steps = 0; m_input.Left() && steps < 200; ++steps) {
       Step();
     }
-    for (unsigned kind = m_input.UpTo<std::uint8_t>(kKinds - 1); !AllDeleted(); ++kind) {
-      Delete(kind % kKinds);
+    const auto isEmpty = [](const AnyObjects* objects) { return objects->Empty(); };
+    for (std::size_t kind = AnyKind(); !std::all_of(m_all.begin(), m_all.end(), isEmpty); ++kind) {
+      Delete(kind % m_all.size());
     }
   }
 
  private:
+  // Also with what is not there, which is refused.
   void Step() {
     lbm_context_t* const context = m_contexts.Pick(m_input);
     lbm_src_t* const source = m_sources.Pick(m_input);
     lbm_event_queue_t* const queue = m_input.ConsumeBool() ? m_queues.Pick(m_input) : nullptr;
     switch (m_input.UpTo<std::uint8_t>(13)) {
       case 0:
-        if (!m_contexts.Full()) {
-          m_contexts.Add(MakeContext(&m_input));
-        }
+        m_contexts.Add([&] { return MakeContext(&m_input); });
         break;
       case 1:
-        if (context != nullptr && !m_sources.Full()) {
-          m_sources.Add(MakeSource(context, Topic(), m_input.ConsumeBool() ? "source" : "receiver", &Program::OnEvent,
-                                   this, queue));
-        }
+        m_sources.Add([&] {
+          return MakeSource(context, Topic(), m_input.ConsumeBool() ? "source" : "receiver", &Program::OnEvent, this,
+                            queue);
+        });
         break;
       case 2:
-        if (context != nullptr && !m_receivers.Full()) {
-          m_receivers.Add(MakeReceiver(context, Topic(), &Program::OnMessage, this, queue));
-        }
+        m_receivers.Add([&] { return MakeReceiver(context, Topic(), &Program::OnMessage, this, queue); });
         break;
       case 3:
-        if (!m_queues.Full()) {
+        m_queues.Add([] {
           lbm_event_queue_t* made = nullptr;
           Succeeded(lbm_event_queue_create(&made, nullptr, nullptr, nullptr));
-          m_queues.Add(made);
-        }
+          return made;
+        });
         break;
       case 4:
-        if (source != nullptr && !m_requests.Full()) {
+        m_requests.Add([&] {
           lbm_request_t* request = nullptr;
           Succeeded(lbm_send_request(&request, source, m_data.data(), Size(), &Program::OnResponse, this, queue,
                                      LBM_SRC_NONBLOCK));
-          m_requests.Add(request);
-        }
+          return request;
+        });
         break;
       case 5:
-        if (lbm_response_t* const response = m_responses.Pick(m_input); response != nullptr) {
-          Succeeded(lbm_send_response(response, m_data.data(), Size(), LBM_SRC_NONBLOCK));
-        }
+        Succeeded(lbm_send_response(m_responses.Pick(m_input), m_data.data(), Size(), LBM_SRC_NONBLOCK));
         break;
       case 6:
-        Delete(m_input.UpTo<std::uint8_t>(kKinds - 1));
+        Delete(AnyKind());
         break;
       case 7:
         Options(context, source);
         break;
       case 8:
-        if (queue != nullptr) {
-          m_input.UpTo<std::uint8_t>(15) == 0 ? lbm_event_queue_shutdown(queue)
-                                              : lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL);
-        }
+        Succeeded(m_input.UpTo<std::uint8_t>(15) == 0 ? lbm_event_queue_shutdown(queue)
+                                                      : lbm_event_dispatch(queue, LBM_EVENT_QUEUE_POLL));
         break;
-      case 9:
-        if (source != nullptr) {
-          const lbm_src_send_ex_info_t channel{LBM_SRC_SEND_EX_FLAG_CHANNEL, m_input.ConsumeIntegral<std::uint32_t>()};
-          Succeeded(lbm_src_send_ex(source, m_data.data(), Size(), LBM_SRC_NONBLOCK, &channel));
-        }
+      case 9: {
+        const lbm_src_send_ex_info_t channel{LBM_SRC_SEND_EX_FLAG_CHANNEL, m_input.ConsumeIntegral<std::uint32_t>()};
+        Succeeded(lbm_src_send_ex(source, m_data.data(), Size(), LBM_SRC_NONBLOCK, &channel));
         break;
+      }
       case 10:
       case 11:
-        if (source != nullptr) {
-          Succeeded(lbm_src_send(source, m_data.data(), Size(), LBM_SRC_NONBLOCK | LBM_SRC_FLUSH));
-        }
+        Succeeded(lbm_src_send(source, m_data.data(), Size(), LBM_SRC_NONBLOCK | LBM_SRC_FLUSH));
         break;
       default:
-        if (context != nullptr) {
-          lbm_context_process_events(context, m_input.ConsumeBool() ? 1 : 0);
-        }
+        Succeeded(lbm_context_process_events(context, m_input.ConsumeBool() ? 1 : 0));
     }
   }
 
@@ -268,39 +265,19 @@ class Program {
     const std::string value = m_input.Text(20);
     std::array<char, 64> buffer{};
     std::size_t size = m_input.UpTo(buffer.size());
-    if (context != nullptr && m_input.ConsumeBool()) {
+    if (m_input.ConsumeBool()) {
       Succeeded(lbm_context_str_setopt(context, name, value.c_str()));
       Succeeded(lbm_context_str_getopt(context, name, buffer.data(), &size));
-    } else if (source != nullptr) {
+    } else {
       Succeeded(lbm_src_getopt(source, name, buffer.data(), &size));
     }
   }
 
-  static constexpr unsigned kKinds = 7;
-
-  void Delete(unsigned kind) {
-    switch (kind) {
-      case 0:
-        return m_contexts.DeleteOne(m_input);
-      case 1:
-        return m_sources.DeleteOne(m_input);
-      case 2:
-        return m_receivers.DeleteOne(m_input);
-      case 3:
-        return m_requests.DeleteOne(m_input);
-      case 4:
-        return m_responses.DeleteOne(m_input);
-      case 5:
-        return m_messages.DeleteOne(m_input);
-      default:
-        if (!m_inCallback) {  // one of the queue's own, perhaps
-          m_queues.DeleteOne(m_input);
-        }
+  std::size_t AnyKind() { return m_input.UpTo<std::uint8_t>(static_cast<std::uint8_t>(m_all.size() - 1)); }
+  void Delete(std::size_t kind) {
+    if (!m_inCallback || m_all[kind] != &m_queues) {  // the callback may be one of the queue's own
+      m_all[kind]->DeleteOne(m_input);
     }
-  }
-  bool AllDeleted() const {
-    return m_contexts.Empty() && m_sources.Empty() && m_receivers.Empty() && m_requests.Empty() &&
-           m_responses.Empty() && m_messages.Empty() && m_queues.Empty();
   }
 
   std::string m_topicName;
@@ -315,9 +292,9 @@ class Program {
     m_inCallback = true;
     const auto what = m_input.UpTo<std::uint8_t>(7);
     if (what == 0) {
-      Delete(m_input.UpTo<std::uint8_t>(kKinds - 1));
-    } else if (lbm_src_t* const source = m_sources.Pick(m_input); what == 1 && source != nullptr) {
-      Succeeded(lbm_src_send(source, m_data.data(), Size(), LBM_SRC_NONBLOCK));
+      Delete(AnyKind());
+    } else if (what == 1) {
+      Succeeded(lbm_src_send(m_sources.Pick(m_input), m_data.data(), Size(), LBM_SRC_NONBLOCK));
     }
     m_inCallback = false;
   }
@@ -329,8 +306,8 @@ class Program {
   static int OnMessage(lbm_rcv_t*, lbm_msg_t* message, void* clientd) {
     auto& self = *static_cast<Program*>(clientd);
     self.Keep(message);
-    if (message->response != nullptr && self.m_input.ConsumeBool() && !self.m_responses.Full()) {
-      self.m_responses.Add(std::exchange(message->response, nullptr));
+    if (message->response != nullptr && self.m_input.ConsumeBool()) {
+      self.m_responses.Add([&] { return std::exchange(message->response, nullptr); });
     }
     self.React();
     return 0;
@@ -345,9 +322,11 @@ class Program {
     Require(message->source != nullptr && message->topic_name != nullptr, "messages have names");
     Require(message->data != nullptr || message->len == 0 || message->type == LBM_MSG_UNRECOVERABLE_LOSS_BURST,
             "messages have their data");
-    if (m_input.UpTo<std::uint8_t>(3) == 0 && !m_messages.Full()) {
-      Require(lbm_msg_retain(message) == 0, "messages can be kept");
-      m_messages.Add(message);
+    if (m_input.UpTo<std::uint8_t>(3) == 0) {
+      m_messages.Add([&] {
+        Require(lbm_msg_retain(message) == 0, "messages can be kept");
+        return new Kept{message, message->sequence_number, message->len};
+      });
     }
   }
 
@@ -360,7 +339,9 @@ class Program {
   Objects<lbm_event_queue_t> m_queues{lbm_event_queue_delete};
   Objects<lbm_request_t> m_requests{lbm_request_delete};
   Objects<lbm_response_t> m_responses{lbm_response_delete};
-  Objects<lbm_msg_t> m_messages{lbm_msg_delete};
+  Objects<Kept> m_messages{GiveBack};
+  const std::array<AnyObjects*, 7> m_all{&m_contexts,  &m_sources,  &m_receivers, &m_requests,
+                                         &m_responses, &m_messages, &m_queues};
 };
 
 void CallAnything(Input& input) {

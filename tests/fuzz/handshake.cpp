@@ -22,28 +22,27 @@ std::vector<std::byte> Hello(Input& input) {
   return frame;
 }
 
-void Attack(Input& input) {
-  static const zq::posix::Descriptor file(::open("/dev/null", O_RDWR | O_CLOEXEC));
-  static HostNeighbours neighbours;
-  neighbours.Begin();
+struct Place : HostNeighbours {
+  const zq::posix::Descriptor file{::open("/dev/null", O_RDWR | O_CLOEXEC)};
+};
+
+void Attack(Input& input, Place& neighbours) {
   std::vector<host::RawPeer> peers;
   while (input.Left() && peers.size() < 4) {
     peers.push_back(neighbours.Connect());
     for (auto packets = input.UpTo<std::uint8_t>(4); packets > 0; --packets) {
       const auto frame = input.ConsumeBool() ? Hello(input) : input.Bytes(200);
       const auto descriptors = input.Plausible<std::uint8_t>(0) % (host::RawPacket::kDescriptorsMax + 1);
-      peers.back().Send(frame, descriptors == 0 ? -1 : file.Get(), descriptors);
+      peers.back().Send(frame, descriptors == 0 ? -1 : neighbours.file.Get(), descriptors);
       if (input.ConsumeBool()) {
         neighbours.Settle();
       }
     }
   }
   neighbours.Settle();
-  peers.clear();
-  neighbours.Check();
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Attack)
+FUZZ_NEIGHBOURS_WITH(fuzz::Attack)

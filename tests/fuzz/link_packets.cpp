@@ -47,13 +47,13 @@ std::vector<std::byte> Frame(Input& input, wire::Type type) {
   return frame;
 }
 
-struct Descriptors {
+struct Place : HostNeighbours {
   const zq::posix::Descriptor file{::open("/dev/null", O_RDWR | O_CLOEXEC)};
   const host::ParkingWord parkingWord;
 };
 
 // Sends a frame, now and then a damaged one, and what it needs beside it, or something else.
-void Send(Input& input, const host::RawPeer& peer, const Descriptors& descriptors) {
+void Send(Input& input, const host::RawPeer& peer, const Place& neighbours) {
   const auto type = input.Plausible<std::uint16_t>(static_cast<std::uint16_t>(wire::Type::kCredit));
   auto frame = Frame(input, static_cast<wire::Type>(type));
   const auto damage = input.UpTo<std::uint8_t>(15);
@@ -66,46 +66,40 @@ void Send(Input& input, const host::RawPeer& peer, const Descriptors& descriptor
   std::size_t count = 1;
   zq::posix::Descriptor ring;
   if (static_cast<wire::Type>(type) == wire::Type::kParkingWord) {
-    descriptor = descriptors.parkingWord.GetDescriptor();
+    descriptor = neighbours.parkingWord.GetDescriptor();
   } else if (wire::CarriesDescriptor(static_cast<wire::Type>(type))) {
     ring = std::move(host::RingMemory::Create(host::kRingBytesMin).memory);
     descriptor = ring.Get();
   }
   if (input.UpTo<std::uint8_t>(15) == 0) {
-    descriptor = input.ConsumeBool() ? descriptors.file.Get() : -1;
+    descriptor = input.ConsumeBool() ? neighbours.file.Get() : -1;
     count = input.ConsumeIntegralInRange<std::size_t>(1, host::RawPacket::kDescriptorsMax);
   }
   peer.Send(frame, descriptor, count);
 }
 
-void Attack(Input& input) {
-  static const Descriptors descriptors;
-  static HostNeighbours neighbours;
-  neighbours.Begin();
-  {
-    const host::RawPeer peer = neighbours.ConnectAndGreet();
-    for (int steps = 0; input.Left() && steps < 60; ++steps) {
-      switch (input.UpTo<std::uint8_t>(7)) {
-        case 0:
-          neighbours.Settle();
-          break;
-        case 1:
-          peer.CutOff();  // reads what there is
-          break;
-        case 2:
-          neighbours.Publish(input.ConsumeBool() ? transport::Pacing::kSource : transport::Pacing::kReceiver,
-                             input.UpTo<std::size_t>(3'000));
-          break;
-        default:
-          Send(input, peer, descriptors);
-      }
+void Attack(Input& input, Place& neighbours) {
+  const host::RawPeer peer = neighbours.ConnectAndGreet();
+  for (int steps = 0; input.Left() && steps < 60; ++steps) {
+    switch (input.UpTo<std::uint8_t>(7)) {
+      case 0:
+        neighbours.Settle();
+        break;
+      case 1:
+        peer.CutOff();  // reads what there is
+        break;
+      case 2:
+        neighbours.Publish(input.ConsumeBool() ? transport::Pacing::kSource : transport::Pacing::kReceiver,
+                           input.UpTo<std::size_t>(3'000));
+        break;
+      default:
+        Send(input, peer, neighbours);
     }
-    neighbours.Settle();
   }
-  neighbours.Check();
+  neighbours.Settle();
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Attack)
+FUZZ_NEIGHBOURS_WITH(fuzz::Attack)

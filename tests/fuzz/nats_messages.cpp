@@ -9,6 +9,7 @@
 #include "harness/neighbours.h"
 #include "test_support/nats_server.h"
 #include "transport/instance.h"
+#include "transport/nats/connection.h"
 #include "transport/nats/nats_transport.h"
 #include "transport/nats/subjects.h"
 #include "transport/nats/wire.h"
@@ -37,22 +38,18 @@ struct Place {
 class NatsNeighbours : public Place, public Neighbours {
  public:
   NatsNeighbours() : Neighbours([this](const std::string& name) { return nats::JoinNatsDomain(SettingsFor(name)); }) {
-    natsOptions* options = nullptr;
-    natsOptions_Create(&options);
-    natsOptions_SetURL(options, server.Url().c_str());
-    Require(natsConnection_Connect(&m_attacker, options) == NATS_OK, "the attacker can connect");
-    natsOptions_Destroy(options);
+    Require(natsConnection_ConnectTo(&m_attacker, server.Url().c_str()) == NATS_OK, "the attacker can connect");
     for (std::uint8_t instance = 0; instance <= kInstancesMax; ++instance) {
-      natsConnection_SubscribeSync(&m_inboxes[instance], m_attacker, subjects.Inbox(instance).c_str());
+      natsSubscription* made = nullptr;
+      natsConnection_SubscribeSync(&made, m_attacker, subjects.Inbox(instance).c_str());
+      m_inboxes[instance].reset(made);
     }
     const std::string identity = Victim().Context().Identity();
     inbox = subjects.Inbox(0);
     inbox.replace(inbox.rfind('.') + 1, std::string::npos, identity.substr(identity.rfind('.') + 1));
   }
   ~NatsNeighbours() {
-    for (natsSubscription* const subscription : m_inboxes) {
-      natsSubscription_Destroy(subscription);
-    }
+    m_inboxes = {};
     natsConnection_Destroy(m_attacker);
   }
   NatsNeighbours(const NatsNeighbours&) = delete;
@@ -68,15 +65,12 @@ class NatsNeighbours : public Place, public Neighbours {
   }
   // The token of the victim's last subscription to a source of the instance.
   std::uint32_t Token(std::uint8_t instance) {
-    natsMsg* message = nullptr;
-    while (natsSubscription_NextMsg(&message, m_inboxes[instance], 0) == NATS_OK) {
-      const auto size = static_cast<std::size_t>(natsMsg_GetDataLength(message));
-      if (size >= sizeof(wire::Subscription)) {
+    while (const nats::Message message = nats::Next(m_inboxes[instance].get())) {
+      if (const auto bytes = nats::BytesOf(message); bytes.size() >= sizeof(wire::Subscription)) {
         wire::Subscription last;
-        std::memcpy(&last, natsMsg_GetData(message) + size - sizeof last, sizeof last);
+        std::memcpy(&last, &bytes[bytes.size() - sizeof last], sizeof last);
         m_tokens[instance] = last.token;
       }
-      natsMsg_Destroy(message);
     }
     return m_tokens[instance];
   }
@@ -86,7 +80,7 @@ class NatsNeighbours : public Place, public Neighbours {
 
  private:
   natsConnection* m_attacker = nullptr;
-  std::array<natsSubscription*, kInstancesMax + 1> m_inboxes{};
+  std::array<nats::SubscriptionHandle, kInstancesMax + 1> m_inboxes;
   std::array<std::uint32_t, kInstancesMax + 1> m_tokens{};
 };
 
@@ -204,9 +198,7 @@ void SayBye(NatsNeighbours& neighbours) {
   neighbours.Arrive();
 }
 
-void Attack(Input& input) {
-  static NatsNeighbours neighbours;
-  neighbours.Begin();
+void Attack(Input& input, NatsNeighbours& neighbours) {
   for (int steps = 0; input.Left() && steps < 40; ++steps) {
     if (input.UpTo<std::uint8_t>(3) == 0) {
       neighbours.Arrive();
@@ -215,10 +207,9 @@ void Attack(Input& input) {
     neighbours.Say(said.subject, said.message);
   }
   SayBye(neighbours);
-  neighbours.Check();
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Attack)
+FUZZ_NEIGHBOURS_WITH(fuzz::Attack)

@@ -55,31 +55,26 @@ void Change(Input& input, const zq::posix::Descriptor& memory) {
   }
 }
 
-void Attack(Input& input) {
-  static HostNeighbours neighbours;
-  neighbours.Begin();
-  {
-    const host::RawPeer peer = neighbours.ConnectAndGreet();
-    for (int steps = 0; input.Left() && steps < 8; ++steps) {
-      const zq::posix::Descriptor memory = Memory(input);
-      peer.Send(input.PickValueInArray({wire::Type::kRing, wire::Type::kPacedRing, wire::Type::kParkingWord}),
-                memory.Get());
-      const wire::Subscribe subscription{.source = input.ConsumeIntegralInRange<std::uint32_t>(1, 2), .token = 1};
-      if (input.ConsumeBool()) {
-        peer.Send(wire::BytesOf(subscription));
-      }
+void Attack(Input& input, HostNeighbours& neighbours) {
+  const host::RawPeer peer = neighbours.ConnectAndGreet();
+  for (int steps = 0; input.Left() && steps < 8; ++steps) {
+    const zq::posix::Descriptor memory = Memory(input);
+    peer.Send(input.PickValueInArray({wire::Type::kRing, wire::Type::kPacedRing, wire::Type::kParkingWord}),
+              memory.Get());
+    const wire::Subscribe subscription{.source = input.ConsumeIntegralInRange<std::uint32_t>(1, 2), .token = 1};
+    if (input.ConsumeBool()) {
+      peer.Send(wire::BytesOf(subscription));
+    }
+    neighbours.Settle();
+    for (auto changes = input.UpTo<std::uint8_t>(3); changes > 0; --changes) {
+      Change(input, memory);
+      neighbours.Publish(transport::Pacing::kSource, input.UpTo<std::size_t>(1'000));
       neighbours.Settle();
-      for (auto changes = input.UpTo<std::uint8_t>(3); changes > 0; --changes) {
-        Change(input, memory);
-        neighbours.Publish(transport::Pacing::kSource, input.UpTo<std::size_t>(1'000));
-        neighbours.Settle();
-      }
     }
   }
-  neighbours.Check();
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Attack)
+FUZZ_NEIGHBOURS_WITH(fuzz::Attack)

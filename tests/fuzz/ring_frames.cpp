@@ -54,49 +54,44 @@ void Put(Input& input, host::RawRing& ring) {
   }
 }
 
-void Attack(Input& input) {
-  static HostNeighbours neighbours;
-  neighbours.Begin();
-  {
-    const host::RawPeer peer = neighbours.ConnectAndGreet();
-    wire::TopicBatch batch(wire::Type::kAdvertise);
-    const auto send = [&](transport::Bytes packet) { peer.Send(packet); };
-    batch.Add(1, "attack", send);
-    batch.Add(2, "attack", send);
-    batch.Finish(send);
-    std::array<host::RawRing, 2> rings{host::RawRing(peer), host::RawRing(peer, wire::Type::kPacedRing)};
-    for (std::uint32_t source = 1; input.UpTo<std::uint8_t>(7) != 0 && source <= 2; ++source) {
-      rings[source - 1].Put(wire::Type::kSubscribed, wire::BytesOf(wire::Subscribed{source, 1, 0}));
-    }
-    neighbours.Settle();
-    for (int steps = 0; input.Left() && steps < 100; ++steps) {
-      host::RawRing& ring = rings[input.ConsumeBool() ? 1 : 0];
-      switch (input.UpTo<std::uint8_t>(9)) {
-        case 0:
-          neighbours.Settle();
-          break;
-        case 1:
-          input.Damage(ring.Bytes().first(input.ConsumeBool() ? 256 : ring.Bytes().size()));
-          break;
-        case 2:
-          input.Damage(std::as_writable_bytes(std::span(&ring.Control(), 1)));
-          break;
-        case 3:
-          neighbours.Victim().takes = input.ConsumeBool();
-          break;
-        case 4:
-          ring.Control().creditRequests = input.Plausible(3U);
-          break;
-        default:
-          Put(input, ring);
-      }
-    }
-    neighbours.Settle();
+void Attack(Input& input, HostNeighbours& neighbours) {
+  const host::RawPeer peer = neighbours.ConnectAndGreet();
+  wire::TopicBatch batch(wire::Type::kAdvertise);
+  const auto send = [&](transport::Bytes packet) { peer.Send(packet); };
+  batch.Add(1, "attack", send);
+  batch.Add(2, "attack", send);
+  batch.Finish(send);
+  std::array<host::RawRing, 2> rings{host::RawRing(peer), host::RawRing(peer, wire::Type::kPacedRing)};
+  for (std::uint32_t source = 1; input.UpTo<std::uint8_t>(7) != 0 && source <= 2; ++source) {
+    rings[source - 1].Put(wire::Type::kSubscribed, wire::BytesOf(wire::Subscribed{source, 1, 0}));
   }
-  neighbours.Check();
+  neighbours.Settle();
+  for (int steps = 0; input.Left() && steps < 100; ++steps) {
+    host::RawRing& ring = rings[input.ConsumeBool() ? 1 : 0];
+    switch (input.UpTo<std::uint8_t>(9)) {
+      case 0:
+        neighbours.Settle();
+        break;
+      case 1:
+        input.Damage(ring.Bytes().first(input.ConsumeBool() ? 256 : ring.Bytes().size()));
+        break;
+      case 2:
+        input.Damage(std::as_writable_bytes(std::span(&ring.Control(), 1)));
+        break;
+      case 3:
+        neighbours.Victim().takes = input.ConsumeBool();
+        break;
+      case 4:
+        ring.Control().creditRequests = input.Plausible(3U);
+        break;
+      default:
+        Put(input, ring);
+    }
+  }
+  neighbours.Settle();
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Attack)
+FUZZ_NEIGHBOURS_WITH(fuzz::Attack)

@@ -94,11 +94,8 @@ class Rubbish {
   void AddSocket(Input& input, const fs::path& path) {
     const int type = input.UpTo<std::uint8_t>(3) == 0 ? SOCK_DGRAM : SOCK_SEQPACKET;
     zq::posix::Descriptor socket(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.native().size() < sizeof address.sun_path) {
-      path.native().copy(address.sun_path, sizeof address.sun_path);
-      ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (path.native().size() < sizeof(sockaddr_un::sun_path)) {
+      host::AtAddress(::bind, socket, path);
       if (input.ConsumeBool()) {
         ::listen(socket.Get(), input.UpTo<std::uint8_t>(1));
       }
@@ -114,12 +111,10 @@ class Rubbish {
   std::vector<zq::posix::Descriptor> m_sockets;
 };
 
-void Join(Input& input) {
+void Join(Input& input, HostNeighbours& neighbours) {
   static const test_support::TemporaryDirectory outside;
-  static HostNeighbours neighbours;
   const fs::path kept = outside.Path() / ("key." + std::to_string(INT32_MAX) + "-0");
   std::ofstream(kept) << "somebody's";
-  neighbours.Begin();
   {
     Rubbish rubbish(neighbours.directory.Path() / "test", outside.Path());
     for (int files = 0; input.Left() && files < 12; ++files) {
@@ -127,11 +122,10 @@ void Join(Input& input) {
     }
     neighbours.Welcome(host::JoinHostDomain(neighbours.SettingsFor("newcomer")));
   }
-  neighbours.Check();
   Require(fs::exists(kept), "nothing outside of the directory is touched");
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Join)
+FUZZ_NEIGHBOURS_WITH(fuzz::Join)

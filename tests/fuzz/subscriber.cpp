@@ -85,22 +85,17 @@ class Subscriber {
   std::uint32_t m_token = 0;
 };
 
-void Attack(Input& input) {
-  static HostNeighbours neighbours;
-  neighbours.Begin();
-  {
-    Subscriber subscriber(neighbours);
-    subscriber.Subscribe(1);
-    subscriber.Subscribe(2);
-    for (int steps = 0; input.Left() && steps < 200; ++steps) {
-      subscriber.Step(input);
-    }
-    neighbours.Settle();
+void Attack(Input& input, HostNeighbours& neighbours) {
+  Subscriber subscriber(neighbours);
+  subscriber.Subscribe(1);
+  subscriber.Subscribe(2);
+  for (int steps = 0; input.Left() && steps < 200; ++steps) {
+    subscriber.Step(input);
   }
-  neighbours.Check();
+  neighbours.Settle();
 }
 
 }  // namespace
 }  // namespace fuzz
 
-FUZZ_WITH(fuzz::Attack)
+FUZZ_NEIGHBOURS_WITH(fuzz::Attack)

@@ -37,7 +37,9 @@ std::string Wrapped(Input& input, int usualType, const std::string& payload) {
     wire.mutable_header()->set_msg_type(static_cast<messaging::Header::MessageType>(
         input.UpTo<std::uint8_t>(15) != 0 ? usualType : input.ConsumeIntegral<int>()));
   }
-  wire.add_payload(payload);
+  if (input.UpTo<std::uint8_t>(15) != 0) {
+    wire.add_payload(payload);
+  }
   return wire.SerializeAsString();
 }
 
@@ -86,6 +88,8 @@ void Handle(Input& input) {
     triage::TriageResponse response;
     wire.ParseFromString(request);
     action.ParseFromString(wire.payload_size() > 0 ? wire.payload(0) : std::string());
+    Require(action.wire().header().has_msg_type() && action.wire().payload_size() > 0,
+            "what has no request is dropped");
     Require(response.ParseFromString(answers[0].Text("data")) && response.request_id() == action.request_id(),
             "an answer has the id of its request");
   }

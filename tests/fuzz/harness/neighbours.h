@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "harness/input.h"
 #include "harness/oracle.h"
 #include "transport/transport.h"
 
@@ -99,4 +100,16 @@ class Neighbours {
   Sender m_ofServer;
 };
 
+// Attacks the same neighbours with each input. The attacker has to be gone when the function returns.
+template <typename Kind>
+void AttackNeighbours(Input& input, void (*attack)(Input&, Kind&)) {
+  static Kind neighbours;
+  neighbours.Begin();
+  attack(input, neighbours);
+  neighbours.Check();
+}
+
 }  // namespace fuzz
+
+// The fuzzer's entry, for such a function.
+#define FUZZ_NEIGHBOURS_WITH(function) FUZZ_WITH([](fuzz::Input& one) { fuzz::AttackNeighbours(one, function); })
