@@ -3,11 +3,16 @@
 A block marked as console has commands behind "$ ", each with what it prints below it, where "…" stands for anything and
 a line of it alone for any number of lines. Another block is a file if the line above it ends with its name and a colon.
 What a test cannot do, such as becoming root, stands behind a comment that begins with "not run" and says why.
+
+Commands of different machines have these names before "$ ". Here each machine is a folder and a runtime directory, the
+addresses are this machine's, and the ports free ones.
 """
 
+import contextlib
 import os
 import re
 import signal
+import socket
 import subprocess
 import tempfile
 import unittest
@@ -15,15 +20,21 @@ from pathlib import Path
 
 PREFIX = Path(os.environ["PREFIX"])
 SOURCE = Path(os.environ["SOURCE"])
-PAGES = [SOURCE / "docs/tutorial.md", *sorted((SOURCE / "docs/howto").glob("*.md"))]
+DOCS = SOURCE / "docs"
+PAGES = [
+    *(DOCS / name for name in ("tutorial.md", "operations.md", "many-machines.md")),
+    *sorted((DOCS / "howto").glob("*.md")),
+]
 
 BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.M | re.S)
 NAME = re.compile(r"`([\w./-]+)`:\s*\Z")
+PROMPT = re.compile(r"(\w*)\$ (.*)")
 NOT_RUN = re.compile(r"<!-- not run: [^>]+ -->\s*\Z")
 
 
 class Command:
-    def __init__(self, line):
+    def __init__(self, machine, line):
+        self.machine = machine
         self.line = line
         self.expected = []
 
@@ -45,8 +56,8 @@ def steps_of(page):
             continue
         if kind == "console":
             for line in text.splitlines():
-                if line.startswith("$ "):
-                    steps.append(Command(line[2:]))
+                if prompt := PROMPT.match(line):
+                    steps.append(Command(*prompt.groups()))
                 elif steps[-1].line.endswith("\\"):
                     steps[-1].line += "\n" + line
                 else:
@@ -67,12 +78,32 @@ def licensed_library(directory):
     return root
 
 
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return str(probe.getsockname()[1])
+
+
+def here(page):
+    """The page, for this machine."""
+    for there, place in (
+        ("0.0.0.0", "127.0.0.1"),
+        ("nats://hub:", "nats://127.0.0.1:"),
+        ("4222", free_port()),
+        ("8222", free_port()),
+        ("/usr/share/price_connector/prices", f"{SOURCE}/data"),
+    ):
+        page = page.replace(there, place)
+    return page
+
+
 class Shell:
     """A bash that has the installation in its path, and all that it starts."""
 
     def __init__(self, directory):
+        directory.mkdir(exist_ok=True)
         environment = dict(
-            os.environ,
+            {name: value for name, value in os.environ.items() if name != "DISABLE_LBM_TRIAGE_HANDLER"},
             PATH=f"{PREFIX}/bin:{os.environ['PATH']}",
             CMAKE_PREFIX_PATH=str(PREFIX),
             CMAKE_GENERATOR="Ninja",
@@ -112,21 +143,24 @@ class Shell:
 
 class PagesTest(unittest.TestCase):
     def follow(self, page):
-        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as directory:
-            shell = Shell(directory)
-            try:
-                for step in steps_of(page.read_text(encoding="utf-8")):
-                    if isinstance(step, tuple):
-                        file = Path(directory) / step[0]
+        steps = steps_of(here(page.read_text(encoding="utf-8")))
+        self.assertTrue(steps)
+        with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as directory, contextlib.ExitStack() as at_end:
+            shells = {}
+            for machine in {step.machine for step in steps if isinstance(step, Command)}:
+                shells[machine] = Shell(Path(directory) / machine)
+                at_end.callback(shells[machine].close)
+            for step in steps:
+                if isinstance(step, tuple):
+                    for machine in shells:
+                        file = Path(directory) / machine / step[0]
                         file.parent.mkdir(parents=True, exist_ok=True)
                         file.write_text(step[1], encoding="utf-8")
-                        continue
-                    said, code = shell.run(step.line)
-                    self.assertEqual(code, 0, f"{page.name}: $ {step.line}\n{said}")
-                    if step.expected and not re.fullmatch(step.pattern(), said if said.endswith("\n") else said + "\n"):
-                        self.fail(f"{page.name}: $ {step.line}\nis to print\n{step.pattern()}\nand prints\n{said}")
-            finally:
-                shell.close()
+                    continue
+                said, code = shells[step.machine].run(step.line)
+                self.assertEqual(code, 0, f"{page.name}: $ {step.line}\n{said}")
+                if step.expected and not re.fullmatch(step.pattern(), said if said.endswith("\n") else said + "\n"):
+                    self.fail(f"{page.name}: $ {step.line}\nis to print\n{step.pattern()}\nand prints\n{said}")
 
     def test_the_versions_of_the_protocols_are_told(self):
         told = (SOURCE / "docs/howto/upgrading.md").read_text(encoding="utf-8")
@@ -139,7 +173,6 @@ class PagesTest(unittest.TestCase):
         self.assertGreater(len(PAGES), 5)
         for page in PAGES:
             with self.subTest(page.name):
-                self.assertTrue(steps_of(page.read_text(encoding="utf-8")))
                 self.follow(page)
 
 
