@@ -37,7 +37,9 @@ struct Place {
 
 class NatsNeighbours : public Place, public Neighbours {
  public:
-  NatsNeighbours() : Neighbours([this](const std::string& name) { return nats::JoinNatsDomain(SettingsFor(name)); }) {
+  NatsNeighbours()
+      : Neighbours([this](const std::string& name) { return nats::JoinNatsDomain(SettingsFor(name)); },
+                   Flat::Freed::kLater) {
     Require(natsConnection_ConnectTo(&m_attacker, server.Url().c_str()) == NATS_OK, "the attacker can connect");
     for (std::uint8_t instance = 0; instance <= kInstancesMax; ++instance) {
       natsSubscription* made = nullptr;
@@ -196,6 +198,9 @@ void SayBye(NatsNeighbours& neighbours) {
     neighbours.Say(neighbours.inbox, interest);
   }
   neighbours.Arrive();
+  for (std::uint8_t instance = 0; instance <= kInstancesMax; ++instance) {
+    neighbours.Token(instance);  // takes what has come for it
+  }
 }
 
 void Attack(Input& input, NatsNeighbours& neighbours) {

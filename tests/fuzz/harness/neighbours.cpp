@@ -75,8 +75,8 @@ void Neighbour::OnResponse(std::uint64_t requestId, const std::string&, std::spa
   lastResponse = std::max(lastResponse, requestId);
 }
 
-Neighbours::Neighbours(const Join& join)
-    : m_victim(join("victim")), m_server(join("server")), m_client(join("client")) {
+Neighbours::Neighbours(const Join& join, Flat::Freed freed)
+    : m_freed(freed), m_victim(join("victim")), m_server(join("server")), m_client(join("client")) {
   m_ofServer.publication = m_server.Context().Advertise({"prices", Pacing::kSource});
   m_victim.Expect(*m_ofServer.publication, 0);
   for (const Pacing pacing : {Pacing::kSource, Pacing::kReceiver}) {
@@ -92,7 +92,7 @@ Neighbours::Neighbours(const Join& join)
 
 void Neighbours::Begin() {
   if (!m_flat) {
-    m_flat.emplace();
+    m_flat.emplace(m_freed);
   }
   m_flat->Begin();
 }

@@ -63,7 +63,7 @@ class Neighbours {
  public:
   // Joins as a context of that name.
   using Join = std::function<std::unique_ptr<transport::Transport>(const std::string& name)>;
-  explicit Neighbours(const Join& join);
+  explicit Neighbours(const Join& join, Flat::Freed freed = Flat::Freed::kByTheEnd);
 
   Neighbour& Victim() { return m_victim; }
   // Sends a message of one of the victim's two sources, the ones of either pacing, without waiting.
@@ -92,6 +92,7 @@ class Neighbours {
   };
   static transport::SendResult Send(Neighbour& from, Sender& sender, std::size_t bytes, std::uint64_t request = 0);
 
+  const Flat::Freed m_freed;
   std::optional<Flat> m_flat;
   Neighbour m_victim;  // first, so that it is the one that an attacker finds in a directory
   Neighbour m_server;
