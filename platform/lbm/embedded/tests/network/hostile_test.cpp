@@ -146,6 +146,7 @@ TEST_F(HostileContext, WhatIsNotOfTheProtocolIsIgnoredAndTold) {
         {source, Announcement("PLAYED", version), "run the same release"},
         {source, Announcement("PLAYED", {.kind = wire::Kind{99}, .instance = kInstance}), "no known kind"},
         {source, longName, "a name is longer"},
+        {source, Announcement(std::string(kNameMax, '%')), "longer than a subject can be"},
         {source, cut, "shorter than it says"},
         {inbox, Response(1, kMessageMax + 1, 0, "piece"), "impossible size"},
         {inbox, Response(1, 10, 11, "piece"), "impossible size"},

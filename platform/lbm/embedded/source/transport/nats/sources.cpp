@@ -247,6 +247,9 @@ void SourceTable::OnAnnounce(std::uint64_t instance, Bytes message, Listener& li
     if (m_allSources == nullptr && !m_watched.contains(topic)) {
       return;
     }
+    if (m_subjects.Source(topic).size() > kSubjectMax) {
+      throw Fault("the topic of a source is longer than a subject can be");
+    }
     const auto [peer, added] = m_peers.try_emplace(instance);
     if (added) {
       peer->second.identity = identity;
