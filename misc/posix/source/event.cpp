@@ -15,7 +15,7 @@ Event::Event()
 void Event::Notify() noexcept {
   constexpr std::uint64_t kOne = 1;
   // Fails only when the counter is at its limit: then the descriptor is readable anyhow.
-  static_cast<void>(::write(m_descriptor.Get(), &kOne, sizeof(kOne)));
+  [[maybe_unused]] const ssize_t written = ::write(m_descriptor.Get(), &kOne, sizeof(kOne));
 }
 
 bool Event::Clear() noexcept {

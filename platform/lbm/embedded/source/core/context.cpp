@@ -28,7 +28,7 @@ class Context::CancellationNotice final : public Task {
       : m_context(std::move(context)), m_lastPlace(std::move(last)), m_fd(fd), m_proc(proc), m_clientd(clientd) {}
 
   void Run(std::unique_ptr<Task>& self) override {
-    if (m_visited == m_places.size()) {
+    if (m_visited == m_places.Size()) {
       return CallApplication([&] { m_proc(m_fd, m_clientd); });
     }
     ++m_visited;
@@ -46,7 +46,7 @@ class Context::CancellationNotice final : public Task {
   // Once posted it may be gone at any moment.
   void GoOn(std::unique_ptr<Task>& self) noexcept {
     const std::shared_ptr<Context> context = m_context;
-    const std::shared_ptr<EventQueue> queue = m_visited < m_places.size() ? m_places[m_visited] : m_lastPlace;
+    const std::shared_ptr<EventQueue> queue = m_visited < m_places.Size() ? m_places[m_visited] : m_lastPlace;
     context->RunAt(queue.get(), std::move(self));
   }
 
@@ -60,9 +60,8 @@ class Context::CancellationNotice final : public Task {
 };
 
 std::shared_ptr<Context> Context::Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
-                                         std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle) {
-  std::shared_ptr<Context> context(
-      new Context(std::move(options), std::move(transport), std::move(statistics), handle));
+                                         const std::shared_ptr<ContextStatistics>& statistics, lbm_context_t* handle) {
+  std::shared_ptr<Context> context(new Context(std::move(options), std::move(transport), statistics, handle));
   context->ShowOptions();
   if (!context->m_sequential) {
     const std::lock_guard lock(context->m_threadMutex);
@@ -73,7 +72,7 @@ std::shared_ptr<Context> Context::Create(OptionSet options, std::unique_ptr<tran
 }
 
 Context::Context(OptionSet options, std::unique_ptr<transport::Transport> transport,
-                 std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle)
+                 const std::shared_ptr<ContextStatistics>& statistics, lbm_context_t* handle)
     : m_handle(handle),
       m_options(std::move(options)),
       m_sequential(m_options.Get(option::kOperationalMode) == OperationalMode::kSequential),
@@ -120,7 +119,7 @@ void Context::ProcessEvents(lbm_ulong_t msec) {
   m_dispatcher.Process(msec);
 }
 
-void Context::Remove(std::shared_ptr<const void> handle) noexcept {
+void Context::Remove(const std::shared_ptr<const void>& handle) noexcept {
   const bool own = m_membership->Gate().Dispatching();
   m_dispatcher.End(handle);
   if (m_thread.joinable()) {

@@ -36,10 +36,10 @@ class Context : public RoomWaiter, public std::enable_shared_from_this<Context> 
  public:
   // handle is what callbacks get. In embedded mode the context's thread runs when it returns.
   static std::shared_ptr<Context> Create(OptionSet options, std::unique_ptr<transport::Transport> transport,
-                                         std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle);
+                                         const std::shared_ptr<ContextStatistics>& statistics, lbm_context_t* handle);
 
   // See lbm_context_delete. handle: kept until no callback can be using it; it has to keep this.
-  void Remove(std::shared_ptr<const void> handle) noexcept;
+  void Remove(const std::shared_ptr<const void>& handle) noexcept;
 
   // See lbm_context_process_events. Throws Error when the mode is not sequential.
   void ProcessEvents(lbm_ulong_t msec);
@@ -83,7 +83,7 @@ class Context : public RoomWaiter, public std::enable_shared_from_this<Context> 
   class CancellationNotice;
 
   Context(OptionSet options, std::unique_ptr<transport::Transport> transport,
-          std::shared_ptr<ContextStatistics> statistics, lbm_context_t* handle);
+          const std::shared_ptr<ContextStatistics>& statistics, lbm_context_t* handle);
 
   void RunThread();
   void Finish() noexcept;

@@ -128,7 +128,7 @@ void Descriptors::Add(int fd, lbm_ulong_t events, const DescriptorCallback& call
   try {
     for (const EventName& known : kEvents) {
       if ((known.event & events) != 0) {
-        watched.registrations.push_back(std::make_shared<Registration>(*this, fd, known.event, callback));
+        watched.registrations.Add(std::make_shared<Registration>(*this, fd, known.event, callback));
         ++added;
       }
     }
@@ -136,7 +136,7 @@ void Descriptors::Add(int fd, lbm_ulong_t events, const DescriptorCallback& call
       zq::posix::ThrowErrno("cannot watch descriptor " + std::to_string(fd));
     }
   } catch (...) {
-    if (place->second.registrations.empty()) {
+    if (place->second.registrations.Empty()) {
       m_watched.erase(place);
     }
     throw;
@@ -153,20 +153,20 @@ Descriptors::Registrations Descriptors::Take(int fd, lbm_ulong_t events) {
   if (found != m_watched.end()) {
     Registrations& registrations = found->second.registrations;
     for (auto& registration : std::exchange(registrations, {})) {
-      ((registration->GetEvent() & events) == 0 ? registrations : taken).push_back(std::move(registration));
+      ((registration->GetEvent() & events) == 0 ? registrations : taken).Add(std::move(registration));
     }
-    if (registrations.empty()) {
+    if (registrations.Empty()) {
       m_poller.Remove(fd);
       m_watched.erase(found);
     } else {
       Watch(fd, found->second);
     }
   }
-  if (taken.empty()) {
+  if (taken.Empty()) {
     throw Error(LBM_EINVAL,
                 "descriptor " + std::to_string(fd) + " is not registered for event mask " + std::to_string(events));
   }
-  m_count -= taken.size();
+  m_count -= taken.Size();
   return taken;
 }
 
@@ -180,7 +180,7 @@ Descriptors::Places Descriptors::CancelWithoutWaiting(int fd, lbm_ulong_t events
   Places queues;
   for (const auto& registration : Take(fd, events)) {
     registration->Close();
-    queues.push_back(registration->Queue());
+    queues.Add(registration->Queue());
   }
   return queues;
 }
@@ -196,7 +196,7 @@ std::size_t Descriptors::Ready(int fd, std::uint32_t epollEvents) {
     }
     for (const auto& registration : found->second.registrations) {
       if (registration->armed && (EpollEventsOf(registration->GetEvent()) & epollEvents) != 0) {
-        due.push_back(registration);
+        due.Add(registration);
         if (registration->Queue() != nullptr) {
           registration->armed = false;
           disarmed = true;
@@ -205,14 +205,14 @@ std::size_t Descriptors::Ready(int fd, std::uint32_t epollEvents) {
     }
     if (disarmed) {
       Watch(fd, found->second);
-    } else if (due.empty() && !found->second.once && (epollEvents & (EPOLLHUP | EPOLLERR)) != 0) {
+    } else if (due.Empty() && !found->second.once && (epollEvents & (EPOLLHUP | EPOLLERR)) != 0) {
       Watch(fd, found->second, true);  // nobody is there for it, and it would be reported without end
     }
   }
   for (const auto& registration : due) {
     registration->Dispatch();
   }
-  return due.size();
+  return due.Size();
 }
 
 void Descriptors::Rearm(Registration& registration) {

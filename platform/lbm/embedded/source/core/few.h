@@ -7,19 +7,19 @@
 
 namespace engine::core {
 
-// As std::vector, for Max elements at most.
+// For Max elements at most.
 template <class T, std::size_t Max>
 class Few {
  public:
-  bool empty() const noexcept { return m_size == 0; }
-  std::size_t size() const noexcept { return m_size; }
+  bool Empty() const noexcept { return m_size == 0; }
+  std::size_t Size() const noexcept { return m_size; }
   T& operator[](std::size_t i) noexcept { return m_elements[i]; }
   const T& operator[](std::size_t i) const noexcept { return m_elements[i]; }
   auto begin() noexcept { return m_elements.data(); }
   auto end() noexcept { return m_elements.data() + m_size; }
   auto begin() const noexcept { return m_elements.data(); }
   auto end() const noexcept { return m_elements.data() + m_size; }
-  void push_back(T element) noexcept { m_elements[m_size++] = std::move(element); }
+  void Add(T element) noexcept { m_elements[m_size++] = std::move(element); }
 
  private:
   std::array<T, Max> m_elements{};

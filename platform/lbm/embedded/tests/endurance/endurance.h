@@ -23,7 +23,7 @@ namespace endurance {
 // What the variable of the environment says, or else the default.
 inline long Setting(const char* name, long fallback) {
   const char* const text = std::getenv(name);
-  return text != nullptr ? std::atol(text) : fallback;
+  return text != nullptr ? std::strtol(text, nullptr, 10) : fallback;
 }
 
 // Another one each time, unless LBM_SEED says which; printed, so that a failure can be tried again.
