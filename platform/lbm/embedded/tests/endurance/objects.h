@@ -4,6 +4,7 @@
 #include <lbm/lbm.h>
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 
@@ -13,6 +14,7 @@ namespace endurance {
 
 // A context's life. Whatever belongs to it knows it, also when it is over.
 struct Life {
+  std::size_t place = 0;
   long rank = 0;
   bool siblings = false;             // its callbacks may delete each other's objects, and otherwise the context
   std::atomic<bool> over{false};     // nothing may call back any more
@@ -39,7 +41,6 @@ struct Object {
   std::shared_ptr<Life> life;
   long rank = 0;
   bool queued = false;
-  int context = 0;  // the place
   lbm_src_t* source = nullptr;
   lbm_response_t* response = nullptr;
   zq::posix::Descriptor descriptor;

@@ -163,10 +163,10 @@ class Round {
 
   // A context that a thread of the application is processing, in a callback on that thread.
   void DeleteOwnDrivenContext(const Object& self) {
-    if (self.queued || self.life->siblings || self.context >= static_cast<int>(kDriven)) {
+    if (self.queued || self.life->siblings || self.life->place >= kDriven) {
       return;
     }
-    Place<Context>& place = m_contexts[static_cast<std::size_t>(self.context)];
+    Place<Context>& place = m_contexts[self.life->place];
     if (place.access.TryTakeOver()) {
       EXPECT_EQ(0, lbm_context_delete(std::exchange(place.value->handle, nullptr))) << lbm_errmsg();
     }
@@ -174,6 +174,7 @@ class Round {
 
   std::unique_ptr<Context> NewContext(std::size_t number) {
     auto context = std::make_unique<Context>();
+    context->life->place = number;
     context->life->rank = ++m_rank;
     context->life->siblings = OneIn(2);
     context->handle = engine_test::MakeContext(
@@ -224,7 +225,6 @@ class Round {
     lbm_context_t* const handle = context.Get()->handle;
     lbm_event_queue_t* const evq = queue.Get() != nullptr && OneIn(2) ? queue.Get()->handle : nullptr;
     made = NewObject(AnyOf(kMade), context.Get()->life, evq != nullptr);
-    made->context = static_cast<int>(number);
     const char* const name = AnyOf(kTopics);
     int result = 0;
     if (made->kind == Kind::kReceiver) {
@@ -305,7 +305,7 @@ class Round {
 
   // Whether the descriptor may be closed, or is kept until the end.
   bool Cancel(std::unique_ptr<Object>& object) {
-    const auto context = Use(m_contexts[static_cast<std::size_t>(object->context)]);
+    const auto context = Use(m_contexts[object->life->place]);
     if (context.Get() == nullptr || context.Get()->life != object->life) {
       if (object->life->leaving) {
         Keep(std::move(object));
