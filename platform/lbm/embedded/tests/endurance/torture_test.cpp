@@ -290,20 +290,19 @@ class Round {
 
   // What is deleted is freed at once, so that a sanitizer sees who is called back all the same.
   void Delete(std::unique_ptr<Object>& object, Caller& caller) {
-    if (object->kind == Kind::kDescriptor && !Cancel(object)) {
+    if (object->kind != Kind::kDescriptor) {
+      EXPECT_EQ(0, object->remove()) << lbm_errmsg();
+    } else if (!Cancel(object) || object == nullptr) {
       return;
     }
-    if (object != nullptr && object->remove) {
-      EXPECT_EQ(0, object->remove()) << lbm_errmsg();
-    }
-    if (object != nullptr && object.get() == caller.object) {
+    if (object.get() == caller.object) {
       caller.deletedItself = true;
       static_cast<void>(object.release());  // which its callback frees
     }
     object.reset();
   }
 
-  // Whether the descriptor may be closed, or is kept until the end.
+  // Whether the descriptor may be closed; it may have been kept for the end instead.
   bool Cancel(std::unique_ptr<Object>& object) {
     const auto context = Use(m_contexts[object->life->place]);
     if (context.Get() == nullptr || context.Get()->life != object->life) {

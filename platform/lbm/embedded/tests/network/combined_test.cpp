@@ -31,7 +31,7 @@ class Combined : public testing::Test {
  protected:
   // A source of the first context to which all three have subscribed.
   std::shared_ptr<Publication> Advertise(Pacing pacing) {
-    const auto publication = m_a.transport->Advertise({"T", pacing});
+    auto publication = m_a.transport->Advertise({"T", pacing});
     DrainUntil(m_all, "all three subscriptions", [&] { return EventsThatBegin("joined") == 3; });
     return publication;
   }
